@@ -1,0 +1,56 @@
+#include "core/cycle_check.h"
+
+#include <algorithm>
+#include <unordered_set>
+
+namespace onnxgraft::core {
+
+CycleCheck::CycleCheck(const GraphTable& table, const Rule& rule) : table_(table), rule_(rule) {
+  if (!needed()) return;
+  for (NodeIndex node = 0; node < table.original_count(); ++node) {
+    for (const NameId name : table.implicit_inputs(node)) body_reads_.emplace_back(name, node);
+  }
+  std::ranges::sort(body_reads_);
+  for (const auto& [name, node] : body_reads_) body_nodes_.push_back(node);
+}
+
+std::span<const NodeIndex> CycleCheck::body_readers(NameId name) const {
+  const auto found = std::ranges::equal_range(body_reads_, name, {}, [](const auto& read) { return read.first; });
+  return std::span(body_nodes_).subspan(static_cast<std::size_t>(found.begin() - body_reads_.begin()), found.size());
+}
+
+bool CycleCheck::closes_cycle(std::span<const NodeIndex> nodes, std::span<const NameId> names) {
+  return std::ranges::any_of(rule_.new_dependencies, [&](const Rule::Dependency& dependency) {
+    return reaches(names[dependency.output], names[dependency.input], nodes, names);
+  });
+}
+
+bool CycleCheck::reaches(NameId from, NameId target, std::span<const NodeIndex> nodes,
+                         std::span<const NameId> names) {
+  std::unordered_set<NameId> seen{from};
+  std::vector<NameId> open{from};
+  const auto visit = [&](NameId name) {
+    if (seen.insert(name).second) open.push_back(name);
+  };
+  const auto visit_outputs = [&](std::span<const NodeIndex> readers) {
+    for (const NodeIndex reader : readers) {
+      if (std::ranges::find(nodes, reader) != nodes.end()) continue;
+      for (const NameId output : table_.outputs(reader)) {
+        if (table_.producer(output) == reader) visit(output);
+      }
+    }
+  };
+  while (!open.empty()) {
+    const NameId at = open.back();
+    open.pop_back();
+    if (at == target) return true;
+    visit_outputs(table_.readers(at));
+    visit_outputs(body_readers(at));
+    for (const Rule::Dependency& dependency : rule_.dependencies) {
+      if (names[dependency.input] == at) visit(names[dependency.output]);
+    }
+  }
+  return false;
+}
+
+}  // namespace onnxgraft::core

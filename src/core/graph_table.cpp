@@ -1,0 +1,76 @@
+#include "core/graph_table.h"
+
+#include <stdexcept>
+
+namespace onnxgraft::core {
+
+namespace {
+
+std::span<const NameId> without_trailing_empty(std::span<const NameId> names) {
+  while (!names.empty() && names.back() == no_name) names = names.first(names.size() - 1);
+  return names;
+}
+
+}  // namespace
+
+NodeIndex GraphTable::add_node(NameId op, std::span<const NameId> inputs, std::span<const NameId> outputs,
+                               std::span<const NameId> implicit_inputs) {
+  Node node{op, {}};
+  std::size_t which = 0;
+  for (const auto links : {without_trailing_empty(inputs), without_trailing_empty(outputs), implicit_inputs}) {
+    node.begin[which++] = static_cast<std::uint32_t>(links_.size());
+    links_.insert(links_.end(), links.begin(), links.end());
+  }
+  if (links_.size() >= no_index) throw std::length_error("the graph has more than four billion links");
+  node.begin[which] = static_cast<std::uint32_t>(links_.size());
+  nodes_.push_back(node);
+  return static_cast<NodeIndex>(nodes_.size() - 1);
+}
+
+void GraphTable::set(NameId name, Flag flag) {
+  if (name == no_name) return;
+  if (name >= flags_.size()) flags_.resize(names.size(), 0);
+  flags_[name] |= flag;
+}
+
+void GraphTable::add_initializer(NameId name) { set(name, initializer); }
+
+void GraphTable::add_graph_output(NameId name) { set(name, graph_output); }
+
+void GraphTable::seal() {
+  original_count_ = node_count();
+  const std::size_t count = names.size();
+  producers_.assign(count, no_index);
+  // Counts first, then places: the readers of all tensors in one array, each node once per tensor.
+  std::vector<NodeIndex> last_reader(count, no_index);
+  reader_begin_.assign(count + 1, 0);
+  for (NodeIndex node = 0; node < original_count_; ++node) {
+    for (const NameId name : outputs(node)) {
+      if (name != no_name && producers_[name] == no_index) producers_[name] = node;
+    }
+    for (const NameId name : implicit_inputs(node)) set(name, body_read);
+    for (const NameId name : inputs(node)) {
+      if (name == no_name || last_reader[name] == node) continue;
+      last_reader[name] = node;
+      ++reader_begin_[name + 1];
+    }
+  }
+  for (std::size_t name = 0; name < count; ++name) reader_begin_[name + 1] += reader_begin_[name];
+  readers_.resize(reader_begin_[count]);
+  std::vector<std::uint32_t> at(reader_begin_.begin(), reader_begin_.end() - 1);
+  last_reader.assign(count, no_index);
+  for (NodeIndex node = 0; node < original_count_; ++node) {
+    for (const NameId name : inputs(node)) {
+      if (name == no_name || last_reader[name] == node) continue;
+      last_reader[name] = node;
+      readers_[at[name]++] = node;
+    }
+  }
+}
+
+std::span<const NodeIndex> GraphTable::readers(NameId name) const {
+  if (static_cast<std::size_t>(name) + 1 >= reader_begin_.size()) return {};
+  return std::span(readers_).subspan(reader_begin_[name], reader_begin_[name + 1] - reader_begin_[name]);
+}
+
+}  // namespace onnxgraft::core

@@ -1,0 +1,45 @@
+// Strings <-> dense ids. Id 0 is the empty string, which in ONNX means "omitted".
+//
+// Text is stored in blocks that never move, so views stay valid as long as the table lives.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+namespace onnxgraft::core {
+
+using NameId = std::uint32_t;
+inline constexpr NameId no_name = 0;
+
+class Names {
+ public:
+  Names();
+
+  /// The id of `text`, given out on first sight.
+  NameId intern(std::string_view text);
+  /// The id of `text` if it was seen before.
+  [[nodiscard]] std::optional<NameId> find(std::string_view text) const;
+  [[nodiscard]] std::string_view text(NameId id) const { return texts_[id]; }
+  /// Number of ids, the empty name included.
+  [[nodiscard]] std::size_t size() const { return texts_.size(); }
+
+ private:
+  [[nodiscard]] std::size_t slot_of(std::string_view text, std::size_t hash) const;
+  std::string_view store(std::string_view text);
+  void grow();
+
+  static constexpr std::size_t block_size = 1U << 16U;
+  std::vector<NameId> slots_;  // open addressing; 0 is free, since the empty name is never looked up here
+  std::vector<std::size_t> hashes_;
+  std::vector<std::string_view> texts_;
+  std::deque<std::unique_ptr<char[]>> blocks_;
+  std::size_t block_left_ = 0;
+  char* block_at_ = nullptr;
+};
+
+}  // namespace onnxgraft::core

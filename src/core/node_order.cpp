@@ -1,0 +1,134 @@
+#include "core/node_order.h"
+
+#include <algorithm>
+#include <tuple>
+
+namespace onnxgraft::core {
+
+std::span<const Placement::Place> Placement::places(NodeIndex anchor, Side side) const {
+  const auto found = std::ranges::equal_range(places_, std::tuple(anchor, side), {},
+                                              [](const Place& place) { return std::tuple(place.anchor, place.side); });
+  return {found.begin(), found.end()};
+}
+
+void Placement::write(NodeIndex node, std::vector<NodeIndex>& list) const {
+  for (const Place& place : places(node, Side::front)) list.push_back(place.node);
+  if (!removed_[node]) list.push_back(node);
+  for (const Place& place : places(node, Side::behind)) list.push_back(place.node);
+}
+
+std::vector<NodeIndex> Placement::apply(std::span<const NodeIndex> before) {
+  std::ranges::stable_sort(places_, {}, [](const Place& place) { return std::tuple(place.anchor, place.side); });
+  std::vector<bool> is_anchor(removed_.size(), false);
+  for (const Place& place : places_) is_anchor[place.anchor] = true;
+  std::vector<NodeIndex> list;
+  list.reserve(before.size() + places_.size());
+  for (const NodeIndex node : before) {
+    if (!is_anchor[node]) {
+      if (!removed_[node]) list.push_back(node);
+      continue;
+    }
+    for (const Place& place : places(node, Side::at)) write(place.node, list);
+    write(node, list);
+  }
+  return list;
+}
+
+namespace {
+
+/// Writes the nodes out in list order, each behind those of its producers that have to come first.
+class OrderRepair {
+ public:
+  OrderRepair(const GraphTable& table, std::span<const NodeIndex> before, std::span<const NodeIndex> placed)
+      : table_(table),
+        placed_(placed),
+        old_position_(table.node_count(), absent),
+        position_(table.node_count(), absent),
+        state_(table.node_count(), State::waiting) {
+    for (std::uint32_t at = 0; at < before.size(); ++at) old_position_[before[at]] = at;
+    for (std::uint32_t at = 0; at < placed.size(); ++at) position_[placed[at]] = at;
+    writers_.assign(table.names.size(), no_index);
+    for (const NodeIndex node : placed) {
+      for (const NameId name : table.outputs(node)) {
+        if (writers_[name] == no_index) writers_[name] = node;
+      }
+    }
+  }
+
+  std::vector<NodeIndex> run() {
+    result_.reserve(placed_.size());
+    for (const NodeIndex node : placed_) write(node);
+    return std::move(result_);
+  }
+
+ private:
+  enum class State : std::uint8_t { waiting, open, written };
+  struct Open {
+    NodeIndex node;
+    std::vector<NodeIndex> producers;
+    std::size_t next = 0;
+  };
+
+  void write(NodeIndex start) {
+    if (state_[start] != State::waiting) return;
+    open(start);
+    while (!stack_.empty()) {
+      Open& top = stack_.back();
+      if (top.next < top.producers.size()) {
+        const NodeIndex producer = top.producers[top.next++];
+        // An open producer closes a cycle: the input had one, and no order can put it right.
+        if (state_[producer] == State::waiting) open(producer);
+        continue;
+      }
+      state_[top.node] = State::written;
+      result_.push_back(top.node);
+      stack_.pop_back();
+    }
+  }
+
+  void open(NodeIndex node) {
+    state_[node] = State::open;
+    stack_.push_back({node, late_producers(node)});
+  }
+
+  /// Producers not written yet whose edge to `node` counts, in list order.
+  [[nodiscard]] std::vector<NodeIndex> late_producers(NodeIndex node) const {
+    std::vector<NodeIndex> late;
+    for (const auto names : {table_.inputs(node), table_.implicit_inputs(node)}) {
+      for (const NameId name : names) {
+        if (name == no_name || writers_[name] == no_index) continue;
+        const NodeIndex producer = writers_[name];
+        if (state_[producer] == State::waiting && counts(producer, node)) late.push_back(producer);
+      }
+    }
+    std::ranges::sort(late, {}, [&](NodeIndex producer) { return position_[producer]; });
+    late.erase(std::ranges::unique(late).begin(), late.end());
+    return late;
+  }
+
+  [[nodiscard]] bool counts(NodeIndex producer, NodeIndex reader) const {
+    if (producer == reader) return false;
+    const std::uint32_t from = old_position_[producer];
+    const std::uint32_t to = old_position_[reader];
+    return from == absent || to == absent || from < to;
+  }
+
+  static constexpr std::uint32_t absent = static_cast<std::uint32_t>(-1);
+  const GraphTable& table_;
+  std::span<const NodeIndex> placed_;
+  std::vector<std::uint32_t> old_position_;
+  std::vector<std::uint32_t> position_;
+  std::vector<State> state_;
+  std::vector<NodeIndex> writers_;
+  std::vector<NodeIndex> result_;
+  std::vector<Open> stack_;
+};
+
+}  // namespace
+
+std::vector<NodeIndex> put_in_order(const GraphTable& table, std::span<const NodeIndex> before,
+                                    std::span<const NodeIndex> placed) {
+  return OrderRepair(table, before, placed).run();
+}
+
+}  // namespace onnxgraft::core

@@ -1,0 +1,227 @@
+#include "core/rule.h"
+
+#include <numeric>
+#include <string_view>
+#include <unordered_map>
+
+#include "core/errors.h"
+#include "core/notation.h"
+#include "core/rule_dependencies.h"
+
+namespace onnxgraft::core {
+
+namespace {
+
+using List = StringPlace::List;
+
+class Compiler {
+ public:
+  Rule run(std::span<const std::string> pattern, std::span<const std::string> replacement) {
+    if (pattern.empty()) throw NotationError("the pattern is empty: it needs at least one node");
+    for (std::size_t index = 0; index < pattern.size(); ++index) {
+      add_pattern_node({List::pattern, index, pattern[index]});
+    }
+    check_pattern_initializers(pattern);
+    for (Link& link : rule_.links) link.in_pattern = true;
+    for (std::size_t index = 0; index < replacement.size(); ++index) {
+      add_entry({List::replacement, index, replacement[index]});
+    }
+    check_replacement_inputs(replacement);
+    mark_exclusive();
+    number_parts();
+    find_dependencies(rule_);
+    return std::move(rule_);
+  }
+
+ private:
+  LinkId link(std::string_view id) {
+    const auto [at, added] = ids_.try_emplace(std::string(id), static_cast<LinkId>(rule_.links.size()));
+    if (added) {
+      rule_.links.emplace_back();
+      rule_.links.back().id = id;
+    }
+    return at->second;
+  }
+
+  void add_pattern_node(const StringPlace& place) {
+    const ParsedString parsed = parse_string(place);
+    const auto number = static_cast<std::uint32_t>(rule_.nodes.size());
+    PatternNode node;
+    node.op = parsed.op;
+    node.rest = parsed.rest;
+    for (const ParsedInput& input : parsed.inputs) {
+      const LinkId id = link(input.id);
+      Link& read = rule_.links[id];
+      if (read.readers.empty() || read.readers.back().node != number) ++read.reader_nodes;
+      read.readers.push_back({number, static_cast<std::uint32_t>(node.inputs.size())});
+      read.initializer = read.initializer || input.initializer;
+      node.inputs.push_back({id, input.initializer});
+    }
+    node.output = link(parsed.output);
+    Link& written = rule_.links[node.output];
+    if (written.writer != no_node) {
+      fail_at(place, parsed.output_column,
+              "tensor " + written.id + " is written by string " + std::to_string(written.writer) +
+                  " already: a tensor has one writer");
+    }
+    written.writer = number;
+    rule_.nodes.push_back(std::move(node));
+  }
+
+  void check_pattern_initializers(std::span<const std::string> pattern) const {
+    for (std::size_t index = 0; index < pattern.size(); ++index) {
+      const StringPlace place{List::pattern, index, pattern[index]};
+      for (const ParsedInput& input : parse_string(place).inputs) {
+        const Link& read = rule_.links[ids_.at(std::string(input.id))];
+        if (input.initializer && read.writer != no_node) fail_initializer_written(place, input, read.writer);
+      }
+    }
+  }
+
+  [[noreturn]] static void fail_initializer_written(const StringPlace& place, const ParsedInput& input,
+                                                    std::size_t writer) {
+    fail_at(place, input.column,
+            "'" + std::string(input.id) + "i' asks for an initializer, but string " + std::to_string(writer) +
+                " writes tensor " + std::string(input.id) + ": leave the 'i' out");
+  }
+
+  void add_entry(const StringPlace& place) {
+    const ParsedString parsed = parse_string(place);
+    ReplacementEntry entry;
+    if (parsed.source) {
+      if (*parsed.source >= rule_.nodes.size()) {
+        fail_at(place, parsed.source_column,
+                "there is no such pattern node: the pattern has nodes 0 to " +
+                    std::to_string(rule_.nodes.size() - 1));
+      }
+      entry.source = static_cast<std::uint32_t>(*parsed.source);
+      entry.kind = parsed.bare ? EntryKind::keep : EntryKind::copy;
+    }
+    if (entry.kind == EntryKind::keep) {
+      keep(place, entry);
+    } else {
+      connect(place, parsed, entry);
+    }
+    rule_.entries.push_back(std::move(entry));
+  }
+
+  void keep(const StringPlace& place, ReplacementEntry& entry) {
+    PatternNode& node = rule_.nodes[entry.source];
+    entry.output = node.output;
+    claim_output(place, parse_string(place).source_column, entry.output);
+    node.kept = true;
+  }
+
+  void connect(const StringPlace& place, const ParsedString& parsed, ReplacementEntry& entry) {
+    entry.op = parsed.op;
+    if (entry.kind == EntryKind::copy) rule_.nodes[entry.source].copied = true;
+    for (const ParsedInput& input : parsed.inputs) {
+      const LinkId id = link(input.id);
+      const Link& read = rule_.links[id];
+      if (input.initializer && read.in_pattern && !read.initializer) {
+        fail_at(place, input.column,
+                "'" + read.id + "i' asks for an initializer, but tensor " + read.id +
+                    " stands in the pattern without 'i'");
+      }
+      entry.inputs.push_back({id, input.initializer});
+    }
+    entry.output = link(parsed.output);
+    const Link& written = rule_.links[entry.output];
+    if (written.in_pattern && written.writer == no_node) {
+      fail_at(place, parsed.output_column,
+              "tensor " + written.id + " comes from outside the pattern: a replacement cannot write it");
+    }
+    claim_output(place, parsed.output_column, entry.output);
+    rule_.links[entry.output].rewritten = true;
+  }
+
+  /// Notes that replacement string `place` writes `output`.
+  void claim_output(const StringPlace& place, std::size_t column, LinkId output) {
+    if (output >= written_by_.size()) written_by_.resize(rule_.links.size(), nothing);
+    if (written_by_[output] != nothing) {
+      fail_at(place, column,
+              "tensor " + rule_.links[output].id + " is written by replacement string " +
+                  std::to_string(written_by_[output]) + " already: a tensor has one writer");
+    }
+    written_by_[output] = place.index;
+  }
+
+  void check_replacement_inputs(std::span<const std::string> replacement) {
+    written_by_.resize(rule_.links.size(), nothing);
+    std::vector<bool> new_initializer(rule_.links.size(), false);
+    for (const ReplacementEntry& entry : rule_.entries) {
+      for (const LinkUse& use : entry.inputs) {
+        if (use.initializer && !rule_.links[use.link].in_pattern) new_initializer[use.link] = true;
+      }
+    }
+    for (std::size_t index = 0; index < rule_.entries.size(); ++index) {
+      const StringPlace place{List::replacement, index, replacement[index]};
+      const ReplacementEntry& entry = rule_.entries[index];
+      if (entry.kind == EntryKind::keep) {
+        for (const LinkUse& use : rule_.nodes[entry.source].inputs) check_provided(place, 0, use.link, false);
+        continue;
+      }
+      const ParsedString parsed = parse_string(place);
+      for (std::size_t slot = 0; slot < entry.inputs.size(); ++slot) {
+        const LinkUse& use = entry.inputs[slot];
+        if (use.initializer && written_by_[use.link] != nothing) {
+          fail_initializer_written(place, parsed.inputs[slot], written_by_[use.link]);
+        }
+        check_provided(place, parsed.inputs[slot].column, use.link, new_initializer[use.link]);
+      }
+    }
+  }
+
+  void check_provided(const StringPlace& place, std::size_t column, LinkId id, bool new_initializer) const {
+    const Link& read = rule_.links[id];
+    const bool outside = read.in_pattern && read.writer == no_node;
+    if (outside || new_initializer || written_by_[id] != nothing) return;
+    fail_at(place, column,
+            "nothing provides tensor " + read.id +
+                ": an input of a replacement is an outside input of the pattern, an initializer (\"" + read.id +
+                "i\"), or the output of a node that the replacement keeps, copies or adds");
+  }
+
+  void mark_exclusive() {
+    for (PatternNode& node : rule_.nodes) {
+      const Link& output = rule_.links[node.output];
+      const bool vanishes = written_by_[node.output] == nothing;
+      node.exclusive = vanishes || (node.removed() && output.rewritten && !output.readers.empty());
+    }
+  }
+
+  void number_parts() {
+    std::vector<std::uint32_t> parent(rule_.nodes.size());
+    std::iota(parent.begin(), parent.end(), 0U);
+    const auto find = [&](std::uint32_t node) {
+      while (parent[node] != node) node = parent[node] = parent[parent[node]];
+      return node;
+    };
+    for (const Link& link : rule_.links) {
+      std::uint32_t first = link.writer;
+      for (const LinkReader& reader : link.readers) {
+        if (first == no_node) first = reader.node;
+        parent[find(reader.node)] = find(first);
+      }
+    }
+    std::vector<std::uint32_t> number(rule_.nodes.size(), no_node);
+    for (std::uint32_t node = 0; node < rule_.nodes.size(); ++node) {
+      std::uint32_t& part = number[find(node)];
+      if (part == no_node) part = rule_.part_count++;
+      rule_.nodes[node].part = part;
+    }
+  }
+
+  static constexpr std::size_t nothing = static_cast<std::size_t>(-1);
+  Rule rule_;
+  std::unordered_map<std::string, LinkId> ids_;
+  std::vector<std::size_t> written_by_;  // replacement string that writes a link
+};
+
+}  // namespace
+
+Rule compile_rule(std::span<const std::string> pattern, std::span<const std::string> replacement) {
+  return Compiler().run(pattern, replacement);
+}
+
+}  // namespace onnxgraft::core

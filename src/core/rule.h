@@ -1,0 +1,82 @@
+// A (pattern, replacement) pair, checked and compiled: everything about a rewrite that its lists alone decide.
+//
+// Ids of both lists become dense `LinkId`s. A pattern node is *kept* if the replacement names it bare ("#2"),
+// *copied* where it is named with links ("#1:5->4"; both may be true); one that is not kept is *removed*.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace onnxgraft::core {
+
+using LinkId = std::uint32_t;
+inline constexpr std::uint32_t no_node = static_cast<std::uint32_t>(-1);
+
+struct LinkUse {
+  LinkId link;
+  bool initializer;  // written with "i"
+};
+
+struct PatternNode {
+  std::string op;
+  std::vector<LinkUse> inputs;
+  bool rest = false;  // further inputs allowed: initializers or omitted ones
+  LinkId output = 0;
+  bool kept = false;
+  bool copied = false;
+  /// No use outside the occurrence may have the output: it vanishes, or it is an inner tensor that a removed
+  /// node wrote and the replacement writes anew.
+  bool exclusive = false;
+  std::uint32_t part = 0;  // nodes that share no tensor, even through others, are in different parts
+
+  [[nodiscard]] bool removed() const { return !kept; }
+};
+
+enum class EntryKind { keep, copy, create };
+
+struct ReplacementEntry {
+  EntryKind kind = EntryKind::create;
+  std::uint32_t source = no_node;  // pattern node of a kept or copied entry
+  std::string op;                  // operator of a created entry
+  std::vector<LinkUse> inputs;     // of a copy or a new node
+  LinkId output = 0;
+};
+
+/// A reader of a link in the pattern.
+struct LinkReader {
+  std::uint32_t node;
+  std::uint32_t slot;
+};
+
+struct Link {
+  std::string id;                   // as written
+  std::uint32_t writer = no_node;   // pattern node that writes it
+  std::vector<LinkReader> readers;  // pattern nodes that read it
+  std::uint32_t reader_nodes = 0;   // number of different nodes among the readers
+  bool in_pattern = false;
+  bool initializer = false;         // the pattern wants an initializer
+  bool rewritten = false;           // a copy or a new node of the replacement writes it
+};
+
+struct Rule {
+  std::vector<PatternNode> nodes;
+  std::vector<ReplacementEntry> entries;
+  std::vector<Link> links;
+  std::uint32_t part_count = 0;
+  /// Pairs (output link, outside-input link): the output depends on the input after the replacement and did
+  /// not before. Empty for most rules; only then can a replacement close a cycle.
+  struct Dependency {
+    LinkId output;
+    LinkId input;
+  };
+  std::vector<Dependency> new_dependencies;
+  /// All dependencies of old tensors on outside inputs that hold after the replacement.
+  std::vector<Dependency> dependencies;
+};
+
+/// Compiles a pair of lists; throws NotationError.
+Rule compile_rule(std::span<const std::string> pattern, std::span<const std::string> replacement);
+
+}  // namespace onnxgraft::core

@@ -1,0 +1,11 @@
+// Which old tensors come to depend on which outside inputs through a replacement.
+#pragma once
+
+#include "core/rule.h"
+
+namespace onnxgraft::core {
+
+/// Fills `rule.dependencies` and `rule.new_dependencies`.
+void find_dependencies(Rule& rule);
+
+}  // namespace onnxgraft::core

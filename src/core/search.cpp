@@ -1,0 +1,200 @@
+#include "core/search.h"
+
+#include <algorithm>
+
+namespace onnxgraft::core {
+
+std::vector<NodeIndex> RefusedSet::key(const Rule& rule, std::span<const NodeIndex> nodes) {
+  std::vector<NodeIndex> result;
+  for (std::size_t role = 0; role < nodes.size(); ++role) {
+    if (rule.nodes[role].part == 0) result.push_back(nodes[role]);
+  }
+  return result;
+}
+
+Search::Search(const GraphTable& table, const Rule& rule, Candidates& candidates, Claims& claims,
+               const RefusedSet& refused)
+    : table_(table),
+      rule_(rule),
+      candidates_(candidates),
+      claims_(claims),
+      refused_(refused),
+      cycle_check_(table, rule),
+      node_of_(rule.nodes.size(), no_index),
+      name_of_(rule.links.size(), no_name),
+      in_use_(table.original_count(), false) {}
+
+OccurrenceList Search::run() {
+  OccurrenceList found(rule_);
+  if (!candidates_.possible()) return found;
+  push_frame(0);
+  while (!frames_.empty()) {
+    Frame& frame = frames_.back();
+    undo(frame.role_mark, frame.link_mark);
+    const NodeIndex node = next_candidate(frame);
+    if (node == no_index) {
+      frames_.pop_back();
+      continue;
+    }
+    const std::size_t new_links = bound_links_.size();
+    if (!bind(frame.role, node) || !propagate(new_links)) continue;
+    const std::uint32_t open = lowest_open_role();
+    if (open != no_node) {
+      push_frame(open);
+    } else if (refused_.contains(rule_, node_of_)) {
+      leave_other_parts();
+    } else if (!cycle_check_.needed() || !cycle_check_.closes_cycle(node_of_, name_of_)) {
+      accept(found);
+    }
+  }
+  return found;
+}
+
+std::uint32_t Search::lowest_open_role() const {
+  if (bound_roles_.size() == node_of_.size()) return no_node;
+  return static_cast<std::uint32_t>(std::ranges::find(node_of_, no_index) - node_of_.begin());
+}
+
+void Search::accept(OccurrenceList& found) {
+  found.add(node_of_, name_of_);
+  claims_.add(rule_, node_of_);
+  for (std::size_t frame = 0; frame < frames_.size(); ++frame) {
+    const std::size_t end = frame + 1 < frames_.size() ? frames_[frame + 1].role_mark : bound_roles_.size();
+    for (std::size_t at = frames_[frame].role_mark; at < end; ++at) {
+      const std::uint32_t role = bound_roles_[at];
+      if (claims_.usable(node_of_[role], rule_.nodes[role])) continue;
+      frames_.resize(frame + 1);
+      return;
+    }
+  }
+}
+
+/// Other choices in parts that share no tensor with node 0's part make no new assignment of a refused one.
+void Search::leave_other_parts() {
+  while (!frames_.empty() && rule_.nodes[frames_.back().role].part != 0) frames_.pop_back();
+}
+
+void Search::push_frame(std::uint32_t role) {
+  Frame frame{role, {}, {}, false, 0, bound_roles_.size(), bound_links_.size()};
+  constexpr std::size_t few = 8;
+  bool direct = false;
+  frame.range = best_direct(role, direct);
+  const bool connected = std::ranges::any_of(
+      bound_roles_, [&](std::uint32_t bound) { return rule_.nodes[bound].part == rule_.nodes[role].part; });
+  if (connected && (!direct || frame.range.size() > few)) {
+    const std::size_t budget = direct ? frame.range.size() : static_cast<std::size_t>(-1);
+    frame.is_explicit = bridge(role, budget, frame.explicit_nodes);
+  }
+  if (!direct && !frame.is_explicit) frame.range = candidates_.all(role);
+  frame.position = frame.is_explicit ? 0 : frame.range.begin;
+  frames_.push_back(std::move(frame));
+}
+
+NodeIndex Search::next_candidate(Frame& frame) {
+  const PatternNode& role = rule_.nodes[frame.role];
+  if (!frame.is_explicit) {
+    frame.position = skip_unusable(frame.range, frame.position, role);
+    if (frame.position >= frame.range.end) return no_index;
+    return candidates_.at(frame.range.list, frame.position++);
+  }
+  while (frame.position < frame.explicit_nodes.size()) {
+    const NodeIndex node = frame.explicit_nodes[frame.position++];
+    if (claims_.usable(node, role)) return node;
+  }
+  return no_index;
+}
+
+/// First position at or behind `position` whose node is not claimed against `role`. Claims only grow in a
+/// round, so positions passed once are jumped over from then on.
+std::size_t Search::skip_unusable(Candidates::Range range, std::size_t position, const PatternNode& role) {
+  if (range.list >= skips_.size()) skips_.resize(range.list + 1);
+  auto& skip = skips_[range.list];
+  const auto next_of = [&](std::size_t at) { return at < skip.size() && skip[at] != 0 ? skip[at] : at; };
+  std::size_t at = position;
+  while (at < range.end) {
+    const std::size_t jump = next_of(at);
+    if (jump != at) {
+      at = jump;
+      continue;
+    }
+    if (claims_.usable(candidates_.at(range.list, at), role)) break;
+    ++at;
+  }
+  at = std::min(at, range.end);
+  if (at > position + 1) {
+    if (skip.empty()) skip.assign(candidates_.list_size(range.list), 0);
+    // Every position passed leads to the end of the run now.
+    for (std::size_t passed = position; passed < at;) {
+      const std::size_t next = std::max(next_of(passed), passed + 1);
+      skip[passed] = static_cast<std::uint32_t>(at);
+      passed = next;
+    }
+  }
+  return at;
+}
+
+void Search::undo(std::size_t role_mark, std::size_t link_mark) {
+  while (bound_roles_.size() > role_mark) {
+    in_use_[node_of_[bound_roles_.back()]] = false;
+    node_of_[bound_roles_.back()] = no_index;
+    bound_roles_.pop_back();
+  }
+  while (bound_links_.size() > link_mark) {
+    name_of_[bound_links_.back()] = no_name;
+    bound_links_.pop_back();
+  }
+}
+
+bool Search::bind(std::uint32_t role, NodeIndex node) {
+  const PatternNode& pattern = rule_.nodes[role];
+  if (in_use_[node] || !claims_.usable(node, pattern)) return false;
+  node_of_[role] = node;
+  in_use_[node] = true;
+  bound_roles_.push_back(role);
+  for (std::size_t slot = 0; slot < pattern.inputs.size(); ++slot) {
+    if (!bind_link(pattern.inputs[slot].link, table_.inputs(node)[slot])) return false;
+  }
+  return bind_link(pattern.output, table_.outputs(node)[0]);
+}
+
+bool Search::bind_link(LinkId link, NameId name) {
+  if (name_of_[link] != no_name) return name_of_[link] == name;
+  const auto written_by_removed = [&](LinkId id) {
+    const std::uint32_t writer = rule_.links[id].writer;
+    return writer != no_node && rule_.nodes[writer].removed();
+  };
+  // Two ids may stand for one tensor, unless a removed node writes it: the other id would dangle.
+  for (const LinkId other : bound_links_) {
+    if (name_of_[other] == name && (written_by_removed(link) || written_by_removed(other))) return false;
+  }
+  name_of_[link] = name;
+  bound_links_.push_back(link);
+  return true;
+}
+
+/// Binds what the links bound since `from_link` force; false if something cannot be.
+bool Search::propagate(std::size_t from_link) {
+  for (std::size_t at = from_link; at < bound_links_.size(); ++at) {
+    if (!propagate_link(bound_links_[at])) return false;
+  }
+  return true;
+}
+
+bool Search::propagate_link(LinkId id) {
+  const Link& link = rule_.links[id];
+  const NameId name = name_of_[id];
+  if (link.writer != no_node && node_of_[link.writer] == no_index) {
+    const NodeIndex producer = table_.producer(name);
+    if (producer == no_index || !candidates_.contains(link.writer, producer)) return false;
+    if (!bind(link.writer, producer)) return false;
+  }
+  for (const LinkReader& reader : link.readers) {
+    if (node_of_[reader.node] != no_index) continue;
+    const Candidates::Range range = candidates_.readers(reader.node, reader.slot, name);
+    if (range.size() == 0) return false;
+    if (range.size() == 1 && !bind(reader.node, candidates_.at(range.list, range.begin))) return false;
+  }
+  return true;
+}
+
+}  // namespace onnxgraft::core

@@ -1,0 +1,120 @@
+#include "py/function.h"
+
+#include <array>
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "py/argument_binding.h"
+#include "py/function_reflection.h"
+#include "py/guard.h"
+
+namespace onnxgraft::py {
+
+namespace {
+
+PyObject* call_function(PyObject* self, PyObject* const* stack, std::size_t flagged_count, PyObject* keyword_names) {
+  return guarded([&] {
+    const auto* function = reinterpret_cast<const FunctionObject*>(self);
+    const BoundArguments bound(*function->row, stack, PyVectorcall_NARGS(flagged_count), keyword_names);
+    return function->row->body(Call{function->module, bound.values(), bound.keywords()});
+  });
+}
+
+int traverse(PyObject* self, visitproc visit, void* arg) {
+  auto* function = reinterpret_cast<FunctionObject*>(self);
+  Py_VISIT(Py_TYPE(self));
+  Py_VISIT(function->module);
+  Py_VISIT(function->dict);
+  return 0;
+}
+
+int clear(PyObject* self) {
+  auto* function = reinterpret_cast<FunctionObject*>(self);
+  Ref::steal(std::exchange(function->module, nullptr));
+  Ref::steal(std::exchange(function->dict, nullptr));
+  return 0;
+}
+
+void deallocate(PyObject* self) {
+  PyObject_GC_UnTrack(self);
+  auto* function = reinterpret_cast<FunctionObject*>(self);
+  if (function->weak_references != nullptr) PyObject_ClearWeakRefs(self);
+  clear(self);
+  Ref::steal(std::exchange(function->qualified_name, nullptr));
+  const Ref type = Ref::steal(reinterpret_cast<PyObject*>(Py_TYPE(self)));
+  PyObject_GC_Del(self);
+}
+
+PyObject* bind_method(PyObject* self, PyObject* instance, PyObject* /*owner*/) {
+  if (instance == nullptr || instance == Py_None) return Ref::borrow(self).release();
+  return PyMethod_New(self, instance);
+}
+
+PyObject* represent(PyObject* self) {
+  const auto* function = reinterpret_cast<const FunctionObject*>(self);
+  return PyUnicode_FromFormat("<function %U at %p>", function->qualified_name, static_cast<void*>(self));
+}
+
+std::array<PyMemberDef, 4> members{{
+    {"__vectorcalloffset__", T_PYSSIZET, offsetof(FunctionObject, vectorcall), READONLY, nullptr},
+    {"__dictoffset__", T_PYSSIZET, offsetof(FunctionObject, dict), READONLY, nullptr},
+    {"__weaklistoffset__", T_PYSSIZET, offsetof(FunctionObject, weak_references), READONLY, nullptr},
+    {nullptr, 0, 0, 0, nullptr},
+}};
+
+template <class Function>
+void* slot(Function* function) {
+  return reinterpret_cast<void*>(function);
+}
+
+}  // namespace
+
+Ref make_function_type(PyObject* module) {
+  std::array<PyType_Slot, 11> slots{{
+      {Py_tp_dealloc, slot(deallocate)},
+      {Py_tp_traverse, slot(traverse)},
+      {Py_tp_clear, slot(clear)},
+      {Py_tp_call, slot(PyVectorcall_Call)},
+      {Py_tp_descr_get, slot(bind_method)},
+      {Py_tp_repr, slot(represent)},
+      {Py_tp_members, members.data()},
+      {Py_tp_methods, reflection_methods()},
+      {Py_tp_getset, reflection_attributes()},
+      {0, nullptr},
+      {0, nullptr},
+  }};
+  PyType_Spec description{
+      "onnxgraft.builtin_function",
+      static_cast<int>(sizeof(FunctionObject)),
+      0,
+      Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL | Py_TPFLAGS_METHOD_DESCRIPTOR |
+          Py_TPFLAGS_DISALLOW_INSTANTIATION,
+      slots.data(),
+  };
+  return checked(PyType_FromModuleAndSpec(module, &description, nullptr));
+}
+
+Ref make_function(PyObject* function_type, PyObject* module, const FunctionRow& row,
+                  std::string_view qualified_name) {
+  Ref name = text(qualified_name);
+  auto* type = reinterpret_cast<PyTypeObject*>(function_type);
+  auto* function = PyObject_GC_New(FunctionObject, type);
+  if (function == nullptr) throw PythonError{};
+  function->vectorcall = call_function;
+  function->row = &row;
+  function->module = Ref::borrow(module).release();
+  function->qualified_name = name.release();
+  function->dict = nullptr;
+  function->weak_references = nullptr;
+  Ref result = Ref::steal(reinterpret_cast<PyObject*>(function));
+  PyObject_GC_Track(result.get());
+  return result;
+}
+
+const FunctionRow* row_of(PyObject* object) noexcept {
+  if (Py_TYPE(object)->tp_dealloc != deallocate) return nullptr;
+  return reinterpret_cast<const FunctionObject*>(object)->row;
+}
+
+}  // namespace onnxgraft::py

@@ -1,0 +1,27 @@
+// What a function object tells about itself: names, annotations, signature, pickling by name.
+// Everything is made from the row when it is asked for, so it costs nothing at import or call.
+#pragma once
+
+#include <Python.h>
+
+#include <structmember.h>
+
+#include "py/function.h"
+
+namespace onnxgraft::py {
+
+/// Layout of a function object; only function.cpp and function_reflection.cpp know it.
+struct FunctionObject {
+  PyObject_HEAD
+  vectorcallfunc vectorcall;
+  const FunctionRow* row;
+  PyObject* module;           // owned
+  PyObject* qualified_name;   // owned
+  PyObject* dict;             // owned; null until something is set
+  PyObject* weak_references;  // kept by the interpreter
+};
+
+PyMethodDef* reflection_methods();
+PyGetSetDef* reflection_attributes();
+
+}  // namespace onnxgraft::py

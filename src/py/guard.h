@@ -1,0 +1,50 @@
+// The border between C++ and the interpreter: every C entry point runs its body inside `guarded`, so that
+// no C++ exception crosses into C and each one arrives as the Python exception that fits it.
+#pragma once
+
+#include "py/ref.h"
+
+namespace onnxgraft::py {
+
+/// Translates the C++ exception in flight into the interpreter's error indicator.
+void translate_exception() noexcept;
+
+/// Runs `body` (returning Ref) for an entry point that returns an object.
+template <class Body>
+PyObject* guarded(Body&& body) noexcept {
+  try {
+    return std::forward<Body>(body)().release();
+  } catch (...) {
+    translate_exception();
+    return nullptr;
+  }
+}
+
+/// Runs `body` (returning void) for an entry point that returns 0 or -1.
+template <class Body>
+int guarded_status(Body&& body) noexcept {
+  try {
+    std::forward<Body>(body)();
+    return 0;
+  } catch (...) {
+    translate_exception();
+    return -1;
+  }
+}
+
+/// Keeps an exception that is being reported safe while clean-up code calls into the interpreter.
+/// Errors of the clean-up itself are dropped: the first one is what the caller has to see.
+class SavedError {
+ public:
+  SavedError() noexcept { PyErr_Fetch(&type_, &value_, &traceback_); }
+  ~SavedError() { PyErr_Restore(type_, value_, traceback_); }
+  SavedError(const SavedError&) = delete;
+  SavedError& operator=(const SavedError&) = delete;
+
+ private:
+  PyObject* type_ = nullptr;
+  PyObject* value_ = nullptr;
+  PyObject* traceback_ = nullptr;
+};
+
+}  // namespace onnxgraft::py

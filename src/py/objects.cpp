@@ -1,0 +1,94 @@
+#include "py/objects.h"
+
+#include <array>
+#include <cstddef>
+#include <vector>
+
+namespace onnxgraft::py {
+
+namespace {
+
+/// Unpacks `count` elements of any iterable into `out`.
+void unpack(PyObject* iterable, Ref* out, Py_ssize_t count) {
+  const Ref elements = iterator(iterable);
+  for (Py_ssize_t index = 0; index < count; ++index) {
+    out[index] = next(elements.get());
+    if (!out[index]) {
+      raise(PyExc_ValueError, "need more than %zd value%.1s to unpack", index, index == 1 ? "" : "s");
+    }
+  }
+  if (next(elements.get())) raise(PyExc_ValueError, "too many values to unpack (expected %zd)", count);
+}
+
+}  // namespace
+
+Ref call(PyObject* callable, std::initializer_list<PyObject*> arguments) {
+  return checked(PyObject_Vectorcall(callable, arguments.begin(), arguments.size(), nullptr));
+}
+
+Ref call_method(PyObject* object, const InternedName& name, std::initializer_list<PyObject*> arguments) {
+  return call_method(object, name, arguments, {});
+}
+
+Ref call_method(PyObject* object, const InternedName& name, std::initializer_list<PyObject*> arguments,
+                std::initializer_list<Keyword> keywords) {
+  constexpr std::size_t capacity = 12;
+  const std::size_t count = 1 + arguments.size() + keywords.size();
+  if (count > capacity) raise(PyExc_SystemError, "call_method: too many arguments");
+  std::array<PyObject*, capacity> stack{};
+  std::size_t at = 0;
+  stack[at++] = object;
+  for (PyObject* argument : arguments) stack[at++] = argument;
+  Ref names;
+  if (keywords.size() != 0) {
+    names = checked(PyTuple_New(static_cast<Py_ssize_t>(keywords.size())));
+    Py_ssize_t position = 0;
+    for (const Keyword& keyword : keywords) {
+      PyTuple_SET_ITEM(names.get(), position++, Ref::borrow(keyword.name.get()).release());
+      stack[at++] = keyword.value;
+    }
+  }
+  return checked(PyObject_VectorcallMethod(name.get(), stack.data(), 1 + arguments.size(), names.get()));
+}
+
+Ref text(std::string_view value) {
+  return checked(PyUnicode_FromStringAndSize(value.data(), static_cast<Py_ssize_t>(value.size())));
+}
+
+std::string_view utf8(PyObject* object) {
+  Py_ssize_t size = 0;
+  const char* data = PyUnicode_AsUTF8AndSize(object, &size);
+  if (data == nullptr) throw PythonError{};
+  return {data, static_cast<std::size_t>(size)};
+}
+
+Ref integer(std::int64_t value) { return checked(PyLong_FromLongLong(value)); }
+
+std::int64_t integer_value(PyObject* object) {
+  const long long value = PyLong_AsLongLong(object);
+  if (value == -1 && PyErr_Occurred() != nullptr) throw PythonError{};
+  return value;
+}
+
+Ref tuple(std::initializer_list<PyObject*> elements) {
+  Ref result = checked(PyTuple_New(static_cast<Py_ssize_t>(elements.size())));
+  Py_ssize_t index = 0;
+  for (PyObject* element : elements) {
+    PyTuple_SET_ITEM(result.get(), index++, Ref::borrow(element).release());
+  }
+  return result;
+}
+
+std::pair<Ref, Ref> unpack_pair(PyObject* iterable) {
+  std::array<Ref, 2> parts;
+  unpack(iterable, parts.data(), 2);
+  return {std::move(parts[0]), std::move(parts[1])};
+}
+
+Ref unpack_one(PyObject* iterable) {
+  Ref part;
+  unpack(iterable, &part, 1);
+  return part;
+}
+
+}  // namespace onnxgraft::py

@@ -1,0 +1,74 @@
+// Short, checked forms of the interpreter calls that the project needs again and again.
+//
+// Attribute names are interned once per module (see `Names`); looking one up this way costs about half of
+// a look-up by C string.
+#pragma once
+
+#include <cstdint>
+#include <initializer_list>
+#include <string_view>
+
+#include "py/ref.h"
+
+namespace onnxgraft::py {
+
+/// A `str` that lives as long as the process, made at its first use: `static const InternedName n{"op_type"}`.
+class InternedName {
+ public:
+  explicit constexpr InternedName(const char* text) noexcept : text_(text) {}
+  [[nodiscard]] PyObject* get() const {
+    if (object_ == nullptr) object_ = checked(PyUnicode_InternFromString(text_)).release();
+    return object_;
+  }
+
+ private:
+  const char* text_;
+  mutable PyObject* object_ = nullptr;  // owned by the process: never given back
+};
+
+inline Ref attribute(PyObject* object, const InternedName& name) {
+  return checked(PyObject_GetAttr(object, name.get()));
+}
+inline void set_attribute(PyObject* object, const InternedName& name, PyObject* value) {
+  check(PyObject_SetAttr(object, name.get(), value));
+}
+inline Ref item(PyObject* sequence, Py_ssize_t index) { return checked(PySequence_GetItem(sequence, index)); }
+inline Py_ssize_t length(PyObject* object) { return check(PyObject_Size(object)); }
+inline Ref iterator(PyObject* object) { return checked(PyObject_GetIter(object)); }
+/// The next element, or an empty Ref at the end.
+inline Ref next(PyObject* iterator) {
+  Ref element = Ref::steal(PyIter_Next(iterator));
+  if (!element && PyErr_Occurred() != nullptr) throw PythonError{};
+  return element;
+}
+
+/// Calls `callable` with positional arguments.
+Ref call(PyObject* callable, std::initializer_list<PyObject*> arguments);
+/// Calls the method `name` of `object` with positional arguments.
+Ref call_method(PyObject* object, const InternedName& name, std::initializer_list<PyObject*> arguments = {});
+/// One keyword argument of a call.
+struct Keyword {
+  const InternedName& name;
+  PyObject* value;
+};
+/// Calls the method `name` of `object` with positional and keyword arguments.
+Ref call_method(PyObject* object, const InternedName& name, std::initializer_list<PyObject*> arguments,
+                std::initializer_list<Keyword> keywords);
+
+Ref text(std::string_view value);
+/// UTF-8 bytes of a `str`; valid while the object lives. Anything else is a TypeError.
+std::string_view utf8(PyObject* object);
+Ref integer(std::int64_t value);
+/// Value of a Python integer that fits into 64 bits (OverflowError otherwise).
+std::int64_t integer_value(PyObject* object);
+Ref tuple(std::initializer_list<PyObject*> elements);
+/// True as in Python's `bool(object)`.
+inline bool truth(PyObject* object) { return check(PyObject_IsTrue(object)) != 0; }
+
+/// Unpacks exactly two elements, with the interpreter's own texts for a wrong number ("too many values to
+/// unpack (expected 2)", "need more than 1 value to unpack"), both ValueError.
+std::pair<Ref, Ref> unpack_pair(PyObject* iterable);
+/// Unpacks exactly one element, same errors.
+Ref unpack_one(PyObject* iterable);
+
+}  // namespace onnxgraft::py
