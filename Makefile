@@ -1,0 +1,88 @@
+# One command per task; `make help` lists them. Everything that is made goes into .venv/ and build/.
+# Stamps: the tools are installed again when their list changes, the package when a file of it changes; the build
+# folder stays, so that only what changed is compiled.
+
+PYTHON ?= python3
+BIN := .venv/bin
+# The pinned tools come first, whatever the machine has.
+TOOLS := PATH="$(CURDIR)/$(BIN):$$PATH"
+PIP := $(BIN)/python -m pip --disable-pip-version-check install --quiet --no-input
+JOBS := $(shell nproc 2>/dev/null || echo 2)
+
+PACKAGE_FILES := CMakeLists.txt pyproject.toml README.md LICENSE \
+  $(shell find src python cmake -name __pycache__ -prune -o -print 2>/dev/null)
+CPP_FILES := $(shell find src tests/core bench -name '*.cpp' -o -name '*.h' 2>/dev/null)
+PYTHON_DIRS := python tests/python bench
+
+.DELETE_ON_ERROR:
+.DEFAULT_GOAL := help
+.PHONY: help build demo test lint tidy format bench clean
+
+help: ## List the commands
+	@awk -F ':.*## ' '/^[a-z]+:.*## / {printf "  make %-8s %s\n", $$1, $$2}' Makefile
+
+build: .venv/installed ## Make .venv and install the package into it
+
+demo: .venv/installed ## Quantize the models of examples/models/ and write the results to build/demo/
+	@mkdir -p build/demo
+	@set -e; for model in examples/models/*.onnx; do \
+	  echo "== $$model"; \
+	  $(BIN)/onnxgraft apply "$$model" -t quant_conv -t quant_gemm -t quant_matmul -t delete_concat \
+	    --seed 0 --force -o "build/demo/$$(basename "$$model" .onnx)_quantized.onnx"; \
+	done
+
+test: .venv/installed .venv/test-tools ## Run all tests: ctest for the core, pytest for the rest
+	@tools/require-googletest
+	@echo "Building the core's tests"
+	@$(TOOLS) cmake --preset core-tests >/dev/null
+	@$(TOOLS) cmake --build --preset core-tests -- --quiet
+	@status=0; \
+	$(TOOLS) ctest --preset core-tests --no-tests=error --progress || status=1; \
+	$(BIN)/python -m pytest || status=1; \
+	exit $$status
+
+lint: .venv/installed .venv/test-tools .venv/lint-tools ## Check formats, types and the C++ code
+	$(BIN)/ruff check $(PYTHON_DIRS)
+	$(BIN)/ruff format --check $(PYTHON_DIRS)
+	$(BIN)/mypy $(PYTHON_DIRS)
+	$(BIN)/clang-format --dry-run --Werror $(CPP_FILES)
+	@tools/require-googletest
+	@$(TOOLS) cmake --preset dev -DPython_EXECUTABLE="$(CURDIR)/$(BIN)/python" >/dev/null
+	@$(MAKE) --no-print-directory -j$(JOBS) tidy
+
+# Each file is looked at again when it or any header changed.
+tidy: $(patsubst %,build/tidy/%.ok,$(filter %.cpp,$(CPP_FILES)))
+
+build/tidy/%.ok: % .clang-tidy $(filter %.h,$(CPP_FILES))
+	@mkdir -p $(@D)
+	$(BIN)/clang-tidy --quiet -p build/dev $<
+	@touch $@
+
+format: .venv/lint-tools ## Bring all code into the project's format
+	$(BIN)/ruff check --select I --fix $(PYTHON_DIRS)
+	$(BIN)/ruff format $(PYTHON_DIRS)
+	$(BIN)/clang-format -i $(CPP_FILES)
+
+bench: .venv/installed ## Measure speed as ratios of one run; writes build/bench.json
+	@$(TOOLS) cmake -S . -B build/bench -G Ninja -DONNXGRAFT_BUILD_PYTHON=OFF -DONNXGRAFT_BUILD_BENCH=ON \
+	  -DPython_EXECUTABLE="$(CURDIR)/$(BIN)/python" >/dev/null
+	@$(TOOLS) cmake --build build/bench --target floors -- --quiet
+	@PYTHONPATH=build/bench/bench/floors $(BIN)/python -m bench
+
+clean: ## Remove .venv/ and build/
+	rm -rf .venv build
+
+.venv/tools: requirements/build.txt
+	@echo "Making .venv"
+	@test -x $(BIN)/python || $(PYTHON) -m venv .venv
+	@$(PIP) -r requirements/build.txt
+	@touch $@
+
+.venv/%-tools: requirements/%.txt .venv/tools
+	@$(PIP) -r $<
+	@touch $@
+
+.venv/installed: $(PACKAGE_FILES) .venv/tools
+	@echo "Building and installing onnxgraft"
+	@$(PIP) --no-build-isolation .
+	@touch $@

@@ -1,0 +1,12 @@
+# onnxgraft_extension_module(<name> <sources>...): one CPython extension file that exports PyInit_<name> and nothing
+# else. Hidden visibility alone would let instantiations of the standard library's templates through, and two modules
+# in one process would then share them by accident; the linker's version script closes that.
+
+function(onnxgraft_extension_module name)
+  Python_add_library(${name} MODULE WITH_SOABI ${ARGN})
+  onnxgraft_compile_options(${name})
+  set(exports "${CMAKE_CURRENT_BINARY_DIR}/${name}.exports")
+  file(CONFIGURE OUTPUT "${exports}" CONTENT "{ global: PyInit_@name@; local: *; };\n" @ONLY)
+  target_link_options(${name} PRIVATE "LINKER:--version-script=${exports}" "LINKER:--gc-sections")
+  set_property(TARGET ${name} APPEND PROPERTY LINK_DEPENDS "${exports}")
+endfunction()

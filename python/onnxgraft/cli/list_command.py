@@ -1,0 +1,20 @@
+"""`onnxgraft list`."""
+
+from __future__ import annotations
+
+import argparse
+
+from rich import box
+from rich.table import Table
+
+from onnxgraft.catalogue import transformations
+from onnxgraft.cli import consoles
+
+
+def run(_options: argparse.Namespace) -> None:
+    """Shows a table of all transformations."""
+    table = Table("Name", "Class", "Prepared for", box=box.SIMPLE)
+    table.add_column("Patterns", justify="right")
+    for row in transformations().values():
+        table.add_row(row.name, row.cls.__name__, row.prepared_for, str(len(row.pairs)))
+    consoles.results().print(table)

@@ -1,0 +1,122 @@
+"""Reading and writing model files. A model whose weights are in an external file stays so."""
+
+from __future__ import annotations
+
+from collections.abc import Iterator
+from contextlib import ExitStack, contextmanager
+from dataclasses import dataclass
+from pathlib import Path
+
+import onnx
+from google.protobuf.message import DecodeError, EncodeError
+
+from onnxgraft.errors import ModelFileError
+from onnxgraft.external_data import check_external_data, has_external_data, move_to_file
+from onnxgraft.staged_files import StagedFile, publish
+
+# A protobuf message cannot be larger.
+LARGEST_MESSAGE = 2**31 - 1
+
+
+@dataclass(frozen=True)
+class SavedModel:
+    """What was written."""
+
+    path: Path
+    size: int
+    data_path: Path | None = None
+    data_size: int = 0
+    # The model had no external data before, but is too large for one file now.
+    outgrew_one_file: bool = False
+
+
+def load(path: Path) -> onnx.ModelProto:
+    """Reads the model at `path`; external tensors are looked for, but not read.
+
+    Raises:
+        ModelFileError: There is no such file, it is no ONNX model, is broken, or lacks external data.
+    """
+    if path.is_dir():
+        raise ModelFileError(f"'{path}' is a folder, not a model file")
+    try:
+        data = path.read_bytes()
+    except OSError as error:
+        raise ModelFileError(f"cannot read '{path}': {error.strerror}") from error
+    if not data:
+        raise ModelFileError(f"'{path}' is empty")
+    try:
+        model = onnx.load_model_from_string(data)
+    except DecodeError as error:
+        raise ModelFileError(f"'{path}' is not an ONNX model, or broken or cut off") from error
+    # Any bytes may happen to be a message without known fields.
+    if not model.ir_version or not model.HasField("graph"):
+        raise ModelFileError(f"'{path}' is not an ONNX model: it has no graph or no IR version")
+    if model.ir_version >= 3 and not model.opset_import:
+        raise ModelFileError(f"'{path}' is not a whole ONNX model: it does not say which operator set it uses")
+    try:
+        check_external_data(model, path.parent)
+    except ModelFileError as error:
+        raise ModelFileError(f"'{path}': {error}") from error
+    return model
+
+
+class ModelOutput:
+    """The place that a model will be written to, claimed before the long work begins."""
+
+    def __init__(self, file: StagedFile, *, overwrite: bool) -> None:
+        self._file = file
+        self._overwrite = overwrite
+
+    def save(self, model: onnx.ModelProto, folder: Path) -> SavedModel:
+        """Writes `model`, with its external data (if it has any) in '<output>.data' beside it.
+
+        Args:
+            model: The model. Its references to external data change if it has any.
+            folder: The folder that the present locations of external data start from.
+
+        Raises:
+            ModelFileError: It could not be written; nothing has changed on the disk then.
+        """
+        try:
+            external = has_external_data(model)
+            content = None if external else _serialize(model)
+            if content is not None:
+                self._file.stream.write(content)
+                publish([self._file])
+                return SavedModel(self._file.named, len(content))
+            return self._save_with_data(model, folder, outgrew_one_file=not external)
+        except OSError as error:
+            raise ModelFileError(f"cannot write '{self._file.named}': {error.strerror}") from error
+
+    def _save_with_data(self, model: onnx.ModelProto, folder: Path, *, outgrew_one_file: bool) -> SavedModel:
+        target = self._file.target
+        with StagedFile(target.with_name(target.name + ".data"), overwrite=self._overwrite) as data:
+            move_to_file(model, folder, data.stream, data.target.name)
+            content = _serialize(model)
+            if content is None:
+                raise ModelFileError(f"cannot write '{self._file.named}': larger than 2 GB even without its weights")
+            data_size = data.stream.tell()
+            self._file.stream.write(content)
+            publish([data, self._file])
+        named = self._file.named
+        return SavedModel(named, len(content), named.with_name(data.target.name), data_size, outgrew_one_file)
+
+
+@contextmanager
+def model_output(path: Path, *, overwrite: bool) -> Iterator[ModelOutput]:
+    """Claims `path` as the place of a model to be saved.
+
+    Raises:
+        ModelFileError: It cannot be written, or exists and `overwrite` is false.
+    """
+    with ExitStack() as stack:
+        yield ModelOutput(stack.enter_context(StagedFile(path, overwrite=overwrite)), overwrite=overwrite)
+
+
+def _serialize(model: onnx.ModelProto) -> bytes | None:
+    """The bytes of `model`, or None if they would be too many for one message."""
+    try:
+        content: bytes = model.SerializeToString()
+    except (ValueError, EncodeError):
+        return None
+    return content if len(content) <= LARGEST_MESSAGE else None

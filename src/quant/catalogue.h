@@ -1,0 +1,12 @@
+// The catalogue: every class of the module, one row each, in the order of their definition.
+#pragma once
+
+#include <span>
+
+#include "py/class_factory.h"
+
+namespace onnxgraft::quant {
+
+std::span<const py::ClassRow* const> catalogue();
+
+}  // namespace onnxgraft::quant

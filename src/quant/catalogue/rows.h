@@ -1,0 +1,89 @@
+// Building blocks of the catalogue's rows: doc strings, parameter lists and the methods that classes share.
+#pragma once
+
+#include <algorithm>
+#include <array>
+
+#include "py/class_factory.h"
+#include "quant/passes.h"
+
+namespace onnxgraft::quant::rows {
+
+using py::ClassRow;
+using py::Default;
+using py::FunctionRow;
+using py::Parameter;
+using py::PatternList;
+
+/// A text as a template argument.
+template <std::size_t size>
+struct Text {
+  // NOLINTNEXTLINE(modernize-avoid-c-arrays): only an array parameter takes a literal
+  explicit(false) constexpr Text(const char (&literal)[size]) { std::copy_n(literal, size, characters.begin()); }
+  std::array<char, size> characters{};
+};
+
+/// Length of an argument without its terminating zero, and concatenation: for `doc` alone.
+template <std::size_t... sizes>
+constexpr auto joined(const Text<sizes>&... parts) {
+  std::array<char, (sizes + ...) - sizeof...(sizes) + 1> all{};
+  auto at = all.begin();
+  ((at = std::copy_n(parts.characters.begin(), sizes - 1, at)), ...);
+  return all;
+}
+
+template <Text subject>
+inline constexpr auto block_doc = joined(Text("\n        Transformation prepared for "), subject, Text("\n    "));
+
+/// Doc string of a class: a block with the indentation of a class body.
+template <Text subject>
+inline constexpr const char* doc = block_doc<subject>.data();
+
+/// `get_simple_name(self)`: the name by which a host selects the class.
+template <Text name>
+py::Ref simple_name(const py::Call& /*call*/) {
+  static const py::InternedName interned(name.characters.data());
+  return py::Ref::borrow(interned.get());
+}
+
+using Body = py::Ref (*)(const py::Call&);
+
+inline constexpr const char* graph_annotation = "GraphProto";
+inline constexpr const char* pairs_annotation = "List[Tuple[List[str], List[str]]]";
+
+inline constexpr std::array self_alone{Parameter{"self"}};
+inline constexpr std::array apply_parameters{
+    Parameter{"self"},
+    Parameter{"graph", graph_annotation},
+    Parameter{"debug", nullptr, Default::false_value},
+};
+
+template <py::ArgumentType links_type>
+inline constexpr std::array callback_parameters{
+    Parameter{"self"},
+    Parameter{"graph", graph_annotation},
+    Parameter{"replaced_nodes", "[NodeProto]"},
+    Parameter{"isomorphic_node_mapping", "[int]"},
+    Parameter{"isomorphic_links_mapping", "dict", Default::required, nullptr, links_type},
+};
+
+constexpr FunctionRow apply_row(Body body, const char* result = "int") {
+  return {"apply", apply_parameters, body, result};
+}
+
+template <Text name>
+inline constexpr FunctionRow name_row{"get_simple_name", self_alone, simple_name<name>};
+
+template <const auto& passes>
+inline constexpr FunctionRow pairs_row{"_get_subgraphs_to_replace", self_alone, listed_pairs<passes>,
+                                       pairs_annotation};
+
+template <py::ArgumentType links_type = py::ArgumentType::dict>
+constexpr FunctionRow callback_row(Body body) {
+  return {"_on_replace_subgraph", callback_parameters<links_type>, body, "bool", true};
+}
+
+inline constexpr std::array framework_base{"AbstractTransformation"};
+inline constexpr std::array pull_up_base{"AbstractPullUpTesselQuantTransformation"};
+
+}  // namespace onnxgraft::quant::rows

@@ -1,0 +1,230 @@
+"""The real pass against the slow model on random graphs: every call of the callback and every byte left.
+
+ONNXGRAFT_RANDOM_GRAPHS sets the number of graphs; a failure names the seed, and `check(seed)` repeats it alone.
+"""
+
+from __future__ import annotations
+
+import inspect
+import os
+import random
+import zlib
+from collections.abc import Callable
+from dataclasses import dataclass, field
+from typing import Any
+
+import pytest
+from onnx import GraphProto, NodeProto, TensorProto, helper
+
+import onnxgraft.quant
+from helpers.graphs import random_graph
+from helpers.pairs import random_pair
+from onnxgraft.abstract_transformation import AbstractTransformation
+from oracle.compare import Renaming, difference, dump, serialized
+from oracle.names import all_names, reads
+from oracle.notation import Pair, parse_pair
+from oracle.rewriting import Pass
+
+GRAPHS = int(os.environ.get("ONNXGRAFT_RANDOM_GRAPHS", "4000"))
+BLOCKS = 20
+
+
+class Fault(BaseException):
+    """Raised by a callback; no `Exception`, as a keyboard interrupt is none."""
+
+
+def catalogue_pairs() -> list[tuple[list[str], list[str]]]:
+    """The pattern and replacement lists of each class, in every combination that the notation allows."""
+    pairs = []
+    for _, cls in inspect.getmembers(onnxgraft.quant, inspect.isclass):
+        lists = {name: value for name, value in vars(cls).items() if name.startswith("subgraph")}
+        for pattern in (value for name, value in lists.items() if "_rep" not in name):
+            for replacement in (value for name, value in lists.items() if "_rep" in name):
+                try:
+                    parse_pair(pattern, replacement)
+                except ValueError:
+                    continue
+                pairs.append((pattern, replacement))
+    return pairs
+
+
+CATALOGUE = catalogue_pairs()
+
+
+def _accept(salt: int, number: int, links: str) -> bool:
+    return True
+
+
+def _refuse(salt: int, number: int, links: str) -> bool:
+    return False
+
+
+def _some(salt: int, number: int, links: str) -> bool:
+    return zlib.crc32(f"{salt} {links}".encode()) % 3 != 0
+
+
+def _fault(salt: int, number: int, links: str) -> bool:
+    if number == salt % 4:
+        raise Fault(number)
+    return _some(salt, number, links)
+
+
+POLICIES: list[Callable[[int, int, str], bool]] = [_accept, _refuse, _some, _some, _fault]
+TRUE, FALSE = (True, 1, "yes", [0]), (False, None, 0, "", [])
+
+
+@dataclass
+class Recorder:
+    """Plays the callback for either side, and keeps what it was given, freed of invented names."""
+
+    pair: Pair
+    known: set[str]
+    policy: Callable[[int, int, str], bool]
+    salt: int
+    calls: list[tuple[object, ...]] = field(default_factory=list)
+
+    def __call__(
+        self, graph: GraphProto, nodes: list[NodeProto], mapping: dict[int, int], links: dict[str, str]
+    ) -> object:
+        form = Renaming(graph, self.known)
+        self.calls.append(
+            (
+                [serialized(form.node(node)) for node in nodes],
+                dict(mapping),
+                {i: form.tensor(name) for i, name in links.items()},
+                dump(form.form),
+                serialized(form.form),
+            )
+        )
+        old = {i: name for i, name in sorted(links.items()) if name in self.known}
+        number = len(self.calls) - 1
+        if not self.policy(self.salt, number, repr(old)):
+            return FALSE[(self.salt + number) % len(FALSE)]
+        for index in mapping.values():
+            graph.node[index].attribute.append(helper.make_attribute("visit", number))
+        made = {links[i.id] for e in self.pair.replacement for i in e.inputs if i.initializer} - self.known
+        for name in sorted(made, key=form.tensor):
+            graph.initializer.append(helper.make_tensor(name, TensorProto.FLOAT, [1], [float(number)]))
+        return TRUE[(self.salt + number) % len(TRUE)]
+
+
+class Real(AbstractTransformation):
+    """Hands each occurrence to a recorder."""
+
+    def __init__(self, recorder: Recorder) -> None:
+        self.recorder = recorder
+
+    def _on_replace_subgraph(
+        self,
+        graph: GraphProto,
+        replaced_nodes: list[NodeProto],
+        isomorphic_node_mapping: dict[int, int],
+        isomorphic_links_mapping: dict[str, str],
+        **kwargs: Any,
+    ) -> Any:
+        assert kwargs == {"keyword": self.recorder} and kwargs["keyword"] is self.recorder
+        assert type(isomorphic_node_mapping) is dict and type(isomorphic_links_mapping) is dict
+        return self.recorder(graph, replaced_nodes, isomorphic_node_mapping, isomorphic_links_mapping)
+
+    def run(self, graph: GraphProto, pattern: list[str], replacement: list[str]) -> int:
+        count = self._replace_all_isomorphic_sub_graphs(
+            graph, pattern, replacement, debug=False, keyword=self.recorder
+        )
+        assert type(count) is int
+        return count
+
+
+def _run(call: Callable[[], int]) -> int | str:
+    try:
+        return call()
+    except Fault as fault:
+        return f"fault at {fault}"
+
+
+def _writers(graph: GraphProto) -> list[str]:
+    return [name for node in graph.node for name in node.output if name]
+
+
+def _in_order(graph: GraphProto) -> bool:
+    later = set(_writers(graph))
+    for node in graph.node:
+        if reads(node) & later:
+            return False
+        later -= set(node.output)
+    return True
+
+
+def _sources(graph: GraphProto) -> set[str]:
+    names = {v.name for v in graph.input} | {t.name for t in graph.initializer} | set(_writers(graph))
+    return names | {s.values.name for s in graph.sparse_initializer}
+
+
+def _dangling(graph: GraphProto) -> set[str]:
+    wanted = {v.name for v in graph.output}.union(*(reads(node) for node in graph.node))
+    return wanted - _sources(graph)
+
+
+def _check_soundness(before: GraphProto, after: GraphProto, *, acyclic: bool, faulted: bool) -> None:
+    """What must hold of any result, whatever the slow model says."""
+    if len(set(_writers(before))) == len(_writers(before)):
+        assert len(set(_writers(after))) == len(_writers(after)), "two producers of one tensor"
+        if acyclic and _in_order(before):
+            assert _in_order(after), "no topological order any more"
+    # What a callback that raised has not made yet may be missing, but nothing that was there before.
+    missing = _dangling(after) - _dangling(before)
+    assert not (missing & all_names(before) if faulted else missing), f"dangling inputs {missing}"
+
+
+def _acyclic(graph: GraphProto) -> bool:
+    """Several occurrences together may close a cycle; then there is no order to ask for."""
+    todo = list(graph.node)
+    while todo:
+        pending = {name for node in todo for name in node.output if name}
+        rest = [node for node in todo if reads(node) & pending]
+        if len(rest) == len(todo):
+            return False
+        todo = rest
+    return True
+
+
+def check(seed: int) -> tuple[int, int]:
+    """One random graph; the numbers of calls and of accepted occurrences."""
+    rng = random.Random(seed)
+    pattern, replacement = rng.choice(CATALOGUE) if CATALOGUE and rng.random() < 0.4 else random_pair(rng)
+    before = random_graph(rng, pattern)
+    policy, salt = rng.choice(POLICIES), rng.randrange(1000)
+    known = all_names(before)
+    sides = [Recorder(parse_pair(pattern, replacement), known, policy, salt) for _ in range(2)]
+    graphs = [GraphProto.FromString(before.SerializeToString()) for _ in range(2)]
+    head = f"seed {seed} {policy.__name__}\npattern {pattern}\nreplacement {replacement}\n{dump(before)}\n"
+
+    expected = Pass(graphs[0], pattern, replacement)
+    expected_result = _run(lambda: expected.run(sides[0]))
+    held = list(graphs[1].node)
+    actual_result = _run(lambda: Real(sides[1]).run(graphs[1], pattern, replacement))
+
+    for number, (want, got) in enumerate(zip(sides[0].calls, sides[1].calls, strict=False)):
+        for what, a, b in zip(("nodes", "node mapping", "links", "graph", "bytes"), want, got, strict=True):
+            assert a == b, f"{head}call {number}: {what}\nexpected {a}\nactual {b}"
+    assert len(sides[0].calls) == len(sides[1].calls), f"{head}number of calls"
+    assert expected_result == actual_result, f"{head}result"
+    found = difference(*graphs, known)
+    assert found is None, head + str(found)
+    if policy is _refuse:
+        assert serialized(graphs[1]) == serialized(before), f"{head}a trace of refused occurrences"
+    for index, origin in enumerate(expected.origins):
+        assert origin is None or graphs[1].node[index] is held[origin], f"{head}node {index} was exchanged"
+    try:
+        faulted = isinstance(actual_result, str)
+        _check_soundness(before, graphs[1], acyclic=_acyclic(graphs[0]), faulted=faulted)
+    except AssertionError as error:
+        raise AssertionError(f"{head}{error}\n{dump(graphs[1])}") from None
+    return len(sides[1].calls), len(expected.accepted)
+
+
+@pytest.mark.parametrize("block", range(BLOCKS))
+def test_random_graphs(block: int) -> None:
+    size = max(1, GRAPHS // BLOCKS)
+    calls = [check(seed)[0] for seed in range(block * size, (block + 1) * size)]
+    # Guards the makers of graphs: most graphs must hold something to replace.
+    assert size < 20 or sum(map(bool, calls)) > size // 2
