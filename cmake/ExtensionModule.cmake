@@ -1,9 +1,10 @@
-# onnxgraft_extension_module(<name> <sources>...): one CPython extension file that exports PyInit_<name> and nothing
-# else. Hidden visibility alone would let instantiations of the standard library's templates through, and two modules
+# onnxgraft_extension_module(<name> <sources>...): one CPython extension file on top of the core and the interpreter
+# layer, that exports PyInit_<name> and nothing else. Hidden visibility alone would let instantiations of the standard library's templates through, and two modules
 # in one process would then share them by accident; the linker's version script closes that.
 
 function(onnxgraft_extension_module name)
   Python_add_library(${name} MODULE WITH_SOABI ${ARGN})
+  target_link_libraries(${name} PRIVATE onnxgraft_py onnxgraft_core)
   onnxgraft_compile_options(${name})
   set(exports "${CMAKE_CURRENT_BINARY_DIR}/${name}.exports")
   file(CONFIGURE OUTPUT "${exports}" CONTENT "{ global: PyInit_@name@; local: *; };\n" @ONLY)

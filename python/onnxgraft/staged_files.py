@@ -111,7 +111,8 @@ def publish(files: Sequence[StagedFile]) -> None:
             file.put_in_place()
     except BaseException as error:
         for file in reversed(begun):
-            file.take_back()
+            with suppress(OSError):  # the others still have to go back
+                file.take_back()
         if isinstance(error, OSError):
             raise ModelFileError(f"cannot write '{files[-1].named}': {error.strerror}") from error
         raise

@@ -1,0 +1,3 @@
+import onnx
+
+def count_op_type(graph: onnx.GraphProto, wanted: str, /) -> int: ...

@@ -1,0 +1,334 @@
+"""The command line: what it shows, what it writes, and that bad input leaves nothing behind."""
+
+from __future__ import annotations
+
+import os
+import re
+import signal
+import subprocess
+import sys
+from collections import Counter
+from collections.abc import Callable, Sequence
+from pathlib import Path
+
+import numpy as np
+import onnx
+import pytest
+from onnx import TensorProto, helper, numpy_helper
+
+from onnxgraft import model_files, quant
+from onnxgraft.cli import main
+
+MODEL = "model.onnx"
+OUT = "out.onnx"
+Capture = pytest.CaptureFixture[str]
+
+
+def make_model(channels: int = 64) -> onnx.ModelProto:
+    """Two Conv in a row; the second has no bias."""
+    rng = np.random.default_rng(0)
+    tensors = {
+        "w1": rng.random((channels, 3, 3, 3), np.float32),
+        "b1": rng.random(channels, np.float32),
+        "w2": rng.random((channels, channels, 1, 1), np.float32),
+    }
+    graph = helper.make_graph(
+        [helper.make_node("Conv", ["x", "w1", "b1"], ["y"]), helper.make_node("Conv", ["y", "w2"], ["z"])],
+        "two_conv",
+        [helper.make_tensor_value_info("x", TensorProto.FLOAT, [1, 3, 8, 8])],
+        [helper.make_tensor_value_info("z", TensorProto.FLOAT, None)],
+        [numpy_helper.from_array(value, name) for name, value in tensors.items()],
+    )
+    return helper.make_model(graph, opset_imports=[helper.make_opsetid("", 17)], ir_version=8)
+
+
+def save_external(folder: Path, data: str = "weights.bin") -> None:
+    onnx.save_model(make_model(), folder / MODEL, save_as_external_data=True, location=data, size_threshold=0)
+
+
+@pytest.fixture
+def folder(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Path:
+    """The current folder, with a model in it."""
+    monkeypatch.chdir(tmp_path)
+    onnx.save_model(make_model(), MODEL)
+    return tmp_path
+
+
+def run(*arguments: str) -> int:
+    try:
+        return main(arguments)
+    except SystemExit as stop:
+        return int(stop.code or 0)
+
+
+def apply(*further: str, out: str = OUT, name: str = "quant_conv") -> int:
+    return run("apply", MODEL, "-t", name, "-o", out, *further)
+
+
+def contents(folder: Path) -> dict[str, bytes | None]:
+    return {str(path.relative_to(folder)): path.read_bytes() if path.is_file() else None for path in folder.rglob("*")}
+
+
+def test_list_shows_every_transformation_that_can_run(capsys: Capture) -> None:
+    assert run("list") == 0
+    rows = [re.split(r"\s{2,}", line.strip()) for line in capsys.readouterr().out.splitlines()]
+    shown = {row[0]: row[1:] for row in rows if len(row) == 4}
+    runnable = {cls().get_simple_name(): cls for cls in vars(quant).values() if hasattr(cls, "get_simple_name")}
+    assert list(shown) == ["Name", *runnable]
+    assert shown["quant_matmul"] == ["QuantMatMulTransformation", "NLP and CV models", "3"]
+    assert shown["replace_quant_v2"] == ["ChangeTesselQuantTransformationV2", "YOLO, U2Net", "5"]
+
+
+def test_apply_writes_the_model_and_says_what_it_did(folder: Path, capsys: Capture) -> None:
+    assert apply("-t", "quant_gemm", "--seed", "7") == 0
+    shown = capsys.readouterr()
+    assert shown.err == ""
+    numbers = {line.split()[0]: line.split()[1:] for line in shown.out.splitlines() if line.strip()}
+    assert numbers["quant_conv"] == ["2", "2", "6"]
+    assert numbers["quant_gemm"] == ["0", "6", "6"]
+    assert numbers["total"] == ["2", "2", "6"]
+    assert f"wrote {OUT}" in shown.out
+    expected = make_model()
+    np.random.seed(7)
+    assert quant.QuantConvTransformation().apply(expected.graph) == 2
+    assert onnx.load(OUT) == expected
+    assert sorted(contents(folder)) == [MODEL, OUT]
+
+
+def test_the_example_models_come_out_quantized(
+    example_models: list[Path], tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.chdir(tmp_path)
+    names = [arg for name in ("quant_conv", "quant_gemm", "quant_matmul", "delete_concat") for arg in ("-t", name)]
+    assert len(example_models) == 2
+    for model in example_models:
+        assert run("apply", str(model), *names, "-o", model.name) == 0
+        before = Counter(node.op_type for node in onnx.load(model).graph.node)
+        after = Counter(node.op_type for node in onnx.load(model.name).graph.node)
+        quantized = before["Conv"] + before["Gemm"] + before["MatMul"]
+        assert after["TesselQuant"] == after["TesselDequant"] == quantized > 0
+
+
+# --- external data
+
+
+@pytest.mark.parametrize("out", [OUT, MODEL, "sub/out.onnx"])
+@pytest.mark.parametrize("data", ["weights.bin", MODEL + ".data"])
+def test_external_data_stays_external(folder: Path, out: str, data: str) -> None:
+    (folder / "sub").mkdir()
+    save_external(folder, data)
+    assert apply("--seed", "3", "--force", out=out) == 0
+    references = {
+        tensor.name: {entry.key: entry.value for entry in tensor.external_data}
+        for tensor in onnx.load(out, load_external_data=False).graph.initializer
+        if tensor.data_location == TensorProto.EXTERNAL
+    }
+    assert references
+    assert {reference["location"] for reference in references.values()} == {Path(out).name + ".data"}
+    expected = make_model()
+    np.random.seed(3)
+    quant.QuantConvTransformation().apply(expected.graph)
+    loaded = {tensor.name: numpy_helper.to_array(tensor) for tensor in onnx.load(out).graph.initializer}
+    assert loaded.keys() == {tensor.name for tensor in expected.graph.initializer}
+    for tensor in expected.graph.initializer:
+        np.testing.assert_array_equal(loaded[tensor.name], numpy_helper.to_array(tensor))
+    onnx.load(out).SerializeToString()
+    assert not [name for name in contents(folder) if ".onnxgraft-" in name]
+
+
+def test_untouched_external_tensors_are_carried_over(folder: Path) -> None:
+    save_external(folder)
+    assert apply(name="quant_gemm") == 0
+    before, after = onnx.load(MODEL), onnx.load(OUT)
+    assert before == after
+    assert (folder / (OUT + ".data")).stat().st_size >= sum(len(t.raw_data) for t in before.graph.initializer)
+
+
+def test_a_result_too_large_for_one_file_gets_a_second(
+    folder: Path, monkeypatch: pytest.MonkeyPatch, capsys: Capture
+) -> None:
+    monkeypatch.setattr(model_files, "LARGEST_MESSAGE", 4000)
+    assert apply() == 0
+    assert f"wrote {OUT}.data" in (shown := capsys.readouterr().out)
+    assert "larger than 2 GB" in shown
+    assert len(onnx.load(OUT).graph.node) == 6
+    before = contents(folder)
+    monkeypatch.setattr(model_files, "LARGEST_MESSAGE", 100)
+    assert apply("--force") == 1
+    assert contents(folder) == before
+
+
+# --- bad input
+
+
+def write(content: bytes) -> Callable[[Path], object]:
+    return lambda folder: (folder / MODEL).write_bytes(content)
+
+
+def cut_off(folder: Path) -> None:
+    os.truncate(folder / MODEL, (folder / MODEL).stat().st_size // 2)
+
+
+def replace_by_folder(folder: Path) -> None:
+    (folder / MODEL).unlink()
+    (folder / MODEL).mkdir()
+
+
+def external_with(key: str, value: str) -> Callable[[Path], None]:
+    def make(folder: Path) -> None:
+        save_external(folder)
+        model = onnx.load(folder / MODEL, load_external_data=False)
+        entries = {entry.key: entry for entry in model.graph.initializer[0].external_data}
+        entries[key].value = value
+        (folder / MODEL).write_bytes(model.SerializeToString())
+
+    return make
+
+
+def external_without_file(folder: Path) -> None:
+    save_external(folder)
+    (folder / "weights.bin").unlink()
+
+
+def break_a_name(folder: Path) -> None:
+    model = make_model()
+    del model.opset_import[:]
+    (folder / MODEL).write_bytes(model.SerializeToString())
+
+
+Make = Callable[[Path], object]
+BAD_INPUT: dict[str, tuple[int, str, Make, Sequence[str]]] = {
+    # name: exit code, what the line says, how the folder is prepared, arguments instead of the usual ones
+    "no command": (2, "COMMAND", lambda _: None, []),
+    "no output": (2, "--output", lambda _: None, ["apply", MODEL, "-t", "quant_conv"]),
+    "no transformation": (2, "--transformation", lambda _: None, ["apply", MODEL, "-o", OUT]),
+    "unknown transformation": (
+        2,
+        "'quant_cnv': did you mean quant_conv",
+        lambda _: None,
+        ["apply", MODEL, "-t", "quant_conv", "-t", "quant_cnv", "-o", OUT],
+    ),
+    "negative seed": (2, "'-1' is not a whole", lambda _: None, ["apply", MODEL, "-o", OUT, "--seed", "-1"]),
+    "seed too large": (2, "4294967296", lambda _: None, ["apply", MODEL, "-o", OUT, "--seed", "4294967296"]),
+    "missing file": (1, "No such file", lambda folder: (folder / MODEL).unlink(), ()),
+    "empty file": (1, "is empty", write(b""), ()),
+    "not ONNX": (1, "not an ONNX model", write(b"\x89PNG\r\n\x1a\n" + bytes(100)), ()),
+    "unknown fields only": (1, "no graph", write(b"h\x01"), ()),
+    "cut off": (1, "cut off", cut_off, ()),
+    "no operator set": (1, "operator set", break_a_name, ()),
+    "folder as model": (1, "is a folder", replace_by_folder, ()),
+    "folder as output": (1, "is a folder", lambda folder: (folder / OUT).mkdir(), ()),
+    "existing output": (1, "exists already", lambda folder: (folder / OUT).write_bytes(b"mine"), ()),
+    "missing output folder": (1, "no folder 'no'", lambda _: None, ["apply", MODEL, "-t", "quant_conv", "-o", "no/o"]),
+    "output below a file": (
+        1,
+        "Not a directory",
+        lambda _: None,
+        ["apply", MODEL, "-t", "quant_conv", "-o", MODEL + "/o"],
+    ),
+    "output not writable": (
+        1,
+        "cannot write",
+        lambda _: None,
+        ["apply", MODEL, "-t", "quant_conv", "-o", "/proc/out.onnx"],
+    ),
+    "device as output": (
+        1,
+        "not a regular file",
+        lambda _: None,
+        ["apply", MODEL, "-t", "quant_conv", "--force", "-o", "/dev/null"],
+    ),
+    "missing external data": (1, "weights.bin", external_without_file, ()),
+    "external data elsewhere": (1, "in the model's folder", external_with("location", "/etc/passwd"), ()),
+    "external data above": (1, "in the model's folder", external_with("location", "../weights.bin"), ()),
+    "external data cut off": (1, "bytes", external_with("length", "99999999"), ()),
+    "external data with a bad offset": (1, "whole numbers", external_with("offset", "zero"), ()),
+}
+
+
+@pytest.mark.parametrize(("code", "says", "prepare", "arguments"), BAD_INPUT.values(), ids=BAD_INPUT.keys())
+def test_bad_input_gets_one_line_and_changes_nothing(
+    folder: Path, capsys: Capture, code: int, says: str, prepare: Make, arguments: Sequence[str]
+) -> None:
+    prepare(folder)
+    before = contents(folder)
+    default = ["apply", MODEL, "-t", "quant_conv", "-o", OUT]
+    assert run(*(default if arguments == () else arguments)) == code
+    shown = capsys.readouterr()
+    assert says in shown.err
+    assert shown.err.count("\n") == 1
+    assert shown.out == ""
+    assert contents(folder) == before
+
+
+@pytest.mark.parametrize(
+    ("place", "raised", "code"),
+    [
+        ("apply", ValueError("bad\nweight"), 1),
+        ("apply", MemoryError(), 1),
+        ("apply", KeyboardInterrupt(), 130),
+        ("publish", KeyboardInterrupt(), 130),
+        ("publish", OSError(28, "No space left on device"), 1),
+    ],
+    ids=lambda value: str(value) if isinstance(value, str) else type(value).__name__,
+)
+def test_a_failure_on_the_way_leaves_the_old_files(
+    folder: Path, capsys: Capture, monkeypatch: pytest.MonkeyPatch, place: str, raised: BaseException, code: int
+) -> None:
+    save_external(folder, MODEL + ".data")
+    before = contents(folder)
+    replace = Path.replace
+
+    def fail(*_args: object) -> int:
+        raise raised
+
+    def replace_but_the_model(self: Path, target: Path) -> Path:
+        # The data file has taken its place when the model's turn comes.
+        if target.name == MODEL and self.suffix == ".tmp":
+            fail()
+        return replace(self, target)
+
+    if place == "apply":
+        monkeypatch.setattr("onnxgraft.catalogue.Transformation.apply", fail)
+    else:
+        monkeypatch.setattr(Path, "replace", replace_but_the_model)
+    assert apply("--force", out=MODEL) == code
+    assert capsys.readouterr().err.count("\n") == 1
+    assert contents(folder) == before
+
+
+def test_force_keeps_links_and_permissions(folder: Path) -> None:
+    (folder / "real.onnx").write_bytes(b"old")
+    (folder / "real.onnx").chmod(0o640)
+    (folder / OUT).symlink_to("real.onnx")
+    assert apply("--force") == 0
+    assert (folder / OUT).is_symlink()
+    assert (folder / "real.onnx").stat().st_mode & 0o777 == 0o640
+    assert len(onnx.load(folder / "real.onnx").graph.node) == 6
+
+
+def test_as_a_process(folder: Path) -> None:
+    command = [sys.executable, "-m", "onnxgraft"]
+    done = subprocess.run([*command, "apply", MODEL, "-t", "quant_conv", "-o", OUT], capture_output=True, text=True)
+    assert (done.returncode, done.stderr) == (0, "")
+    failed = subprocess.run([*command, "apply", MODEL, "-t", "nothing", "-o", "o"], capture_output=True, text=True)
+    assert (failed.returncode, failed.stdout) == (2, "")
+    assert "onnxgraft list" in failed.stderr
+
+
+def test_a_terminated_process_leaves_no_temporary_file(folder: Path) -> None:
+    before = contents(folder)
+    program = """
+import time, onnxgraft.catalogue
+from onnxgraft.__main__ import run
+onnxgraft.catalogue.Transformation.apply = lambda self, graph: (print("begun", flush=True), time.sleep(60))
+run()
+"""
+    arguments = ["apply", MODEL, "-t", "quant_conv", "-o", OUT]
+    with subprocess.Popen([sys.executable, "-c", program, *arguments], stdout=subprocess.PIPE, text=True) as process:
+        assert process.stdout is not None
+        assert process.stdout.readline() == "begun\n"
+        assert len(contents(folder)) == len(before) + 1
+        process.send_signal(signal.SIGTERM)
+    assert process.returncode == 128 + signal.SIGTERM
+    assert contents(folder) == before
