@@ -131,4 +131,32 @@ std::vector<NodeIndex> put_in_order(const GraphTable& table, std::span<const Nod
   return OrderRepair(table, before, placed).run();
 }
 
+std::vector<NodeIndex> put_back(std::span<const NodeIndex> now, std::span<const NodeIndex> before,
+                                const std::vector<bool>& goes, const std::vector<bool>& comes_back) {
+  std::vector<bool> present(goes.size(), false);
+  for (const NodeIndex node : now) present[node] = !goes[node];
+  // For each node, the one that comes back directly in front of it.
+  std::vector<NodeIndex> in_front(goes.size(), no_index);
+  NodeIndex at_end = no_index;
+  NodeIndex next = no_index;
+  for (std::size_t at = before.size(); at-- > 0;) {
+    const NodeIndex node = before[at];
+    if (!present[node] && !comes_back[node]) continue;
+    if (!present[node]) (next == no_index ? at_end : in_front[next]) = node;
+    next = node;
+  }
+  std::vector<NodeIndex> list;
+  std::vector<NodeIndex> chain;
+  const auto write = [&](NodeIndex last) {
+    chain.clear();
+    for (NodeIndex node = last; node != no_index; node = in_front[node]) chain.push_back(node);
+    list.insert(list.end(), chain.rbegin(), chain.rend());
+  };
+  for (const NodeIndex node : now) {
+    if (present[node]) write(node);
+  }
+  write(at_end);
+  return list;
+}
+
 }  // namespace onnxgraft::core

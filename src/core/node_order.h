@@ -43,4 +43,9 @@ class Placement {
 std::vector<NodeIndex> put_in_order(const GraphTable& table, std::span<const NodeIndex> before,
                                     std::span<const NodeIndex> placed);
 
+/// Takes nodes out of a list that others have changed and puts nodes of `before` back into it: each in front
+/// of the next node of `before` that is in the list, else at the end.
+std::vector<NodeIndex> put_back(std::span<const NodeIndex> now, std::span<const NodeIndex> before,
+                                const std::vector<bool>& goes, const std::vector<bool>& comes_back);
+
 }  // namespace onnxgraft::core

@@ -1,0 +1,93 @@
+#include "abstract_transformation/callback.h"
+
+#include <string>
+
+#include "py/objects.h"
+
+namespace onnxgraft::py {
+
+namespace {
+
+const InternedName callback_name("_on_replace_subgraph");
+
+bool has_default_callback(PyObject* transformation) {
+  const Ref method = attribute(transformation, callback_name);
+  if (PyMethod_Check(method.get()) == 0) return false;
+  return row_of(PyMethod_GET_FUNCTION(method.get())) == &default_callback();
+}
+
+Ref position_of(core::NodeIndex node, const core::GraphTable& table, GraphWriter& writer) {
+  const Py_ssize_t position = writer.position(node);
+  if (position >= 0) return integer(position);
+  const std::string op(table.ops.text(table.op(node)));
+  const std::string output(table.names.text(table.outputs(node)[0]));
+  raise(PyExc_RuntimeError,
+        "node '%s' (%s, writes '%s') is no longer in the graph: an earlier callback removed it before its own "
+        "occurrence was handled",
+        std::string(table.names.text(table.node_names[node])).c_str(), op.c_str(), output.c_str());
+}
+
+void set_item(PyObject* dict, std::size_t key, const Ref& value) {
+  check(PyDict_SetItem(dict, integer(static_cast<std::int64_t>(key)).get(), value.get()));
+}
+
+}  // namespace
+
+Callback::Callback(PyObject* transformation, PyObject* graph, PyObject* extra, const core::Rule& rule)
+    : transformation_(transformation), graph_(graph), rule_(rule), is_default_(has_default_callback(transformation)) {
+  PyObject* key = nullptr;
+  PyObject* value = nullptr;
+  Py_ssize_t at = 0;
+  keyword_names_ = checked(PyTuple_New(PyDict_GET_SIZE(extra)));
+  while (PyDict_Next(extra, &at, &key, &value) != 0) {
+    PyTuple_SET_ITEM(keyword_names_.get(), static_cast<Py_ssize_t>(keyword_values_.size()),
+                     Ref::borrow(key).release());
+    keyword_values_.push_back(Ref::borrow(value));
+  }
+  for (const core::Link& link : rule.links) link_ids_.push_back(text(link.id));
+}
+
+Ref Callback::node_mapping(std::span<const core::NodeIndex> nodes, const core::SplicePlan& plan, std::size_t index,
+                           const core::GraphTable& table, GraphWriter& writer) const {
+  Ref mapping = checked(PyDict_New());
+  for (std::size_t entry = 0; entry < rule_.entries.size(); ++entry) {
+    set_item(mapping.get(), entry, position_of(plan.entry_node(index, entry), table, writer));
+  }
+  // Beyond the replacement, a number stands for the pattern node, as long as the graph has it.
+  for (std::size_t role = rule_.entries.size(); role < nodes.size(); ++role) {
+    if (rule_.nodes[role].kept) set_item(mapping.get(), role, position_of(nodes[role], table, writer));
+  }
+  return mapping;
+}
+
+Callback::Arguments Callback::arguments(const core::OccurrenceList& occurrences, const core::SplicePlan& plan,
+                                        std::size_t index, const core::GraphTable& table,
+                                        GraphWriter& writer) const {
+  Arguments result;
+  const auto nodes = occurrences.nodes(index);
+  const auto names = occurrences.links(index);
+  result.node_mapping = node_mapping(nodes, plan, index, table, writer);
+  result.replaced_nodes = checked(PyList_New(static_cast<Py_ssize_t>(nodes.size())));
+  for (std::size_t role = 0; role < nodes.size(); ++role) {
+    PyList_SET_ITEM(result.replaced_nodes.get(), static_cast<Py_ssize_t>(role),
+                    Ref::borrow(writer.handle(nodes[role])).release());
+  }
+  result.link_mapping = checked(PyDict_New());
+  for (std::size_t link = 0; link < names.size(); ++link) {
+    check(PyDict_SetItem(result.link_mapping.get(), link_ids_[link].get(),
+                         text(table.names.text(names[link])).get()));
+  }
+  return result;
+}
+
+bool Callback::call(const Arguments& arguments) const {
+  std::vector<PyObject*> stack{transformation_, graph_, arguments.replaced_nodes.get(), arguments.node_mapping.get(),
+                               arguments.link_mapping.get()};
+  const std::size_t positional = stack.size();
+  for (const Ref& value : keyword_values_) stack.push_back(value.get());
+  const Ref result =
+      checked(PyObject_VectorcallMethod(callback_name.get(), stack.data(), positional, keyword_names_.get()));
+  return truth(result.get());
+}
+
+}  // namespace onnxgraft::py

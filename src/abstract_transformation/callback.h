@@ -1,0 +1,50 @@
+// Calls `_on_replace_subgraph` of the transformation that runs.
+#pragma once
+
+#include <vector>
+
+#include "core/occurrence.h"
+#include "core/splice_plan.h"
+#include "py/function.h"
+#include "py/graph_writer.h"
+#include "py/ref.h"
+
+namespace onnxgraft::py {
+
+/// The callback of a class that has none of its own: every occurrence is accepted.
+const FunctionRow& default_callback();
+
+class Callback {
+ public:
+  /// `extra` is the dict of further keyword arguments, handed on by identity. All borrowed.
+  Callback(PyObject* transformation, PyObject* graph, PyObject* extra, const core::Rule& rule);
+
+  /// True if the transformation has the default callback, which need not be called.
+  [[nodiscard]] bool is_default() const { return is_default_; }
+
+  /// What a callback gets for one occurrence. Making it raises RuntimeError if a node of the occurrence is gone.
+  struct Arguments {
+    Ref replaced_nodes;
+    Ref node_mapping;
+    Ref link_mapping;
+  };
+  Arguments arguments(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::size_t index,
+                      const core::GraphTable& table, GraphWriter& writer) const;
+
+  /// True if the occurrence was accepted.
+  [[nodiscard]] bool call(const Arguments& arguments) const;
+
+ private:
+  [[nodiscard]] Ref node_mapping(std::span<const core::NodeIndex> nodes, const core::SplicePlan& plan,
+                                 std::size_t index, const core::GraphTable& table, GraphWriter& writer) const;
+
+  PyObject* transformation_;
+  PyObject* graph_;
+  const core::Rule& rule_;
+  Ref keyword_names_;              // tuple
+  std::vector<Ref> keyword_values_;
+  std::vector<Ref> link_ids_;      // `str` per link of the rule
+  bool is_default_;
+};
+
+}  // namespace onnxgraft::py

@@ -1,0 +1,167 @@
+// The module `abstract_transformation`: the base class of all transformations, and what tools need to look into
+// its matching.
+
+#include <array>
+#include <chrono>
+
+#include "abstract_transformation/callback.h"
+#include "abstract_transformation/pass.h"
+#include "abstract_transformation/report.h"
+#include "abstract_transformation/rule_cache.h"
+#include "py/class_factory.h"
+#include "py/module_entry.h"
+#include "py/objects.h"
+
+namespace onnxgraft::py {
+
+namespace {
+
+constexpr const char* class_doc = R"(Base class of transformations: finds small subgraphs in an ONNX graph and replaces them in place.
+
+A subclass holds (pattern, replacement) pairs as lists of strings and calls
+`_replace_all_isomorphic_sub_graphs` for each of them, by convention from a method `apply(graph, debug=False)` that
+returns the number of replaced occurrences. One that has to set attributes or initializers of the new nodes, or
+to refuse occurrences, overrides `_on_replace_subgraph`.)";
+
+constexpr const char* replace_doc = R"(Replaces every occurrence of `subgraph` in `graph` by `replacement`, in place.
+
+graph: the GraphProto; only its own node list is searched, not the bodies of If, Loop and Scan.
+subgraph, replacement: lists of strings, such as ["Conv:0,1i->2"] and ["#0:0,1i->100", "Relu:100->2"].
+debug: writes a line to sys.stderr: how many occurrences were found, replaced and refused, in what time, and
+    if there was none, the nearest miss.
+extra: handed on to `_on_replace_subgraph`.
+
+Returns the number of occurrences replaced. Raises ValueError for a list that does not follow the notation and
+TypeError for an argument of a wrong type, both before anything is touched. What a callback raises goes on: the
+occurrence that it was called for and those accepted before stay replaced, all others are as they were.)";
+
+constexpr const char* callback_doc = R"(Called for every replaced occurrence; a false result takes the replacement back.
+
+graph: the GraphProto, with all occurrences of the pass replaced.
+replaced_nodes: the matched NodeProtos in pattern order; removed ones keep their content.
+isomorphic_node_mapping: dict from the position in the replacement list to the node's index in graph.node.
+isomorphic_links_mapping: dict from the text of every id of both lists to the tensor's name.
+kwargs: what the caller of `_replace_all_isomorphic_sub_graphs` gave beyond `debug`.
+
+This one accepts every occurrence.)";
+
+constexpr const char* find_doc = R"(Occurrences that a pass would replace if its callback accepted all of them.
+
+Returns a list of dicts: "nodes", the indices in graph.node in pattern order, and "links", from the id of every
+pattern tensor to its name. The graph is not changed.)";
+
+constexpr const char* nearest_miss_doc = R"(Why `subgraph` does not match: the attempt that got furthest.
+
+Returns None if the pattern fits somewhere, else a dict: "matched" (number of pattern nodes that fitted),
+"last_node" (index of the graph node matched last, or None), "pattern_node" (the one that could not be matched),
+"node" (index of the node that was tried for it, or None), "reason" (an identifier such as "not_initializer"),
+"input" (input position, where the reason has one), "tensor" (name, or None), "reader" (index of another node
+that reads the tensor, or None) and "text" (a sentence).)";
+
+Ref replace_all(const Call& call) {
+  const auto rule = compiled_rule(call[2], call[3]);
+  const bool debug = truth(call[4]);
+  const auto start = std::chrono::steady_clock::now();
+  Pass pass(call[0], call[1], call.keywords, rule);
+  const std::size_t count = pass.run();
+  if (debug) {
+    write_debug_line(call[0], call[1], call[2], *rule, pass.counts(), std::chrono::steady_clock::now() - start);
+  }
+  return checked(PyLong_FromSize_t(count));
+}
+
+constexpr std::array replace_parameters{
+    Parameter{"self"},
+    Parameter{"graph"},
+    Parameter{"subgraph"},
+    Parameter{"replacement"},
+    Parameter{.name = "debug", .fallback = Default::false_value},
+};
+
+constexpr std::array callback_parameters{
+    Parameter{"self"},
+    Parameter{"graph", "GraphProto"},
+    Parameter{"replaced_nodes", "[NodeProto]"},
+    Parameter{"isomorphic_node_mapping", "[int]"},
+    Parameter{"isomorphic_links_mapping", "dict"},
+};
+
+constexpr std::array pair_parameters{
+    Parameter{"graph"},
+    Parameter{"subgraph"},
+    Parameter{"replacement"},
+};
+
+const std::array base_methods{
+    FunctionRow{
+        .name = "_replace_all_isomorphic_sub_graphs",
+        .parameters = replace_parameters,
+        .body = replace_all,
+        .result_annotation = "int",
+        .collects_keywords = true,
+        .doc = replace_doc,
+    },
+    FunctionRow{
+        .name = "_on_replace_subgraph",
+        .parameters = callback_parameters,
+        .body = [](const Call&) { return boolean(true); },
+        .result_annotation = "bool",
+        .collects_keywords = true,
+        .doc = callback_doc,
+    },
+};
+
+const ClassRow base_class{
+    .name = "AbstractTransformation",
+    .bases = {},
+    .doc = class_doc,
+    .methods = base_methods,
+};
+
+const FunctionRow find_row{
+    .name = "find_occurrences",
+    .parameters = pair_parameters,
+    .body = [](const Call& call) { return find_occurrences(call[0], *compiled_rule(call[1], call[2])); },
+    .doc = find_doc,
+};
+
+const FunctionRow nearest_miss_row{
+    .name = "nearest_miss",
+    .parameters = pair_parameters,
+    .body = [](const Call& call) { return nearest_miss(call[0], *compiled_rule(call[1], call[2])); },
+    .doc = nearest_miss_doc,
+};
+
+void fill(PyObject* module) {
+  const Ref function_type = make_function_type(module);
+  add_class(module, function_type.get(), base_class);
+  add_function(module, function_type.get(), find_row);
+  add_function(module, function_type.get(), nearest_miss_row);
+}
+
+int execute(PyObject* module) {
+  static bool done = false;
+  return initialise_once(module, done, fill);
+}
+
+std::array slots{
+    PyModuleDef_Slot{Py_mod_exec, reinterpret_cast<void*>(execute)},
+#ifdef Py_mod_multiple_interpreters
+    PyModuleDef_Slot{Py_mod_multiple_interpreters, Py_MOD_MULTIPLE_INTERPRETERS_NOT_SUPPORTED},
+#endif
+    PyModuleDef_Slot{0, nullptr},
+};
+
+constexpr const char* module_doc = "The base class of all transformations, with its matcher.";
+
+PyModuleDef definition{
+    PyModuleDef_HEAD_INIT, "abstract_transformation", module_doc, 0, nullptr, slots.data(), nullptr, nullptr, nullptr,
+};
+
+}  // namespace
+
+const FunctionRow& default_callback() { return base_methods[1]; }
+
+}  // namespace onnxgraft::py
+
+PyMODINIT_FUNC PyInit_abstract_transformation() { return PyModuleDef_Init(&onnxgraft::py::definition); }

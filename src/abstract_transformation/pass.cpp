@@ -1,0 +1,121 @@
+#include "abstract_transformation/pass.h"
+
+#include <utility>
+
+#include "core/node_order.h"
+#include "py/guard.h"
+
+namespace onnxgraft::py {
+
+Pass::Pass(PyObject* transformation, PyObject* graph, PyObject* extra, std::shared_ptr<const core::Rule> rule)
+    : graph_(graph),
+      rule_(std::move(rule)),
+      reader_(graph),
+      callback_(transformation, graph, extra, *rule_) {}
+
+std::size_t Pass::run() {
+  if (!reader_.read_operators(*rule_, table_)) return 0;
+  reader_.read_links(table_);
+  core::Candidates candidates(table_, *rule_);
+  if (!candidates.possible()) return 0;
+  claims_.emplace(table_.original_count());
+  while (true) {
+    core::Claims claims = *claims_;
+    core::OccurrenceList occurrences = core::Search(table_, *rule_, candidates, claims, refused_).run();
+    if (occurrences.empty()) break;
+    counts_.found += occurrences.size();
+    const std::size_t refused_before = counts_.refused;
+    run_round(occurrences);
+    if (counts_.refused == refused_before) break;
+  }
+  if (counts_.replaced != 0) clean_up(graph_, table_, *writer_, clean_up_names_, callback_.is_default());
+  return counts_.replaced;
+}
+
+void Pass::prepare_writer() {
+  if (writer_) return;
+  reader_.read_names(table_);
+  writer_.emplace(reader_.nodes(), table_);
+  // A callback may change the list; what it did can be told only from the nodes' identities.
+  if (!callback_.is_default()) writer_->hold_all();
+}
+
+void Pass::run_round(core::OccurrenceList& occurrences) {
+  prepare_writer();
+  const core::SplicePlan plan(table_, *rule_, occurrences);
+  for (core::NodeIndex node = plan.first_new_node(); node < table_.node_count(); ++node) {
+    writer_->set_source(node, plan.copied_from(node));
+  }
+  const std::vector<core::NodeIndex> before(writer_->order().begin(), writer_->order().end());
+  std::vector<bool> chosen(occurrences.size(), true);
+  writer_->rearrange(plan.arrange(before, chosen));
+  if (!callback_.is_default()) {
+    try {
+      ask(occurrences, plan, chosen);
+    } catch (...) {
+      const SavedError saved;
+      guarded_status([&] { take_back(occurrences, plan, before, chosen); });
+      PyErr_Clear();
+      throw;
+    }
+  }
+  take_back(occurrences, plan, before, chosen);
+  record(occurrences, chosen);
+}
+
+/// Calls back once per occurrence. On an error, `chosen` holds what has to stay: the accepted ones and the one
+/// whose callback raised.
+void Pass::ask(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::vector<bool>& chosen) {
+  chosen.assign(occurrences.size(), false);
+  for (std::size_t index = 0; index < occurrences.size(); ++index) {
+    const Callback::Arguments arguments = callback_.arguments(occurrences, plan, index, table_, *writer_);
+    chosen[index] = true;
+    chosen[index] = callback_.call(arguments);
+  }
+}
+
+void Pass::take_back(const core::OccurrenceList& occurrences, const core::SplicePlan& plan,
+                     const std::vector<core::NodeIndex>& before, const std::vector<bool>& chosen) {
+  bool all = true;
+  for (const bool stays : chosen) all = all && stays;
+  if (all) return;
+  if (!writer_->synchronize()) {
+    writer_->rearrange(plan.arrange(before, chosen));
+    return;
+  }
+  std::vector<bool> goes(table_.node_count(), false);
+  std::vector<bool> comes_back(table_.node_count(), false);
+  for (std::size_t index = 0; index < occurrences.size(); ++index) {
+    if (chosen[index]) continue;
+    for (std::size_t entry = 0; entry < rule_->entries.size(); ++entry) {
+      if (rule_->entries[entry].kind != core::EntryKind::keep) goes[plan.entry_node(index, entry)] = true;
+    }
+    const auto nodes = occurrences.nodes(index);
+    for (std::size_t role = 0; role < nodes.size(); ++role) {
+      if (rule_->nodes[role].removed()) comes_back[nodes[role]] = true;
+    }
+  }
+  writer_->rearrange(core::put_back(writer_->order(), before, goes, comes_back));
+}
+
+void Pass::record(const core::OccurrenceList& occurrences, const std::vector<bool>& chosen) {
+  for (std::size_t index = 0; index < occurrences.size(); ++index) {
+    const auto nodes = occurrences.nodes(index);
+    if (!chosen[index]) {
+      ++counts_.refused;
+      refused_.add(*rule_, nodes);
+      continue;
+    }
+    ++counts_.replaced;
+    claims_->add(*rule_, nodes);
+    for (std::size_t role = 0; role < nodes.size(); ++role) {
+      const core::PatternNode& node = rule_->nodes[role];
+      if (!node.removed()) continue;
+      const auto inputs = table_.inputs(nodes[role]);
+      clean_up_names_.read_by_removed.insert(clean_up_names_.read_by_removed.end(), inputs.begin(), inputs.end());
+      if (node.exclusive) clean_up_names_.changed.push_back(table_.outputs(nodes[role])[0]);
+    }
+  }
+}
+
+}  // namespace onnxgraft::py

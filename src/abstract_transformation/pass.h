@@ -1,0 +1,62 @@
+// One pass: finds all occurrences of a rule in a graph, replaces them, asks the callback about each, takes back
+// what was refused, and cleans up.
+//
+//   find -> splice all -> call back one by one -> restore the refused -> again with what these had kept out
+//
+// The graph is complete and in order before the first callback. Matching and planning are the core's, writing is
+// the writer's; this file only says what happens when.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "abstract_transformation/callback.h"
+#include "abstract_transformation/clean_up.h"
+#include "core/candidates.h"
+#include "core/graph_table.h"
+#include "core/rule.h"
+#include "core/search.h"
+#include "py/graph_reader.h"
+#include "py/graph_writer.h"
+
+namespace onnxgraft::py {
+
+class Pass {
+ public:
+  /// `transformation`, `graph` and `extra` are borrowed and must outlive the pass.
+  Pass(PyObject* transformation, PyObject* graph, PyObject* extra, std::shared_ptr<const core::Rule> rule);
+
+  /// Runs the pass; the number of accepted occurrences. If anything raises, the occurrences accepted so far
+  /// and the one whose callback raised stay, all others are taken back.
+  std::size_t run();
+
+  struct Counts {
+    std::size_t found = 0;
+    std::size_t replaced = 0;
+    std::size_t refused = 0;
+  };
+  [[nodiscard]] const Counts& counts() const { return counts_; }
+
+ private:
+  void run_round(core::OccurrenceList& occurrences);
+  void prepare_writer();
+  void ask(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::vector<bool>& chosen);
+  void take_back(const core::OccurrenceList& occurrences, const core::SplicePlan& plan,
+                 const std::vector<core::NodeIndex>& before, const std::vector<bool>& chosen);
+  void record(const core::OccurrenceList& occurrences, const std::vector<bool>& chosen);
+
+  PyObject* graph_;
+  std::shared_ptr<const core::Rule> rule_;
+  core::GraphTable table_;
+  GraphReader reader_;
+  Callback callback_;
+  std::optional<GraphWriter> writer_;
+  std::optional<core::Claims> claims_;  // of accepted occurrences
+  core::RefusedSet refused_;
+  CleanUpNames clean_up_names_;
+  Counts counts_;
+};
+
+}  // namespace onnxgraft::py

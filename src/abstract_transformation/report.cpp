@@ -1,0 +1,108 @@
+#include "abstract_transformation/report.h"
+
+#include <array>
+#include <cstdio>
+#include <string>
+
+#include "core/nearest_miss.h"
+#include "py/objects.h"
+
+namespace onnxgraft::py {
+
+namespace {
+
+void set(const Ref& dict, const char* key, const Ref& value) {
+  check(PyDict_SetItemString(dict.get(), key, value.get()));
+}
+
+Ref node_number(core::NodeIndex node) { return node == core::no_index ? none() : integer(node); }
+
+/// Short name of the transformation, its class's name if it has none.
+std::string label(PyObject* transformation) {
+  static const InternedName get_simple_name("get_simple_name");
+  if (PyObject_HasAttr(transformation, get_simple_name.get()) != 0) {
+    const Ref name = call_method(transformation, get_simple_name);
+    if (PyUnicode_Check(name.get()) != 0) return std::string(utf8(name.get()));
+  }
+  return Py_TYPE(transformation)->tp_name;
+}
+
+/// Reads as much of the graph as matching needs.
+void read_table(PyObject* graph, const core::Rule& rule, core::GraphTable& table) {
+  GraphReader reader(graph);
+  reader.read_operators(rule, table);
+  reader.read_links(table);
+}
+
+std::string milliseconds(std::chrono::steady_clock::duration time) {
+  std::array<char, 32> buffer{};
+  const double value = std::chrono::duration<double, std::milli>(time).count();
+  const int size = std::snprintf(buffer.data(), buffer.size(), "%.2f ms", value);
+  return {buffer.data(), static_cast<std::size_t>(size)};
+}
+
+}  // namespace
+
+void write_debug_line(PyObject* transformation, PyObject* graph, PyObject* pattern, const core::Rule& rule,
+                      const Pass::Counts& counts, std::chrono::steady_clock::duration time) {
+  const Ref pattern_text = checked(PyObject_Repr(pattern));
+  std::string line = label(transformation) + " " + std::string(utf8(pattern_text.get())) + ": found " +
+                     std::to_string(counts.found) + ", replaced " + std::to_string(counts.replaced) + ", refused " +
+                     std::to_string(counts.refused) + ", " + milliseconds(time);
+  if (counts.found == 0) {
+    core::GraphTable table;
+    read_table(graph, rule, table);
+    const auto miss = core::find_nearest_miss(table, rule);
+    if (miss) line += "; nearest miss: " + core::describe(table, rule, *miss);
+  }
+  line += "\n";
+  static const InternedName write("write");
+  PyObject* stream = PySys_GetObject("stderr");
+  if (stream == nullptr || stream == Py_None) return;
+  const Ref held = Ref::borrow(stream);
+  call_method(held.get(), write, {text(line).get()});
+}
+
+Ref nearest_miss(PyObject* graph, const core::Rule& rule) {
+  core::GraphTable table;
+  read_table(graph, rule, table);
+  const auto miss = core::find_nearest_miss(table, rule);
+  if (!miss) return none();
+  Ref result = checked(PyDict_New());
+  set(result, "matched", integer(miss->matched));
+  set(result, "last_node", node_number(miss->last));
+  set(result, "pattern_node", integer(miss->role));
+  set(result, "node", node_number(miss->candidate));
+  set(result, "reason", text(core::reason_name(miss->reason)));
+  set(result, "input", integer(miss->slot));
+  set(result, "tensor", miss->tensor == core::no_name ? none() : text(table.names.text(miss->tensor)));
+  set(result, "reader", node_number(miss->reader));
+  set(result, "text", text(core::describe(table, rule, *miss)));
+  return result;
+}
+
+Ref find_occurrences(PyObject* graph, const core::Rule& rule) {
+  core::GraphTable table;
+  read_table(graph, rule, table);
+  Ref result = checked(PyList_New(0));
+  core::Candidates candidates(table, rule);
+  core::Claims claims(table.original_count());
+  const core::RefusedSet refused;
+  const core::OccurrenceList found = core::Search(table, rule, candidates, claims, refused).run();
+  for (std::size_t index = 0; index < found.size(); ++index) {
+    const Ref nodes = checked(PyList_New(0));
+    for (const core::NodeIndex node : found.nodes(index)) check(PyList_Append(nodes.get(), integer(node).get()));
+    const Ref links = checked(PyDict_New());
+    for (std::size_t link = 0; link < rule.links.size(); ++link) {
+      if (!rule.links[link].in_pattern) continue;
+      set(links, rule.links[link].id.c_str(), text(table.names.text(found.links(index)[link])));
+    }
+    const Ref occurrence = checked(PyDict_New());
+    set(occurrence, "nodes", nodes);
+    set(occurrence, "links", links);
+    check(PyList_Append(result.get(), occurrence.get()));
+  }
+  return result;
+}
+
+}  // namespace onnxgraft::py

@@ -1,0 +1,97 @@
+#include "py/body_reader.h"
+
+#include <algorithm>
+#include <unordered_set>
+
+#include "py/graph_fields.h"
+#include "py/graph_reader.h"
+#include "py/objects.h"
+
+namespace onnxgraft::py {
+
+namespace {
+
+// AttributeProto.AttributeType
+constexpr long attribute_type_graph = 5;
+constexpr long attribute_type_graphs = 10;
+
+/// Calls `visit(graph)` for every body in the node's attributes.
+template <class Visit>
+void for_each_body(PyObject* node, Visit&& visit) {
+  const Ref attributes = attribute(node, field::attribute);
+  const Py_ssize_t count = length(attributes.get());
+  for (Py_ssize_t index = 0; index < count; ++index) {
+    const Ref entry = item(attributes.get(), index);
+    const std::int64_t type = integer_value(attribute(entry.get(), field::type).get());
+    if (type == attribute_type_graph) visit(attribute(entry.get(), field::g).get());
+    if (type != attribute_type_graphs) continue;
+    const Ref graphs = iterator(attribute(entry.get(), field::graphs).get());
+    while (const Ref graph = next(graphs.get())) visit(graph.get());
+  }
+}
+
+/// Walks bodies inside bodies; the depth is that of the nesting, not of the graph.
+class BodyReader {
+ public:
+  BodyReader(core::Names& names, std::vector<core::NameId>& result) : names_(names), result_(result) {}
+
+  void read_node(PyObject* node) {
+    for_each_body(node, [&](PyObject* graph) { read_graph(graph); });
+  }
+
+ private:
+  void read_graph(PyObject* graph) {
+    scopes_.emplace_back();
+    define(read_element_names(attribute(graph, field::input).get(), names_));
+    define(read_element_names(attribute(graph, field::initializer).get(), names_));
+    define(read_sparse_names(graph, names_));
+    read_element_names(attribute(graph, field::value_info).get(), names_);
+    const Ref nodes = iterator(attribute(graph, field::node).get());
+    while (const Ref node = next(nodes.get())) {
+      names_.intern(utf8(attribute(node.get(), field::name).get()));
+      use(strings(node.get(), field::input));
+      read_node(node.get());
+      define(strings(node.get(), field::output));
+    }
+    use(read_element_names(attribute(graph, field::output).get(), names_));
+    scopes_.pop_back();
+  }
+
+  std::vector<core::NameId> strings(PyObject* node, const InternedName& name) {
+    std::vector<core::NameId> result;
+    read_strings(attribute(node, name).get(), names_, result);
+    return result;
+  }
+
+  void define(const std::vector<core::NameId>& names) { scopes_.back().insert(names.begin(), names.end()); }
+
+  void use(const std::vector<core::NameId>& names) {
+    for (const core::NameId name : names) {
+      const bool own = std::ranges::any_of(scopes_, [&](const auto& scope) { return scope.contains(name); });
+      if (name != core::no_name && !own) result_.push_back(name);
+    }
+  }
+
+  core::Names& names_;
+  std::vector<core::NameId>& result_;
+  std::vector<std::unordered_set<core::NameId>> scopes_;
+};
+
+}  // namespace
+
+void read_body_inputs(PyObject* node, core::Names& names, std::vector<core::NameId>& result) {
+  BodyReader(names, result).read_node(node);
+}
+
+std::vector<core::NameId> read_sparse_names(PyObject* graph, core::Names& names) {
+  std::vector<core::NameId> result;
+  const Ref sparse = attribute(graph, field::sparse_initializer);
+  const Py_ssize_t count = length(sparse.get());
+  for (Py_ssize_t index = 0; index < count; ++index) {
+    const Ref values = attribute(item(sparse.get(), index).get(), field::values);
+    result.push_back(names.intern(utf8(attribute(values.get(), field::name).get())));
+  }
+  return result;
+}
+
+}  // namespace onnxgraft::py

@@ -1,0 +1,91 @@
+#include "py/graph_reader.h"
+
+#include <algorithm>
+
+#include "py/body_reader.h"
+#include "py/graph_fields.h"
+#include "py/objects.h"
+
+namespace onnxgraft::py {
+
+namespace {
+
+Ref node_list(PyObject* graph) {
+  Ref nodes = Ref::steal(PyObject_GetAttr(graph, field::node.get()));
+  if (nodes) return nodes;
+  if (PyErr_ExceptionMatches(PyExc_AttributeError) == 0) throw PythonError{};
+  PyErr_Clear();
+  static const InternedName graph_field("graph");
+  const bool is_model = PyObject_HasAttr(graph, graph_field.get()) != 0;
+  raise(PyExc_TypeError, "graph must be a GraphProto, not %.200s%s", Py_TYPE(graph)->tp_name,
+        is_model ? ": pass model.graph" : "");
+}
+
+}  // namespace
+
+GraphReader::GraphReader(PyObject* graph) : graph_(graph), nodes_(node_list(graph)) {}
+
+bool GraphReader::read_operators(const core::Rule& rule, core::GraphTable& table) {
+  const Ref elements = iterator(nodes_.get());
+  while (const Ref node = next(elements.get())) {
+    ops_.push_back(table.ops.intern(utf8(attribute(node.get(), field::op_type).get())));
+  }
+  return std::ranges::all_of(rule.nodes,
+                             [&](const core::PatternNode& node) { return table.ops.find(node.op).has_value(); });
+}
+
+void GraphReader::read_links(core::GraphTable& table) {
+  std::vector<core::NameId> inputs;
+  std::vector<core::NameId> outputs;
+  std::vector<core::NameId> implicit;
+  std::size_t index = 0;
+  const Ref elements = iterator(nodes_.get());
+  while (const Ref node = next(elements.get())) {
+    if (index == ops_.size()) raise(PyExc_RuntimeError, "the graph's node list changed while it was read");
+    inputs.clear();
+    outputs.clear();
+    implicit.clear();
+    read_strings(attribute(node.get(), field::input).get(), table.names, inputs);
+    read_strings(attribute(node.get(), field::output).get(), table.names, outputs);
+    read_body_inputs(node.get(), table.names, implicit);
+    table.add_node(ops_[index++], inputs, outputs, implicit);
+  }
+  if (index != ops_.size()) raise(PyExc_RuntimeError, "the graph's node list changed while it was read");
+  for (const core::NameId name : read_element_names(attribute(graph_, field::initializer).get(), table.names)) {
+    table.add_initializer(name);
+  }
+  for (const core::NameId name : read_element_names(attribute(graph_, field::output).get(), table.names)) {
+    table.add_graph_output(name);
+  }
+  table.seal();
+}
+
+void GraphReader::read_names(core::GraphTable& table) {
+  table.node_names = read_element_names(nodes_.get(), table.names);
+  read_element_names(attribute(graph_, field::input).get(), table.names);
+  read_element_names(attribute(graph_, field::value_info).get(), table.names);
+  read_sparse_names(graph_, table.names);
+  const Ref annotations = attribute(graph_, field::quantization_annotation);
+  for (Py_ssize_t index = 0; index < length(annotations.get()); ++index) {
+    const Ref annotation = item(annotations.get(), index);
+    table.names.intern(utf8(attribute(annotation.get(), field::tensor_name).get()));
+  }
+}
+
+void read_strings(PyObject* container, core::Names& names, std::vector<core::NameId>& result) {
+  const Py_ssize_t count = length(container);
+  for (Py_ssize_t index = 0; index < count; ++index) {
+    result.push_back(names.intern(utf8(item(container, index).get())));
+  }
+}
+
+std::vector<core::NameId> read_element_names(PyObject* container, core::Names& names) {
+  std::vector<core::NameId> result;
+  const Ref elements = iterator(container);
+  while (const Ref element = next(elements.get())) {
+    result.push_back(names.intern(utf8(attribute(element.get(), field::name).get())));
+  }
+  return result;
+}
+
+}  // namespace onnxgraft::py

@@ -1,0 +1,216 @@
+#include "py/graph_writer.h"
+
+#include <numeric>
+#include <unordered_map>
+#include <utility>
+
+#include "py/body_reader.h"
+#include "py/graph_fields.h"
+#include "py/graph_reader.h"
+#include "py/guard.h"
+#include "py/message_list.h"
+#include "py/objects.h"
+
+namespace onnxgraft::py {
+
+using core::no_index;
+using core::NodeIndex;
+
+namespace {
+
+constexpr std::size_t absent = static_cast<std::size_t>(-1);
+
+Ref names_as_list(std::span<const core::NameId> ids, const core::Names& names) {
+  Ref list = checked(PyList_New(static_cast<Py_ssize_t>(ids.size())));
+  for (std::size_t at = 0; at < ids.size(); ++at) {
+    PyList_SET_ITEM(list.get(), static_cast<Py_ssize_t>(at), text(names.text(ids[at])).release());
+  }
+  return list;
+}
+
+}  // namespace
+
+GraphWriter::GraphWriter(PyObject* nodes, core::GraphTable& table)
+    : nodes_(nodes), table_(table), handles_(table.node_count()), sources_(table.node_count(), no_index) {
+  std::vector<NodeIndex> order(table.original_count());
+  std::iota(order.begin(), order.end(), NodeIndex{0});
+  set_order(std::move(order));
+}
+
+void GraphWriter::set_order(std::vector<NodeIndex> order) {
+  order_ = std::move(order);
+  position_.assign(table_.node_count(), absent);
+  for (std::size_t at = 0; at < order_.size(); ++at) position_[order_[at]] = at;
+}
+
+PyObject* GraphWriter::handle(NodeIndex node) {
+  if (node >= handles_.size()) handles_.resize(table_.node_count());
+  if (!handles_[node]) handles_[node] = item(nodes_, static_cast<Py_ssize_t>(position_[node]));
+  return handles_[node].get();
+}
+
+void GraphWriter::hold_all() {
+  handles_.resize(table_.node_count());
+  const Ref elements = iterator(nodes_);
+  for (const NodeIndex node : order_) {
+    Ref message = next(elements.get());
+    if (!message) raise(PyExc_RuntimeError, "the graph's node list changed while it was read");
+    if (!handles_[node]) handles_[node] = std::move(message);
+  }
+  holds_all_ = true;
+}
+
+bool GraphWriter::is_at(NodeIndex node, std::size_t position) const {
+  if (static_cast<Py_ssize_t>(position) >= length(nodes_)) return false;
+  return item(nodes_, static_cast<Py_ssize_t>(position)).get() == handles_[node].get();
+}
+
+Py_ssize_t GraphWriter::position(NodeIndex node) {
+  if (position_[node] != absent && is_at(node, position_[node])) return static_cast<Py_ssize_t>(position_[node]);
+  read_again();
+  return position_[node] == absent ? -1 : static_cast<Py_ssize_t>(position_[node]);
+}
+
+bool GraphWriter::synchronize() {
+  if (disturbed_ || !holds_all_) return disturbed_;
+  bool same = length(nodes_) == static_cast<Py_ssize_t>(order_.size());
+  if (same) {
+    const Ref elements = iterator(nodes_);
+    for (std::size_t at = 0; same && at < order_.size(); ++at) {
+      same = next(elements.get()).get() == handles_[order_[at]].get();
+    }
+  }
+  if (!same) read_again();
+  return disturbed_;
+}
+
+void GraphWriter::read_again() {
+  std::unordered_map<PyObject*, NodeIndex> known;
+  for (NodeIndex node = 0; node < handles_.size(); ++node) {
+    if (handles_[node]) known.emplace(handles_[node].get(), node);
+  }
+  disturbed_ = true;
+  std::vector<NodeIndex> order;
+  const Ref elements = iterator(nodes_);
+  while (const Ref message = next(elements.get())) {
+    const auto found = known.find(message.get());
+    const NodeIndex node = found != known.end() ? found->second : adopt(message.get());
+    known.emplace(message.get(), node);
+    order.push_back(node);
+  }
+  set_order(std::move(order));
+}
+
+/// Takes a node that somebody else added into the table.
+NodeIndex GraphWriter::adopt(PyObject* message) {
+  std::vector<core::NameId> inputs;
+  std::vector<core::NameId> outputs;
+  std::vector<core::NameId> implicit;
+  read_strings(attribute(message, field::input).get(), table_.names, inputs);
+  read_strings(attribute(message, field::output).get(), table_.names, outputs);
+  read_body_inputs(message, table_.names, implicit);
+  const Ref op = attribute(message, field::op_type);
+  const NodeIndex node = table_.add_node(table_.ops.intern(utf8(op.get())), inputs, outputs, implicit);
+  table_.node_names.resize(table_.node_count(), core::no_name);
+  table_.node_names[node] = table_.names.intern(utf8(attribute(message, field::name).get()));
+  handles_.resize(table_.node_count());
+  handles_[node] = Ref::borrow(message);
+  sources_.resize(table_.node_count(), no_index);
+  return node;
+}
+
+void GraphWriter::set_source(NodeIndex new_node, NodeIndex source) {
+  if (new_node >= sources_.size()) sources_.resize(table_.node_count(), no_index);
+  sources_[new_node] = source;
+}
+
+void GraphWriter::rearrange(std::span<const NodeIndex> target) {
+  handles_.resize(table_.node_count());
+  sources_.resize(table_.node_count(), no_index);
+  position_.resize(table_.node_count(), absent);
+  std::vector<bool> stays(table_.node_count(), false);
+  for (const NodeIndex node : target) stays[node] = true;
+
+  const std::vector<NodeIndex> before = order_;
+  std::vector<NodeIndex> now = before;
+  try {
+    for (const NodeIndex node : target) {
+      if (position_[node] != absent) continue;
+      now.push_back(node);
+      make(node);
+    }
+    std::vector<NodeIndex> sorted(target.begin(), target.end());
+    for (const NodeIndex node : before) {
+      if (stays[node]) continue;
+      handle(node);  // kept beyond its removal: a refusal may bring it back
+      sorted.push_back(node);
+    }
+    move_to(now, sorted);
+    now = std::move(sorted);
+    delete_slice(nodes_, target.size(), now.size());
+  } catch (...) {
+    undo(now, before);
+    throw;
+  }
+  set_order({target.begin(), target.end()});
+  disturbed_ = false;
+}
+
+void GraphWriter::move_to(std::span<const NodeIndex> from, std::span<const NodeIndex> to) {
+  std::vector<std::size_t> rank(table_.node_count(), absent);
+  for (std::size_t at = 0; at < to.size(); ++at) rank[to[at]] = at;
+  std::vector<std::size_t> ranks(from.size());
+  for (std::size_t at = 0; at < from.size(); ++at) ranks[at] = rank[from[at]];
+  reorder(nodes_, std::move(ranks));
+}
+
+/// Puts the list back: `now` is what it holds, new nodes included (the last of them perhaps not added yet).
+void GraphWriter::undo(std::span<const NodeIndex> now, std::span<const NodeIndex> before) {
+  const SavedError saved;
+  guarded_status([&] {
+    const auto count = static_cast<std::size_t>(length(nodes_));
+    std::vector<NodeIndex> back(before.begin(), before.end());
+    for (const NodeIndex node : now.first(std::min(count, now.size()))) {
+      if (position_[node] == absent) back.push_back(node);
+    }
+    move_to(now.first(std::min(count, now.size())), back);
+    delete_slice(nodes_, before.size(), count);
+  });
+  PyErr_Clear();
+}
+
+void GraphWriter::make(NodeIndex node) {
+  Ref message = call_method(nodes_, field::add);
+  if (handles_[node]) {
+    // It was in the list before and comes back from the object that was taken out.
+    call_method(message.get(), field::copy_from, {handles_[node].get()});
+  } else {
+    fill(message.get(), node);
+  }
+  handles_[node] = std::move(message);
+}
+
+void GraphWriter::fill(PyObject* message, NodeIndex node) {
+  const NodeIndex source = sources_[node];
+  const core::NameId name = table_.node_names[node];
+  if (source != no_index) {
+    call_method(message, field::copy_from, {handle(source)});
+    call_method(message, field::clear_field, {field::input.get()});
+    call_method(message, field::clear_field, {field::output.get()});
+    // An empty name and none are different bytes: what the copy has already is left alone.
+    if (name == core::no_name && table_.node_names[source] != name) {
+      call_method(message, field::clear_field, {field::name.get()});
+    }
+  } else {
+    set_attribute(message, field::op_type, text(table_.ops.text(table_.op(node))).get());
+  }
+  if (name != core::no_name && (source == no_index || table_.node_names[source] != name)) {
+    set_attribute(message, field::name, text(table_.names.text(name)).get());
+  }
+  call_method(attribute(message, field::input).get(), field::extend,
+              {names_as_list(table_.inputs(node), table_.names).get()});
+  call_method(attribute(message, field::output).get(), field::extend,
+              {names_as_list(table_.outputs(node), table_.names).get()});
+}
+
+}  // namespace onnxgraft::py

@@ -1,0 +1,60 @@
+// Carries out plans on a graph's node list.
+//
+// The writer knows which graph node stands at each position and brings the list from one order to another:
+// missing nodes are made at the end, one reordering puts all in place, nodes that go are cut off the end. If
+// any step fails, the list is put back as it was and the error goes on. It decides nothing itself.
+#pragma once
+
+#include <span>
+#include <vector>
+
+#include "core/graph_table.h"
+#include "py/ref.h"
+
+namespace onnxgraft::py {
+
+class GraphWriter {
+ public:
+  GraphWriter(PyObject* nodes, core::GraphTable& table);
+
+  /// The nodes of the graph in list order, as far as the writer knows.
+  [[nodiscard]] std::span<const core::NodeIndex> order() const { return order_; }
+  /// The graph's object for a node; fetched when first asked for, kept from then on (borrowed).
+  PyObject* handle(core::NodeIndex node);
+  /// Holds the objects of all nodes, so that changes by others can be told later.
+  void hold_all();
+  /// Position of the node in the graph right now; -1 if it is gone. Notices if others changed the list.
+  Py_ssize_t position(core::NodeIndex node);
+  /// Reads the list again if others changed it: nodes unknown so far become part of the table. True if it
+  /// changed since the last `rearrange`. Without `hold_all`, nobody but the writer may change the list.
+  bool synchronize();
+
+  /// Brings the list into the order `target`. Nodes of the table that the list lacks are made: a new node
+  /// from its table row (over a copy of its source, where it has one), one that was removed earlier from its
+  /// own object.
+  void rearrange(std::span<const core::NodeIndex> target);
+
+  /// Notes that the new node copies another one's content.
+  void set_source(core::NodeIndex new_node, core::NodeIndex source);
+
+ private:
+  void make(core::NodeIndex node);
+  void fill(PyObject* message, core::NodeIndex node);
+  void move_to(std::span<const core::NodeIndex> from, std::span<const core::NodeIndex> to);
+  void undo(std::span<const core::NodeIndex> now, std::span<const core::NodeIndex> before);
+  void set_order(std::vector<core::NodeIndex> order);
+  [[nodiscard]] bool is_at(core::NodeIndex node, std::size_t position) const;
+  void read_again();
+  core::NodeIndex adopt(PyObject* message);
+
+  PyObject* nodes_;
+  core::GraphTable& table_;
+  std::vector<core::NodeIndex> order_;
+  std::vector<std::size_t> position_;  // per node; `absent` if not in the list
+  std::vector<Ref> handles_;           // per node
+  std::vector<core::NodeIndex> sources_;  // per node: what a new one copies
+  bool holds_all_ = false;
+  bool disturbed_ = false;  // others changed the list since the last `rearrange`
+};
+
+}  // namespace onnxgraft::py

@@ -1,0 +1,22 @@
+// Changes of a repeated message field in bulk. Single insertions and deletions in the middle cost time in
+// proportion to the list each; a reordering and one deletion at the end do any change in one go, and every
+// message that stays keeps its identity.
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+#include "py/ref.h"
+
+namespace onnxgraft::py {
+
+/// Sorts the list so that the element at position i gets rank `ranks[i]`; all ranks differ.
+void reorder(PyObject* list, std::vector<std::size_t> ranks);
+
+/// Deletes positions [begin, end).
+void delete_slice(PyObject* list, std::size_t begin, std::size_t end);
+
+/// Deletes the given positions (ascending).
+void delete_positions(PyObject* list, const std::vector<std::size_t>& positions);
+
+}  // namespace onnxgraft::py

@@ -1,0 +1,41 @@
+// Hints for one list of named records: see name_index.h.
+//
+// Every name has a rank. Ranks grow along the list, whatever is removed from it, and what is appended gets
+// higher ones. So a name is found by its rank like a word in a dictionary, at once if nothing moved since the
+// last look-up, and in a logarithmic number of reads after any removals.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <unordered_map>
+
+#include "py/ref.h"
+
+namespace onnxgraft::py {
+
+class NameHints {
+ public:
+  std::optional<Py_ssize_t> find(PyObject* list, PyObject* name);
+  [[nodiscard]] std::size_t size() const { return entries_.size(); }
+
+ private:
+  struct Entry {
+    Py_ssize_t rank;
+    Py_ssize_t seen_at;     // position at the last sighting; removals only ever move an element to the left
+    bool repeated = false;  // several elements have this name (or this hash)
+  };
+
+  std::optional<Py_ssize_t> search(PyObject* list, PyObject* name, Py_ssize_t rank, Py_ssize_t end) const;
+  std::optional<Py_ssize_t> search_and_note(PyObject* list, PyObject* name, Entry& entry);
+  void read_tail(PyObject* list);
+  std::optional<Py_ssize_t> rebuild(PyObject* list, PyObject* name);
+
+  std::unordered_map<Py_hash_t, Entry> entries_;
+  Py_ssize_t next_rank_ = 0;
+  Py_ssize_t shift_ = 0;  // rank less position of the last element found
+};
+
+/// Position of the first element of that name, by reading them all.
+std::optional<Py_ssize_t> walk_to_name(PyObject* list, PyObject* name);
+
+}  // namespace onnxgraft::py

@@ -1,0 +1,65 @@
+#include "py/name_index.h"
+
+#include <algorithm>
+#include <list>
+#include <memory>
+
+#include "py/name_hints.h"
+#include "py/objects.h"
+
+namespace onnxgraft::py {
+
+namespace {
+
+constexpr Py_ssize_t walked_length = 24;  // up to here a walk costs little more than a hint
+constexpr std::size_t kept_graphs = 4;
+constexpr std::size_t kept_entries = 1U << 20U;  // for all graphs but the newest
+
+/// The hints for the graphs asked for last, newest first. Hints in use are taken out, so that code which runs
+/// in between (another thread, a record with a `name` of its own) never meets any that are half changed.
+class HintCache {
+ public:
+  std::unique_ptr<NameHints> take(const PyObject* owner) {
+    const auto found = std::ranges::find(slots_, owner, &Slot::owner);
+    if (found == slots_.end()) return std::make_unique<NameHints>();
+    std::unique_ptr<NameHints> hints = std::move(found->hints);
+    slots_.erase(found);
+    return hints;
+  }
+
+  void put(const PyObject* owner, std::unique_ptr<NameHints> hints) {
+    std::erase_if(slots_, [&](const Slot& slot) { return slot.owner == owner; });
+    slots_.push_front({owner, std::move(hints)});
+    std::size_t entries = 0;
+    std::size_t rank = 0;
+    std::erase_if(slots_, [&](const Slot& slot) {
+      if (rank++ == 0) return false;
+      entries += slot.hints->size();
+      return rank > kept_graphs || entries > kept_entries;
+    });
+  }
+
+ private:
+  struct Slot {
+    const PyObject* owner;
+    std::unique_ptr<NameHints> hints;
+  };
+  std::list<Slot> slots_;
+};
+
+HintCache& cache() {
+  static HintCache instance;
+  return instance;
+}
+
+}  // namespace
+
+std::optional<Py_ssize_t> find_by_name(PyObject* owner, PyObject* list, PyObject* name) {
+  if (PyUnicode_Check(name) == 0 || length(list) <= walked_length) return walk_to_name(list, name);
+  std::unique_ptr<NameHints> hints = cache().take(owner);
+  const std::optional<Py_ssize_t> position = hints->find(list, name);
+  cache().put(owner, std::move(hints));
+  return position;
+}
+
+}  // namespace onnxgraft::py

@@ -1,0 +1,22 @@
+// Where the element of a given name stands in a graph's list of named records (its initializers).
+//
+// Callers ask again and again while the list changes under them, and the list tells nobody about a change. So
+// hints are kept for the last few graphs and tested at every use against the list itself: an answer is always
+// read from the list. The hints hold no graph, no record and no text, only hashes of names.
+//
+// The first of equal names counts. Short lists are walked; in longer ones a second element of a name is known
+// if it stood there when the hints were made, was appended, or was inserted so that the first one moved. Only
+// renaming or exchanging an element in front of an equal name, which no well-formed graph has, can go unseen.
+#pragma once
+
+#include <optional>
+
+#include "py/ref.h"
+
+namespace onnxgraft::py {
+
+/// Position of the first element of `list` whose `name` equals `name`, if there is one. `owner` is the object
+/// that the list belongs to; its address tells one list from another.
+std::optional<Py_ssize_t> find_by_name(PyObject* owner, PyObject* list, PyObject* name);
+
+}  // namespace onnxgraft::py
