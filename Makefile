@@ -2,6 +2,8 @@
 # Stamps: the tools are installed again when their list changes, the package when a file of it changes; the build
 # folder stays, so that only what changed is compiled.
 
+# A folder named like a source file beside it (catalogue/, catalogue.cpp) is no program to build.
+MAKEFLAGS += --no-builtin-rules
 PYTHON ?= python3
 BIN := .venv/bin
 # The pinned tools come first, whatever the machine has.
