@@ -47,4 +47,4 @@ def compare(
             work()
             fastest[index] = min(fastest[index], time.perf_counter() - begin)
             gc.enable()
-    return Ratio(name, *fastest, aim)
+    return Ratio(name, fastest[0], fastest[1], aim)

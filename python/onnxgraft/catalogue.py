@@ -8,9 +8,9 @@ from __future__ import annotations
 import difflib
 import functools
 import inspect
+import types
 from collections.abc import Mapping
 from dataclasses import dataclass
-from types import MappingProxyType
 from typing import Any
 
 import onnx
@@ -54,7 +54,8 @@ def _pairs(cls: type[Any]) -> tuple[Pair, ...]:
         taken.append((tuple(pattern), tuple(replacement)))
         return 0
 
-    recorder = type(cls)(cls.__name__, (cls,), {"_replace_all_isomorphic_sub_graphs": take_note})
+    methods = {"_replace_all_isomorphic_sub_graphs": take_note}
+    recorder = types.new_class(cls.__name__, (cls,), exec_body=lambda namespace: namespace.update(methods))
     recorder().apply(onnx.GraphProto())
     return tuple(taken)
 
@@ -73,7 +74,7 @@ def transformations() -> Mapping[str, Transformation]:
     """All runnable transformations by short name, in the order of their definition."""
     classes: list[type[Any]] = [value for value in vars(quant).values() if _is_runnable(value)]
     rows = [Transformation(cls().get_simple_name(), cls) for cls in classes]
-    return MappingProxyType({row.name: row for row in rows})
+    return types.MappingProxyType({row.name: row for row in rows})
 
 
 def find(name: str) -> Transformation:

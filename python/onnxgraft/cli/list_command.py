@@ -11,7 +11,7 @@ from onnxgraft.catalogue import transformations
 from onnxgraft.cli import consoles
 
 
-def run(_options: argparse.Namespace) -> None:
+def run(options: argparse.Namespace) -> None:
     """Shows a table of all transformations."""
     table = Table("Name", "Class", "Prepared for", box=box.SIMPLE)
     table.add_column("Patterns", justify="right")
