@@ -98,7 +98,10 @@ void NameHints::read_tail(PyObject* list) {
     const Py_hash_t hash = hash_of(name.get());
     const auto [place, is_new] = entries_.try_emplace(hash, Entry{0, unplaced});
     Entry& entry = place->second;
-    if (position <= entry.seen_at) break;
+    if (position <= entry.seen_at) {
+      entry.seen_at = position;
+      break;
+    }
     if (!is_new) {
       // Appended again, or a second element of that name.
       const bool twice = entry.seen_at == unplaced || search(list, name.get(), entry.rank, position);

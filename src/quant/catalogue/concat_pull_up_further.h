@@ -42,14 +42,10 @@ inline constexpr std::array sum_behind{"Resize:1,~i->3", "Add:4,5->6", "Concat:3
 inline constexpr std::array sum_before{"Resize:1,~i->3", "Add:4,5->6", "Concat:6,3->7", "TesselQuant:7->99"};
 
 inline constexpr std::array lists{
-    PatternList{"subgraph1", product_behind},
-    PatternList{"subgraph_replacement1", pulled_in_order},
-    PatternList{"subgraph2", product_before},
-    PatternList{"subgraph_replacement2", pulled_swapped},
-    PatternList{"subgraph3", sum_behind},
-    PatternList{"subgraph_replacement3", pulled_in_order},
-    PatternList{"subgraph4", sum_before},
-    PatternList{"subgraph_replacement4", pulled_swapped},
+    PatternList{"subgraph1", product_behind}, PatternList{"subgraph_replacement1", pulled_in_order},
+    PatternList{"subgraph2", product_before}, PatternList{"subgraph_replacement2", pulled_swapped},
+    PatternList{"subgraph3", sum_behind},     PatternList{"subgraph_replacement3", pulled_in_order},
+    PatternList{"subgraph4", sum_before},     PatternList{"subgraph_replacement4", pulled_swapped},
 };
 inline const std::array passes{
     pass("subgraph1", "subgraph_replacement1"),
@@ -64,8 +60,10 @@ inline constexpr ClassRow row{"ReplaceConcatQuantTransformationV7", pull_up_base
 
 namespace concat_v8 {
 
-inline constexpr std::array joined{"MaxPool:0->1", "MaxPool:1->2", "MaxPool:2->3", "Concat:0,1,2,3->7", "TesselQuant:7->99"};
-inline constexpr std::array pulled{"#0", "#1", "#2", "#4:0->103", "#4:1->100", "#4:2->101", "#4:3->102", "#3:103,100,101,102->99"};
+inline constexpr std::array joined{"MaxPool:0->1", "MaxPool:1->2", "MaxPool:2->3", "Concat:0,1,2,3->7",
+                                   "TesselQuant:7->99"};
+inline constexpr std::array pulled{"#0",        "#1",        "#2",        "#4:0->103",
+                                   "#4:1->100", "#4:2->101", "#4:3->102", "#3:103,100,101,102->99"};
 
 inline constexpr std::array lists{
     PatternList{"subgraph", joined},
@@ -81,8 +79,10 @@ inline constexpr ClassRow row{"ReplaceConcatQuantTransformationV8", pull_up_base
 
 namespace concat_v9 {
 
-inline constexpr std::array joined{"TesselDequant:1,2i->3", "LeakyRelu:3->4", "TesselDequant:5,6i->7", "LeakyRelu:7->8", "Concat:4,9,10,8->11", "TesselQuant:11->99"};
-inline constexpr std::array pulled{"#0", "#1", "#2", "#3", "#5:4->100", "#5:8->101", "#5:9->102", "#5:10->103", "#4:100,102,103,101->99"};
+inline constexpr std::array joined{"TesselDequant:1,2i->3", "LeakyRelu:3->4",      "TesselDequant:5,6i->7",
+                                   "LeakyRelu:7->8",        "Concat:4,9,10,8->11", "TesselQuant:11->99"};
+inline constexpr std::array pulled{
+    "#0", "#1", "#2", "#3", "#5:4->100", "#5:8->101", "#5:9->102", "#5:10->103", "#4:100,102,103,101->99"};
 
 inline constexpr std::array lists{
     PatternList{"subgraph", joined},
@@ -100,7 +100,8 @@ namespace concat_v10 {
 
 // Only where every input is a product fed by a dequantize node, which the callback tests.
 inline constexpr std::array joined{"Concat:1,2,3,4,5->6", "TesselQuant:6->99"};
-inline constexpr std::array pulled{"#1:1->101", "#1:2->102", "#1:3->103", "#1:4->104", "#1:5->105", "#0:101,102,103,104,105->99"};
+inline constexpr std::array pulled{"#1:1->101", "#1:2->102", "#1:3->103",
+                                   "#1:4->104", "#1:5->105", "#0:101,102,103,104,105->99"};
 
 inline constexpr std::array lists{
     PatternList{"subgraph", joined},
@@ -109,7 +110,8 @@ inline constexpr std::array lists{
 inline const std::array passes{
     pass("subgraph", "subgraph_replacement"),
 };
-inline constexpr std::array methods{name_row<"replace_concat_quant_v10">, callback_row(require_dequantized_products), pairs_row<passes>};
+inline constexpr std::array methods{name_row<"replace_concat_quant_v10">, callback_row(require_dequantized_products),
+                                    pairs_row<passes>};
 inline constexpr ClassRow row{"ReplaceConcatQuantTransformationV10", pull_up_base, doc<"YOLOV7X">, lists, methods};
 
 }  // namespace concat_v10

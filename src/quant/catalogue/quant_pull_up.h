@@ -31,9 +31,8 @@ inline constexpr std::array join_5{"Concat:1,2,3,4,5->11", "TesselQuant:11->99"}
 inline constexpr std::array pulled_5{"#1:1->101", "#1:2->102", "#1:3->103",
                                      "#1:4->104", "#1:5->105", "#0:101,102,103,104,105->99"};
 inline constexpr std::array join_6{"Concat:1,2,3,4,5,6->11", "TesselQuant:11->99"};
-inline constexpr std::array pulled_6{"#1:1->101", "#1:2->102", "#1:3->103",
-                                     "#1:4->104", "#1:5->105", "#1:6->106",
-                                     "#0:101,102,103,104,105,106->99"};
+inline constexpr std::array pulled_6{
+    "#1:1->101", "#1:2->102", "#1:3->103", "#1:4->104", "#1:5->105", "#1:6->106", "#0:101,102,103,104,105,106->99"};
 
 inline constexpr std::array lists{
     PatternList{"subgraph_2", join_2}, PatternList{"subgraph_replacement_2", pulled_2},

@@ -75,8 +75,7 @@ template <Text name>
 inline constexpr FunctionRow name_row{"get_simple_name", self_alone, simple_name<name>};
 
 template <const auto& passes>
-inline constexpr FunctionRow pairs_row{"_get_subgraphs_to_replace", self_alone, listed_pairs<passes>,
-                                       pairs_annotation};
+inline constexpr FunctionRow pairs_row{"_get_subgraphs_to_replace", self_alone, listed_pairs<passes>, pairs_annotation};
 
 template <py::ArgumentType links_type = py::ArgumentType::dict>
 constexpr FunctionRow callback_row(Body body) {

@@ -1,0 +1,39 @@
+// Reading and replacing initializers of a graph.
+#pragma once
+
+#include <initializer_list>
+
+#include "py/objects.h"
+#include "quant/host.h"
+
+namespace onnxgraft::quant {
+
+/// `transform_utilities.get_init(graph, names)`, the pair (arrays, records) as it comes.
+py::Ref get_init(PyObject* module, PyObject* graph, PyObject* names);
+
+/// One initializer: its contents and its record.
+struct Initializer {
+  py::Ref array;
+  py::Ref record;
+};
+
+/// `get_init(graph, names)` where `names` holds one name: both halves unpacked as exactly one element.
+Initializer one_initializer(PyObject* module, PyObject* graph, PyObject* names);
+
+/// The contents alone: the first half unpacked as exactly one element, the second not looked at.
+py::Ref one_array(PyObject* module, PyObject* graph, PyObject* name);
+
+/// `numpy_helper.from_array(array, name)`.
+py::Ref from_array(PyObject* module, PyObject* array, PyObject* name);
+
+/// Appends the records to the graph's initializer list, in one step.
+void add_initializers(PyObject* graph, std::initializer_list<PyObject*> records);
+void add_initializers(PyObject* graph, PyObject* list);
+
+/// Whether an initializer of that name is in the graph.
+bool has_initializer(PyObject* graph, PyObject* name);
+
+/// Removes the record of that name from the graph's initializer list (ValueError if it is not there).
+void remove_initializer(PyObject* graph, PyObject* name, PyObject* record);
+
+}  // namespace onnxgraft::quant

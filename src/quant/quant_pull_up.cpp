@@ -1,0 +1,178 @@
+// Callback of the pull-up family. Every convolution that reads the quantized tensor has the offset taken out of
+// its bias, per output channel:
+//   bias' = bias - trunc(sum(weight) * offset)
+// A convolution with padding is refused, whatever the offset: padded places hold 0, not the offset.
+#include "quant/attributes.h"
+#include "quant/callbacks.h"
+#include "quant/host.h"
+#include "quant/initializers.h"
+#include "quant/names.h"
+#include "quant/reading_convolutions.h"
+#include "quant/tensor_names.h"
+
+namespace onnxgraft::quant {
+
+using py::Call;
+using py::InternedName;
+using py::Ref;
+
+namespace {
+
+constexpr Py_ssize_t weight_input = 1;
+constexpr Py_ssize_t bias_input = 2;
+
+const InternedName quantized_link("99");
+const InternedName float_type("FLOAT");
+const InternedName int_type("INT");
+const InternedName sum("sum");
+const InternedName axis("axis");
+const InternedName ndim("ndim");
+const InternedName array_equal("array_equal");
+const InternedName add("add");
+
+bool equal(const Ref& left, const Ref& right) {
+  return py::check(PyObject_RichCompareBool(left.get(), right.get(), Py_EQ)) != 0;
+}
+
+/// The offset of a quantize node as a Python float; an attribute that is no number counts as 0.
+Ref offset_of(PyObject* module, const Ref& node) {
+  const Ref offset = first_attribute(py::attribute(node.get(), names::attribute).get(), names::offset);
+  if (offset) {
+    const Ref type = py::attribute(offset.get(), names::type);
+    if (equal(type, member(module, names::attribute_proto, float_type))) return py::attribute(offset.get(), names::f);
+    if (equal(type, member(module, names::attribute_proto, int_type))) {
+      return py::checked(PyNumber_Float(py::attribute(offset.get(), names::i).get()));
+    }
+  }
+  return py::checked(PyFloat_FromDouble(0.0));
+}
+
+/// trunc(sum over all axes but the first * offset), 32-bit integers.
+Ref bias_delta(PyObject* module, const Ref& weight, const Ref& offset) {
+  const std::int64_t rank = py::integer_value(py::attribute(weight.get(), ndim).get());
+  const Ref axes = py::checked(PyList_New(0));
+  for (std::int64_t index = 1; index < rank; ++index) {
+    py::check(PyList_Append(axes.get(), py::integer(index).get()));
+  }
+  const Ref sums = py::call_method(weight.get(), sum, {}, {{axis, py::checked(PyList_AsTuple(axes.get())).get()}});
+  return astype(module, py::checked(PyNumber_Multiply(sums.get(), offset.get())).get(), names::int32);
+}
+
+/// Corrects the biases of one occurrence. Everything is computed before anything is written.
+class BiasCorrection {
+ public:
+  BiasCorrection(const Call& call, const Ref& updated)
+      : module_(call.module), graph_(call[callback::graph]), updated_(updated.get()) {}
+
+  void compute(const std::vector<ReadingConvolution>& convolutions, const Ref& offset);
+  void write();
+
+ private:
+  struct NewBias {
+    const ReadingConvolution* convolution;
+    Ref name;  // of the bias to replace; empty if the convolution has none
+    Ref value;
+  };
+
+  [[nodiscard]] bool is_updated(const Ref& name) const {
+    return py::check(PySequence_Contains(updated_, name.get())) != 0;
+  }
+  [[nodiscard]] bool is_planned(const Ref& name) const;
+  [[nodiscard]] bool can_share(const Ref& name, const Ref& value) const;
+  void append(const Ref& name, const Ref& value);
+  void replace_bias(const NewBias& bias);
+  void give_bias(const NewBias& bias);
+
+  PyObject* module_;
+  PyObject* graph_;
+  PyObject* updated_;
+  std::vector<NewBias> planned_;
+};
+
+bool BiasCorrection::is_planned(const Ref& name) const {
+  for (const NewBias& bias : planned_) {
+    if (bias.name && equal(bias.name, name)) return true;
+  }
+  return false;
+}
+
+void BiasCorrection::compute(const std::vector<ReadingConvolution>& convolutions, const Ref& offset) {
+  for (const ReadingConvolution& convolution : convolutions) {
+    const Ref delta = bias_delta(module_, convolution.weight, offset);
+    if (!convolution.bias) {
+      planned_.push_back({&convolution, {}, py::checked(PyNumber_Negative(delta.get()))});
+      continue;
+    }
+    Ref name = py::attribute(convolution.bias_record.get(), names::name);
+    if (is_updated(name) || is_planned(name)) continue;
+    const Ref value = py::checked(PyNumber_Subtract(convolution.bias.get(), delta.get()));
+    const Ref dtype = py::attribute(convolution.bias.get(), names::dtype);
+    planned_.push_back({&convolution, std::move(name), py::call_method(value.get(), names::astype, {dtype.get()})});
+  }
+}
+
+void BiasCorrection::write() {
+  for (const NewBias& bias : planned_) {
+    if (bias.name) {
+      replace_bias(bias);
+    } else {
+      give_bias(bias);
+    }
+  }
+}
+
+void BiasCorrection::append(const Ref& name, const Ref& value) {
+  const Ref record = from_array(module_, value.get(), name.get());
+  add_initializers(graph_, {record.get()});
+  py::call_method(updated_, add, {name.get()});
+}
+
+void BiasCorrection::replace_bias(const NewBias& bias) {
+  remove_initializer(graph_, bias.name.get(), bias.convolution->bias_record.get());
+  append(bias.name, bias.value);
+}
+
+/// Whether a bias of this `apply` already holds exactly this value.
+bool BiasCorrection::can_share(const Ref& name, const Ref& value) const {
+  if (!is_updated(name) || !has_initializer(graph_, name.get())) return false;
+  const Ref existing = one_array(module_, graph_, name.get());
+  if (!equal(py::attribute(existing.get(), names::dtype), py::attribute(value.get(), names::dtype))) return false;
+  return py::truth(call_member(module_, names::np, array_equal, {existing.get(), value.get()}).get());
+}
+
+/// A convolution without bias gets one named after its weight.
+void BiasCorrection::give_bias(const NewBias& bias) {
+  const Ref inputs = py::attribute(bias.convolution->node.get(), names::input);
+  const Ref weight_name = py::item(inputs.get(), weight_input);
+  Ref name = py::checked(PyUnicode_FromFormat("%U_bias", weight_name.get()));
+  if (!can_share(name, bias.value)) {
+    name = fresh_tensor_name(graph_, name.get());
+    append(name, bias.value);
+  }
+  if (py::length(inputs.get()) > bias_input) {
+    py::check(PySequence_SetItem(inputs.get(), bias_input, name.get()));
+  } else {
+    py::call_method(inputs.get(), names::append, {name.get()});
+  }
+}
+
+}  // namespace
+
+Ref correct_conv_biases(const Call& call) {
+  PyObject* graph = call[callback::graph];
+  const Ref quantize = py::item(call[callback::replaced_nodes], -1);
+  if (!has_op_type(quantize.get(), names::tessel_quant)) return py::boolean(true);
+  const Ref offset = offset_of(call.module, quantize);
+  const Ref quantized = subscript(call[callback::links], quantized_link);
+  std::vector<Ref> reading = convolutions_reading(graph, quantized.get());
+  if (any_padded(reading)) return py::boolean(false);
+  const auto convolutions = with_tensors(call.module, graph, std::move(reading));
+  if (!convolutions) return py::boolean(false);
+  const Ref updated = subscript(call.keywords, names::conv_bias_updated);
+  BiasCorrection correction(call, updated);
+  correction.compute(*convolutions, offset);
+  correction.write();
+  return py::boolean(true);
+}
+
+}  // namespace onnxgraft::quant

@@ -1,0 +1,110 @@
+#include "quant/reading_convolutions.h"
+
+#include <algorithm>
+
+#include "quant/attributes.h"
+#include "quant/host.h"
+#include "quant/initializers.h"
+#include "quant/names.h"
+
+namespace onnxgraft::quant {
+
+using py::Ref;
+
+namespace {
+
+constexpr Py_ssize_t weight_input = 1;
+constexpr Py_ssize_t bias_input = 2;
+
+bool is_padded(const Ref& node) {
+  const Ref values = first_value(py::attribute(node.get(), names::attribute).get(), names::pads, names::ints);
+  if (!values) return false;
+  const Ref elements = py::iterator(values.get());
+  while (const Ref value = py::next(elements.get())) {
+    if (py::truth(value.get())) return true;
+  }
+  return false;
+}
+
+/// The name of the bias; empty if there is none.
+Ref bias_name(const Ref& node) {
+  const Ref inputs = py::attribute(node.get(), names::input);
+  if (py::length(inputs.get()) <= bias_input) return {};
+  Ref name = py::item(inputs.get(), bias_input);
+  return py::truth(name.get()) ? std::move(name) : Ref{};
+}
+
+/// The elements of one half of a look-up's result; none unless there is something for every name.
+std::optional<std::vector<Ref>> complete(const Ref& half, Py_ssize_t count) {
+  if (half.get() == Py_None || py::length(half.get()) < count) return std::nullopt;
+  std::vector<Ref> elements;
+  for (Py_ssize_t index = 0; index < count; ++index) {
+    elements.push_back(py::item(half.get(), index));
+    if (elements.back().get() == Py_None) return std::nullopt;
+  }
+  return elements;
+}
+
+struct Found {
+  std::vector<Ref> arrays;
+  std::vector<Ref> records;
+};
+
+std::optional<Found> look_up(PyObject* module, PyObject* graph, const Ref& name_list) {
+  const Py_ssize_t count = py::length(name_list.get());
+  if (count == 0) return Found{};
+  const Ref result = get_init(module, graph, name_list.get());
+  if (result.get() == Py_None) return std::nullopt;
+  const auto [array_half, record_half] = py::unpack_pair(result.get());
+  auto arrays = complete(array_half, count);
+  auto records = complete(record_half, count);
+  if (!arrays || !records) return std::nullopt;
+  return Found{std::move(*arrays), std::move(*records)};
+}
+
+}  // namespace
+
+std::vector<Ref> convolutions_reading(PyObject* graph, PyObject* tensor) {
+  std::vector<Ref> convolutions;
+  const Ref nodes = py::iterator(py::attribute(graph, names::node).get());
+  while (Ref node = py::next(nodes.get())) {
+    if (!has_op_type(node.get(), names::conv)) continue;
+    const Ref inputs = py::attribute(node.get(), names::input);
+    if (py::check(PySequence_Contains(inputs.get(), tensor)) != 0) convolutions.push_back(std::move(node));
+  }
+  return convolutions;
+}
+
+bool any_padded(const std::vector<Ref>& convolutions) { return std::ranges::any_of(convolutions, is_padded); }
+
+std::optional<std::vector<ReadingConvolution>> with_tensors(PyObject* module, PyObject* graph,
+                                                            std::vector<Ref> convolutions) {
+  const Ref weight_names = py::checked(PyList_New(0));
+  const Ref bias_names = py::checked(PyList_New(0));
+  std::vector<bool> has_bias;
+  for (const Ref& node : convolutions) {
+    const Ref inputs = py::attribute(node.get(), names::input);
+    py::check(PyList_Append(weight_names.get(), py::item(inputs.get(), weight_input).get()));
+    const Ref name = bias_name(node);
+    has_bias.push_back(static_cast<bool>(name));
+    if (name) py::check(PyList_Append(bias_names.get(), name.get()));
+  }
+  std::optional<Found> weights = look_up(module, graph, weight_names);
+  if (!weights) return std::nullopt;
+  std::optional<Found> biases = look_up(module, graph, bias_names);
+  if (!biases) return std::nullopt;
+
+  std::vector<ReadingConvolution> found;
+  std::size_t next_bias = 0;
+  for (std::size_t index = 0; index < convolutions.size(); ++index) {
+    ReadingConvolution convolution{std::move(convolutions[index]), std::move(weights->arrays[index]), {}, {}};
+    if (has_bias[index]) {
+      convolution.bias = std::move(biases->arrays[next_bias]);
+      convolution.bias_record = std::move(biases->records[next_bias++]);
+    }
+    found.push_back(std::move(convolution));
+  }
+  return found;
+}
+
+}  // namespace onnxgraft::quant
