@@ -13,20 +13,22 @@ from collections.abc import Callable
 from dataclasses import dataclass, field
 from typing import Any
 
+import onnxgraft.quant
 import pytest
 from onnx import GraphProto, NodeProto, TensorProto, helper
+from onnxgraft.abstract_transformation import AbstractTransformation
 
-import onnxgraft.quant
 from helpers.graphs import random_graph
 from helpers.pairs import random_pair
-from onnxgraft.abstract_transformation import AbstractTransformation
 from oracle.compare import Renaming, difference, dump, serialized
+from oracle.matching import Table, all_assignments
 from oracle.names import all_names, reads
 from oracle.notation import Pair, parse_pair
 from oracle.rewriting import Pass
 
 GRAPHS = int(os.environ.get("ONNXGRAFT_RANDOM_GRAPHS", "4000"))
 BLOCKS = 20
+MOST_ASSIGNMENTS = 40  # patterns in several parts have them by the hundred, which only costs time
 
 
 class Fault(BaseException):
@@ -70,7 +72,8 @@ def _fault(salt: int, number: int, links: str) -> bool:
 
 
 POLICIES: list[Callable[[int, int, str], bool]] = [_accept, _refuse, _some, _some, _fault]
-TRUE, FALSE = (True, 1, "yes", [0]), (False, None, 0, "", [])
+TRUE: tuple[object, ...] = (True, 1, "yes", [0])
+FALSE: tuple[object, ...] = (False, None, 0, "", [])
 
 
 @dataclass
@@ -122,14 +125,14 @@ class Real(AbstractTransformation):
         isomorphic_links_mapping: dict[str, str],
         **kwargs: Any,
     ) -> Any:
-        assert kwargs == {"keyword": self.recorder} and kwargs["keyword"] is self.recorder
-        assert type(isomorphic_node_mapping) is dict and type(isomorphic_links_mapping) is dict
+        assert list(kwargs) == ["keyword"]
+        assert kwargs["keyword"] is self.recorder
+        assert type(isomorphic_node_mapping) is dict
+        assert type(isomorphic_links_mapping) is dict
         return self.recorder(graph, replaced_nodes, isomorphic_node_mapping, isomorphic_links_mapping)
 
     def run(self, graph: GraphProto, pattern: list[str], replacement: list[str]) -> int:
-        count = self._replace_all_isomorphic_sub_graphs(
-            graph, pattern, replacement, debug=False, keyword=self.recorder
-        )
+        count = self._replace_all_isomorphic_sub_graphs(graph, pattern, replacement, debug=False, keyword=self.recorder)
         assert type(count) is int
         return count
 
@@ -192,6 +195,8 @@ def check(seed: int) -> tuple[int, int]:
     rng = random.Random(seed)
     pattern, replacement = rng.choice(CATALOGUE) if CATALOGUE and rng.random() < 0.4 else random_pair(rng)
     before = random_graph(rng, pattern)
+    if len(all_assignments(Table(before), parse_pair(pattern, replacement))) > MOST_ASSIGNMENTS:
+        return 0, 0
     policy, salt = rng.choice(POLICIES), rng.randrange(1000)
     known = all_names(before)
     sides = [Recorder(parse_pair(pattern, replacement), known, policy, salt) for _ in range(2)]
@@ -208,7 +213,7 @@ def check(seed: int) -> tuple[int, int]:
             assert a == b, f"{head}call {number}: {what}\nexpected {a}\nactual {b}"
     assert len(sides[0].calls) == len(sides[1].calls), f"{head}number of calls"
     assert expected_result == actual_result, f"{head}result"
-    found = difference(*graphs, known)
+    found = difference(graphs[0], graphs[1], known)
     assert found is None, head + str(found)
     if policy is _refuse:
         assert serialized(graphs[1]) == serialized(before), f"{head}a trace of refused occurrences"

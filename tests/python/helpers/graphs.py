@@ -35,7 +35,7 @@ class GraphMaker:
 
     def tensor(self) -> str:
         """A tensor to read, mostly a recent one."""
-        if not self.tensors or self.rng.random() < 0.12:
+        if not self.tensors or self.rng.random() < 0.2:
             name = self._name("x")
             if not self.strange():
                 self.graph.input.append(helper.make_tensor_value_info(name, TensorProto.FLOAT, [1]))
@@ -70,10 +70,11 @@ class GraphMaker:
         self.tensors += [o for o in outputs if o and o not in self.tensors]
         return node
 
-    def body(self, depth: int) -> GraphProto:
+    def body(self, depth: int, enclosing: Sequence[str] = ()) -> GraphProto:
         """A nested graph that reads outer tensors, hides some of them, or hands one out as its result."""
         rng, body = self.rng, GraphProto(name="body")
-        names = [self.tensor() for _ in range(rng.randint(0, 3))] + ["local"]
+        names = [rng.choice((self.tensor(), self.constant())) for _ in range(rng.randint(0, 3))]
+        names += [*enclosing, "local"]
         hidden = rng.choice(names)
         how = rng.choice(("none", "none", "input", "initializer", "sparse", "node", "later"))
         if how == "input":
@@ -91,8 +92,9 @@ class GraphMaker:
             body.node.add(op_type="Constant", output=[hidden if hidden != "local" else "late"])
         if depth:
             inner = body.node.add(op_type="If", input=["local"], output=["inner"])
-            inner.attribute.append(helper.make_attribute("then_branch", self.body(depth - 1)))
-        body.output.append(helper.make_tensor_value_info(rng.choice(names), TensorProto.FLOAT, [1]))
+            inner.attribute.append(helper.make_attribute("then_branch", self.body(depth - 1, [hidden])))
+        result = rng.choice((*names, self.tensor()))
+        body.output.append(helper.make_tensor_value_info(result, TensorProto.FLOAT, [1]))
         return body
 
     def _candidates(self, node: PatternNode, links: dict[str, str], used: list[str]) -> list[NodeProto]:
@@ -106,6 +108,14 @@ class GraphMaker:
             and all(links.get(link.id, name) == name for link, name in zip(node.inputs, n.input, strict=False))
         ]
 
+    def _outside(self, links: dict[str, str]) -> str:
+        """A tensor for an input of the pattern; now and then it hangs on an output of the same instance."""
+        own = [links[n.output] for n in self.pair.pattern if n.output in links]
+        if not own or self.rng.random() < 0.85:
+            return self.tensor()
+        name = self.rng.choice(own)  # either the tensor itself, under a second id, or one node further
+        return name if self.rng.random() < 0.4 else self.add("Abs", [name]).output[-1] or name
+
     def _play(self, node: PatternNode, links: dict[str, str], used: list[str]) -> None:
         there = self._candidates(node, links, used)
         if there and self.rng.random() < 0.35:
@@ -114,7 +124,7 @@ class GraphMaker:
         else:
             for link in node.inputs:
                 if link.id not in links:
-                    links[link.id] = self.constant() if link.initializer else self.tensor()
+                    links[link.id] = self.constant() if link.initializer else self._outside(links)
             inputs = [links[link.id] for link in node.inputs]
             if node.rest:
                 inputs += [self.rng.choice(("", self.constant())) for _ in range(self.rng.randint(0, 2))]
@@ -144,11 +154,11 @@ class GraphMaker:
             node = next(n for n in todo if not inner & {link.id for link in n.inputs})
             todo.remove(node)
             self._play(node, links, used)
-            if self.rng.random() < 0.12:
+            if self.rng.random() < 0.1:
                 self.noise()
 
     def noise(self) -> None:
-        op = self.rng.choice(("Add", "Mul", "If", "Split", *(n.op for n in self.pair.pattern)))
+        op = self.rng.choice(("Add", "Mul", "If", "If", "Split", *(n.op for n in self.pair.pattern)))
         self.add(op, [self.tensor() for _ in range(self.rng.randint(1, 2))])
 
     def _decorate(self) -> None:
@@ -157,16 +167,14 @@ class GraphMaker:
             value = helper.make_tensor_value_info(name, TensorProto.FLOAT, [2])
             if rng.random() < 0.35:
                 graph.value_info.extend([value] * (2 if self.strange() else 1))
-            if rng.random() < 0.08:
+            if rng.random() < 0.06:
                 graph.output.append(value)
-        if self.strange() and graph.initializer:
+        if self.rng.random() < 0.08 and graph.initializer:
             graph.output.append(
                 helper.make_tensor_value_info(rng.choice(graph.initializer).name, TensorProto.FLOAT, [2])
             )
         if self.strange(2) and self.tensors:
-            graph.quantization_annotation.append(
-                onnx.TensorAnnotation(tensor_name=rng.choice(self.tensors))
-            )
+            graph.quantization_annotation.append(onnx.TensorAnnotation(tensor_name=rng.choice(self.tensors)))
             values = helper.make_tensor(self._name("sparse"), TensorProto.FLOAT, [1], [1.0])
             indices = helper.make_tensor(self._name("indices"), TensorProto.INT64, [1], [0])
             graph.sparse_initializer.append(helper.make_sparse_tensor(values, indices, [1]))
@@ -187,10 +195,10 @@ class GraphMaker:
         self.graph.node.extend(copies)
 
     def make(self) -> GraphProto:
-        instances = self.rng.randint(1, max(1, min(5, (LARGEST - 4) // len(self.pair.pattern))))
+        instances = self.rng.randint(2, max(2, min(6, (LARGEST - 2) // len(self.pair.pattern))))
         for _ in range(instances):
             self.instance()
-            for _ in range(self.rng.randint(0, 2)):
+            if self.rng.random() < 0.4:
                 self.noise()
         self._decorate()
         self._reorder()

@@ -11,13 +11,20 @@ from oracle.notation import Pair, parse_pair
 
 OPERATORS = ("Relu", "Add", "Concat", "TesselQuant", "Conv", "If")
 
+# Pairs that join what the pattern left apart: through other nodes of the graph they can close a cycle.
+JOINING = (
+    (["Relu:0->1", "Add:2->3", "Mul:4->5"], ["#0:0,4->1", "#1", "#2"]),
+    (["Relu:0->1", "Add:2->3", "Mul:4->5"], ["#0:0,4->1", "#1:2,0->3", "Concat:4->5"]),
+    (["Relu:0->1", "Add:1->2", "Mul:3->4"], ["Relu:3->1", "#1", "#2"]),
+)
+
 
 def _read(rng: random.Random, ids: list[str]) -> str:
     return ids[max(rng.randrange(len(ids)), rng.randrange(len(ids)))]  # prefers late ones: chains
 
 
 def random_pattern(rng: random.Random) -> list[str]:
-    operators = rng.choices(OPERATORS, weights=(4, 4, 3, 3, 2, 1), k=rng.randint(1, 3))
+    operators = rng.choices(OPERATORS, weights=(4, 4, 3, 3, 2, 2), k=rng.randint(1, 3))
     written: list[str] = []
     outside: list[str] = []
     names = [("0" if rng.random() < 0.03 else "") + str(i) for i in range(40)]
@@ -84,6 +91,8 @@ def _random_replacement(rng: random.Random, pattern: list[str]) -> list[str] | N
 
 
 def random_pair(rng: random.Random) -> tuple[list[str], list[str]]:
+    if rng.random() < 0.05:
+        return rng.choice(JOINING)
     while True:
         pattern = random_pattern(rng)
         replacement = _random_replacement(rng, pattern)

@@ -60,13 +60,11 @@ class Table:
 def _bind(table: Table, index: int, node: PatternNode, links: Links) -> Links | None:
     """The links with those of one more node, None if graph node `index` cannot play `node`."""
     candidate = table.nodes[index]
-    if candidate.op_type != node.op:
-        return None
     inputs, outputs = stripped(candidate.input), stripped(candidate.output)
-    if len(outputs) != 1 or table.first_writer.get(outputs[0]) != index:
+    if candidate.op_type != node.op or len(outputs) != 1 or table.first_writer[outputs[0]] != index:
         return None
     named = len(node.inputs)
-    if len(inputs) != named and not (node.rest and len(inputs) >= named):
+    if len(inputs) != named and not (node.rest and len(inputs) > named):
         return None
     if any(name and name not in table.initializers for name in inputs[named:]):
         return None
@@ -141,7 +139,7 @@ def _closes_cycle(table: Table, pair: Pair, found: Assignment) -> bool:
     for name, writer in table.first_writer.items():
         if writer not in found.nodes:
             around[name] = table.reads[writer]
-    return any(o == x or o in _depends_on(x, around) for o in old_outputs for x in fresh[o])
+    return any(o in _depends_on(x, around) for o in old_outputs for x in fresh[o])
 
 
 def all_assignments(table: Table, pair: Pair) -> list[Assignment]:

@@ -42,9 +42,7 @@ class Pass:
         refused: set[tuple[int, ...]] = set()
         while True:
             taken = [assignment for assignment, _, _ in self.accepted]
-            rest = [
-                c for c in candidates if c not in taken and tuple(c.nodes[k] for k in first_part) not in refused
-            ]
+            rest = [c for c in candidates if c not in taken and tuple(c.nodes[k] for k in first_part) not in refused]
             chosen = choose(self.pair, rest, taken)
             if not chosen:
                 break
@@ -121,8 +119,7 @@ class Pass:
     def _call(self, callback: Callback, occurrence: Occurrence, links: dict[str, str]) -> bool:
         place = {item: index for index, item in enumerate(self.order)}
         nodes = [
-            item.node if item in occurrence.removed else self.graph.node[place[item]]
-            for item in occurrence.matched
+            item.node if item in occurrence.removed else self.graph.node[place[item]] for item in occurrence.matched
         ]
         mapping = {position: place[item] for position, item in enumerate(occurrence.made)}
         for k in range(len(occurrence.made), len(occurrence.matched)):
@@ -170,8 +167,6 @@ def _drop(field: Any, names: set[str]) -> None:
             del field[index]
 
 
-def replace_all(
-    graph: GraphProto, pattern: Sequence[str], replacement: Sequence[str], callback: Callback
-) -> int:
+def replace_all(graph: GraphProto, pattern: Sequence[str], replacement: Sequence[str], callback: Callback) -> int:
     """Replaces every occurrence in place; the number of accepted ones."""
     return Pass(graph, pattern, replacement).run(callback)
