@@ -76,7 +76,7 @@ def check_external_data(model: onnx.ModelProto, folder: Path) -> None:
             locate(tensor, folder)
 
 
-def move_to_file(model: onnx.ModelProto, folder: Path, stream: BinaryIO, location: str) -> None:
+def move_to_file(model: onnx.ModelProto, folder: Path, stream: BinaryIO, location: str) -> int:
     """Writes every external tensor and every large one to `stream` and makes the model refer to `location`.
 
     The model changes only after all bytes are written. Offsets of a page and more are multiples of the page size, as
@@ -87,6 +87,9 @@ def move_to_file(model: onnx.ModelProto, folder: Path, stream: BinaryIO, locatio
         folder: The folder that the present locations start from.
         stream: The new data file, empty.
         location: Its name, relative to the folder of the model that will be saved.
+
+    Returns:
+        The size of the data file; 0 if all tensors are small and stay in the model.
     """
     moved: list[tuple[onnx.TensorProto, int, int]] = []
     end = 0
@@ -110,6 +113,7 @@ def move_to_file(model: onnx.ModelProto, folder: Path, stream: BinaryIO, locatio
             moved.append((tensor, start, length))
     for tensor, start, length in moved:
         _refer(tensor, location, start, length)
+    return end
 
 
 def _aligned(offset: int, length: int) -> int:

@@ -2,8 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterator
-from contextlib import ExitStack, contextmanager
+from contextlib import ExitStack
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -61,56 +60,73 @@ def load(path: Path) -> onnx.ModelProto:
 
 
 class ModelOutput:
-    """The place that a model will be written to, claimed before the long work begins."""
+    """The place that a model will be written to, claimed before the long work begins.
 
-    def __init__(self, file: StagedFile, *, overwrite: bool) -> None:
-        self._file = file
+    A context manager: leaving it without `save` leaves the disk as it was.
+
+    Raises:
+        ModelFileError: The place cannot be written, or is taken and `overwrite` is false.
+    """
+
+    def __init__(self, path: Path, *, overwrite: bool) -> None:
+        self._path = path
         self._overwrite = overwrite
+        self._stack = ExitStack()
+        self._file = self._stack.enter_context(StagedFile(path, overwrite=overwrite))
+        self._data: StagedFile | None = None
+
+    def __enter__(self) -> ModelOutput:
+        return self
+
+    def __exit__(self, *reason: object) -> None:
+        self._stack.close()
+
+    def use_external_data(self) -> StagedFile:
+        """Claims '<output>.data' too: `save` will put the weights there.
+
+        Raises:
+            ModelFileError: As for the output itself.
+        """
+        if self._data is None:
+            target = self._file.target
+            data = StagedFile(target.with_name(target.name + ".data"), overwrite=self._overwrite)
+            self._data = self._stack.enter_context(data)
+        return self._data
 
     def save(self, model: onnx.ModelProto, folder: Path) -> SavedModel:
-        """Writes `model`, with its external data (if it has any) in '<output>.data' beside it.
+        """Writes `model`, in two files if external data was asked for or one file cannot hold it.
 
         Args:
-            model: The model. Its references to external data change if it has any.
+            model: The model. Its references to external data change if it is written in two files.
             folder: The folder that the present locations of external data start from.
 
         Raises:
             ModelFileError: It could not be written; nothing has changed on the disk then.
         """
         try:
-            external = has_external_data(model)
-            content = None if external else _serialize(model)
-            if content is not None:
-                self._file.stream.write(content)
-                publish([self._file])
-                return SavedModel(self._file.named, len(content))
-            return self._save_with_data(model, folder, outgrew_one_file=not external)
+            content = None if self._data or has_external_data(model) else _serialize(model)
+            if content is None:
+                return self._save_with_data(model, folder, outgrew_one_file=self._data is None)
+            self._file.stream.write(content)
+            publish([self._file])
+            return SavedModel(self._path, len(content))
         except OSError as error:
-            raise ModelFileError(f"cannot write '{self._file.named}': {error.strerror}") from error
+            raise ModelFileError(f"cannot write '{self._path}': {error.strerror}") from error
 
     def _save_with_data(self, model: onnx.ModelProto, folder: Path, *, outgrew_one_file: bool) -> SavedModel:
-        target = self._file.target
-        with StagedFile(target.with_name(target.name + ".data"), overwrite=self._overwrite) as data:
-            move_to_file(model, folder, data.stream, data.target.name)
-            content = _serialize(model)
-            if content is None:
-                raise ModelFileError(f"cannot write '{self._file.named}': larger than 2 GB even without its weights")
-            data_size = data.stream.tell()
-            self._file.stream.write(content)
-            publish([data, self._file])
-        named = self._file.named
-        return SavedModel(named, len(content), named.with_name(data.target.name), data_size, outgrew_one_file)
-
-
-@contextmanager
-def model_output(path: Path, *, overwrite: bool) -> Iterator[ModelOutput]:
-    """Claims `path` as the place of a model to be saved.
-
-    Raises:
-        ModelFileError: It cannot be written, or exists and `overwrite` is false.
-    """
-    with ExitStack() as stack:
-        yield ModelOutput(stack.enter_context(StagedFile(path, overwrite=overwrite)), overwrite=overwrite)
+        data = self.use_external_data()
+        size = move_to_file(model, folder, data.stream, data.target.name)
+        content = _serialize(model)
+        if content is None:
+            raise ModelFileError(f"cannot write '{self._path}': larger than 2 GB even without its weights")
+        self._file.stream.write(content)
+        if not size:
+            publish([self._file])
+            return SavedModel(self._path, len(content))
+        publish([data, self._file])
+        # Behind a link, the data is beside the real file.
+        data_path = data.target if self._path.is_symlink() else self._path.with_name(data.target.name)
+        return SavedModel(self._path, len(content), data_path, size, outgrew_one_file)
 
 
 def _serialize(model: onnx.ModelProto) -> bytes | None:

@@ -190,7 +190,12 @@ def external_without_file(folder: Path) -> None:
     (folder / "weights.bin").unlink()
 
 
-def break_a_name(folder: Path) -> None:
+def take_the_data_file(folder: Path) -> None:
+    save_external(folder)
+    (folder / (OUT + ".data")).write_bytes(b"mine")
+
+
+def without_operator_set(folder: Path) -> None:
     model = make_model()
     del model.opset_import[:]
     (folder / MODEL).write_bytes(model.SerializeToString())
@@ -215,7 +220,7 @@ BAD_INPUT: dict[str, tuple[int, str, Make, Sequence[str]]] = {
     "not ONNX": (1, "not an ONNX model", write(b"\x89PNG\r\n\x1a\n" + bytes(100)), ()),
     "unknown fields only": (1, "no graph", write(b"h\x01"), ()),
     "cut off": (1, "cut off", cut_off, ()),
-    "no operator set": (1, "operator set", break_a_name, ()),
+    "no operator set": (1, "operator set", without_operator_set, ()),
     "folder as model": (1, "is a folder", replace_by_folder, ()),
     "folder as output": (1, "is a folder", lambda folder: (folder / OUT).mkdir(), ()),
     "existing output": (1, "exists already", lambda folder: (folder / OUT).write_bytes(b"mine"), ()),
@@ -238,6 +243,7 @@ BAD_INPUT: dict[str, tuple[int, str, Make, Sequence[str]]] = {
         lambda _: None,
         ["apply", MODEL, "-t", "quant_conv", "--force", "-o", "/dev/null"],
     ),
+    "existing data file": (1, f"{OUT}.data' exists already", take_the_data_file, ()),
     "missing external data": (1, "weights.bin", external_without_file, ()),
     "external data elsewhere": (1, "in the model's folder", external_with("location", "/etc/passwd"), ()),
     "external data above": (1, "in the model's folder", external_with("location", "../weights.bin"), ()),

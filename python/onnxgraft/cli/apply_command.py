@@ -13,6 +13,7 @@ from rich.table import Table
 from onnxgraft import model_files
 from onnxgraft.catalogue import find
 from onnxgraft.cli import consoles
+from onnxgraft.external_data import has_external_data
 from onnxgraft.rewriting import Step, rewrite
 
 
@@ -22,7 +23,7 @@ def run(options: argparse.Namespace) -> None:
     folder = options.model.parent
     console = consoles.notices()
     with (
-        model_files.model_output(options.output, overwrite=options.force) as output,
+        model_files.ModelOutput(options.output, overwrite=options.force) as output,
         Progress(
             SpinnerColumn(),
             TextColumn("{task.description}"),
@@ -40,6 +41,8 @@ def run(options: argparse.Namespace) -> None:
             progress.update(task, description=work, advance=1, refresh=True)
 
         model = model_files.load(options.model)
+        if has_external_data(model):
+            output.use_external_data()
         steps = rewrite(model, chosen, folder=folder, seed=options.seed, on_start=lambda step: show(step.name))
         show(f"writing {options.output.name}")
         saved = output.save(model, folder)
