@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <limits>
+#include <numeric>
+#include <ranges>
 #include <vector>
 
 #include "py/objects.h"
@@ -79,11 +81,11 @@ std::optional<Py_ssize_t> NameHints::search(PyObject* list, PyObject* name, Py_s
     if (found_rank < rank) {
       first = position + 1;
       last = std::min(last, position + (rank - found_rank));
-      guess = halve ? first + (last - first) / 2 : last;
+      guess = halve ? std::midpoint(first, last) : last;
     } else {
       last = position - 1;
       if (entry != entries_.end()) first = std::max(first, position - (found_rank - rank));
-      guess = halve || entry == entries_.end() ? first + (last - first) / 2 : first;
+      guess = halve || entry == entries_.end() ? std::midpoint(first, last) : first;
     }
   }
   return std::nullopt;
@@ -110,8 +112,8 @@ void NameHints::read_tail(PyObject* list) {
     entry.seen_at = unplaced;
     appended.push_back(hash);
   }
-  for (auto hash = appended.rbegin(); hash != appended.rend(); ++hash) {
-    Entry& entry = entries_[*hash];
+  for (const Py_hash_t hash : std::views::reverse(appended)) {
+    Entry& entry = entries_[hash];
     entry.rank = next_rank_++;
     entry.seen_at = ++position;
   }

@@ -2,6 +2,9 @@
 // its bias, per output channel:
 //   bias' = bias - trunc(sum(weight) * offset)
 // A convolution with padding is refused, whatever the offset: padded places hold 0, not the offset.
+#include <algorithm>
+#include <vector>
+
 #include "quant/attributes.h"
 #include "quant/callbacks.h"
 #include "quant/host.h"
@@ -90,10 +93,7 @@ class BiasCorrection {
 };
 
 bool BiasCorrection::is_planned(const Ref& name) const {
-  for (const NewBias& bias : planned_) {
-    if (bias.name && equal(bias.name, name)) return true;
-  }
-  return false;
+  return std::ranges::any_of(planned_, [&](const NewBias& bias) { return bias.name && equal(bias.name, name); });
 }
 
 void BiasCorrection::compute(const std::vector<ReadingConvolution>& convolutions, const Ref& offset) {

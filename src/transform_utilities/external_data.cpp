@@ -4,6 +4,7 @@
 #include <bit>
 #include <limits>
 #include <string>
+#include <utility>
 
 #include "transform_utilities/data_folder.h"
 #include "transform_utilities/external_file.h"
@@ -35,7 +36,7 @@ const InternedName to_array("to_array");
 constexpr std::array<std::uint64_t, 17> item_sizes{0, 4, 1, 1, 2, 2, 4, 8, 0, 1, 2, 8, 4, 8, 8, 16, 0};
 
 std::uint64_t item_size(std::int64_t type) {
-  const bool listed = type >= 0 && type < static_cast<std::int64_t>(item_sizes.size());
+  const bool listed = std::in_range<std::size_t>(type) && static_cast<std::size_t>(type) < item_sizes.size();
   return listed ? item_sizes[static_cast<std::size_t>(type)] : 0;
 }
 
@@ -51,9 +52,13 @@ ExternalLocation read_location(PyObject* tensor) {
   while (const Ref entry = py::next(entries.get())) {
     const std::string key = string_field(entry.get(), key_field);
     std::string value = string_field(entry.get(), value_field);
-    if (key == "location") where.location = std::move(value);
-    if (key == "offset") where.offset = std::move(value);
-    if (key == "length") where.length = std::move(value);
+    if (key == "location") {
+      where.location = std::move(value);
+    } else if (key == "offset") {
+      where.offset = std::move(value);
+    } else if (key == "length") {
+      where.length = std::move(value);
+    }
   }
   return where;
 }
