@@ -26,7 +26,7 @@ from oracle.names import all_names, reads
 from oracle.notation import Pair, parse_pair
 from oracle.rewriting import Pass
 
-GRAPHS = int(os.environ.get("ONNXGRAFT_RANDOM_GRAPHS", "4000"))
+GRAPHS = int(os.environ.get("ONNXGRAFT_RANDOM_GRAPHS", "3200"))
 BLOCKS = 20
 MOST_ASSIGNMENTS = 40  # patterns in several parts have them by the hundred, which only costs time
 

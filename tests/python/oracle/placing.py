@@ -33,14 +33,15 @@ class Occurrence:
 
 
 class _Group:
-    """What one occurrence puts in front of and behind the place of one matched item."""
+    """What stands at the place of one matched item: copies, then new nodes, the item itself, new nodes."""
 
     def __init__(self) -> None:
+        self.copies: list[Item] = []
         self.front: list[Item] = []
         self.behind: list[Item] = []
 
     def beside(self, neighbour: Item, item: Item, offset: int) -> bool:
-        for row in (self.front, self.behind):
+        for row in (self.copies, self.front, self.behind):
             if neighbour in row:
                 row.insert(row.index(neighbour) + offset, item)
                 return True
@@ -52,7 +53,7 @@ def _groups(pair: Pair, occurrence: Occurrence) -> dict[Item, _Group]:
     entries, made = pair.replacement, occurrence.made
     for entry, item in zip(entries, made, strict=True):
         if entry.copied and entry.source is not None:
-            groups[occurrence.matched[entry.source]].front.append(item)
+            groups[occurrence.matched[entry.source]].copies.append(item)
     for position, (entry, item) in enumerate(zip(entries, made, strict=True)):
         if entry.source is not None:
             continue
@@ -76,11 +77,13 @@ def _placed(pair: Pair, order: Sequence[Item], occurrences: Iterable[Occurrence]
     for occurrence in occurrences:
         gone |= set(occurrence.removed)
         for anchor, group in _groups(pair, occurrence).items():
+            rows[anchor].copies += group.copies
             rows[anchor].front += group.front
             rows[anchor].behind += group.behind
     result: list[Item] = []
     for item in order:
-        result += rows[item].front + ([] if item in gone else [item]) + rows[item].behind
+        row = rows[item]
+        result += row.copies + row.front + ([] if item in gone else [item]) + row.behind
     return result
 
 
