@@ -7,7 +7,6 @@ from collections.abc import Sequence
 
 from rich import box
 from rich.filesize import decimal
-from rich.progress import BarColumn, MofNCompleteColumn, Progress, SpinnerColumn, TextColumn, TimeElapsedColumn
 from rich.table import Table
 
 from onnxgraft import model_files
@@ -21,25 +20,11 @@ def run(options: argparse.Namespace) -> None:
     """Applies the named transformations; nothing is written unless all went well."""
     chosen = [find(name) for name in options.transformation]
     folder = options.model.parent
-    console = consoles.notices()
     with (
         model_files.ModelOutput(options.output, overwrite=options.force) as output,
-        Progress(
-            SpinnerColumn(),
-            TextColumn("{task.description}"),
-            BarColumn(),
-            MofNCompleteColumn(),
-            TimeElapsedColumn(),
-            console=console,
-            transient=True,
-            disable=not console.is_terminal,
-        ) as progress,
+        consoles.progress(total=len(chosen) + 2) as show,
     ):
-        task = progress.add_task(f"reading {options.model.name}", total=len(chosen) + 2)
-
-        def show(work: str) -> None:
-            progress.update(task, description=work, advance=1, refresh=True)
-
+        show(f"reading {options.model.name}")
         model = model_files.load(options.model)
         if has_external_data(model):
             output.use_external_data()
