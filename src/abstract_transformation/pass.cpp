@@ -26,7 +26,8 @@ std::size_t Pass::run() {
     counts_.found += occurrences.size();
     const std::size_t refused_before = counts_.refused;
     run_round(occurrences);
-    if (counts_.refused == refused_before) break;
+    // Only a refusal makes room for others, and only where occurrences stand in each other's way at all.
+    if (counts_.refused == refused_before || !rule_->removes) break;
   }
   if (counts_.replaced != 0) clean_up(graph_, table_, *writer_, clean_up_names_, callback_.is_default());
   return counts_.replaced;
@@ -111,8 +112,9 @@ void Pass::record(const core::OccurrenceList& occurrences, const std::vector<boo
     for (std::size_t role = 0; role < nodes.size(); ++role) {
       const core::PatternNode& node = rule_->nodes[role];
       if (!node.removed()) continue;
-      const auto inputs = table_.inputs(nodes[role]);
-      clean_up_names_.read_by_removed.insert(clean_up_names_.read_by_removed.end(), inputs.begin(), inputs.end());
+      for (const auto names : {table_.inputs(nodes[role]), table_.implicit_inputs(nodes[role])}) {
+        clean_up_names_.read_by_removed.insert(clean_up_names_.read_by_removed.end(), names.begin(), names.end());
+      }
       if (node.exclusive) clean_up_names_.changed.push_back(table_.outputs(nodes[role])[0]);
     }
   }

@@ -6,10 +6,11 @@
 namespace onnxgraft::core {
 
 CycleCheck::CycleCheck(const GraphTable& table, const Rule& rule) : table_(table), rule_(rule) {
-  if (!needed()) return;
+  if (rule.new_dependencies.empty() && rule.new_body_dependencies.empty()) return;
   for (NodeIndex node = 0; node < table.original_count(); ++node) {
     for (const NameId name : table.implicit_inputs(node)) body_reads_.emplace_back(name, node);
   }
+  has_bodies_ = !body_reads_.empty();
   std::ranges::sort(body_reads_);
   for (const auto& [name, node] : body_reads_) body_nodes_.push_back(node);
 }
@@ -20,9 +21,15 @@ std::span<const NodeIndex> CycleCheck::body_readers(NameId name) const {
 }
 
 bool CycleCheck::closes_cycle(std::span<const NodeIndex> nodes, std::span<const NameId> names) {
-  return std::ranges::any_of(rule_.new_dependencies, [&](const Rule::Dependency& dependency) {
+  const bool over_input = std::ranges::any_of(rule_.new_dependencies, [&](const Rule::Dependency& dependency) {
     return reaches(names[dependency.output], names[dependency.input], nodes, names);
   });
+  return over_input ||
+         std::ranges::any_of(rule_.new_body_dependencies, [&](const Rule::BodyDependency& dependency) {
+           return std::ranges::any_of(table_.implicit_inputs(nodes[dependency.node]), [&](NameId read) {
+             return reaches(names[dependency.output], read, nodes, names);
+           });
+         });
 }
 
 bool CycleCheck::reaches(NameId from, NameId target, std::span<const NodeIndex> nodes,
@@ -48,6 +55,10 @@ bool CycleCheck::reaches(NameId from, NameId target, std::span<const NodeIndex> 
     visit_outputs(body_readers(at));
     for (const Rule::Dependency& dependency : rule_.dependencies) {
       if (names[dependency.input] == at) visit(names[dependency.output]);
+    }
+    for (const Rule::BodyDependency& dependency : rule_.body_dependencies) {
+      const auto read = table_.implicit_inputs(nodes[dependency.node]);
+      if (std::ranges::find(read, at) != read.end()) visit(names[dependency.output]);
     }
   }
   return false;

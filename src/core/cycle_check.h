@@ -16,7 +16,9 @@ class CycleCheck {
  public:
   CycleCheck(const GraphTable& table, const Rule& rule);
 
-  [[nodiscard]] bool needed() const { return !rule_.new_dependencies.empty(); }
+  [[nodiscard]] bool needed() const {
+    return !rule_.new_dependencies.empty() || (has_bodies_ && !rule_.new_body_dependencies.empty());
+  }
   /// `nodes` and `names`: graph node per pattern node, tensor per link.
   bool closes_cycle(std::span<const NodeIndex> nodes, std::span<const NameId> names);
 
@@ -26,6 +28,7 @@ class CycleCheck {
 
   const GraphTable& table_;
   const Rule& rule_;
+  bool has_bodies_ = false;
   std::vector<std::pair<NameId, NodeIndex>> body_reads_;  // sorted by name
   std::vector<NodeIndex> body_nodes_;                     // parallel to `body_reads_`
 };

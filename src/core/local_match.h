@@ -9,6 +9,7 @@ namespace onnxgraft::core {
 /// Why a node is not part of an occurrence.
 enum class Reason : std::uint8_t {
   none,
+  missing_operator,    // the graph has no node of the operator
   wrong_operator,
   output_count,        // a pattern node has exactly one output
   second_producer,     // an earlier node writes the same tensor

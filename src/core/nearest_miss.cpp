@@ -47,12 +47,24 @@ class MissFinder {
         cycle_check_(table, rule) {}
 
   std::optional<NearestMiss> run() {
-    best_.reason = Reason::wrong_operator;
+    for (std::uint32_t role = 0; role < rule_.nodes.size(); ++role) {
+      if (graph_has(rule_.nodes[role].op)) continue;
+      return NearestMiss{.role = role, .reason = Reason::missing_operator};
+    }
     if (attempt(0)) return std::nullopt;
     return best_;
   }
 
  private:
+  bool graph_has(const std::string& op) const {
+    const std::optional<NameId> id = table_.ops.find(op);
+    if (!id) return false;
+    for (NodeIndex node = 0; node < table_.original_count(); ++node) {
+      if (table_.op(node) == *id) return true;
+    }
+    return false;
+  }
+
   /// Tries to match the pattern nodes from order_[depth] on; true if an assignment fits.
   bool attempt(std::size_t depth) {
     if (depth == order_.size()) {
@@ -108,9 +120,9 @@ class MissFinder {
 
   LocalResult judge(std::uint32_t role, NodeIndex node) const {
     const PatternNode& pattern = rule_.nodes[role];
-    if (std::ranges::find(node_of_, node) != node_of_.end()) return {Reason::node_used_twice};
     const LocalResult local = match_locally(table_, rule_, pattern, node);
     if (local.reason != Reason::none) return local;
+    if (std::ranges::find(node_of_, node) != node_of_.end()) return {Reason::node_used_twice};
     const auto inputs = table_.inputs(node);
     for (std::uint32_t slot = 0; slot < pattern.inputs.size(); ++slot) {
       const LinkId link = pattern.inputs[slot].link;

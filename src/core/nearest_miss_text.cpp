@@ -17,6 +17,7 @@ struct ReasonText {
 
 constexpr std::array reason_texts{
     ReasonText{Reason::none, "none", "it matches"},
+    ReasonText{Reason::missing_operator, "missing_operator", "the graph has no {op} node"},
     ReasonText{Reason::wrong_operator, "wrong_operator", "{node} is no {op}"},
     ReasonText{Reason::output_count, "output_count", "{node} does not have exactly one output"},
     ReasonText{Reason::second_producer, "second_producer", "an earlier node writes {tensor} too"},
@@ -71,13 +72,13 @@ const char* reason_name(Reason reason) { return text_of(reason).name; }
 
 std::string describe(const GraphTable& table, const Rule& rule, const NearestMiss& miss) {
   const std::string& op = rule.nodes[miss.role].op;
-  if (miss.matched == 0 && miss.candidate == no_index) return "the graph has no " + op + " node";
   std::string sentence = text_of(miss.reason).sentence;
   replace_all(sentence, "{node}", node_text(table, miss.candidate));
   replace_all(sentence, "{tensor}", quoted(table.names.text(miss.tensor)));
   replace_all(sentence, "{slot}", std::to_string(miss.slot));
   replace_all(sentence, "{op}", op);
   replace_all(sentence, "{reader}", node_text(table, miss.reader));
+  if (miss.reason == Reason::missing_operator) return sentence;
   std::string text = std::to_string(miss.matched) + " of " + std::to_string(rule.nodes.size()) + " pattern nodes matched";
   if (miss.last != no_index) text += ", the last one " + node_text(table, miss.last);
   return text + "; pattern node " + std::to_string(miss.role) + " (" + op + "): " + sentence;

@@ -15,7 +15,7 @@ class Placement {
   explicit Placement(NodeIndex count) : removed_(count, false) {}
 
   void remove(NodeIndex node) { removed_[node] = true; }
-  /// At the place of a node of the list (in front of it if it stays).
+  /// At the place of a node of the list; in front of it, and of what stands directly in front, if it stays.
   void put_at(NodeIndex place, NodeIndex node) { places_.push_back({place, Side::at, node}); }
   /// Directly in front of a node, be it of the list or new.
   void put_in_front(NodeIndex place, NodeIndex node) { places_.push_back({place, Side::front, node}); }

@@ -185,6 +185,7 @@ class Compiler {
   void mark_exclusive() {
     for (PatternNode& node : rule_.nodes) {
       const Link& output = rule_.links[node.output];
+      rule_.removes = rule_.removes || node.removed();
       const bool vanishes = written_by_[node.output] == nothing;
       node.exclusive = vanishes || (node.removed() && output.rewritten && !output.readers.empty());
     }

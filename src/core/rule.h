@@ -65,15 +65,24 @@ struct Rule {
   std::vector<ReplacementEntry> entries;
   std::vector<Link> links;
   std::uint32_t part_count = 0;
-  /// Pairs (output link, outside-input link): the output depends on the input after the replacement and did
-  /// not before. Empty for most rules; only then can a replacement close a cycle.
+  bool removes = false;  // some pattern node does not stay
+  /// An old tensor that depends, after the replacement, on another tensor of the pattern.
   struct Dependency {
     LinkId output;
     LinkId input;
   };
-  std::vector<Dependency> new_dependencies;
-  /// All dependencies of old tensors on outside inputs that hold after the replacement.
+  /// All of them, but on initializers.
   std::vector<Dependency> dependencies;
+  /// Those on outside inputs that did not hold before. Empty for most rules; only then can a replacement close
+  /// a cycle.
+  std::vector<Dependency> new_dependencies;
+  /// An old tensor that depends, after the replacement, on what nested bodies of a pattern node's match read.
+  struct BodyDependency {
+    LinkId output;
+    std::uint32_t node;
+  };
+  std::vector<BodyDependency> body_dependencies;
+  std::vector<BodyDependency> new_body_dependencies;
 };
 
 /// Compiles a pair of lists; throws NotationError.

@@ -43,22 +43,33 @@ std::vector<bool> reachable(const Edges& edges, LinkId from) {
   return seen;
 }
 
+bool is_written(const Rule& rule, LinkId link) {
+  return std::ranges::any_of(rule.entries, [&](const ReplacementEntry& entry) { return entry.output == link; });
+}
+
 }  // namespace
 
 void find_dependencies(Rule& rule) {
   const Edges before = pattern_edges(rule);
   const Edges after = replacement_edges(rule);
   for (LinkId output = 0; output < rule.links.size(); ++output) {
-    if (rule.links[output].writer == no_node || after[output].empty()) continue;
-    const std::vector<bool> old_inputs = reachable(before, output);
-    const std::vector<bool> new_inputs = reachable(after, output);
+    if (rule.links[output].writer == no_node || !is_written(rule, output)) continue;
+    std::vector<bool> old_inputs = reachable(before, output);
+    std::vector<bool> new_inputs = reachable(after, output);
     for (LinkId input = 0; input < rule.links.size(); ++input) {
       const Link& link = rule.links[input];
-      // Only a tensor from outside that is computed can depend on an output again.
-      const bool outside = link.in_pattern && link.writer == no_node && !link.initializer;
-      if (!outside || !new_inputs[input]) continue;
+      // Nothing that is not computed can depend on an output again.
+      if (!link.in_pattern || link.initializer || !new_inputs[input]) continue;
       rule.dependencies.push_back({output, input});
-      if (!old_inputs[input]) rule.new_dependencies.push_back({output, input});
+      if (link.writer == no_node && !old_inputs[input]) rule.new_dependencies.push_back({output, input});
+    }
+    // What bodies read belongs to the node: the output depends on it if it depends on what the node writes.
+    old_inputs[output] = true;
+    new_inputs[output] = true;
+    for (const ReplacementEntry& entry : rule.entries) {
+      if (entry.source == no_node || !new_inputs[entry.output]) continue;
+      rule.body_dependencies.push_back({output, entry.source});
+      if (!old_inputs[rule.nodes[entry.source].output]) rule.new_body_dependencies.push_back({output, entry.source});
     }
   }
 }

@@ -5,7 +5,7 @@
 
 namespace onnxgraft::core {
 
-/// Fills `rule.dependencies` and `rule.new_dependencies`.
+/// Fills the four lists of dependencies.
 void find_dependencies(Rule& rule);
 
 }  // namespace onnxgraft::core

@@ -197,14 +197,11 @@ void GraphWriter::fill(PyObject* message, NodeIndex node) {
     call_method(message, field::copy_from, {handle(source)});
     call_method(message, field::clear_field, {field::input.get()});
     call_method(message, field::clear_field, {field::output.get()});
-    // An empty name and none are different bytes: what the copy has already is left alone.
-    if (name == core::no_name && table_.node_names[source] != name) {
-      call_method(message, field::clear_field, {field::name.get()});
-    }
   } else {
     set_attribute(message, field::op_type, text(table_.ops.text(table_.op(node))).get());
   }
-  if (name != core::no_name && (source == no_index || table_.node_names[source] != name)) {
+  // An empty name and none are different bytes: a copy that keeps its name is left alone.
+  if (source == no_index || table_.node_names[source] != name) {
     set_attribute(message, field::name, text(table_.names.text(name)).get());
   }
   call_method(attribute(message, field::input).get(), field::extend,
