@@ -1,9 +1,10 @@
 #include "py/name_hints.h"
 
 #include <algorithm>
-#include <limits>
+#include <iterator>
 #include <numeric>
 #include <ranges>
+#include <utility>
 #include <vector>
 
 #include "py/objects.h"
@@ -12,11 +13,17 @@ namespace onnxgraft::py {
 
 namespace {
 
-constexpr Py_ssize_t unplaced = -1;
+constexpr Py_ssize_t longest_tail = 64;
+constexpr Py_ssize_t rank_slack = 8;
 
+/// Empty behind the end: an element with a `name` of its own may shorten the list while it is read.
 Ref name_at(PyObject* list, Py_ssize_t position) {
   static const InternedName name("name");
-  return attribute(item(list, position).get(), name);
+  const Ref element = Ref::steal(PySequence_GetItem(list, position));
+  if (element) return attribute(element.get(), name);
+  if (PyErr_ExceptionMatches(PyExc_IndexError) == 0) throw PythonError{};
+  PyErr_Clear();
+  return {};
 }
 
 bool equal(const Ref& own_name, PyObject* name) {
@@ -32,106 +39,121 @@ Py_hash_t hash_of(PyObject* name) {
 }  // namespace
 
 std::optional<Py_ssize_t> walk_to_name(PyObject* list, PyObject* name) {
-  const Py_ssize_t count = length(list);
-  for (Py_ssize_t position = 0; position < count; ++position) {
-    if (equal(name_at(list, position), name)) return position;
+  for (Py_ssize_t position = 0;; ++position) {
+    const Ref own_name = name_at(list, position);
+    if (!own_name) return std::nullopt;
+    if (equal(own_name, name)) return position;
   }
-  return std::nullopt;
 }
 
 std::optional<Py_ssize_t> NameHints::find(PyObject* list, PyObject* name) {
   if (entries_.empty()) return rebuild(list, name);
-  const Py_hash_t hash = hash_of(name);
-  for (const bool tail_read : {false, true}) {
-    if (tail_read) read_tail(list);
-    const auto entry = entries_.find(hash);
-    if (entry == entries_.end()) continue;
-    if (entry->second.repeated) return walk_to_name(list, name);
-    const Py_ssize_t seen_at = entry->second.seen_at;
-    const std::optional<Py_ssize_t> position = search_and_note(list, name, entry->second);
-    // What moved to the right had something inserted in front of it, perhaps of an equal name.
-    if (position && *position > seen_at) break;
-    if (position) return position;
-  }
-  return rebuild(list, name);
+  std::optional<Py_ssize_t> position = find_known(list, name);
+  if (!position && read_tail(list)) position = find_known(list, name);
+  return position ? position : rebuild(list, name);
 }
 
-std::optional<Py_ssize_t> NameHints::search_and_note(PyObject* list, PyObject* name, Entry& entry) {
-  const std::optional<Py_ssize_t> position = search(list, name, entry.rank, length(list));
-  if (position) {
-    entry.seen_at = *position;
-    shift_ = entry.rank - *position;
-  }
+std::optional<Py_ssize_t> NameHints::find_known(PyObject* list, PyObject* name) {
+  const auto place = entries_.find(hash_of(name));
+  if (place == entries_.end()) return std::nullopt;
+  Entry& entry = place->second;
+  if (entry.repeated) return walk_to_name(list, name);
+  const auto [kind, position] = search(list, name, entry.rank, length(list));
+  if (kind != Outcome::Kind::found) return std::nullopt;
+  entry.seen_at = position;
+  shift_ = entry.rank - position;
   return position;
 }
 
 /// Looks for a name in front of `end` by its rank. The first guess is where the last look-up was right; each
-/// element read bounds the distance, since ranks differ by at least one per element.
-std::optional<Py_ssize_t> NameHints::search(PyObject* list, PyObject* name, Py_ssize_t rank, Py_ssize_t end) const {
+/// element read bounds the distance, since ranks differ by at least one per element. An element that moved to
+/// the right had something inserted in front of it, perhaps of the wanted name.
+NameHints::Outcome NameHints::search(PyObject* list, PyObject* name, Py_ssize_t rank, Py_ssize_t end) const {
   Py_ssize_t first = 0;
   Py_ssize_t last = end - 1;
   Py_ssize_t guess = rank - shift_;
   for (bool halve = false; first <= last; halve = !halve) {
     const Py_ssize_t position = std::clamp(guess, first, last);
     const Ref found = name_at(list, position);
-    if (equal(found, name)) return position;
-    const auto entry = entries_.find(hash_of(found.get()));
-    // An element without a rank was appended since.
-    const Py_ssize_t found_rank = entry == entries_.end() ? std::numeric_limits<Py_ssize_t>::max() : entry->second.rank;
-    if (found_rank < rank) {
+    if (!found) return {Outcome::Kind::unsure};
+    const auto place = entries_.find(hash_of(found.get()));
+    // An element without a rank was appended since, or inserted.
+    if (place == entries_.end()) return {Outcome::Kind::unsure};
+    const Entry& entry = place->second;
+    const bool moved_right = position > entry.seen_at;
+    if (equal(found, name) && !moved_right) return {Outcome::Kind::found, position};
+    if (moved_right) return {Outcome::Kind::unsure};
+    if (entry.rank < rank) {
       first = position + 1;
-      last = std::min(last, position + (rank - found_rank));
+      last = std::min(last, position + (rank - entry.rank));
       guess = halve ? std::midpoint(first, last) : last;
     } else {
       last = position - 1;
-      if (entry != entries_.end()) first = std::max(first, position - (found_rank - rank));
-      guess = halve || entry == entries_.end() ? std::midpoint(first, last) : first;
+      first = std::max(first, position - (entry.rank - rank));
+      guess = halve ? std::midpoint(first, last) : first;
     }
   }
-  return std::nullopt;
+  return {Outcome::Kind::absent};
 }
 
-/// Gives ranks to what was appended: everything behind the last element that did not move to the right.
-void NameHints::read_tail(PyObject* list) {
-  std::vector<Py_hash_t> appended;
-  Py_ssize_t position = length(list);
-  while (position-- > 0) {
-    const Ref name = name_at(list, position);
-    const Py_hash_t hash = hash_of(name.get());
-    const auto [place, is_new] = entries_.try_emplace(hash, Entry{0, unplaced});
-    Entry& entry = place->second;
-    if (position <= entry.seen_at) {
-      entry.seen_at = position;
+/// Gives ranks to what was appended: everything behind the last element that did not move to the right. False
+/// if something may have been inserted, or if so much is new that a rebuild is due.
+bool NameHints::read_tail(PyObject* list) {
+  std::vector<Ref> names;  // from the end
+  const Py_ssize_t count = length(list);
+  const Py_ssize_t limit = longest_tail + (count / 8);
+  Tail tail{count, next_rank_};
+  for (; tail.begin > 0; --tail.begin) {
+    const Py_ssize_t position = tail.begin - 1;
+    Ref name = name_at(list, position);
+    if (!name || std::ssize(names) > limit) return false;
+    const auto known = entries_.find(hash_of(name.get()));
+    // The last of the old elements has nearly the last of the ranks; an old rank alone, near the end, was moved.
+    const Py_ssize_t slack = rank_slack + std::ssize(names);
+    if (known != entries_.end() && position <= known->second.seen_at && known->second.rank + slack >= next_rank_) {
+      known->second.seen_at = position;
       break;
     }
-    if (!is_new) {
-      // Appended again, or a second element of that name.
-      const bool twice = entry.seen_at == unplaced || search(list, name.get(), entry.rank, position);
-      entry.repeated = entry.repeated || twice;
+    names.push_back(std::move(name));
+  }
+  Py_ssize_t position = tail.begin;
+  for (const Ref& name : std::views::reverse(names)) {
+    if (!place_appended(list, name.get(), position++, tail)) return false;
+  }
+  return true;
+}
+
+/// A name that is known already was either removed and appended again, or now stands there twice.
+bool NameHints::place_appended(PyObject* list, PyObject* name, Py_ssize_t position, const Tail& tail) {
+  const auto [place, is_new] = entries_.try_emplace(hash_of(name), Entry{next_rank_, position});
+  Entry& entry = place->second;
+  if (!is_new && !entry.repeated) {
+    if (entry.rank >= tail.first_rank) {
+      entry.repeated = true;
+    } else {
+      const Outcome::Kind old = search(list, name, entry.rank, tail.begin).kind;
+      if (old == Outcome::Kind::unsure) return false;
+      entry.repeated = old == Outcome::Kind::found;
     }
-    entry.seen_at = unplaced;
-    appended.push_back(hash);
+    if (!entry.repeated) entry = Entry{next_rank_, position};
   }
-  for (const Py_hash_t hash : std::views::reverse(appended)) {
-    Entry& entry = entries_[hash];
-    entry.rank = next_rank_++;
-    entry.seen_at = ++position;
-  }
+  ++next_rank_;
+  return true;
 }
 
 std::optional<Py_ssize_t> NameHints::rebuild(PyObject* list, PyObject* name) {
   entries_.clear();
   shift_ = 0;
-  next_rank_ = length(list);
-  entries_.reserve(static_cast<std::size_t>(next_rank_));
+  entries_.reserve(static_cast<std::size_t>(length(list)));
   std::optional<Py_ssize_t> found;
-  for (Py_ssize_t position = 0; position < next_rank_; ++position) {
+  for (next_rank_ = 0;; ++next_rank_) {
+    const Py_ssize_t position = next_rank_;
     const Ref own_name = name_at(list, position);
+    if (!own_name) return found;
     if (!found && equal(own_name, name)) found = position;
     const auto [entry, is_new] = entries_.try_emplace(hash_of(own_name.get()), Entry{position, position});
     if (!is_new) entry->second.repeated = true;
   }
-  return found;
 }
 
 }  // namespace onnxgraft::py

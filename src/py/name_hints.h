@@ -25,9 +25,22 @@ class NameHints {
     bool repeated = false;  // several elements have this name (or this hash)
   };
 
-  std::optional<Py_ssize_t> search(PyObject* list, PyObject* name, Py_ssize_t rank, Py_ssize_t end) const;
-  std::optional<Py_ssize_t> search_and_note(PyObject* list, PyObject* name, Entry& entry);
-  void read_tail(PyObject* list);
+  /// What a search by rank came to; `unsure` where the list is not as removals and appending leave it.
+  struct Outcome {
+    enum class Kind { found, absent, unsure } kind;
+    Py_ssize_t position = 0;
+  };
+
+  /// What was appended since the last reading: where it begins, and the first rank given to it.
+  struct Tail {
+    Py_ssize_t begin;
+    Py_ssize_t first_rank;
+  };
+
+  std::optional<Py_ssize_t> find_known(PyObject* list, PyObject* name);
+  Outcome search(PyObject* list, PyObject* name, Py_ssize_t rank, Py_ssize_t end) const;
+  bool read_tail(PyObject* list);
+  bool place_appended(PyObject* list, PyObject* name, Py_ssize_t position, const Tail& tail);
   std::optional<Py_ssize_t> rebuild(PyObject* list, PyObject* name);
 
   std::unordered_map<Py_hash_t, Entry> entries_;

@@ -38,7 +38,11 @@ constexpr const char* get_init_documentation =
     "whatever was done to the graph in between. The first of several initializers of one name counts.";
 
 constexpr py::FunctionRow get_init_row{
-    "get_init", parameters, get_init, "Tuple[List[ndarray], List[TensorProto]]", false, false, get_init_documentation,
+    .name = "get_init",
+    .parameters = parameters,
+    .body = get_init,
+    .result_annotation = "Tuple[List[ndarray], List[TensorProto]]",
+    .doc = get_init_documentation,
 };
 
 void import_as(PyObject* module, const char* source, const char* name) {

@@ -21,15 +21,15 @@ from onnxgraft import abstract_transformation, quant, transform_utilities
 FRAMEWORK, PULL_UP = ("AbstractTransformation",), ("AbstractPullUpTesselQuantTransformation",)
 QUANTIZE = ("_QuantTransformation", "AbstractTransformation")
 APPLY, NAME, CALLBACK, PAIRS = "apply", "get_simple_name", "_on_replace_subgraph", "_get_subgraphs_to_replace"
-BASE_METHODS = (
-    "_update_tesselquant _update_weights _update_bias _update_tesseldequant _check_current_precision "
-    "_update_quant_weights_operators"
-).split()
+BASE_METHODS = ["_update_tesselquant", "_update_weights", "_update_bias", "_update_tesseldequant",
+                "_check_current_precision", "_update_quant_weights_operators"]  # fmt: skip
+WRONG_LINKS = "Argument 'isomorphic_links_mapping' has incorrect type"
 PREPARED = "Transformation prepared for "
 
 # class, bases, short name, what it was prepared for, own methods in order
 CATALOGUE: list[tuple[str, tuple[str, ...], str | None, str | None, list[str]]] = [
-    ("FuseTesselQuantAnyTransformation", FRAMEWORK, "replace_quant_any", "test of quantization performance", [APPLY, NAME]),
+    ("FuseTesselQuantAnyTransformation", FRAMEWORK, "replace_quant_any", "test of quantization performance",
+     [APPLY, NAME]),
     ("ChangeTesselQuantTransformation", ("FuseTesselQuantAnyTransformation",), "replace_quant",
      "ResNet, YOLO, MobileNetv3, BERT", [NAME, CALLBACK]),
     ("UpdateTesselQuantTransformation", FRAMEWORK, "update_tesselquant", "YOLOv7", [APPLY, NAME, CALLBACK]),
@@ -155,7 +155,8 @@ def test_apply_runs_its_pairs_in_order_and_adds_the_counts_up(name: str) -> None
     assert all(s is sets[0] for s in sets)
     assert sets[0] == (set() if pull_up else None)
     assert len({id(c[3]) for c in calls}) == len(calls)
-    assert recorder.apply(graph) and calls[-1][3]["debug"] is False
+    recorder.apply(graph)
+    assert calls[-1][3]["debug"] is False
     assert not pull_up or calls[-1][3]["conv_bias_updated"] is not sets[0]
 
 
@@ -233,8 +234,8 @@ def test_pickling_copying_and_the_abstract_base() -> None:
         ("get_simple_name", (1,), "get_simple_name() takes exactly 1 positional argument (2 given)"),
         (CALLBACK, (1, 2, 3), f"{CALLBACK}() takes exactly 5 positional arguments (4 given)"),
         (CALLBACK, (1, 2, 3, {}, 5), f"{CALLBACK}() takes exactly 5 positional arguments (6 given)"),
-        (CALLBACK, (1, 2, 3, []), "Argument 'isomorphic_links_mapping' has incorrect type (expected dict, got list)"),
-        (CALLBACK, (1, 2, 3, None), "Argument 'isomorphic_links_mapping' has incorrect type (expected dict, got NoneType)"),
+        (CALLBACK, (1, 2, 3, []), f"{WRONG_LINKS} (expected dict, got list)"),
+        (CALLBACK, (1, 2, 3, None), f"{WRONG_LINKS} (expected dict, got NoneType)"),
     ],
 )  # fmt: skip
 def test_misuse_is_refused_before_anything_runs(method: str, arguments: tuple[Any, ...], message: str) -> None:

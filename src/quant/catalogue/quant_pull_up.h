@@ -12,7 +12,13 @@ namespace pull_up {
 inline constexpr std::array bases{"AbstractTransformation", "ABC"};
 inline constexpr std::array methods{
     apply_row(apply_listed_pairs),
-    FunctionRow{"_get_subgraphs_to_replace", self_alone, no_pairs, pairs_annotation, false, true},
+    FunctionRow{
+        .name = "_get_subgraphs_to_replace",
+        .parameters = self_alone,
+        .body = no_pairs,
+        .result_annotation = pairs_annotation,
+        .is_abstract = true,
+    },
     callback_row(correct_conv_biases),
 };
 inline constexpr ClassRow row{"AbstractPullUpTesselQuantTransformation", bases, nullptr, {}, methods};

@@ -79,7 +79,13 @@ inline constexpr FunctionRow pairs_row{"_get_subgraphs_to_replace", self_alone, 
 
 template <py::ArgumentType links_type = py::ArgumentType::dict>
 constexpr FunctionRow callback_row(Body body) {
-  return {"_on_replace_subgraph", callback_parameters<links_type>, body, "bool", true};
+  return {
+      .name = "_on_replace_subgraph",
+      .parameters = callback_parameters<links_type>,
+      .body = body,
+      .result_annotation = "bool",
+      .collects_keywords = true,
+  };
 }
 
 inline constexpr std::array framework_base{"AbstractTransformation"};

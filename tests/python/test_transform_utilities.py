@@ -1,0 +1,354 @@
+"""`get_init` against a plain walk over the list, its external data, and the folder that it is looked up in."""
+
+from __future__ import annotations
+
+import asyncio
+import contextvars
+import gc
+import random
+import sys
+import threading
+from collections.abc import Iterator
+from itertools import count
+from pathlib import Path
+from typing import Any
+
+import numpy as np
+import onnx
+import pytest
+from onnx import GraphProto, TensorProto, helper, numpy_helper
+from onnxgraft.transform_utilities import external_data_folder, get_init
+
+
+def tensor(name: str, value: float = 0.0) -> TensorProto:
+    return numpy_helper.from_array(np.array([value], np.float32), name)
+
+
+def graph_of(size: int) -> GraphProto:
+    return GraphProto(name="g", initializer=[tensor(f"w{k}", k) for k in range(size)])
+
+
+def test_results_are_in_the_order_of_the_names() -> None:
+    graph = graph_of(40)
+    for names in (("w3", "w1", "w3"), ["w3", "w1", "w3"], iter(("w3", "w1", "w3"))):
+        arrays, records = get_init(graph, names)
+        assert [a.tolist() for a in arrays] == [[3.0], [1.0], [3.0]]
+        assert all(r is graph.initializer[k] for r, k in zip(records, (3, 1, 3), strict=True))
+    assert get_init(graph=graph, names=()) == ([], [])
+
+
+@pytest.mark.parametrize(
+    ("names", "error", "message"),
+    [
+        (("w1", "lost"), ValueError, r"'lost' is no initializer of graph 'g' \(\d+ initializers\)"),
+        ((None,), ValueError, "None is no initializer"),
+        ("w1", TypeError, r"pass \('w1',\)"),
+        (b"w1", TypeError, "one bytes"),
+        (3, TypeError, "iterable"),
+    ],
+)
+@pytest.mark.parametrize("size", [5, 50])
+def test_names_that_cannot_be_looked_up(names: Any, error: type[Exception], message: str, size: int) -> None:
+    with pytest.raises(error, match=message):
+        get_init(graph_of(size), names)
+
+
+def edit(graph: GraphProto, rng: random.Random, fresh: Iterator[int]) -> None:
+    """One edit as hosts and transformations make them."""
+    tensors = graph.initializer
+    place = rng.randrange(len(tensors))
+    match rng.randrange(9):
+        case 0 | 1:
+            del tensors[place]
+        case 2 | 3:  # a new one under the old name, at the end
+            name = tensors[place].name
+            del tensors[place]
+            tensors.append(tensor(name))
+        case 4 | 5:
+            tensors.extend(tensor(f"n{next(fresh)}") for _ in range(rng.randrange(4)))
+        case 6:
+            tensors.insert(place, tensor(f"n{next(fresh)}"))
+        case 7:
+            tensors[place].name = f"n{next(fresh)}"
+        case _:
+            tensors.sort(key=lambda t: hash((t.name, place)))
+
+
+@pytest.mark.parametrize("seed", range(25))
+def test_a_look_up_agrees_with_a_walk_after_any_edits(seed: int) -> None:
+    rng = random.Random(seed)
+    graph, fresh = graph_of(rng.choice((30, 80, 300))), count()
+    for step in range(150):
+        for _ in range(rng.choice((1, 1, 5))):
+            edit(graph, rng, fresh)
+        wanted = [t.name for t in rng.sample(list(graph.initializer), 3)] + ["lost"] * (step % 7 == 0)
+        for name in wanted:
+            first = next((t for t in graph.initializer if t.name == name), None)
+            if first is None:
+                with pytest.raises(ValueError, match="lost"):
+                    get_init(graph, (name,))
+            else:
+                assert get_init(graph, (name,))[1][0] is first
+
+
+def test_the_first_of_equal_names_counts() -> None:
+    graph = graph_of(60)
+    get_init(graph, ("w50",))
+    graph.initializer.insert(0, tensor("w50", -1))
+    assert get_init(graph, ("w50",))[1][0] is graph.initializer[0]
+    graph.initializer.append(tensor("w51", -1))
+    assert get_init(graph, ("w51",))[0][0] == 51
+    del graph.initializer[52]
+    assert get_init(graph, ("w51",))[0][0] == -1
+
+
+class CountingList(list[Any]):
+    reads = 0
+
+    def __getitem__(self, index: Any) -> Any:
+        self.reads += 1
+        return super().__getitem__(index)
+
+
+class FakeGraph:
+    """A graph whose initializer list counts how often an element is read."""
+
+    name = "fake"
+
+    def __init__(self, count: int) -> None:
+        self.initializer = CountingList(tensor(f"w{k}", k) for k in range(count))
+
+    def replace(self, place: int, name: str | None = None) -> str:
+        old = self.initializer.pop(place).name
+        self.initializer.append(tensor(name or old))
+        return old
+
+
+def steady(graph: FakeGraph, step: int) -> str:
+    return f"w{step * 37 % 5000}"
+
+
+def replace_in_order(graph: FakeGraph, step: int) -> str:
+    return graph.replace(0) and graph.initializer[1].name
+
+
+def replace_anywhere(graph: FakeGraph, step: int) -> str:
+    graph.replace(step * 7919 % 4000, f"n{step}")
+    return list.__getitem__(graph.initializer, step * 104729 % 4900).name
+
+
+def replace_near_the_end(graph: FakeGraph, step: int) -> str:
+    return graph.replace(-3)
+
+
+def append(graph: FakeGraph, step: int) -> str:
+    graph.initializer.append(tensor(f"n{step}"))
+    return f"n{step}"
+
+
+@pytest.mark.parametrize("pattern", [steady, replace_in_order, replace_anywhere, replace_near_the_end, append])
+def test_a_look_up_reads_few_elements(pattern: Any) -> None:
+    graph = FakeGraph(5000)
+    get_init(graph, ("w7",))  # type: ignore[arg-type]
+    graph.initializer.reads = 0
+    for step in range(500):
+        get_init(graph, (pattern(graph, step),))  # type: ignore[arg-type]
+    assert graph.initializer.reads < 500 * 30
+
+
+def test_nothing_is_kept_alive() -> None:
+    class Tensor:
+        def __init__(self, name: str) -> None:
+            self.name, self.data_location = name, 0
+            self.HasField = lambda _: False
+
+    class Graph:
+        name = "fake"
+        initializer = [TensorProto(name=f"w{k}", data_type=1, dims=[0]) for k in range(100)]  # noqa: RUF012
+
+    graph = Graph()
+    record = graph.initializer[70]
+    before = (sys.getrefcount(graph), sys.getrefcount(record))
+    result = get_init(graph, ("w70",))  # type: ignore[arg-type]
+    assert result[1][0] is record
+    del result
+    gc.collect()
+    assert (sys.getrefcount(graph), sys.getrefcount(record)) == before
+
+
+def test_code_that_runs_in_between_may_change_everything() -> None:
+    graph = FakeGraph(200)
+
+    class Meddler:
+        data_location = 0
+
+        @property
+        def name(self) -> str:
+            if len(graph.initializer) > 150:
+                del graph.initializer[5]
+                get_init(graph, ("w199",))  # type: ignore[arg-type]
+            return "meddler"
+
+    graph.initializer[0] = Meddler()
+    for name in ("w150", "w3", "w199", "w150"):
+        assert get_init(graph, (name,))[1][0].name == name  # type: ignore[arg-type]
+
+
+@pytest.fixture
+def stored(tmp_path: Path) -> tuple[Path, TensorProto]:
+    """A folder with a file, and a tensor of 3 x 2 floats in it, 8 bytes from the start."""
+    (tmp_path / "data.bin").write_bytes(bytes(8) + np.arange(6, dtype=np.float32).tobytes() + bytes(4))
+    return tmp_path, external("data.bin", offset=8, length=24)
+
+
+def external(location: str | None, dims: tuple[int, ...] = (3, 2), kind: int = 1, **entries: Any) -> TensorProto:
+    made = TensorProto(name="w", data_type=kind, dims=dims, data_location=TensorProto.EXTERNAL)
+    for key, value in {"location": location, **entries}.items():
+        if value is not None:
+            made.external_data.add(key=key, value=str(value))
+    return made
+
+
+def read(made: TensorProto, folder: Path | str | None = None) -> Any:
+    graph = GraphProto(name="g", initializer=[made])
+    if folder is None:
+        return get_init(graph, ("w",))[0][0]
+    with external_data_folder(folder):
+        return get_init(graph, ("w",))[0][0]
+
+
+def test_external_data_is_mapped_read_only(stored: tuple[Path, TensorProto], monkeypatch: pytest.MonkeyPatch) -> None:
+    folder, made = stored
+    array = read(made, folder)
+    assert isinstance(array, np.memmap)
+    assert (array.dtype, array.tolist(), array.flags.writeable) == (np.float32, [[0, 1], [2, 3], [4, 5]], False)
+    monkeypatch.chdir(folder)
+    assert read(made).tolist() == array.tolist()
+    empty = read(external("data.bin", dims=(0, 4)))
+    assert (type(empty), empty.shape, empty.dtype) == (np.ndarray, (0, 4), np.float32)
+    assert read(external("./sub/../data.bin", offset=8, length=24)).tolist() == array.tolist()
+
+
+WHOLE_BYTES = [
+    "float32",
+    "uint8",
+    "int8",
+    "uint16",
+    "int16",
+    "int32",
+    "int64",
+    "bool",
+    "float16",
+    "float64",
+    "uint32",
+    "uint64",
+    "complex64",
+    "complex128",
+]
+
+
+@pytest.mark.parametrize("dtype", WHOLE_BYTES)
+def test_element_types_that_are_mapped(dtype: str, tmp_path: Path) -> None:
+    values = np.array([[0, 1, 1], [1, 0, 1]]).astype(dtype)
+    (tmp_path / "d").write_bytes(values.tobytes())
+    array = read(external("d", (2, 3), helper.np_dtype_to_tensor_dtype(values.dtype), length=values.nbytes), tmp_path)
+    assert isinstance(array, np.memmap)
+    assert (array.dtype, array.tolist()) == (values.dtype, values.tolist())
+
+
+def test_other_element_types_are_read_by_onnx_and_the_record_stays(tmp_path: Path) -> None:
+    (tmp_path / "d").write_bytes(b"\x21\x03")
+    made = external("d", (3,), TensorProto.UINT4)
+    graph = GraphProto(name="g", initializer=[made])
+    with external_data_folder(tmp_path):
+        assert get_init(graph, ("w",))[0][0].astype(int).tolist() == [1, 2, 3]
+    assert graph.initializer[0] == made
+
+
+REFUSALS: list[tuple[dict[str, Any], str]] = [
+    ({"location": None}, "no location"),
+    ({"location": "/etc/passwd"}, "must be relative"),
+    ({"location": "../data.bin"}, "must stay inside"),
+    ({"location": "sub/../../data.bin"}, "must stay inside"),
+    ({"location": "."}, "must stay inside"),
+    ({"location": "data.bin\0x"}, "NUL"),
+    ({"location": "sub"}, "must be a regular file"),
+    ({"location": "link"}, "not a symbolic link"),
+    ({"location": "out/outside"}, "out of the folder"),
+    ({"location": "data.bin", "offset": -8}, "offset '-8' must be a whole number"),
+    ({"location": "data.bin", "offset": 37}, "offset 37 lies behind the end of the file, which has 36 bytes"),
+    ({"location": "data.bin", "length": "many"}, "length 'many' must be a whole number"),
+    ({"location": "data.bin", "length": ""}, "length '' must be a whole number"),
+    ({"location": "data.bin", "offset": 16, "length": 24}, "length 24 from offset 16 must fit"),
+    ({"location": "data.bin", "offset": 8, "length": 20}, "a length of 20 bytes, but dims .* take 24 bytes"),
+    ({"location": "data.bin", "offset": 16}, "a rest of 20 bytes, but dims .* take 24 bytes"),
+    ({"location": "data.bin", "dims": (2**40, 2**40)}, "too large"),
+    ({"location": "data.bin", "dims": (-1, 2)}, "must not be negative"),
+]
+
+
+@pytest.mark.parametrize(("entries", "message"), REFUSALS, ids=lambda value: str(value)[:40])
+def test_external_data_that_is_refused(
+    stored: tuple[Path, TensorProto], tmp_path_factory: pytest.TempPathFactory, entries: dict[str, Any], message: str
+) -> None:
+    folder, _ = stored
+    elsewhere = tmp_path_factory.mktemp("elsewhere")
+    (elsewhere / "outside").write_bytes(bytes(24))
+    (folder / "sub").mkdir()
+    (folder / "link").symlink_to(folder / "data.bin")
+    (folder / "out").symlink_to(elsewhere)
+    with pytest.raises(ValueError, match=message) as caught:
+        read(external(**entries), folder)
+    assert "tensor 'w'" in str(caught.value)
+
+
+def test_a_missing_file(tmp_path: Path) -> None:
+    with pytest.raises(FileNotFoundError, match=r"tensor 'w': external data '.*lost.bin' does not exist"):
+        read(external("lost.bin"), tmp_path)
+
+
+def test_folders_nest_and_belong_to_their_context(tmp_path: Path) -> None:
+    for value in range(3):
+        (tmp_path / str(value)).mkdir()
+        (tmp_path / str(value) / "d").write_bytes(np.float32(value).tobytes())
+    made = external("d", (1,))
+    with external_data_folder(tmp_path / "1") as entered:
+        assert entered == str(tmp_path / "1")
+        assert read(made, str(tmp_path / "2")) == 2
+        with pytest.raises(ZeroDivisionError), external_data_folder(tmp_path / "0"):
+            raise ZeroDivisionError
+        assert read(made) == 1
+        seen: list[Any] = []
+
+        def in_a_thread() -> None:
+            with pytest.raises(FileNotFoundError):
+                read(made)
+            seen.append(read(made, tmp_path / "2"))
+
+        thread = threading.Thread(target=contextvars.Context().run, args=(in_a_thread,))
+        thread.start()
+        thread.join()
+        assert seen == [2]
+
+        async def task(value: int) -> Any:
+            with external_data_folder(tmp_path / str(value)):
+                await asyncio.sleep(0)
+                return read(made)
+
+        async def tasks() -> list[Any]:
+            return await asyncio.gather(*(task(k) for k in range(3)))
+
+        assert asyncio.run(tasks()) == [0, 1, 2]
+    with pytest.raises(FileNotFoundError):
+        read(made)
+
+
+def test_misuse_of_the_folder() -> None:
+    with pytest.raises(TypeError):
+        external_data_folder(3)  # type: ignore[arg-type]
+    outer, inner = external_data_folder("a"), external_data_folder("b")
+    assert repr(outer) == "external_data_folder('a')"
+    with pytest.raises(RuntimeError, match="reverse order"):
+        outer.__exit__(None, None, None)
+    with outer, inner, outer:
+        assert onnx is not None
