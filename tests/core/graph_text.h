@@ -1,0 +1,109 @@
+// Graphs, rules and occurrences in a few lines of text, for the tests of the core.
+//
+//   Relu a -> b              a node; lists with commas, an omitted name is empty ("a,,c")
+//   act: Relu a -> b         a node with a name
+//   If c -> d reads e,f      a node whose nested bodies read e and f
+//   init w,v                 initializers
+//   output y                 outputs of the graph
+// Lines end at a line break or ';'.
+#pragma once
+
+#include <algorithm>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "core/candidates.h"
+#include "core/graph_table.h"
+#include "core/rule.h"
+#include "core/search.h"
+
+namespace onnxgraft::core {
+
+using Texts = std::vector<std::string>;
+using Assignment = std::vector<NodeIndex>;
+
+inline std::vector<NameId> intern_list(Names& names, const std::string& text) {
+  std::vector<NameId> ids;
+  for (std::size_t begin = 0; begin <= text.size();) {
+    const std::size_t end = std::min(text.find(',', begin), text.size());
+    ids.push_back(names.intern(text.substr(begin, end - begin)));
+    begin = end + 1;
+  }
+  return ids;
+}
+
+inline void add_line(GraphTable& table, const std::string& line) {
+  std::istringstream words(line);
+  std::string word;
+  if (!(words >> word)) return;
+  if (word == "init" || word == "output") {
+    std::string list;
+    words >> list;
+    for (const NameId name : intern_list(table.names, list)) {
+      word == "init" ? table.add_initializer(name) : table.add_graph_output(name);
+    }
+    return;
+  }
+  NameId node_name = no_name;
+  if (word.back() == ':') {
+    node_name = table.names.intern(word.substr(0, word.size() - 1));
+    words >> word;
+  }
+  const NameId op = table.ops.intern(word);
+  std::vector<NameId> lists[3];  // inputs, outputs, names read by bodies
+  std::size_t list = 0;
+  while (words >> word) {
+    if (word == "->" || word == "reads") {
+      list = word == "->" ? 1 : 2;
+    } else {
+      lists[list] = intern_list(table.names, word);
+    }
+  }
+  table.add_node(op, lists[0], lists[1], lists[2]);
+  table.node_names.push_back(node_name);
+}
+
+inline GraphTable make_graph(std::string text) {
+  for (char& c : text) c = c == ';' ? '\n' : c;
+  GraphTable table;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) add_line(table, line);
+  table.seal();
+  return table;
+}
+
+/// The node as a line of the language above.
+inline std::string node_line(const GraphTable& table, NodeIndex node) {
+  const auto list = [&](std::span<const NameId> names) {
+    std::string text;
+    for (const NameId name : names) text += (text.empty() ? "" : ",") + std::string(table.names.text(name));
+    return text;
+  };
+  const std::string name(table.names.text(table.node_names[node]));
+  const std::string read = list(table.implicit_inputs(node));
+  return (name.empty() ? "" : name + ": ") + std::string(table.ops.text(table.op(node))) + " " +
+         list(table.inputs(node)) + " -> " + list(table.outputs(node)) + (read.empty() ? "" : " reads " + read);
+}
+
+inline Rule make_rule(const Texts& pattern, const Texts& replacement) { return compile_rule(pattern, replacement); }
+
+inline OccurrenceList search(const GraphTable& table, const Rule& rule, Claims& claims, const RefusedSet& refused) {
+  Candidates candidates(table, rule);
+  return Search(table, rule, candidates, claims, refused).run();
+}
+
+inline OccurrenceList search(const GraphTable& table, const Rule& rule) {
+  Claims claims(table.original_count());
+  return search(table, rule, claims, {});
+}
+
+inline std::vector<Assignment> assignments(const OccurrenceList& found) {
+  std::vector<Assignment> result;
+  for (std::size_t index = 0; index < found.size(); ++index) {
+    result.emplace_back(found.nodes(index).begin(), found.nodes(index).end());
+  }
+  return result;
+}
+
+}  // namespace onnxgraft::core

@@ -1,0 +1,171 @@
+// The notation and the checks of a pair of lists: what is read, what is refused, and with which words.
+#include "core/notation.h"
+
+#include <gtest/gtest.h>
+
+#include "core/errors.h"
+#include "graph_text.h"
+
+namespace onnxgraft::core {
+namespace {
+
+std::string refusal(const Texts& pattern, const Texts& replacement) {
+  try {
+    make_rule(pattern, replacement);
+  } catch (const NotationError& error) {
+    return error.what();
+  }
+  return "(accepted)";
+}
+
+struct BadString {
+  const char* text;
+  const char* where;     // "column 5"
+  const char* expected;  // part of what the message asks for
+};
+
+TEST(Notation, MalformedStringsAreRefusedWithTheirColumn) {
+  const BadString in_both[] = {
+      {"", "column 1:", "operator name"},
+      {":1->2", "column 1:", "operator name"},
+      {" Relu:1->2", "column 1:", "operator name"},
+      {"Relu", "column 5:", "':'"},
+      {"Re lu:1->2", "column 3:", "':'"},
+      {"Relu :1->2", "column 5:", "':'"},
+      {"Relu:", "column 6:", "tensor id"},
+      {"Relu:1", "column 7:", "'->'"},
+      {"Relu:1-2", "column 7:", "'->'"},
+      {"Relu:1 ->2", "column 7:", "'->'"},
+      {"Relu: 1->2", "column 6:", "tensor id"},
+      {"Relu:1,->2", "column 8:", "tensor id"},
+      {"Relu:,1->2", "column 6:", "tensor id"},
+      {"Relu:1, 2->3", "column 8:", "tensor id"},
+      {"Relu:x->2", "column 6:", "tensor id"},
+      {"Relu:i->2", "column 6:", "tensor id"},
+      {"Relu:-1->2", "column 6:", "tensor id"},
+      {"Relu:1ii->2", "column 8:", "',' or '->'"},
+      {"Relu:1I->2", "column 7:", "',' or '->'"},
+      {"Relu:1->", "column 9:", "tensor id"},
+      {"Relu:1->2i", "column 10:", "one output"},
+      {"Relu:1->2,3", "column 10:", "one output"},
+      {"Relu:1->2 ", "column 10:", "one output"},
+      {"Relu:1->->2", "column 9:", "tensor id"},
+  };
+  const BadString in_patterns[] = {
+      {"#0", "column 1:", "operator name"},
+      {"#0:1->2", "column 1:", "operator name"},
+      {"Relu:~->2", "column 7:", "'i'"},
+      {"Relu:~i,1->2", "column 8:", "last input"},
+      {"Relu:~i,~i->2", "column 8:", "last input"},
+      {"Relu:1~i->2", "column 7:", "',' or '->'"},
+      {"Relu:~i", "column 8:", "'->'"},
+  };
+  const BadString in_replacements[] = {
+      {"#", "column 2:", "number of a pattern node"},
+      {"#x", "column 2:", "number of a pattern node"},
+      {"# 0", "column 2:", "number of a pattern node"},
+      {"#-1", "column 2:", "number of a pattern node"},
+      {"#0->2", "column 3:", "':' or the end"},
+      {"#0 ", "column 3:", "':' or the end"},
+      {"#0:", "column 4:", "tensor id"},
+      {"#0:1", "column 5:", "'->'"},
+      {"#0:~i->2", "column 4:", "patterns only"},
+      {"Relu:1,~i->2", "column 8:", "patterns only"},
+      {"#1", "column 2:", "nodes 0 to 0"},
+      {"#1:1->2", "column 2:", "nodes 0 to 0"},
+      {"#4294967296", "column 2:", "nodes 0 to 0"},
+      {"#99999999999999999999999999", "column 2:", "nodes 0 to 0"},
+  };
+  const auto check = [](const BadString& bad, const std::string& list, const std::string& message) {
+    EXPECT_NE(message.find(list + " string 0 (\"" + bad.text + "\")"), std::string::npos) << message;
+    EXPECT_NE(message.find(bad.where), std::string::npos) << message;
+    EXPECT_NE(message.find(bad.expected), std::string::npos) << message;
+  };
+  for (const BadString& bad : in_both) {
+    check(bad, "pattern", refusal({bad.text}, {}));
+    check(bad, "replacement", refusal({"Relu:1->2"}, {bad.text}));
+  }
+  for (const BadString& bad : in_patterns) check(bad, "pattern", refusal({bad.text}, {}));
+  for (const BadString& bad : in_replacements) check(bad, "replacement", refusal({"Relu:1->2"}, {bad.text}));
+}
+
+TEST(Notation, ListsThatDoNotFitTogetherAreRefused) {
+  struct BadLists {
+    Texts pattern;
+    Texts replacement;
+    Texts message;  // all of these are in it
+  };
+  const BadLists table[] = {
+      {{}, {"Relu:1->2"}, {"pattern is empty"}},
+      {{"A:1->2", "B:1->2"}, {}, {"pattern string 1 (\"B:1->2\"), column 6", "tensor 2 is written by string 0"}},
+      {{"A:1->2", "B:2i->3"}, {}, {"pattern string 1 (\"B:2i->3\"), column 3", "'2i' asks for an initializer"}},
+      {{"B:0,2i->3", "A:1->2"}, {}, {"pattern string 0 (\"B:0,2i->3\"), column 5", "string 1 writes tensor 2"}},
+      {{"A:1->2"}, {"#0", "#0"}, {"replacement string 1 (\"#0\")", "tensor 2 is written by replacement string 0"}},
+      {{"A:1->2"}, {"#0", "B:1->2"}, {"replacement string 1", "column 6", "written by replacement string 0"}},
+      {{"A:1->2"}, {"B:1->2", "#0"}, {"replacement string 1", "column 2", "written by replacement string 0"}},
+      {{"A:1->2"}, {"B:1->9", "C:1->9"}, {"replacement string 1", "tensor 9 is written by replacement string 0"}},
+      {{"A:1->2"}, {"B:5->1"}, {"replacement string 0", "column 6", "tensor 1 comes from outside"}},
+      {{"A:1,5i->2"}, {"B:1->5"}, {"replacement string 0", "column 6", "tensor 5 comes from outside"}},
+      {{"A:1->2"}, {"B:1i->2"}, {"replacement string 0", "column 3", "tensor 1 stands in the pattern without 'i'"}},
+      {{"A:1->2", "B:2->3"}, {"#0", "B:2i->3"}, {"replacement string 1", "column 3", "2i"}},
+      {{"A:1->2"}, {"B:1->9", "C:9i->2"}, {"replacement string 1", "column 3", "string 0 writes tensor 9"}},
+      {{"A:1->2"}, {"C:9i->2", "B:1->9"}, {"replacement string 0", "column 3", "string 1 writes tensor 9"}},
+      {{"A:1->2"}, {"B:9->2"}, {"replacement string 0", "column 3", "nothing provides tensor 9"}},
+      {{"A:1->2", "B:2->3"}, {"B:1,2->3"}, {"replacement string 0", "column 5", "nothing provides tensor 2"}},
+      {{"A:1->2", "B:2->3"}, {"#1"}, {"replacement string 0 (\"#1\")", "nothing provides tensor 2"}},
+      {{"A:1->2"}, {"B:01->2"}, {"nothing provides tensor 01"}},
+  };
+  for (const BadLists& bad : table) {
+    const std::string message = refusal(bad.pattern, bad.replacement);
+    for (const std::string& part : bad.message) EXPECT_NE(message.find(part), std::string::npos) << message;
+  }
+}
+
+TEST(Notation, WellFormedStringsAreTakenApart) {
+  const ParsedString node = parse_string({StringPlace::List::pattern, 0, "Q-Lin.Conv2:007,1i,~i->12"});
+  EXPECT_EQ(node.op, "Q-Lin.Conv2");
+  ASSERT_EQ(node.inputs.size(), 2U);
+  EXPECT_EQ(node.inputs[0].id, "007");
+  EXPECT_FALSE(node.inputs[0].initializer);
+  EXPECT_EQ(node.inputs[1].id, "1");
+  EXPECT_TRUE(node.inputs[1].initializer);
+  EXPECT_TRUE(node.rest);
+  EXPECT_EQ(node.output, "12");
+  const ParsedString source = parse_string({StringPlace::List::replacement, 0, "#012:->3"});
+  EXPECT_EQ(source.source, 12U);
+  EXPECT_FALSE(source.bare);
+  EXPECT_TRUE(source.inputs.empty());
+  EXPECT_TRUE(parse_string({StringPlace::List::replacement, 0, "#3"}).bare);
+}
+
+TEST(Notation, ListsThatFitTogetherAreAccepted) {
+  const std::pair<Texts, Texts> table[] = {
+      {{"A:1->2"}, {}},                                   // takes the node away
+      {{"A:->2"}, {"B:->2"}},                             // no inputs at all
+      {{"A:1,~i->2"}, {"#0"}},                            // a kept node has its rest as it was
+      {{"A:1i->2", "B:1->3"}, {"B:1i->3", "A:1->2"}},     // "i" at one place is enough
+      {{"A:1->2"}, {"B:1,9i->8", "C:9->7", "D:8,7->2"}},  // new initializer, named without "i" as well
+      {{"A:1->2"}, {"D:8->2", "B:1->8"}},                 // links forward in the list
+      {{"A:1->2", "B:2->3"}, {"#1:2->3", "C:1->2"}},      // an old tensor from a new node
+      {{"A:1->2"}, {"#0", "#0:2->9", "#0:9->8"}},         // kept and copied, twice
+      {{"A:1->2", "A:1->02"}, {"#0", "#1"}},              // ids are text: 2 and 02 differ
+  };
+  for (const auto& [pattern, replacement] : table) EXPECT_EQ(refusal(pattern, replacement), "(accepted)");
+}
+
+TEST(Rule, MarksWhatTheListsDecide) {
+  // Node 0 kept, 1 copied, 2 gone; tensor 2 stays, 3 is inner and written anew, 4 vanishes; node 3 is apart.
+  const Rule rule = make_rule({"A:1->2", "B:2->3", "C:3->4", "D:5->6"}, {"#0", "#1:2->3", "#0:3->9", "#3"});
+  const auto flags = [&](std::size_t node) {
+    const PatternNode& it = rule.nodes[node];
+    return std::tuple(it.kept, it.copied, it.exclusive, it.part);
+  };
+  EXPECT_EQ(flags(0), std::tuple(true, true, false, 0U));
+  EXPECT_EQ(flags(1), std::tuple(false, true, true, 0U));
+  EXPECT_EQ(flags(2), std::tuple(false, false, true, 0U));
+  EXPECT_EQ(flags(3), std::tuple(true, false, false, 1U));
+  EXPECT_EQ(rule.part_count, 2U);
+}
+
+}  // namespace
+}  // namespace onnxgraft::core

@@ -1,0 +1,125 @@
+// Shapes on which a search that tries products of candidates would not end before the time limit of ctest.
+#include <gtest/gtest.h>
+
+#include "core/nearest_miss.h"
+#include "core/splice_plan.h"
+#include "graph_text.h"
+
+namespace onnxgraft::core {
+namespace {
+
+/// Writes graphs line by line; `text` takes "@" for the number.
+class Lines {
+ public:
+  Lines& add(const std::string& text) {
+    add_line(table_, text);
+    return *this;
+  }
+  Lines& add_many(std::size_t count, const Texts& lines) {
+    for (std::size_t number = 0; number < count; ++number) {
+      for (std::string line : lines) {
+        for (std::size_t at = line.find('@'); at != std::string::npos; at = line.find('@')) {
+          line.replace(at, 1, std::to_string(number));
+        }
+        add_line(table_, line);
+      }
+    }
+    return *this;
+  }
+  GraphTable done() {
+    table_.seal();
+    return std::move(table_);
+  }
+
+ private:
+  GraphTable table_;
+};
+
+std::size_t count(const GraphTable& table, const Texts& pattern, const Texts& replacement) {
+  return search(table, make_rule(pattern, replacement)).size();
+}
+
+constexpr std::size_t many = 50'000;
+constexpr std::size_t some = 20'000;
+const Texts two_branches{"LeakyRelu:1->2", "LeakyRelu:3->4", "Concat:2,4->5", "Quant:5->99"};
+const Texts branches_kept{"#0", "#1", "#3:2->100", "#3:4->101", "#2:100,101->99"};
+
+TEST(SearchScale, OneTensorWithManyReaders) {
+  const GraphTable quants = Lines().add("init w").add_many(many, {"Quant x -> q@", "Conv q@,w -> c@"}).done();
+  // The second quantize node stays and serves all others.
+  EXPECT_EQ(count(quants, {"Quant:0->1", "Conv:1,2i->4", "Quant:0->5"}, {"#2", "#1:5,2i->4"}), many - 1);
+}
+
+TEST(SearchScale, SiblingsOfWhichOneSideIsUsedUp) {
+  const GraphTable table = Lines().add_many(some, {"A x -> a@", "B x -> b@"}).done();
+  EXPECT_EQ(count(table, {"A:0->1", "B:0->2"}, {"#0", "Clip:0->2"}), some);
+  EXPECT_EQ(count(table, {"B:0->2", "A:0->1"}, {"Clip:0->2", "#1"}), some);
+}
+
+TEST(SearchScale, OneActivationThatFeedsManyConcats) {
+  for (const char* concat : {"Concat a,l@ -> c@", "Concat l@,a -> c@"}) {
+    const GraphTable first =
+        Lines().add("LeakyRelu x -> a").add_many(some, {"LeakyRelu x@ -> l@", concat, "Quant c@ -> q@"}).done();
+    EXPECT_EQ(count(first, two_branches, branches_kept), some) << concat;
+    const GraphTable last =
+        Lines().add_many(some, {"LeakyRelu x@ -> l@", concat, "Quant c@ -> q@"}).add("LeakyRelu x -> a").done();
+    EXPECT_EQ(count(last, two_branches, branches_kept), some) << concat;
+  }
+}
+
+TEST(SearchScale, PoolsThatShareTheirInput) {
+  const GraphTable table = Lines()
+                               .add_many(some / 2, {"MaxPool x -> p@", "MaxPool x -> q@", "MaxPool x -> r@",
+                                                    "Concat x,p@,q@,r@ -> c@", "Quant c@ -> z@"})
+                               .done();
+  EXPECT_EQ(count(table, {"MaxPool:1->2", "MaxPool:1->3", "MaxPool:1->4", "Concat:1,2,3,4->5", "Quant:5->99"},
+                  {"#0", "#1", "#2", "#4:1->100", "#4:2->101", "#4:3->102", "#4:4->103", "#3:100,101,102,103->99"}),
+            some / 2);
+}
+
+TEST(SearchScale, ASeparatePartBesideMany) {
+  const Texts pattern{"Quant:1->2",       "Quant:3->4",       "Concat:2,4->5", "Conv:5,6i,7i->8",
+                      "Dequant:8,9i->10", "LeakyRelu:10->11", "Quant:12->13"};
+  const Texts replacement{
+      "#0", "#3:2,6i,7i->100", "#4:100,9i->102", "#1", "#3:4,6i,7i->101", "#4:101,9i->103", "Add:102,103->10", "#5",
+      "#6"};
+  const GraphTable table = Lines()
+                               .add("init w,b,s")
+                               .add_many(some / 2, {"Quant x@ -> q@", "Quant y@ -> r@", "Concat q@,r@ -> c@",
+                                                    "Conv c@,w,b -> v@", "Dequant v@,s -> d@", "LeakyRelu d@ -> l@"})
+                               .done();
+  EXPECT_EQ(count(table, pattern, replacement), some / 2);
+}
+
+TEST(SearchScale, ChainsThatAreLongAndDeep) {
+  constexpr std::size_t length = 100'000;
+  Lines lines;
+  lines.add("Relu x -> t0");
+  for (std::size_t at = 1; at < length; ++at) {
+    lines.add("Relu t" + std::to_string(at - 1) + " -> t" + std::to_string(at));
+  }
+  GraphTable table = lines.done();
+  const Rule rule = make_rule({"Relu:0->1", "Relu:1->2"}, {"Clip:0->9", "#1:9->2"});
+  OccurrenceList found = search(table, rule);
+  ASSERT_EQ(found.size(), length / 2);
+  const SplicePlan plan(table, rule, found);
+  std::vector<NodeIndex> before(length);
+  for (NodeIndex node = 0; node < length; ++node) before[node] = node;
+  EXPECT_EQ(plan.arrange(before, std::vector<bool>(found.size(), true)).size(), length);
+  const std::vector<NodeIndex> backwards(before.rbegin(), before.rend());
+  EXPECT_EQ(plan.arrange(backwards, std::vector<bool>(found.size(), true)).size(), length);
+  EXPECT_EQ(count(table, {"Relu:0->1", "Relu:1->2", "Neg:2->3"}, {}), 0U);
+  EXPECT_FALSE(find_nearest_miss(table, make_rule({"Relu:0->1", "Relu:1->2"}, {"#0", "#1"})).has_value());
+}
+
+TEST(SearchScale, ManyRefused) {
+  const GraphTable table = Lines().add_many(some, {"Relu x@ -> a@", "Neg a@ -> b@"}).done();
+  const Rule rule = make_rule({"Relu:0->1", "Neg:1->2"}, {"Clip:0->2"});
+  RefusedSet refused;
+  for (const Assignment& nodes : assignments(search(table, rule))) refused.add(rule, nodes);
+  Claims claims(table.original_count());
+  EXPECT_TRUE(search(table, rule, claims, refused).empty());
+}
+
+}  // namespace
+}  // namespace onnxgraft::core
