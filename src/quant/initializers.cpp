@@ -45,7 +45,7 @@ void remove_initializer(PyObject* graph, PyObject* name, PyObject* record) {
   // `remove` compares contents with every tensor in front of the wanted one; where the position is known and the
   // very record stands there, deleting by position does the same without reading them.
   if (position && py::item(initializers.get(), *position).get() == record) {
-    py::check(PySequence_DelItem(initializers.get(), *position));
+    py::check(PyObject_DelItem(initializers.get(), py::integer(*position).get()));
     return;
   }
   py::call_method(initializers.get(), names::remove, {record});

@@ -150,7 +150,7 @@ void BiasCorrection::give_bias(const NewBias& bias) {
     append(name, bias.value);
   }
   if (py::length(inputs.get()) > bias_input) {
-    py::check(PySequence_SetItem(inputs.get(), bias_input, name.get()));
+    py::check(PyObject_SetItem(inputs.get(), py::integer(bias_input).get(), name.get()));
   } else {
     py::call_method(inputs.get(), names::append, {name.get()});
   }
