@@ -9,11 +9,36 @@ namespace onnxgraft::py {
 namespace {
 
 const InternedName callback_name("_on_replace_subgraph");
+const InternedName module_attribute("__module__");
+const InternedName name_attribute("__name__");
 
-bool has_default_callback(PyObject* transformation) {
-  const Ref method = attribute(transformation, callback_name);
-  if (PyMethod_Check(method.get()) == 0) return false;
-  return row_of(PyMethod_GET_FUNCTION(method.get())) == &default_callback();
+/// True if the transformation's class is one of the callback's own module: a subclass elsewhere may override
+/// whatever the callback calls.
+bool is_own_class(PyObject* transformation, PyObject* function) {
+  PyObject* type = reinterpret_cast<PyObject*>(Py_TYPE(transformation));
+  const Ref module_name = attribute(function, module_attribute);
+  PyObject* modules = PyImport_GetModuleDict();
+  PyObject* module = PyDict_GetItemWithError(modules, module_name.get());
+  if (module == nullptr) {
+    if (PyErr_Occurred() != nullptr) throw PythonError{};
+    return false;
+  }
+  const Ref name = attribute(type, name_attribute);
+  const Ref found = Ref::steal(PyObject_GetAttr(module, name.get()));
+  if (!found) PyErr_Clear();
+  return found.get() == type;
+}
+
+/// True if `function` carries the attribute `keeps_nodes` with a true value.
+bool promises_to_keep_nodes(PyObject* function) {
+  static const InternedName keeps_nodes("keeps_nodes");
+  const Ref value = Ref::steal(PyObject_GetAttr(function, keeps_nodes.get()));
+  if (!value) {
+    if (PyErr_ExceptionMatches(PyExc_AttributeError) == 0) throw PythonError{};
+    PyErr_Clear();
+    return false;
+  }
+  return truth(value.get());
 }
 
 Ref position_of(core::NodeIndex node, const core::GraphTable& table, GraphWriter& writer) {
@@ -34,7 +59,13 @@ void set_item(PyObject* dict, std::size_t key, const Ref& value) {
 }  // namespace
 
 Callback::Callback(PyObject* transformation, PyObject* graph, PyObject* extra, const core::Rule& rule)
-    : transformation_(transformation), graph_(graph), rule_(rule), is_default_(has_default_callback(transformation)) {
+    : transformation_(transformation), graph_(graph), rule_(rule) {
+  const Ref method = attribute(transformation, callback_name);
+  if (PyMethod_Check(method.get()) != 0) {
+    PyObject* function = PyMethod_GET_FUNCTION(method.get());
+    is_default_ = row_of(function) == &default_callback();
+    keeps_nodes_ = is_default_ || (promises_to_keep_nodes(function) && is_own_class(transformation, function));
+  }
   PyObject* key = nullptr;
   PyObject* value = nullptr;
   Py_ssize_t at = 0;

@@ -22,6 +22,10 @@ class Callback {
   /// True if the transformation has the default callback, which need not be called.
   [[nodiscard]] bool is_default() const { return is_default_; }
 
+  /// True if the callback promises to leave the node list alone (see `keeps_nodes`): the transformation is, unchanged,
+  /// a class of the module that its callback comes from, and the callback makes the promise.
+  [[nodiscard]] bool keeps_nodes() const { return keeps_nodes_; }
+
   /// What a callback gets for one occurrence. Making it raises RuntimeError if a node of the occurrence is gone.
   struct Arguments {
     Ref replaced_nodes;
@@ -44,7 +48,8 @@ class Callback {
   Ref keyword_names_;              // tuple
   std::vector<Ref> keyword_values_;
   std::vector<Ref> link_ids_;      // `str` per link of the rule
-  bool is_default_;
+  bool is_default_ = false;
+  bool keeps_nodes_ = false;
 };
 
 }  // namespace onnxgraft::py

@@ -29,7 +29,7 @@ std::size_t Pass::run() {
     // Only a refusal makes room for others, and only where occurrences stand in each other's way at all.
     if (counts_.refused == refused_before || !rule_->removes) break;
   }
-  if (counts_.replaced != 0) clean_up(graph_, table_, *writer_, clean_up_names_, callback_.is_default());
+  if (counts_.replaced != 0) clean_up(graph_, table_, *writer_, clean_up_names_, callback_.keeps_nodes());
   return counts_.replaced;
 }
 
@@ -38,7 +38,7 @@ void Pass::prepare_writer() {
   reader_.read_names(table_);
   writer_.emplace(reader_.nodes(), table_);
   // A callback may change the list; what it did can be told only from the nodes' identities.
-  if (!callback_.is_default()) writer_->hold_all();
+  if (!callback_.keeps_nodes()) writer_->hold_all();
 }
 
 void Pass::run_round(core::OccurrenceList& occurrences) {
@@ -49,6 +49,11 @@ void Pass::run_round(core::OccurrenceList& occurrences) {
   }
   const std::vector<core::NodeIndex> before(writer_->order().begin(), writer_->order().end());
   std::vector<bool> chosen(occurrences.size(), true);
+  if (!callback_.is_default()) {
+    for (std::size_t index = 0; index < occurrences.size(); ++index) {
+      for (const core::NodeIndex node : occurrences.nodes(index)) writer_->handle(node);
+    }
+  }
   writer_->rearrange(plan.arrange(before, chosen));
   if (!callback_.is_default()) {
     try {

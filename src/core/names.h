@@ -19,6 +19,11 @@ inline constexpr NameId no_name = 0;
 class Names {
  public:
   Names();
+  Names(Names&&) = default;
+  Names& operator=(Names&&) = default;
+  Names(const Names&) = delete;
+  Names& operator=(const Names&) = delete;
+  ~Names() = default;
 
   /// The id of `text`, given out on first sight.
   NameId intern(std::string_view text);

@@ -134,6 +134,11 @@ class MissFinder {
       if (shares_tensor(link, inputs[slot])) return {Reason::same_tensor, slot, inputs[slot]};
     }
     const NameId output = table_.outputs(node)[0];
+    for (std::uint32_t slot = 0; slot < pattern.inputs.size(); ++slot) {
+      if (pattern.inputs[slot].link == pattern.output && inputs[slot] != output) {
+        return {Reason::different_tensors, slot, output};
+      }
+    }
     const NameId bound = name_of_[pattern.output];
     if (bound != no_name && bound != output) return {Reason::different_tensors, 0, bound};
     if (shares_tensor(pattern.output, output)) return {Reason::same_tensor, 0, output};

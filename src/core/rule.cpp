@@ -27,6 +27,7 @@ class Compiler {
       add_entry({List::replacement, index, replacement[index]});
     }
     check_replacement_inputs(replacement);
+    check_own_cycle(replacement);
     mark_exclusive();
     number_parts();
     find_dependencies(rule_);
@@ -180,6 +181,14 @@ class Compiler {
             "nothing provides tensor " + read.id +
                 ": an input of a replacement is an outside input of the pattern, an initializer (\"" + read.id +
                 "i\"), or the output of a node that the replacement keeps, copies or adds");
+  }
+
+  void check_own_cycle(std::span<const std::string> replacement) const {
+    const std::size_t index = find_own_cycle(rule_);
+    if (index == rule_.entries.size()) return;
+    fail_at({List::replacement, index, replacement[index]}, 0,
+            "tensor " + rule_.links[rule_.entries[index].output].id +
+                " would depend on itself: the nodes of a replacement must not form a cycle");
   }
 
   void mark_exclusive() {

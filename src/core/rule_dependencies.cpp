@@ -74,4 +74,15 @@ void find_dependencies(Rule& rule) {
   }
 }
 
+std::size_t find_own_cycle(const Rule& rule) {
+  const Edges before = pattern_edges(rule);
+  const Edges after = replacement_edges(rule);
+  std::size_t index = 0;
+  for (; index < rule.entries.size(); ++index) {
+    const LinkId output = rule.entries[index].output;
+    if (reachable(after, output)[output] && !reachable(before, output)[output]) break;
+  }
+  return index;
+}
+
 }  // namespace onnxgraft::core

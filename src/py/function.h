@@ -43,6 +43,9 @@ struct FunctionRow {
   const char* result_annotation = nullptr;
   bool collects_keywords = false;  // has `**kwargs`
   bool is_abstract = false;
+  /// A promise of a callback, shown as the attribute `keeps_nodes`: it adds, removes and moves no node and, but for
+  /// initializers that are new, does not change what nodes read.
+  bool keeps_nodes = false;
   const char* doc = nullptr;
 };
 

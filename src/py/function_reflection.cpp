@@ -97,6 +97,10 @@ PyObject* get_signature(PyObject* self, void*) {
   });
 }
 
+PyObject* get_keeps_nodes(PyObject* self, void*) {
+  return boolean(function_of(self).row->keeps_nodes).release();
+}
+
 /// A function is pickled as its qualified name, like one written in Python.
 PyObject* reduce(PyObject* self, PyObject*) { return get_qualified_name(self, nullptr); }
 
@@ -105,7 +109,7 @@ std::array<PyMethodDef, 2> methods{{
     {nullptr, nullptr, 0, nullptr},
 }};
 
-std::array<PyGetSetDef, 9> attributes{{
+std::array<PyGetSetDef, 10> attributes{{
     {"__name__", get_name, nullptr, nullptr, nullptr},
     {"__qualname__", get_qualified_name, nullptr, nullptr, nullptr},
     {"__module__", get_module, nullptr, nullptr, nullptr},
@@ -113,6 +117,7 @@ std::array<PyGetSetDef, 9> attributes{{
     {"__annotations__", get_annotations, nullptr, nullptr, nullptr},
     {"__defaults__", get_defaults, nullptr, nullptr, nullptr},
     {"__signature__", get_signature, nullptr, nullptr, nullptr},
+    {"keeps_nodes", get_keeps_nodes, nullptr, nullptr, nullptr},
     {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 }};

@@ -6,6 +6,7 @@
 namespace onnxgraft::py::field {
 
 inline const InternedName attribute("attribute");
+inline const InternedName domain("domain");
 inline const InternedName g("g");
 inline const InternedName graphs("graphs");
 inline const InternedName initializer("initializer");

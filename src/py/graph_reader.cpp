@@ -5,6 +5,7 @@
 #include "py/body_reader.h"
 #include "py/graph_fields.h"
 #include "py/objects.h"
+#include "py/operator_bodies.h"
 
 namespace onnxgraft::py {
 
@@ -39,6 +40,7 @@ void GraphReader::read_links(core::GraphTable& table) {
   std::vector<core::NameId> outputs;
   std::vector<core::NameId> implicit;
   std::size_t index = 0;
+  OperatorBodies bodies(table.ops);
   const Ref elements = iterator(nodes_.get());
   while (const Ref node = next(elements.get())) {
     if (index == ops_.size()) raise(PyExc_RuntimeError, "the graph's node list changed while it was read");
@@ -47,7 +49,7 @@ void GraphReader::read_links(core::GraphTable& table) {
     implicit.clear();
     read_strings(attribute(node.get(), field::input).get(), table.names, inputs);
     read_strings(attribute(node.get(), field::output).get(), table.names, outputs);
-    read_body_inputs(node.get(), table.names, implicit);
+    if (bodies.possible(node.get(), ops_[index])) read_body_inputs(node.get(), table.names, implicit);
     table.add_node(ops_[index++], inputs, outputs, implicit);
   }
   if (index != ops_.size()) raise(PyExc_RuntimeError, "the graph's node list changed while it was read");

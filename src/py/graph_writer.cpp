@@ -1,5 +1,6 @@
 #include "py/graph_writer.h"
 
+#include <algorithm>
 #include <numeric>
 #include <unordered_map>
 #include <utility>
@@ -20,12 +21,17 @@ namespace {
 
 constexpr std::size_t absent = static_cast<std::size_t>(-1);
 
-Ref names_as_list(std::span<const core::NameId> ids, const core::Names& names) {
-  Ref list = checked(PyList_New(static_cast<Py_ssize_t>(ids.size())));
-  for (std::size_t at = 0; at < ids.size(); ++at) {
-    PyList_SET_ITEM(list.get(), static_cast<Py_ssize_t>(at), text(names.text(ids[at])).release());
+/// Gives a repeated string field the names as its content. One by one is the fastest way for few.
+void assign_names(PyObject* list, std::span<const core::NameId> ids, const core::Names& names) {
+  const auto count = static_cast<std::size_t>(length(list));
+  const std::size_t common = std::min(count, ids.size());
+  for (std::size_t at = 0; at < common; ++at) {
+    check(PySequence_SetItem(list, static_cast<Py_ssize_t>(at), text(names.text(ids[at])).get()));
   }
-  return list;
+  if (count > common) delete_slice(list, common, count);
+  for (std::size_t at = common; at < ids.size(); ++at) {
+    call_method(list, field::append, {text(names.text(ids[at])).get()});
+  }
 }
 
 }  // namespace
@@ -66,7 +72,8 @@ bool GraphWriter::is_at(NodeIndex node, std::size_t position) const {
 }
 
 Py_ssize_t GraphWriter::position(NodeIndex node) {
-  if (position_[node] != absent && is_at(node, position_[node])) return static_cast<Py_ssize_t>(position_[node]);
+  // Without `hold_all`, nobody but the writer changes the list.
+  if (position_[node] != absent && (!holds_all_ || is_at(node, position_[node]))) return static_cast<Py_ssize_t>(position_[node]);
   read_again();
   return position_[node] == absent ? -1 : static_cast<Py_ssize_t>(position_[node]);
 }
@@ -195,8 +202,6 @@ void GraphWriter::fill(PyObject* message, NodeIndex node) {
   const core::NameId name = table_.node_names[node];
   if (source != no_index) {
     call_method(message, field::copy_from, {handle(source)});
-    call_method(message, field::clear_field, {field::input.get()});
-    call_method(message, field::clear_field, {field::output.get()});
   } else {
     set_attribute(message, field::op_type, text(table_.ops.text(table_.op(node))).get());
   }
@@ -204,10 +209,8 @@ void GraphWriter::fill(PyObject* message, NodeIndex node) {
   if (source == no_index || table_.node_names[source] != name) {
     set_attribute(message, field::name, text(table_.names.text(name)).get());
   }
-  call_method(attribute(message, field::input).get(), field::extend,
-              {names_as_list(table_.inputs(node), table_.names).get()});
-  call_method(attribute(message, field::output).get(), field::extend,
-              {names_as_list(table_.outputs(node), table_.names).get()});
+  assign_names(attribute(message, field::input).get(), table_.inputs(node), table_.names);
+  assign_names(attribute(message, field::output).get(), table_.outputs(node), table_.names);
 }
 
 }  // namespace onnxgraft::py
