@@ -90,18 +90,29 @@ void Pass::take_back(const core::OccurrenceList& occurrences, const core::Splice
     return;
   }
   std::vector<bool> goes(table_.node_count(), false);
-  std::vector<bool> comes_back(table_.node_count(), false);
   for (std::size_t index = 0; index < occurrences.size(); ++index) {
     if (chosen[index]) continue;
     for (std::size_t entry = 0; entry < rule_->entries.size(); ++entry) {
       if (rule_->entries[entry].kind != core::EntryKind::keep) goes[plan.entry_node(index, entry)] = true;
     }
+  }
+  std::vector<bool> is_written(table_.names.size(), false);
+  for (const core::NodeIndex node : writer_->order()) {
+    if (goes[node]) continue;
+    for (const core::NameId name : table_.outputs(node)) is_written[name] = true;
+  }
+  std::vector<bool> comes_back(table_.node_count(), false);
+  for (std::size_t index = 0; index < occurrences.size(); ++index) {
+    if (chosen[index]) continue;
     const auto nodes = occurrences.nodes(index);
     for (std::size_t role = 0; role < nodes.size(); ++role) {
-      if (rule_->nodes[role].removed()) comes_back[nodes[role]] = true;
+      // A tensor that a callback has given another writer needs the old one no more.
+      if (!rule_->nodes[role].removed() || is_written[table_.outputs(nodes[role])[0]]) continue;
+      comes_back[nodes[role]] = true;
     }
   }
-  writer_->rearrange(core::put_back(writer_->order(), before, goes, comes_back));
+  const std::vector<core::NodeIndex> list = core::put_back(writer_->order(), before, goes, comes_back);
+  writer_->rearrange(core::put_in_order(table_, writer_->order(), list));
 }
 
 void Pass::record(const core::OccurrenceList& occurrences, const std::vector<bool>& chosen) {

@@ -79,7 +79,7 @@ Py_ssize_t GraphWriter::position(NodeIndex node) {
 }
 
 bool GraphWriter::synchronize() {
-  if (disturbed_ || !holds_all_) return disturbed_;
+  if (!holds_all_) return false;
   bool same = length(nodes_) == static_cast<Py_ssize_t>(order_.size());
   if (same) {
     const Ref elements = iterator(nodes_);
