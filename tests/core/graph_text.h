@@ -9,6 +9,7 @@
 #pragma once
 
 #include <algorithm>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -86,7 +87,15 @@ inline std::string node_line(const GraphTable& table, NodeIndex node) {
          list(table.inputs(node)) + " -> " + list(table.outputs(node)) + (read.empty() ? "" : " reads " + read);
 }
 
-inline Rule make_rule(const Texts& pattern, const Texts& replacement) { return compile_rule(pattern, replacement); }
+/// The strings of a list, written with blanks between them.
+inline Texts words(const std::string& text) {
+  std::istringstream stream(text);
+  return {std::istream_iterator<std::string>(stream), {}};
+}
+
+inline Rule make_rule(const std::string& pattern, const std::string& replacement) {
+  return compile_rule(words(pattern), words(replacement));
+}
 
 inline OccurrenceList search(const GraphTable& table, const Rule& rule, Claims& claims, const RefusedSet& refused) {
   Candidates candidates(table, rule);

@@ -11,7 +11,7 @@ namespace {
 
 std::string refusal(const Texts& pattern, const Texts& replacement) {
   try {
-    make_rule(pattern, replacement);
+    compile_rule(pattern, replacement);
   } catch (const NotationError& error) {
     return error.what();
   }
@@ -113,6 +113,8 @@ TEST(Notation, ListsThatDoNotFitTogetherAreRefused) {
       {{"A:1->2"}, {"B:9->2"}, {"replacement string 0", "column 3", "nothing provides tensor 9"}},
       {{"A:1->2", "B:2->3"}, {"B:1,2->3"}, {"replacement string 0", "column 5", "nothing provides tensor 2"}},
       {{"A:1->2", "B:2->3"}, {"#1"}, {"replacement string 0 (\"#1\")", "nothing provides tensor 2"}},
+      {{"A:1->2"}, {"B:1,9->8", "C:8->9", "A:9->2"}, {"replacement string", "itself"}},
+      {{"B:8,4->9", "A:5->8"}, {"#0", "#1:9,9->8"}, {"replacement string", "itself"}},
       {{"A:1->2"}, {"B:01->2"}, {"nothing provides tensor 01"}},
   };
   for (const BadLists& bad : table) {
@@ -155,7 +157,7 @@ TEST(Notation, ListsThatFitTogetherAreAccepted) {
 
 TEST(Rule, MarksWhatTheListsDecide) {
   // Node 0 kept, 1 copied, 2 gone; tensor 2 stays, 3 is inner and written anew, 4 vanishes; node 3 is apart.
-  const Rule rule = make_rule({"A:1->2", "B:2->3", "C:3->4", "D:5->6"}, {"#0", "#1:2->3", "#0:3->9", "#3"});
+  const Rule rule = make_rule("A:1->2 B:2->3 C:3->4 D:5->6", "#0 #1:2->3 #0:3->9 #3");
   const auto flags = [&](std::size_t node) {
     const PatternNode& it = rule.nodes[node];
     return std::tuple(it.kept, it.copied, it.exclusive, it.part);

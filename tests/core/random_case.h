@@ -52,11 +52,9 @@ class RandomCase {
   std::optional<Rule> rule(const GraphTable& table) {
     const Texts pattern = blurred_pattern(table);
     try {
-      Rule rule = make_rule(pattern, replacement(make_rule(pattern, {})));
-      if (feeds_itself(rule)) return std::nullopt;
-      return rule;
+      return compile_rule(pattern, replacement(compile_rule(pattern, {})));
     } catch (const NotationError&) {
-      return std::nullopt;  // a tensor with two writers, or a kept node without what it reads
+      return std::nullopt;  // two writers, a kept node without what it reads, a cycle
     }
   }
 
@@ -93,23 +91,6 @@ class RandomCase {
     if (producer != no_index && chance(0.5)) return producer;
     const auto readers = table.readers(chance(0.3) && !inputs.empty() ? inputs[0] : table.outputs(node)[0]);
     return readers.empty() ? node : readers[below(readers.size())];
-  }
-
-  /// True if the replacement's own nodes form a cycle, which no graph could hold.
-  static bool feeds_itself(const Rule& rule) {
-    std::vector<const ReplacementEntry*> open;
-    for (const ReplacementEntry& entry : rule.entries) open.push_back(&entry);
-    const auto waits = [&](const LinkUse& use) {
-      return std::ranges::find(open, use.link, &ReplacementEntry::output) != open.end();
-    };
-    const auto ready = [&](const ReplacementEntry* entry) {
-      const bool kept = entry->kind == EntryKind::keep;
-      return std::ranges::none_of(kept ? rule.nodes[entry->source].inputs : entry->inputs, waits);
-    };
-    for (auto at = std::ranges::find_if(open, ready); at != open.end(); at = std::ranges::find_if(open, ready)) {
-      open.erase(at);
-    }
-    return !open.empty();
   }
 
   Texts replacement(const Rule& plain) {

@@ -68,7 +68,7 @@ std::vector<Texts> small_patterns(std::size_t roles, std::size_t max_inputs) {
 
 /// Replacements that keep each node, drop it, or let a new node write its output from all outside inputs.
 std::vector<Rule> small_rules(const Texts& pattern) {
-  const Rule plain = make_rule(pattern, {});
+  const Rule plain = compile_rule(pattern, {});
   std::string outside;
   for (const Link& link : plain.links) {
     if (link.writer == no_node) outside += (outside.empty() ? "" : ",") + link.id;
@@ -86,7 +86,7 @@ std::vector<Rule> small_rules(const Texts& pattern) {
   std::vector<Rule> rules;
   for (const Texts& replacement : replacements) {
     try {
-      rules.push_back(make_rule(pattern, replacement));
+      rules.push_back(compile_rule(pattern, replacement));
     } catch (const NotationError&) {
       continue;  // keeps a node without what it reads
     }
@@ -123,8 +123,8 @@ TEST(SearchModel, AllSmallPatternsOnAllSmallGraphs) {
   struct Size {
     std::size_t roles, inputs, nodes, stride;  // every stride-th pair of rule and graph is tried
   };
-  for (const Size& size :
-       {Size{1, 2, 3, 1}, Size{2, 4, 3, 1}, Size{2, 4, 4, 97}, Size{3, 4, 3, 23}, Size{3, 4, 4, 509}}) {
+  for (const Size& size : {Size{1, 2, 3, 1}, Size{2, 4, 2, 1}, Size{2, 3, 3, 1}, Size{2, 4, 3, 7}, Size{2, 4, 4, 311},
+                           Size{3, 4, 3, 67}, Size{3, 4, 4, 1709}}) {
     const std::deque<GraphTable> graphs = small_graphs(size.nodes);
     std::size_t found = 0;
     std::size_t pairs = 0;
