@@ -177,12 +177,12 @@ class MissFinder {
     if (result.reason == Reason::read_elsewhere) best_.reader = outside_reader(role, result.tensor);
   }
 
-  /// A reader of the tensor that no pattern node could be, else its last reader.
+  /// A reader of the tensor that has no place in the pattern by its operator, else its last reader.
   NodeIndex outside_reader(std::uint32_t role, NameId tensor) const {
     const Link& link = rule_.links[rule_.nodes[role].output];
     for (const NodeIndex reader : table_.readers(tensor)) {
       const bool wanted = std::ranges::any_of(link.readers, [&](const LinkReader& place) {
-        return match_locally(table_, rule_, rule_.nodes[place.node], reader).reason == Reason::none;
+        return table_.ops.text(table_.op(reader)) == rule_.nodes[place.node].op;
       });
       if (!wanted) return reader;
     }

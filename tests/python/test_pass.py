@@ -1,0 +1,187 @@
+"""One pass seen from a transformation's author: what callbacks may do, what stays after an error, what is said."""
+
+from __future__ import annotations
+
+import sys
+from collections.abc import Callable
+from typing import Any
+
+import pytest
+from helpers.small_graphs import graph_of, operators
+from onnx import GraphProto, NodeProto, helper
+from onnxgraft import quant
+from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences, nearest_miss
+
+PATTERN = ["Relu:0->1"]
+REPLACEMENT = ["Neg:0->100", "#0:100->1"]
+
+
+class Negate(AbstractTransformation):
+    """Puts a `Neg` in front of each `Relu`; `act(call number, graph, removed node)` is the callback."""
+
+    def __init__(self, act: Callable[[int, GraphProto, NodeProto], Any]) -> None:
+        self.act = act
+        self.calls: list[str] = []
+
+    def get_simple_name(self) -> str:
+        return "negate"
+
+    def _on_replace_subgraph(self, graph, replaced_nodes, isomorphic_node_mapping, isomorphic_links_mapping, **kwargs):
+        assert [graph.node[isomorphic_node_mapping[k]].op_type for k in (0, 1)] == ["Neg", "Relu"]
+        assert graph.node[isomorphic_node_mapping[1]].input[0] == isomorphic_links_mapping["100"]
+        assert replaced_nodes[0].input[0] == isomorphic_links_mapping["0"]
+        self.calls.append(replaced_nodes[0].name)
+        return self.act(len(self.calls), graph, replaced_nodes[0])
+
+    def apply(self, graph: GraphProto, debug: bool = False) -> int:
+        return self._replace_all_isomorphic_sub_graphs(graph, PATTERN, REPLACEMENT, debug=debug)
+
+
+def relus(count: int) -> GraphProto:
+    return graph_of([f"Relu x{i} -> x{i + 1}" for i in range(count)], inputs=["x0"], outputs=[f"x{count}"])
+
+
+def raising(number: int, error: BaseException, *refused: int) -> Callable[..., bool]:
+    def act(call: int, *_: object) -> bool:
+        if call == number:
+            raise error
+        return call not in refused
+
+    return act
+
+
+@pytest.mark.parametrize("value", [None, 0, "", [], 1, "no", [0], 0.5])
+def test_any_value_counts_by_its_truth(value: object) -> None:
+    graph = relus(2)
+    before = graph.SerializeToString()
+    assert Negate(lambda *_: value).apply(graph) == (2 if value else 0)
+    assert (graph.SerializeToString() == before) is not bool(value)
+
+
+@pytest.mark.parametrize(
+    "error", [ValueError("no"), KeyboardInterrupt(), SystemExit(3), MemoryError()], ids=lambda e: type(e).__name__
+)
+def test_an_error_keeps_what_was_accepted_and_takes_back_the_rest(error: BaseException) -> None:
+    graph = relus(5)
+    with pytest.raises(type(error)) as raised:
+        Negate(raising(3, error, 1)).apply(graph)
+    assert raised.value is error
+    assert operators(graph) == "Relu Neg Relu Neg Relu Relu Relu"
+
+
+def remove_last(call: int, graph: GraphProto, _: NodeProto) -> bool:
+    if call == 1:
+        del graph.node[-1]
+    return True
+
+
+def remove_all(call: int, graph: GraphProto, _: NodeProto) -> bool:
+    del graph.node[:]
+    return True
+
+
+def run_again(call: int, graph: GraphProto, _: NodeProto) -> bool:
+    if call == 1:
+        assert Negate(lambda *_: True).apply(graph) == 3
+    return True
+
+
+@pytest.mark.parametrize(
+    ("act", "lost", "left"),
+    [
+        (remove_last, "node_2' \\(Relu, writes 'x3'\\)", "Neg Relu Neg Relu Relu"),
+        (remove_all, "node_1_Neg' \\(Neg", "Relu Relu"),
+        (run_again, "node_1' \\(Relu", ""),
+    ],
+)
+def test_a_node_lost_before_its_turn_is_named(act: Callable[..., bool], lost: str, left: str) -> None:
+    graph = relus(3)
+    with pytest.raises(RuntimeError, match=f"{lost}.* is no longer in the graph"):
+        Negate(act).apply(graph)
+    if act is run_again:  # the inner run's nodes stay, and nobody writes a tensor twice
+        outputs = [name for node in graph.node for name in node.output]
+        assert len(outputs) == len(set(outputs))
+    else:
+        assert operators(graph) == left
+
+
+def test_indices_are_right_after_a_callback_moved_nodes() -> None:
+    def add_in_front(call: int, graph: GraphProto, _: NodeProto) -> bool:
+        graph.node.insert(0, helper.make_node("Abs", ["x0"], [f"abs{call}"]))
+        return call != 2
+
+    graph = relus(4)
+    assert Negate(add_in_front).apply(graph) == 3
+    assert operators(graph) == "Abs Abs Abs Abs Neg Relu Relu Neg Relu Neg Relu"
+    assert [n.input[0] for n in graph.node if n.op_type == "Relu"] == ["x0_Neg", "x1", "x2_Neg", "x3_Neg"]
+
+
+def test_untouched_nodes_keep_their_identity() -> None:
+    graph = graph_of(["Abs a -> b", "Relu b -> c", "Abs c -> d"], inputs=["a"], outputs=["d"])
+    first, _, last = graph.node
+    Negate(lambda *_: True).apply(graph)
+    assert graph.node[0] is first
+    assert graph.node[3] is last
+
+
+def test_extra_keywords_arrive_by_identity_and_debug_does_not() -> None:
+    seen: list[dict[str, object]] = []
+
+    class Listening(AbstractTransformation):
+        def _on_replace_subgraph(self, graph, nodes, node_mapping, links, **kwargs):
+            seen.append(kwargs)
+            return True
+
+    shared: set[str] = set()
+    Listening()._replace_all_isomorphic_sub_graphs(relus(2), PATTERN, REPLACEMENT, debug=False, shared=shared, k=1)
+    assert [list(kwargs) for kwargs in seen] == [["shared", "k"]] * 2
+    assert all(kwargs["shared"] is shared for kwargs in seen)
+    assert seen[0] is not seen[1]
+
+
+@pytest.mark.parametrize(
+    ("graph", "pattern", "replacement", "error", "text"),
+    [
+        (relus(1), "Relu:0->1", [], TypeError, "subgraph must be a list of strings .* not str"),
+        (relus(1), PATTERN, {"#0"}, TypeError, "replacement must be a list .* not set"),
+        (relus(1), [b"Relu:0->1"], [], TypeError, "element 0 must be a str, not bytes"),
+        (relus(1), ["Relu:0=>1"], [], ValueError, r"pattern string 0 \(\"Relu:0=>1\"\), column 7"),
+        (relus(1), PATTERN, ["#1"], ValueError, "no such pattern node"),
+        (helper.make_model(relus(1)), PATTERN, REPLACEMENT, TypeError, "not ModelProto: pass model.graph"),
+        (None, PATTERN, REPLACEMENT, TypeError, "must be a GraphProto, not NoneType"),
+    ],
+)
+def test_bad_arguments(graph: Any, pattern: Any, replacement: Any, error: type[Exception], text: str) -> None:
+    before = graph and graph.SerializeToString()
+    with pytest.raises(error, match=text):
+        AbstractTransformation()._replace_all_isomorphic_sub_graphs(graph, pattern, replacement)
+    assert before == (graph and graph.SerializeToString())
+
+
+def test_debug_writes_one_line_for_a_pass(capsys: pytest.CaptureFixture[str]) -> None:
+    Negate(lambda call, *_: call == 1).apply(relus(2), debug=True)
+    quant.DeleteConcatTransformation().apply(relus(2), debug=True)
+    first, second = capsys.readouterr().err.splitlines()
+    assert first.startswith("negate ['Relu:0->1']: found 2, replaced 1, refused 1, ")
+    assert second.endswith("ms; nearest miss: the graph has no TesselQuant node")
+
+
+def test_debug_without_a_stderr(monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(sys, "stderr", None)
+    assert Negate(lambda *_: True).apply(relus(1), debug=True) == 1
+
+
+def test_find_and_nearest_miss_as_data() -> None:
+    graph = graph_of(["Relu a -> b", "Conv b w -> c", "Abs b -> d"], inputs=["a"], outputs=["c", "d"])
+    pair = ["Relu:0->1", "Conv:1,2i->3"], ["#1:0,2i->3"]
+    assert find_occurrences(graph, ["Relu:0->1"], ["#0"]) == [{"nodes": [0], "links": {"0": "a", "1": "b"}}]
+    miss = nearest_miss(graph, *pair)
+    assert miss is not None
+    assert (miss["reason"], miss["tensor"], miss["node"], miss["reader"]) == ("read_elsewhere", "b", 0, 2)
+    assert "'b' is also read by Abs node 2 (writes 'd')" in miss["text"]
+    del graph.node[2]
+    miss = nearest_miss(graph, *pair)
+    assert miss is not None
+    assert (miss["matched"], miss["last_node"], miss["reason"], miss["input"]) == (1, 0, "not_initializer", 1)
+    graph.initializer.add(name="w")
+    assert nearest_miss(graph, *pair) is None
