@@ -71,8 +71,7 @@ Callback::Callback(PyObject* transformation, PyObject* graph, PyObject* extra, c
   Py_ssize_t at = 0;
   keyword_names_ = checked(PyTuple_New(PyDict_GET_SIZE(extra)));
   while (PyDict_Next(extra, &at, &key, &value) != 0) {
-    PyTuple_SET_ITEM(keyword_names_.get(), static_cast<Py_ssize_t>(keyword_values_.size()),
-                     Ref::borrow(key).release());
+    PyTuple_SET_ITEM(keyword_names_.get(), static_cast<Py_ssize_t>(keyword_values_.size()), Ref::borrow(key).release());
     keyword_values_.push_back(Ref::borrow(value));
   }
   for (const core::Link& link : rule.links) link_ids_.push_back(text(link.id));
@@ -92,8 +91,7 @@ Ref Callback::node_mapping(std::span<const core::NodeIndex> nodes, const core::S
 }
 
 Callback::Arguments Callback::arguments(const core::OccurrenceList& occurrences, const core::SplicePlan& plan,
-                                        std::size_t index, const core::GraphTable& table,
-                                        GraphWriter& writer) const {
+                                        std::size_t index, const core::GraphTable& table, GraphWriter& writer) const {
   Arguments result;
   const auto nodes = occurrences.nodes(index);
   const auto names = occurrences.links(index);
@@ -105,8 +103,7 @@ Callback::Arguments Callback::arguments(const core::OccurrenceList& occurrences,
   }
   result.link_mapping = checked(PyDict_New());
   for (std::size_t link = 0; link < names.size(); ++link) {
-    check(PyDict_SetItem(result.link_mapping.get(), link_ids_[link].get(),
-                         text(table.names.text(names[link])).get()));
+    check(PyDict_SetItem(result.link_mapping.get(), link_ids_[link].get(), text(table.names.text(names[link])).get()));
   }
   return result;
 }

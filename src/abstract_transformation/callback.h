@@ -45,9 +45,9 @@ class Callback {
   PyObject* transformation_;
   PyObject* graph_;
   const core::Rule& rule_;
-  Ref keyword_names_;              // tuple
+  Ref keyword_names_;  // tuple
   std::vector<Ref> keyword_values_;
-  std::vector<Ref> link_ids_;      // `str` per link of the rule
+  std::vector<Ref> link_ids_;  // `str` per link of the rule
   bool is_default_ = false;
   bool keeps_nodes_ = false;
 };

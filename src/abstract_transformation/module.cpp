@@ -16,7 +16,8 @@ namespace onnxgraft::py {
 
 namespace {
 
-constexpr const char* class_doc = R"(Base class of transformations: finds small subgraphs in an ONNX graph and replaces them in place.
+constexpr const char* class_doc =
+    R"(Base class of transformations: finds small subgraphs in an ONNX graph and replaces them in place.
 
 A subclass holds (pattern, replacement) pairs as lists of strings and calls
 `_replace_all_isomorphic_sub_graphs` for each of them, by convention from a method `apply(graph, debug=False)` that

@@ -8,10 +8,7 @@
 namespace onnxgraft::py {
 
 Pass::Pass(PyObject* transformation, PyObject* graph, PyObject* extra, std::shared_ptr<const core::Rule> rule)
-    : graph_(graph),
-      rule_(std::move(rule)),
-      reader_(graph),
-      callback_(transformation, graph, extra, *rule_) {}
+    : graph_(graph), rule_(std::move(rule)), reader_(graph), callback_(transformation, graph, extra, *rule_) {}
 
 std::size_t Pass::run() {
   if (!reader_.read_operators(*rule_, table_)) return 0;

@@ -21,8 +21,7 @@ std::vector<std::string> read_list(PyObject* list, const char* what) {
   for (Py_ssize_t index = 0; index < count; ++index) {
     const Ref element = item(list, index);
     if (PyUnicode_Check(element.get()) == 0) {
-      raise(PyExc_TypeError, "%s: element %zd must be a str, not %.200s", what, index,
-            Py_TYPE(element.get())->tp_name);
+      raise(PyExc_TypeError, "%s: element %zd must be a str, not %.200s", what, index, Py_TYPE(element.get())->tp_name);
     }
     strings.emplace_back(utf8(element.get()));
   }

@@ -24,16 +24,14 @@ bool CycleCheck::closes_cycle(std::span<const NodeIndex> nodes, std::span<const 
   const bool over_input = std::ranges::any_of(rule_.new_dependencies, [&](const Rule::Dependency& dependency) {
     return reaches(names[dependency.output], names[dependency.input], nodes, names);
   });
-  return over_input ||
-         std::ranges::any_of(rule_.new_body_dependencies, [&](const Rule::BodyDependency& dependency) {
+  return over_input || std::ranges::any_of(rule_.new_body_dependencies, [&](const Rule::BodyDependency& dependency) {
            return std::ranges::any_of(table_.implicit_inputs(nodes[dependency.node]), [&](NameId read) {
              return reaches(names[dependency.output], read, nodes, names);
            });
          });
 }
 
-bool CycleCheck::reaches(NameId from, NameId target, std::span<const NodeIndex> nodes,
-                         std::span<const NameId> names) {
+bool CycleCheck::reaches(NameId from, NameId target, std::span<const NodeIndex> nodes, std::span<const NameId> names) {
   std::unordered_set<NameId> seen{from};
   std::vector<NameId> open{from};
   const auto visit = [&](NameId name) {

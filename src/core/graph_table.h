@@ -4,6 +4,7 @@
 // splice adds get indices behind the original ones, so that an index names the same node for the whole pass.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -52,7 +53,7 @@ class GraphTable {
  private:
   struct Node {
     NameId op;
-    std::uint32_t begin[4];  // inputs, outputs, implicit inputs, end
+    std::array<std::uint32_t, 4> begin;  // inputs, outputs, implicit inputs, end
   };
   enum Flag : std::uint8_t { initializer = 1, graph_output = 2, body_read = 4 };
 

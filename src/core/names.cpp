@@ -44,11 +44,11 @@ std::optional<NameId> Names::find(std::string_view text) const {
 std::string_view Names::store(std::string_view text) {
   if (text.size() > block_left_) {
     const std::size_t size = std::max(block_size, text.size());
-    blocks_.push_back(std::make_unique_for_overwrite<char[]>(size));
-    block_at_ = blocks_.back().get();
+    blocks_.emplace_back(size);
+    block_at_ = blocks_.back().data();
     block_left_ = size;
   }
-  std::copy(text.begin(), text.end(), block_at_);
+  std::ranges::copy(text, block_at_);
   const std::string_view stored(block_at_, text.size());
   block_at_ += text.size();
   block_left_ -= text.size();

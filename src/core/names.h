@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <memory>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -19,8 +18,8 @@ inline constexpr NameId no_name = 0;
 class Names {
  public:
   Names();
-  Names(Names&&) = default;
-  Names& operator=(Names&&) = default;
+  Names(Names&&) noexcept = default;
+  Names& operator=(Names&&) noexcept = default;
   Names(const Names&) = delete;
   Names& operator=(const Names&) = delete;
   ~Names() = default;
@@ -42,7 +41,7 @@ class Names {
   std::vector<NameId> slots_;  // open addressing; 0 is free, since the empty name is never looked up here
   std::vector<std::size_t> hashes_;
   std::vector<std::string_view> texts_;
-  std::deque<std::unique_ptr<char[]>> blocks_;
+  std::deque<std::vector<char>> blocks_;
   std::size_t block_left_ = 0;
   char* block_at_ = nullptr;
 };

@@ -56,7 +56,7 @@ class MissFinder {
   }
 
  private:
-  bool graph_has(const std::string& op) const {
+  [[nodiscard]] bool graph_has(const std::string& op) const {
     const std::optional<NameId> id = table_.ops.find(op);
     if (!id) return false;
     for (NodeIndex node = 0; node < table_.original_count(); ++node) {
@@ -118,7 +118,7 @@ class MissFinder {
     return all;
   }
 
-  LocalResult judge(std::uint32_t role, NodeIndex node) const {
+  [[nodiscard]] LocalResult judge(std::uint32_t role, NodeIndex node) const {
     const PatternNode& pattern = rule_.nodes[role];
     const LocalResult local = match_locally(table_, rule_, pattern, node);
     if (local.reason != Reason::none) return local;
@@ -146,7 +146,7 @@ class MissFinder {
   }
 
   /// True if another id stands for the tensor already and a removed node writes it.
-  bool shares_tensor(LinkId link, NameId name) const {
+  [[nodiscard]] bool shares_tensor(LinkId link, NameId name) const {
     const auto written_by_removed = [&](LinkId id) {
       const std::uint32_t writer = rule_.links[id].writer;
       return writer != no_node && rule_.nodes[writer].removed();
@@ -171,14 +171,20 @@ class MissFinder {
     if (matched < best_.matched || (matched == best_.matched && noted_ && best_.candidate != no_index)) return;
     if (matched == best_.matched && noted_ && candidate == no_index) return;
     noted_ = true;
-    best_ = {static_cast<std::uint32_t>(matched), no_index,     role,          candidate,
-             result.reason,                       result.slot, result.tensor, no_index};
+    best_ = {static_cast<std::uint32_t>(matched),
+             no_index,
+             role,
+             candidate,
+             result.reason,
+             result.slot,
+             result.tensor,
+             no_index};
     if (matched > 0) best_.last = node_of_[order_[matched - 1]];
     if (result.reason == Reason::read_elsewhere) best_.reader = outside_reader(role, result.tensor);
   }
 
   /// A reader of the tensor that has no place in the pattern by its operator, else its last reader.
-  NodeIndex outside_reader(std::uint32_t role, NameId tensor) const {
+  [[nodiscard]] NodeIndex outside_reader(std::uint32_t role, NameId tensor) const {
     const Link& link = rule_.links[rule_.nodes[role].output];
     for (const NodeIndex reader : table_.readers(tensor)) {
       const bool wanted = std::ranges::any_of(link.readers, [&](const LinkReader& place) {

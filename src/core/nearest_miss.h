@@ -19,9 +19,9 @@ struct NearestMiss {
   std::uint32_t role = 0;          // pattern node that could not be matched
   NodeIndex candidate = no_index;  // the node that was tried for it, if there was one
   Reason reason = Reason::none;
-  std::uint32_t slot = 0;          // input position, where the reason has one
-  NameId tensor = no_name;         // tensor, where the reason has one
-  NodeIndex reader = no_index;     // for read_elsewhere: a node that reads the tensor as well
+  std::uint32_t slot = 0;       // input position, where the reason has one
+  NameId tensor = no_name;      // tensor, where the reason has one
+  NodeIndex reader = no_index;  // for read_elsewhere: a node that reads the tensor as well
 };
 
 /// The furthest attempt, the first in node order among equals. Empty if some assignment fits the pattern.

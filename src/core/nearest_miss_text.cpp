@@ -27,7 +27,8 @@ constexpr std::array reason_texts{
                "input {slot} of {node}, {tensor}, is not an initializer of the graph"},
     ReasonText{Reason::rest_not_initializer, "rest_not_initializer",
                "input {slot} of {node}, {tensor}, is computed: all inputs from there on must be initializers"},
-    ReasonText{Reason::different_tensors, "different_tensors", "{node} has another tensor than {tensor} at input {slot}"},
+    ReasonText{Reason::different_tensors, "different_tensors",
+               "{node} has another tensor than {tensor} at input {slot}"},
     ReasonText{Reason::other_position, "other_position", "{node} reads {tensor}, but not at input {slot}"},
     ReasonText{Reason::graph_output, "graph_output", "{tensor} is an output of the graph"},
     ReasonText{Reason::read_by_body, "read_by_body", "{tensor} is read inside a nested graph"},
@@ -79,7 +80,8 @@ std::string describe(const GraphTable& table, const Rule& rule, const NearestMis
   replace_all(sentence, "{op}", op);
   replace_all(sentence, "{reader}", node_text(table, miss.reader));
   if (miss.reason == Reason::missing_operator) return sentence;
-  std::string text = std::to_string(miss.matched) + " of " + std::to_string(rule.nodes.size()) + " pattern nodes matched";
+  std::string text =
+      std::to_string(miss.matched) + " of " + std::to_string(rule.nodes.size()) + " pattern nodes matched";
   if (miss.last != no_index) text += ", the last one " + node_text(table, miss.last);
   return text + "; pattern node " + std::to_string(miss.role) + " (" + op + "): " + sentence;
 }

@@ -32,7 +32,8 @@ class Parser {
 
  private:
   void parse_source(ParsedString& result) {
-    if (place_.list == StringPlace::List::pattern) fail("an operator name: '#' refers to the pattern from a replacement");
+    if (place_.list == StringPlace::List::pattern)
+      fail("an operator name: '#' refers to the pattern from a replacement");
     ++at_;
     result.source_column = column();
     const std::string_view number = digits("the number of a pattern node behind '#'");

@@ -32,12 +32,12 @@ struct ParsedInput {
 
 /// One string, taken apart; the views point into the text that was parsed.
 struct ParsedString {
-  std::string_view op;               // empty for a "#" string
+  std::string_view op;                // empty for a "#" string
   std::optional<std::size_t> source;  // the k of "#k"
   std::size_t source_column = 0;
-  bool bare = false;                 // "#k" without links
+  bool bare = false;  // "#k" without links
   std::vector<ParsedInput> inputs;
-  bool rest = false;                 // ends in "~i"
+  bool rest = false;  // ends in "~i"
   std::string_view output;
   std::size_t output_column = 0;
 };

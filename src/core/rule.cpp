@@ -92,8 +92,7 @@ class Compiler {
     if (parsed.source) {
       if (*parsed.source >= rule_.nodes.size()) {
         fail_at(place, parsed.source_column,
-                "there is no such pattern node: the pattern has nodes 0 to " +
-                    std::to_string(rule_.nodes.size() - 1));
+                "there is no such pattern node: the pattern has nodes 0 to " + std::to_string(rule_.nodes.size() - 1));
       }
       entry.source = static_cast<std::uint32_t>(*parsed.source);
       entry.kind = parsed.bare ? EntryKind::keep : EntryKind::copy;
@@ -120,9 +119,9 @@ class Compiler {
       const LinkId id = link(input.id);
       const Link& read = rule_.links[id];
       if (input.initializer && read.in_pattern && !read.initializer) {
-        fail_at(place, input.column,
-                "'" + read.id + "i' asks for an initializer, but tensor " + read.id +
-                    " stands in the pattern without 'i'");
+        fail_at(
+            place, input.column,
+            "'" + read.id + "i' asks for an initializer, but tensor " + read.id + " stands in the pattern without 'i'");
       }
       entry.inputs.push_back({id, input.initializer});
     }

@@ -56,8 +56,8 @@ struct Link {
   std::vector<LinkReader> readers;  // pattern nodes that read it
   std::uint32_t reader_nodes = 0;   // number of different nodes among the readers
   bool in_pattern = false;
-  bool initializer = false;         // the pattern wants an initializer
-  bool rewritten = false;           // a copy or a new node of the replacement writes it
+  bool initializer = false;  // the pattern wants an initializer
+  bool rewritten = false;    // a copy or a new node of the replacement writes it
 };
 
 struct Rule {

@@ -31,8 +31,7 @@ class RefusedSet {
 
 class Search {
  public:
-  Search(const GraphTable& table, const Rule& rule, Candidates& candidates, Claims& claims,
-         const RefusedSet& refused);
+  Search(const GraphTable& table, const Rule& rule, Candidates& candidates, Claims& claims, const RefusedSet& refused);
 
   /// All occurrences that the claims still allow, in order; claims their nodes.
   OccurrenceList run();
@@ -41,7 +40,7 @@ class Search {
   /// One choice: the candidates left for one pattern node.
   struct Frame {
     std::uint32_t role;
-    Candidates::Range range;          // where `explicit_nodes` is empty
+    Candidates::Range range;                // where `explicit_nodes` is empty
     std::vector<NodeIndex> explicit_nodes;  // candidates found over other pattern nodes
     bool is_explicit;
     std::size_t position;

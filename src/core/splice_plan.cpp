@@ -106,8 +106,7 @@ void SplicePlan::add_nodes(std::size_t occurrence, FreshNames& fresh) {
   }
 }
 
-std::vector<NodeIndex> SplicePlan::arrange(std::span<const NodeIndex> before,
-                                           const std::vector<bool>& chosen) const {
+std::vector<NodeIndex> SplicePlan::arrange(std::span<const NodeIndex> before, const std::vector<bool>& chosen) const {
   Placement placement(table_.node_count());
   for (std::size_t index = 0; index < occurrences_.size(); ++index) {
     if (!chosen[index]) continue;

@@ -95,8 +95,7 @@ Ref make_function_type(PyObject* module) {
   return checked(PyType_FromModuleAndSpec(module, &description, nullptr));
 }
 
-Ref make_function(PyObject* function_type, PyObject* module, const FunctionRow& row,
-                  std::string_view qualified_name) {
+Ref make_function(PyObject* function_type, PyObject* module, const FunctionRow& row, std::string_view qualified_name) {
   Ref name = text(qualified_name);
   auto* type = reinterpret_cast<PyTypeObject*>(function_type);
   auto* function = PyObject_GC_New(FunctionObject, type);

@@ -15,9 +15,7 @@ PyObject* get_name(PyObject* self, void*) {
   return guarded([&] { return text(function_of(self).row->name); });
 }
 
-PyObject* get_qualified_name(PyObject* self, void*) {
-  return Ref::borrow(function_of(self).qualified_name).release();
-}
+PyObject* get_qualified_name(PyObject* self, void*) { return Ref::borrow(function_of(self).qualified_name).release(); }
 
 PyObject* get_module(PyObject* self, void*) {
   return guarded([&] {
@@ -97,9 +95,7 @@ PyObject* get_signature(PyObject* self, void*) {
   });
 }
 
-PyObject* get_keeps_nodes(PyObject* self, void*) {
-  return boolean(function_of(self).row->keeps_nodes).release();
-}
+PyObject* get_keeps_nodes(PyObject* self, void*) { return boolean(function_of(self).row->keeps_nodes).release(); }
 
 /// A function is pickled as its qualified name, like one written in Python.
 PyObject* reduce(PyObject* self, PyObject*) { return get_qualified_name(self, nullptr); }

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <Python.h>
-
 #include <structmember.h>
 
 #include "py/function.h"
@@ -12,8 +11,7 @@ namespace onnxgraft::py {
 
 /// Layout of a function object; only function.cpp and function_reflection.cpp know it.
 struct FunctionObject {
-  PyObject_HEAD
-  vectorcallfunc vectorcall;
+  PyObject_HEAD vectorcallfunc vectorcall;
   const FunctionRow* row;
   PyObject* module;           // owned
   PyObject* qualified_name;   // owned

@@ -73,7 +73,8 @@ bool GraphWriter::is_at(NodeIndex node, std::size_t position) const {
 
 Py_ssize_t GraphWriter::position(NodeIndex node) {
   // Without `hold_all`, nobody but the writer changes the list.
-  if (position_[node] != absent && (!holds_all_ || is_at(node, position_[node]))) return static_cast<Py_ssize_t>(position_[node]);
+  if (position_[node] != absent && (!holds_all_ || is_at(node, position_[node])))
+    return static_cast<Py_ssize_t>(position_[node]);
   read_again();
   return position_[node] == absent ? -1 : static_cast<Py_ssize_t>(position_[node]);
 }

@@ -50,8 +50,8 @@ class GraphWriter {
   PyObject* nodes_;
   core::GraphTable& table_;
   std::vector<core::NodeIndex> order_;
-  std::vector<std::size_t> position_;  // per node; `absent` if not in the list
-  std::vector<Ref> handles_;           // per node
+  std::vector<std::size_t> position_;     // per node; `absent` if not in the list
+  std::vector<Ref> handles_;              // per node
   std::vector<core::NodeIndex> sources_;  // per node: what a new one copies
   bool holds_all_ = false;
   bool disturbed_ = false;  // others changed the list since the last `rearrange`
