@@ -28,12 +28,10 @@ class RandomCase {
     Texts tensors{"x", "y"};
     const auto tensor = [&] { return tensors[tensors.size() - 1 - below(std::min(reach, tensors.size()))]; };
     for (std::size_t node = 0; node < count; ++node) {
-      const std::size_t op = below(7);
-      std::string line = op < 3 ? "A " : op < 5 ? "B " : op < 6 ? "C " : "I ";
-      line += tensor();
+      std::string line = std::string(1, "AAABBCI"[below(7)]) + " " + tensor();
       if (line[0] == 'B') line += "," + (chance(0.2) ? "w" : tensor());
       for (std::size_t rest = line[0] == 'C' ? 1 + below(3) : 0; rest > 0; --rest) {
-        line += "," + (chance(0.4) ? "w" : chance(0.5) ? "v" : chance(0.5) ? "" : tensor());
+        line += "," + Texts{"w", "w", "v", "", tensor()}[below(5)];
       }
       const std::string output = "t" + std::to_string(node);
       line += " -> " + output + (chance(0.04) ? ",extra" + output : "");
@@ -62,7 +60,7 @@ class RandomCase {
   Texts blurred_pattern(const GraphTable& table) {
     std::vector<NodeIndex> nodes;
     for (std::size_t roles = 1 + below(4); roles > 0; --roles) {
-      NodeIndex node = static_cast<NodeIndex>(below(table.original_count()));
+      auto node = static_cast<NodeIndex>(below(table.original_count()));
       if (!nodes.empty() && chance(0.8)) node = neighbour(table, nodes[below(nodes.size())]);
       if (std::ranges::find(nodes, node) == nodes.end()) nodes.push_back(node);
     }
@@ -72,13 +70,13 @@ class RandomCase {
       std::string text = std::string(table.ops.text(table.op(node))) + ":";
       const auto inputs = table.inputs(node);
       for (std::size_t slot = 0; slot < inputs.size(); ++slot) {
-        if (slot != 0) text += ",";
+        if (slot != 0) text += ',';
         if (slot != 0 && text[0] == 'C' && chance(0.3)) {
           text += "~i";
           break;
         }
         text += std::to_string(chance(0.25) || inputs[slot] == no_name ? fresh++ : inputs[slot]);
-        if (table.is_initializer(inputs[slot]) && chance(0.5)) text += "i";
+        if (table.is_initializer(inputs[slot]) && chance(0.5)) text += 'i';
       }
       pattern.push_back(text + "->" + std::to_string(table.outputs(node)[0]));
     }
