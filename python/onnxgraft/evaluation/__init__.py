@@ -1,0 +1,12 @@
+"""Evaluates models with quantized operators through public evaluators.
+
+No public evaluator knows `TesselQuant` and `TesselDequant`, and none computes INT8 `Conv` with wide sums. So a model
+is first *lowered*: the copy holds standard operators on floating-point tensors only, whose values are the integers
+that the quantized operators would work on. docs/evaluation.md lists the formulas.
+"""
+
+from onnxgraft.evaluation.errors import EvaluationError
+from onnxgraft.evaluation.lowering import Convention, lower
+from onnxgraft.evaluation.running import evaluate
+
+__all__ = ["Convention", "EvaluationError", "evaluate", "lower"]

@@ -1,0 +1,54 @@
+"""Computes the outputs of a model on given inputs."""
+
+from __future__ import annotations
+
+from collections.abc import Mapping, Sequence
+from os import PathLike
+from typing import Any
+
+import numpy.typing as npt
+import onnx
+from onnx.reference import ReferenceEvaluator
+
+from onnxgraft.evaluation.errors import EvaluationError
+from onnxgraft.evaluation.lowering import Convention, lower
+
+Array = npt.NDArray[Any]
+
+
+def evaluate(
+    model: onnx.ModelProto,
+    inputs: Mapping[str, Array],
+    convention: Convention | None = None,
+    *,
+    outputs: Sequence[str] = (),
+    folder: str | PathLike[str] = "",
+) -> dict[str, Array]:
+    """Lowers a copy of `model` and computes it with onnx's reference evaluator.
+
+    Args:
+        model: The model; it is not changed.
+        inputs: A value for each graph input without initializer, in the element type and shape that it declares.
+        convention: How the quantized operators are read; None for the defaults.
+        outputs: Names of tensors to compute; empty for the graph's outputs.
+        folder: The folder that the locations of external tensors start from.
+
+    Returns:
+        The tensors by name. A tensor of quantized values holds them as floating-point numbers.
+
+    Raises:
+        EvaluationError: The model cannot be lowered, or the evaluator failed; the message gives its reason.
+    """
+    lowered = lower(model, convention, folder=folder)
+    names = list(outputs) or [value.name for value in lowered.graph.output]
+    constants = {tensor.name for tensor in lowered.graph.initializer}
+    wanted = {value.name for value in lowered.graph.input} - constants
+    if missing := sorted(wanted - inputs.keys()):
+        raise EvaluationError(f"no value is given for the graph inputs {', '.join(missing)}")
+    try:
+        values = ReferenceEvaluator(lowered).run(names, {name: inputs[name] for name in wanted})
+    except MemoryError:
+        raise
+    except Exception as error:
+        raise EvaluationError(f"the evaluator failed: {type(error).__name__}: {error}") from error
+    return dict(zip(names, values, strict=True))

@@ -1,0 +1,150 @@
+"""The formulas of lowered models, value by value, and what cannot be lowered."""
+
+from __future__ import annotations
+
+from typing import Any
+
+import numpy as np
+import onnx
+import pytest
+from onnx import TensorProto, helper, numpy_helper
+
+from helpers.models import Array, make_model
+from helpers.occurrences import packed
+from onnxgraft.evaluation import Convention, EvaluationError, evaluate, lower
+
+X = np.array([[-300.0, -0.75, -0.25, 0.25, 0.75, 1.25, 300.0]], np.float32)
+
+
+def model(
+    nodes: list[onnx.NodeProto], initializers: dict[str, Array] | None = None, inputs: dict[str, Any] | None = None
+) -> onnx.ModelProto:
+    """Inputs by name with shapes (None: unknown rank); the last node's output is the result "y"."""
+    graph = helper.make_graph(
+        nodes,
+        "model",
+        [helper.make_tensor_value_info(n, TensorProto.FLOAT, s) for n, s in (inputs or {"x": [1, 7]}).items()],
+        [helper.make_tensor_value_info("y", TensorProto.FLOAT, None)],
+        [numpy_helper.from_array(values, name) for name, values in (initializers or {}).items()],
+    )
+    return helper.make_model(graph, opset_imports=[helper.make_opsetid("", 17)], ir_version=8)
+
+
+def node(op: str, inputs: str, output: str = "y", **attributes: Any) -> onnx.NodeProto:
+    return helper.make_node(op, inputs.split(), [output], **attributes)
+
+
+@pytest.mark.parametrize(
+    ("attributes", "scale", "offset"),
+    [
+        ({}, 1, 0),
+        ({"scale": 2.0, "offset": 0.0}, 2, 0),
+        ({"scale": 2.0, "offset": 1.5}, 2, 1.5),
+        ({"scale": 2, "offset": "1"}, 2, 0),  # an integer counts, a string does not
+    ],
+)
+def test_quantize(attributes: dict[str, Any], scale: float, offset: float) -> None:
+    made = model([node("TesselQuant", "x", **attributes)])
+    np.testing.assert_array_equal(evaluate(made, {"x": X})["y"], X * np.float32(scale) + np.float32(offset))
+    rounded = evaluate(made, {"x": X}, Convention(rounding=True))["y"]
+    np.testing.assert_array_equal(rounded, np.clip(np.rint(X * scale + offset), -128, 127))
+
+
+@pytest.mark.parametrize("shape", [[1, 3], [2, 3, 2], [1, 3, 2, 2], None])
+@pytest.mark.parametrize("element_type", ["float32", "float64"])
+@pytest.mark.parametrize("count", [1, 3])
+def test_dequantize(shape: list[int] | None, element_type: Any, count: int) -> None:
+    scales = np.array([0.5, 0.1, -3.0], np.float32)[:count]
+    made = model([node("TesselDequant", "x w")], {"w": packed(scales, upper=77)}, {"x": shape})
+    x = np.arange(np.prod(shape or [2, 3, 4]), dtype=np.float32).reshape(shape or [2, 3, 4])
+    result = evaluate(made, {"x": x}, Convention(element_type=element_type))["y"]
+    assert result.dtype == np.float32
+    np.testing.assert_array_equal(result, x * scales.reshape(-1, *[1] * (x.ndim - 2)))
+
+
+def test_wide_sums_are_exact_in_float64() -> None:
+    weight = np.full((1, 1024, 1, 1), 127, np.int8)
+    bias = np.array([2**31 - 1], np.int32)
+    nodes = [node("TesselQuant", "x", "q"), node("Conv", "q w b")]
+    made = model(nodes, {"w": weight, "b": bias}, {"x": [1, 1024, 1, 1]})
+    x = np.full((1, 1024, 1, 1), 127, np.float32)
+    assert evaluate(made, {"x": x}, Convention(element_type="float64"))["y"].item() == 127 * 127 * 1024 + 2**31 - 1
+
+
+def test_only_operands_of_quantized_operators_become_floating_point() -> None:
+    """Indices and shape arithmetic in 32-bit integers stay; a tensor that is both exists twice."""
+    initializers: dict[str, Array] = {
+        "w": np.arange(-2, 2, dtype=np.int8).reshape(2, 2),
+        "both": np.array([1, 0], np.int32),
+        "w2": np.array([[3, 4], [5, 6]], np.int8),
+    }
+    nodes = [
+        node("TesselQuant", "x", "q"),
+        node("MatMul", "q w", "m"),
+        node("Add", "m both", "a"),
+        node("Gather", "a both", "g", axis=1),
+        node("Gather", "w2 both", "h", axis=0),
+        node("Cast", "h", "f", to=TensorProto.FLOAT),
+        node("Add", "f g"),
+    ]
+    made = model(nodes, initializers, {"x": [2, 2]})
+    made.graph.input.append(helper.make_tensor_value_info("w", TensorProto.INT8, [2, 2]))
+    made.graph.output[0].CopyFrom(helper.make_tensor_value_info("y", TensorProto.FLOAT, [2, 2]))
+    before = made.SerializeToString()
+    x = np.array([[1, 2], [3, 4]], np.float32)
+    expected = (x @ initializers["w"] + [1, 0])[:, [1, 0]] + [[5, 6], [3, 4]]
+    np.testing.assert_array_equal(evaluate(made, {"x": x})["y"], expected)
+    lowered = lower(made)
+    onnx.checker.check_model(lowered, full_check=True)
+    assert made.SerializeToString() == before
+    assert [value.name for value in lowered.graph.input] == ["x"]
+    assert {t.name: t.data_type for t in lowered.graph.initializer if t.name in initializers} == {
+        "both": TensorProto.INT32,
+        "w2": TensorProto.INT8,
+    }
+
+
+@pytest.mark.parametrize(("sizes", "axes"), [([-1, -1, 4, 6], None), ([6, -1], [3, 1])])
+def test_sizes_of_minus_one_keep_the_size(sizes: list[int], axes: list[int] | None) -> None:
+    attributes: dict[str, Any] = {"axes": axes} if axes else {}
+    initializers: dict[str, Array] = {"roi": np.zeros(0, "f"), "scales": np.zeros(0, "f"), "sizes": np.array(sizes)}
+    made = model(
+        [node("Resize", "x roi scales sizes", mode="nearest", **attributes)], initializers, {"x": ["n", 2, 2, 3]}
+    )
+    made.opset_import[0].version = 18
+    x = np.arange(36, dtype=np.float32).reshape(3, 2, 2, 3)
+    expected = x.repeat(2, axis=3) if axes else x.repeat(2, axis=2).repeat(2, axis=3)
+    np.testing.assert_array_equal(evaluate(made, {"x": x})["y"], expected)
+
+
+def test_errors() -> None:
+    quantize = node("TesselQuant", "x")
+    old = model([quantize])
+    old.opset_import[0].version = 10
+    body = helper.make_graph([quantize], "body", [], [helper.make_tensor_value_info("y", TensorProto.FLOAT, None)])
+    words = packed(np.ones(2, np.float32))
+    faults = {
+        "operator set 10 is too old to evaluate: 11 is needed": old,
+        "TesselQuant 'y' is inside a nested body": model([node("If", "x", then_branch=body, else_branch=body)]),
+        "TesselDequant 'y': its second input must be an initializer": model([node("TesselDequant", "x x")]),
+        "2 scales need axis 1, the input is of rank 1": model([node("TesselDequant", "x w")], {"w": words}, {"x": [2]}),
+        "no value is given for the graph inputs z": model([node("Add", "x z")], {}, {"x": [1], "z": [1]}),
+        "the evaluator failed": model([node("Unknown", "x")]),
+    }
+    for message, made in faults.items():
+        with pytest.raises(EvaluationError, match=message):
+            evaluate(made, {"x": X})
+
+
+def test_a_convolution_takes_the_offset_of_its_own_quantize_node_out() -> None:
+    made = make_model(
+        ["TesselQuant:0->1", "Conv:1,2i->3", "MaxPool:1->4", "Conv:4,5i->6"], {0: {"offset": 4.0}, 1: {"pads": [1] * 4}}
+    )
+    inputs = {"t0": np.full((2, 4, 5, 5), 2.0, np.float32)}
+    plain = evaluate(made, inputs)
+    centred = evaluate(made, inputs, Convention(centred=True))
+    made.graph.node[0].attribute[0].f = 0.0
+    without = evaluate(made, inputs)
+    np.testing.assert_array_equal(centred["t3"], without["t3"])
+    np.testing.assert_array_equal(centred["t6"], plain["t6"])
+    assert (centred["t3"] != plain["t3"]).any()
