@@ -77,6 +77,7 @@ inline constexpr FunctionRow name_row{"get_simple_name", self_alone, simple_name
 template <const auto& passes>
 inline constexpr FunctionRow pairs_row{"_get_subgraphs_to_replace", self_alone, listed_pairs<passes>, pairs_annotation};
 
+/// Our callbacks write attributes, initializers and, at most, a new initializer's name as a further input.
 template <py::ArgumentType links_type = py::ArgumentType::dict>
 constexpr FunctionRow callback_row(Body body) {
   return {
@@ -85,6 +86,7 @@ constexpr FunctionRow callback_row(Body body) {
       .body = body,
       .result_annotation = "bool",
       .collects_keywords = true,
+      .keeps_nodes = true,
   };
 }
 
