@@ -141,7 +141,7 @@ def test_apply_runs_its_pairs_in_order_and_adds_the_counts_up(name: str) -> None
     class Recorder(cls(name)):  # type: ignore[misc]
         def _replace_all_isomorphic_sub_graphs(self, *args: Any, **kwargs: Any) -> int:
             calls.append((*args, kwargs))
-            return 10 ** (len(calls) - 1)
+            return int("1" + "0" * (len(calls) - 1))
 
     graph, recorder = object(), Recorder()
     pairs = [(getattr(recorder, p), getattr(recorder, r)) for p, r in PASSES.get(name, [])]

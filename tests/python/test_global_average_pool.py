@@ -50,7 +50,7 @@ def test_values(pair: int, activation: list[str]) -> None:
 
 ONE = {"group": 1}
 WIDE = np.ones((8, 32, 3, 3), np.int8)
-REFUSED = {
+REFUSED: dict[str, dict[str, Any]] = {
     "no group on the first": {"conv": ({}, ONE)},
     "no group on the second": {"conv": (ONE, {})},
     "groups": {"conv": (ONE, {"group": 8})},

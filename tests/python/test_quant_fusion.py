@@ -6,7 +6,7 @@ from typing import Any
 
 import numpy as np
 import pytest
-from onnx import NodeProto, helper
+from onnx import GraphProto, NodeProto, helper
 
 from helpers.occurrences import occurrence, set_attributes
 from onnxgraft import quant
@@ -37,7 +37,7 @@ JUST_BELOW = float(np.nextafter(np.float32(0.001), np.float32(0)))
 )
 def test_acceptance(first: dict[str, Any], second: dict[str, Any], accepted: bool) -> None:
     nodes = [set_attributes(NodeProto(), **first), NodeProto(), set_attributes(NodeProto(), **second)]
-    assert EQUAL()._on_replace_subgraph(None, nodes, None, {}, more=1) is accepted
+    assert EQUAL()._on_replace_subgraph(GraphProto(), nodes, {}, {}, more=1) is accepted
     for pair in range(1, 5):
         graph = occurrence(getattr(EQUAL, f"subgraph_{pair}"), {}, {0: first, 2: second})
         before = graph.SerializeToString()
@@ -52,9 +52,9 @@ def test_acceptance(first: dict[str, Any], second: dict[str, Any], accepted: boo
 
 def test_the_first_attribute_counts_and_three_nodes_are_needed() -> None:
     twice = set_attributes(set_attributes(NodeProto(), **P), scale=9.0)
-    assert EQUAL()._on_replace_subgraph(None, [twice, NodeProto(), set_attributes(NodeProto(), **P)], None, {})
+    assert EQUAL()._on_replace_subgraph(GraphProto(), [twice, NodeProto(), set_attributes(NodeProto(), **P)], {}, {})
     with pytest.raises(IndexError):
-        EQUAL()._on_replace_subgraph(None, [twice, twice], None, {})
+        EQUAL()._on_replace_subgraph(GraphProto(), [twice, twice], {}, {})
 
 
 def test_the_survivor_keeps_its_parameters() -> None:

@@ -84,7 +84,12 @@ def test_failures_of_a_direct_call(monkeypatch: pytest.MonkeyPatch) -> None:
                 call(graph, nodes, {1: 1, 2: 2}, {})
     asked: list[Any] = []
     real = transform_utilities.get_init
-    monkeypatch.setattr(transform_utilities, "get_init", lambda g, n: (asked.append(n), real(g, n))[1])
+
+    def spy(graph: GraphProto, names: Any) -> Any:
+        asked.append(names)
+        return real(graph, names)
+
+    monkeypatch.setattr(transform_utilities, "get_init", spy)
     assert call(graph, nodes, {1: 1, 2: 2}, {}, debug=1) is True
     assert asked == [["t3"], ["t6"]]
     del graph.node[1].input[2]

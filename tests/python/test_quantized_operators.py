@@ -47,7 +47,7 @@ def product(weight: TensorProto, bias: TensorProto | None, first: bool = False) 
     return helper.make_graph(nodes, "p", [], [helper.make_tensor_value_info("y", 1, None)], tensors)
 
 
-CASES = {
+CASES: dict[str, tuple[Any, ...]] = {
     # name: class, graph, expected chain, weight shape, transposed, bias shape, number of scales
     "conv": (quant.QuantConvTransformation, single("Conv", initializer("w", 6, 3, 5, 2), initializer("b", 6)),
              ["TesselQuant", "Conv", "TesselDequant"], (6, 3, 5, 2), False, (6,), 6),
@@ -96,10 +96,10 @@ def test_an_operator_becomes_a_quantized_chain(case: str) -> None:
     assert list(graph.initializer) == expected
 
     after = graph.SerializeToString()
-    state = np.random.get_state()[1].tolist()  # type: ignore[index,union-attr]
+    state = np.random.get_state()[1].tolist()  # type: ignore[index]
     assert transformation().apply(graph) == 0
     assert graph.SerializeToString() == after
-    assert np.random.get_state()[1].tolist() == state, "a refused occurrence draws nothing"  # type: ignore[index,union-attr]
+    assert np.random.get_state()[1].tolist() == state, "a refused occurrence draws nothing"  # type: ignore[index]
 
 
 def chain_links(graph: GraphProto) -> dict[str, str]:
@@ -130,7 +130,7 @@ def test_the_base_methods_one_by_one() -> None:
     assert max(many.uint64_data) < 2**32
     assert not many.raw_data
     with pytest.raises(TypeError):
-        base._update_tesseldequant(None, "s")
+        base._update_tesseldequant(None, "s")  # type: ignore[arg-type]
 
     node = graph.node.add()
     for _ in range(2):
@@ -171,7 +171,7 @@ def test_unbound_bias_and_unknown_mode() -> None:
     roles = {"weight": ("1", "101"), "bias": ("2", "102"), "scale": ("104",)}
     links = {"1": "w", "101": "w8", "104": "s"}
     for mode, count in (("conv", 3), ("gemm", 1), ("matmul", 1), ("other", 3)):
-        assert quant._QuantTransformation()._update_quant_weights_operators(graph, links, roles, mode) is None
+        quant._QuantTransformation()._update_quant_weights_operators(graph, links, roles, mode)
         assert [list(t.dims) for t in graph.initializer[-2:]] == [[3, 2], [count]]
 
 

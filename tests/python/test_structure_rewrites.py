@@ -41,7 +41,7 @@ def test_a_missing_link_of_the_normalization(missing: str, error: type[Exception
     with pytest.raises(error, match=missing):
         FUSE()._on_replace_subgraph(graph, [], {}, links)
     with pytest.raises(TypeError, match="NoneType"):
-        FUSE()._on_replace_subgraph(graph, [], {}, None)
+        FUSE()._on_replace_subgraph(graph, [], {}, None)  # type: ignore[arg-type]
     assert len(graph.initializer) == 1
 
 

@@ -17,6 +17,7 @@ import numpy as np
 import onnx
 import pytest
 from onnx import GraphProto, TensorProto, helper, numpy_helper
+
 from onnxgraft.transform_utilities import external_data_folder, get_init
 
 
@@ -121,7 +122,7 @@ class FakeGraph:
     def replace(self, place: int, name: str | None = None) -> str:
         old = self.initializer.pop(place).name
         self.initializer.append(tensor(name or old))
-        return old
+        return str(old)
 
 
 def steady(graph: FakeGraph, step: int) -> str:
@@ -129,12 +130,13 @@ def steady(graph: FakeGraph, step: int) -> str:
 
 
 def replace_in_order(graph: FakeGraph, step: int) -> str:
-    return graph.replace(0) and graph.initializer[1].name
+    graph.replace(0)
+    return str(graph.initializer[1].name)
 
 
 def replace_anywhere(graph: FakeGraph, step: int) -> str:
     graph.replace(step * 7919 % 4000, f"n{step}")
-    return list.__getitem__(graph.initializer, step * 104729 % 4900).name
+    return str(list.__getitem__(graph.initializer, step * 104729 % 4900).name)
 
 
 def replace_near_the_end(graph: FakeGraph, step: int) -> str:

@@ -63,4 +63,5 @@ def same(left: Array, right: Array) -> bool:
 
 def packed(scales: Array, upper: int = 0) -> Array:
     """32-bit floats in the low halves of 64-bit words."""
-    return scales.view(np.uint32).astype(np.uint64) | np.uint64(upper << 32)
+    words: Array = scales.view(np.uint32).astype(np.uint64)
+    return words | np.full_like(words, upper << 32)
