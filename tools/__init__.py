@@ -1,0 +1,1 @@
+"""Commands for working on the project; none of them is installed."""

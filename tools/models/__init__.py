@@ -1,0 +1,1 @@
+"""Reading exported models and counting what the transformations do to them."""

@@ -1,0 +1,98 @@
+"""Writes counted firings as Markdown tables, one pair per family."""
+
+from __future__ import annotations
+
+from collections.abc import Iterator, Sequence
+from typing import Any
+
+from onnxgraft.catalogue import transformations
+from tools.models.families import FAMILIES, Family, family_of, prepared_for
+from tools.models.firing import ORDER, QUANTIZING
+
+Row = dict[str, Any]
+
+
+def render(rows: dict[str, Row]) -> str:
+    """All tables, family by family."""
+    parts = []
+    for family in FAMILIES:
+        models = [model for model in rows if family_of(model) == family]
+        if models:
+            parts += [f"### {family.title}\n", *_family(family, {model: rows[model] for model in models})]
+    return "\n".join(parts)
+
+
+def _family(family: Family, rows: dict[str, Row]) -> Iterator[str]:
+    yield "Preparation and quantizing:\n"
+    yield _table("Step", rows, [*_preparations(rows), *QUANTIZING], _preparation)
+    yield "Each right after quantizing:\n"
+    yield _table("Transformation", rows, list(transformations()), lambda row, name: _both(row, "alone", name))
+    yield "One after the other:\n"
+    yield _table("Transformation", rows, ORDER, lambda row, name: _both(row, "in_order", name))
+    errors = {f"`{model}`, `{name}`: {text}" for model, row in rows.items() for name, text in _errors(row)}
+    yield from (f"- fails: {error}" for error in sorted(errors))
+    if errors:
+        yield ""
+    silent = list(_silent(rows))
+    if silent:
+        yield "Prepared for this network and found nothing, one after the other on the prepared graph:\n"
+        yield "| Transformation | Model | Matched | Where it ended |\n|---|---|---|---|"
+        yield "\n".join(silent) + "\n"
+
+
+def _table(heading: str, rows: dict[str, Row], names: Sequence[str], cell: Any) -> str:
+    lines = [f"| {heading} | " + " | ".join(f"`{model}`" for model in rows) + " |", "|---|" + "--:|" * len(rows)]
+    for name in names:
+        cells = [cell(row, name) for row in rows.values()]
+        if any(cells):
+            lines.append(f"| `{name}` | " + " | ".join(cells) + " |")
+    if len(lines) == 2:
+        return "(none)\n"
+    return "\n".join(lines) + "\n"
+
+
+def _preparations(rows: dict[str, Row]) -> list[str]:
+    return list(dict.fromkeys(name for row in rows.values() for name in row["prepared"]["preparation"]))
+
+
+def _preparation(row: Row, name: str) -> str:
+    if name in QUANTIZING:
+        counts = [row[form]["quantized"].get(name, 0) for form in ("exported", "prepared")]
+        return _joined(*(str(count or "") for count in counts))
+    return str(row["prepared"]["preparation"].get(name, "") or "")
+
+
+def _both(row: Row, how: str, name: str) -> str:
+    return _joined(*(_count(row[form][how].get(name)) for form in ("exported", "prepared")))
+
+
+def _joined(exported: str, prepared: str) -> str:
+    return exported if exported == prepared else f"{exported or 0} → {prepared or 0}"
+
+
+def _count(firing: Row | None) -> str:
+    if firing is None:
+        return ""
+    if firing["error"]:
+        return "fails"
+    return f"{firing['replaced']}" + (f" ({firing['refused']} refused)" if firing["refused"] else "")
+
+
+def _errors(row: Row) -> Iterator[tuple[str, str]]:
+    for form in ("exported", "prepared"):
+        for how in ("alone", "in_order"):
+            yield from ((name, f["error"]) for name, f in row[form][how].items() if f["error"])
+
+
+def _silent(rows: dict[str, Row]) -> Iterator[str]:
+    """One line per transformation and reason."""
+    for model, row in rows.items():
+        for name in prepared_for(model, transformations().values()):
+            if miss := row["misses"].get(name):
+                matched = f"{miss['matched']} of {miss['of']}"
+                yield f"| `{name}` | `{model}` | {matched} | {_reason(miss['text'])} |"
+
+
+def _reason(text: str) -> str:
+    """The part behind the count, which has a column of its own."""
+    return text.split("matched; ")[-1].replace("|", "\\|")

@@ -1,0 +1,1 @@
+"""Pictures of (pattern, replacement) pairs: from the lists to a layered drawing."""
