@@ -14,11 +14,11 @@ JOBS := $(shell nproc 2>/dev/null || echo 2)
 PACKAGE_FILES := CMakeLists.txt pyproject.toml README.md LICENSE \
   $(shell find src python cmake -name __pycache__ -prune -o -print 2>/dev/null)
 CPP_FILES := $(shell find src tests/core bench -name '*.cpp' -o -name '*.h' 2>/dev/null)
-PYTHON_DIRS := python tests/python bench
+PYTHON_DIRS := python tests/python bench tools
 
 .DELETE_ON_ERROR:
 .DEFAULT_GOAL := help
-.PHONY: help build demo test lint tidy format bench clean
+.PHONY: help build demo test lint tidy format bench docs docs-check clean
 
 help: ## List the commands
 	@awk -F ':.*## ' '/^[a-z]+:.*## / {printf "  make %-8s %s\n", $$1, $$2}' Makefile
@@ -70,6 +70,14 @@ bench: .venv/installed ## Measure speed as ratios of one run; writes build/bench
 	  -DPython_EXECUTABLE="$(CURDIR)/$(BIN)/python" >/dev/null
 	@$(TOOLS) cmake --build build/bench --target floors -- --quiet
 	@PYTHONPATH=build/bench/bench/floors $(BIN)/python -m bench
+
+docs: .venv/installed ## Make the pictures and tables of docs/ anew
+	@$(BIN)/python -m tools.draw_rewrites
+	@$(BIN)/python -m tools.firing_table
+
+docs-check: .venv/installed
+	@$(BIN)/python -m tools.draw_rewrites --check
+	@$(BIN)/python -m tools.firing_table --check
 
 clean: ## Remove .venv/ and build/
 	rm -rf .venv build

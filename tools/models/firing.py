@@ -90,7 +90,9 @@ def fire(transformation: Transformation, graph: GraphProto) -> Firing:
         return accepted
 
     methods = {"_on_replace_subgraph": count}
-    counting = types.new_class(transformation.cls.__name__, (transformation.cls,), exec_body=lambda n: n.update(methods))
+    counting = types.new_class(
+        transformation.cls.__name__, (transformation.cls,), exec_body=lambda n: n.update(methods)
+    )
     try:
         return Firing(int(counting().apply(graph)), refused)
     except (ArithmeticError, LookupError, TypeError, ValueError) as error:

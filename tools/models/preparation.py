@@ -50,10 +50,10 @@ def identities_resolved(graph: GraphProto) -> int:
     source: dict[str, str] = {}
     resolved = []
     for node in graph.node:
-        if node.op_type == "Identity" and node.input[0] in initializers | source.keys():
-            if node.output[0] not in outputs:
-                source[node.output[0]] = source.get(node.input[0], node.input[0])
-                resolved.append(node)
+        known = node.op_type == "Identity" and (node.input[0] in initializers or node.input[0] in source)
+        if known and node.output[0] not in outputs:
+            source[node.output[0]] = source.get(node.input[0], node.input[0])
+            resolved.append(node)
     for node in graph.node:
         for position, name in enumerate(node.input):
             node.input[position] = source.get(name, name)

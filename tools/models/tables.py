@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import re
 from collections.abc import Iterator, Sequence
 from typing import Any
 
@@ -85,14 +86,17 @@ def _errors(row: Row) -> Iterator[tuple[str, str]]:
 
 
 def _silent(rows: dict[str, Row]) -> Iterator[str]:
-    """One line per transformation and reason."""
+    """One line per transformation and reason, with all models that share it."""
+    models: dict[tuple[str, str, str], list[str]] = {}
     for model, row in rows.items():
         for name in prepared_for(model, transformations().values()):
             if miss := row["misses"].get(name):
                 matched = f"{miss['matched']} of {miss['of']}"
-                yield f"| `{name}` | `{model}` | {matched} | {_reason(miss['text'])} |"
+                models.setdefault((name, matched, _reason(miss["text"])), []).append(f"`{model}`")
+    for (name, matched, reason), names in models.items():
+        yield f"| `{name}` | {', '.join(names)} | {matched} | {reason} |"
 
 
 def _reason(text: str) -> str:
     """The part behind the count, which has a column of its own."""
-    return text.split("matched; ")[-1].replace("|", "\\|")
+    return re.sub(r"^\d+ of \d+ pattern nodes matched[^;]*; ", "", text).replace("|", "\\|")

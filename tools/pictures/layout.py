@@ -146,9 +146,7 @@ def _crossings(layout: Layout) -> int:
         for start, end in pairwise(way):
             port = (edge.port + 1) / (edge.ports + 2) - 0.5 if end == edge.end else 0.0
             lines.append((layout.items[start].layer, rank[start], rank[end] + port))
-    return sum(
-        (a[1] - b[1]) * (a[2] - b[2]) < 0 for k, a in enumerate(lines) for b in lines[:k] if a[0] == b[0]
-    )
+    return sum((a[1] - b[1]) * (a[2] - b[2]) < 0 for k, a in enumerate(lines) for b in lines[:k] if a[0] == b[0])
 
 
 def _set_x(layout: Layout) -> None:

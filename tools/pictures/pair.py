@@ -5,7 +5,7 @@ The lists are taken from the classes, so they are valid; what a node becomes is 
 
 from __future__ import annotations
 
-from collections.abc import Sequence
+from collections.abc import Iterable, Sequence
 from dataclasses import dataclass
 from enum import Enum
 
@@ -63,12 +63,12 @@ class Graph:
     def sources(self) -> tuple[str, ...]:
         """Tensors from outside, in the order in which they are read first."""
         written = {node.output for node in self.nodes}
-        return tuple(dict.fromkeys(id for node in self.nodes for id in node.inputs if id not in written))
+        return tuple(dict.fromkeys(link for node in self.nodes for link in node.inputs if link not in written))
 
     @property
     def results(self) -> tuple[str, ...]:
         """Tensors that no node here reads."""
-        read = {id for node in self.nodes for id in node.inputs}
+        read = {link for node in self.nodes for link in node.inputs}
         return tuple(node.output for node in self.nodes if node.output not in read)
 
 
@@ -117,8 +117,8 @@ def _fate(number: int, kept: set[int | None], copied: set[int | None]) -> State:
     return State.COPIED if number in copied else State.REMOVED
 
 
-def _constants(lines: object) -> set[str]:
-    return {link for line in lines for link in line.inputs if link.endswith("i")}  # type: ignore[attr-defined]
+def _constants(lines: Iterable[_Line]) -> set[str]:
+    return {link for line in lines for link in line.inputs if link.endswith("i")}
 
 
 def _node(op: str, number: int | None, line: _Line, state: State, others: set[str], otherwise: State) -> Node:

@@ -29,7 +29,7 @@ _STYLE = {
 
 def draw(title: str, before: Graph, after: Graph) -> str:
     """The whole picture."""
-    sides = [(graph, _layout(graph)) for graph in (before, after)]
+    sides = [(graph, lay_out(graph)) for graph in (before, after)]
     height = max(layout.height for _, layout in sides)
     bottom = _MARGIN + _TITLE + height
     left = _MARGIN + max(0.0, (60.0 - sides[0][1].width) / 2)
@@ -54,17 +54,17 @@ def draw(title: str, before: Graph, after: Graph) -> str:
     return "\n".join([*parts, "</svg>"]) + "\n"
 
 
-def _layout(graph: Graph) -> Layout:
+def lay_out(graph: Graph) -> Layout:
     """Names of items: "<id" a tensor from outside, ">id" a result, else the tensor that the node writes."""
-    sizes = {f"<{id}": (_PORT, _PORT) for id in graph.sources}
+    sizes = {f"<{tensor}": (_PORT, _PORT) for tensor in graph.sources}
     written = {node.output: node.output for node in graph.nodes}
     reads = {}
     for node in graph.nodes:
         sizes[node.output] = _size(node)
-        reads[node.output] = [written.get(id, f"<{id}") for id in node.inputs]
-    for id in graph.results:
-        sizes[f">{id}"] = (_PORT, _PORT)
-        reads[f">{id}"] = [id]
+        reads[node.output] = [written.get(tensor, f"<{tensor}") for tensor in node.inputs]
+    for tensor in graph.results:
+        sizes[f">{tensor}"] = (_PORT, _PORT)
+        reads[f">{tensor}"] = [tensor]
     return place(sizes, reads)
 
 

@@ -1,0 +1,130 @@
+"""The generated parts of docs/ are up to date, and the tools that make them are right."""
+
+from __future__ import annotations
+
+import json
+import re
+from itertools import pairwise
+from pathlib import Path
+
+import numpy as np
+import pytest
+from onnx import ModelProto, TensorProto, helper, numpy_helper
+from onnx.reference import ReferenceEvaluator
+
+from onnxgraft.catalogue import transformations
+from tools import draw_rewrites, firing_table
+from tools.models.preparation import prepare
+from tools.pictures.pair import Graph, State, read_pair
+from tools.pictures.svg import lay_out
+
+PAIRS = [pair for transformation in transformations().values() for pair in transformation.pairs]
+
+
+def test_every_pair_has_its_picture_on_a_page(repository: Path) -> None:
+    made, folder = draw_rewrites.pictures(), repository / "docs/pictures"
+    assert {path.name: path.read_text() for path in folder.iterdir()} == made, "run make docs"
+    pages = (repository / "docs/transformations").glob("[!R]*.md")
+    shown = [name for page in pages for name in re.findall(r"\(\.\./pictures/(\S+)\)", page.read_text())]
+    assert sorted(shown) == sorted(made)
+
+
+def test_links_lead_somewhere(repository: Path) -> None:
+    for page in [*repository.glob("*.md"), *repository.glob("docs/**/*.md")]:
+        for target, anchor in re.findall(r"\]\((?!https?:)([^)#\s]*)(?:#([^)]+))?\)", page.read_text()):
+            path = page.parent / target if target else page
+            assert path.exists(), f"{page.name}: {target}"
+            headings = [re.sub(r"[^\w -]", "", h).lower().replace(" ", "-") for h in _headings(path)]
+            assert not anchor or anchor in headings, f"{page.name}: {target}#{anchor}"
+
+
+def _headings(path: Path) -> list[str]:
+    return re.findall(r"^#+ (.+)$", path.read_text(), re.MULTILINE) if path.suffix == ".md" else []
+
+
+def test_tables_are_those_of_the_example_models(repository: Path) -> None:
+    rows = json.loads((repository / "docs/firing.json").read_text())
+    page = (repository / "docs/models.md").read_text()
+    assert firing_table.page_with(page, rows) == page, "run make docs"
+    counted = firing_table.rows_of(repository / "examples/models")
+    assert len(counted) == 2
+    assert {model: rows[model] for model in counted} == counted, "run make docs"
+
+
+@pytest.mark.parametrize(
+    ("pair", "before", "after"),
+    [
+        ((["A:0,1i->2", "B:2->3"], ["#0", "#1:2->4", "C:4,5i->3"]), "KC", "KCN"),
+        ((["A:0->1", "B:1->2", "D:1,2->3"], ["#1:0->2", "#1:2->3"]), "RCR", "CC"),
+    ],
+)
+def test_a_picture_tells_what_becomes_of_a_node(pair: tuple[list[str], list[str]], before: str, after: str) -> None:
+    sides = read_pair(*pair)
+    assert ["".join(node.state.name[0] for node in side.nodes) for side in sides] == [before, after]
+    constants = {c.id: c.state for side in sides for node in side.nodes for c in node.constants}
+    assert constants in ({"1": State.KEPT, "5": State.NEW}, {})
+
+
+@pytest.mark.parametrize("side", [side for pair in PAIRS for side in read_pair(*pair)])
+def test_boxes_do_not_overlap_and_edges_go_down(side: Graph) -> None:
+    layout = lay_out(side)
+    for layer in layout.layers:
+        row = [layout.items[name] for name in layer]
+        for left, right in pairwise(row):
+            assert left.x + left.width / 2 < right.x - right.width / 2
+    for edge in layout.edges:
+        start, end = layout.items[edge.start], layout.items[edge.end]
+        assert start.y + start.height / 2 < end.y - end.height / 2
+        assert abs(layout.entry(edge) - end.x) <= end.width / 2
+    assert len(layout.edges) == sum(len(node.inputs) for node in side.nodes) + len(side.results)
+
+
+def unprepared() -> ModelProto:
+    """Every form that preparation knows, and one of each that it has to leave."""
+    nodes = [
+        helper.make_node("Constant", [], ["scales"], value_floats=[1.0, 1.0, 2.0, 2.0]),
+        helper.make_node("Identity", ["w"], ["same"]),
+        helper.make_node("Identity", ["same"], ["same again"]),
+        helper.make_node("Transpose", ["turned"], ["straight"], perm=[1, 0, 2, 3]),
+        helper.make_node("Conv", ["x", "same again"], ["a"]),
+        helper.make_node("Conv", ["a", "straight"], ["b"]),
+        helper.make_node("Resize", ["b", "", "scales"], ["c"], mode="nearest"),
+        helper.make_node("ReduceMean", ["c"], ["pooled"], axes=[-1, 2]),
+        helper.make_node("ReduceMean", ["c"], ["flat"], axes=[2, 3], keepdims=0),
+        helper.make_node("ReduceMean", ["c"], ["channels"], axes=[1, 2]),
+        helper.make_node("Identity", ["w"], ["copy"]),
+    ]
+    rng = np.random.default_rng(3)
+    tensors = {"w": rng.random((3, 2, 1, 1), np.float32), "turned": rng.random((3, 4, 1, 1), np.float32)}
+    values = [numpy_helper.from_array(array, name) for name, array in tensors.items()]
+    results = [
+        helper.make_tensor_value_info(name, TensorProto.FLOAT, None) for name in ("pooled", "flat", "channels", "copy")
+    ]
+    inputs = [helper.make_tensor_value_info("x", TensorProto.FLOAT, [1, 2, 3, 3])]
+    return helper.make_model(
+        helper.make_graph(nodes, "unprepared", inputs, results, values),
+        opset_imports=[helper.make_opsetid("", 13)],
+        ir_version=8,
+    )
+
+
+def test_preparation_keeps_the_function() -> None:
+    model = unprepared()
+    x = {"x": np.random.default_rng(4).random((1, 2, 3, 3), np.float32)}
+    expected = ReferenceEvaluator(model).run(None, x)
+    assert prepare(model) == {"Constant": 1, "Identity": 2, "Transpose": 1, "Resize": 1, "ReduceMean": 1}
+    operators = [node.op_type for node in model.graph.node]
+    assert operators == ["Conv", "Conv", "Resize", "GlobalAveragePool", "ReduceMean", "ReduceMean", "Identity"]
+    assert "turned" not in {tensor.name for tensor in model.graph.initializer}
+    for value, wanted in zip(ReferenceEvaluator(model).run(None, x), expected, strict=True):
+        np.testing.assert_allclose(value, wanted, rtol=1e-6)
+    again = model.SerializeToString()
+    assert not any(prepare(model).values())
+    assert model.SerializeToString() == again
+
+
+def test_preparation_refuses_nested_bodies() -> None:
+    model = unprepared()
+    model.graph.node.add(op_type="If").attribute.append(helper.make_attribute("then_branch", model.graph))
+    with pytest.raises(ValueError, match="nested bodies"):
+        prepare(model)
