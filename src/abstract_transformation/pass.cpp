@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "core/node_order.h"
+#include "py/graph_fields.h"
 #include "py/guard.h"
 
 namespace onnxgraft::py {
@@ -33,6 +34,7 @@ std::size_t Pass::run() {
 void Pass::prepare_writer() {
   if (writer_) return;
   reader_.read_names(table_);
+  initializers_ = attribute(graph_, field::initializer);
   writer_.emplace(reader_.nodes(), table_);
   // A callback may change the list; what it did can be told only from the nodes' identities.
   if (!callback_.keeps_nodes()) writer_->hold_all();

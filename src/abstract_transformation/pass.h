@@ -51,6 +51,7 @@ class Pass {
   std::shared_ptr<const core::Rule> rule_;
   core::GraphTable table_;
   GraphReader reader_;
+  Ref initializers_;  // held so that callbacks, which ask the graph for it, get it without making it anew
   Callback callback_;
   std::optional<GraphWriter> writer_;
   std::optional<core::Claims> claims_;  // of accepted occurrences

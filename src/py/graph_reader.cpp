@@ -22,17 +22,51 @@ Ref node_list(PyObject* graph) {
         is_model ? ": pass model.graph" : "");
 }
 
+/// Number of inputs that count: trailing empty names do not.
+std::size_t input_count(PyObject* node) {
+  const Ref inputs = attribute(node, field::input);
+  Py_ssize_t count = length(inputs.get());
+  while (count > 0 && utf8(item(inputs.get(), count - 1).get()).empty()) --count;
+  return static_cast<std::size_t>(count);
+}
+
+/// Pattern nodes for which no graph node of the right operator and number of inputs was seen yet. Costs little where
+/// they are soon found, and spares reading the links of a graph in which they never are.
+class MissingRoles {
+ public:
+  MissingRoles(const core::Rule& rule, core::Names& ops) {
+    for (const core::PatternNode& role : rule.nodes) roles_.emplace_back(ops.intern(role.op), &role);
+  }
+
+  void look_at(PyObject* node, core::NameId op) {
+    const auto of_op = [&](const auto& role) { return role.first == op; };
+    if (std::ranges::none_of(roles_, of_op)) return;
+    const std::size_t count = input_count(node);
+    std::erase_if(roles_, [&](const auto& role) {
+      const std::size_t named = role.second->inputs.size();
+      return role.first == op && (role.second->rest ? count >= named : count == named);
+    });
+  }
+
+  [[nodiscard]] bool empty() const { return roles_.empty(); }
+
+ private:
+  std::vector<std::pair<core::NameId, const core::PatternNode*>> roles_;
+};
+
 }  // namespace
 
 GraphReader::GraphReader(PyObject* graph) : graph_(graph), nodes_(node_list(graph)) {}
 
 bool GraphReader::read_operators(const core::Rule& rule, core::GraphTable& table) {
+  MissingRoles missing(rule, table.ops);
   const Ref elements = iterator(nodes_.get());
   while (const Ref node = next(elements.get())) {
-    ops_.push_back(table.ops.intern(utf8(attribute(node.get(), field::op_type).get())));
+    const core::NameId op = table.ops.intern(utf8(attribute(node.get(), field::op_type).get()));
+    ops_.push_back(op);
+    missing.look_at(node.get(), op);
   }
-  return std::ranges::all_of(rule.nodes,
-                             [&](const core::PatternNode& node) { return table.ops.find(node.op).has_value(); });
+  return missing.empty();
 }
 
 void GraphReader::read_links(core::GraphTable& table) {

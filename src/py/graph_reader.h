@@ -19,7 +19,8 @@ class GraphReader {
   /// TypeError that says what to pass.
   explicit GraphReader(PyObject* graph);
 
-  /// Reads all operator types; false if the graph lacks one that the rule's pattern names.
+  /// Reads all operator types; false if some node of the rule's pattern has no counterpart of its operator and
+  /// number of inputs, so that nothing can match.
   bool read_operators(const core::Rule& rule, core::GraphTable& table);
   /// Reads links, bodies, initializers and outputs, and seals the table.
   void read_links(core::GraphTable& table);

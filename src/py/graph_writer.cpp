@@ -195,7 +195,8 @@ void GraphWriter::make(NodeIndex node) {
   } else {
     fill(message.get(), node);
   }
-  handles_[node] = std::move(message);
+  // A new node's object is needed again only to find the node in a list that others have changed.
+  if (holds_all_ || handles_[node]) handles_[node] = std::move(message);
 }
 
 void GraphWriter::fill(PyObject* message, NodeIndex node) {
