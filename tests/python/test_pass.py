@@ -4,11 +4,12 @@ from __future__ import annotations
 
 import sys
 from collections.abc import Callable
-from typing import Any
+from typing import Any, cast
 
 import pytest
-from helpers.small_graphs import graph_of, operators
 from onnx import GraphProto, NodeProto, helper
+
+from helpers.small_graphs import graph_of, operators
 from onnxgraft import quant
 from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences, nearest_miss
 
@@ -26,12 +27,19 @@ class Negate(AbstractTransformation):
     def get_simple_name(self) -> str:
         return "negate"
 
-    def _on_replace_subgraph(self, graph, replaced_nodes, isomorphic_node_mapping, isomorphic_links_mapping, **kwargs):
+    def _on_replace_subgraph(
+        self,
+        graph: GraphProto,
+        replaced_nodes: list[NodeProto],
+        isomorphic_node_mapping: dict[int, int],
+        isomorphic_links_mapping: dict[str, str],
+        **kwargs: Any,
+    ) -> bool:
         assert [graph.node[isomorphic_node_mapping[k]].op_type for k in (0, 1)] == ["Neg", "Relu"]
         assert graph.node[isomorphic_node_mapping[1]].input[0] == isomorphic_links_mapping["100"]
         assert replaced_nodes[0].input[0] == isomorphic_links_mapping["0"]
         self.calls.append(replaced_nodes[0].name)
-        return self.act(len(self.calls), graph, replaced_nodes[0])
+        return cast(bool, self.act(len(self.calls), graph, replaced_nodes[0]))
 
     def apply(self, graph: GraphProto, debug: bool = False) -> int:
         return self._replace_all_isomorphic_sub_graphs(graph, PATTERN, REPLACEMENT, debug=debug)
@@ -128,7 +136,7 @@ def test_extra_keywords_arrive_by_identity_and_debug_does_not() -> None:
     seen: list[dict[str, object]] = []
 
     class Listening(AbstractTransformation):
-        def _on_replace_subgraph(self, graph, nodes, node_mapping, links, **kwargs):
+        def _on_replace_subgraph(self, *args: Any, **kwargs: Any) -> bool:
             seen.append(kwargs)
             return True
 
