@@ -5,6 +5,8 @@ Quantize nodes with rounding and without: where nodes only move or merge, every 
 
 from __future__ import annotations
 
+from pathlib import Path
+
 import numpy as np
 import onnx
 import pytest
@@ -132,3 +134,19 @@ def test_simplified_shape() -> None:
     after = applied("simplify_shape_v2", before)
     assert [node.op_type for node in after.graph.node] == ["Resize"]
     assert_equal(*both(before, after, Convention()))
+
+
+def test_real_models(example_models: list[Path]) -> None:
+    """One transformation after the other on quantized exports; each that fires keeps every bit of the outputs."""
+    fired = set()
+    for path in example_models:
+        model = onnx.load(path)
+        np.random.seed(0)
+        assert catalogue.find("quant_conv").apply(model.graph)
+        inputs = random_inputs(model)
+        outputs = evaluate(model, inputs, Convention(rounding=True))
+        for name in [*MERGING, "update_tesselquant", *PULL_UP, "change_gap_conv", "simplify_shape_v2"]:
+            if catalogue.find(name).apply(model.graph):
+                fired.add(name)
+                assert_equal(outputs, evaluate(model, inputs, Convention(rounding=True)))
+    assert fired >= {"replace_quant", "update_tesselquant", "replace_quant_v2"}

@@ -18,7 +18,7 @@ from oracle.notation import PatternNode
 
 # For each attribute the values that it may have, usual ones first and most often.
 ATTRIBUTES: dict[str, dict[str, tuple[Any, ...]]] = {
-    "TesselQuant": {"scale": (0.5, 0.5005, 0.502, 1.0), "offset": (0.0, 2.0, -0.7, 0.001)},
+    "TesselQuant": {"scale": (0.5, 0.5005, 0.502, 1.0), "offset": (2.0, 0.0, 0.0, -0.7, 2.001, 3)},
     "Conv": {"group": (1, 1, 1, 1, 2), "pads": ([0, 0, 0, 0], [0, 0], [0, 0, 0, 1])},
     "Gemm": {"transB": (1, 0), "alpha": (1.0,)},
     "Concat": {"axis": (1, 0)},
@@ -41,6 +41,7 @@ class FurnishedMaker(GraphMaker):
         self.values = np.random.default_rng(rng.randrange(2**32))
         self.channels = rng.randint(1, 5)
         self._products = products
+        self._shared = (super().constant(), super().constant())  # a weight and a bias for several convolutions
 
     def _faulty(self) -> bool:
         return self.rng.random() < self.fault
@@ -66,15 +67,14 @@ class FurnishedMaker(GraphMaker):
     def _outside(self, links: dict[str, str]) -> str:
         if not self._products or self.rng.random() < 0.1 + self.fault:
             return super()._outside(links)
-        dequantized = self.add("TesselDequant", [self.tensor(), self.constant()]).output[-1]
-        return self.add("Mul", self.rng.sample([dequantized, self.tensor()], 2)).output[-1]
+        op = "Relu" if self.rng.random() < 0.06 else "TesselDequant"
+        branch = self.add(op, [self.tensor(), *([self.constant()] if op != "Relu" else [])]).output[-1]
+        op = "Add" if self.rng.random() < 0.06 else "Mul"
+        return self.add(op, self.rng.sample([branch, self.tensor()], 2)).output[-1]
 
     def _decorate(self) -> None:
         for node in [n for n in self.graph.node if n.op_type == "TesselQuant"]:
-            inner = any(set(node.output) & set(other.input) for other in self.graph.node)
-            for _ in range(self.rng.choice((0,) * 19 + (1,) if inner else (0, 0, 1, 1, 2))):
-                bias = self.rng.choice(([], [""], [self.constant()], [self.constant()]))
-                self.add("Conv", [node.output[-1] or node.output[0], self.constant(), *bias])
+            self._add_readers(node)
         super()._decorate()
         if self.rng.random() < self.tidy:
             del self.graph.output[:]
@@ -88,6 +88,17 @@ class FurnishedMaker(GraphMaker):
         for value in self.graph.value_info:
             dims = [self.rng.choice((1, 3, "n", None)) for _ in range(self.rng.choice((0, 1, 2, 4, 4, 4)))]
             value.CopyFrom(helper.make_tensor_value_info(value.name, TensorProto.FLOAT, dims))
+
+    def _add_readers(self, node: NodeProto) -> None:
+        """Convolutions on a quantized tensor; some share their weights and biases."""
+        rng = self.rng
+        inner = any(set(node.output) & set(other.input) for other in self.graph.node)
+        for _ in range(rng.choice((0,) * 19 + (1,) if inner else (0, 1, 1, 2, 3))):
+            weight, bias = (self.constant() if rng.random() < 0.5 else name for name in self._shared)
+            inputs = [node.output[-1] or node.output[0], weight, *rng.choice(([], [""], [bias], [bias]))]
+            if rng.random() < 0.05:
+                rng.shuffle(inputs)
+            self.add("Conv", inputs)
 
     def _furnish_node(self, node: NodeProto) -> None:
         table = ATTRIBUTES.get(node.op_type)
@@ -133,7 +144,8 @@ def _weight(maker: FurnishedMaker) -> Array:
 
 
 def _bias(maker: FurnishedMaker) -> Array:
-    return maker.integers((maker.length(),), np.int32, -(10**6), 10**6)
+    dtype = maker.rng.choice((np.int32, np.int32, np.int32, np.int64, np.float32))
+    return maker.integers((maker.length(),), dtype, -(10**6), 10**6)
 
 
 def _matrix(maker: FurnishedMaker) -> Array:
