@@ -9,16 +9,20 @@
 namespace onnxgraft::py {
 
 Pass::Pass(PyObject* transformation, PyObject* graph, PyObject* extra, std::shared_ptr<const core::Rule> rule)
-    : graph_(graph), rule_(std::move(rule)), reader_(graph), callback_(transformation, graph, extra, *rule_) {}
+    : graph_(graph),
+      rule_(std::move(rule)),
+      reader_(graph),
+      callback_(transformation, graph, extra, *rule_),
+      writer_(reader_.nodes(), table_) {}
 
 std::size_t Pass::run() {
   if (!reader_.read_operators(*rule_, table_)) return 0;
   reader_.read_links(table_);
   core::Candidates candidates(table_, *rule_);
   if (!candidates.possible()) return 0;
-  claims_.emplace(table_.original_count());
+  claims_ = core::Claims(table_.original_count());
   while (true) {
-    core::Claims claims = *claims_;
+    core::Claims claims = claims_;
     core::OccurrenceList occurrences = core::Search(table_, *rule_, candidates, claims, refused_).run();
     if (occurrences.empty()) break;
     counts_.found += occurrences.size();
@@ -27,33 +31,33 @@ std::size_t Pass::run() {
     // Only a refusal makes room for others, and only where occurrences stand in each other's way at all.
     if (counts_.refused == refused_before || !rule_->removes) break;
   }
-  if (counts_.replaced != 0) clean_up(graph_, table_, *writer_, clean_up_names_, callback_.keeps_nodes());
+  if (counts_.replaced != 0) clean_up(graph_, table_, writer_, clean_up_names_, callback_.keeps_nodes());
   return counts_.replaced;
 }
 
-void Pass::prepare_writer() {
-  if (writer_) return;
+void Pass::prepare_writing() {
+  if (writer_.has_begun()) return;
   reader_.read_names(table_);
   initializers_ = attribute(graph_, field::initializer);
-  writer_.emplace(reader_.nodes(), table_);
+  writer_.begin();
   // A callback may change the list; what it did can be told only from the nodes' identities.
-  if (!callback_.keeps_nodes()) writer_->hold_all();
+  if (!callback_.keeps_nodes()) writer_.hold_all();
 }
 
 void Pass::run_round(core::OccurrenceList& occurrences) {
-  prepare_writer();
+  prepare_writing();
   const core::SplicePlan plan(table_, *rule_, occurrences);
   for (core::NodeIndex node = plan.first_new_node(); node < table_.node_count(); ++node) {
-    writer_->set_source(node, plan.copied_from(node));
+    writer_.set_source(node, plan.copied_from(node));
   }
-  const std::vector<core::NodeIndex> before(writer_->order().begin(), writer_->order().end());
+  const std::vector<core::NodeIndex> before(writer_.order().begin(), writer_.order().end());
   std::vector<bool> chosen(occurrences.size(), true);
   if (!callback_.is_default()) {
     for (std::size_t index = 0; index < occurrences.size(); ++index) {
-      for (const core::NodeIndex node : occurrences.nodes(index)) writer_->handle(node);
+      for (const core::NodeIndex node : occurrences.nodes(index)) writer_.handle(node);
     }
   }
-  writer_->rearrange(plan.arrange(before, chosen));
+  writer_.rearrange(plan.arrange(before, chosen));
   if (!callback_.is_default()) {
     try {
       ask(occurrences, plan, chosen);
@@ -73,7 +77,7 @@ void Pass::run_round(core::OccurrenceList& occurrences) {
 void Pass::ask(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::vector<bool>& chosen) {
   chosen.assign(occurrences.size(), false);
   for (std::size_t index = 0; index < occurrences.size(); ++index) {
-    const Callback::Arguments arguments = callback_.arguments(occurrences, plan, index, table_, *writer_);
+    const Callback::Arguments arguments = callback_.arguments(occurrences, plan, index, table_, writer_);
     chosen[index] = true;
     chosen[index] = callback_.call(arguments);
   }
@@ -84,8 +88,8 @@ void Pass::take_back(const core::OccurrenceList& occurrences, const core::Splice
   bool all = true;
   for (const bool stays : chosen) all = all && stays;
   if (all) return;
-  if (!writer_->synchronize()) {
-    writer_->rearrange(plan.arrange(before, chosen));
+  if (!writer_.synchronize()) {
+    writer_.rearrange(plan.arrange(before, chosen));
     return;
   }
   std::vector<bool> goes(table_.node_count(), false);
@@ -96,7 +100,7 @@ void Pass::take_back(const core::OccurrenceList& occurrences, const core::Splice
     }
   }
   std::vector<bool> is_written(table_.names.size(), false);
-  for (const core::NodeIndex node : writer_->order()) {
+  for (const core::NodeIndex node : writer_.order()) {
     if (goes[node]) continue;
     for (const core::NameId name : table_.outputs(node)) is_written[name] = true;
   }
@@ -110,8 +114,8 @@ void Pass::take_back(const core::OccurrenceList& occurrences, const core::Splice
       comes_back[nodes[role]] = true;
     }
   }
-  const std::vector<core::NodeIndex> list = core::put_back(writer_->order(), before, goes, comes_back);
-  writer_->rearrange(core::put_in_order(table_, writer_->order(), list));
+  const std::vector<core::NodeIndex> list = core::put_back(writer_.order(), before, goes, comes_back);
+  writer_.rearrange(core::put_in_order(table_, writer_.order(), list));
 }
 
 void Pass::record(const core::OccurrenceList& occurrences, const std::vector<bool>& chosen) {
@@ -123,7 +127,7 @@ void Pass::record(const core::OccurrenceList& occurrences, const std::vector<boo
       continue;
     }
     ++counts_.replaced;
-    claims_->add(*rule_, nodes);
+    claims_.add(*rule_, nodes);
     for (std::size_t role = 0; role < nodes.size(); ++role) {
       const core::PatternNode& node = rule_->nodes[role];
       if (!node.removed()) continue;

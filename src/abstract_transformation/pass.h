@@ -9,7 +9,6 @@
 
 #include <chrono>
 #include <memory>
-#include <optional>
 #include <vector>
 
 #include "abstract_transformation/callback.h"
@@ -41,7 +40,7 @@ class Pass {
 
  private:
   void run_round(core::OccurrenceList& occurrences);
-  void prepare_writer();
+  void prepare_writing();
   void ask(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::vector<bool>& chosen);
   void take_back(const core::OccurrenceList& occurrences, const core::SplicePlan& plan,
                  const std::vector<core::NodeIndex>& before, const std::vector<bool>& chosen);
@@ -53,8 +52,8 @@ class Pass {
   GraphReader reader_;
   Ref initializers_;  // held so that callbacks, which ask the graph for it, get it without making it anew
   Callback callback_;
-  std::optional<GraphWriter> writer_;
-  std::optional<core::Claims> claims_;  // of accepted occurrences
+  GraphWriter writer_;
+  core::Claims claims_{0};  // of accepted occurrences
   core::RefusedSet refused_;
   CleanUpNames clean_up_names_;
   Counts counts_;

@@ -15,7 +15,11 @@ namespace onnxgraft::py {
 
 class GraphWriter {
  public:
-  GraphWriter(PyObject* nodes, core::GraphTable& table);
+  GraphWriter(PyObject* nodes, core::GraphTable& table) : nodes_(nodes), table_(table) {}
+
+  /// Takes the table's nodes as what stands in the graph; called once, when the table has been read.
+  void begin();
+  [[nodiscard]] bool has_begun() const { return begun_; }
 
   /// The nodes of the graph in list order, as far as the writer knows.
   [[nodiscard]] std::span<const core::NodeIndex> order() const { return order_; }
@@ -53,6 +57,7 @@ class GraphWriter {
   std::vector<std::size_t> position_;     // per node; `absent` if not in the list
   std::vector<Ref> handles_;              // per node
   std::vector<core::NodeIndex> sources_;  // per node: what a new one copies
+  bool begun_ = false;
   bool holds_all_ = false;
   bool disturbed_ = false;  // others changed the list since the last `rearrange`
 };

@@ -1,0 +1,83 @@
+"""Stand-ins for messages and lists that raise at their n-th use, whatever it is."""
+
+from __future__ import annotations
+
+from collections.abc import Iterator
+from typing import Any
+
+
+class Fault(Exception):
+    """What a use raises."""
+
+
+class Uses:
+    """Counts uses of all proxies; the n-th raises, later ones do not."""
+
+    def __init__(self, fail_at: int) -> None:
+        self.left = fail_at
+        self.proxies: dict[int, Proxy] = {}
+
+    def count(self) -> None:
+        """One use."""
+        self.left -= 1
+        if self.left == 0:
+            raise Fault
+
+    def wrap(self, value: Any) -> Any:
+        """The proxy of a message or a list, always the same; a counting function for a method."""
+        if value is None or isinstance(value, str | int | float | bytes):
+            return value
+        if callable(value) and not hasattr(value, "DESCRIPTOR"):
+            return lambda *args, **kwargs: self._call(value, args, kwargs)
+        known = self.proxies.get(id(value))
+        if known is None or known._value is not value:
+            known = self.proxies[id(value)] = Proxy(self, value)
+        return known
+
+    def _call(self, method: Any, args: tuple[Any, ...], kwargs: dict[str, Any]) -> Any:
+        self.count()
+        if key := kwargs.get("key"):
+            kwargs = {"key": lambda element: key(self.wrap(element))}
+        return self.wrap(method(*(arg._value if isinstance(arg, Proxy) else arg for arg in args), **kwargs))
+
+
+class Proxy:
+    """Hands every use on to the real thing."""
+
+    __slots__ = ("_uses", "_value")
+    _uses: Uses
+    _value: Any
+
+    def __init__(self, uses: Uses, value: Any) -> None:
+        object.__setattr__(self, "_uses", uses)
+        object.__setattr__(self, "_value", value)
+
+    def __getattr__(self, name: str) -> Any:
+        self._uses.count()
+        return self._uses.wrap(getattr(self._value, name))
+
+    def __setattr__(self, name: str, value: Any) -> None:
+        self._uses.count()
+        setattr(self._value, name, value)
+
+    def __len__(self) -> int:
+        self._uses.count()
+        return len(self._value)
+
+    def __getitem__(self, index: Any) -> Any:
+        self._uses.count()
+        return self._uses.wrap(self._value[index])
+
+    def __setitem__(self, index: Any, value: Any) -> None:
+        self._uses.count()
+        self._value[index] = value
+
+    def __delitem__(self, index: Any) -> None:
+        self._uses.count()
+        del self._value[index]
+
+    def __iter__(self) -> Iterator[Any]:
+        self._uses.count()
+        for element in list(self._value):
+            self._uses.count()
+            yield self._uses.wrap(element)
