@@ -105,13 +105,30 @@ def test_second_pair_of_v1_reorders_the_channels() -> None:
     assert (first["t99"] != second["t99"]).any()
 
 
+# Offsets play no part where the convolution takes that of its own quantize node out.
+OFFSETS = pytest.mark.parametrize(
+    ("offsets", "convention"),
+    [((0.0, 0.0), Convention(element_type="float64")), ((3.0, -2.0), Convention(element_type="float64", centred=True))],
+    ids=["no offset", "centred"],
+)
+
+
+@OFFSETS
 @pytest.mark.parametrize(("name", "pattern"), pairs("update_tesselquant"))
 @pytest.mark.parametrize(("front", "behind"), [(0.5, 1.0), (1.0, 0.375), (0.3, 0.7)])
-def test_updated_quantize_nodes(name: str, pattern: tuple[str, ...], front: float, behind: float) -> None:
+def test_updated_quantize_nodes(
+    name: str,
+    pattern: tuple[str, ...],
+    front: float,
+    behind: float,
+    offsets: tuple[float, float],
+    convention: Convention,
+) -> None:
     """(W(rqx) + trunc(rb)) s/r against (W(qx) + b) s: the truncation loses less than 1, so less than s/r."""
-    before = make_model(pattern, {0: {"scale": front}, 4: {"scale": behind}})
+    rows = zip((0, 4), (front, behind), offsets, strict=True)
+    before = make_model(pattern, {k: {"scale": scale, "offset": offset} for k, scale, offset in rows})
     after = applied(name, before)
-    first, second = both(before, after, Convention(element_type="float64"))
+    first, second = both(before, after, convention)
     (words,) = (numpy_helper.to_array(t) for t in after.graph.initializer if t.name == "t6")
     bound = words.astype(np.uint32).view(np.float32).reshape(1, -1, 1, 1)
     if behind == 2 * front:  # nothing to truncate
@@ -121,11 +138,15 @@ def test_updated_quantize_nodes(name: str, pattern: tuple[str, ...], front: floa
     np.testing.assert_array_equal(first["t19"], second["t19"])
 
 
+@OFFSETS
 @pytest.mark.parametrize(("name", "pattern"), pairs("change_gap_conv"))
-def test_convolutions_behind_a_pool_in_floating_point(name: str, pattern: tuple[str, ...]) -> None:
-    before = make_model(pattern, {1: {"scale": 0.3}, 5: {"scale": 1.7}, 6: {"scale": 1.7}} if len(pattern) == 10 else {
-        1: {"scale": 0.3}, 5: {"scale": 1.7}})  # fmt: skip
-    first, second = both(before, applied(name, before), Convention(element_type="float64"))
+def test_convolutions_behind_a_pool_in_floating_point(
+    name: str, pattern: tuple[str, ...], offsets: tuple[float, float], convention: Convention
+) -> None:
+    quantizers = [k for k, node in enumerate(pattern) if node.startswith("TesselQuant")]
+    rows = zip(quantizers, (0.3, 1.7), offsets, strict=True)
+    before = make_model(pattern, {k: {"scale": scale, "offset": offset} for k, scale, offset in rows})
+    first, second = both(before, applied(name, before), convention)
     np.testing.assert_allclose(first["t16"], second["t16"], rtol=2e-6, atol=0)
 
 
