@@ -15,7 +15,7 @@ const InternedName name_attribute("__name__");
 /// True if the transformation's class is one of the callback's own module: a subclass elsewhere may override
 /// whatever the callback calls.
 bool is_own_class(PyObject* transformation, PyObject* function) {
-  PyObject* type = reinterpret_cast<PyObject*>(Py_TYPE(transformation));
+  auto* type = reinterpret_cast<PyObject*>(Py_TYPE(transformation));
   const Ref module_name = attribute(function, module_attribute);
   PyObject* modules = PyImport_GetModuleDict();
   PyObject* module = PyDict_GetItemWithError(modules, module_name.get());

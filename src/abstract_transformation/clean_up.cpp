@@ -70,10 +70,9 @@ void clean_up(PyObject* graph, core::GraphTable& table, const GraphWriter& write
       drop_uses_in_graph(unused, graph, table);
     }
     drop(unused, read_element_names(attribute(graph, field::output).get(), table.names));
-    if (std::ranges::find(unused, true) != unused.end()) {
-      if (delete_named(attribute(graph, field::initializer).get(), table.names, unused)) {
-        delete_named(attribute(graph, field::input).get(), table.names, unused);
-      }
+    const bool found = std::ranges::find(unused, true) != unused.end();
+    if (found && delete_named(attribute(graph, field::initializer).get(), table.names, unused)) {
+      delete_named(attribute(graph, field::input).get(), table.names, unused);
     }
   }
   const Ref value_info = attribute(graph, field::value_info);

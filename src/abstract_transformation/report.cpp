@@ -55,7 +55,7 @@ void write_debug_line(PyObject* transformation, PyObject* graph, PyObject* patte
     const auto miss = core::find_nearest_miss(table, rule);
     if (miss) line += "; nearest miss: " + core::describe(table, rule, *miss);
   }
-  line += "\n";
+  line += '\n';
   static const InternedName write("write");
   PyObject* stream = PySys_GetObject("stderr");
   if (stream == nullptr || stream == Py_None) return;

@@ -21,7 +21,7 @@ class SplicePlan {
 
   /// Graph node of a replacement entry: the matched node where it is kept, else a new one.
   [[nodiscard]] NodeIndex entry_node(std::size_t occurrence, std::size_t entry) const {
-    return entry_nodes_[occurrence * rule_.entries.size() + entry];
+    return entry_nodes_[(occurrence * rule_.entries.size()) + entry];
   }
   [[nodiscard]] NodeIndex first_new_node() const { return first_new_; }
   /// Matched node that a new node copies, `no_index` for one made from scratch.

@@ -19,8 +19,8 @@ struct ClassRow {
   const char* name;
   std::span<const char* const> bases;  // names, looked up in the module
   const char* doc = nullptr;           // stored as it stands; null: the class has none
-  std::span<const PatternList> lists{};
-  std::span<const FunctionRow> methods{};
+  std::span<const PatternList> lists;
+  std::span<const FunctionRow> methods;
 };
 
 /// Makes the class and puts it into the module under its name. An abstract method goes through

@@ -36,9 +36,11 @@ void assign_names(PyObject* list, std::span<const core::NameId> ids, const core:
 
 }  // namespace
 
-GraphWriter::GraphWriter(PyObject* nodes, core::GraphTable& table)
-    : nodes_(nodes), table_(table), handles_(table.node_count()), sources_(table.node_count(), no_index) {
-  std::vector<NodeIndex> order(table.original_count());
+void GraphWriter::begin() {
+  begun_ = true;
+  handles_.resize(table_.node_count());
+  sources_.resize(table_.node_count(), no_index);
+  std::vector<NodeIndex> order(table_.original_count());
   std::iota(order.begin(), order.end(), NodeIndex{0});
   set_order(std::move(order));
 }

@@ -8,7 +8,7 @@ from typing import Any
 import pytest
 from onnx import GraphProto, TensorProto, helper
 
-from helpers.failing import Fault, Uses
+from helpers.failing import FaultError, Uses
 from helpers.small_graphs import graph_of
 from onnxgraft.abstract_transformation import AbstractTransformation
 
@@ -37,7 +37,7 @@ def conv_relus(count: int = 3) -> GraphProto:
 
 def is_sound(graph: GraphProto) -> bool:
     """Every tensor has one writer, in front of its readers; new initializers are the callback's to make."""
-    known = {value.name for value in (*graph.input, *graph.initializer)}
+    known = {value.name for value in graph.input} | {tensor.name for tensor in graph.initializer}
     for node in graph.node:
         if any(name not in known and not name.endswith("_new") for name in node.input):
             return False
@@ -56,7 +56,7 @@ def test_a_fault_at_every_use(verdict: Callable[[int], bool]) -> None:
         swap, uses = Swap(verdict), Uses(fail_at)
         try:
             swap._replace_all_isomorphic_sub_graphs(uses.wrap(graph), PATTERN, REPLACEMENT)
-        except Fault:
+        except FaultError:
             faults += 1
         else:
             break

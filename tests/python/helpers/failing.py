@@ -6,7 +6,7 @@ from collections.abc import Iterator
 from typing import Any
 
 
-class Fault(Exception):
+class FaultError(Exception):
     """What a use raises."""
 
 
@@ -21,7 +21,7 @@ class Uses:
         """One use."""
         self.left -= 1
         if self.left == 0:
-            raise Fault
+            raise FaultError
 
     def wrap(self, value: Any) -> Any:
         """The proxy of a message or a list, always the same; a counting function for a method."""
