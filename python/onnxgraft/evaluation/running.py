@@ -12,8 +12,9 @@ import numpy.typing as npt
 import onnx
 from onnx.reference import ReferenceEvaluator
 
+from onnxgraft.evaluation.convention import Convention
 from onnxgraft.evaluation.errors import EvaluationError
-from onnxgraft.evaluation.lowering import Convention, lower
+from onnxgraft.evaluation.lowering import lower
 
 Array = npt.NDArray[Any]
 
