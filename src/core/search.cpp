@@ -188,13 +188,12 @@ bool Search::propagate_link(LinkId id) {
     if (producer == no_index || !candidates_.contains(link.writer, producer)) return false;
     if (!bind(link.writer, producer)) return false;
   }
-  for (const LinkReader& reader : link.readers) {
-    if (node_of_[reader.node] != no_index) continue;
+  return std::ranges::all_of(link.readers, [&](const LinkReader& reader) {
+    if (node_of_[reader.node] != no_index) return true;
     const Candidates::Range range = candidates_.readers(reader.node, reader.slot, name);
-    if (range.size() == 0) return false;
-    if (range.size() == 1 && !bind(reader.node, candidates_.at(range.list, range.begin))) return false;
-  }
-  return true;
+    if (range.size() != 1) return range.size() > 1;
+    return bind(reader.node, candidates_.at(range.list, range.begin));
+  });
 }
 
 }  // namespace onnxgraft::core

@@ -55,7 +55,7 @@ class Search {
   bool bind(std::uint32_t role, NodeIndex node);
   bool bind_link(LinkId link, NameId name);
   bool propagate(std::size_t from_link);
-  bool propagate_link(LinkId link);
+  bool propagate_link(LinkId id);
   void accept(OccurrenceList& found);
   void leave_other_parts();
   [[nodiscard]] std::uint32_t lowest_open_role() const;

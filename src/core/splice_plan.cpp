@@ -30,7 +30,9 @@ void SplicePlan::name_links(std::span<const NodeIndex> nodes, std::span<NameId> 
     } else if (!entry.inputs.empty()) {
       base = text(links[entry.inputs.front().link]);
     }
-    links[entry.output] = fresh.make(base.empty() ? op : base + "_" + op);
+    if (!base.empty()) base += '_';
+    base += op;
+    links[entry.output] = fresh.make(base);
   }
   for (const ReplacementEntry& entry : rule_.entries) {
     for (std::size_t slot = 0; slot < entry.inputs.size(); ++slot) {

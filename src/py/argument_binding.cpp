@@ -1,5 +1,7 @@
 #include "py/argument_binding.h"
 
+#include <utility>
+
 namespace onnxgraft::py {
 
 namespace {
@@ -13,7 +15,8 @@ std::size_t required_count(const FunctionRow& row) {
 [[noreturn]] void raise_arity(const FunctionRow& row, Py_ssize_t given) {
   const auto minimum = static_cast<Py_ssize_t>(required_count(row));
   const auto maximum = static_cast<Py_ssize_t>(row.parameters.size());
-  const char* bound = minimum == maximum ? "exactly" : given < minimum ? "at least" : "at most";
+  const char* bound = given < minimum ? "at least" : "at most";
+  if (minimum == maximum) bound = "exactly";
   const Py_ssize_t expected = given < minimum ? minimum : maximum;
   raise(PyExc_TypeError, "%.200s() takes %.8s %zd positional argument%.1s (%zd given)", row.name, bound, expected,
         expected == 1 ? "" : "s", given);
@@ -50,7 +53,7 @@ BoundArguments::BoundArguments(const FunctionRow& row, PyObject* const* stack, P
                                PyObject* keyword_names)
     : count_(row.parameters.size()) {
   if (count_ > capacity) raise(PyExc_SystemError, "%s(): too many parameters", row.name);
-  if (positional > static_cast<Py_ssize_t>(count_)) raise_arity(row, positional);
+  if (std::cmp_greater(positional, count_)) raise_arity(row, positional);
   for (Py_ssize_t index = 0; index < positional; ++index) values_[static_cast<std::size_t>(index)] = stack[index];
   if (row.collects_keywords) keywords_ = checked(PyDict_New());
   const Py_ssize_t keyword_count = keyword_names == nullptr ? 0 : PyTuple_GET_SIZE(keyword_names);

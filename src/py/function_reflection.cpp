@@ -11,13 +11,15 @@ namespace {
 
 const FunctionObject& function_of(PyObject* self) { return *reinterpret_cast<const FunctionObject*>(self); }
 
-PyObject* get_name(PyObject* self, void*) {
+PyObject* get_name(PyObject* self, void* /*closure*/) {
   return guarded([&] { return text(function_of(self).row->name); });
 }
 
-PyObject* get_qualified_name(PyObject* self, void*) { return Ref::borrow(function_of(self).qualified_name).release(); }
+PyObject* get_qualified_name(PyObject* self, void* /*closure*/) {
+  return Ref::borrow(function_of(self).qualified_name).release();
+}
 
-PyObject* get_module(PyObject* self, void*) {
+PyObject* get_module(PyObject* self, void* /*closure*/) {
   return guarded([&] {
     static const InternedName name("__name__");
     if (function_of(self).module == nullptr) return none();
@@ -25,14 +27,14 @@ PyObject* get_module(PyObject* self, void*) {
   });
 }
 
-PyObject* get_doc(PyObject* self, void*) {
+PyObject* get_doc(PyObject* self, void* /*closure*/) {
   return guarded([&] {
     const char* doc = function_of(self).row->doc;
     return doc == nullptr ? none() : text(doc);
   });
 }
 
-PyObject* get_annotations(PyObject* self, void*) {
+PyObject* get_annotations(PyObject* self, void* /*closure*/) {
   return guarded([&] {
     const FunctionRow& row = *function_of(self).row;
     Ref annotations = checked(PyDict_New());
@@ -47,7 +49,7 @@ PyObject* get_annotations(PyObject* self, void*) {
   });
 }
 
-PyObject* get_defaults(PyObject* self, void*) {
+PyObject* get_defaults(PyObject* self, void* /*closure*/) {
   return guarded([&] {
     const Ref values = checked(PyList_New(0));
     for (const Parameter& parameter : function_of(self).row->parameters) {
@@ -73,7 +75,7 @@ Ref signature_parameter(PyObject* inspect, const char* name, const char* kind, c
   return checked(PyObject_Call(type.get(), positional.get(), keywords.get()));
 }
 
-PyObject* get_signature(PyObject* self, void*) {
+PyObject* get_signature(PyObject* self, void* /*closure*/) {
   return guarded([&] {
     const FunctionRow& row = *function_of(self).row;
     const Ref inspect = checked(PyImport_ImportModule("inspect"));
@@ -95,10 +97,12 @@ PyObject* get_signature(PyObject* self, void*) {
   });
 }
 
-PyObject* get_keeps_nodes(PyObject* self, void*) { return boolean(function_of(self).row->keeps_nodes).release(); }
+PyObject* get_keeps_nodes(PyObject* self, void* /*closure*/) {
+  return boolean(function_of(self).row->keeps_nodes).release();
+}
 
 /// A function is pickled as its qualified name, like one written in Python.
-PyObject* reduce(PyObject* self, PyObject*) { return get_qualified_name(self, nullptr); }
+PyObject* reduce(PyObject* self, PyObject* /*unused*/) { return get_qualified_name(self, nullptr); }
 
 std::array<PyMethodDef, 2> methods{{
     {"__reduce__", reduce, METH_NOARGS, "Pickled by name."},

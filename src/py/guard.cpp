@@ -9,6 +9,8 @@
 
 namespace onnxgraft::py {
 
+// Formats as the interpreter does, whose own format function takes its arguments this way.
+// NOLINTNEXTLINE(modernize-avoid-variadic-functions)
 void raise(PyObject* type, const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);

@@ -1,6 +1,7 @@
 #include "py/message_list.h"
 
 #include <algorithm>
+#include <ranges>
 
 #include "py/graph_fields.h"
 #include "py/guard.h"
@@ -69,7 +70,7 @@ void delete_positions(PyObject* list, const std::vector<std::size_t>& positions)
     ++runs.back().second;
   }
   if (runs.size() <= few) {
-    for (auto run = runs.rbegin(); run != runs.rend(); ++run) delete_slice(list, run->first, run->second);
+    for (const auto& [begin, end] : std::views::reverse(runs)) delete_slice(list, begin, end);
     return;
   }
   const auto count = static_cast<std::size_t>(length(list));

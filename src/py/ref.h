@@ -63,6 +63,7 @@ inline Integer check(Integer status) {
 }
 
 /// Sets an exception (format as in PyErr_Format) and throws.
+// NOLINTNEXTLINE(modernize-avoid-variadic-functions)
 [[noreturn]] void raise(PyObject* type, const char* format, ...);
 
 inline Ref none() { return Ref::borrow(Py_None); }
