@@ -65,11 +65,11 @@ format: .venv/lint-tools ## Bring all code into the project's format
 	$(BIN)/ruff format $(PYTHON_DIRS)
 	$(BIN)/clang-format -i $(CPP_FILES)
 
-bench: .venv/installed ## Measure speed as ratios of one run; writes build/bench.json
+bench: .venv/installed ## Measure speed as ratios of one run (GROUP=pass or transformations); writes build/bench.json
 	@$(TOOLS) cmake -S . -B build/bench -G Ninja -DONNXGRAFT_BUILD_PYTHON=OFF -DONNXGRAFT_BUILD_BENCH=ON \
 	  -DPython_EXECUTABLE="$(CURDIR)/$(BIN)/python" >/dev/null
 	@$(TOOLS) cmake --build build/bench --target floors -- --quiet
-	@PYTHONPATH=build/bench/bench/floors $(BIN)/python -m bench
+	@PYTHONPATH=build/bench/bench/floors $(BIN)/python -m bench $(GROUP)
 
 docs: .venv/installed ## Make the pictures and tables of docs/ anew
 	@$(BIN)/python -m tools.draw_rewrites

@@ -1,4 +1,4 @@
-"""The ratios that `make bench` measures."""
+"""Ratios of the pass itself and of quantizing."""
 
 from __future__ import annotations
 
@@ -59,7 +59,7 @@ def overhead(shape: tuple[int, int, int, int], length: int) -> Ratio:
     )
 
 
-def all_ratios() -> Iterator[Ratio]:
+def pass_ratios() -> Iterator[Ratio]:
     """Measures one after the other."""
     yield missing_operators()
     yield growth()
