@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <list>
 #include <memory>
+#include <utility>
 
 #include "py/name_hints.h"
 #include "py/objects.h"
@@ -15,21 +16,24 @@ constexpr Py_ssize_t walked_length = 24;  // up to here a walk costs little more
 constexpr std::size_t kept_graphs = 4;
 constexpr std::size_t kept_entries = 1U << 20U;  // for all graphs but the newest
 
+/// Addresses of the owner and of the field's name, neither of which is held.
+using Key = std::pair<const PyObject*, const PyObject*>;
+
 /// The hints for the graphs asked for last, newest first. Hints in use are taken out, so that code which runs
 /// in between (another thread, a record with a `name` of its own) never meets any that are half changed.
 class HintCache {
  public:
-  std::unique_ptr<NameHints> take(const PyObject* owner) {
-    const auto found = std::ranges::find(slots_, owner, &Slot::owner);
+  std::unique_ptr<NameHints> take(const Key& key) {
+    const auto found = std::ranges::find(slots_, key, &Slot::key);
     if (found == slots_.end()) return std::make_unique<NameHints>();
     std::unique_ptr<NameHints> hints = std::move(found->hints);
     slots_.erase(found);
     return hints;
   }
 
-  void put(const PyObject* owner, std::unique_ptr<NameHints> hints) {
-    std::erase_if(slots_, [&](const Slot& slot) { return slot.owner == owner; });
-    slots_.push_front({owner, std::move(hints)});
+  void put(const Key& key, std::unique_ptr<NameHints> hints) {
+    std::erase_if(slots_, [&](const Slot& slot) { return slot.key == key; });
+    slots_.push_front({key, std::move(hints)});
     std::size_t entries = 0;
     std::size_t rank = 0;
     std::erase_if(slots_, [&](const Slot& slot) {
@@ -41,7 +45,7 @@ class HintCache {
 
  private:
   struct Slot {
-    const PyObject* owner;
+    Key key;
     std::unique_ptr<NameHints> hints;
   };
   std::list<Slot> slots_;
@@ -54,11 +58,12 @@ HintCache& cache() {
 
 }  // namespace
 
-std::optional<Py_ssize_t> find_by_name(PyObject* owner, PyObject* list, PyObject* name) {
+std::optional<Py_ssize_t> find_by_name(PyObject* owner, const InternedName& field, PyObject* list, PyObject* name) {
   if (PyUnicode_Check(name) == 0 || length(list) <= walked_length) return walk_to_name(list, name);
-  std::unique_ptr<NameHints> hints = cache().take(owner);
+  const Key key{owner, field.get()};
+  std::unique_ptr<NameHints> hints = cache().take(key);
   const std::optional<Py_ssize_t> position = hints->find(list, name);
-  cache().put(owner, std::move(hints));
+  cache().put(key, std::move(hints));
   return position;
 }
 

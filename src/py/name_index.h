@@ -1,4 +1,4 @@
-// Where the element of a given name stands in a graph's list of named records (its initializers).
+// Where the element of a given name stands in a graph's list of named records (its initializers, its value_info).
 //
 // Callers ask again and again while the list changes under them, and the list tells nobody about a change. So
 // hints are kept for the last few graphs and tested at every use against the list itself: an answer is always
@@ -11,12 +11,12 @@
 
 #include <optional>
 
-#include "py/ref.h"
+#include "py/objects.h"
 
 namespace onnxgraft::py {
 
 /// Position of the first element of `list` whose `name` equals `name`, if there is one. `owner` is the object
-/// that the list belongs to; its address tells one list from another.
-std::optional<Py_ssize_t> find_by_name(PyObject* owner, PyObject* list, PyObject* name);
+/// that the list belongs to, `field` the list's name there: its address and the name tell one list from another.
+std::optional<Py_ssize_t> find_by_name(PyObject* owner, const InternedName& field, PyObject* list, PyObject* name);
 
 }  // namespace onnxgraft::py

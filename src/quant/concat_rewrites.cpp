@@ -1,5 +1,11 @@
 // Callback of `replace_concat_quant_v10`: only a concatenation of products, each fed by a dequantize node, is
 // rewritten; then the biases as everywhere in the pull-up family.
+#include <algorithm>
+#include <string>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
 #include "quant/callbacks.h"
 #include "quant/host.h"
 #include "quant/inherited.h"
@@ -16,49 +22,83 @@ namespace {
 const InternedName mul("Mul");
 const InternedName own_class("ReplaceConcatQuantTransformationV10");
 
-bool contains(const Ref& container, const Ref& element) {
-  return py::check(PySequence_Contains(container.get(), element.get())) != 0;
+/// What the walk over the graph has seen of one input of the concatenation.
+struct Joined {
+  std::string tensor;
+  std::vector<std::string> factors;  // inputs of the product that writes it
+  bool has_producer = false;
+};
+
+std::vector<std::string> strings(const Ref& list) {
+  std::vector<std::string> result;
+  const Ref elements = py::iterator(list.get());
+  while (const Ref element = py::next(elements.get())) result.emplace_back(py::utf8(element.get()));
+  return result;
 }
 
-bool writes(const Ref& node, const Ref& tensor) { return contains(py::attribute(node.get(), names::output), tensor); }
-
-bool writes_any(const Ref& node, const Ref& tensors) {
-  const Ref outputs = py::iterator(py::attribute(node.get(), names::output).get());
-  while (const Ref output = py::next(outputs.get())) {
-    if (contains(tensors, output)) return true;
+/// Whether the first writer of each tensor is a `Mul` that reads the output of some dequantize node: one walk
+/// for all tensors, which ends as soon as the answer is known.
+class ProductWalk {
+ public:
+  explicit ProductWalk(const Ref& tensors) {
+    for (std::string& tensor : strings(tensors)) joined_.push_back({std::move(tensor), {}, false});
   }
-  return false;
-}
 
-/// The first node of the graph, in its order, that the test accepts; empty if there is none.
-template <class Test>
-Ref first_node(const Ref& nodes, Test test) {
-  const Ref elements = py::iterator(nodes.get());
-  while (Ref node = py::next(elements.get())) {
-    if (test(node)) return node;
+  bool run(const Ref& nodes) {
+    const Ref elements = py::iterator(nodes.get());
+    while (const Ref node = py::next(elements.get())) {
+      if (!visit(node)) return false;
+      if (is_complete()) return true;
+    }
+    return is_complete();
   }
-  return {};
-}
 
-bool is_dequantized_product(const Ref& nodes, const Ref& tensor) {
-  const Ref producer = first_node(nodes, [&](const Ref& node) { return writes(node, tensor); });
-  if (!producer || !has_op_type(producer.get(), mul)) return false;
-  const Ref factors = py::attribute(producer.get(), names::input);
-  const Ref dequantize = first_node(nodes, [&](const Ref& node) {
-    return has_op_type(node.get(), names::tessel_dequant) && writes_any(node, factors);
-  });
-  return static_cast<bool>(dequantize);
-}
+ private:
+  /// False if the node settles that the answer is no.
+  bool visit(const Ref& node) {
+    const Ref op_type = py::attribute(node.get(), names::op_type);
+    const bool is_dequantize = is(op_type, names::tessel_dequant);
+    const Ref outputs = py::attribute(node.get(), names::output);
+    const Py_ssize_t count = py::length(outputs.get());
+    for (Py_ssize_t index = 0; index < count; ++index) {
+      const Ref output = py::item(outputs.get(), index);
+      const std::string_view name = py::utf8(output.get());
+      if (is_dequantize) changed_ = dequantized_.emplace(name).second || changed_;
+      for (Joined& joined : joined_) {
+        if (joined.has_producer || joined.tensor != name) continue;
+        if (!is(op_type, mul)) return false;
+        joined.has_producer = true;
+        joined.factors = strings(py::attribute(node.get(), names::input));
+        changed_ = true;
+      }
+    }
+    return true;
+  }
+
+  static bool is(const Ref& op_type, const InternedName& name) {
+    return py::check(PyObject_RichCompareBool(op_type.get(), name.get(), Py_EQ)) != 0;
+  }
+
+  bool is_complete() {
+    if (!std::exchange(changed_, false)) return false;
+    return std::ranges::all_of(joined_, [&](const Joined& joined) {
+      return joined.has_producer && std::ranges::any_of(joined.factors, [&](const std::string& factor) {
+               return dequantized_.contains(factor);
+             });
+    });
+  }
+
+  std::vector<Joined> joined_;
+  std::unordered_set<std::string> dequantized_;
+  bool changed_ = true;  // since completeness was last asked for
+};
 
 }  // namespace
 
 Ref require_dequantized_products(const Call& call) {
   const Ref nodes = py::attribute(call[callback::graph], names::node);
   const Ref concat = py::item(call[callback::replaced_nodes], 0);
-  const Ref inputs = py::iterator(py::attribute(concat.get(), names::input).get());
-  while (const Ref input = py::next(inputs.get())) {
-    if (!is_dequantized_product(nodes, input)) return py::boolean(false);
-  }
+  if (!ProductWalk(py::attribute(concat.get(), names::input)).run(nodes)) return py::boolean(false);
   return inherited_callback(call, own_class, call[callback::links]);
 }
 

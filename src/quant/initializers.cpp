@@ -36,12 +36,12 @@ void add_initializers(PyObject* graph, PyObject* list) {
 }
 
 bool has_initializer(PyObject* graph, PyObject* name) {
-  return py::find_by_name(graph, py::attribute(graph, names::initializer).get(), name).has_value();
+  return py::find_by_name(graph, names::initializer, py::attribute(graph, names::initializer).get(), name).has_value();
 }
 
 void remove_initializer(PyObject* graph, PyObject* name, PyObject* record) {
   const Ref initializers = py::attribute(graph, names::initializer);
-  const std::optional<Py_ssize_t> position = py::find_by_name(graph, initializers.get(), name);
+  const std::optional<Py_ssize_t> position = py::find_by_name(graph, names::initializer, initializers.get(), name);
   // `remove` compares contents with every tensor in front of the wanted one; where the position is known and the
   // very record stands there, deleting by position does the same without reading them.
   if (position && py::item(initializers.get(), *position).get() == record) {

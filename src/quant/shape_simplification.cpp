@@ -1,5 +1,6 @@
 // Callback of `simplify_shape_v2`: the computed `sizes` of a `Resize` become a constant.
 //   sizes = [-1, channels, height, width], -1 standing for the size that the input has
+#include "py/name_index.h"
 #include "quant/callbacks.h"
 #include "quant/host.h"
 #include "quant/initializers.h"
@@ -27,16 +28,14 @@ const InternedName array("array");
 /// entry.
 Ref known_shape(PyObject* graph, const Ref& tensor) {
   Ref extents = py::checked(PyList_New(0));
-  const Ref entries = py::iterator(py::attribute(graph, names::value_info).get());
-  while (const Ref entry = py::next(entries.get())) {
-    const Ref name = py::attribute(entry.get(), names::name);
-    if (py::check(PyObject_RichCompareBool(name.get(), tensor.get(), Py_EQ)) == 0) continue;
-    const Ref type = py::attribute(py::attribute(entry.get(), names::type).get(), tensor_type);
-    const Ref dims = py::iterator(py::attribute(py::attribute(type.get(), names::shape).get(), dim).get());
-    while (const Ref extent = py::next(dims.get())) {
-      py::check(PyList_Append(extents.get(), py::attribute(extent.get(), dim_value).get()));
-    }
-    break;
+  const Ref entries = py::attribute(graph, names::value_info);
+  const std::optional<Py_ssize_t> position = py::find_by_name(graph, names::value_info, entries.get(), tensor.get());
+  if (!position) return extents;
+  const Ref entry = py::item(entries.get(), *position);
+  const Ref type = py::attribute(py::attribute(entry.get(), names::type).get(), tensor_type);
+  const Ref dims = py::iterator(py::attribute(py::attribute(type.get(), names::shape).get(), dim).get());
+  while (const Ref extent = py::next(dims.get())) {
+    py::check(PyList_Append(extents.get(), py::attribute(extent.get(), dim_value).get()));
   }
   return extents;
 }

@@ -22,7 +22,7 @@ void refuse_single_text(PyObject* names) {
 }
 
 Ref find_record(PyObject* graph, PyObject* initializers, PyObject* name) {
-  const std::optional<Py_ssize_t> position = py::find_by_name(graph, initializers, name);
+  const std::optional<Py_ssize_t> position = py::find_by_name(graph, initializer, initializers, name);
   if (position) return py::item(initializers, *position);
   const Ref of_graph = py::attribute(graph, graph_name);
   py::raise(
