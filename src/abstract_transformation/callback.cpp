@@ -98,8 +98,7 @@ Callback::Arguments Callback::arguments(const core::OccurrenceList& occurrences,
   result.node_mapping = node_mapping(nodes, plan, index, table, writer);
   result.replaced_nodes = checked(PyList_New(static_cast<Py_ssize_t>(nodes.size())));
   for (std::size_t role = 0; role < nodes.size(); ++role) {
-    PyList_SET_ITEM(result.replaced_nodes.get(), static_cast<Py_ssize_t>(role),
-                    Ref::borrow(writer.handle(nodes[role])).release());
+    PyList_SET_ITEM(result.replaced_nodes.get(), static_cast<Py_ssize_t>(role), writer.object(nodes[role]).release());
   }
   result.link_mapping = checked(PyDict_New());
   for (std::size_t link = 0; link < names.size(); ++link) {

@@ -35,6 +35,14 @@ std::size_t Pass::run() {
   return counts_.replaced;
 }
 
+template <class Visit>
+void Pass::for_each_removed(const core::OccurrenceList& occurrences, std::size_t index, Visit visit) const {
+  const auto nodes = occurrences.nodes(index);
+  for (std::size_t role = 0; role < nodes.size(); ++role) {
+    if (rule_->nodes[role].removed()) visit(nodes[role]);
+  }
+}
+
 void Pass::prepare_writing() {
   if (writer_.has_begun()) return;
   reader_.read_names(table_);
@@ -53,9 +61,8 @@ void Pass::run_round(core::OccurrenceList& occurrences) {
   const std::vector<core::NodeIndex> before(writer_.order().begin(), writer_.order().end());
   std::vector<bool> chosen(occurrences.size(), true);
   if (!callback_.is_default()) {
-    for (std::size_t index = 0; index < occurrences.size(); ++index) {
-      for (const core::NodeIndex node : occurrences.nodes(index)) writer_.handle(node);
-    }
+    for (std::size_t index = 0; index < occurrences.size(); ++index)
+      for_each_removed(occurrences, index, [&](core::NodeIndex node) { writer_.hold(node); });
   }
   writer_.rearrange(plan.arrange(before, chosen));
   if (!callback_.is_default()) {
@@ -80,6 +87,7 @@ void Pass::ask(const core::OccurrenceList& occurrences, const core::SplicePlan& 
     const Callback::Arguments arguments = callback_.arguments(occurrences, plan, index, table_, writer_);
     chosen[index] = true;
     chosen[index] = callback_.call(arguments);
+    if (chosen[index]) for_each_removed(occurrences, index, [&](core::NodeIndex node) { writer_.release(node); });
   }
 }
 

@@ -41,6 +41,8 @@ class Pass {
  private:
   void run_round(core::OccurrenceList& occurrences);
   void prepare_writing();
+  template <class Visit>
+  void for_each_removed(const core::OccurrenceList& occurrences, std::size_t index, Visit visit) const;
   void ask(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::vector<bool>& chosen);
   void take_back(const core::OccurrenceList& occurrences, const core::SplicePlan& plan,
                  const std::vector<core::NodeIndex>& before, const std::vector<bool>& chosen);

@@ -38,7 +38,7 @@ void assign_names(PyObject* list, std::span<const core::NameId> ids, const core:
 
 void GraphWriter::begin() {
   begun_ = true;
-  handles_.resize(table_.node_count());
+  held_.resize(table_.node_count());
   sources_.resize(table_.node_count(), no_index);
   std::vector<NodeIndex> order(table_.original_count());
   std::iota(order.begin(), order.end(), NodeIndex{0});
@@ -51,26 +51,33 @@ void GraphWriter::set_order(std::vector<NodeIndex> order) {
   for (std::size_t at = 0; at < order_.size(); ++at) position_[order_[at]] = at;
 }
 
-PyObject* GraphWriter::handle(NodeIndex node) {
-  if (node >= handles_.size()) handles_.resize(table_.node_count());
-  if (!handles_[node]) handles_[node] = item(nodes_, static_cast<Py_ssize_t>(position_[node]));
-  return handles_[node].get();
+Ref GraphWriter::object(NodeIndex node) const {
+  if (node < held_.size() && held_[node]) return held_[node].copy();
+  return item(nodes_, static_cast<Py_ssize_t>(position_[node]));
+}
+
+void GraphWriter::hold(NodeIndex node) {
+  if (!held_[node]) held_[node] = object(node);
+}
+
+void GraphWriter::release(NodeIndex node) {
+  if (!holds_all_) held_[node] = Ref();
 }
 
 void GraphWriter::hold_all() {
-  handles_.resize(table_.node_count());
+  held_.resize(table_.node_count());
   const Ref elements = iterator(nodes_);
   for (const NodeIndex node : order_) {
     Ref message = next(elements.get());
     if (!message) raise(PyExc_RuntimeError, "the graph's node list changed while it was read");
-    if (!handles_[node]) handles_[node] = std::move(message);
+    if (!held_[node]) held_[node] = std::move(message);
   }
   holds_all_ = true;
 }
 
 bool GraphWriter::is_at(NodeIndex node, std::size_t position) const {
   if (static_cast<Py_ssize_t>(position) >= length(nodes_)) return false;
-  return item(nodes_, static_cast<Py_ssize_t>(position)).get() == handles_[node].get();
+  return item(nodes_, static_cast<Py_ssize_t>(position)).get() == held_[node].get();
 }
 
 Py_ssize_t GraphWriter::position(NodeIndex node) {
@@ -87,7 +94,7 @@ bool GraphWriter::synchronize() {
   if (same) {
     const Ref elements = iterator(nodes_);
     for (std::size_t at = 0; same && at < order_.size(); ++at) {
-      same = next(elements.get()).get() == handles_[order_[at]].get();
+      same = next(elements.get()).get() == held_[order_[at]].get();
     }
   }
   if (!same) read_again();
@@ -96,8 +103,8 @@ bool GraphWriter::synchronize() {
 
 void GraphWriter::read_again() {
   std::unordered_map<PyObject*, NodeIndex> known;
-  for (NodeIndex node = 0; node < handles_.size(); ++node) {
-    if (handles_[node]) known.emplace(handles_[node].get(), node);
+  for (NodeIndex node = 0; node < held_.size(); ++node) {
+    if (held_[node]) known.emplace(held_[node].get(), node);
   }
   disturbed_ = true;
   std::vector<NodeIndex> order;
@@ -123,8 +130,8 @@ NodeIndex GraphWriter::adopt(PyObject* message) {
   const NodeIndex node = table_.add_node(table_.ops.intern(utf8(op.get())), inputs, outputs, implicit);
   table_.node_names.resize(table_.node_count(), core::no_name);
   table_.node_names[node] = table_.names.intern(utf8(attribute(message, field::name).get()));
-  handles_.resize(table_.node_count());
-  handles_[node] = Ref::borrow(message);
+  held_.resize(table_.node_count());
+  held_[node] = Ref::borrow(message);
   sources_.resize(table_.node_count(), no_index);
   return node;
 }
@@ -135,7 +142,7 @@ void GraphWriter::set_source(NodeIndex new_node, NodeIndex source) {
 }
 
 void GraphWriter::rearrange(std::span<const NodeIndex> target) {
-  handles_.resize(table_.node_count());
+  held_.resize(table_.node_count());
   sources_.resize(table_.node_count(), no_index);
   position_.resize(table_.node_count(), absent);
   std::vector<bool> stays(table_.node_count(), false);
@@ -152,7 +159,6 @@ void GraphWriter::rearrange(std::span<const NodeIndex> target) {
     std::vector<NodeIndex> sorted(target.begin(), target.end());
     for (const NodeIndex node : before) {
       if (stays[node]) continue;
-      handle(node);  // kept beyond its removal: a refusal may bring it back
       sorted.push_back(node);
     }
     move_to(now, sorted);
@@ -191,21 +197,21 @@ void GraphWriter::undo(std::span<const NodeIndex> now, std::span<const NodeIndex
 
 void GraphWriter::make(NodeIndex node) {
   Ref message = call_method(nodes_, field::add);
-  if (handles_[node]) {
+  if (held_[node]) {
     // It was in the list before and comes back from the object that was taken out.
-    call_method(message.get(), field::copy_from, {handles_[node].get()});
+    call_method(message.get(), field::copy_from, {held_[node].get()});
   } else {
     fill(message.get(), node);
   }
   // A new node's object is needed again only to find the node in a list that others have changed.
-  if (holds_all_ || handles_[node]) handles_[node] = std::move(message);
+  if (holds_all_ || held_[node]) held_[node] = std::move(message);
 }
 
 void GraphWriter::fill(PyObject* message, NodeIndex node) {
   const NodeIndex source = sources_[node];
   const core::NameId name = table_.node_names[node];
   if (source != no_index) {
-    call_method(message, field::copy_from, {handle(source)});
+    call_method(message, field::copy_from, {object(source).get()});
   } else {
     set_attribute(message, field::op_type, text(table_.ops.text(table_.op(node))).get());
   }

@@ -23,8 +23,13 @@ class GraphWriter {
 
   /// The nodes of the graph in list order, as far as the writer knows.
   [[nodiscard]] std::span<const core::NodeIndex> order() const { return order_; }
-  /// The graph's object for a node; fetched when first asked for, kept from then on (borrowed).
-  PyObject* handle(core::NodeIndex node);
+  /// The graph's object for a node of the list, or the one that is held for it.
+  [[nodiscard]] Ref object(core::NodeIndex node) const;
+  /// Holds a node's object, so that it outlives the node's removal: a refusal may bring it back. Objects held cost
+  /// memory, and protobuf slows down with their number, so no more are held than may be needed.
+  void hold(core::NodeIndex node);
+  /// Gives up a removed node that will not come back.
+  void release(core::NodeIndex node);
   /// Holds the objects of all nodes, so that changes by others can be told later.
   void hold_all();
   /// Position of the node in the graph right now; -1 if it is gone. Notices if others changed the list.
@@ -55,7 +60,7 @@ class GraphWriter {
   core::GraphTable& table_;
   std::vector<core::NodeIndex> order_;
   std::vector<std::size_t> position_;     // per node; `absent` if not in the list
-  std::vector<Ref> handles_;              // per node
+  std::vector<Ref> held_;                 // per node; empty where it is not held
   std::vector<core::NodeIndex> sources_;  // per node: what a new one copies
   bool begun_ = false;
   bool holds_all_ = false;

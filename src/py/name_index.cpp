@@ -23,6 +23,8 @@ using Key = std::pair<const PyObject*, const PyObject*>;
 /// in between (another thread, a record with a `name` of its own) never meets any that are half changed.
 class HintCache {
  public:
+  void clear() noexcept { slots_.clear(); }
+
   std::unique_ptr<NameHints> take(const Key& key) {
     const auto found = std::ranges::find(slots_, key, &Slot::key);
     if (found == slots_.end()) return std::make_unique<NameHints>();
@@ -57,6 +59,8 @@ HintCache& cache() {
 }
 
 }  // namespace
+
+void forget_names() noexcept { cache().clear(); }
 
 std::optional<Py_ssize_t> find_by_name(PyObject* owner, const InternedName& field, PyObject* list, PyObject* name) {
   if (PyUnicode_Check(name) == 0 || length(list) <= walked_length) return walk_to_name(list, name);

@@ -19,4 +19,8 @@ namespace onnxgraft::py {
 /// that the list belongs to, `field` the list's name there: its address and the name tell one list from another.
 std::optional<Py_ssize_t> find_by_name(PyObject* owner, const InternedName& field, PyObject* list, PyObject* name);
 
+/// Forgets all hints of the module. Between two uses a graph may die and another one come to its address; whoever
+/// knows where a new use begins says so, and then nothing old is believed.
+void forget_names() noexcept;
+
 }  // namespace onnxgraft::py

@@ -1,5 +1,6 @@
 #include "quant/passes.h"
 
+#include "py/name_index.h"
 #include "quant/names.h"
 
 namespace onnxgraft::quant {
@@ -27,12 +28,14 @@ Ref checked_count(Ref count) {
 }  // namespace
 
 Ref run_passes(const Call& call, std::span<const Pass> passes, Counting counting) {
+  py::forget_names();
   Ref total = run_pass(call, passes.front());
   for (const Pass& pass : passes.subspan(1)) total = sum(total, run_pass(call, pass));
   return counting == Counting::checked ? checked_count(std::move(total)) : std::move(total);
 }
 
 Ref apply_listed_pairs(const Call& call) {
+  py::forget_names();
   PyObject* self = call[0];
   const Ref updated = py::checked(PySet_New(nullptr));
   const Ref pairs = py::call_method(self, names::get_subgraphs_to_replace);
