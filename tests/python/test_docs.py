@@ -128,3 +128,14 @@ def test_preparation_refuses_nested_bodies() -> None:
     model.graph.node.add(op_type="If").attribute.append(helper.make_attribute("then_branch", model.graph))
     with pytest.raises(ValueError, match="nested bodies"):
         prepare(model)
+
+
+def test_the_readme_runs_as_it_stands(repository: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.chdir(tmp_path)
+    (tmp_path / "build").mkdir()
+    (tmp_path / "examples").symlink_to(repository / "examples")
+    snippets = re.findall(r"^```python\n(.*?)^```", (repository / "README.md").read_text(), re.MULTILINE | re.DOTALL)
+    assert len(snippets) == 2
+    for snippet in snippets:
+        exec(compile(snippet, "README.md", "exec"), {})
+    assert (tmp_path / "build/resnet18_quantized.onnx").stat().st_size > 0
