@@ -250,11 +250,11 @@ def test_misuse_is_refused_before_anything_runs(method: str, arguments: tuple[An
 
 
 def test_a_second_initialisation_is_refused() -> None:
-    spec = importlib.util.spec_from_file_location("onnxgraft.quant", quant.__file__)
-    assert spec is not None
-    assert spec.loader is not None
+    description = importlib.util.spec_from_file_location("onnxgraft.quant", quant.__file__)
+    assert description is not None
+    assert description.loader is not None
     message = "Module 'quant' has already been imported. Re-initialisation is not supported."
     with pytest.raises(RuntimeError, match=message):
-        spec.loader.exec_module(importlib.util.module_from_spec(spec))
+        description.loader.exec_module(importlib.util.module_from_spec(description))
     assert sys.modules["onnxgraft.quant"] is quant
     assert issubclass(quant.QuantConvTransformation, abstract_transformation.AbstractTransformation)
