@@ -47,6 +47,8 @@ class GraphTable {
   Names names;
   /// Operator types.
   Names ops;
+  /// Names of the initializers in list order.
+  std::vector<NameId> initializers;
   /// Names of nodes (not of tensors) by index; filled when a splice needs them.
   std::vector<NameId> node_names;
 

@@ -87,9 +87,8 @@ void GraphReader::read_links(core::GraphTable& table) {
     table.add_node(ops_[index++], inputs, outputs, implicit);
   }
   if (index != ops_.size()) raise(PyExc_RuntimeError, "the graph's node list changed while it was read");
-  for (const core::NameId name : read_element_names(attribute(graph_, field::initializer).get(), table.names)) {
-    table.add_initializer(name);
-  }
+  table.initializers = read_element_names(attribute(graph_, field::initializer).get(), table.names);
+  for (const core::NameId name : table.initializers) table.add_initializer(name);
   for (const core::NameId name : read_element_names(attribute(graph_, field::output).get(), table.names)) {
     table.add_graph_output(name);
   }

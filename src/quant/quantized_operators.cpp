@@ -50,12 +50,20 @@ Ref draw_uniform(PyObject* module, PyObject* size) {
   return py::checked(PyObject_CallObject(rand.get(), py::checked(PySequence_Tuple(size)).get()));
 }
 
+/// `links.get(id)`, without the call where it is a plain dict.
+Ref bound_name(PyObject* links, PyObject* id) {
+  if (PyDict_CheckExact(links) == 0) return py::call_method(links, get, {id});
+  PyObject* name = PyDict_GetItemWithError(links, id);
+  if (name == nullptr && PyErr_Occurred() != nullptr) throw py::PythonError{};
+  return Ref::borrow(name == nullptr ? Py_None : name);
+}
+
 /// The tensor names of a role's link ids; None for an id that the match did not bind.
 Ref bound_names(PyObject* links, PyObject* input_names, const InternedName& role) {
   const Ref ids = py::iterator(subscript(input_names, role).get());
   Ref bound = py::checked(PyList_New(0));
   while (const Ref id = py::next(ids.get())) {
-    py::check(PyList_Append(bound.get(), py::call_method(links, get, {id.get()}).get()));
+    py::check(PyList_Append(bound.get(), bound_name(links, id.get()).get()));
   }
   return bound;
 }
