@@ -3,12 +3,17 @@
 namespace onnxgraft::core {
 
 NameId FreshNames::make(const std::string& base) {
-  if (!base.empty() && !used_.find(base)) return used_.intern(base);
+  if (const NameId id = add(base); id != no_name) return id;
   std::size_t& number = next_.try_emplace(base, 1).first->second;
   while (true) {
-    const std::string name = base + "_" + std::to_string(number++);
-    if (!used_.find(name)) return used_.intern(name);
+    if (const NameId id = add(base + "_" + std::to_string(number++)); id != no_name) return id;
   }
+}
+
+NameId FreshNames::add(const std::string& name) {
+  const std::size_t known = used_.size();
+  const NameId id = used_.intern(name);
+  return id >= known ? id : no_name;
 }
 
 }  // namespace onnxgraft::core

@@ -18,6 +18,9 @@ class FreshNames {
   NameId make(const std::string& base);
 
  private:
+  /// The id of the name, `no_name` if it was there before.
+  NameId add(const std::string& name);
+
   Names& used_;
   std::unordered_map<std::string, std::size_t> next_;  // per base, the first number not tried yet
 };

@@ -13,13 +13,13 @@ from collections.abc import Callable
 from dataclasses import dataclass, field
 from typing import Any
 
-import onnxgraft.quant
 import pytest
 from onnx import GraphProto, NodeProto, TensorProto, helper
-from onnxgraft.abstract_transformation import AbstractTransformation
 
+import onnxgraft.quant
 from helpers.graphs import random_graph
 from helpers.pairs import random_pair
+from onnxgraft.abstract_transformation import AbstractTransformation
 from oracle.compare import Renaming, difference, dump, serialized
 from oracle.matching import Table, all_assignments
 from oracle.names import all_names, reads
