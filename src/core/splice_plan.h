@@ -33,7 +33,7 @@ class SplicePlan {
 
  private:
   void name_links(std::span<const NodeIndex> nodes, std::span<NameId> links, FreshNames& fresh) const;
-  [[nodiscard]] NameId name_node(std::span<const NodeIndex> nodes, std::size_t entry, FreshNames& fresh) const;
+  [[nodiscard]] NameId name_node(std::span<const NodeIndex> nodes, std::size_t number, FreshNames& fresh) const;
   void add_nodes(std::size_t occurrence, FreshNames& fresh);
   [[nodiscard]] std::string label(NodeIndex node) const;
 

@@ -40,7 +40,7 @@ TEST(PutBack, InFrontOfTheNextOldNodeStillThere) {
 
 TEST(PutInOrder, AGraphWithACycleKeepsAllItsNodes) {
   GraphTable table = make_graph("A c -> a; B a -> b; C b -> c");
-  const NameId inputs[] = {*table.names.find("c")};
+  const NameId inputs[] = {table.names.intern("c")};
   const NameId outputs[] = {table.names.intern("d")};
   const NodeIndex added = table.add_node(table.ops.intern("D"), inputs, outputs);
   EXPECT_EQ(put_in_order(table, List{0, 1, 2}, List{added, 0, 1, 2}), (List{0, 1, 2, added}));
