@@ -45,7 +45,7 @@ def load(path: Path) -> onnx.ModelProto:
         raise ModelFileError(f"'{path}' is empty")
     try:
         model = onnx.load_model_from_string(data)
-    except DecodeError as error:
+    except (DecodeError, SystemError) as error:  # the C++ implementation of protobuf 3.20 raises the second
         raise ModelFileError(f"'{path}' is not an ONNX model, or broken or cut off") from error
     # Any bytes may happen to be a message without known fields.
     if not model.ir_version or not model.HasField("graph"):

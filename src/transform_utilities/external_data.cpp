@@ -20,6 +20,7 @@ constexpr std::int64_t external_location = 1;  // TensorProto.EXTERNAL
 
 const InternedName data_location("data_location");
 const InternedName data_type("data_type");
+const InternedName copy_from("CopyFrom");
 const InternedName dims("dims");
 const InternedName external_data("external_data");
 const InternedName name("name");
@@ -118,7 +119,10 @@ Ref read_external(PyObject* module, PyObject* tensor) {
   const Ref type = py::attribute(tensor, data_type);
   const std::uint64_t size_of_one = item_size(py::integer_value(type.get()));
   if (size_of_one == 0 || std::endian::native != std::endian::little) {
-    return py::call_method(global(module, numpy_helper).get(), to_array, {tensor, folder.get()});
+    // Older versions of onnx leave what they have read in the tensor: they get a copy.
+    const Ref copy = py::call(reinterpret_cast<PyObject*>(Py_TYPE(tensor)), {});
+    py::call_method(copy.get(), copy_from, {tensor});
+    return py::call_method(global(module, numpy_helper).get(), to_array, {copy.get(), folder.get()});
   }
   const Ref dtype = py::call_method(global(module, helper).get(), dtype_of, {type.get()});
   const Ref shape = py::checked(PySequence_Tuple(py::attribute(tensor, dims).get()));

@@ -6,6 +6,7 @@ layer. Edges run from one layer to the next one only. Sizes are given, places co
 
 from __future__ import annotations
 
+import math
 from collections.abc import Mapping, Sequence
 from dataclasses import dataclass, field
 from itertools import pairwise
@@ -186,7 +187,9 @@ def _wanted(items: dict[str, Item], name: str, pulls: Sequence[tuple[str, float,
     """The weighted mean of where the edges of an item would like it."""
     if not pulls:
         return items[name].x
-    return sum((items[other].x + shift) * weight for other, shift, weight in pulls) / sum(w for _, _, w in pulls)
+    return math.fsum((items[other].x + shift) * weight for other, shift, weight in pulls) / math.fsum(
+        w for _, _, w in pulls
+    )
 
 
 def _above(items: dict[str, Item], name: str, pulls: Sequence[tuple[str, float, int]]) -> float:

@@ -5,6 +5,7 @@ Only shapes, text and inline attributes, so that every viewer shows the same; a 
 
 from __future__ import annotations
 
+import math
 from collections.abc import Iterator
 from html import escape
 from itertools import pairwise
@@ -35,7 +36,7 @@ def draw(title: str, before: Graph, after: Graph) -> str:
     left = _MARGIN + max(0.0, (60.0 - sides[0][1].width) / 2)
     right = left + sides[0][1].width + _BETWEEN
     states = [s for s in State if any(s in _states(graph) for graph, _ in sides)]
-    width = max(right + max(sides[1][1].width, 60.0) + _MARGIN, 2 * _MARGIN + sum(map(_legend_width, states)))
+    width = max(right + max(sides[1][1].width, 60.0) + _MARGIN, 2 * _MARGIN + math.fsum(map(_legend_width, states)))
     full = bottom + _LEGEND + 8
     parts = [
         f'<svg xmlns="http://www.w3.org/2000/svg" width="{width:.0f}" height="{full:.0f}" '
@@ -70,7 +71,7 @@ def lay_out(graph: Graph) -> Layout:
 
 def _size(node: Node) -> tuple[float, float]:
     rows = _rows(node)
-    chips = max((sum(_chip_width(chip) + 5 for chip in row) for row in rows), default=0.0)
+    chips = max((math.fsum(_chip_width(chip) + 5 for chip in row) for row in rows), default=0.0)
     return max(_text_width(node.op, 14) + 60, chips + 11), _HEAD + len(rows) * (_CHIP + 4) + (3 if rows else 0)
 
 
@@ -106,7 +107,7 @@ def _box(node: Node, x: float, y: float, width: float, height: float) -> Iterato
         yield _text(left + 7, y + 12, f"#{node.number}", _MONO, stroke, 10, "start")
     yield _text(x, y + _HEAD / 2 + 1, node.op, _SANS, _INK, 14)
     for row, chips in enumerate(_rows(node)):
-        chip_x = x - (sum(_chip_width(chip) + 5 for chip in chips) - 5) / 2
+        chip_x = x - (math.fsum(_chip_width(chip) + 5 for chip in chips) - 5) / 2
         for chip in chips:
             yield from _draw_chip(chip, chip_x, y + _HEAD + row * (_CHIP + 4) - 3)
             chip_x += _chip_width(chip) + 5
