@@ -7,7 +7,6 @@
 // the writer's; this file only says what happens when.
 #pragma once
 
-#include <chrono>
 #include <memory>
 #include <vector>
 

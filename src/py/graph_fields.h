@@ -24,9 +24,7 @@ inline const InternedName values("values");
 
 inline const InternedName add("add");
 inline const InternedName append("append");
-inline const InternedName clear_field("ClearField");
 inline const InternedName copy_from("CopyFrom");
-inline const InternedName extend("extend");
 inline const InternedName key("key");
 inline const InternedName sort("sort");
 

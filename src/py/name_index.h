@@ -5,8 +5,9 @@
 // read from the list. The hints hold no graph, no record and no text, only hashes of names.
 //
 // The first of equal names counts. Short lists are walked; in longer ones a second element of a name is known
-// if it stood there when the hints were made, was appended, or was inserted so that the first one moved. Only
-// renaming or exchanging an element in front of an equal name, which no well-formed graph has, can go unseen.
+// if it stood there when the hints were made, was appended, or was inserted so that the first one moved. Two
+// things can go unseen, both only with equal names, which no well-formed graph has: an element renamed or exchanged in
+// front of an equal name, and a graph that came to the address of a dead one (see forget_names).
 #pragma once
 
 #include <optional>
