@@ -11,7 +11,7 @@ from floors import count_op_type
 from bench.occurrences import chain
 from bench.timing import Ratio, Work, compare
 from bench.workloads import copy_of
-from onnxgraft.catalogue import Transformation, transformations
+from onnxgraft.catalogue import Transformation, rows
 from onnxgraft.quant import AbstractPullUpTesselQuantTransformation
 
 _SHORT, _FACTOR = 1_000, 10
@@ -77,12 +77,12 @@ def finding_nothing(nodes: int = 30_000) -> Ratio:
         graph.node.add(op_type="Tanh", name=f"node_{number}", input=[f"t{number}"], output=[f"t{number + 1}"])
 
     def work() -> None:
-        for transformation in transformations().values():
+        for transformation in rows().values():
             if transformation.apply(graph):
                 raise AssertionError(f"{transformation.name} found something")
 
     return compare(
-        f"all {len(transformations())} without their operators / bare walk",
+        f"all {len(rows())} without their operators / bare walk",
         65.0,
         lambda: work,
         lambda: lambda: count_op_type(graph, "Conv"),
@@ -93,8 +93,8 @@ def finding_nothing(nodes: int = 30_000) -> Ratio:
 def transformation_ratios() -> Iterator[Ratio]:
     """Measures one after the other."""
     yield finding_nothing()
-    for transformation in transformations().values():
+    for transformation in rows().values():
         print(f"measuring {transformation.name}", file=sys.stderr)
         looks = issubclass(transformation.cls, AbstractPullUpTesselQuantTransformation)
         yield look(transformation) if looks else growth(transformation)
-    yield look(transformations()["replace_quant_v2"], "Conv")
+    yield look(rows()["replace_quant_v2"], "Conv")

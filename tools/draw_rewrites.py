@@ -12,7 +12,7 @@ import argparse
 import sys
 from pathlib import Path
 
-from onnxgraft.catalogue import transformations
+from onnxgraft.catalogue import rows
 from tools.pictures.pair import read_pair
 from tools.pictures.svg import draw
 
@@ -23,7 +23,7 @@ def pictures() -> dict[str, str]:
     """File name -> SVG. Transformations that run the same pairs share the pictures of the first one."""
     drawn: dict[str, str] = {}
     seen = set()
-    for name, transformation in transformations().items():
+    for name, transformation in rows().items():
         if transformation.pairs not in seen:
             seen.add(transformation.pairs)
             for number, pair in enumerate(transformation.pairs, 1):

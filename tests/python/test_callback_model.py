@@ -35,7 +35,7 @@ def expected_apply(name: str, graph: GraphProto) -> int:
     def with_names(graph: GraphProto, nodes: list[NodeProto], mapping: dict[int, int], links: dict[str, str]) -> bool:
         return callback(graph, nodes, mapping, links, corrected)
 
-    pairs = catalogue.find(name).pairs
+    pairs = catalogue.find_row(name).pairs
     return sum(Pass(graph, pattern, replacement).run(with_names) for pattern, replacement in pairs)
 
 
@@ -56,14 +56,14 @@ _ALIVE: list[GraphProto] = []
 def check(name: str, seed: int) -> int | type[Exception] | None:
     """What `apply` gave on one random graph; None if the graph would take the slow model too long."""
     rng = random.Random(f"{name} {seed}")
-    pairs = catalogue.find(name).pairs
+    pairs = catalogue.find_row(name).pairs
     before = furnished_graph(rng, rng.choice(pairs)[0], products=name.endswith("v10"))
     if any(len(all_assignments(Table(before), parse_pair(*pair))) > MOST_ASSIGNMENTS for pair in pairs):
         return None
     graphs = [GraphProto.FromString(before.SerializeToString()) for _ in range(2)]
     expected = outcome(lambda: expected_apply(name, graphs[0]))
     _ALIVE.extend(graphs)
-    actual = outcome(lambda: catalogue.find(name).apply(graphs[1]))
+    actual = outcome(lambda: catalogue.find_row(name).apply(graphs[1]))
     head = f"{name}, seed {seed}\n{dump(before)}\n"
     assert actual == expected, head
     found = difference(graphs[0], graphs[1], all_names(before))
@@ -82,4 +82,4 @@ def test_random_graphs(name: str) -> None:
 
 
 def test_every_class_has_its_model() -> None:
-    assert CALLBACKS.keys() == catalogue.transformations().keys()
+    assert CALLBACKS.keys() == catalogue.rows().keys()

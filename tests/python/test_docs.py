@@ -12,13 +12,13 @@ import pytest
 from onnx import ModelProto, TensorProto, helper, numpy_helper
 from onnx.reference import ReferenceEvaluator
 
-from onnxgraft.catalogue import transformations
+from onnxgraft.catalogue import rows
 from tools import draw_rewrites, firing_table
 from tools.models.preparation import prepare
 from tools.pictures.pair import Graph, State, read_pair
 from tools.pictures.svg import lay_out
 
-PAIRS = [pair for transformation in transformations().values() for pair in transformation.pairs]
+PAIRS = [pair for transformation in rows().values() for pair in transformation.pairs]
 
 
 def test_every_pair_has_its_picture_on_a_page(repository: Path) -> None:

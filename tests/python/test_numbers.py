@@ -24,7 +24,7 @@ V10_PRODUCERS = [s for k in range(1, 6) for s in (f"TesselDequant:4{k},5{k}i->6{
 
 
 def pairs(*names: str) -> list[tuple[str, tuple[str, ...]]]:
-    rows = [(name, pattern) for name in names for pattern, _ in catalogue.find(name).pairs]
+    rows = [(name, pattern) for name in names for pattern, _ in catalogue.find_row(name).pairs]
     return [row for row in rows if row[1][3:4] != ("Concat:2,3,4,1->5",)]  # reorders the channels: a test of its own
 
 
@@ -45,7 +45,7 @@ def pulled_up(name: str, pattern: tuple[str, ...], offset: float = 0.0) -> tuple
 
 def applied(name: str, before: onnx.ModelProto) -> onnx.ModelProto:
     after = onnx.ModelProto.FromString(before.SerializeToString())
-    assert catalogue.find(name).apply(after.graph) == 1
+    assert catalogue.find_row(name).apply(after.graph) == 1
     assert after.graph != before.graph
     return after
 
@@ -100,7 +100,7 @@ def test_pulled_up_offsets(name: str, pattern: tuple[str, ...]) -> None:
 def test_second_pair_of_v1_reorders_the_channels() -> None:
     """The joined tensors 2, 3, 4, 1 come out as 3, 4, 1, 2: the first quarter of the channels goes to the end."""
     name = "replace_concat_quant_v1"
-    before = make_model(catalogue.find(name).pairs[1][0])
+    before = make_model(catalogue.find_row(name).pairs[1][0])
     first, second = both(before, applied(name, before), Convention(rounding=True))
     np.testing.assert_array_equal(np.roll(first["t99"], -4, axis=1), second["t99"])
     assert (first["t99"] != second["t99"]).any()
@@ -152,7 +152,7 @@ def test_convolutions_behind_a_pool_in_floating_point(
 
 
 def test_simplified_shape() -> None:
-    before = make_model(catalogue.find("simplify_shape_v2").pairs[0][0])
+    before = make_model(catalogue.find_row("simplify_shape_v2").pairs[0][0])
     after = applied("simplify_shape_v2", before)
     assert [node.op_type for node in after.graph.node] == ["Resize"]
     assert_equal(*both(before, after, Convention()))
@@ -168,11 +168,11 @@ def test_real_models(example_models: list[Path]) -> None:
     for path in example_models:
         model = onnx.load(path)
         np.random.seed(0)
-        assert catalogue.find("quant_conv").apply(model.graph)
+        assert catalogue.find_row("quant_conv").apply(model.graph)
         inputs = random_inputs(model)
         outputs = evaluate(model, inputs, Convention(rounding=True))
         for name in [*MERGING, "update_tesselquant", *PULL_UP, "change_gap_conv", "simplify_shape_v2"]:
-            if catalogue.find(name).apply(model.graph):
+            if catalogue.find_row(name).apply(model.graph):
                 fired.add(name)
                 assert_equal(outputs, evaluate(model, inputs, Convention(rounding=True)))
     assert fired >= {"replace_quant", "update_tesselquant", "replace_quant_v2"}

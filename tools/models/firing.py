@@ -17,7 +17,7 @@ import onnx
 from onnx import GraphProto
 
 from onnxgraft.abstract_transformation import nearest_miss
-from onnxgraft.catalogue import Transformation, transformations
+from onnxgraft.catalogue import Transformation, rows
 from tools.models.preparation import prepare
 
 QUANTIZING = ("quant_conv", "quant_gemm", "quant_matmul")
@@ -71,8 +71,8 @@ def measure(path: Path, *, prepared: bool) -> tuple[ModelFirings, dict[str, Miss
     model = onnx.load(path)
     preparation = {name: count for name, count in prepare(model).items() if count} if prepared else {}
     np.random.seed(0)
-    quantized = {name: transformations()[name].apply(model.graph) for name in QUANTIZING}
-    alone = {name: fire(transformations()[name], _copy(model.graph)) for name in transformations()}
+    quantized = {name: rows()[name].apply(model.graph) for name in QUANTIZING}
+    alone = {name: fire(rows()[name], _copy(model.graph)) for name in rows()}
     alone = {name: firing for name, firing in alone.items() if name not in QUANTIZING}
     in_order, misses = _in_order(_copy(model.graph), ORDER)
     counts = (dict(_something(one)) for one in (alone, in_order))
@@ -103,7 +103,7 @@ def _in_order(graph: GraphProto, names: Sequence[str]) -> tuple[dict[str, Firing
     firings: dict[str, Firing] = {}
     misses: dict[str, Miss] = {}
     for name in names:
-        transformation = transformations()[name]
+        transformation = rows()[name]
         miss = _best_miss(transformation, graph)
         firings[name] = fire(transformation, graph)
         if firings[name] == Firing() and miss:

@@ -6,7 +6,7 @@ import re
 from collections.abc import Iterator, Sequence
 from typing import Any
 
-from onnxgraft.catalogue import transformations
+from onnxgraft import catalogue
 from tools.models.families import FAMILIES, Family, family_of, prepared_for
 from tools.models.firing import ORDER, QUANTIZING
 
@@ -27,7 +27,7 @@ def _family(family: Family, rows: dict[str, Row]) -> Iterator[str]:
     yield "Preparation and quantizing:\n"
     yield _table("Step", rows, [*_preparations(rows), *QUANTIZING], _preparation)
     yield "Each right after quantizing:\n"
-    yield _table("Transformation", rows, list(transformations()), lambda row, name: _both(row, "alone", name))
+    yield _table("Transformation", rows, list(catalogue.rows()), lambda row, name: _both(row, "alone", name))
     yield "One after the other:\n"
     yield _table("Transformation", rows, ORDER, lambda row, name: _both(row, "in_order", name))
     errors = {f"`{model}`, `{name}`: {text}" for model, row in rows.items() for name, text in _errors(row)}
@@ -89,7 +89,7 @@ def _silent(rows: dict[str, Row]) -> Iterator[str]:
     """One line per transformation and reason, with all models that share it."""
     models: dict[tuple[str, str, str], list[str]] = {}
     for model, row in rows.items():
-        for name in prepared_for(model, transformations().values()):
+        for name in prepared_for(model, catalogue.rows().values()):
             if miss := row["misses"].get(name):
                 matched = f"{miss['matched']} of {miss['of']}"
                 models.setdefault((name, matched, _reason(miss["text"])), []).append(f"`{model}`")
