@@ -1,0 +1,136 @@
+// Memory that runs out: every allocation of the core fails once. The error must come out as it is, what the core was
+// given must serve a second run, and what was half made is released (which the sanitizers of `make sanitize` see).
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <new>
+
+#include "core/nearest_miss.h"
+#include "core/node_order.h"
+#include "core/splice_plan.h"
+#include "graph_text.h"
+
+namespace {
+
+// Only the thread that asks for it meets a failure: 0 is none, n the n-th allocation from here.
+thread_local std::size_t allocations_left = 0;
+
+void* allocate(std::size_t size) {
+  if (allocations_left != 0 && --allocations_left == 0) throw std::bad_alloc();
+  void* memory = std::malloc(size == 0 ? 1 : size);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+
+}  // namespace
+
+void* operator new(std::size_t size) { return allocate(size); }
+void* operator new[](std::size_t size) { return allocate(size); }
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete[](void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t /*size*/) noexcept { std::free(memory); }
+void operator delete[](void* memory, std::size_t /*size*/) noexcept { std::free(memory); }
+
+namespace onnxgraft::core {
+namespace {
+
+/// Runs `act` with every allocation failing once, up to a run without a failure; how often the error came out. The
+/// standard library's stable sort does without the memory that it does not get, and `act` must still be right.
+template <class Act>
+std::size_t fail_everywhere(Act act) {
+  std::size_t errors = 0;
+  for (std::size_t fail_at = 1;; ++fail_at) {
+    allocations_left = fail_at;
+    try {
+      act();
+    } catch (const std::bad_alloc&) {
+      ++errors;
+    }
+    if (allocations_left != 0) {
+      allocations_left = 0;
+      return errors;
+    }
+  }
+}
+
+/// The same table built again, without the streams of `make_graph`, which keep errors to themselves.
+GraphTable copy_of(const GraphTable& table) {
+  GraphTable copy;
+  const auto ids = [&](std::span<const NameId> names) {
+    std::vector<NameId> result;
+    for (const NameId name : names) result.push_back(copy.names.intern(table.names.text(name)));
+    return result;
+  };
+  for (NodeIndex node = 0; node < table.node_count(); ++node) {
+    copy.add_node(copy.ops.intern(table.ops.text(table.op(node))), ids(table.inputs(node)), ids(table.outputs(node)),
+                  ids(table.implicit_inputs(node)));
+    copy.node_names.push_back(copy.names.intern(table.names.text(table.node_names[node])));
+  }
+  for (NameId name = 0; name < table.names.size(); ++name) {
+    if (table.is_initializer(name)) copy.add_initializer(copy.names.intern(table.names.text(name)));
+    if (table.is_graph_output(name)) copy.add_graph_output(copy.names.intern(table.names.text(name)));
+  }
+  copy.seal();
+  return copy;
+}
+
+struct Pair {
+  const char* graph;
+  const char* pattern;
+  const char* replacement;
+};
+
+const Pair pairs[] = {
+    {"init w; Conv x,w -> y; Relu y -> z; Conv z,w -> u; If u -> v reads z; output v", "Conv:0,1i->4",
+     "Quant:0->100 #0:100,101i->103 Dequant:103,104i->4"},
+    {"LeakyRelu x -> a; LeakyRelu b -> c; Concat a,c -> d; Quant d -> e", "LeakyRelu:1->2 LeakyRelu:3->4 Concat:2,4->5 "
+     "Quant:5->99", "#0 #1 #3:2->100 #3:4->101 #2:100,101->99"},
+    {"init w; Quant x -> q; Conv q,w -> c; Quant x -> r; Neg r -> n", "Quant:0->1 Conv:1,2i->4 Quant:0->5",
+     "#2 #1:5,2i->4"},
+    {"A x -> a; B a -> b; G b -> g; Relu y -> z; Conv z,w -> c", "A:0->1 G:2->3 Relu:4->5", "#0:0,3->1 #1 #2"},
+    {"Relu x -> y; Neg y -> z; Abs y -> a", "Relu:0->1 Neg:1->2", "Clip:0->2"},
+};
+
+TEST(Allocation, OfARuleFails) {
+  for (const Pair& pair : pairs) {
+    const Texts pattern = words(pair.pattern);
+    const Texts replacement = words(pair.replacement);
+    EXPECT_GT(fail_everywhere([&] { compile_rule(pattern, replacement); }), 10U) << pair.pattern;
+  }
+}
+
+TEST(Allocation, OfASearchAndItsReasonFails) {
+  for (const Pair& pair : pairs) {
+    const GraphTable table = make_graph(pair.graph);
+    const Rule rule = make_rule(pair.pattern, pair.replacement);
+    const std::vector<Assignment> expected = assignments(search(table, rule));
+    std::size_t failures = fail_everywhere([&] { EXPECT_EQ(assignments(search(table, rule)), expected); });
+    failures += fail_everywhere([&] {
+      const auto miss = find_nearest_miss(table, rule);
+      EXPECT_EQ(miss.has_value(), expected.empty());
+      EXPECT_TRUE(!miss || !describe(table, rule, *miss).empty());
+    });
+    EXPECT_GT(failures, 20U) << pair.pattern;
+  }
+}
+
+TEST(Allocation, OfATableAndASpliceFails) {
+  for (const Pair& pair : pairs) {
+    const GraphTable graph = make_graph(pair.graph);
+    const Rule rule = make_rule(pair.pattern, pair.replacement);
+    const std::size_t failures = fail_everywhere([&] {
+      GraphTable table = copy_of(graph);
+      OccurrenceList found = search(table, rule);
+      std::vector<NodeIndex> before;
+      for (NodeIndex node = 0; node < table.original_count(); ++node) before.push_back(node);
+      const SplicePlan plan(table, rule, found);
+      const auto after = plan.arrange(before, std::vector<bool>(found.size(), true));
+      EXPECT_EQ(plan.arrange(before, std::vector<bool>(found.size(), false)), before);
+      EXPECT_EQ(put_in_order(table, before, after), after);
+    });
+    EXPECT_GT(failures, 30U) << pair.pattern;
+  }
+}
+
+}  // namespace
+}  // namespace onnxgraft::core
