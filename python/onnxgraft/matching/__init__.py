@@ -1,0 +1,7 @@
+"""Where patterns match a graph, and why they do not, as data. Nothing here changes a graph."""
+
+from onnxgraft.matching.explaining import Explanation, explain
+from onnxgraft.matching.finding import Match, find
+from onnxgraft.matching.subject import Subject, subject_of
+
+__all__ = ["Explanation", "Match", "Subject", "explain", "find", "subject_of"]

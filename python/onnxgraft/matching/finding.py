@@ -1,0 +1,58 @@
+"""`find`: where the patterns of a transformation match."""
+
+from __future__ import annotations
+
+from dataclasses import dataclass
+
+import onnx
+
+from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences
+from onnxgraft.catalogue import Transformation
+from onnxgraft.matching.subject import graph_of, subject_of
+from onnxgraft.matching.surroundings import node_text
+
+
+@dataclass(frozen=True)
+class Match:
+    """One occurrence of a pattern."""
+
+    transformation: str
+    pattern_index: int  # which of its patterns, from 0
+    pattern: tuple[str, ...]
+    nodes: tuple[int, ...]  # indices in graph.node, in the order of the pattern
+    node_texts: tuple[str, ...]
+    links: dict[str, str]  # id of the pattern -> tensor name
+
+    def __str__(self) -> str:
+        return f"{self.transformation}, pattern {self.pattern_index}: {', '.join(self.node_texts)}"
+
+
+def find(
+    graph: onnx.ModelProto | onnx.GraphProto,
+    transformation: str | type[AbstractTransformation] | AbstractTransformation | Transformation,
+) -> list[Match]:
+    """The occurrences of every pattern of a transformation, without replacing anything.
+
+    All patterns are looked for in the graph as it is. When the transformation runs, its later patterns see what the
+    earlier ones have left, so one operator may be listed under several patterns here and be replaced once. What the
+    transformation would refuse in its callback is listed too.
+
+    Args:
+        graph: The graph, or a model for its graph; nested bodies are not searched.
+        transformation: A short name, a class, an instance or a row of the catalogue.
+
+    Returns:
+        The matches pattern by pattern, in the order in which a run would replace them.
+
+    Raises:
+        UnknownTransformationError: No transformation has that short name.
+        ValueError: A pattern or replacement of the transformation does not follow the notation.
+    """
+    searched, subject = graph_of(graph), subject_of(transformation)
+    matches = []
+    for number, (pattern, replacement) in enumerate(subject.pairs):
+        for found in find_occurrences(searched, pattern, replacement):
+            nodes = tuple(found["nodes"])
+            texts = tuple(node_text(searched, index) for index in nodes)
+            matches.append(Match(subject.name, number, pattern, nodes, texts, found["links"]))
+    return matches

@@ -1,0 +1,165 @@
+"""Hints about the number, order and omission of inputs, and the number of outputs."""
+
+from __future__ import annotations
+
+import math
+
+from onnxgraft.matching.hints.miss import COMMUTATIVE, Miss
+
+_RESIZE_INPUTS = ("x", "roi", "scales", "sizes")
+
+
+def constant_of_two(miss: Miss) -> str | None:
+    """Height and width behind a sliced shape: one constant of two elements instead of two constants."""
+    node = miss.node
+    if node is None or miss.wanted.op != "Concat" or len(node.input) != len(miss.wanted.inputs) - 1:
+        return None
+    values = [miss.around.constant(name) for name in node.input[1:]]
+    if not any(value is not None and math.prod(value.dims) == 2 for value in values):
+        return None
+    return "the Concat joins one constant of two elements (height and width): prepare splits it into two constants"
+
+
+def resize_inputs(miss: Miss) -> str | None:
+    """By scales or by sizes: another number of inputs."""
+    node = miss.node
+    if node is None or node.op_type != "Resize":
+        return None
+    given, wanted = (_resize_by(count) for count in (len(_stripped(list(node.input))), len(miss.wanted.inputs)))
+    return f"this Resize is given {given}, the pattern wants one with {wanted}" if given and wanted else None
+
+
+def missing_bias(miss: Miss) -> str | None:
+    """An operator with or without bias."""
+    node = miss.node
+    if node is None or node.op_type not in ("Conv", "Gemm", "ConvTranspose"):
+        return None
+    count, wanted = len(_stripped(list(node.input))), len(miss.wanted.inputs)
+    if (count, wanted) not in ((2, 3), (3, 2)):
+        return None
+    state = "without bias" if count == 2 else "with bias"
+    all_same = all(len(_stripped(list(n.input))) == count for n in miss.around.operators[node.op_type])
+    who = f"every {node.op_type} of the graph is one" if all_same else f"this {node.op_type} is one"
+    return f"{who} {state} ({count} inputs), the pattern wants {wanted}"
+
+
+def other_count(miss: Miss) -> str | None:
+    """Nothing better is known than the numbers."""
+    if miss.node is None:
+        return None
+    count = len(_stripped(list(miss.node.input)))
+    counts = sorted({len(_stripped(list(node.input))) for node in miss.around.operators[miss.node.op_type]})
+    text = f"the {miss.node.op_type} has {count} input{'s'[: count != 1]}, the pattern wants {len(miss.wanted.inputs)}"
+    if len(counts) > 1 and len(miss.wanted.inputs) not in counts:
+        text += f"; those of this graph have {', '.join(map(str, counts))}"
+    return text
+
+
+def omitted_resize_input(miss: Miss) -> str | None:
+    """Exporters leave out what `sizes` makes superfluous; the patterns name it."""
+    node = miss.node
+    if node is None or node.op_type != "Resize" or not 1 <= miss.slot <= 2:
+        return None
+    name = _RESIZE_INPUTS[miss.slot]
+    if len(node.input) == 4 and node.input[3]:
+        return f"the Resize leaves '{name}' out beside its sizes: prepare writes an empty initializer for it"
+    return f"the Resize leaves '{name}' out, and the pattern names it"
+
+
+def omitted(miss: Miss) -> str | None:
+    """Any other operator."""
+    return None if miss.node is None else f"the {miss.node.op_type} leaves an optional input out that the pattern names"
+
+
+def exchanged_initializer(miss: Miss) -> str | None:
+    """The initializer is there, at another input."""
+    node = miss.node
+    if node is None:
+        return None
+    links = miss.wanted.inputs
+    for slot, name in enumerate(node.input[: len(links)]):
+        if name in miss.around.initializers and not links[slot].initializer:
+            if node.op_type in COMMUTATIVE:
+                return (
+                    f"inputs swapped: '{name}' is input {slot}, the pattern wants it at {miss.slot}; "
+                    f"{node.op_type} computes the same either way"
+                )
+            return (
+                f"the initializer '{name}' is input {slot} of the {node.op_type}, the pattern wants it at {miss.slot}"
+            )
+    return None
+
+
+def exchanged_producers(miss: Miss) -> str | None:
+    """What writes one input of a node should write another one of it."""
+    for role, index, slot in miss.neighbours():
+        reader = miss.around.graph.node[index]
+        writers = {link.output: link.op for link in miss.pattern}
+        for other, link in enumerate(role.inputs):
+            producer = miss.around.writer.get(reader.input[other])
+            fits = writers.get(link.id, miss.node.op_type if miss.node else "") == (miss.node and miss.node.op_type)
+            if other != slot and producer is not None and producer.op_type == miss.wanted.op and fits:
+                text = (
+                    f"inputs swapped: {miss.text(index)} has the {miss.wanted.op} at input {other}, "
+                    f"the pattern wants it at {slot}"
+                )
+                same = f"; {reader.op_type} computes the same either way" if reader.op_type in COMMUTATIVE else ""
+                return text + same
+    return None
+
+
+def missing_sibling(miss: Miss) -> str | None:
+    """The pattern has a node of another operator beside the tried one, on the same tensor."""
+    node, wanted = miss.node, {link.id for link in miss.wanted.inputs}
+    for role in miss.pattern if node is not None else ():
+        if role.op != node.op_type or len(role.inputs) > len(node.input):  # type: ignore[union-attr]
+            continue
+        for slot, link in enumerate(role.inputs):
+            name = node.input[slot]  # type: ignore[union-attr]
+            readers = [miss.around.graph.node[index].op_type for index in miss.around.readers(name)]
+            if link.id in wanted and not link.initializer and miss.wanted.op not in readers:
+                return f"the pattern wants a {miss.wanted.op} beside the {role.op}, but none reads '{name}'"
+    return None
+
+
+def other_position(miss: Miss) -> str | None:
+    """The tensor is there, at another input."""
+    if miss.node is None or miss.tensor not in miss.node.input:
+        return None
+    there = list(miss.node.input).index(miss.tensor)
+    text = f"'{miss.tensor}' is input {there} of the {miss.node.op_type}, the pattern wants it at {miss.slot}"
+    if miss.node.op_type in COMMUTATIVE:
+        return f"inputs swapped: {text}; {miss.node.op_type} computes the same either way"
+    return f"inputs in another order: {text}"
+
+
+def different_tensors(miss: Miss) -> str | None:
+    """Two inputs have to be one tensor."""
+    uses = [link.id for link in miss.wanted.inputs]
+    if miss.node is None or len(set(uses)) == len(uses):
+        return None
+    return f"the pattern wants one tensor at several inputs of the {miss.node.op_type}"
+
+
+def further_outputs(miss: Miss) -> str | None:
+    """A node of a pattern has one output."""
+    node = miss.node
+    if node is None:
+        return None
+    further = [name for name in node.output[1:] if name]
+    if not further:
+        return None
+    used = [name for name in further if miss.around.readers(name) or name in miss.around.outputs]
+    if used:
+        return f"a second output, '{used[0]}', is in use; a pattern node has one output"
+    return f"nothing reads its further output '{further[0]}': a node without it would fit"
+
+
+def _resize_by(count: int) -> str | None:
+    return {3: "scales", 4: "sizes"}.get(count)
+
+
+def _stripped(names: list[str]) -> list[str]:
+    while names and not names[-1]:
+        names.pop()
+    return names

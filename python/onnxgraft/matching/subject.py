@@ -1,0 +1,70 @@
+"""What the tools take as "a transformation" and as "a graph": names, classes, instances, rows, models."""
+
+from __future__ import annotations
+
+import copy
+import inspect
+from dataclasses import dataclass
+from typing import Any
+
+import onnx
+
+from onnxgraft.abstract_transformation import AbstractTransformation
+from onnxgraft.catalogue import Pair, Transformation, find_row
+
+
+@dataclass(frozen=True)
+class Subject:
+    """A transformation as far as matching needs it: its name and its (pattern, replacement) pairs."""
+
+    name: str
+    pairs: tuple[Pair, ...]
+
+
+def subject_of(transformation: str | type[Any] | AbstractTransformation | Transformation) -> Subject:
+    """The name and the pairs of a short name, a class, an instance or a row of the catalogue.
+
+    Raises:
+        UnknownTransformationError: No transformation has that short name.
+        TypeError: It is something else.
+    """
+    if isinstance(transformation, str):
+        transformation = find_row(transformation)
+    if isinstance(transformation, Transformation):
+        return Subject(transformation.name, transformation.pairs)
+    if isinstance(transformation, AbstractTransformation):
+        return Subject(_name(transformation), _pairs_of_instance(transformation))
+    if inspect.isclass(transformation) and issubclass(transformation, AbstractTransformation):
+        return Subject(_name(transformation()), Transformation("", transformation).pairs)
+    raise TypeError(
+        f"a short name, a class or an instance of AbstractTransformation is wanted, not {type(transformation).__name__}"
+    )
+
+
+def graph_of(graph: onnx.ModelProto | onnx.GraphProto) -> onnx.GraphProto:
+    """The graph of a model; a graph is returned as it is."""
+    if isinstance(graph, onnx.ModelProto):
+        return graph.graph
+    if isinstance(graph, onnx.GraphProto):
+        return graph
+    raise TypeError(f"a ModelProto or a GraphProto is wanted, not {type(graph).__name__}")
+
+
+def _name(instance: Any) -> str:
+    """Its short name, else that of its class."""
+    method = getattr(instance, "get_simple_name", None)
+    return str(method()) if callable(method) else type(instance).__name__
+
+
+def _pairs_of_instance(instance: Any) -> tuple[Pair, ...]:
+    """The pairs of an object, which may depend on how it was made."""
+    taken: list[Pair] = []
+
+    def take_note(_graph: object, subgraph: Any, replacement: Any, *_more: object, **_named: object) -> int:
+        taken.append((tuple(subgraph), tuple(replacement)))
+        return 0
+
+    recorder = copy.copy(instance)
+    recorder._replace_all_isomorphic_sub_graphs = take_note
+    recorder.apply(onnx.GraphProto())
+    return tuple(taken)
