@@ -1,0 +1,11 @@
+"""Brings the forms in which exporters write a network into those that the patterns name.
+
+Each step keeps the computed function, counts what it changes, and finds nothing to do on its own result. Steps rewrite
+the outer graph, as the transformations do; what nested bodies read stays defined. docs/preparation.md describes them.
+"""
+
+from onnxgraft.preparation.errors import PreparationError
+from onnxgraft.preparation.running import prepare
+from onnxgraft.preparation.steps import STEPS, Step
+
+__all__ = ["STEPS", "PreparationError", "Step", "prepare"]

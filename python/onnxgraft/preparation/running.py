@@ -1,0 +1,61 @@
+"""Runs the steps that a caller chose, in the order in which they help each other."""
+
+from __future__ import annotations
+
+import difflib
+import logging
+import os
+from collections.abc import Iterable
+from time import perf_counter
+
+from onnx import GraphProto, ModelProto
+
+from onnxgraft.engine.report import PreparationStep
+from onnxgraft.preparation.errors import PreparationError
+from onnxgraft.preparation.steps import STEPS
+from onnxgraft.preparation.workpiece import Workpiece
+
+LOG = logging.getLogger(__name__)
+
+
+def prepare(
+    model: ModelProto | GraphProto,
+    steps: Iterable[str] | None = None,
+    *,
+    skip: Iterable[str] = (),
+    folder: str | os.PathLike[str] | None = None,
+) -> list[PreparationStep]:
+    """Prepares a model for the transformations, in place; its function stays.
+
+    Args:
+        model: The model, or its graph alone: then no shapes are inferred, since a graph does not say which operator
+            set it uses.
+        steps: Names of the steps to run, None for all. They run in the order of `STEPS`, whatever order is given.
+        skip: Names of steps to leave out.
+        folder: The folder that the locations of external tensors start from; None is the current one.
+
+    Returns:
+        What each step that ran changed.
+
+    Raises:
+        PreparationError: A name in `steps` or `skip` is unknown; the model is unchanged then.
+    """
+    chosen = _known(STEPS if steps is None else steps) - _known(skip)
+    workpiece = Workpiece(model, folder)
+    done = []
+    for step in STEPS.values():
+        if step.name in chosen:
+            start = perf_counter()
+            changed = step.run(workpiece)
+            done.append(PreparationStep(step.name, changed, perf_counter() - start))
+            LOG.debug("%s: %d", step.name, changed)
+    return done
+
+
+def _known(names: Iterable[str]) -> set[str]:
+    if isinstance(names, str):
+        names = [names]
+    wanted = set(names)
+    for name in sorted(wanted - STEPS.keys()):
+        raise PreparationError(name, difflib.get_close_matches(name, STEPS, n=3, cutoff=0.6), list(STEPS))
+    return wanted

@@ -1,0 +1,142 @@
+"""The graph that the steps work on, and the few edits that they make.
+
+Invariant: after each edit every name that is read is still defined. What others refer to by name (graph outputs,
+nested bodies) is never renamed or removed.
+"""
+
+from __future__ import annotations
+
+import logging
+import os
+from collections.abc import Callable, Collection, Iterable
+from typing import Any
+
+import numpy as np
+from numpy.typing import NDArray
+from onnx import GraphProto, ModelProto, NodeProto, TensorProto, TypeProto, ValueInfoProto, helper, numpy_helper
+
+from onnxgraft.preparation.names import all_names, body_reads
+from onnxgraft.preparation.type_inference import inferred_values
+
+LOG = logging.getLogger(__name__)
+
+# Before this version of the file format an initializer had to be listed among the graph's inputs.
+_FIRST_IR_WITHOUT_LISTING = 4
+
+_Array = NDArray[Any]
+
+
+class Workpiece:
+    """One graph being prepared.
+
+    Args:
+        model: The model, or its graph alone. A graph does not say which operator set it uses, so nothing is inferred.
+        folder: The folder that the locations of external tensors start from; None is the current one.
+    """
+
+    def __init__(self, model: ModelProto | GraphProto, folder: str | os.PathLike[str] | None = None) -> None:
+        self.model = model if isinstance(model, ModelProto) else None
+        self.graph = model.graph if isinstance(model, ModelProto) else model
+        self.folder = os.fspath(folder) if folder is not None else "."
+        old_format = self.model is not None and 0 < self.model.ir_version < _FIRST_IR_WITHOUT_LISTING
+        self._inputs_are_constant = old_format
+        self._lists_initializers = old_format or (self.model is None and self._all_listed())
+        self._inferred: list[ValueInfoProto] | None = None
+
+    def constants(self) -> dict[str, TensorProto]:
+        """The initializers that are constant: a caller can give those among the inputs another value."""
+        inputs = set() if self._inputs_are_constant else {value.name for value in self.graph.input}
+        return {tensor.name: tensor for tensor in self.graph.initializer if tensor.name not in inputs}
+
+    def values(self, tensor: TensorProto) -> _Array | None:
+        """The values of a tensor; None if they cannot be read or would not come back as the same element type."""
+        try:
+            array: _Array = numpy_helper.to_array(tensor, self.folder)
+            same_type = helper.np_dtype_to_tensor_dtype(array.dtype) == tensor.data_type
+        except (OSError, ValueError, TypeError, KeyError) as error:
+            LOG.warning("tensor '%s' stays as it is, since its values cannot be read: %s", tensor.name, error)
+            return None
+        return array if same_type else None
+
+    def defined_names(self) -> set[str]:
+        """Names of graph inputs and initializers."""
+        return {value.name for value in self.graph.input} | {tensor.name for tensor in self.graph.initializer}
+
+    def kept_names(self) -> set[str]:
+        """Names that have to go on existing: graph outputs and what nested bodies read."""
+        return {value.name for value in self.graph.output} | body_reads(self.graph)
+
+    def inferred(self) -> list[ValueInfoProto]:
+        """Types and shapes of the graph's tensors, inferred once: the steps change neither."""
+        if self._inferred is None:
+            self._inferred = inferred_values(self.model, self.folder) if self.model else list(self.graph.value_info)
+        return self._inferred
+
+    def types(self) -> dict[str, TypeProto.Tensor]:
+        """Element type and shape of each tensor for which they are known."""
+        values = [*self.inferred(), *self.graph.output, *self.graph.input]
+        return {value.name: value.type.tensor_type for value in values if value.type.HasField("tensor_type")}
+
+    def fresh_names(self) -> Callable[[str], str]:
+        """A function that makes a name nothing has out of the one wished for."""
+        taken = all_names(self.graph)
+
+        def fresh(wanted: str) -> str:
+            name, number = wanted, 1
+            while name in taken:
+                name, number = f"{wanted}_{number}", number + 1
+            taken.add(name)
+            return name
+
+        return fresh
+
+    def add(self, tensor: TensorProto) -> None:
+        """Adds an initializer, where the file format asks for it as an input too."""
+        self.graph.initializer.append(tensor)
+        if self._lists_initializers:
+            value = helper.make_tensor_value_info(tensor.name, tensor.data_type, list(tensor.dims))
+            self.graph.input.append(value)
+
+    def add_array(self, array: _Array, name: str) -> None:
+        """Adds an initializer with these values."""
+        self.add(numpy_helper.from_array(np.ascontiguousarray(array).reshape(array.shape), name))
+
+    def remove_nodes(self, positions: Collection[int]) -> None:
+        """Takes the nodes at these positions out of the graph."""
+        remove_at(self.graph.node, positions)
+
+    def forget_values(self, names: Collection[str]) -> None:
+        """Removes what `value_info` says of tensors that are gone."""
+        values = self.graph.value_info
+        remove_at(values, [index for index, value in enumerate(values) if value.name in names])
+
+    def drop_unread(self, names: Collection[str]) -> None:
+        """Removes those of the constants that nothing reads any more."""
+        if not names:
+            return
+        read = {name for node in self.graph.node for name in node.input} | self.kept_names()
+        unread = (set(names) & self.constants().keys()) - read
+        fields: tuple[Any, ...] = (self.graph.initializer, self.graph.input, self.graph.value_info)
+        for field in fields:
+            remove_at(field, [index for index, value in enumerate(field) if value.name in unread])
+
+    def _all_listed(self) -> bool:
+        """A graph alone does not say its file format; one that lists all its initializers may be an old one."""
+        inputs = {value.name for value in self.graph.input}
+        return bool(self.graph.initializer) and all(tensor.name in inputs for tensor in self.graph.initializer)
+
+
+def is_standard(node: NodeProto, op_type: str) -> bool:
+    """Whether a node is ONNX's own operator of that name."""
+    return node.op_type == op_type and node.domain in {"", "ai.onnx"}
+
+
+def remove_at(field: Any, positions: Iterable[int]) -> None:
+    """Removes items of a repeated field: they go to the end by a stable sort and leave in one piece, in linear time."""
+    gone = set(positions)
+    if not gone:
+        return
+    size = len(field)
+    leaving = iter([index in gone for index in range(size)])
+    field.sort(key=lambda _: next(leaving))
+    del field[size - len(gone) :]

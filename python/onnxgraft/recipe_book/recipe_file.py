@@ -1,0 +1,88 @@
+"""Reads recipes from TOML: one table per recipe. Built-in ones and users' own pass through the same checks."""
+
+from __future__ import annotations
+
+import difflib
+import importlib
+import os
+import sys
+import types
+from collections.abc import Collection, Mapping
+from pathlib import Path
+from typing import Any
+
+from onnxgraft.catalogue import rows
+from onnxgraft.preparation import STEPS
+from onnxgraft.recipe_book.errors import RecipeFileError
+from onnxgraft.recipe_book.recipe import Recipe
+
+tomllib: Any = importlib.import_module("tomllib" if sys.version_info >= (3, 11) else "tomli")
+
+_KEYS = ("summary", "transformations", "prepare", "until_stable")
+
+
+def load_recipes(path: str | os.PathLike[str]) -> Mapping[str, Recipe]:
+    """The recipes of a file, by name.
+
+    Raises:
+        RecipeFileError: The file cannot be read, is not TOML, or one of its tables is no recipe.
+    """
+    try:
+        with Path(path).open("rb") as stream:
+            tables = tomllib.load(stream)
+    except OSError as error:
+        raise RecipeFileError(f"cannot read '{os.fspath(path)}': {error.strerror}") from error
+    except (tomllib.TOMLDecodeError, UnicodeDecodeError) as error:
+        raise RecipeFileError(f"'{os.fspath(path)}' is not TOML: {error}") from error
+    if not tables:
+        raise RecipeFileError(f"'{os.fspath(path)}' has no recipe: write a table such as [mynet]")
+    source = os.fspath(path)
+    return types.MappingProxyType({name: _recipe(name, table, source) for name, table in tables.items()})
+
+
+def _recipe(name: str, table: Any, source: str) -> Recipe:
+    where = f"'{source}', recipe '{name}'"
+    if not isinstance(table, dict):
+        raise RecipeFileError(f"'{source}': '{name}' stands outside of a recipe; write it below a line such as [mynet]")
+    for key in table.keys() - set(_KEYS):
+        raise RecipeFileError(f"{where}: unknown key '{key}'; {_instead(key, _KEYS, 'the keys are')}")
+    if "transformations" not in table:
+        raise RecipeFileError(f"{where}: the key 'transformations' is missing; write the short names to run, in order")
+    transformations = _names(table, "transformations", rows(), where)
+    if not transformations:
+        raise RecipeFileError(f"{where}, key 'transformations': the list is empty; name at least one")
+    return Recipe(
+        name=name,
+        summary=_typed(table, "summary", str, "a text", where, default=""),
+        transformations=transformations,
+        prepare=_names(table, "prepare", STEPS, where) if "prepare" in table else None,
+        until_stable=_typed(table, "until_stable", bool, "true or false", where, default=True),
+        source=source,
+    )
+
+
+def _names(table: Mapping[str, Any], key: str, known: Collection[str], where: str) -> tuple[str, ...]:
+    names = table[key]
+    if not isinstance(names, list) or not all(isinstance(name, str) for name in names):
+        raise RecipeFileError(f"{where}, key '{key}': wanted a list of names such as [\"{next(iter(known))}\"]")
+    for name in names:
+        if name not in known:
+            listed = "`onnxgraft list` shows the names of" if key == "transformations" else "the steps are"
+            raise RecipeFileError(f"{where}, key '{key}': unknown name '{name}'; {_instead(name, known, listed)}")
+    return tuple(names)
+
+
+def _typed(table: Mapping[str, Any], key: str, kind: type, wanted: str, where: str, *, default: Any) -> Any:
+    value = table.get(key, default)
+    if not isinstance(value, kind):
+        raise RecipeFileError(f"{where}, key '{key}': wanted {wanted}, not {value!r}")
+    return value
+
+
+def _instead(name: str, known: Collection[str], listed: str) -> str:
+    similar = difflib.get_close_matches(name.lower(), known, n=3, cutoff=0.6)
+    if similar:
+        return f"did you mean {' or '.join(similar)}?"
+    if listed.startswith("`"):
+        return f"{listed} the transformations"
+    return f"{listed} {', '.join(known)}"
