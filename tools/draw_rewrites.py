@@ -13,8 +13,8 @@ import sys
 from pathlib import Path
 
 from onnxgraft.catalogue import rows
-from tools.pictures.pair import read_pair
-from tools.pictures.svg import draw
+from onnxgraft.drawing.pair_picture import draw
+from onnxgraft.drawing.pattern_pair import read_pair
 
 FOLDER = Path("docs/pictures")
 

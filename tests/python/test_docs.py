@@ -13,10 +13,10 @@ from onnx import ModelProto, TensorProto, helper, numpy_helper
 from onnx.reference import ReferenceEvaluator
 
 from onnxgraft.catalogue import rows
+from onnxgraft.drawing.pair_picture import lay_out
+from onnxgraft.drawing.pattern_pair import Graph, State, read_pair
 from tools import draw_rewrites, firing_table
 from tools.models.preparation import prepare
-from tools.pictures.pair import Graph, State, read_pair
-from tools.pictures.svg import lay_out
 
 PAIRS = [pair for transformation in rows().values() for pair in transformation.pairs]
 

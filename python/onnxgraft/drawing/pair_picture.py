@@ -8,10 +8,10 @@ from __future__ import annotations
 import math
 from collections.abc import Iterator
 from html import escape
-from itertools import pairwise
 
-from tools.pictures.layout import Edge, Layout, place
-from tools.pictures.pair import Constant, Graph, Node, State
+from onnxgraft.drawing.geometry import edge_paths, text_width
+from onnxgraft.drawing.layout import Edge, Layout, place
+from onnxgraft.drawing.pattern_pair import Constant, Graph, Node, State
 
 _MARGIN, _TITLE, _BETWEEN, _LEGEND = 20.0, 34.0, 84.0, 40.0
 _HEAD, _CHIP, _PORT = 32.0, 19.0, 26.0
@@ -72,7 +72,7 @@ def lay_out(graph: Graph) -> Layout:
 def _size(node: Node) -> tuple[float, float]:
     rows = _rows(node)
     chips = max((math.fsum(_chip_width(chip) + 5 for chip in row) for row in rows), default=0.0)
-    return max(_text_width(node.op, 14) + 60, chips + 11), _HEAD + len(rows) * (_CHIP + 4) + (3 if rows else 0)
+    return max(text_width(node.op, 14) + 60, chips + 11), _HEAD + len(rows) * (_CHIP + 4) + (3 if rows else 0)
 
 
 def _rows(node: Node) -> list[tuple[Constant, ...]]:
@@ -129,21 +129,7 @@ def _chip_width(chip: Constant) -> float:
 
 def _edge(layout: Layout, edge: Edge) -> str:
     """A smooth line from the bottom of one box through its spots to an input of the other."""
-    start = layout.items[edge.start]
-    end = layout.items[edge.end]
-    points = [(start.x, start.y + start.height / 2)]
-    for name in edge.via:
-        spot = layout.items[name]
-        half = max(layout.items[other].height for other in layout.layers[spot.layer]) / 2
-        points += [(spot.x, spot.y - half), (spot.x, spot.y + half)]
-    arrow = 6.0
-    points.append((layout.entry(edge), end.y - end.height / 2 - arrow))
-    path = f"M{points[0][0]:.1f} {points[0][1]:.1f}"
-    for (x1, y1), (x2, y2) in pairwise(points):
-        bend = (y2 - y1) / 2
-        path += f" C{x1:.1f} {y1 + bend:.1f} {x2:.1f} {y2 - bend:.1f} {x2:.1f} {y2:.1f}"
-    x, y = points[-1]
-    head = f"M{x - 4:.1f} {y:.1f} h8 l-4 {arrow:.1f} z"
+    path, head = edge_paths(layout, edge)
     return f'<path d="{path}" fill="none" stroke="{_GREY}" stroke-width="1.3"/><path d="{head}" fill="{_GREY}"/>'
 
 
@@ -156,7 +142,7 @@ def _states(graph: Graph) -> set[State]:
 
 
 def _legend_width(state: State) -> float:
-    return 20 + 0.9 * _text_width(state.value, 12) + 16
+    return 20 + 0.9 * text_width(state.value, 12) + 16
 
 
 def _legend(states: list[State], y: float) -> Iterator[str]:
@@ -189,8 +175,3 @@ def _text(x: float, y: float, text: str, font: str, colour: str, size: float, an
         f'<text x="{x:.1f}" y="{y + size * 0.35:.1f}" text-anchor="{anchor}" {font} font-size="{size:g}" '
         f'fill="{colour}">{escape(text)}</text>'
     )
-
-
-def _text_width(text: str, size: float) -> float:
-    """An upper bound of what sans-serif fonts take."""
-    return 0.58 * size * len(text)

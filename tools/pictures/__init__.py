@@ -1,1 +1,0 @@
-"""Pictures of (pattern, replacement) pairs: from the lists to a layered drawing."""
