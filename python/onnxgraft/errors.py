@@ -53,7 +53,11 @@ class RegistrationError(HostError):
     """A class that cannot be a transformation of the catalogue, or code of a user's that cannot be loaded."""
 
 
-class UnknownTransformationError(HostError):
+class UnknownNameError(HostError):
+    """A name that nothing has. For the command line this is wrong usage."""
+
+
+class UnknownTransformationError(UnknownNameError):
     """A short name that no transformation has."""
 
     def __init__(self, name: str, similar: Sequence[str]) -> None:
