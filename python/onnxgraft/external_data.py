@@ -1,27 +1,16 @@
-"""Tensors whose bytes are in a file beside the model: checking that they are there, and moving them to a new file.
-
-Nothing is read into memory as a whole: a large model passes through in pieces.
-"""
+"""Tensors whose bytes are in a file beside the model: where they are, and whether they are there."""
 
 from __future__ import annotations
 
 import stat
-from collections.abc import Iterator
-from contextlib import ExitStack
 from dataclasses import dataclass
 from pathlib import Path
-from typing import BinaryIO
 
 import onnx
 from onnx.external_data_helper import ExternalDataInfo, uses_external_data
 
 from onnxgraft.errors import ModelFileError
-from onnxgraft.tensors import stored_tensors
-
-# Smaller tensors stay in the model file: a reference to them would be about as long.
-SMALLEST_EXTERNAL = 1024
-_PAGE = 4096
-_PIECE = 1 << 20
+from onnxgraft.tensors import VALUE_FIELDS, stored_tensors
 
 
 @dataclass(frozen=True)
@@ -76,65 +65,11 @@ def check_external_data(model: onnx.ModelProto, folder: Path) -> None:
             locate(tensor, folder)
 
 
-def move_to_file(model: onnx.ModelProto, folder: Path, stream: BinaryIO, location: str) -> int:
-    """Writes every external tensor and every large one to `stream` and makes the model refer to `location`.
-
-    The model changes only after all bytes are written. Offsets of a page and more are multiples of the page size, as
-    memory maps want them.
-
-    Args:
-        model: The model, changed in place.
-        folder: The folder that the present locations start from.
-        stream: The new data file, empty.
-        location: Its name, relative to the folder of the model that will be saved.
-
-    Returns:
-        The size of the data file; 0 if all tensors are small and stay in the model.
-    """
-    moved: list[tuple[onnx.TensorProto, int, int]] = []
-    end = 0
-    with ExitStack() as stack:
-        sources: dict[Path, BinaryIO] = {}
-        for tensor in stored_tensors(model):
-            if uses_external_data(tensor):
-                extent = locate(tensor, folder)
-                if extent.file not in sources:
-                    sources[extent.file] = stack.enter_context(extent.file.open("rb"))
-                pieces, length = _read(sources[extent.file], extent), extent.length
-            elif len(raw := tensor.raw_data) >= SMALLEST_EXTERNAL:
-                pieces, length = iter([raw]), len(raw)
-            else:
-                continue
-            start = _aligned(end, length)
-            stream.write(bytes(start - end))
-            for piece in pieces:
-                stream.write(piece)
-            end = start + length
-            moved.append((tensor, start, length))
-    for tensor, start, length in moved:
-        _refer(tensor, location, start, length)
-    return end
-
-
-def _aligned(offset: int, length: int) -> int:
-    step = _PAGE if length >= _PAGE else 64
-    return -(-offset // step) * step
-
-
-def _read(source: BinaryIO, extent: Extent) -> Iterator[bytes]:
-    source.seek(extent.offset)
-    left = extent.length
-    while left:
-        piece = source.read(min(left, _PIECE))
-        if not piece:
-            raise ModelFileError(f"'{extent.file}' became shorter while it was read")
-        left -= len(piece)
-        yield piece
-
-
-def _refer(tensor: onnx.TensorProto, location: str, offset: int, length: int) -> None:
+def refer(tensor: onnx.TensorProto, location: str, offset: int, length: int) -> None:
+    """Makes `tensor` refer to bytes in a file instead of holding values."""
     del tensor.external_data[:]
     for key, value in (("location", location), ("offset", str(offset)), ("length", str(length))):
         tensor.external_data.add(key=key, value=value)
     tensor.data_location = onnx.TensorProto.EXTERNAL
-    tensor.ClearField("raw_data")
+    for field in VALUE_FIELDS:
+        tensor.ClearField(field)

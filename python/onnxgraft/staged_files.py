@@ -1,7 +1,7 @@
 """Files that appear whole or not at all.
 
-A StagedFile is written under a temporary name in the folder of its target; `publish` gives a set of them their names,
-the last one last, and takes the earlier ones back if that fails.
+A StagedFile is written under a temporary name in the folder of its target, not before there is something to write;
+`publish` brings it to the disk and gives it its name. What had the name before stays whole until then.
 """
 
 from __future__ import annotations
@@ -20,7 +20,7 @@ from onnxgraft.errors import ModelFileError
 
 
 class StagedFile:
-    """A file under way to `target`. Leaving the context removes all that is temporary.
+    """A file under way to `target`. Leaving the context removes what is temporary.
 
     Raises:
         ModelFileError: The target cannot be written, or exists and `overwrite` is false.
@@ -31,14 +31,23 @@ class StagedFile:
         self._overwrite = overwrite
         # A link stays a link: what it points to is written.
         self.target = Path(os.path.realpath(target))
-        token = secrets.token_hex(8)
-        self._temporary = self.target.with_name(f".onnxgraft-{token}.tmp")
-        self._backup = self.target.with_name(f".onnxgraft-{token}.old")
+        self._temporary = self.target.with_name(f".onnxgraft-{secrets.token_hex(8)}.tmp")
+        self._stream: BinaryIO | None = None
         self.check_target()
-        try:
-            self.stream: BinaryIO = self._temporary.open("xb")
-        except OSError as error:
-            raise ModelFileError(f"cannot write '{target}': {error.strerror}") from error
+        # Whether the folder takes files is tried out now; a killed process must not leave one behind.
+        self._open().close()
+        self._temporary.unlink()
+
+    @property
+    def stream(self) -> BinaryIO:
+        """Where the content is written to.
+
+        Raises:
+            ModelFileError: The folder takes no more files.
+        """
+        if self._stream is None:
+            self._stream = self._open()
+        return self._stream
 
     def check_target(self) -> None:
         """Raises ModelFileError if the file must not take its place."""
@@ -66,23 +75,15 @@ class StagedFile:
             shutil.copymode(self.target, self._temporary)
 
     def put_in_place(self) -> None:
-        """Gives the sealed file its name; what had the name before stays at hand for `take_back`."""
+        """Gives the sealed file its name."""
         self.check_target()
-        try:
-            os.link(self.target, self._backup)
-        except FileNotFoundError:
-            pass
-        except OSError:
-            # No hard links here: the old file is away until the new one is in place.
-            self.target.replace(self._backup)
         self._temporary.replace(self.target)
 
-    def take_back(self) -> None:
-        """Undoes `put_in_place`, however far it came."""
-        if self._backup.exists():
-            self._backup.replace(self.target)
-        elif not self._temporary.exists():
-            self.target.unlink(missing_ok=True)
+    def _open(self) -> BinaryIO:
+        try:
+            return self._temporary.open("xb")
+        except OSError as error:
+            raise ModelFileError(f"cannot write '{self.named}': {error.strerror}") from error
 
     def __enter__(self) -> StagedFile:
         return self
@@ -90,38 +91,33 @@ class StagedFile:
     def __exit__(
         self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None
     ) -> None:
-        with suppress(OSError):
-            self.stream.close()
-        self._temporary.unlink(missing_ok=True)
-        self._backup.unlink(missing_ok=True)
+        if self._stream is not None:
+            with suppress(OSError):
+                self._stream.close()
+            self._temporary.unlink(missing_ok=True)
 
 
 def publish(files: Sequence[StagedFile]) -> None:
-    """Gives complete files their names, in order.
+    """Gives complete files their names, in order, when all of them are on the disk.
 
     Raises:
-        ModelFileError: It could not be done; what stood under the names stands there again.
+        ModelFileError: It could not be done.
     """
-    begun: list[StagedFile] = []
-    try:
-        for file in files:
+    for file in files:
+        try:
             file.seal()
-        for file in files:
-            begun.append(file)
+        except OSError as error:
+            raise ModelFileError(f"cannot write '{file.named}': {error.strerror}") from error
+    for file in files:
+        try:
             file.put_in_place()
-    except BaseException as error:
-        for file in reversed(begun):
-            with suppress(OSError):  # the others still have to go back
-                file.take_back()
-        if isinstance(error, OSError):
-            raise ModelFileError(f"cannot write '{files[-1].named}': {error.strerror}") from error
-        raise
-    for folder in {file.target.parent for file in files}:
-        _sync_folder(folder)
+        except OSError as error:
+            raise ModelFileError(f"cannot write '{file.named}': {error.strerror}") from error
+        sync_folder(file.target.parent)
 
 
-def _sync_folder(folder: Path) -> None:
-    """Brings the new names to the disk, where the file system can."""
+def sync_folder(folder: Path) -> None:
+    """Brings the names in `folder` to the disk, where the file system can."""
     with suppress(OSError):
         handle = os.open(folder, os.O_RDONLY)
         try:

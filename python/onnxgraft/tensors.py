@@ -1,10 +1,33 @@
-"""Every tensor that a model stores, wherever it stands."""
+"""Every tensor that a model stores, wherever it stands, and the bytes of its values."""
 
 from __future__ import annotations
 
 from collections.abc import Iterator
+from typing import Literal, get_args
 
+import numpy as np
 import onnx
+from onnx import TensorProto, numpy_helper
+
+# Where a tensor may hold its values, texts excepted.
+ValueField = Literal["raw_data", "float_data", "double_data", "int32_data", "int64_data", "uint64_data"]
+VALUE_FIELDS: tuple[ValueField, ...] = get_args(ValueField)
+
+# Types whose values have one stored form: as many bytes for each as NumPy takes.
+_PLAIN_TYPES: dict[int, str] = {
+    TensorProto.FLOAT: "<f4",
+    TensorProto.DOUBLE: "<f8",
+    TensorProto.FLOAT16: "<f2",
+    TensorProto.INT8: "i1",
+    TensorProto.INT16: "<i2",
+    TensorProto.INT32: "<i4",
+    TensorProto.INT64: "<i8",
+    TensorProto.UINT8: "u1",
+    TensorProto.UINT16: "<u2",
+    TensorProto.UINT32: "<u4",
+    TensorProto.UINT64: "<u8",
+    TensorProto.BOOL: "?",
+}
 
 
 def stored_tensors(model: onnx.ModelProto) -> Iterator[onnx.TensorProto]:
@@ -39,3 +62,19 @@ def _attribute_tensors(node: onnx.NodeProto, graphs: list[onnx.GraphProto]) -> I
             graphs.append(attribute.g)
         elif attribute.type == kinds.GRAPHS:
             graphs.extend(attribute.graphs)
+
+
+def raw_values(tensor: onnx.TensorProto, smallest: int = 0) -> bytes | None:
+    """The bytes that `tensor` would have in a data file.
+
+    Returns:
+        None if they are fewer than `smallest`, or if its values are text, packed or not in the tensor.
+    """
+    if tensor.HasField("raw_data"):
+        return tensor.raw_data if len(tensor.raw_data) >= smallest else None
+    dtype = _PLAIN_TYPES.get(tensor.data_type)
+    if dtype is None or tensor.data_location == TensorProto.EXTERNAL:
+        return None
+    if np.dtype(dtype).itemsize * int(np.prod(tensor.dims, dtype=object)) < smallest:
+        return None
+    return numpy_helper.to_array(tensor).astype(dtype, copy=False).tobytes()
