@@ -1,0 +1,6 @@
+"""A self-test for transformations: random graphs around the patterns of a class, and what must hold after it ran."""
+
+from onnxgraft.selfcheck.checking import check_transformation
+from onnxgraft.selfcheck.result import CheckResult, SelfCheckError
+
+__all__ = ["CheckResult", "SelfCheckError", "check_transformation"]

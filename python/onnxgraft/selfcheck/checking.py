@@ -1,0 +1,163 @@
+"""`check_transformation`: the self-test for users' own transformations."""
+
+from __future__ import annotations
+
+import inspect
+import random
+from collections import Counter
+from collections.abc import Iterable, Sequence
+
+import onnx
+from onnx import GraphProto
+
+from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences
+from onnxgraft.matching.subject import Subject, graph_of, subject_of
+from onnxgraft.selfcheck.graph_builder import random_graph
+from onnxgraft.selfcheck.recording import Runner
+from onnxgraft.selfcheck.result import CheckResult
+from onnxgraft.selfcheck.rules import Runs, broken
+from onnxgraft.selfcheck.shrinking import shrunk
+
+_ENOUGH = 20  # graphs after which a pattern should have occurred, and a callback should not always have raised
+
+
+def check_transformation(
+    cls: type[AbstractTransformation],
+    *,
+    graphs: int = 200,
+    seed: int = 0,
+    examples: Iterable[onnx.ModelProto | GraphProto] = (),
+) -> CheckResult:
+    """Runs a transformation on random graphs around its patterns and checks what it leaves.
+
+    The graphs hold occurrences, some of them overlapping, near misses, further readers of inner tensors, graph outputs
+    and nested graphs. Initializers and attributes of operators that are known have plausible shapes and types. After
+    each run the nodes have to be in topological order, every tensor to have one writer, nothing to dangle, inputs and
+    outputs to be kept, other nodes to be the same objects in the same order, and the result to be the number of
+    occurrences that the callback accepted. A refusal has to leave no trace. The same graph and seed have to give the
+    same result. An exception of the callback is a fault only if the graph is broken by it, or if it always comes.
+
+    Args:
+        cls: The class; it is made without arguments.
+        graphs: How many random graphs.
+        seed: Their seed. The generators of NumPy and `random` are left as they were.
+        examples: Graphs to check besides, such as a small model that the transformation was written for. They are not
+            changed.
+
+    Returns:
+        The findings, each with the smallest graph that shows it, and notes.
+
+    Raises:
+        TypeError: `cls` is no subclass of AbstractTransformation.
+    """
+    if not inspect.isclass(cls) or not issubclass(cls, AbstractTransformation):
+        raise TypeError(f"a subclass of AbstractTransformation is wanted, not {cls!r}")
+    try:
+        subject = subject_of(cls)
+        for pattern, replacement in subject.pairs:
+            find_occurrences(GraphProto(), pattern, replacement)
+    except Exception as error:  # whatever foreign code raises
+        return CheckResult(cls.__name__, findings=[f"set-up: {type(error).__name__}: {error}"])
+    if not subject.pairs:
+        return CheckResult(subject.name, findings=["set-up: apply runs no pattern on an empty graph"])
+    return _Check(cls, subject).run(graphs, seed, [graph_of(example) for example in examples])
+
+
+class _Check:
+    """One self-test; collects over all graphs."""
+
+    def __init__(self, cls: type[AbstractTransformation], subject: Subject) -> None:
+        self._runner = Runner(cls)
+        self._subject = subject
+        self._result = CheckResult(subject.name)
+        self._faults: dict[str, tuple[str, GraphProto, str]] = {}  # identifier -> sentence, graph, where from
+        self._occurred: Counter[int] = Counter()
+        self._errors: Counter[str] = Counter()
+        self._error_graph: GraphProto | None = None
+        self._asked = 0
+        self._changed_again = 0
+
+    def run(self, graphs: int, seed: int, examples: Sequence[GraphProto]) -> CheckResult:
+        patterns = [pattern for pattern, _ in self._subject.pairs]
+        for number in range(graphs):
+            self._judge(random_graph(random.Random(f"{seed} {number}"), patterns), f"random graph {number}")
+        for number, example in enumerate(examples):
+            self._judge(example, f"example {number}")
+        for identifier, (sentence, graph, where) in self._faults.items():
+            self._result.findings.append(self._finding(identifier, sentence, graph, where))
+        self._judge_all(graphs)
+        return self._result
+
+    def _judge(self, graph: GraphProto, where: str) -> None:
+        for number, (pattern, replacement) in enumerate(self._subject.pairs):
+            self._occurred[number] += len(find_occurrences(graph, pattern, replacement))
+        runs = self._runs(graph)
+        for identifier, sentence in broken(runs):
+            self._faults.setdefault(identifier, (sentence, graph, where))
+        plain, result = runs.plain, self._result
+        result.graphs += 1
+        result.found += len(plain.calls) + plain.raised_in_callback
+        result.accepted += plain.accepted
+        result.refused += len(plain.calls) - plain.accepted
+        result.raised += plain.error is not None
+        self._asked += bool(plain.calls) or plain.raised_in_callback
+        if plain.error is not None:
+            self._errors[f"{type(plain.error).__name__}: {plain.error}"] += 1
+            self._error_graph = self._error_graph or graph
+        if runs.again is not None and runs.again.error is None:
+            self._changed_again += runs.again.graph.SerializeToString() != runs.again.before.SerializeToString()
+
+    def _runs(self, graph: GraphProto) -> Runs:
+        runner = self._runner
+        instance = runner.new()
+        plain = runner.run(instance, graph)
+        same = runner.run(instance, graph)
+        refused = runner.run(runner.new(), graph, refuse=True)
+        middle = len(plain.calls) // 2
+        raised = runner.run(runner.new(), graph, raise_at=middle) if plain.calls else None
+        again = runner.run(runner.new(), plain.graph) if plain.error is None and plain.accepted else None
+        return Runs(plain, same, refused, raised, again)
+
+    def _finding(self, identifier: str, sentence: str, graph: GraphProto, where: str) -> str:
+        def fails(trial: GraphProto) -> bool:
+            return any(other == identifier for other, _ in broken(self._runs(trial)))
+
+        smallest = shrunk(graph, fails)
+        sentence = next((text for other, text in broken(self._runs(smallest)) if other == identifier), sentence)
+        return _text(identifier, sentence, smallest, where)
+
+    def _judge_all(self, graphs: int) -> None:
+        """What only all graphs together tell."""
+        result, pairs = self._result, self._subject.pairs
+        if graphs >= _ENOUGH * len(pairs):
+            for number, (pattern, _) in enumerate(pairs):
+                if not self._occurred[number]:
+                    result.findings.append(f"pattern: pattern {number}, {list(pattern)}, matched none of the graphs")
+        for text, count in self._errors.most_common(3):
+            result.notes.append(f"{text} ({count} of {result.graphs} graphs)")
+        if self._error_graph is not None and self._asked >= _ENOUGH and result.raised >= self._asked:
+            sentence = f"every run that found something raised, first {next(iter(self._errors))}"
+            result.findings.append(_text("always raises", sentence, self._smallest_error(), "random graphs"))
+        if result.found and not result.accepted and not result.raised:
+            result.notes.append("every occurrence was refused: nothing is known of what it does when it accepts one")
+        if self._changed_again:
+            result.notes.append(f"a second apply changed the graph again for {self._changed_again} of {result.graphs}")
+
+    def _smallest_error(self) -> GraphProto:
+        assert self._error_graph is not None
+        kind = next(iter(self._errors)).partition(":")[0]
+
+        def fails(trial: GraphProto) -> bool:
+            return type(self._runner.run(self._runner.new(), trial).error).__name__ == kind
+
+        return shrunk(self._error_graph, fails)
+
+
+def _text(identifier: str, sentence: str, graph: GraphProto, where: str) -> str:
+    lines = [f"{identifier}: {sentence}", f"  smallest graph, from {where}:"]
+    lines += [f"    {line}" for line in _printed(graph).splitlines()]
+    return "\n".join(lines)
+
+
+def _printed(graph: GraphProto) -> str:
+    return str(onnx.printer.to_text(graph))

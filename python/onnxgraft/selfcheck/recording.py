@@ -1,0 +1,174 @@
+"""Runs a transformation on a graph and writes down what it did: passes, callbacks, result, error.
+
+The class is run through a subclass that only listens, and where it is told to, refuses or raises in its place.
+"""
+
+from __future__ import annotations
+
+import random
+import types
+from collections.abc import Iterator, Sequence
+from contextlib import contextmanager
+from dataclasses import dataclass, field
+from typing import Any
+
+import numpy as np
+from onnx import GraphProto, NodeProto
+
+from onnxgraft.abstract_transformation import AbstractTransformation
+from onnxgraft.matching.notation import read_pair
+
+_MOST_EVENTS = 5_000  # callbacks and passes of one `apply` on a graph of some tens of nodes
+
+
+class EndlessError(BaseException):
+    """Ends an `apply` that goes on and on; no `Exception`, so that the transformation does not catch it."""
+
+
+class ForcedError(Exception):
+    """Raised in place of a callback."""
+
+
+@dataclass(frozen=True)
+class Call:
+    """One callback: what it said, and whether it wrote to the graph and refused nevertheless."""
+
+    accepted: bool
+    wrote_and_refused: bool
+    disturbed: tuple[NodeProto, ...]  # matched nodes that the replacement does not keep
+
+
+@dataclass
+class PassRecord:
+    """One call of `_replace_all_isomorphic_sub_graphs`: the node objects before and after, and its callbacks."""
+
+    pattern: tuple[str, ...]
+    before: list[NodeProto]
+    after: list[NodeProto] = field(default_factory=list)
+    calls: list[Call] = field(default_factory=list)
+    raised: bool = False
+
+
+@dataclass
+class Run:
+    """One `apply`. `graph` is as it was left."""
+
+    before: GraphProto
+    graph: GraphProto
+    passes: list[PassRecord] = field(default_factory=list)
+    result: object = None
+    error: BaseException | None = None
+    raised_in_callback: bool = False
+
+    @property
+    def calls(self) -> list[Call]:
+        """The callbacks of all passes."""
+        return [call for one in self.passes for call in one.calls]
+
+    @property
+    def accepted(self) -> int:
+        """How many of them accepted."""
+        return sum(call.accepted for call in self.calls)
+
+
+class Runner:
+    """Runs one class again and again."""
+
+    def __init__(self, cls: type[AbstractTransformation]) -> None:
+        self._cls: type[Any] = cls
+        self._run: Run
+        self._refuse = False
+        self._raise_at: int | None = None
+        self._events = 0
+        methods = {
+            "_replace_all_isomorphic_sub_graphs": _listening_pass(self),
+            "_on_replace_subgraph": _listening_callback(self),
+        }
+        listener = types.new_class(cls.__name__, (cls,), exec_body=lambda namespace: namespace.update(methods))
+        listener.__qualname__, listener.__module__ = cls.__qualname__, cls.__module__
+        self._listener: type[Any] = listener
+
+    def new(self) -> Any:
+        """An instance to give to `run`."""
+        return self._listener()
+
+    def run(self, instance: Any, graph: GraphProto, *, refuse: bool = False, raise_at: int | None = None) -> Run:
+        """Applies `instance` to a copy of `graph`; the generators of NumPy and `random` start from the same seed."""
+        copy = GraphProto()
+        copy.CopyFrom(graph)
+        self._run, self._refuse, self._raise_at, self._events = Run(graph, copy), refuse, raise_at, 0
+        with _seeded():
+            try:
+                self._run.result = instance.apply(copy)
+            except (Exception, EndlessError) as error:
+                self._run.error = error
+        return self._run
+
+    def begin_pass(self, graph: GraphProto, pattern: Sequence[str]) -> PassRecord:
+        """A pass over the graph begins."""
+        self._count()
+        self._run.passes.append(PassRecord(tuple(pattern), list(graph.node)))
+        return self._run.passes[-1]
+
+    def ask(self, instance: Any, graph: GraphProto, nodes: list[NodeProto], *rest: Any, **keywords: Any) -> bool:
+        """Lets the class decide, unless it was told otherwise."""
+        self._count()
+        current = self._run.passes[-1]
+        if self._raise_at == len(self._run.calls):
+            self._run.raised_in_callback = True
+            raise ForcedError
+        before = graph.SerializeToString(deterministic=True)
+        try:
+            accepted = not self._refuse and bool(
+                self._cls._on_replace_subgraph(instance, graph, nodes, *rest, **keywords)
+            )
+        except Exception:
+            self._run.raised_in_callback = True
+            raise
+        wrote = not accepted and graph.SerializeToString(deterministic=True) != before
+        disturbed = tuple(node for k, node in enumerate(nodes) if k not in self.kept)
+        current.calls.append(Call(accepted, wrote, disturbed))
+        return accepted
+
+    kept: frozenset[int] = frozenset()
+
+    def _count(self) -> None:
+        self._events += 1
+        if self._events > _MOST_EVENTS:
+            raise EndlessError
+
+
+def _listening_pass(runner: Runner) -> Any:
+    def replace_all(
+        self: Any, graph: GraphProto, subgraph: Any, replacement: Any, debug: Any = False, **more: Any
+    ) -> int:
+        record = runner.begin_pass(graph, subgraph)
+        runner.kept = frozenset(
+            entry.source for entry in read_pair(subgraph, replacement)[1] if entry.kept and entry.source is not None
+        )
+        record.raised = True
+        count = runner._cls._replace_all_isomorphic_sub_graphs(self, graph, subgraph, replacement, debug, **more)
+        record.raised, record.after = False, list(graph.node)
+        return int(count)
+
+    return replace_all
+
+
+def _listening_callback(runner: Runner) -> Any:
+    def on_replace(self: Any, graph: GraphProto, nodes: list[NodeProto], *rest: Any, **keywords: Any) -> bool:
+        return runner.ask(self, graph, nodes, *rest, **keywords)
+
+    return on_replace
+
+
+@contextmanager
+def _seeded() -> Iterator[None]:
+    """The process-wide generators begin anew and are put back behind."""
+    state, numpy_state = random.getstate(), np.random.get_state()
+    random.seed(0)
+    np.random.seed(0)
+    try:
+        yield
+    finally:
+        random.setstate(state)
+        np.random.set_state(numpy_state)
