@@ -7,13 +7,16 @@ import logging
 import os
 from collections.abc import Iterable
 from time import perf_counter
+from typing import TYPE_CHECKING
 
 from onnx import GraphProto, ModelProto
 
-from onnxgraft.engine.report import PreparationStep
 from onnxgraft.preparation.errors import PreparationError
 from onnxgraft.preparation.steps import STEPS
 from onnxgraft.preparation.workpiece import Workpiece
+
+if TYPE_CHECKING:
+    from onnxgraft.engine.report import PreparationStep
 
 LOG = logging.getLogger(__name__)
 
@@ -40,6 +43,8 @@ def prepare(
     Raises:
         PreparationError: A name in `steps` or `skip` is unknown; the model is unchanged then.
     """
+    from onnxgraft.engine.report import PreparationStep  # the engine imports this module  # noqa: PLC0415
+
     chosen = _known(STEPS if steps is None else steps) - _known(skip)
     workpiece = Workpiece(model, folder)
     done = []
