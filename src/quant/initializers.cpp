@@ -1,5 +1,10 @@
 #include "quant/initializers.h"
 
+#include <algorithm>
+#include <functional>
+#include <utility>
+#include <vector>
+
 #include "py/name_index.h"
 #include "quant/names.h"
 
@@ -39,16 +44,27 @@ bool has_initializer(PyObject* graph, PyObject* name) {
   return py::find_by_name(graph, names::initializer, py::attribute(graph, names::initializer).get(), name).has_value();
 }
 
-void remove_initializer(PyObject* graph, PyObject* name, PyObject* record) {
+void replace_initializers(PyObject* graph, std::span<const InitializerChange> changes) {
   const Ref initializers = py::attribute(graph, names::initializer);
-  const std::optional<Py_ssize_t> position = py::find_by_name(graph, names::initializer, initializers.get(), name);
-  // `remove` compares contents with every tensor in front of the wanted one; where the position is known and the
-  // very record stands there, deleting by position does the same without reading them.
-  if (position && py::item(initializers.get(), *position).get() == record) {
-    py::check(PyObject_DelItem(initializers.get(), py::integer(*position).get()));
-    return;
+  std::vector<std::pair<Py_ssize_t, PyObject*>> old_ones;
+  const Ref new_ones = py::checked(PyList_New(0));
+  for (const InitializerChange& change : changes) {
+    const auto position = py::find_by_name(graph, names::initializer, initializers.get(), change.name);
+    old_ones.emplace_back(position.value_or(-1), change.old_record);
+    py::check(PyList_Append(new_ones.get(), change.new_record));
   }
-  py::call_method(initializers.get(), names::remove, {record});
+  py::call_method(initializers.get(), names::extend, {new_ones.get()});
+  // From the end, so that positions stay right.
+  std::ranges::sort(old_ones, std::greater{}, &std::pair<Py_ssize_t, PyObject*>::first);
+  for (const auto& [position, record] : old_ones) {
+    // `remove` compares contents with every tensor in front of the wanted one; where the very record stands at the
+    // position, deleting by position does the same without reading them.
+    if (position >= 0 && py::item(initializers.get(), position).get() == record) {
+      py::check(PyObject_DelItem(initializers.get(), py::integer(position).get()));
+    } else {
+      py::call_method(initializers.get(), names::remove, {record});
+    }
+  }
 }
 
 }  // namespace onnxgraft::quant

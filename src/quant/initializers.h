@@ -2,6 +2,7 @@
 #pragma once
 
 #include <initializer_list>
+#include <span>
 
 #include "py/objects.h"
 #include "quant/host.h"
@@ -33,7 +34,15 @@ void add_initializers(PyObject* graph, PyObject* list);
 /// Whether an initializer of that name is in the graph.
 bool has_initializer(PyObject* graph, PyObject* name);
 
-/// Removes the record of that name from the graph's initializer list (ValueError if it is not there).
-void remove_initializer(PyObject* graph, PyObject* name, PyObject* record);
+/// An initializer that gets other contents, in a new record of the same name.
+struct InitializerChange {
+  PyObject* name;
+  PyObject* old_record;
+  PyObject* new_record;
+};
+
+/// Appends the new records, then takes the old ones out (ValueError if one is not there): whatever fails on the way,
+/// no name is left without a record.
+void replace_initializers(PyObject* graph, std::span<const InitializerChange> changes);
 
 }  // namespace onnxgraft::quant

@@ -128,8 +128,10 @@ void BiasCorrection::append(const Ref& name, const Ref& value) {
 }
 
 void BiasCorrection::replace_bias(const NewBias& bias) {
-  remove_initializer(graph_, bias.name.get(), bias.convolution->bias_record.get());
-  append(bias.name, bias.value);
+  const Ref record = from_array(module_, bias.value.get(), bias.name.get());
+  const InitializerChange change{bias.name.get(), bias.convolution->bias_record.get(), record.get()};
+  replace_initializers(graph_, {&change, 1});
+  py::call_method(updated_, add, {bias.name.get()});
 }
 
 /// Whether a bias of this `apply` already holds exactly this value.

@@ -1,6 +1,8 @@
 // Callback of `update_tesselquant`. With r = (scale behind the concatenation) / (scale in front of the
 // convolution), the convolution's input is now r times what it was:
 //   bias' = trunc(bias * r)     dequantize scale' = scale / r
+#include <array>
+
 #include "quant/attributes.h"
 #include "quant/callbacks.h"
 #include "quant/host.h"
@@ -67,9 +69,10 @@ Ref rescale_for_new_parameters(const Call& call) {
   const Ref bias_record = from_array(call.module, new_bias.get(), bias_name.get());
   const Ref new_words = pack_scales(call.module, new_scales.get());
   const Ref scale_record = make_scale_initializer(call.module, scale_name.get(), new_words.get());
-  remove_initializer(graph, bias_name.get(), bias.record.get());
-  remove_initializer(graph, scale_name.get(), words.record.get());
-  add_initializers(graph, {bias_record.get(), scale_record.get()});
+  replace_initializers(graph, std::array{
+                                  InitializerChange{bias_name.get(), bias.record.get(), bias_record.get()},
+                                  InitializerChange{scale_name.get(), words.record.get(), scale_record.get()},
+                              });
   return py::boolean(true);
 }
 

@@ -83,8 +83,10 @@ struct Pair {
 const Pair pairs[] = {
     {"init w; Conv x,w -> y; Relu y -> z; Conv z,w -> u; If u -> v reads z; output v", "Conv:0,1i->4",
      "Quant:0->100 #0:100,101i->103 Dequant:103,104i->4"},
-    {"LeakyRelu x -> a; LeakyRelu b -> c; Concat a,c -> d; Quant d -> e", "LeakyRelu:1->2 LeakyRelu:3->4 Concat:2,4->5 "
-     "Quant:5->99", "#0 #1 #3:2->100 #3:4->101 #2:100,101->99"},
+    {"LeakyRelu x -> a; LeakyRelu b -> c; Concat a,c -> d; Quant d -> e",
+     "LeakyRelu:1->2 LeakyRelu:3->4 Concat:2,4->5 "
+     "Quant:5->99",
+     "#0 #1 #3:2->100 #3:4->101 #2:100,101->99"},
     {"init w; Quant x -> q; Conv q,w -> c; Quant x -> r; Neg r -> n", "Quant:0->1 Conv:1,2i->4 Quant:0->5",
      "#2 #1:5,2i->4"},
     {"A x -> a; B a -> b; G b -> g; Relu y -> z; Conv z,w -> c", "A:0->1 G:2->3 Relu:4->5", "#0:0,3->1 #1 #2"},

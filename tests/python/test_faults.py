@@ -1,19 +1,25 @@
-"""Every use of the graph fails once: the error comes out, and the graph is what it was or what was accepted."""
+"""Every use of the graph fails once: the error comes out, and the graph is what it was or what was accepted.
+
+ONNXGRAFT_FAULTS sets how many uses fail per class and graph; every use of the small graph does.
+"""
 
 from __future__ import annotations
 
+import os
 from collections.abc import Callable
 from typing import Any
 
 import pytest
 from onnx import GraphProto, TensorProto, helper
 
+from helpers.classes import CLASSES, apply, class_graph
 from helpers.failing import FaultError, Uses
 from helpers.small_graphs import graph_of
 from onnxgraft.abstract_transformation import AbstractTransformation
 
 PATTERN = ["Conv:0,1i->2", "Relu:2->3"]
 REPLACEMENT = ["#1:0->100", "#0:100,101i->3"]
+FAULTS = int(os.environ.get("ONNXGRAFT_FAULTS", "25"))
 
 
 class Swap(AbstractTransformation):
@@ -69,3 +75,37 @@ def test_a_fault_at_every_use(verdict: Callable[[int], bool]) -> None:
             accepted = sum(verdict(call) for call in (1, 2, 3))
             assert sum(node.input[0].endswith("_Relu") for node in graph.node) in (accepted, 3), f"use {fail_at}"
     assert faults > 100
+
+
+def writers(graph: GraphProto) -> list[str]:
+    return [name for node in graph.node for name in node.output if name]
+
+
+def sources(graph: GraphProto) -> set[str]:
+    return {value.name for value in (*graph.input, *graph.initializer)} | set(writers(graph))
+
+
+def reads(graph: GraphProto) -> set[str]:
+    return {name for node in graph.node for name in node.input} | {value.name for value in graph.output}
+
+
+@pytest.mark.parametrize("seed", range(2))
+@pytest.mark.parametrize("name", CLASSES)
+def test_a_fault_in_every_class(name: str, seed: int) -> None:
+    before = class_graph(name, seed)
+    unchanged = before.SerializeToString(deterministic=True)
+    counting = Uses(0)
+    usual = apply(name, counting.wrap(GraphProto.FromString(unchanged)))
+    uses = -counting.left
+    alone = len(set(writers(before))) == len(writers(before))
+    known = sources(before) | reads(before)
+    for fail_at in range(1, uses + 1, max(1, uses // FAULTS)):
+        graph, failing = GraphProto.FromString(unchanged), Uses(fail_at)
+        outcome = apply(name, failing.wrap(graph))
+        # After an error of its own, the first error is the one to see.
+        assert isinstance(outcome, FaultError) or type(outcome) is type(usual), f"use {fail_at} of {uses}: {outcome!r}"
+        assert not alone or len(set(writers(graph))) == len(writers(graph)), f"use {fail_at}: two writers"
+        lost = (reads(graph) - sources(graph)) & known - (reads(before) - sources(before))
+        assert not lost, f"use {fail_at}: nothing writes {lost} any more"
+        if list(graph.node) == list(before.node):
+            assert graph.SerializeToString(deterministic=True) == unchanged, f"use {fail_at}"

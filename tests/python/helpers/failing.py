@@ -5,6 +5,8 @@ from __future__ import annotations
 from collections.abc import Iterator
 from typing import Any
 
+from onnx import TensorProto
+
 
 class FaultError(Exception):
     """What a use raises."""
@@ -38,7 +40,14 @@ class Uses:
         self.count()
         if key := kwargs.get("key"):
             kwargs = {"key": lambda element: key(self.wrap(element))}
-        return self.wrap(method(*(arg._value if isinstance(arg, Proxy) else arg for arg in args), **kwargs))
+        return self.wrap(method(*map(_real, args), **kwargs))
+
+
+def _real(value: Any) -> Any:
+    """What stands behind a proxy, or behind those in a list."""
+    if isinstance(value, list | tuple):
+        return [_real(element) for element in value]
+    return value._value if isinstance(value, Proxy) else value
 
 
 class Proxy:
@@ -54,7 +63,9 @@ class Proxy:
 
     def __getattr__(self, name: str) -> Any:
         self._uses.count()
-        return self._uses.wrap(getattr(self._value, name))
+        value = getattr(self._value, name)
+        # NumPy, which gets what is in a tensor, answers a failing list with an error of its own.
+        return value if isinstance(self._value, TensorProto) else self._uses.wrap(value)
 
     def __setattr__(self, name: str, value: Any) -> None:
         self._uses.count()

@@ -1,0 +1,41 @@
+"""Every class with graphs around its patterns: many occurrences, some of them refused, some that make it raise."""
+
+from __future__ import annotations
+
+import inspect
+import random
+from typing import Any
+
+import numpy as np
+from onnx import GraphProto
+
+from helpers.furnished import furnished_graph
+from onnxgraft import quant
+
+CLASSES: dict[str, type[Any]] = {
+    cls().get_simple_name(): cls
+    for _, cls in inspect.getmembers(quant, inspect.isclass)
+    if hasattr(cls, "get_simple_name") and hasattr(cls, "apply") and not inspect.isabstract(cls)
+}
+
+
+def patterns(name: str) -> list[list[str]]:
+    """The pattern lists of the class."""
+    lists = inspect.getmembers(CLASSES[name])
+    return [value for key, value in lists if key.startswith("subgraph") and "_rep" not in key]
+
+
+def class_graph(name: str, seed: int) -> GraphProto:
+    """The same graph for the same seed."""
+    rng = random.Random(f"{name} {seed}")
+    return furnished_graph(rng, rng.choice(patterns(name)), products=name.endswith("v10"))
+
+
+def apply(name: str, graph: Any) -> int | Exception:
+    """What `apply` gives: a number, or what it raises where initializers or attributes are not as it needs them."""
+    np.random.seed(7)
+    with np.errstate(all="ignore"):
+        try:
+            return CLASSES[name]().apply(graph)  # type: ignore[no-any-return]
+        except Exception as error:
+            return error.with_traceback(None)
