@@ -1,6 +1,95 @@
 """Graph rewriting for quantized ONNX networks.
 
 The classes are in three extension modules: `onnxgraft.quant` (the transformations), `onnxgraft.abstract_transformation`
-(the base class with the matcher) and `onnxgraft.transform_utilities` (look-up of initializers). The other modules are
-the host tool around them, whose command line is `onnxgraft`.
+(the base class with the matcher) and `onnxgraft.transform_utilities` (look-up of initializers). Around them is the host
+tool, whose command line is `onnxgraft` and whose functions are the names of this package:
+
+    model = onnx.load("model.onnx")
+    report = onnxgraft.rewrite(model, ["quant_conv", "replace_quant"], seed=0)
+    print(report)
+
+Each name is loaded when it is first used, so that importing the package costs nothing.
 """
+
+from __future__ import annotations
+
+import importlib
+from typing import TYPE_CHECKING, Any
+
+if TYPE_CHECKING:
+    from onnxgraft.catalogue import register, transformations
+    from onnxgraft.comparison import diff
+    from onnxgraft.engine import Report, rewrite
+    from onnxgraft.errors import (
+        HostError,
+        ModelFileError,
+        RegistrationError,
+        ReportError,
+        TransformationError,
+        UnknownNameError,
+        UnknownTransformationError,
+    )
+    from onnxgraft.matching import explain, find
+    from onnxgraft.preparation import PreparationError, prepare
+    from onnxgraft.recipe_book import Recipe, RecipeFileError, UnknownRecipeError, recipes
+    from onnxgraft.selfcheck import check_transformation
+    from onnxgraft.verification import verify
+
+__all__ = [
+    "HostError",
+    "ModelFileError",
+    "PreparationError",
+    "Recipe",
+    "RecipeFileError",
+    "RegistrationError",
+    "Report",
+    "ReportError",
+    "TransformationError",
+    "UnknownNameError",
+    "UnknownRecipeError",
+    "UnknownTransformationError",
+    "check_transformation",
+    "diff",
+    "explain",
+    "find",
+    "prepare",
+    "recipes",
+    "register",
+    "rewrite",
+    "transformations",
+    "verify",
+]
+
+# Where each name comes from.
+_HOMES = {
+    "catalogue": ("register", "transformations"),
+    "comparison": ("diff",),
+    "engine": ("Report", "rewrite"),
+    "errors": (
+        "HostError",
+        "ModelFileError",
+        "RegistrationError",
+        "ReportError",
+        "TransformationError",
+        "UnknownNameError",
+        "UnknownTransformationError",
+    ),
+    "matching": ("explain", "find"),
+    "preparation": ("PreparationError", "prepare"),
+    "recipe_book": ("Recipe", "RecipeFileError", "UnknownRecipeError", "recipes"),
+    "selfcheck": ("check_transformation",),
+    "verification": ("verify",),
+}
+_HOME_OF = {name: home for home, names in _HOMES.items() for name in names}
+
+
+def __getattr__(name: str) -> Any:
+    if name not in _HOME_OF:
+        raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
+    value = getattr(importlib.import_module(f"{__name__}.{_HOME_OF[name]}"), name)
+    globals()[name] = value
+    return value
+
+
+def __dir__() -> list[str]:
+    return sorted({*globals(), *__all__})

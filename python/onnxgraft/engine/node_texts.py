@@ -1,0 +1,99 @@
+"""Nodes, attributes and tensors in words, for reports."""
+
+from __future__ import annotations
+
+import math
+from collections.abc import Callable, Iterable
+
+import onnx
+from onnx import numpy_helper
+
+from onnxgraft.engine.report import NodeText
+
+_KINDS = onnx.AttributeProto
+# Larger tensors are told by type and shape alone; longer texts are cut.
+_MOST_VALUES = 8
+_LONGEST = 80
+# NumPy's names where the field's own are others.
+_TYPE_NAMES: dict[int, str] = {onnx.TensorProto.FLOAT: "float32", onnx.TensorProto.DOUBLE: "float64"}
+
+
+def node_text(node: onnx.NodeProto, index: int | None = None) -> NodeText:
+    """The node in words; `index` is its position in the graph."""
+    attributes = {attribute.name: attribute_text(attribute) for attribute in node.attribute}
+    return NodeText(index, node.op_type, node.domain, node.name, tuple(node.input), tuple(node.output), attributes)
+
+
+def type_name(data_type: int) -> str:
+    """The name of an element type, such as "float32"."""
+    known = _TYPE_NAMES.get(data_type)
+    if known is None and data_type in onnx.TensorProto.DataType.values():
+        known = onnx.TensorProto.DataType.Name(data_type).lower()
+    return known or f"type {data_type}"
+
+
+def tensor_text(tensor: onnx.TensorProto) -> str:
+    """Type and shape of a tensor, such as "float32[64,3,3,3]"."""
+    return f"{type_name(tensor.data_type)}[{','.join(map(str, tensor.dims))}]"
+
+
+def value_text(value: onnx.ValueInfoProto) -> str:
+    """Type and shape as declared, such as "float32[N,64,?]"; without brackets if the rank is unknown."""
+    kind = value.type.tensor_type
+    if not value.type.HasField("tensor_type"):
+        return value.type.WhichOneof("value") or "unknown"
+    if not kind.HasField("shape"):
+        return type_name(kind.elem_type)
+    sizes = (str(size.dim_value) if size.HasField("dim_value") else size.dim_param or "?" for size in kind.shape.dim)
+    return f"{type_name(kind.elem_type)}[{','.join(sizes)}]"
+
+
+def attribute_text(attribute: onnx.AttributeProto) -> str:
+    """The value of an attribute in a few words."""
+    text = _TEXTS.get(attribute.type, _unknown)(attribute)
+    return text if len(text) <= _LONGEST else text[: _LONGEST - 1] + "…"
+
+
+def _unknown(attribute: onnx.AttributeProto) -> str:
+    return f"reference to {attribute.ref_attr_name}" if attribute.ref_attr_name else "without type"
+
+
+def _floats(values: Iterable[float]) -> str:
+    return "[" + ", ".join(f"{value:g}" for value in values) + "]"
+
+
+def _decoded(text: bytes) -> str:
+    return text.decode(errors="replace")
+
+
+def _with_values(tensor: onnx.TensorProto) -> str:
+    text = tensor_text(tensor)
+    is_small = math.prod(tensor.dims) <= _MOST_VALUES and tensor.data_location != onnx.TensorProto.EXTERNAL
+    try:
+        return f"{text} {numpy_helper.to_array(tensor).tolist()}" if is_small else text
+    except (TypeError, ValueError):  # the tensor is broken, which is not the report's concern
+        return text
+
+
+def _graph(graph: onnx.GraphProto) -> str:
+    return f"graph '{graph.name}' of {len(graph.node)} nodes"
+
+
+def _sparse(tensor: onnx.SparseTensorProto) -> str:
+    return f"sparse {type_name(tensor.values.data_type)}[{','.join(map(str, tensor.dims))}]"
+
+
+_TEXTS: dict[int, Callable[[onnx.AttributeProto], str]] = {
+    _KINDS.FLOAT: lambda a: f"{a.f:g}",
+    _KINDS.INT: lambda a: str(a.i),
+    _KINDS.STRING: lambda a: _decoded(a.s),
+    _KINDS.FLOATS: lambda a: _floats(a.floats),
+    _KINDS.INTS: lambda a: str(list(a.ints)),
+    _KINDS.STRINGS: lambda a: str([_decoded(text) for text in a.strings]),
+    _KINDS.TENSOR: lambda a: _with_values(a.t),
+    _KINDS.TENSORS: lambda a: ", ".join(map(tensor_text, a.tensors)),
+    _KINDS.SPARSE_TENSOR: lambda a: _sparse(a.sparse_tensor),
+    _KINDS.SPARSE_TENSORS: lambda a: ", ".join(map(_sparse, a.sparse_tensors)),
+    _KINDS.GRAPH: lambda a: _graph(a.g),
+    _KINDS.GRAPHS: lambda a: ", ".join(map(_graph, a.graphs)),
+}

@@ -1,0 +1,214 @@
+"""Watches a transformation while it runs.
+
+The watched instance gets, for the time of one run, functions of its own in front of the two methods that every pass
+goes through. Its class stays what it is, so `isinstance`, `super()` and whatever else a class does work as ever.
+"""
+
+from __future__ import annotations
+
+import inspect
+import logging
+from collections.abc import Callable, Iterator, Mapping, Sequence
+from contextlib import contextmanager
+from dataclasses import dataclass
+from time import perf_counter
+from types import MethodType
+from typing import Any, Literal
+
+import onnx
+
+from onnxgraft.abstract_transformation import AbstractTransformation, nearest_miss
+from onnxgraft.engine.node_texts import node_text
+from onnxgraft.engine.report import NodeText, Occurrence, PatternResult
+from onnxgraft.engine.snapshot import Snapshot
+from onnxgraft.engine.surroundings import Neighbours, Shapes
+from onnxgraft.engine.weight_store import WeightStore
+
+Details = Literal["counts", "nodes", "neighbours"]
+
+_REPLACE, _CALLBACK, _WEIGHTS = "_replace_all_isomorphic_sub_graphs", "_on_replace_subgraph", "_update_weights"
+_DEFAULT_CALLBACK = vars(AbstractTransformation)[_CALLBACK]
+_REASONS = "refusal_reasons"
+
+_log = logging.getLogger(__name__)
+
+
+@dataclass(frozen=True)
+class Failure:
+    """Where something was raised."""
+
+    pattern: tuple[str, ...]
+    nodes: tuple[NodeText, ...] = ()  # of the occurrence whose callback raised
+
+
+@dataclass
+class _Pass:
+    """One pattern that is being replaced."""
+
+    result: PatternResult
+    shapes: Shapes | None = None
+    neighbours: Neighbours | None = None
+
+
+class Recorder:
+    """What one transformation did in one run.
+
+    Attributes:
+        patterns: One result per (pattern, replacement) pair, in the order in which they were run.
+        failure: Where it raised, if it did while it ran a pattern.
+    """
+
+    def __init__(
+        self, snapshot: Snapshot, details: Details, *, misses: bool = True, store: WeightStore | None = None
+    ) -> None:
+        self.patterns: list[PatternResult] = []
+        self.failure: Failure | None = None
+        self._snapshot = snapshot
+        self._details = details
+        self._misses = misses
+        self._store = store
+        self._pass: _Pass | None = None
+
+    @contextmanager
+    def watch(self, transformation: Any) -> Iterator[None]:
+        """Records what `transformation` does inside of the `with` block."""
+        own = vars(transformation)
+        replaced = {_REPLACE: self._replace_all(getattr(transformation, _REPLACE))}
+        callback = getattr(transformation, _CALLBACK)
+        is_default = getattr(callback, "__func__", None) is _DEFAULT_CALLBACK
+        # The default callback accepts everything: for counts alone it need not be called.
+        if not is_default or self._details != "counts":
+            replaced[_CALLBACK] = self._on_replace(callback, transformation, is_default=is_default)
+        if self._store is not None and hasattr(transformation, _WEIGHTS):
+            replaced[_WEIGHTS] = _storing(getattr(transformation, _WEIGHTS), self._store)
+        found = {name: own[name] for name in replaced if name in own}
+        own.update(replaced)
+        try:
+            yield
+        finally:
+            for name in replaced:
+                del own[name]
+            own.update(found)
+
+    def _replace_all(self, original: Callable[..., int]) -> Callable[..., int]:
+        def replace_all(graph: Any, subgraph: Any, replacement: Any, *more: Any, **named: Any) -> int:
+            self._snapshot.include(graph)
+            result = PatternResult(_strings(subgraph), _strings(replacement))
+            self.patterns.append(result)
+            outer, self._pass = self._pass, _Pass(result)
+            start = perf_counter()
+            try:
+                count = original(graph, subgraph, replacement, *more, **named)
+            except BaseException:
+                self.failure = self.failure or Failure(result.pattern)
+                raise
+            finally:
+                result.seconds = perf_counter() - start
+                self._pass = outer
+            # Refusals are known from the callback only, so a pass without one has none.
+            result.replaced, result.found = count, count + result.refused
+            if self._misses and not result.found:
+                miss = nearest_miss(graph, subgraph, replacement)
+                result.nearest_miss = miss["text"] if miss else None
+            _log.debug(
+                "%s: found %d, replaced %d, refused %d in %.3f s%s", list(result.pattern), result.found,
+                result.replaced, result.refused, result.seconds,
+                f"; nearest miss: {result.nearest_miss}" if result.nearest_miss else "",
+            )  # fmt: skip
+            return count
+
+        return replace_all
+
+    def _on_replace(self, original: Any, transformation: Any, *, is_default: bool) -> MethodType:
+        """A callback that asks `original`, and counts and records the answer."""
+        gives_reasons = self._details != "counts" and _takes_reasons(original)
+
+        # The parameters are named as in the method that this one stands for.
+        def on_replace(
+            _self: Any,
+            graph: Any,
+            replaced_nodes: Any,
+            isomorphic_node_mapping: Any,
+            isomorphic_links_mapping: Any,
+            **named: Any,
+        ) -> Any:
+            arguments = (graph, replaced_nodes, isomorphic_node_mapping, isomorphic_links_mapping)
+            current = self._pass
+            if current is None:  # called by hand, outside of a pass
+                return original(*arguments, **named)
+            reasons: list[str] = []
+            if gives_reasons:
+                named[_REASONS] = reasons
+            note = None if self._details == "counts" else self._note(current, *arguments[:3])
+            try:
+                accepted = bool(original(*arguments, **named))
+            except BaseException:
+                if self.failure is None:
+                    self.failure = Failure(current.result.pattern, tuple(map(node_text, replaced_nodes)))
+                raise
+            current.result.refused += not accepted
+            if note is not None:
+                current.result.occurrences.append(note(accepted, reasons, isomorphic_links_mapping))
+            return accepted
+
+        _hand_promise_on(on_replace, original, transformation, is_default=is_default)
+        return MethodType(on_replace, transformation)
+
+    def _note(
+        self, current: _Pass, graph: onnx.GraphProto, nodes: Sequence[onnx.NodeProto], mapping: Mapping[int, int]
+    ) -> Callable[[bool, list[str], Mapping[str, str]], Occurrence]:
+        """Takes hold of the nodes of an occurrence before the callback may move them."""
+        if current.shapes is None:
+            current.shapes = Shapes(graph)
+        before = tuple(node_text(node) for node in nodes)
+        count = len(current.result.replacement)
+        placed = [(index, graph.node[index]) for key, index in mapping.items() if key < count]
+
+        def finish(accepted: bool, reasons: list[str], links: Mapping[str, str]) -> Occurrence:
+            assert current.shapes is not None
+            after = tuple(node_text(node, index) for index, node in placed)
+            neighbours: tuple[NodeText, ...] = ()
+            if self._details == "neighbours":
+                current.neighbours = current.neighbours or Neighbours(graph)
+                neighbours = current.neighbours.of(before, after)
+            shapes = current.shapes.texts((*before, *after, *neighbours))
+            reason = "; ".join(reasons) or None
+            return Occurrence(accepted, reason, before, after, dict(links), neighbours, shapes)
+
+        return finish
+
+
+def _hand_promise_on(wrapper: Callable[..., Any], original: Any, transformation: Any, *, is_default: bool) -> None:
+    """Gives the wrapper the promise `keeps_nodes` of the callback that it calls.
+
+    The promise is believed only if the class of the transformation is one of the module that the callback comes from,
+    so that a subclass elsewhere, which may override what the callback calls, does not inherit it. The wrapper keeps the
+    callback's module and with it that rule. The default callback does nothing at all, for whatever class.
+    """
+    function = getattr(original, "__func__", None)
+    if is_default or getattr(function, "keeps_nodes", False):
+        vars(wrapper)["keeps_nodes"] = True
+        wrapper.__module__ = type(transformation).__module__ if is_default else function.__module__
+
+
+def _takes_reasons(callback: Callable[..., object]) -> bool:
+    try:
+        parameters = inspect.signature(callback).parameters
+    except (TypeError, ValueError):
+        return False
+    return _REASONS in parameters or any(p.kind == p.VAR_KEYWORD for p in parameters.values())
+
+
+def _storing(original: Callable[..., Any], store: WeightStore) -> Callable[..., Any]:
+    def update_weights(*arguments: Any, **named: Any) -> tuple[onnx.TensorProto, Any]:
+        tensor, shape = original(*arguments, **named)
+        return store.store(tensor), shape
+
+    return update_weights
+
+
+def _strings(pattern: Any) -> tuple[str, ...]:
+    """A pattern list as a report holds it; what is wrong about it, the pass itself will say."""
+    if isinstance(pattern, Sequence) and not isinstance(pattern, str):
+        return tuple(map(str, pattern))
+    return (repr(pattern),)

@@ -1,0 +1,185 @@
+"""`rewrite`: the one way in which command line and API run transformations over a model."""
+
+from __future__ import annotations
+
+import logging
+import os
+from collections.abc import Callable, Iterable
+from contextlib import AbstractContextManager, nullcontext
+from importlib.metadata import PackageNotFoundError, version
+from typing import Any, Literal
+
+import onnx
+
+from onnxgraft.engine.fingerprint import fingerprint
+from onnxgraft.engine.recorder import Details
+from onnxgraft.engine.report import Report
+from onnxgraft.engine.seeds import seeded
+from onnxgraft.engine.selection import Candidate, Selection, candidates, recipe_of
+from onnxgraft.engine.stability import Stability
+from onnxgraft.engine.stepping import Stepper
+from onnxgraft.engine.weight_store import WeightStore
+from onnxgraft.transform_utilities import external_data_folder
+
+OnError = Literal["stop", "continue"]
+
+_log = logging.getLogger(__name__)
+
+
+def rewrite(
+    model: onnx.ModelProto | onnx.GraphProto,
+    transformations: Selection,
+    *,
+    seed: int | None = None,
+    until_stable: bool = False,
+    prepare: bool | Iterable[str] = True,
+    progress: Callable[[str], object] | None = None,
+    on_error: OnError = "stop",
+    skip: Iterable[str] = (),
+    details: Details = "nodes",
+    folder: str | os.PathLike[str] | None = None,
+    max_rounds: int = 10,
+    weight_store: WeightStore | None = None,
+) -> Report:
+    """Runs transformations over a model, in order and in place.
+
+    Each transformation is one step: it is done as a whole or, if it raises, undone as a whole. Undoing costs in
+    proportion to what the step touched; what a user's callback edited in the content of an initializer stays.
+
+    Args:
+        model: The model, or its graph alone.
+        transformations: Short names, classes or instances, one or several, or a recipe or its name.
+        seed: Seeds NumPy's global generator for this run, from 0 to 2**32 - 1; afterwards it is as it was. Without a
+            seed the generator is used as it is.
+        until_stable: Run the whole list again until the graph does not change any more, which is told by the graph:
+            names of new tensors and the content of initializers do not count. A recipe may ask for it too.
+        prepare: Whether to bring exporters' forms into those that the patterns name first; or the names of the
+            preparation steps to run. True means all steps, or those that the recipe names.
+        progress: Called with the name of each step as it begins.
+        on_error: "stop" raises at the first transformation that fails, "continue" notes it and goes on.
+        skip: Short names of transformations to leave out.
+        details: What the report tells of each occurrence: nothing but their number, their nodes, or the nodes around
+            them too.
+        folder: The folder that the locations of external tensors start from; None is the current one.
+        max_rounds: The most rounds of `until_stable`.
+        weight_store: Where new weights go, if not into the graph.
+
+    Returns:
+        What was done.
+
+    Raises:
+        TransformationError: A transformation failed. The model is as it was when that step began; the error has the
+            report of the steps before.
+        UnknownTransformationError: There is no transformation of a given name.
+        TypeError: `model` or an element of `transformations` is of another type.
+        ValueError: Another argument is out of its range.
+    """
+    graph = _graph(model)
+    _check(on_error, ("stop", "continue"), "on_error")
+    _check(details, ("counts", "nodes", "neighbours"), "details")
+    if max_rounds < 1:
+        raise ValueError(f"max_rounds must be 1 or more, not {max_rounds}")
+    recipe = recipe_of(transformations)
+    chosen = candidates(transformations if recipe is None else recipe, skip)
+    report = Report(model=graph.name or None, seed=seed, version=_version())
+    with seeded(seed), _data_folder(folder):
+        if prepare is not False:
+            steps = prepare if not isinstance(prepare, bool) else None if recipe is None else recipe.prepare
+            _prepare(model, steps, folder, report, progress)
+        stepper = Stepper(graph, details, weight_store)
+        stability = None
+        if until_stable or (recipe is not None and recipe.until_stable):
+            stability = Stability(fingerprint(graph))
+        while not _is_done(report, stability, max_rounds):
+            _run_round(stepper, chosen, report, stability, progress, stops=on_error == "stop")
+    for warning in report.warnings:
+        _log.warning("%s", warning)
+    return report
+
+
+def _graph(model: Any) -> onnx.GraphProto:
+    if isinstance(model, onnx.ModelProto):
+        return model.graph
+    if isinstance(model, onnx.GraphProto):
+        return model
+    raise TypeError(f"a ModelProto or a GraphProto is wanted, not {type(model).__name__}")
+
+
+def _check(value: str, known: Iterable[str], name: str) -> None:
+    if value not in known:
+        raise ValueError(f"{name} must be {' or '.join(map(repr, known))}, not {value!r}")
+
+
+def _version() -> str:
+    try:
+        return version("onnx-graft")
+    except PackageNotFoundError:
+        return ""
+
+
+def _data_folder(folder: str | os.PathLike[str] | None) -> AbstractContextManager[object]:
+    return nullcontext() if folder is None else external_data_folder(folder)
+
+
+def _prepare(
+    model: onnx.ModelProto | onnx.GraphProto,
+    steps: Iterable[str] | None,
+    folder: str | os.PathLike[str] | None,
+    report: Report,
+    progress: Callable[[str], object] | None,
+) -> None:
+    from onnxgraft import preparation  # noqa: PLC0415
+
+    if progress is not None:
+        progress("prepare")
+    report.prepared = preparation.prepare(model, steps, folder=folder)
+    changes = ", ".join(f"{step.name} {step.changed}" for step in report.prepared if step.changed)
+    _log.info("prepared: %s", changes or "nothing to do")
+
+
+def _run_round(
+    stepper: Stepper,
+    chosen: Iterable[Candidate],
+    report: Report,
+    stability: Stability | None,
+    progress: Callable[[str], object] | None,
+    *,
+    stops: bool,
+) -> None:
+    report.rounds += 1
+    if stability is not None:
+        stability.begin_round()
+    for candidate in chosen:
+        if progress is not None:
+            progress(candidate.name)
+        step, error = stepper.run(candidate, report.rounds)
+        report.steps.append(step)
+        if error is not None and stops:
+            error.report = report
+            raise error
+        # A built-in class that replaced nothing changed nothing.
+        if stability is not None and error is None and (step.replaced or not candidate.row.is_own):
+            stability.note(candidate.name, fingerprint(stepper.graph))
+
+
+def _is_done(report: Report, stability: Stability | None, max_rounds: int) -> bool:
+    """Whether no further round has to run; notes in the report how it ended."""
+    if report.rounds == 0:
+        return False
+    if stability is None:
+        return True
+    report.stable = stability.is_stable
+    if report.stable:
+        return True
+    if pair := stability.returning():
+        first, second = pair
+        text = f"'{first}' and '{second}' undo each other" if first != second else f"'{first}' undoes its own work"
+        report.warnings.append(f"stopped after round {report.rounds}: {text}; leave one of them out")
+        return True
+    if report.rounds == max_rounds:
+        names = " and ".join(f"'{name}'" for name in stability.last_changing()[:2])
+        report.warnings.append(
+            f"stopped after {max_rounds} rounds: {names} still changed the graph; they may undo each other"
+        )
+        return True
+    return False

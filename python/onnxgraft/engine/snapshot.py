@@ -1,0 +1,105 @@
+"""What a graph was like when a step began, and the way back.
+
+Weights are not copied. The snapshot holds the objects of all list elements: one that is removed keeps its content, and
+is copied back only if the step has to be undone. What steps edit in place is the small things (inputs and attributes of
+nodes, types of tensors), so the bytes of those are kept too; the content of an initializer is not.
+"""
+
+from __future__ import annotations
+
+import math
+from collections.abc import Iterator
+from typing import Any
+
+import onnx
+
+# Lists of small elements, kept with their bytes, and lists of tensors.
+_SMALL = ("node", "input", "output", "value_info", "quantization_annotation")
+_TENSORS = ("initializer", "sparse_initializer")
+# Nodes with more tensor elements than this in their attributes are not copied: what they hold is weights.
+_LARGEST_COPIED = 1 << 14
+_BODIES = (onnx.AttributeProto.GRAPH, onnx.AttributeProto.GRAPHS)
+_TENSOR_TYPES = (onnx.AttributeProto.TENSOR, onnx.AttributeProto.TENSORS)
+_SPARSE_TYPES = (onnx.AttributeProto.SPARSE_TENSOR, onnx.AttributeProto.SPARSE_TENSORS)
+
+
+class Snapshot:
+    """The lists of one graph, and of bodies in its nodes that were added with `include`."""
+
+    def __init__(self, graph: onnx.GraphProto) -> None:
+        self._graph = graph
+        self._lists = [_List(getattr(graph, name), with_bytes=True) for name in _SMALL]
+        self._lists += [_List(getattr(graph, name), with_bytes=False) for name in _TENSORS]
+        self._bodies: list[Snapshot] = []
+
+    def include(self, graph: onnx.GraphProto) -> None:
+        """Takes a nested body in, if it is not known yet, before something changes its lists."""
+        if all(graph is not known for known in self._graphs()):
+            self._bodies.append(Snapshot(graph))
+
+    def put_back(self) -> None:
+        """Makes the graph what it was: same elements, same order, same content."""
+        # Bodies first: their nodes may be copied back with their content.
+        for body in reversed(self._bodies):
+            body.put_back()
+        for elements in self._lists:
+            elements.put_back()
+
+    def _graphs(self) -> Iterator[onnx.GraphProto]:
+        yield self._graph
+        for body in self._bodies:
+            yield body._graph
+
+
+class _List:
+    """One repeated message field."""
+
+    def __init__(self, field: Any, *, with_bytes: bool) -> None:
+        self._field = field
+        self._elements: list[Any] = list(field)
+        self._bytes = [_small_bytes(element) for element in self._elements] if with_bytes else None
+
+    def put_back(self) -> None:
+        now = list(self._field)
+        if len(now) != len(self._elements) or any(a is not b for a, b in zip(now, self._elements, strict=True)):
+            self._restore_order(now)
+        if self._bytes is None:
+            return
+        for element, content in zip(self._field, self._bytes, strict=True):
+            if content is not None and element.SerializeToString() != content:
+                element.ParseFromString(content)
+
+    def _restore_order(self, now: list[Any]) -> None:
+        places = {id(element): place for place, element in enumerate(self._elements)}
+        count = len(places)
+        ranks = [places.pop(id(element), count) for element in now]
+        for place in places.values():
+            self._field.append(self._elements[place])
+            ranks.append(place)
+        next_rank = iter(ranks)
+        self._field.sort(key=lambda _: next(next_rank))
+        del self._field[count:]
+
+
+def _small_bytes(element: Any) -> bytes | None:
+    if isinstance(element, onnx.NodeProto) and _stored_elements(element) > _LARGEST_COPIED:
+        return None
+    content: bytes = element.SerializeToString()
+    return content
+
+
+def _stored_elements(node: onnx.NodeProto) -> int:
+    """How many tensor elements the attributes of a node hold, those of nested bodies included."""
+    count = 0
+    for attribute in node.attribute:
+        kind = attribute.type
+        if kind in _TENSOR_TYPES:
+            count += sum(math.prod(tensor.dims) for tensor in (attribute.t, *attribute.tensors))
+        elif kind in _SPARSE_TYPES:
+            sparse = (attribute.sparse_tensor, *attribute.sparse_tensors)
+            count += sum(math.prod(tensor.values.dims) for tensor in sparse)
+        elif kind in _BODIES:
+            for graph in (attribute.g, *attribute.graphs):
+                count += sum(math.prod(tensor.dims) for tensor in graph.initializer)
+                count += sum(_stored_elements(inner) for inner in graph.node)
+    return count

@@ -1,0 +1,102 @@
+"""Runs one transformation over one graph: all of it, or nothing.
+
+Whatever is raised on the way, the graph is put back to where the step began, and the step says what it was.
+"""
+
+from __future__ import annotations
+
+import logging
+from dataclasses import dataclass, field
+from time import perf_counter
+from typing import Any
+
+import onnx
+
+from onnxgraft.engine.recorder import Details, Recorder
+from onnxgraft.engine.report import PatternResult, Step
+from onnxgraft.engine.selection import Candidate
+from onnxgraft.engine.snapshot import Snapshot
+from onnxgraft.engine.weight_store import WeightStore
+from onnxgraft.errors import TransformationError
+
+_log = logging.getLogger(__name__)
+
+
+@dataclass
+class Stepper:
+    """Runs steps on one graph.
+
+    Attributes:
+        graph: The graph.
+        details: How much is recorded.
+        store: Where new weights go, if not into the graph.
+    """
+
+    graph: onnx.GraphProto
+    details: Details
+    store: WeightStore | None = None
+    _snapshot: Snapshot | None = field(default=None, init=False)
+
+    def run(self, candidate: Candidate, round_number: int) -> tuple[Step, TransformationError | None]:
+        """One step; with the error if it failed and was put back.
+
+        What is no `Exception` (an interruption), and MemoryError, goes on as it is once the graph has been put back.
+        """
+        count = len(self.graph.node)
+        step = Step(
+            candidate.name, candidate.row.cls.__name__, round_number, count, count, random=candidate.row.randomizes
+        )
+        snapshot = self._snapshot or Snapshot(self.graph)
+        # Reasons for finding nothing are as before in a later round, and asking for them takes as long as a search.
+        recorder = Recorder(snapshot, self.details, misses=round_number == 1, store=self.store)
+        step.patterns = recorder.patterns
+        error = None
+        start = perf_counter()
+        try:
+            transformation = candidate.make()
+            with recorder.watch(transformation):
+                returned = transformation.apply(self.graph)
+            _add_unrecorded(step, returned)
+        except BaseException as raised:
+            self._snapshot = None
+            snapshot.put_back()
+            if isinstance(raised, MemoryError) or not isinstance(raised, Exception):
+                raise
+            error = _error(candidate, recorder, raised)
+            step.error = str(error)
+            _log.warning("%s; put back", error)
+        step.seconds = perf_counter() - start
+        step.nodes_after = len(self.graph.node)
+        # Built-in classes touch nothing but occurrences; another's may do anything in its `apply`.
+        is_untouched = error is None and candidate.row.is_own and not step.found
+        self._snapshot = snapshot if is_untouched else None
+        _log.info(
+            "%s: found %d, replaced %d, refused %d in %.3f s", step.transformation, step.found, step.replaced,
+            step.refused, step.seconds,
+        )  # fmt: skip
+        return step, error
+
+
+def _add_unrecorded(step: Step, returned: Any) -> None:
+    """What `apply` counts beyond its passes: it did something by hand, or let another transformation do it."""
+    beyond = returned - step.replaced if isinstance(returned, int) else 0
+    if beyond > 0:
+        step.patterns.append(PatternResult((), (), found=beyond, replaced=beyond))
+
+
+def _error(candidate: Candidate, recorder: Recorder, raised: Exception) -> TransformationError:
+    failure = recorder.failure
+    reason = " ".join(str(raised).split()) or "no reason given"
+    place = candidate.name
+    if failure is not None:
+        place += f", pattern {list(failure.pattern)}"
+    if failure is not None and failure.nodes:
+        place += f", at {', '.join(map(str, failure.nodes))}"
+    error = TransformationError(
+        f"{place}: {type(raised).__name__}: {reason}",
+        transformation=candidate.name,
+        pattern=failure.pattern if failure else (),
+        nodes=failure.nodes if failure else (),
+    )
+    error.__cause__ = raised
+    return error
