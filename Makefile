@@ -18,7 +18,7 @@ PYTHON_DIRS := python tests/python bench tools
 
 .DELETE_ON_ERROR:
 .DEFAULT_GOAL := help
-.PHONY: help build demo test lint tidy format bench docs docs-check clean
+.PHONY: help build demo test lint tidy format bench docs docs-check wheel sdist clean
 
 help: ## List the commands
 	@awk -F ':.*## ' '/^[a-z]+:.*## / {printf "  make %-8s %s\n", $$1, $$2}' Makefile
@@ -78,6 +78,12 @@ docs: .venv/installed ## Make the pictures and tables of docs/ anew
 docs-check: .venv/installed
 	@$(BIN)/python -m tools.draw_rewrites --check
 	@$(BIN)/python -m tools.firing_table --check
+
+wheel: .venv/tools ## Make an audited wheel for each Python found, and try it in a fresh environment (build/dist/)
+	@$(BIN)/python -m tools.packages wheel
+
+sdist: .venv/tools ## Make the source distribution; build and try it in a fresh environment for each Python found
+	@$(BIN)/python -m tools.packages sdist
 
 clean: ## Remove .venv/ and build/
 	rm -rf .venv build

@@ -1,0 +1,46 @@
+"""The code blocks of a page: what readers copy, so that it can be run as it stands."""
+
+from __future__ import annotations
+
+import re
+import shlex
+from collections.abc import Iterator
+from dataclasses import dataclass
+from pathlib import Path
+
+_FENCE = re.compile(r"^```(\w*)\n(.*?)^```$", re.MULTILINE | re.DOTALL)
+
+
+@dataclass(frozen=True)
+class Block:
+    """One fenced block.
+
+    Attributes:
+        page: Where it stands.
+        line: The number of its first line.
+        language: `python`, `sh` and so on; empty if the fence does not say.
+        text: The lines.
+    """
+
+    page: Path
+    line: int
+    language: str
+    text: str
+
+    def run_python(self, namespace: dict[str, object]) -> None:
+        """Executes a block of Python; what it raises names page and line."""
+        padded = "\n" * (self.line - 1) + self.text
+        exec(compile(padded, str(self.page), "exec"), namespace)
+
+    def commands(self) -> Iterator[list[str]]:
+        """Yields the words of each command of a block of sh."""
+        for line in self.text.replace("\\\n", " ").splitlines():
+            words = shlex.split(line, comments=True)
+            if words:
+                yield words
+
+
+def blocks(page: Path) -> list[Block]:
+    """All fenced blocks of `page`, in order."""
+    text = page.read_text(encoding="utf-8")
+    return [Block(page, text.count("\n", 0, found.start(2)) + 1, found[1], found[2]) for found in _FENCE.finditer(text)]
