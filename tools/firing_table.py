@@ -11,12 +11,13 @@ from __future__ import annotations
 
 import argparse
 import json
+import logging
 import sys
-from dataclasses import asdict
+from dataclasses import asdict, replace
 from pathlib import Path
 from typing import Any
 
-from tools.models.firing import measure
+from tools.models.firing import losses, measure, run_recipe
 from tools.models.tables import render
 
 DATA = Path("docs/firing.json")
@@ -30,12 +31,14 @@ def rows_of(folder: Path) -> Rows:
     """The rows of all models in a folder, by the stem of the file."""
     rows: Rows = {}
     for path in sorted(folder.glob("*.onnx")):
-        forms = {}
-        for form in ("exported", "prepared"):
-            firings, misses = measure(path, prepared=form == "prepared")
-            forms[form] = asdict(firings)
-        forms["misses"] = {name: asdict(miss) for name, miss in misses.items()}
-        rows[path.stem] = forms
+        exported, prepared = (measure(path, prepared=whether) for whether in (False, True))
+        row = {
+            "exported": asdict(replace(exported, misses={})),
+            "prepared": asdict(prepared),
+            "losses": losses(path, prepared),
+            "recipe": asdict(run_recipe(path)),
+        }
+        rows[path.stem] = json.loads(json.dumps(row))  # lists, as they come back from the file
     return rows
 
 
@@ -51,6 +54,7 @@ def main(arguments: list[str]) -> int:
     parser.add_argument("folder", nargs="?", type=Path, default=Path("examples/models"))
     parser.add_argument("--check", action="store_true", help="only say what is out of date")
     options = parser.parse_args(arguments)
+    logging.getLogger("onnxgraft").addHandler(logging.NullHandler())  # failures stand in the tables
     known: Rows = json.loads(DATA.read_text()) if DATA.exists() else {}
     rows = dict(sorted((known | rows_of(options.folder)).items()))
     made = {DATA: json.dumps(rows, indent=1) + "\n", PAGE: page_with(PAGE.read_text(), rows)}

@@ -7,16 +7,12 @@ import re
 from itertools import pairwise
 from pathlib import Path
 
-import numpy as np
 import pytest
-from onnx import ModelProto, TensorProto, helper, numpy_helper
-from onnx.reference import ReferenceEvaluator
 
 from onnxgraft.catalogue import rows
 from onnxgraft.drawing.pair_picture import lay_out
 from onnxgraft.drawing.pattern_pair import Graph, State, read_pair
 from tools import draw_rewrites, firing_table
-from tools.models.preparation import prepare
 
 PAIRS = [pair for transformation in rows().values() for pair in transformation.pairs]
 
@@ -77,57 +73,6 @@ def test_boxes_do_not_overlap_and_edges_go_down(side: Graph) -> None:
         assert start.y + start.height / 2 < end.y - end.height / 2
         assert abs(layout.entry(edge) - end.x) <= end.width / 2
     assert len(layout.edges) == sum(len(node.inputs) for node in side.nodes) + len(side.results)
-
-
-def unprepared() -> ModelProto:
-    """Every form that preparation knows, and one of each that it has to leave."""
-    nodes = [
-        helper.make_node("Constant", [], ["scales"], value_floats=[1.0, 1.0, 2.0, 2.0]),
-        helper.make_node("Identity", ["w"], ["same"]),
-        helper.make_node("Identity", ["same"], ["same again"]),
-        helper.make_node("Transpose", ["turned"], ["straight"], perm=[1, 0, 2, 3]),
-        helper.make_node("Conv", ["x", "same again"], ["a"]),
-        helper.make_node("Conv", ["a", "straight"], ["b"]),
-        helper.make_node("Resize", ["b", "", "scales"], ["c"], mode="nearest"),
-        helper.make_node("ReduceMean", ["c"], ["pooled"], axes=[-1, 2]),
-        helper.make_node("ReduceMean", ["c"], ["flat"], axes=[2, 3], keepdims=0),
-        helper.make_node("ReduceMean", ["c"], ["channels"], axes=[1, 2]),
-        helper.make_node("Identity", ["w"], ["copy"]),
-    ]
-    rng = np.random.default_rng(3)
-    tensors = {"w": rng.random((3, 2, 1, 1), np.float32), "turned": rng.random((3, 4, 1, 1), np.float32)}
-    values = [numpy_helper.from_array(array, name) for name, array in tensors.items()]
-    results = [
-        helper.make_tensor_value_info(name, TensorProto.FLOAT, None) for name in ("pooled", "flat", "channels", "copy")
-    ]
-    inputs = [helper.make_tensor_value_info("x", TensorProto.FLOAT, [1, 2, 3, 3])]
-    return helper.make_model(
-        helper.make_graph(nodes, "unprepared", inputs, results, values),
-        opset_imports=[helper.make_opsetid("", 13)],
-        ir_version=8,
-    )
-
-
-def test_preparation_keeps_the_function() -> None:
-    model = unprepared()
-    x = {"x": np.random.default_rng(4).random((1, 2, 3, 3), np.float32)}
-    expected = ReferenceEvaluator(model).run(None, x)
-    assert prepare(model) == {"Constant": 1, "Identity": 2, "Transpose": 1, "Resize": 1, "ReduceMean": 1}
-    operators = [node.op_type for node in model.graph.node]
-    assert operators == ["Conv", "Conv", "Resize", "GlobalAveragePool", "ReduceMean", "ReduceMean", "Identity"]
-    assert "turned" not in {tensor.name for tensor in model.graph.initializer}
-    for value, wanted in zip(ReferenceEvaluator(model).run(None, x), expected, strict=True):
-        np.testing.assert_allclose(value, wanted, rtol=1e-6)
-    again = model.SerializeToString()
-    assert not any(prepare(model).values())
-    assert model.SerializeToString() == again
-
-
-def test_preparation_refuses_nested_bodies() -> None:
-    model = unprepared()
-    model.graph.node.add(op_type="If").attribute.append(helper.make_attribute("then_branch", model.graph))
-    with pytest.raises(ValueError, match="nested bodies"):
-        prepare(model)
 
 
 def test_the_readme_runs_as_it_stands(repository: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:

@@ -1,4 +1,4 @@
-"""Families of example models: which files belong to them and by which words the classes name them."""
+"""Families of example models: which files belong to them, which recipe is theirs and how the classes name them."""
 
 from __future__ import annotations
 
@@ -10,10 +10,19 @@ from onnxgraft.catalogue import Transformation
 
 @dataclass(frozen=True)
 class Family:
-    """One heading of the table."""
+    """One heading of the tables."""
 
     title: str
     prefixes: tuple[str, ...]
+
+
+@dataclass(frozen=True)
+class Network:
+    """What belongs to the files whose names begin with `prefix`."""
+
+    prefix: str
+    recipe: str
+    words: frozenset[str]  # in "prepared for", in lower case
 
 
 FAMILIES = (
@@ -24,30 +33,39 @@ FAMILIES = (
     Family("BERT", ("bert",)),
 )
 
-# What a file's name begins with -> the words in "prepared for". A longer prefix wins.
-_WORDS = {
-    "yolov5": ("YOLO", "YOLO5s1"),
-    "yolov7": ("YOLO", "YOLOv7"),
-    "yolov7x": ("YOLO", "YOLOv7", "YOLOV7X"),
-    "u2net": ("U2Net",),
-    "efficientnetb0": ("EfficientNetB0",),
-    "seresnet": ("SeResNet",),
-    "mobilenetv3": ("MobileNetv3",),
-    "resnet": ("ResNet",),
-    "bert": ("BERT",),
-}
+# The longest prefix wins.
+_NETWORKS = (
+    Network("yolov5", "yolov5", frozenset({"yolo", "yolo5s1"})),
+    Network("yolov7", "yolov7", frozenset({"yolo", "yolov7"})),
+    Network("yolov7x", "yolov7", frozenset({"yolo", "yolov7", "yolov7x"})),
+    Network("u2net", "u2net", frozenset({"u2net"})),
+    Network("efficientnetb0", "efficientnet", frozenset({"efficientnetb0"})),
+    Network("seresnet", "seresnet", frozenset({"seresnet"})),
+    Network("mobilenetv3", "mobilenetv3", frozenset({"mobilenetv3"})),
+    Network("resnet", "resnet", frozenset({"resnet"})),
+    Network("bert", "bert", frozenset({"bert"})),
+)
 
 
 def family_of(model: str) -> Family:
     """The family of a file's stem."""
-    for family in FAMILIES:
-        if model.startswith(family.prefixes):
-            return family
-    raise ValueError(f"{model} belongs to no family; the known ones begin with {', '.join(_WORDS)}")
+    return next(family for family in FAMILIES if model.startswith(family.prefixes))
+
+
+def network_of(model: str) -> Network:
+    """What is known of a file's stem.
+
+    Raises:
+        ValueError: The name begins with no known prefix.
+    """
+    fitting = [network for network in _NETWORKS if model.startswith(network.prefix)]
+    if not fitting:
+        known = ", ".join(network.prefix for network in _NETWORKS)
+        raise ValueError(f"{model} belongs to no family; the names of models begin with {known}")
+    return max(fitting, key=lambda network: len(network.prefix))
 
 
 def prepared_for(model: str, candidates: Iterable[Transformation]) -> list[str]:
     """Short names of the candidates whose class names the model's network."""
-    prefix = max((p for p in _WORDS if model.startswith(p)), key=len)
-    words = {word.lower() for word in _WORDS[prefix]}
-    return [t.name for t in candidates if words & {word.lower() for word in t.prepared_for.split(", ")}]
+    words = network_of(model).words
+    return [t.name for t in candidates if words & set(t.prepared_for.lower().split(", "))]

@@ -1,29 +1,29 @@
-"""Counts how often each transformation fires on a model, alone and in the family's order.
+"""Counts how often each transformation fires on a model, alone and in the order of the recipes.
 
 Every count starts from the quantized graph. "Alone" takes a fresh copy of it for each transformation; "in order" lets
-each one see what those before it left, and ends at the first one that fails.
+each one see what those before it left. One that fails is undone, and the next one goes on.
 """
 
 from __future__ import annotations
 
-import types
-from collections.abc import Sequence
+from collections.abc import Iterable, Iterator
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Any
 
-import numpy as np
 import onnx
 from onnx import GraphProto
 
 from onnxgraft.abstract_transformation import nearest_miss
-from onnxgraft.catalogue import Transformation, rows
-from tools.models.preparation import prepare
+from onnxgraft.catalogue import rows
+from onnxgraft.engine import rewrite
+from onnxgraft.errors import TransformationError
+from onnxgraft.preparation import prepare
+from onnxgraft.recipe_book import find_recipe
+from tools.models.families import network_of
 
 QUANTIZING = ("quant_conv", "quant_gemm", "quant_matmul")
 
-# Normalization first, since it wants two quantize nodes; merging before pulling up, since a concatenation read by two
-# quantize nodes matches nothing; the special forms of a concatenation before the general one.
+# All recipes in one: docs/recipes.md gives the reasons.
 ORDER = (
     "fuse_bn_quant",
     "change_gap_conv",
@@ -47,16 +47,6 @@ class Firing:
 
 
 @dataclass(frozen=True)
-class ModelFirings:
-    """All counts of one model in one form; transformations that did nothing are left out."""
-
-    preparation: dict[str, int]
-    quantized: dict[str, int]
-    alone: dict[str, Firing]
-    in_order: dict[str, Firing]
-
-
-@dataclass(frozen=True)
 class Miss:
     """How far the best pattern of a transformation got when its turn came."""
 
@@ -66,57 +56,97 @@ class Miss:
     text: str
 
 
-def measure(path: Path, *, prepared: bool) -> tuple[ModelFirings, dict[str, Miss]]:
+@dataclass(frozen=True)
+class ModelFirings:
+    """All counts of one model in one form; transformations that did nothing are left out."""
+
+    preparation: dict[str, int]
+    quantized: dict[str, int]
+    alone: dict[str, Firing]
+    in_order: dict[str, Firing]
+    misses: dict[str, Miss]
+
+
+@dataclass(frozen=True)
+class RecipeRun:
+    """What the network's recipe did; sizes are those after quantizing and at the end."""
+
+    recipe: str
+    rounds: int
+    nodes: tuple[int, int]
+    quantize_nodes: tuple[int, int]
+    fired: dict[str, int]
+    failed: tuple[str, ...]
+
+
+def measure(path: Path, *, prepared: bool) -> ModelFirings:
     """Counts on one file, and why the transformations that found nothing in order found nothing."""
     model = onnx.load(path)
-    preparation = {name: count for name, count in prepare(model).items() if count} if prepared else {}
-    np.random.seed(0)
-    quantized = {name: rows()[name].apply(model.graph) for name in QUANTIZING}
-    alone = {name: fire(rows()[name], _copy(model.graph)) for name in rows()}
-    alone = {name: firing for name, firing in alone.items() if name not in QUANTIZING}
-    in_order, misses = _in_order(_copy(model.graph), ORDER)
-    counts = (dict(_something(one)) for one in (alone, in_order))
-    return ModelFirings(preparation, {n: c for n, c in quantized.items() if c}, *counts), misses
-
-
-def fire(transformation: Transformation, graph: GraphProto) -> Firing:
-    """Applies a transformation to `graph` in place and counts the refusals too."""
-    refused = 0
-
-    def count(self: Any, *arguments: Any, **keywords: Any) -> bool:
-        nonlocal refused
-        accepted = bool(transformation.cls._on_replace_subgraph(self, *arguments, **keywords))
-        refused += not accepted
-        return accepted
-
-    methods = {"_on_replace_subgraph": count}
-    counting = types.new_class(
-        transformation.cls.__name__, (transformation.cls,), exec_body=lambda n: n.update(methods)
-    )
-    try:
-        return Firing(int(counting().apply(graph)), refused)
-    except (ArithmeticError, LookupError, TypeError, ValueError) as error:
-        return Firing(error=f"{type(error).__name__}: {error}".strip())
-
-
-def _in_order(graph: GraphProto, names: Sequence[str]) -> tuple[dict[str, Firing], dict[str, Miss]]:
-    firings: dict[str, Firing] = {}
+    preparation = {step.name: step.changed for step in prepare(model)} if prepared else {}
+    quantized = _fired(_run(model.graph, QUANTIZING))
+    names = [name for name in rows() if name not in QUANTIZING]
+    alone = {name: fire(name, _copy(model.graph)) for name in names}
     misses: dict[str, Miss] = {}
+    in_order = dict(_run(model.graph, ORDER, misses))
+    return ModelFirings(_positive(preparation), quantized, _something(alone), _something(in_order), misses)
+
+
+def losses(path: Path, whole: ModelFirings) -> dict[str, dict[str, tuple[int, int]]]:
+    """For each preparation step that changes the file: the counts that are others without it, as (with, without)."""
+    lost = {}
+    counts = {**whole.quantized, **{name: firing.replaced for name, firing in whole.in_order.items()}}
+    for step in whole.preparation:
+        model = onnx.load(path)
+        prepare(model, skip=[step])
+        without = _fired(_run(model.graph, (*QUANTIZING, *ORDER)))
+        names = [n for n in (*QUANTIZING, *ORDER) if counts.get(n, 0) != without.get(n, 0)]
+        lost[step] = {name: (counts.get(name, 0), without.get(name, 0)) for name in names}
+    return lost
+
+
+def run_recipe(path: Path) -> RecipeRun:
+    """Runs the recipe of the file's network, going on after failures."""
+    model = onnx.load(path)
+    recipe = find_recipe(network_of(path.stem).recipe)
+    prepare(model, recipe.prepare)
+    quantized = _copy(model.graph)
+    rewrite(quantized, [n for n in recipe.transformations if n in QUANTIZING], seed=0, prepare=False, details="counts")
+    report = rewrite(model, recipe, seed=0, on_error="continue", details="counts")
+    fired: dict[str, int] = {}
+    for step in report.steps:
+        fired[step.transformation] = fired.get(step.transformation, 0) + step.replaced
+    failed = tuple(dict.fromkeys(step.transformation for step in report.steps if step.error))
+    sizes = [(len(graph.node), sum(node.op_type == "TesselQuant" for node in graph.node))
+             for graph in (quantized, model.graph)]  # fmt: skip
+    nodes, quantize_nodes = zip(*sizes, strict=True)
+    return RecipeRun(recipe.name, report.rounds, nodes, quantize_nodes, _positive(fired), failed)
+
+
+def fire(name: str, graph: GraphProto) -> Firing:
+    """Applies a transformation to `graph` in place and counts the refusals too."""
+    try:
+        step = rewrite(graph, [name], seed=0, prepare=False, details="counts").steps[0]
+    except TransformationError as error:
+        cause = error.__cause__
+        return Firing(error=f"{type(cause).__name__}: {cause}".strip())
+    return Firing(step.replaced, step.refused)
+
+
+def _run(
+    graph: GraphProto, names: Iterable[str], misses: dict[str, Miss] | None = None
+) -> Iterator[tuple[str, Firing]]:
     for name in names:
-        transformation = rows()[name]
-        miss = _best_miss(transformation, graph)
-        firings[name] = fire(transformation, graph)
-        if firings[name] == Firing() and miss:
+        miss = _best_miss(name, graph) if misses is not None else None
+        firing = fire(name, graph)
+        if misses is not None and miss is not None and firing == Firing():
             misses[name] = miss
-        if firings[name].error:
-            break
-    return firings, misses
+        yield name, firing
 
 
-def _best_miss(transformation: Transformation, graph: GraphProto) -> Miss | None:
+def _best_miss(name: str, graph: GraphProto) -> Miss | None:
     """The attempt of the pattern that got furthest; None if one of them fits."""
     misses = []
-    for number, (pattern, replacement) in enumerate(transformation.pairs, 1):
+    for number, (pattern, replacement) in enumerate(rows()[name].pairs, 1):
         miss = nearest_miss(graph, list(pattern), list(replacement))
         if miss is None:
             return None
@@ -124,8 +154,16 @@ def _best_miss(transformation: Transformation, graph: GraphProto) -> Miss | None
     return max(misses, key=lambda miss: miss.matched / miss.of)
 
 
-def _something(firings: dict[str, Firing]) -> list[tuple[str, Firing]]:
-    return [(name, firing) for name, firing in firings.items() if firing != Firing()]
+def _fired(firings: Iterable[tuple[str, Firing]]) -> dict[str, int]:
+    return _positive({name: firing.replaced for name, firing in firings})
+
+
+def _positive(counts: dict[str, int]) -> dict[str, int]:
+    return {name: count for name, count in counts.items() if count}
+
+
+def _something(firings: dict[str, Firing]) -> dict[str, Firing]:
+    return {name: firing for name, firing in firings.items() if firing != Firing()}
 
 
 def _copy(graph: GraphProto) -> GraphProto:

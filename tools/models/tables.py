@@ -1,33 +1,40 @@
-"""Writes counted firings as Markdown tables, one pair per family."""
+"""Writes counted firings as Markdown tables, one set per family."""
 
 from __future__ import annotations
 
 import re
-from collections.abc import Iterator, Sequence
+from collections.abc import Callable, Iterator, Sequence
 from typing import Any
 
-from onnxgraft import catalogue
-from tools.models.families import FAMILIES, Family, family_of, prepared_for
+from onnxgraft.catalogue import rows as catalogue
+from tools.models.families import FAMILIES, family_of, prepared_for
 from tools.models.firing import ORDER, QUANTIZING
+from tools.models.overviews import recipe_table, step_table
 
 Row = dict[str, Any]
 
 
 def render(rows: dict[str, Row]) -> str:
-    """All tables, family by family."""
-    parts = []
+    """All tables: what holds for every model first, then family by family."""
+    parts = [
+        "### What each preparation step is for\n",
+        step_table(rows),
+        "### What the recipes do\n",
+        recipe_table(rows),
+    ]
     for family in FAMILIES:
         models = [model for model in rows if family_of(model) == family]
         if models:
-            parts += [f"### {family.title}\n", *_family(family, {model: rows[model] for model in models})]
+            parts += [f"### {family.title}\n", *_family({model: rows[model] for model in models})]
     return "\n".join(parts)
 
 
-def _family(family: Family, rows: dict[str, Row]) -> Iterator[str]:
+def _family(rows: dict[str, Row]) -> Iterator[str]:
     yield "Preparation and quantizing:\n"
-    yield _table("Step", rows, [*_preparations(rows), *QUANTIZING], _preparation)
+    steps = list(dict.fromkeys(name for row in rows.values() for name in row["prepared"]["preparation"]))
+    yield _table("Step", rows, [*steps, *QUANTIZING], _preparation)
     yield "Each right after quantizing:\n"
-    yield _table("Transformation", rows, list(catalogue.rows()), lambda row, name: _both(row, "alone", name))
+    yield _table("Transformation", rows, list(catalogue()), lambda row, name: _both(row, "alone", name))
     yield "One after the other:\n"
     yield _table("Transformation", rows, ORDER, lambda row, name: _both(row, "in_order", name))
     errors = {f"`{model}`, `{name}`: {text}" for model, row in rows.items() for name, text in _errors(row)}
@@ -41,7 +48,7 @@ def _family(family: Family, rows: dict[str, Row]) -> Iterator[str]:
         yield "\n".join(silent) + "\n"
 
 
-def _table(heading: str, rows: dict[str, Row], names: Sequence[str], cell: Any) -> str:
+def _table(heading: str, rows: dict[str, Row], names: Sequence[str], cell: Callable[[Row, str], str]) -> str:
     lines = [f"| {heading} | " + " | ".join(f"`{model}`" for model in rows) + " |", "|---|" + "--:|" * len(rows)]
     for name in names:
         cells = [cell(row, name) for row in rows.values()]
@@ -50,10 +57,6 @@ def _table(heading: str, rows: dict[str, Row], names: Sequence[str], cell: Any) 
     if len(lines) == 2:
         return "(none)\n"
     return "\n".join(lines) + "\n"
-
-
-def _preparations(rows: dict[str, Row]) -> list[str]:
-    return list(dict.fromkeys(name for row in rows.values() for name in row["prepared"]["preparation"]))
 
 
 def _preparation(row: Row, name: str) -> str:
@@ -89,8 +92,8 @@ def _silent(rows: dict[str, Row]) -> Iterator[str]:
     """One line per transformation and reason, with all models that share it."""
     models: dict[tuple[str, str, str], list[str]] = {}
     for model, row in rows.items():
-        for name in prepared_for(model, catalogue.rows().values()):
-            if miss := row["misses"].get(name):
+        for name in prepared_for(model, catalogue().values()):
+            if miss := row["prepared"]["misses"].get(name):
                 matched = f"{miss['matched']} of {miss['of']}"
                 models.setdefault((name, matched, _reason(miss["text"])), []).append(f"`{model}`")
     for (name, matched, reason), names in models.items():
