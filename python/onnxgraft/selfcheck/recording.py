@@ -18,7 +18,9 @@ from onnx import GraphProto, NodeProto
 from onnxgraft.abstract_transformation import AbstractTransformation
 from onnxgraft.matching.notation import read_pair
 
-_MOST_EVENTS = 5_000  # callbacks and passes of one `apply` on a graph of some tens of nodes
+# What one `apply` may need at most on graphs of some tens of nodes: callbacks and passes, and growth.
+_MOST_EVENTS = 1_000
+_LARGEST_GROWTH = 20
 
 
 class EndlessError(BaseException):
@@ -79,7 +81,7 @@ class Runner:
         self._run: Run
         self._refuse = False
         self._raise_at: int | None = None
-        self._events = 0
+        self._events = self._asked = 0
         methods = {
             "_replace_all_isomorphic_sub_graphs": _listening_pass(self),
             "_on_replace_subgraph": _listening_callback(self),
@@ -96,7 +98,8 @@ class Runner:
         """Applies `instance` to a copy of `graph`; the generators of NumPy and `random` start from the same seed."""
         copy = GraphProto()
         copy.CopyFrom(graph)
-        self._run, self._refuse, self._raise_at, self._events = Run(graph, copy), refuse, raise_at, 0
+        self._run, self._refuse, self._raise_at = Run(graph, copy), refuse, raise_at
+        self._events = self._asked = 0
         with _seeded():
             try:
                 self._run.result = instance.apply(copy)
@@ -107,6 +110,8 @@ class Runner:
     def begin_pass(self, graph: GraphProto, pattern: Sequence[str]) -> PassRecord:
         """A pass over the graph begins."""
         self._count()
+        if len(graph.node) > _LARGEST_GROWTH * (len(self._run.before.node) + 10):
+            raise EndlessError
         self._run.passes.append(PassRecord(tuple(pattern), list(graph.node)))
         return self._run.passes[-1]
 
@@ -114,7 +119,8 @@ class Runner:
         """Lets the class decide, unless it was told otherwise."""
         self._count()
         current = self._run.passes[-1]
-        if self._raise_at == len(self._run.calls):
+        self._asked += 1
+        if self._raise_at == self._asked - 1:
             self._run.raised_in_callback = True
             raise ForcedError
         before = graph.SerializeToString(deterministic=True)
