@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import inspect
 import random
+import re
 from collections import Counter
 from collections.abc import Iterable, Sequence
 
@@ -18,6 +19,8 @@ from onnxgraft.selfcheck.result import CheckResult
 from onnxgraft.selfcheck.rules import Runs, broken
 from onnxgraft.selfcheck.shrinking import shrunk
 
+_VALUES = re.compile(r"\{[^{}\n]{40,}\}")  # of tensors, where they are too many to read
+_HARMLESS = ("unread",)  # problems worth a note only
 _ENOUGH = 20  # graphs after which a pattern should have occurred, and a callback should not always have raised
 
 
@@ -57,9 +60,11 @@ def check_transformation(
         for pattern, replacement in subject.pairs:
             find_occurrences(GraphProto(), pattern, replacement)
     except Exception as error:  # whatever foreign code raises
-        return CheckResult(cls.__name__, findings=[f"set-up: {type(error).__name__}: {error}"])
+        return CheckResult(cls.__name__, findings=[f"set-up: {type(error).__name__}: {error}"], counterexamples=[None])
     if not subject.pairs:
-        return CheckResult(subject.name, findings=["set-up: apply runs no pattern on an empty graph"])
+        return CheckResult(
+            subject.name, findings=["set-up: apply runs no pattern on an empty graph"], counterexamples=[None]
+        )
     return _Check(cls, subject).run(graphs, seed, [graph_of(example) for example in examples])
 
 
@@ -73,6 +78,7 @@ class _Check:
         self._faults: dict[str, tuple[str, GraphProto, str]] = {}  # identifier -> sentence, graph, where from
         self._occurred: Counter[int] = Counter()
         self._errors: Counter[str] = Counter()
+        self._messages: dict[str, str] = {}
         self._error_graph: GraphProto | None = None
         self._asked = 0
         self._changed_again = 0
@@ -87,7 +93,10 @@ class _Check:
         for number, example in enumerate(examples):
             self._judge(example, f"example {number}")
         for identifier, (sentence, graph, where) in self._faults.items():
-            self._result.findings.append(self._finding(identifier, sentence, graph, where))
+            if identifier in _HARMLESS:
+                self._result.notes.append(sentence)
+            else:
+                self._add_finding(identifier, sentence, graph, where)
         self._judge_all(graphs)
         return self._result
 
@@ -105,10 +114,16 @@ class _Check:
         result.raised += plain.error is not None
         self._asked += bool(plain.calls) or plain.raised_in_callback
         if plain.error is not None:
-            self._errors[f"{type(plain.error).__name__}: {plain.error}"] += 1
-            self._error_graph = self._error_graph or graph
+            self._note_error(plain.error, graph)
         if runs.again is not None and runs.again.error is None:
             self._changed_again += runs.again.graph.SerializeToString() != runs.again.before.SerializeToString()
+
+    def _note_error(self, error: BaseException, graph: GraphProto) -> None:
+        kind = type(error).__name__
+        if not isinstance(error, EndlessError):
+            self._errors[kind] += 1
+            self._messages.setdefault(kind, str(error))
+            self._error_graph = self._error_graph or graph
 
     def _runs(self, graph: GraphProto) -> Runs:
         runner = self._runner
@@ -123,13 +138,13 @@ class _Check:
         again = runner.run(runner.new(), plain.graph) if plain.error is None and plain.accepted else None
         return Runs(plain, same, refused, raised, again)
 
-    def _finding(self, identifier: str, sentence: str, graph: GraphProto, where: str) -> str:
+    def _add_finding(self, identifier: str, sentence: str, graph: GraphProto, where: str) -> None:
         def fails(trial: GraphProto) -> bool:
             return any(other == identifier for other, _ in broken(self._runs(trial)))
 
         smallest = shrunk(graph, fails)
         sentence = next((text for other, text in broken(self._runs(smallest)) if other == identifier), sentence)
-        return _text(identifier, sentence, smallest, where)
+        self._result.add(_text(identifier, sentence, smallest, where), smallest)
 
     def _judge_all(self, graphs: int) -> None:
         """What only all graphs together tell."""
@@ -137,20 +152,21 @@ class _Check:
         if graphs >= _ENOUGH * len(pairs):
             for number, (pattern, _) in enumerate(pairs):
                 if not self._occurred[number]:
-                    result.findings.append(f"pattern: pattern {number}, {list(pattern)}, matched none of the graphs")
-        for text, count in self._errors.most_common(3):
-            result.notes.append(f"{text} ({count} of {result.graphs} graphs)")
+                    result.add(f"pattern: pattern {number}, {list(pattern)}, matched none of the graphs")
+        for kind, count in self._errors.items():
+            result.notes.append(f"{kind} for {count} of {result.graphs} graphs, the first: {self._messages[kind]}")
         if self._error_graph is not None and self._asked >= _ENOUGH and result.raised >= self._asked:
-            sentence = f"every run that found something raised, first {next(iter(self._errors))}"
-            result.findings.append(_text("always raises", sentence, self._smallest_error(), "random graphs"))
+            kind, message = next(iter(self._messages.items()))
+            graph = self._smallest_error(kind)
+            sentence = f"every run that found something raised, the first {kind}: {message}"
+            result.add(_text("always raises", sentence, graph, "random graphs"), graph)
         if result.found and not result.accepted and not result.raised:
             result.notes.append("every occurrence was refused: nothing is known of what it does when it accepts one")
         if self._changed_again:
             result.notes.append(f"a second apply changed the graph again for {self._changed_again} of {result.graphs}")
 
-    def _smallest_error(self) -> GraphProto:
+    def _smallest_error(self, kind: str) -> GraphProto:
         assert self._error_graph is not None
-        kind = next(iter(self._errors)).partition(":")[0]
 
         def fails(trial: GraphProto) -> bool:
             return type(self._runner.run(self._runner.new(), trial).error).__name__ == kind
@@ -160,9 +176,5 @@ class _Check:
 
 def _text(identifier: str, sentence: str, graph: GraphProto, where: str) -> str:
     lines = [f"{identifier}: {sentence}", f"  smallest graph, from {where}:"]
-    lines += [f"    {line}" for line in _printed(graph).splitlines()]
-    return "\n".join(lines)
-
-
-def _printed(graph: GraphProto) -> str:
-    return str(onnx.printer.to_text(graph))
+    shortened = _VALUES.sub("{...}", onnx.printer.to_text(graph))
+    return "\n".join([*lines, *(f"    {line}" for line in shortened.splitlines())])

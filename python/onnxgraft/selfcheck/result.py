@@ -4,6 +4,8 @@ from __future__ import annotations
 
 from dataclasses import dataclass, field
 
+from onnx import GraphProto
+
 
 class SelfCheckError(AssertionError):
     """A self-test that did not pass; the message holds every finding with its graph."""
@@ -11,7 +13,10 @@ class SelfCheckError(AssertionError):
 
 @dataclass
 class CheckResult:
-    """Findings are faults, each with the smallest graph that shows it; notes are worth knowing."""
+    """Findings are faults, each with the smallest graph that shows it; notes are worth knowing.
+
+    `counterexamples` holds those graphs, one per finding; None where a finding is not about one graph.
+    """
 
     name: str
     graphs: int = 0
@@ -20,12 +25,18 @@ class CheckResult:
     refused: int = 0
     raised: int = 0
     findings: list[str] = field(default_factory=list)
+    counterexamples: list[GraphProto | None] = field(default_factory=list)
     notes: list[str] = field(default_factory=list)
 
     @property
     def passed(self) -> bool:
         """Whether there is no finding."""
         return not self.findings
+
+    def add(self, finding: str, graph: GraphProto | None = None) -> None:
+        """One more finding."""
+        self.findings.append(finding)
+        self.counterexamples.append(graph)
 
     def raise_if_failed(self) -> None:
         """Raises SelfCheckError with the whole text if there are findings."""
