@@ -18,7 +18,7 @@ PYTHON_DIRS := python tests/python bench tools
 
 .DELETE_ON_ERROR:
 .DEFAULT_GOAL := help
-.PHONY: help build demo test lint tidy format bench docs docs-check wheel sdist clean
+.PHONY: help build demo test lint tidy format bench bench-docs docs docs-check wheel sdist clean
 
 help: ## List the commands
 	@awk -F ':.*## ' '/^[a-z]+:.*## / {printf "  make %-8s %s\n", $$1, $$2}' Makefile
@@ -65,11 +65,28 @@ format: .venv/lint-tools ## Bring all code into the project's format
 	$(BIN)/ruff format $(PYTHON_DIRS)
 	$(BIN)/clang-format -i $(CPP_FILES)
 
-bench: .venv/installed ## Measure speed as ratios of one run (GROUP=pass or transformations); writes build/bench.json
+bench: .venv/installed build/bench/floors.built build/bench/venv/installed ## Measure speed, beside other tools too (GROUP="floors peers ..." for a part); writes build/bench.json
+	@$(RUN_BENCH) $(GROUP)
+
+bench-docs: .venv/installed build/bench/floors.built build/bench/venv/installed
+	@$(RUN_BENCH) --docs docs
+
+RUN_BENCH = PYTHONPATH=build/bench/bench/floors build/bench/venv/bin/python -m bench
+
+build/bench/floors.built: .venv/tools $(wildcard bench/floors/*) $(wildcard src/core/* src/py/*)
 	@$(TOOLS) cmake -S . -B build/bench -G Ninja -DONNXGRAFT_BUILD_PYTHON=OFF -DONNXGRAFT_BUILD_BENCH=ON \
 	  -DPython_EXECUTABLE="$(CURDIR)/$(BIN)/python" >/dev/null
 	@$(TOOLS) cmake --build build/bench --target floors -- --quiet
-	@PYTHONPATH=build/bench/bench/floors $(BIN)/python -m bench $(GROUP)
+	@touch $@
+
+# The other tools; what .venv has is seen from here, since one line of a .pth file puts it on the path.
+build/bench/venv/installed: requirements/bench.txt .venv/tools
+	@echo "Installing the other tools"
+	@$(BIN)/python -m venv build/bench/venv
+	@$(BIN)/python -c 'import sysconfig; print(sysconfig.get_path("purelib"))' \
+	  >"$$(build/bench/venv/bin/python -c 'import sysconfig; print(sysconfig.get_path("purelib"))')/measured.pth"
+	@build/bench/venv/bin/python -m pip --disable-pip-version-check install --quiet --no-input -r $<
+	@touch $@
 
 docs: .venv/installed ## Make the pictures and tables of docs/ anew
 	@$(BIN)/python -m tools.draw_rewrites
