@@ -1,30 +1,61 @@
-"""The library calls that quantizing a Conv cannot do without, in a plain loop: no matching, no splicing, no look-up."""
+"""The arithmetic of quantizing a Conv: what every tool has to compute, and the floor made of nothing else.
+
+The calls are those of the library, in its order, so that all tools draw the same numbers from the same seed.
+"""
 
 from __future__ import annotations
 
+from collections.abc import Sequence
+
 import numpy as np
+import numpy.typing as npt
 import onnx
 from onnx import TensorProto, helper, numpy_helper
 
+Tensors = list[tuple[onnx.TensorProto, onnx.TensorProto | None]]
 
-def weights_and_biases(graph: onnx.GraphProto) -> list[tuple[onnx.TensorProto, onnx.TensorProto]]:
-    """The tensors of each Conv of `graph`, all of which have a bias."""
+
+def drawn_weight(shape: Sequence[int]) -> npt.NDArray[np.int8]:
+    return np.random.randint(-128, 127, size=shape, dtype=np.int8)
+
+
+def drawn_bias(shape: Sequence[int]) -> npt.NDArray[np.int32]:
+    return np.random.randint(-18, 13, size=shape, dtype=np.int32)
+
+
+def drawn_scales(channels: int) -> npt.NDArray[np.uint64]:
+    """One scale per output channel, each the bits of a 32-bit float in the low half of a word."""
+    scales = np.random.rand(channels).astype(np.float32).squeeze().ravel()
+    return scales.view(np.uint32).astype(np.uint64)
+
+
+def scale_tensor(name: str, words: npt.NDArray[np.uint64]) -> onnx.TensorProto:
+    return helper.make_tensor(name, TensorProto.UINT64, words.shape, words)
+
+
+def quantize_attributes() -> list[onnx.AttributeProto]:
+    """The attributes of a new quantize node."""
+    offset = helper.make_attribute("offset", 0.0)
+    return [helper.make_attribute("scale", 1.0), offset]
+
+
+def weights_and_biases(graph: onnx.GraphProto) -> Tensors:
+    """The tensors of each Conv of `graph`; None for a bias that it has not."""
     tensors = {tensor.name: tensor for tensor in graph.initializer}
-    return [(tensors[node.input[1]], tensors[node.input[2]]) for node in graph.node if node.op_type == "Conv"]
+    inputs = [[*node.input, ""] for node in graph.node if node.op_type == "Conv"]
+    return [(tensors[names[1]], tensors.get(names[2])) for names in inputs]
 
 
-def quantize(pairs: list[tuple[onnx.TensorProto, onnx.TensorProto]]) -> None:
-    """Makes what quantize nodes, weights, biases and scales are made of, and drops it."""
+def quantize(pairs: Tensors) -> None:
+    """Floor F3: makes what quantize nodes, weights, biases and scales are made of, and drops it.
+
+    No matching, no splicing, no look-up. The weight is read twice: for its precision, then for its shape.
+    """
     for weight, bias in pairs:
-        numpy_helper.to_array(weight)  # the precision check reads it too
+        numpy_helper.to_array(weight)
+        quantize_attributes()
         shape = numpy_helper.to_array(weight).shape
-        numpy_helper.from_array(np.random.randint(-128, 127, size=shape, dtype=np.int8), "weight")
-        bias_shape = numpy_helper.to_array(bias).shape
-        numpy_helper.from_array(np.random.randint(-18, 13, size=bias_shape, dtype=np.int32), "bias")
-        scale = np.random.rand(shape[0]).astype(np.float32).squeeze()
-        bits = np.frombuffer(scale.tobytes(), np.uint32)
-        words = np.zeros(bits.shape, np.uint64)
-        words |= bits.astype(np.uint64)
-        helper.make_tensor("scale", TensorProto.UINT64, words.shape, words)
-        helper.make_attribute("offset", 0.0)
-        helper.make_attribute("scale", 1.0)
+        numpy_helper.from_array(drawn_weight(shape), "weight")
+        if bias is not None:
+            numpy_helper.from_array(drawn_bias(numpy_helper.to_array(bias).shape), "bias")
+        scale_tensor("scale", drawn_scales(shape[0]))

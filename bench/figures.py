@@ -1,0 +1,93 @@
+"""What a run yields: figures with their aims, times of the tools on the same work. Kept as JSON."""
+
+from __future__ import annotations
+
+import json
+import os
+import platform
+from collections.abc import Sequence
+from dataclasses import asdict, dataclass, field
+from importlib.metadata import PackageNotFoundError, version
+from pathlib import Path
+from typing import Any
+
+PACKAGES = ("onnx-graft", "onnx", "numpy", "protobuf")
+
+
+@dataclass(frozen=True)
+class Figure:
+    """One amount over another, in the same unit, and what the quotient should not exceed."""
+
+    name: str
+    measured: float
+    against: float
+    aim: float | None = None
+    unit: str = "s"
+    note: str = ""
+
+    @property
+    def value(self) -> float:
+        """The quotient."""
+        return self.measured / self.against
+
+    @property
+    def met(self) -> bool | None:
+        """Whether the aim is reached; None without one."""
+        return None if self.aim is None else self.value <= self.aim
+
+
+@dataclass(frozen=True)
+class Entry:
+    """One tool on one piece of work: the whole way from protobuf to protobuf, and the part without conversion."""
+
+    tool: str
+    seconds: float
+    rewriting_seconds: float
+    checked: str  # what was found equal to the result of onnx-graft
+
+
+@dataclass(frozen=True)
+class Contest:
+    """All tools on one piece of work, and the floor that none can fall below."""
+
+    work: str
+    occurrences: int
+    floor: str
+    floor_seconds: float
+    entries: list[Entry]
+    left_out: list[str] = field(default_factory=list)  # "tool: reason"
+
+
+@dataclass
+class Results:
+    """Everything measured, by group."""
+
+    figures: dict[str, list[Figure]] = field(default_factory=dict)
+    contests: list[Contest] = field(default_factory=list)
+
+    def write(self, path: Path, packages: Sequence[str] = ()) -> None:
+        """Writes them, with what they were measured on, as JSON."""
+        path.parent.mkdir(parents=True, exist_ok=True)
+        figures = {
+            group: [{**asdict(figure), "value": figure.value} for figure in figures]
+            for group, figures in self.figures.items()
+        }
+        content = {**machine(packages), "figures": figures, "contests": [asdict(contest) for contest in self.contests]}
+        path.write_text(json.dumps(content, indent=2) + "\n")
+
+
+def machine(packages: Sequence[str] = ()) -> dict[str, Any]:
+    """What the figures depend on: Python, processors, versions; of packages that are not installed, None."""
+    return {
+        "python": platform.python_version(),
+        "system": f"{platform.system()} {platform.machine()}",
+        "cores": os.cpu_count(),
+        "packages": {name: _version(name) for name in (*PACKAGES, *packages)},
+    }
+
+
+def _version(package: str) -> str | None:
+    try:
+        return version(package)
+    except PackageNotFoundError:
+        return None

@@ -1,0 +1,27 @@
+"""What `make bench` measures, in groups that also run alone."""
+
+from __future__ import annotations
+
+from collections.abc import Callable, Iterator
+from importlib import import_module
+
+from bench.figures import Contest, Figure
+from bench.sizes import Sizes
+
+Group = Callable[[Sizes], Iterator[Figure | Contest]]
+
+# Name: module and what it answers.
+GROUPS = {
+    "floors": ("against_floors", "What the library adds to what nobody can leave out"),
+    "peers": ("against_peers", "The same rewrites by other tools"),
+    "growth": ("growth", "Ten times as many occurrences"),
+    "memory": ("memory", "Peak memory over the model and its new tensors"),
+    "models": ("whole_networks", "All transformations on whole networks"),
+    "transformations": ("each_transformation", "Each transformation on a chain of its own occurrences"),
+}
+
+
+def load(name: str) -> Group:
+    """The function of a group."""
+    measure: Group = import_module(f"bench.groups.{GROUPS[name][0]}").measure
+    return measure

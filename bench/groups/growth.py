@@ -1,0 +1,34 @@
+"""Growth of each kind of work, up to the longest chains."""
+
+from __future__ import annotations
+
+from collections.abc import Iterator
+from functools import partial
+
+import onnx
+
+from bench import rewrites
+from bench.figures import Figure
+from bench.growing import growth
+from bench.sizes import Sizes
+from bench.workloads import chain_model
+
+# What is said of it: the rewrite, the kind of chain, the occurrences per link.
+_KINDS = {
+    "quant_conv": (rewrites.quant_conv, "conv", 1),
+    "replace_quant_any (merging)": (rewrites.merge, "merge", 1),
+    "replace_quant_v2 (pull-up)": (rewrites.pull_up, "pull_up", 1),
+    "pass without occurrence": (rewrites.without_operators, "conv", 0),
+    "quant_conv, all refused": (rewrites.quant_conv, "refused", 0),
+}
+
+
+def measure(sizes: Sizes) -> Iterator[Figure]:
+    """One figure per kind."""
+    lengths = [max(1, sizes.chains[0] // 10), *sizes.chains]
+    for name, (rewrite, kind, per_link) in _KINDS.items():
+        yield growth(name, rewrite, partial(_chain, kind), lengths, sizes.longest, per_link, sizes.patience)
+
+
+def _chain(kind: str, length: int) -> onnx.GraphProto:
+    return chain_model(kind, length).graph

@@ -1,0 +1,49 @@
+"""The benchmark's command line: runs groups, shows and keeps what they yield."""
+
+from __future__ import annotations
+
+import argparse
+import sys
+import time
+from pathlib import Path
+
+from bench import page, report
+from bench.figures import Figure, Results, machine
+from bench.groups import GROUPS, load
+from bench.peers import PACKAGES
+from bench.sizes import TINY, Sizes
+
+
+def main(arguments: list[str]) -> int:
+    """Runs the command; returns the exit code."""
+    parser = argparse.ArgumentParser(prog="bench", description="Measures speed as ratios of one run.")
+    parser.add_argument("groups", nargs="*", metavar="GROUP", help=f"{', '.join(GROUPS)}; all if none is given")
+    parser.add_argument("--json", type=Path, default=Path("build/bench.json"), help="where the results are kept")
+    parser.add_argument("--docs", type=Path, metavar="FOLDER", help="renew speed.md and speed.svg of a folder")
+    parser.add_argument("--tiny", action="store_true", help="tiny sizes, whose figures say nothing, to try the program")
+    options = parser.parse_args(arguments)
+    if unknown := set(options.groups) - GROUPS.keys():
+        parser.error(f"unknown group {', '.join(sorted(unknown))}; the groups are {', '.join(GROUPS)}")
+    if options.docs and (options.groups or options.tiny):
+        parser.error("--docs wants all groups at full size: leave out the names of groups and --tiny")
+    results = run(options.groups or list(GROUPS), TINY if options.tiny else Sizes())
+    report.show(results)
+    results.write(options.json, PACKAGES)
+    if options.docs:
+        page.renew(results, machine(PACKAGES), options.docs)
+    return 0
+
+
+def run(groups: list[str], sizes: Sizes) -> Results:
+    """Measures group after group."""
+    results = Results()
+    for name in groups:
+        begin = time.monotonic()
+        results.figures[name] = []
+        for found in load(name)(sizes):
+            if isinstance(found, Figure):
+                results.figures[name].append(found)
+            else:
+                results.contests.append(found)
+        print(f"{name}: {time.monotonic() - begin:.0f} s", file=sys.stderr)
+    return results

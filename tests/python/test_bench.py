@@ -1,0 +1,61 @@
+"""The benchmark runs, and its check of results finds differences; what it measures is nothing for a test."""
+
+from __future__ import annotations
+
+import json
+import sys
+import types
+from pathlib import Path
+from xml.etree import ElementTree
+
+import numpy as np
+import pytest
+
+from bench import page, rewrites
+from bench.equality import difference
+from bench.figures import machine
+from bench.peers import plain_python
+from bench.program import run
+from bench.sizes import TINY
+from bench.workloads import chain_model, copy_of
+
+FIGURES = {"floors": 5, "peers": 0, "growth": 5, "models": 2}
+
+
+def test_a_tiny_run_fills_the_page(tmp_path: Path, repository: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    floors = types.ModuleType("floors")  # is compiled for the benchmark only
+    vars(floors)["count_op_type"] = lambda graph, wanted: sum(node.op_type == wanted for node in graph.node)
+    vars(floors)["length_of_all_names"] = lambda graph: sum(len(name) for n in graph.node for name in n.input)
+    monkeypatch.setitem(sys.modules, "floors", floors)
+    results = run(list(FIGURES), TINY)
+    results.write(tmp_path / "bench.json")
+    kept = json.loads((tmp_path / "bench.json").read_text())
+    assert {group: len(figures) for group, figures in kept["figures"].items()} == FIGURES
+    assert all(entry["checked"] for contest in kept["contests"] for entry in contest["entries"])
+    (tmp_path / "speed.md").write_text((repository / "docs/speed.md").read_text())
+    page.renew(results, machine(), tmp_path)
+    text, drawn = (tmp_path / "speed.md").read_text(), ElementTree.parse(tmp_path / "speed.svg").getroot()
+    assert text.count("\n| plain Python |") == len(kept["contests"]) == 5
+    assert [part.text for part in drawn.iter()].count("plain Python") == 4
+
+
+@pytest.mark.parametrize(
+    ("kind", "own", "peer"),
+    [
+        ("conv", rewrites.quant_conv, plain_python.quant_conv),
+        ("merge", rewrites.merge, plain_python.replace_quant_any),
+    ],
+)
+def test_equal_results_are_told_from_others(kind: str, own: rewrites.Rewrite, peer: rewrites.Rewrite) -> None:
+    graph = chain_model(kind, 3).graph
+    one, two = copy_of(graph), copy_of(graph)
+    for rewrite, copy in ((own, one), (peer, two)):
+        np.random.seed(1)
+        assert rewrite(copy) == 3
+    assert difference(one, two) is None
+    assert difference(one, graph) is not None
+    two.initializer[-1].dims.append(1)
+    assert "initializers" in str(difference(one, two))
+    two.CopyFrom(one)
+    two.node[1].input[0] = "t0"
+    assert "nodes" in str(difference(one, two))
