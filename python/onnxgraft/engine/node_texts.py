@@ -3,38 +3,46 @@
 from __future__ import annotations
 
 import math
-from collections.abc import Callable, Iterable
+from collections.abc import Callable, Iterable, Sequence
+from typing import Any
 
 import onnx
 from onnx import numpy_helper
-
-from onnxgraft.engine.report import NodeText
 
 _KINDS = onnx.AttributeProto
 # Larger tensors are told by type and shape alone; longer texts are cut.
 _MOST_VALUES = 8
 _LONGEST = 80
-# NumPy's names where the field's own are others.
-_TYPE_NAMES: dict[int, str] = {onnx.TensorProto.FLOAT: "float32", onnx.TensorProto.DOUBLE: "float64"}
+# NumPy's names: the field's own, but for two.
+_TYPE_NAMES = {number: name.lower() for name, number in onnx.TensorProto.DataType.items()}
+_TYPE_NAMES |= {onnx.TensorProto.FLOAT: "float32", onnx.TensorProto.DOUBLE: "float64"}
 
 
-def node_text(node: onnx.NodeProto, index: int | None = None) -> NodeText:
-    """The node in words; `index` is its position in the graph."""
-    attributes = {attribute.name: attribute_text(attribute) for attribute in node.attribute}
-    return NodeText(index, node.op_type, node.domain, node.name, tuple(node.input), tuple(node.output), attributes)
+def describe(node: onnx.NodeProto, index: int | None) -> dict[str, Any]:
+    """The fields of a `NodeText`."""
+    return {
+        "index": index,
+        "op_type": node.op_type,
+        "domain": node.domain,
+        "name": node.name,
+        "inputs": tuple(node.input),
+        "outputs": tuple(node.output),
+        "attributes": {attribute.name: attribute_text(attribute) for attribute in node.attribute},
+    }
 
 
 def type_name(data_type: int) -> str:
     """The name of an element type, such as "float32"."""
-    known = _TYPE_NAMES.get(data_type)
-    if known is None and data_type in onnx.TensorProto.DataType.values():
-        known = onnx.TensorProto.DataType.Name(data_type).lower()
-    return known or f"type {data_type}"
+    return _TYPE_NAMES.get(data_type) or f"type {data_type}"
 
 
 def tensor_text(tensor: onnx.TensorProto) -> str:
     """Type and shape of a tensor, such as "float32[64,3,3,3]"."""
-    return f"{type_name(tensor.data_type)}[{','.join(map(str, tensor.dims))}]"
+    return type_name(tensor.data_type) + _shape(tensor.dims)
+
+
+def _shape(dims: Sequence[int]) -> str:
+    return str(list(dims)).replace(" ", "")
 
 
 def value_text(value: onnx.ValueInfoProto) -> str:
@@ -80,7 +88,7 @@ def _graph(graph: onnx.GraphProto) -> str:
 
 
 def _sparse(tensor: onnx.SparseTensorProto) -> str:
-    return f"sparse {type_name(tensor.values.data_type)}[{','.join(map(str, tensor.dims))}]"
+    return f"sparse {type_name(tensor.values.data_type)}{_shape(tensor.dims)}"
 
 
 _TEXTS: dict[int, Callable[[onnx.AttributeProto], str]] = {

@@ -18,7 +18,6 @@ from typing import Any, Literal
 import onnx
 
 from onnxgraft.abstract_transformation import AbstractTransformation, nearest_miss
-from onnxgraft.engine.node_texts import node_text
 from onnxgraft.engine.report import NodeText, Occurrence, PatternResult
 from onnxgraft.engine.snapshot import Snapshot
 from onnxgraft.engine.surroundings import Neighbours, Shapes
@@ -139,43 +138,53 @@ class Recorder:
             reasons: list[str] = []
             if gives_reasons:
                 named[_REASONS] = reasons
-            note = None if self._details == "counts" else self._note(current, *arguments[:3])
+            before, placed = self._take_hold(current, *arguments[:3])
             try:
                 accepted = bool(original(*arguments, **named))
             except BaseException:
                 if self.failure is None:
-                    self.failure = Failure(current.result.pattern, tuple(map(node_text, replaced_nodes)))
+                    self.failure = Failure(current.result.pattern, tuple(map(NodeText.of, replaced_nodes)))
                 raise
             current.result.refused += not accepted
-            if note is not None:
-                current.result.occurrences.append(note(accepted, reasons, isomorphic_links_mapping))
+            if self._details != "counts":
+                current.result.occurrences.append(
+                    self._occurrence(current, before, placed, isomorphic_links_mapping, accepted, reasons)
+                )
             return accepted
 
         _hand_promise_on(on_replace, original, transformation, is_default=is_default)
         return MethodType(on_replace, transformation)
 
-    def _note(
+    def _take_hold(
         self, current: _Pass, graph: onnx.GraphProto, nodes: Sequence[onnx.NodeProto], mapping: Mapping[int, int]
-    ) -> Callable[[bool, list[str], Mapping[str, str]], Occurrence]:
-        """Takes hold of the nodes of an occurrence before the callback may move them."""
+    ) -> tuple[tuple[NodeText, ...], list[tuple[int, onnx.NodeProto]]]:
+        """The replaced nodes in words, and the new ones with their indices: a callback may move or change them."""
+        if self._details == "counts":
+            return (), []
         if current.shapes is None:
             current.shapes = Shapes(graph)
-        before = tuple(node_text(node) for node in nodes)
-        count = len(current.result.replacement)
-        placed = [(index, graph.node[index]) for key, index in mapping.items() if key < count]
+            current.neighbours = Neighbours(graph) if self._details == "neighbours" else None
+        count, listed = len(current.result.replacement), graph.node
+        placed = [(index, listed[index]) for key, index in mapping.items() if key < count]
+        return tuple([NodeText.of(node) for node in nodes]), placed
 
-        def finish(accepted: bool, reasons: list[str], links: Mapping[str, str]) -> Occurrence:
-            assert current.shapes is not None
-            after = tuple(node_text(node, index) for index, node in placed)
-            neighbours: tuple[NodeText, ...] = ()
-            if self._details == "neighbours":
-                current.neighbours = current.neighbours or Neighbours(graph)
-                neighbours = current.neighbours.of(before, after)
-            shapes = current.shapes.texts((*before, *after, *neighbours))
-            reason = "; ".join(reasons) or None
-            return Occurrence(accepted, reason, before, after, dict(links), neighbours, shapes)
-
-        return finish
+    @staticmethod
+    def _occurrence(
+        current: _Pass,
+        before: tuple[NodeText, ...],
+        placed: list[tuple[int, onnx.NodeProto]],
+        links: Mapping[str, str],
+        accepted: bool,
+        reasons: list[str],
+    ) -> Occurrence:
+        after = tuple([NodeText.of(node, index) for index, node in placed])
+        neighbours: tuple[NodeText, ...] = ()
+        tensors = list(links.values())
+        if current.neighbours is not None:
+            neighbours = current.neighbours.of(before, after)
+            tensors += [name for node in neighbours for name in (*node.inputs, *node.outputs)]
+        shapes = current.shapes.texts(tensors) if current.shapes is not None else {}
+        return Occurrence(accepted, "; ".join(reasons) or None, before, after, dict(links), neighbours, shapes)
 
 
 def _hand_promise_on(wrapper: Callable[..., Any], original: Any, transformation: Any, *, is_default: bool) -> None:

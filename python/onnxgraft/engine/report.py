@@ -8,13 +8,20 @@ from __future__ import annotations
 from dataclasses import dataclass, field
 from typing import TYPE_CHECKING, Any
 
+import onnx
+
 from onnxgraft.engine import report_json
+from onnxgraft.engine.node_texts import describe
 
 if TYPE_CHECKING:
     from rich.table import Table
 
 # Raised whenever a reader of the previous version would misread the JSON text.
 SCHEMA_VERSION = 1
+
+# The bytes of larger nodes hold weights.
+_LARGEST_KEPT = 1 << 12
+_UNREAD = "_unread"
 
 
 @dataclass(frozen=True)
@@ -29,6 +36,29 @@ class NodeText:
     outputs: tuple[str, ...]
     # A short text for each; a large tensor is "float32[64,3,3,3]".
     attributes: dict[str, str] = field(default_factory=dict)
+
+    @classmethod
+    def of(cls, node: onnx.NodeProto, index: int | None = None) -> NodeText:
+        """The node as it is now; `index` is its position in the graph.
+
+        Its bytes are kept at first, which takes a tenth of the time, and put in words when somebody reads them.
+        """
+        content = node.SerializeToString()
+        if len(content) > _LARGEST_KEPT:
+            return cls(**describe(node, index))
+        text = object.__new__(cls)
+        vars(text)[_UNREAD] = (content, index)
+        return text
+
+    def __getattr__(self, name: str) -> Any:
+        # Called for fields that are not set: those of a text that nobody has read yet.
+        own = vars(self)
+        if _UNREAD not in own or name not in self.__dataclass_fields__:
+            raise AttributeError(f"{type(self).__name__!r} object has no attribute {name!r}")
+        content, index = own[_UNREAD]
+        own.update(describe(onnx.NodeProto.FromString(content), index))
+        del own[_UNREAD]
+        return own[name]
 
     def __str__(self) -> str:
         name = f" '{self.name}'" if self.name else ""

@@ -10,7 +10,7 @@ from collections.abc import Iterable
 
 import onnx
 
-from onnxgraft.engine.node_texts import node_text, tensor_text, value_text
+from onnxgraft.engine.node_texts import tensor_text, value_text
 from onnxgraft.engine.report import NodeText
 
 
@@ -33,11 +33,11 @@ class Shapes:
             self._tensors[tensor.name] = tensor
         self._count = count
 
-    def texts(self, nodes: Iterable[NodeText]) -> dict[str, str]:
-        """The known ones among the tensors of the nodes."""
+    def texts(self, names: Iterable[str]) -> dict[str, str]:
+        """The known ones among the tensors of these names."""
         self._add_new_tensors()
         found = {}
-        for name in dict.fromkeys(name for node in nodes for name in (*node.inputs, *node.outputs)):
+        for name in names:
             if (tensor := self._tensors.get(name)) is not None:
                 found[name] = tensor_text(tensor)
             elif (value := self._values.get(name)) is not None:
@@ -64,4 +64,4 @@ class Neighbours:
         read = {name for node in (*before, *after) for name in node.inputs}
         found = {self._writers[name] for name in read - written if name in self._writers}
         found |= {index for name in written for index in self._readers.get(name, ())}
-        return tuple(node_text(self._nodes[index], index) for index in sorted(found - own))
+        return tuple(NodeText.of(self._nodes[index], index) for index in sorted(found - own))
