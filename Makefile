@@ -15,6 +15,8 @@ PACKAGE_FILES := CMakeLists.txt pyproject.toml README.md LICENSE \
   $(shell find src python cmake -name __pycache__ -prune -o -print 2>/dev/null)
 CPP_FILES := $(shell find src tests/core bench -name '*.cpp' -o -name '*.h' 2>/dev/null)
 PYTHON_DIRS := python tests/python bench tools
+# The extension modules; their stubs have to agree with them.
+MODULES := $(addprefix onnxgraft.,abstract_transformation transform_utilities quant)
 
 .DELETE_ON_ERROR:
 .DEFAULT_GOAL := help
@@ -44,9 +46,11 @@ test: .venv/installed .venv/test-tools ## Run all tests: ctest for the core, pyt
 	exit $$status
 
 lint: .venv/installed .venv/test-tools .venv/lint-tools ## Check formats, types and the C++ code
-	$(BIN)/ruff check $(PYTHON_DIRS)
-	$(BIN)/ruff format --check $(PYTHON_DIRS)
+	$(BIN)/ruff check $(PYTHON_DIRS) tests/typing
+	$(BIN)/ruff format --check $(PYTHON_DIRS) tests/typing
 	$(BIN)/mypy $(PYTHON_DIRS)
+	$(BIN)/stubtest --mypy-config-file pyproject.toml $(MODULES)
+	cd tests/typing && $(CURDIR)/$(BIN)/mypy --config-file= --cache-dir=$(CURDIR)/.mypy_cache/installed --strict .
 	$(BIN)/clang-format --dry-run --Werror $(CPP_FILES)
 	@tools/require-googletest
 	@$(TOOLS) cmake --preset dev -DPython_EXECUTABLE="$(CURDIR)/$(BIN)/python" >/dev/null
