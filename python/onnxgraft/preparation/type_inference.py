@@ -12,6 +12,8 @@ import math
 from onnx import ModelProto, TensorProto, ValueInfoProto, helper, numpy_helper, shape_inference
 from onnx.external_data_helper import uses_external_data
 
+from onnxgraft.preparation.tensor_values import read_values
+
 LOG = logging.getLogger(__name__)
 
 # Larger initializers are no shapes.
@@ -59,7 +61,5 @@ def _small_copy(tensor: TensorProto, folder: str) -> TensorProto | None:
         return None
     if not uses_external_data(tensor):
         return tensor
-    try:
-        return numpy_helper.from_array(numpy_helper.to_array(tensor, folder), tensor.name)
-    except (OSError, ValueError, TypeError, KeyError):
-        return None
+    array = read_values(tensor, folder)
+    return None if array is None else numpy_helper.from_array(array, tensor.name)

@@ -6,24 +6,19 @@ nested bodies) is never renamed or removed.
 
 from __future__ import annotations
 
-import logging
 import os
 from collections.abc import Callable, Collection, Iterable
 from typing import Any
 
 import numpy as np
-from numpy.typing import NDArray
 from onnx import GraphProto, ModelProto, NodeProto, TensorProto, TypeProto, ValueInfoProto, helper, numpy_helper
 
 from onnxgraft.preparation.names import all_names, body_reads
+from onnxgraft.preparation.tensor_values import Array, read_values
 from onnxgraft.preparation.type_inference import inferred_values
-
-LOG = logging.getLogger(__name__)
 
 # Before this version of the file format an initializer had to be listed among the graph's inputs.
 _FIRST_IR_WITHOUT_LISTING = 4
-
-_Array = NDArray[Any]
 
 
 class Workpiece:
@@ -48,15 +43,9 @@ class Workpiece:
         inputs = set() if self._inputs_are_constant else {value.name for value in self.graph.input}
         return {tensor.name: tensor for tensor in self.graph.initializer if tensor.name not in inputs}
 
-    def values(self, tensor: TensorProto) -> _Array | None:
+    def values(self, tensor: TensorProto) -> Array | None:
         """The values of a tensor; None if they cannot be read or would not come back as the same element type."""
-        try:
-            array: _Array = numpy_helper.to_array(tensor, self.folder)
-            same_type = helper.np_dtype_to_tensor_dtype(array.dtype) == tensor.data_type
-        except (OSError, ValueError, TypeError, KeyError) as error:
-            LOG.warning("tensor '%s' stays as it is, since its values cannot be read: %s", tensor.name, error)
-            return None
-        return array if same_type else None
+        return read_values(tensor, self.folder)
 
     def defined_names(self) -> set[str]:
         """Names of graph inputs and initializers."""
@@ -97,7 +86,7 @@ class Workpiece:
             value = helper.make_tensor_value_info(tensor.name, tensor.data_type, list(tensor.dims))
             self.graph.input.append(value)
 
-    def add_array(self, array: _Array, name: str) -> None:
+    def add_array(self, array: Array, name: str) -> None:
         """Adds an initializer with these values."""
         self.add(numpy_helper.from_array(np.ascontiguousarray(array).reshape(array.shape), name))
 
