@@ -82,7 +82,8 @@ def writers(graph: GraphProto) -> list[str]:
 
 
 def sources(graph: GraphProto) -> set[str]:
-    return {value.name for value in (*graph.input, *graph.initializer)} | set(writers(graph))
+    names = {value.name for value in graph.input} | {tensor.name for tensor in graph.initializer}
+    return names | set(writers(graph))
 
 
 def reads(graph: GraphProto) -> set[str]:

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import inspect
 import random
+from collections.abc import Iterator
 from typing import Any
 
 import numpy as np
@@ -12,11 +13,14 @@ from onnx import GraphProto
 from helpers.furnished import furnished_graph
 from onnxgraft import quant
 
-CLASSES: dict[str, type[Any]] = {
-    cls().get_simple_name(): cls
-    for _, cls in inspect.getmembers(quant, inspect.isclass)
-    if hasattr(cls, "get_simple_name") and hasattr(cls, "apply") and not inspect.isabstract(cls)
-}
+
+def _classes() -> Iterator[Any]:
+    for _, cls in inspect.getmembers(quant, inspect.isclass):
+        if hasattr(cls, "get_simple_name") and hasattr(cls, "apply") and not inspect.isabstract(cls):
+            yield cls
+
+
+CLASSES: dict[str, Any] = {cls().get_simple_name(): cls for cls in _classes()}
 
 
 def patterns(name: str) -> list[list[str]]:

@@ -1,0 +1,145 @@
+"""Run by test_memory_faults.py in a process of its own: every allocation of the interpreter fails once.
+
+Prints one line of JSON per case: how many failures there were, and what went wrong. The graph is made of plain Python
+objects, since the protobuf implementation itself does not survive this.
+"""
+
+from __future__ import annotations
+
+import _testcapi  # type: ignore[import-not-found]
+import contextvars
+import gc
+import inspect
+import json
+import sys
+from collections.abc import Callable
+from typing import Any
+
+from helpers.standins import Message, graph_of, lines_of
+from onnxgraft import quant
+from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences, nearest_miss
+from onnxgraft.transform_utilities import external_data_folder
+
+PAIR = ["Conv:0,1i->2", "Relu:2->3"], ["#1:0->100", "#0:100,101i->3"]
+LOST = ["Conv:0,1i->2", "Neg:2->3"], list[str]()
+WRONG = ["Conv:0,1i->2", "Neg:2-3"], list[str]()
+BEFORE = ["Conv x w -> a", "Relu a -> b", "Conv b w -> c", "Relu c -> d"]
+method: Any = quant.QuantConvTransformation._on_replace_subgraph
+find: Any = find_occurrences
+miss: Any = nearest_miss
+
+
+class Verdicts(AbstractTransformation):
+    """Accepts or refuses in turn, as it is told."""
+
+    def __init__(self, *verdicts: bool) -> None:
+        self.verdicts = verdicts
+
+    def run(self, graph: Any) -> int:
+        self.asked = 0
+        return self._replace_all_isomorphic_sub_graphs(graph, *PAIR, shared=self)
+
+    def _on_replace_subgraph(self, *_: object, **__: object) -> bool:
+        self.asked += 1
+        return self.verdicts[self.asked - 1]
+
+
+def chain() -> Message:
+    return graph_of(*BEFORE, initializers="w", outputs="d")
+
+
+def sound(graph: Any) -> bool:
+    """One writer per tensor, in front of its readers."""
+    known = {"x", "w"}
+    for node in graph.node:
+        if any(name not in known and "_new" not in name for name in node.input) or known & set(node.output):
+            return False
+        known.update(node.output)
+    return "d" in known
+
+
+def folders() -> None:
+    with external_data_folder("a"), external_data_folder("b"):
+        repr(external_data_folder("c"))
+
+
+def merging() -> Message:
+    return graph_of("TesselQuant x -> q", "Conv q w -> c", "TesselQuant x -> r", "MaxPool r -> m", initializers="w")
+
+
+CASES: dict[str, tuple[Callable[[], Any], Callable[[Any], object]]] = {
+    # what is made first, what is done to it
+    "accept": (chain, Verdicts(True, True).run),
+    "refuse": (chain, Verdicts(False, False).run),
+    "first only": (chain, Verdicts(True, False).run),
+    "last only": (chain, Verdicts(False, True).run),
+    "merge": (merging, quant.FuseTesselQuantAnyTransformation().apply),
+    "find": (chain, lambda graph: find(graph, *PAIR)),
+    "miss": (chain, lambda graph: miss(graph, *LOST)),
+    "notation": (chain, lambda graph: find(graph, *WRONG)),
+    "arguments": (chain, lambda graph: find(graph, subgraph=PAIR[0], replacement=PAIR[1])),
+    "wrong arguments": (chain, lambda graph: find(graph, *PAIR, other=1)),
+    "binding": (quant.QuantConvTransformation, lambda made: made._on_replace_subgraph is None),
+    "reflection": (
+        lambda: method,
+        lambda m: [repr(m), m.__annotations__, m.__defaults__, m.__module__, m.__reduce__()],
+    ),
+    "signature": (lambda: method, inspect.signature),
+    "folders": (contextvars.copy_context, lambda context: context.run(folders)),
+}
+
+
+def outcome_of(act: Callable[[Any], object], argument: Any) -> object:
+    """The result, or the type of the error that came first."""
+    try:
+        return act(argument)
+    except Exception as error:
+        first: BaseException = error
+        while first.__context__ is not None:
+            first = first.__context__
+        return type(first)
+
+
+def run(make: Callable[[], Any], act: Callable[[Any], object]) -> tuple[int, list[str]]:
+    """How many failures there were; what was wrong after them."""
+    faults, unharmed, wrong = 0, 0, []
+    usual = outcome_of(act, make())
+    for fail_at in range(1, 5000):
+        graph = make()
+        _testcapi.set_nomemory(fail_at, fail_at + 1)
+        try:
+            outcome = outcome_of(act, graph)
+        finally:
+            _testcapi.remove_mem_hooks()
+        if outcome is MemoryError:
+            faults += 1
+            unharmed = 0
+        elif outcome != usual:
+            wrong.append(f"allocation {fail_at}: {outcome!r} instead of {usual!r}")
+        if make is chain:
+            if not sound(graph):
+                wrong.append(f"allocation {fail_at}: {lines_of(graph)}")
+            verdicts = getattr(act, "__self__", None)
+            # A callback that could not even be called counts as one that raised: its occurrence stays.
+            if verdicts is not None and not verdicts.asked and lines_of(graph)[2:] != BEFORE[2:]:
+                wrong.append(f"allocation {fail_at}: changed before the first callback: {lines_of(graph)}")
+        unharmed += 1
+        if unharmed == 200:
+            break
+    return faults, wrong
+
+
+def main() -> None:
+    for name, (make, act) in CASES.items():
+        run(make, act)
+        gc.collect()
+        before = sys.getallocatedblocks()
+        faults, wrong = run(make, act)
+        gc.collect()
+        # What Python code loses when it fails, as that of `inspect` does, is not ours.
+        lost = sys.getallocatedblocks() - before if name != "signature" else 0
+        print(json.dumps({"case": name, "faults": faults, "wrong": wrong[:3], "lost": lost}), flush=True)
+
+
+if __name__ == "__main__":
+    main()

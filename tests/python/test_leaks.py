@@ -1,0 +1,132 @@
+"""No entry of the three modules loses a reference or memory, whether it does its work, refuses or raises."""
+
+from __future__ import annotations
+
+import contextlib
+import copy
+import inspect
+import pickle
+from collections.abc import Callable
+from typing import Any
+
+import numpy as np
+import pytest
+from onnx import GraphProto, numpy_helper
+
+from helpers.classes import CLASSES, apply, class_graph
+from helpers.counting import grows
+from helpers.failing import Uses
+from helpers.small_graphs import graph_of
+from onnxgraft import quant
+from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences, nearest_miss
+from onnxgraft.transform_utilities import external_data_folder, get_init
+
+PAIR = ["Conv:0,1i->2", "Relu:2->3"], ["#1:0->100", "#0:100,101i->3"]
+LOST = ["Conv:0,1i->2", "Neg:2->3"], ["#1:0->100", "#0:100,101i->3"]
+
+
+class Base(AbstractTransformation):
+    """Does `act(graph)` in its callback."""
+
+    act: Callable[[GraphProto], object]
+
+    def _on_replace_subgraph(self, graph: GraphProto, *_: Any, **__: Any) -> Any:
+        return self.act(graph)
+
+
+def conv_relus() -> GraphProto:
+    graph = graph_of(["Conv x w -> a", "Relu a -> b", "Conv b w -> c", "Relu c -> d"], inputs=["x"], outputs=["d"])
+    graph.initializer.append(numpy_helper.from_array(np.zeros((1, 1, 1, 1), np.float32), "w"))
+    return graph
+
+
+def replacing(act: Callable[[GraphProto], object], pair: Any = PAIR, **extra: Any) -> Callable[[], object]:
+    transformation = Base()
+    transformation.act = act
+    return lambda: transformation._replace_all_isomorphic_sub_graphs(conv_relus(), *pair, **extra)
+
+
+def spoil(graph: GraphProto) -> None:
+    del graph.node[:]
+
+
+def folders() -> None:
+    with external_data_folder("."), external_data_folder(".."):
+        repr(external_data_folder("x"))
+
+
+def read(*names: Any) -> Callable[[], object]:
+    long = conv_relus()
+    long.initializer.extend(numpy_helper.from_array(np.zeros(1), f"i{k}") for k in range(40))
+    return lambda: get_init(long, names)
+
+
+# Called with what they do not take as well.
+find: Any = find_occurrences
+folder: Any = external_data_folder
+method: Any = quant.QuantConvTransformation._on_replace_subgraph
+base: Any = quant._QuantTransformation()
+ENTRIES: dict[str, Callable[[], object]] = {
+    "accepts": replacing(lambda graph: True),
+    "refuses": replacing(lambda graph: False),
+    "raises": replacing(lambda graph: 1 / 0),
+    "spoils the graph": replacing(spoil),
+    "adds and refuses": replacing(lambda graph: bool(graph.node.add(op_type="Abs", output=["z"]))),
+    "odd truth": replacing(lambda graph: np.zeros(2)),
+    "extra keywords": replacing(lambda graph: True, shared=[1], other={}),
+    "wrong list": replacing(lambda graph: True, ("Conv:0->1", [])),
+    "wrong notation": replacing(lambda graph: True, (["Conv:0=>1"], [])),
+    "no list of nodes": lambda: find(None, *PAIR),
+    "default callback": lambda: AbstractTransformation()._replace_all_isomorphic_sub_graphs(conv_relus(), *PAIR),
+    "find": lambda: find(conv_relus(), *PAIR),
+    "miss": lambda: nearest_miss(conv_relus(), *LOST),
+    "too few": lambda: find(conv_relus()),
+    "unknown keyword": lambda: find(conv_relus(), *PAIR, other=1),
+    "twice": lambda: find(conv_relus(), *PAIR, graph=1),
+    "look-up": read("w", "i3"),
+    "look-up of nothing": read("w", "lost"),
+    "look-up of one text": lambda: get_init(conv_relus(), "w"),
+    "folders": folders,
+    "wrong folder": lambda: folder(3),
+    "left twice": lambda: external_data_folder(".").__exit__(None, None, None),
+    "reflection": lambda: [
+        getattr(method, a) for a in dir(method) if a not in ("__subclasshook__", "__init_subclass__")
+    ],
+    "signature": lambda: str(inspect.signature(method)),
+    "attributes": lambda: method.__dict__.update(note=[1]),
+    "pickle": lambda: pickle.loads(pickle.dumps(copy.copy(method))),
+    "subclass": lambda: type("Own", (quant.QuantConvTransformation,), {})().apply(conv_relus()),
+    "abstract": quant.AbstractPullUpTesselQuantTransformation,
+    "draw weights": lambda: base._update_weights(conv_relus(), True, ["w", "n"]),
+    "draw bias": lambda: base._update_bias(conv_relus(), ["w", "n"]),
+    "draw scales": lambda: base._update_tesseldequant((4,), "n"),
+    "draw nothing": lambda: base._update_weights(conv_relus(), True, ["lost", "n"]),
+    "precision": lambda: base._check_current_precision(conv_relus(), {}, "1"),
+    "no node": lambda: base._update_tesselquant(conv_relus(), {}, 0),
+    "dict": lambda: base._check_current_precision(conv_relus(), 3, "1"),
+}
+
+
+@pytest.mark.parametrize("entry", ENTRIES)
+def test_entries(entry: str) -> None:
+    def act() -> None:
+        with contextlib.suppress(Exception):
+            ENTRIES[entry]()
+
+    assert not grows(act)
+
+
+@pytest.mark.parametrize("name", CLASSES)
+def test_classes(name: str) -> None:
+    graphs = [class_graph(name, seed).SerializeToString() for seed in range(2)]
+    turn = 0
+
+    def act() -> None:
+        """In turn: undisturbed, and with a fault somewhere."""
+        nonlocal turn
+        turn += 1
+        uses = Uses(1 + (turn * 97) % 1500 if turn % 2 else 0)
+        apply(name, uses.wrap(GraphProto.FromString(graphs[turn // 2 % 2])))
+        uses.proxies.clear()
+
+    assert not grows(act)
