@@ -129,7 +129,7 @@ def test_errors() -> None:
         "TesselDequant 'y': its second input must be an initializer": model([node("TesselDequant", "x x")]),
         "2 scales need axis 1, the input is of rank 1": model([node("TesselDequant", "x w")], {"w": words}, {"x": [2]}),
         "no value is given for the graph inputs z": model([node("Add", "x z")], {}, {"x": [1], "z": [1]}),
-        "the evaluator failed": model([node("Unknown", "x")]),
+        "Unknown 'y' cannot be computed": model([node("Unknown", "x")]),
     }
     for message, made in faults.items():
         with pytest.raises(EvaluationError, match=message):

@@ -2,16 +2,14 @@
 
 from __future__ import annotations
 
-import importlib
 from collections.abc import Mapping, Sequence
-from os import PathLike
+from os import PathLike, fspath
 from typing import Any, Literal
 
-import numpy as np
 import numpy.typing as npt
 import onnx
-from onnx.reference import ReferenceEvaluator
 
+from onnxgraft.evaluation import runners
 from onnxgraft.evaluation.convention import Convention
 from onnxgraft.evaluation.errors import EvaluationError
 from onnxgraft.evaluation.lowering import lower
@@ -43,7 +41,8 @@ def evaluate(
         The tensors by name. A tensor of quantized values holds them as floating-point numbers.
 
     Raises:
-        EvaluationError: The model cannot be lowered, or the evaluator failed; the message gives its reason.
+        EvaluationError: The model cannot be lowered, or the evaluator failed; the message names the node, where it is
+            known, and gives the reason.
     """
     lowered = lower(model, convention, folder=folder)
     names = list(outputs) or [value.name for value in lowered.graph.output]
@@ -52,27 +51,5 @@ def evaluate(
     if missing := sorted(wanted - inputs.keys()):
         raise EvaluationError(f"no value is given for the graph inputs {', '.join(missing)}")
     feeds = {name: inputs[name] for name in wanted}
-    try:
-        values = _run_reference(lowered, names, feeds) if evaluator == "reference" else _run_fast(lowered, names, feeds)
-    except ImportError as error:
-        raise EvaluationError(f"{evaluator} is not installed") from error
-    except MemoryError:
-        raise
-    except Exception as error:
-        raise EvaluationError(f"the evaluator failed: {type(error).__name__}: {error}") from error
-    return dict(zip(names, values, strict=True))
-
-
-def _run_reference(lowered: onnx.ModelProto, names: list[str], feeds: dict[str, Array]) -> list[Array]:
-    return [np.asarray(value) for value in ReferenceEvaluator(lowered).run(names, feeds)]
-
-
-def _run_fast(lowered: onnx.ModelProto, names: list[str], feeds: dict[str, Array]) -> list[Array]:
-    """Without the optimizations of onnxruntime: they reorder arithmetic."""
-    runtime: Any = importlib.import_module("onnxruntime")
-    declared = {value.name for value in lowered.graph.output}
-    lowered.graph.output.extend(onnx.ValueInfoProto(name=name) for name in names if name not in declared)
-    options = runtime.SessionOptions()
-    options.graph_optimization_level = runtime.GraphOptimizationLevel.ORT_DISABLE_ALL
-    session = runtime.InferenceSession(lowered.SerializeToString(), options, providers=["CPUExecutionProvider"])
-    return [np.asarray(value) for value in session.run(names, feeds)]
+    run = runners.run_reference if evaluator == "reference" else runners.run_onnxruntime
+    return dict(zip(names, run(lowered, names, feeds, fspath(folder)), strict=True))

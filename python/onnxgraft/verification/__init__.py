@@ -1,0 +1,10 @@
+"""Do two models compute the same? Both are evaluated on the same random inputs, and their outputs compared.
+
+docs/verify-and-diff.md says how, and what a failure means.
+"""
+
+from onnxgraft.verification.errors import VerificationError
+from onnxgraft.verification.result import OutputRow, Verification
+from onnxgraft.verification.verifying import verify
+
+__all__ = ["OutputRow", "Verification", "VerificationError", "verify"]

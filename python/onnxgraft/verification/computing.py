@@ -1,0 +1,79 @@
+"""Computes tensors of both models, with onnxruntime where it is installed and able to."""
+
+from __future__ import annotations
+
+import importlib.util
+import logging
+import time
+from collections.abc import Mapping, Sequence
+from dataclasses import dataclass
+from os import PathLike
+from typing import Any, Literal
+
+import numpy.typing as npt
+import onnx
+
+from onnxgraft.evaluation import Convention, EvaluationError, evaluate
+from onnxgraft.verification.inputs import Input, random_values
+
+Array = npt.NDArray[Any]
+Runner = Literal["onnxruntime", "onnx.reference"]
+
+_log = logging.getLogger(__name__)
+
+
+@dataclass(frozen=True)
+class Side:
+    """One of the two models. `label` is what messages call it."""
+
+    label: Literal["before", "after"]
+    model: onnx.ModelProto
+    folder: str | PathLike[str] = ""
+
+
+class Computer:
+    """Computes both models with one evaluator: two would round differently."""
+
+    def __init__(self, inputs: Mapping[str, Input], seed: int) -> None:
+        self._inputs = inputs
+        self._seed = seed
+        self.runner: Runner = "onnxruntime" if importlib.util.find_spec("onnxruntime") else "onnx.reference"
+        self.fallback: str | None = None  # why onnxruntime was given up
+
+    def compute(
+        self, sides: Sequence[Side], names: Sequence[str], convention: Convention, run: int
+    ) -> list[dict[str, Array]]:
+        """The tensors `names` of every side, on the inputs of run number `run`.
+
+        Raises:
+            EvaluationError: A model does not run; the message says which one and, where known, at which node.
+        """
+        values = random_values(self._inputs, self._seed + run)
+        if self.runner == "onnxruntime":
+            try:
+                return [self._evaluate(side, values, names, convention) for side in sides]
+            except EvaluationError as error:
+                _log.info("onnxruntime cannot compute it, onnx.reference takes over: %s", error)
+                self.fallback = str(error)
+                self.runner = "onnx.reference"
+        return [self._evaluate(side, values, names, convention) for side in sides]
+
+    def _evaluate(
+        self, side: Side, values: Mapping[str, Array], names: Sequence[str], convention: Convention
+    ) -> dict[str, Array]:
+        _log.info("computing the model %s with %s", side.label, self.runner)
+        start = time.perf_counter()
+        inputs = {value.name for value in side.model.graph.input}
+        try:
+            result = evaluate(
+                side.model,
+                {name: value for name, value in values.items() if name in inputs},
+                convention,
+                outputs=names,
+                evaluator="onnxruntime" if self.runner == "onnxruntime" else "reference",
+                folder=side.folder,
+            )
+        except EvaluationError as error:
+            raise EvaluationError(f"the model {side.label} does not run: {error}") from error
+        _log.info("computed %d tensors in %.1f s", len(names), time.perf_counter() - start)
+        return result

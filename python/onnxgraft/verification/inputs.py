@@ -1,0 +1,143 @@
+"""Random values for the inputs of a graph: the same for the same seed, name and shape.
+
+Floating-point numbers are of the standard normal distribution. Integers are valid for what reads them: row numbers of
+the table that they are looked up in, else 0 and 1; a mask is ones, then zeros. Eight-bit integers take the full range.
+"""
+
+from __future__ import annotations
+
+import difflib
+import math
+import zlib
+from collections.abc import Mapping
+from dataclasses import dataclass
+from typing import Any
+
+import numpy as np
+import numpy.typing as npt
+import onnx
+from onnx import TensorProto, helper
+
+from onnxgraft.verification.errors import VerificationError
+from onnxgraft.verification.readers import Readers
+
+Array = npt.NDArray[Any]
+
+_LARGEST = 2**31  # elements of one input
+_CHANNELS, _PICTURE, _OTHER = 3, 64, 16
+_COUNTED_IN_BITS = {"int8", "uint8"}
+
+
+@dataclass(frozen=True)
+class Input:
+    """One graph input. `rows` is the size of the table that its values are looked up in, if there is one."""
+
+    name: str
+    dtype: np.dtype[Any]
+    shape: tuple[int, ...]
+    rows: int | None
+
+    def __str__(self) -> str:
+        return f"{self.dtype.name}[{','.join(map(str, self.shape))}]"
+
+
+def inputs_of(model: onnx.ModelProto, sizes: Mapping[str, int]) -> dict[str, Input]:
+    """The inputs without initializer.
+
+    Args:
+        model: The model.
+        sizes: Sizes of symbolic dimensions by name, or of any unknown one as "input[axis]".
+
+    Raises:
+        VerificationError: An input without a shape or of a type that has no random values, or a size of no use.
+    """
+    graph = model.graph
+    constants = {tensor.name for tensor in graph.initializer}
+    values = [value for value in graph.input if value.name not in constants]
+    symbols = _symbols(values)
+    for name, size in sizes.items():
+        if name not in symbols:
+            raise VerificationError(f"no dimension is called '{name}': {_known(name, symbols)}")
+        if size < 1:
+            raise VerificationError(f"the size of '{name}' has to be 1 or more, not {size}")
+    readers = Readers(graph)
+    chosen = dict(sizes)
+    return {value.name: _input(value, readers, chosen) for value in values}
+
+
+def random_values(inputs: Mapping[str, Input], seed: int) -> dict[str, Array]:
+    """A value for each input."""
+    values = {}
+    for name, wanted in inputs.items():
+        rng = np.random.default_rng([seed, zlib.crc32(name.encode())])
+        values[name] = np.asarray(_draw(wanted, rng)).astype(wanted.dtype)
+    return values
+
+
+def _draw(wanted: Input, rng: np.random.Generator) -> Array:
+    kind, shape = wanted.dtype.kind, wanted.shape
+    if kind not in "biu":
+        return rng.standard_normal(shape)
+    if "mask" in wanted.name.lower() and wanted.rows is None:
+        return _mask(shape)
+    if kind == "b" or (wanted.rows is None and wanted.dtype.name not in _COUNTED_IN_BITS):
+        return rng.integers(0, 2, shape)
+    if wanted.rows is not None:
+        return rng.integers(0, max(1, min(wanted.rows, np.iinfo(wanted.dtype).max)), shape)
+    limits = np.iinfo(wanted.dtype)
+    return rng.integers(limits.min, limits.max, shape, endpoint=True)
+
+
+def _mask(shape: tuple[int, ...]) -> Array:
+    """Ones in the first three quarters of the last axis."""
+    length = shape[-1] if shape else 1
+    return np.broadcast_to(np.arange(length) < math.ceil(length * 0.75), shape)
+
+
+def _symbols(values: list[onnx.ValueInfoProto]) -> list[str]:
+    found = []
+    for value in values:
+        for axis, dim in enumerate(value.type.tensor_type.shape.dim):
+            if not dim.dim_value > 0:
+                found += [f"{value.name}[{axis}]", *([dim.dim_param] if dim.dim_param else [])]
+    return list(dict.fromkeys(found))
+
+
+def _known(name: str, symbols: list[str]) -> str:
+    if not symbols:
+        return "all sizes of the inputs are fixed"
+    similar = difflib.get_close_matches(name, symbols, n=3) or symbols[:6]
+    return f"did you mean {' or '.join(similar)}?"
+
+
+def _input(value: onnx.ValueInfoProto, readers: Readers, chosen: dict[str, int]) -> Input:
+    """Sizes that are made up are added to `chosen`, so that a symbol stands for one size everywhere."""
+    tensor = value.type.tensor_type
+    if value.type.WhichOneof("value") != "tensor_type" or tensor.elem_type in {TensorProto.STRING, 0}:
+        raise VerificationError(f"input '{value.name}' has no random values: only tensors of numbers have")
+    if not tensor.HasField("shape"):
+        raise VerificationError(f"input '{value.name}' has no shape: the model has to declare it, symbolic or not")
+    dtype = np.dtype(helper.tensor_dtype_to_np_dtype(tensor.elem_type))
+    shape: list[int] = []
+    dims = tensor.shape.dim
+    for axis, dim in enumerate(dims):
+        size: int | None = dim.dim_value if dim.dim_value > 0 else chosen.get(f"{value.name}[{axis}]")
+        if size is None:
+            size = chosen.get(dim.dim_param) if dim.dim_param else None
+        if size is None:
+            needed = readers.needed_size(value.name, axis, len(dims))
+            size = needed or _usual_size(axis, len(dims), dtype)
+            if dim.dim_param:
+                chosen[dim.dim_param] = size
+        shape.append(size)
+    if math.prod(shape) > _LARGEST:
+        raise VerificationError(f"input '{value.name}' would have {math.prod(shape)} elements: give smaller sizes")
+    return Input(value.name, dtype, tuple(shape), readers.number_of_rows(value.name) if dtype.kind in "iu" else None)
+
+
+def _usual_size(axis: int, rank: int, dtype: np.dtype[Any]) -> int:
+    if axis == 0:
+        return 1
+    if rank == 4 and dtype.kind not in "i":
+        return _CHANNELS if axis == 1 else _PICTURE
+    return _OTHER

@@ -1,0 +1,74 @@
+"""What a comparison found, as data; printed, it is a table."""
+
+from __future__ import annotations
+
+import io
+from dataclasses import dataclass, field
+from typing import Literal
+
+from rich import box
+from rich.console import Console
+from rich.table import Table
+from rich.text import Text
+
+# As wide as the content needs: the text may go to a file.
+_WIDTH = 200
+
+
+@dataclass(frozen=True)
+class OutputRow:
+    """One output of both models.
+
+    Attributes:
+        name: The output.
+        dtype: The element type that was compared; quantized values are floating-point numbers here.
+        shape: The shape that the model before gives it.
+        max_error: The largest difference of two elements over all runs; infinite if they cannot be compared.
+        scale: The largest absolute value among the finite elements of both.
+        relative_error: `max_error / scale`; 0 if nothing differs.
+        passed: Whether that is within the tolerance.
+    """
+
+    name: str
+    dtype: str
+    shape: tuple[int, ...]
+    max_error: float
+    scale: float
+    relative_error: float
+    passed: bool
+
+
+@dataclass
+class Verification:
+    """The result of `verify`."""
+
+    rows: list[OutputRow] = field(default_factory=list)
+    first_difference: str | None = None  # the first tensor, in the order of computation, that differs
+    notes: list[str] = field(default_factory=list)
+    passed: bool = False
+    runner: Literal["onnxruntime", "onnx.reference"] = "onnx.reference"
+    inputs: dict[str, str] = field(default_factory=dict)  # name -> "float32[1,3,64,64]"
+    seed: int = 0
+    runs: int = 1
+
+    def __rich__(self) -> Table:
+        table = Table("Output", "Type", "Shape", box=box.SIMPLE)
+        for heading in ("Largest difference", "Scale", "Relative"):
+            table.add_column(heading, justify="right")
+        table.add_column("")
+        for row in self.rows:
+            numbers = (f"{value:.3g}" for value in (row.max_error, row.scale, row.relative_error))
+            shape = Text(f"[{','.join(map(str, row.shape))}]")
+            table.add_row(Text(row.name), row.dtype, shape, *numbers, "same" if row.passed else "DIFFERENT")
+        return table
+
+    def __str__(self) -> str:
+        stream = io.StringIO()
+        console = Console(file=stream, width=_WIDTH, markup=False, highlight=False, emoji=False, color_system=None)
+        console.print(self)
+        lines = [line.rstrip() for line in stream.getvalue().splitlines()]
+        if self.first_difference is not None:
+            lines.append(f"first tensor that differs: {self.first_difference}")
+        lines += [f"note: {note}" for note in self.notes]
+        lines.append(f"{'the models agree' if self.passed else 'the models differ'} (run by {self.runner})")
+        return "\n".join(lines).strip("\n")

@@ -1,0 +1,161 @@
+"""`verify` finds what was planted, makes inputs that models accept, and says why outputs cannot agree."""
+
+from __future__ import annotations
+
+from pathlib import Path
+from typing import Any
+
+import numpy as np
+import onnx
+import pytest
+from onnx import TensorProto, helper, numpy_helper
+
+from helpers.models import make_model
+from onnxgraft import catalogue
+from onnxgraft.errors import HostError
+from onnxgraft.verification import verify
+from onnxgraft.verification.comparing import compare
+
+I64, F32 = TensorProto.INT64, TensorProto.FLOAT
+OPSETS = [helper.make_opsetid("", 17)]
+
+
+def tokens(masked: str = "mask") -> onnx.ModelProto:
+    """A table of 5 rows looked up by ids, a second one of 2 rows by types, both summed and masked."""
+    nodes = [
+        helper.make_node("Unsqueeze", ["ids", "axis"], ["wide"]),
+        helper.make_node("Gather", ["words", "wide"], ["a"], "look up"),
+        helper.make_node("Gather", ["types", "kinds"], ["b"], axis=1),
+        helper.make_node("MatMul", ["picture", "w"], ["p"], "project"),
+        helper.make_node("Cast", [masked], ["m"], to=F32),
+        helper.make_node("ReduceSum", ["a"], ["s"], keepdims=0),
+        helper.make_node("Mul", ["m", "s"], ["masked"], "apply mask"),
+    ]
+    tensors = {"words": np.eye(5, 3), "types": np.eye(3, 2), "w": np.ones((7, 2)), "axis": np.array([0])}
+    graph = helper.make_graph(
+        nodes,
+        "g",
+        [
+            *(helper.make_tensor_value_info(name, I64, ["batch", "tokens"]) for name in ("ids", "mask", "kinds")),
+            helper.make_tensor_value_info("picture", F32, ["batch", None]),
+        ],
+        [helper.make_tensor_value_info(name, F32, None) for name in ("masked", "b", "p")],
+        [numpy_helper.from_array(v.astype(np.int64 if n == "axis" else "f"), n) for n, v in tensors.items()],
+    )
+    return helper.make_model(graph, opset_imports=OPSETS, ir_version=8)
+
+
+def copy_of(model: onnx.ModelProto) -> onnx.ModelProto:
+    return onnx.ModelProto.FromString(model.SerializeToString())
+
+
+def test_inputs_are_valid_and_planted_differences_are_found() -> None:
+    before = tokens()
+    result = verify(before, copy_of(before), sizes={"tokens": 40}, runs=2)
+    assert result.passed
+    # The width of the picture follows from the weight; ids stay below the 5 and 2 rows, or the evaluator would fail.
+    assert result.inputs["picture"] == "float32[1,7]"
+    assert [row.shape for row in result.rows][:1] == [(1, 40)]
+    after = copy_of(before)
+    after.graph.initializer[2].CopyFrom(numpy_helper.from_array(np.full((7, 2), 1.001, np.float32), "w"))
+    failed = verify(before, after)
+    assert [row.passed for row in failed.rows] == [True, True, False]
+    assert failed.rows[2].relative_error == pytest.approx(0.001, rel=0.01)
+    assert "'p', written by MatMul 'project'" in str(failed.first_difference)
+    assert not failed.passed
+    assert verify(before, after, tolerance=0.01).passed
+
+
+def test_quantized_models() -> None:
+    """Random weights are named as the reason; what is made of a quantized model is compared as such."""
+    nodes = ["Relu:1->2", "Conv:2,3i,4i->5", "TesselDequant:5,6i->7"]
+    after = make_model(["TesselQuant:1->2", *nodes[1:]])
+    before = copy_of(after)
+    for tensor in before.graph.initializer:
+        tensor.CopyFrom(numpy_helper.from_array(numpy_helper.to_array(tensor).astype(np.float32), tensor.name))
+    before.graph.node[0].CopyFrom(helper.make_node("Identity", ["t1"], ["t2"]))
+    before.graph.node[2].CopyFrom(helper.make_node("Identity", ["t5"], ["t7"]))
+    failed = verify(before, after)
+    assert not failed.passed
+    assert any("drawn at random" in note for note in failed.notes)
+    (row,) = [row for name, row in catalogue.rows().items() if name == "replace_quant"]
+    quantized = make_model(row.pairs[0][0], {0: {"offset": 3.0}, 2: {"offset": 3.0}})
+    merged = copy_of(quantized)
+    assert row.apply(merged.graph) == 1
+    assert verify(quantized, merged).passed
+
+
+def output_gone(model: onnx.ModelProto) -> None:
+    del model.graph.output[0]
+
+
+def input_of_other_shape(model: onnx.ModelProto) -> None:
+    model.graph.input[0].type.tensor_type.shape.dim[1].dim_value = 3
+
+
+def new_input(model: onnx.ModelProto) -> None:
+    model.graph.input.append(helper.make_tensor_value_info("further", F32, [1]))
+
+
+@pytest.mark.parametrize(
+    ("change", "note"),
+    [(output_gone, "lacks the output 'masked'"), (input_of_other_shape, "'ids' is int64"), (new_input, "'further'")],
+)
+def test_other_inputs_and_outputs_fail_with_a_note(change: Any, note: str) -> None:
+    after = tokens()
+    change(after)
+    result = verify(tokens(), after)
+    assert not result.passed
+    assert note in " ".join(result.notes)
+
+
+def unknown_operator(model: onnx.ModelProto) -> None:
+    model.graph.node[3].op_type = "Unheard"
+
+
+def rows_beyond_the_table(model: onnx.ModelProto) -> None:
+    model.graph.node[1].input[1] = "far"
+    model.graph.initializer.append(numpy_helper.from_array(np.array([9]), "far"))
+
+
+@pytest.mark.parametrize(
+    ("change", "arguments", "message"),
+    [
+        (unknown_operator, {}, r"the model after does not run: .*Unheard"),
+        (rows_beyond_the_table, {}, r"the model after does not run: (Gather 'look up'|.*'look up')"),
+        (output_gone, {"sizes": {"token": 3}}, "no dimension is called 'token': did you mean tokens"),
+        (output_gone, {"tolerance": -1.0}, "tolerance"),
+    ],
+)
+def test_errors_are_one_line(change: Any, arguments: Any, message: str) -> None:
+    after = tokens()
+    change(after)
+    with pytest.raises(HostError, match=message) as error:
+        verify(tokens(), after, **arguments)
+    assert "\n" not in str(error.value)
+
+
+NAN, INF = np.nan, np.inf
+
+
+@pytest.mark.parametrize(
+    ("first", "second", "passed"),
+    [
+        ([NAN, INF, 2.0], [NAN, INF, 2.0], True),
+        ([NAN, 1.0], [1.0, 1.0], False),
+        ([INF, 1.0], [-INF, 1.0], False),
+        ([NAN, INF], [NAN, INF], False),  # nothing that could be compared
+        ([0.0, 0.0], [0.0, 1e-30], False),
+        ([1e6, 1.0], [1e6, 2.0], True),  # relative to the scale of the whole tensor
+        ([2**62], [2**62 + 1], False),
+        ([[1.0]], [1.0], False),
+    ],
+)
+def test_comparison(first: Any, second: Any, passed: bool) -> None:
+    assert compare("x", np.array(first), np.array(second), None).passed is passed
+
+
+def test_external_data_is_read_from_its_folder(tmp_path: Path) -> None:
+    model, path = tokens(), tmp_path / "m.onnx"
+    onnx.save_model(copy_of(model), path, save_as_external_data=True, location="m.data", size_threshold=0)
+    assert verify(model, onnx.load(path, load_external_data=False), folder_after=tmp_path).passed
