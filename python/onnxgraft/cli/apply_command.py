@@ -3,52 +3,74 @@
 from __future__ import annotations
 
 import argparse
-from collections.abc import Sequence
+from collections.abc import Callable
+from contextlib import ExitStack
+from typing import Literal
 
-from rich import box
-from rich.filesize import decimal
-from rich.table import Table
+import onnx
 
 from onnxgraft import model_files
-from onnxgraft.catalogue import find
-from onnxgraft.cli import consoles
-from onnxgraft.external_data import has_external_data
-from onnxgraft.rewriting import Step, rewrite
+from onnxgraft.cli import chosen, consoles, model_output
+from onnxgraft.cli.text_output import TextOutput
+from onnxgraft.engine import Report, rewrite
+from onnxgraft.weight_files import WeightFile
+
+UNCHANGED = 4
 
 
-def run(options: argparse.Namespace) -> None:
-    """Applies the named transformations; nothing is written unless all went well."""
-    chosen = [find(name) for name in options.transformation]
-    folder = options.model.parent
-    with (
-        model_files.ModelOutput(options.output, overwrite=options.force) as output,
-        consoles.progress(total=len(chosen) + 2) as show,
-    ):
+def run(options: argparse.Namespace) -> int:
+    """Applies the transformations; nothing is written unless all went well."""
+    stages = len(chosen.rows(options)) + 2  # unknown names end here
+    saved = None
+    with ExitStack() as stack:
+        page = stack.enter_context(TextOutput(options.report, overwrite=options.force))
+        output = None if options.dry_run else stack.enter_context(model_output.claim(options))
+        show = stack.enter_context(consoles.progress(None if options.recipe or options.until_stable else stages))
         show(f"reading {options.model.name}")
         model = model_files.load(options.model)
-        if has_external_data(model):
-            output.use_external_data()
-        steps = rewrite(model, chosen, folder=folder, seed=options.seed, on_start=lambda step: show(step.name))
-        show(f"writing {options.output.name}")
-        saved = output.save(model, folder)
-    _report(steps, saved)
+        store = None if output is None else output.weights_for(model, options.model.parent)
+        report = _rewrite(options, model, store, show)
+        if options.fail_if_unchanged and not report.replaced:
+            consoles.error("nothing was replaced, so nothing was written; `onnxgraft explain` says why")
+            return UNCHANGED
+        if output is not None:
+            show(f"writing {options.output.name}")
+            saved = output.save(model, options.model.parent)
+        if page.is_wanted:
+            page.write(report.to_json() if options.report.suffix.lower() == ".json" else _page(report))
+    consoles.say(str(report))
+    if saved is not None:
+        model_output.tell(saved)
+    if page.is_wanted:
+        consoles.say(f"wrote {options.report}")
+    return 0
 
 
-def _report(steps: Sequence[Step], saved: model_files.SavedModel) -> None:
-    table = Table(box=box.SIMPLE, show_footer=len(steps) > 1)
-    table.add_column("Transformation", "total")
-    for heading, footer in (
-        ("Replaced", sum(step.replaced for step in steps)),
-        ("Nodes before", steps[0].nodes_before),
-        ("Nodes after", steps[-1].nodes_after),
-    ):
-        table.add_column(heading, str(footer), justify="right")
-    for step in steps:
-        table.add_row(step.name, str(step.replaced), str(step.nodes_before), str(step.nodes_after))
-    console = consoles.results()
-    console.print(table)
-    console.print(f"wrote {saved.path} ({decimal(saved.size)})", soft_wrap=True)
-    if saved.data_path is not None:
-        console.print(f"wrote {saved.data_path} ({decimal(saved.data_size)})", soft_wrap=True)
-    if saved.outgrew_one_file:
-        console.print("The result is larger than 2 GB, so its weights went to the second file.", soft_wrap=True)
+def _rewrite(
+    options: argparse.Namespace, model: onnx.ModelProto, store: WeightFile | None, show: Callable[[str], object]
+) -> Report:
+    recipe = chosen.recipe(options)
+    details: Literal["counts", "nodes", "neighbours"] = "counts"
+    if options.report is not None:
+        details = "nodes" if options.report.suffix.lower() == ".json" else "neighbours"
+    report = rewrite(
+        model,
+        options.transformation if recipe is None else recipe,
+        seed=options.seed,
+        until_stable=options.until_stable,
+        prepare=options.prepare,
+        progress=show,
+        on_error="continue" if options.keep_going else "stop",
+        skip=options.skip,
+        details=details,
+        folder=options.model.parent if store is None else store.folder,
+        weight_store=store,
+    )
+    report.model = options.model.name
+    return report
+
+
+def _page(report: Report) -> str:
+    from onnxgraft.html import report_page  # only where one is wanted  # noqa: PLC0415
+
+    return report_page(report)

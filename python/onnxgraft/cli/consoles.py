@@ -13,24 +13,43 @@ from rich.progress import BarColumn, MofNCompleteColumn, Progress, SpinnerColumn
 # Tables in a pipe or a file are as wide as they need, not cut to a terminal that is not there.
 _FILE_WIDTH = 200
 
+_quiet = False
+
+
+def set_quiet(quiet: bool) -> None:
+    """Shows nothing from now on, or everything again."""
+    global _quiet  # noqa: PLW0603
+    _quiet = quiet
+
 
 def results() -> Console:
     """Standard output: what the user asked for."""
-    return Console(markup=False, highlight=False, emoji=False, width=None if sys.stdout.isatty() else _FILE_WIDTH)
+    width = None if sys.stdout.isatty() else _FILE_WIDTH
+    return Console(markup=False, highlight=False, emoji=False, width=width, quiet=_quiet)
+
+
+def say(text: str) -> None:
+    """Shows a text as it is: lines are not broken."""
+    results().print(text, soft_wrap=True)
+
+
+def error(text: str) -> None:
+    """Shows one line on standard error."""
+    print(f"onnxgraft: {' '.join(text.splitlines())}", file=sys.stderr)
 
 
 @contextmanager
-def progress(total: int) -> Iterator[Callable[[str], object]]:
+def progress(total: int | None) -> Iterator[Callable[[str], object]]:
     """Shows on standard error how far the work is, if that is a terminal; nothing stays of it afterwards.
 
     Args:
-        total: The number of stages.
+        total: The number of stages; None if nobody knows.
 
     Yields:
         A function to call with the name of each stage as it begins.
     """
     console = Console(stderr=True, markup=False, highlight=False, emoji=False)
-    if not console.is_terminal:
+    if _quiet or not console.is_terminal:
         yield lambda stage: None
         return
     columns = (

@@ -1,9 +1,8 @@
-"""The options of the command line."""
+"""Kinds of option values and groups of options that several commands share."""
 
 from __future__ import annotations
 
 import argparse
-from importlib.metadata import version
 from pathlib import Path
 from typing import NoReturn
 
@@ -11,44 +10,159 @@ LARGEST_SEED = 2**32 - 1
 WRONG_USAGE = 2
 
 
-class _Parser(argparse.ArgumentParser):
+class Parser(argparse.ArgumentParser):
     """Reports wrong usage in one line."""
 
     def error(self, message: str) -> NoReturn:
-        self.exit(WRONG_USAGE, f"{self.prog}: error: {message} (see `{self.prog} --help`)\n")
+        """Ends the process."""
+        self.exit(WRONG_USAGE, f"{self.prog}: error: {' '.join(message.splitlines())} (see `{self.prog} --help`)\n")
 
 
-def _seed(text: str) -> int:
-    value = int(text) if text.isascii() and text.isdigit() else -1
-    if not 0 <= value <= LARGEST_SEED:
-        raise argparse.ArgumentTypeError(f"'{text}' is not a whole number from 0 to {LARGEST_SEED}")
+def whole_number(smallest: int, largest: int | None = None) -> type[int]:
+    """The kind of a whole number in a range."""
+
+    def parse(text: str) -> int:
+        value = int(text) if text.isascii() and text.isdigit() else -1
+        if value < smallest or (largest is not None and value > largest):
+            range_text = f"from {smallest} to {largest}" if largest is not None else f"of at least {smallest}"
+            raise argparse.ArgumentTypeError(f"'{text}' is not a whole number {range_text}")
+        return value
+
+    return parse  # type: ignore[return-value]
+
+
+def positive_number(text: str) -> float:
+    """A finite number above 0."""
+    try:
+        value = float(text)
+    except ValueError:
+        value = 0.0
+    if not 0.0 < value < float("inf"):
+        raise argparse.ArgumentTypeError(f"'{text}' is not a number above 0")
     return value
 
 
-def make_parser() -> argparse.ArgumentParser:
-    """Builds the parser; the result's `command` is 'list' or 'apply'."""
-    parser = _Parser(prog="onnxgraft", description="Rewrites the graphs of ONNX models for quantized inference.")
-    parser.add_argument("--version", action="version", version="%(prog)s " + version("onnx-graft"))
-    commands = parser.add_subparsers(dest="command", metavar="COMMAND", required=True)
+def named_size(text: str) -> tuple[str, int]:
+    """`NAME=N`: the size of a symbolic dimension."""
+    name, _, number = text.rpartition("=")
+    if not name or not number.isascii() or not number.isdigit() or int(number) == 0:
+        raise argparse.ArgumentTypeError(f"'{text}' is not NAME=N with a whole number N of at least 1")
+    return name, int(number)
 
-    commands.add_parser("list", help="show the transformations", description="Shows the transformations.")
 
-    apply = commands.add_parser(
-        "apply",
-        help="apply transformations to a model",
-        description="Applies transformations to a model, in the order given, and writes the result.",
-        epilog="Weights in an external file stay in one: OUT.onnx.data beside the output.",
+def path_ending_in(*endings: str) -> type[Path]:
+    """The kind of a file whose ending says its format."""
+
+    def parse(text: str) -> Path:
+        path = Path(text)
+        if path.suffix.lower() not in endings:
+            raise argparse.ArgumentTypeError(f"'{text}' has to end in {' or '.join(endings)}")
+        return path
+
+    return parse  # type: ignore[return-value]
+
+
+def _group() -> argparse.ArgumentParser:
+    return argparse.ArgumentParser(add_help=False)
+
+
+def common() -> argparse.ArgumentParser:
+    """What every command takes."""
+    group = _group()
+    group.add_argument(
+        "-v", "--verbose", action="count", default=0, help="say more on standard error (-vv: each pattern)"
     )
-    apply.add_argument("model", type=Path, metavar="MODEL.onnx", help="the model to read")
-    apply.add_argument(
+    group.add_argument("-q", "--quiet", action="store_true", help="show errors only")
+    group.add_argument(
+        "--load",
+        action="append",
+        default=[],
+        metavar="FILE.py|MODULE",
+        help="import this first, so that it can register transformations; may be given several times",
+    )
+    group.add_argument(
+        "--recipe-file",
+        type=Path,
+        metavar="FILE.toml",
+        help="take recipes from this file too, before the built-in",
+    )
+    return group
+
+
+def one_model() -> argparse.ArgumentParser:
+    """The model to read."""
+    group = _group()
+    group.add_argument("model", type=Path, metavar="MODEL.onnx", help="the model to read")
+    return group
+
+
+def two_models() -> argparse.ArgumentParser:
+    """The two models to compare."""
+    group = _group()
+    group.add_argument("before", type=Path, metavar="BEFORE.onnx", help="the model as it was")
+    group.add_argument("after", type=Path, metavar="AFTER.onnx", help="the model as it is now")
+    return group
+
+
+def chosen_transformations() -> argparse.ArgumentParser:
+    """Which transformations, in which form of the model."""
+    group = _group()
+    choice = group.add_mutually_exclusive_group(required=True)
+    choice.add_argument(
         "-t",
         "--transformation",
         action="append",
-        required=True,
+        default=[],
         metavar="NAME",
         help="short name of a transformation (see `onnxgraft list`); may be given several times",
     )
-    apply.add_argument("-o", "--output", type=Path, required=True, metavar="OUT.onnx", help="the model to write")
-    apply.add_argument("--seed", type=_seed, metavar="N", help="seed of the random numbers, for the same result again")
-    apply.add_argument("--force", action="store_true", help="overwrite an existing output")
-    return parser
+    choice.add_argument("--recipe", metavar="NAME", help="the transformations of a recipe (see `onnxgraft recipes`)")
+    group.add_argument(
+        "--skip", action="append", default=[], metavar="NAME", help="leave this transformation out; several times"
+    )
+    group.add_argument(
+        "--no-prepare", dest="prepare", action="store_false", help="take the model as it is, without `prepare`"
+    )
+    return group
+
+
+def output(*, required: bool) -> argparse.ArgumentParser:
+    """Where the result goes and how it is stored."""
+    group = _group()
+    group.add_argument("-o", "--output", type=Path, required=required, metavar="OUT.onnx", help="the model to write")
+    group.add_argument("--force", action="store_true", help="overwrite existing files")
+    storage = group.add_mutually_exclusive_group()
+    storage.add_argument(
+        "--save-as-external-data", action="store_true", help="put the weights into a data file beside the output"
+    )
+    storage.add_argument(
+        "--keep-external-data",
+        action="store_true",
+        help="refer to the data file of MODEL.onnx for the weights that do not change, instead of copying them",
+    )
+    group.add_argument(
+        "--external-data-threshold",
+        type=whole_number(0),
+        metavar="BYTES",
+        help="tensors of fewer bytes stay in the model file (default: 1024)",
+    )
+    return group
+
+
+def seed() -> argparse.ArgumentParser:
+    """The seed of random numbers."""
+    group = _group()
+    group.add_argument(
+        "--seed",
+        type=whole_number(0, LARGEST_SEED),
+        metavar="N",
+        help="seed of the random numbers",
+    )
+    return group
+
+
+def as_json() -> argparse.ArgumentParser:
+    """Machine-readable output."""
+    group = _group()
+    group.add_argument("--json", action="store_true", help="print JSON")
+    return group

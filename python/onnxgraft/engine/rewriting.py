@@ -154,9 +154,11 @@ def _run_round(
             progress(candidate.name)
         step, error = stepper.run(candidate, report.rounds)
         report.steps.append(step)
-        if error is not None and stops:
-            error.report = report
-            raise error
+        if error is not None:
+            if stops:
+                error.report = report
+                raise error
+            _log.warning("%s; put back and left out", error)
         # A built-in class that replaced nothing changed nothing.
         if stability is not None and error is None and (step.replaced or not candidate.row.is_own):
             stability.note(candidate.name, fingerprint(stepper.graph))

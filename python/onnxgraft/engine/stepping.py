@@ -64,7 +64,7 @@ class Stepper:
                 raise
             error = _error(candidate, recorder, raised)
             step.error = str(error)
-            _log.warning("%s; put back", error)
+            _log.info("%s; put back", error)
         step.seconds = perf_counter() - start
         step.nodes_after = len(self.graph.node)
         # Built-in classes touch nothing but occurrences; another's may do anything in its `apply`.

@@ -1,0 +1,43 @@
+"""The transformations that a command line asks for."""
+
+from __future__ import annotations
+
+import argparse
+from collections.abc import Mapping
+
+from onnxgraft.catalogue import Transformation, find_row
+from onnxgraft.recipe_book import Recipe, find_recipe, load_recipes
+
+
+def own_recipes(options: argparse.Namespace) -> Mapping[str, Recipe]:
+    """The recipes of `--recipe-file`.
+
+    Raises:
+        HostError: The file cannot be used.
+    """
+    return {} if options.recipe_file is None else load_recipes(options.recipe_file)
+
+
+def recipe(options: argparse.Namespace) -> Recipe | None:
+    """The recipe that `--recipe` names, or None without the option.
+
+    Raises:
+        UnknownNameError: There is none of that name.
+        HostError: The user's recipe file cannot be used.
+    """
+    own = own_recipes(options)
+    if options.recipe is None:
+        return None
+    return own.get(options.recipe) or find_recipe(options.recipe)
+
+
+def rows(options: argparse.Namespace) -> list[Transformation]:
+    """What `--transformation` or `--recipe` names, without what `--skip` names, each once.
+
+    Raises:
+        UnknownNameError: There is no transformation or recipe of a name.
+    """
+    named = recipe(options)
+    skipped = {find_row(name).name for name in options.skip}
+    names = dict.fromkeys(options.transformation if named is None else named.transformations)
+    return [find_row(name) for name in names if name not in skipped]

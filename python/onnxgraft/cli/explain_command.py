@@ -1,0 +1,68 @@
+"""`onnxgraft explain`: why patterns do not match, or matches are refused.
+
+Each transformation is looked at when its turn comes: those before it have been applied, in memory.
+"""
+
+from __future__ import annotations
+
+import argparse
+import json
+from collections import Counter
+from collections.abc import Mapping
+from dataclasses import asdict, dataclass, field
+
+import onnx
+
+from onnxgraft.catalogue import Transformation
+from onnxgraft.cli import chosen, consoles, found_model
+from onnxgraft.engine import rewrite
+from onnxgraft.matching import Explanation, explain
+
+
+@dataclass(frozen=True)
+class _Turn:
+    """What one transformation met."""
+
+    explanations: list[Explanation]
+    refusals: Mapping[str, int] = field(default_factory=dict)  # reason -> how often
+    error: str | None = None
+
+
+def run(options: argparse.Namespace) -> int:
+    """Shows for each pattern how far the best attempt got and what stopped it, and why matches were refused."""
+    rows = chosen.rows(options)
+    model = found_model.read(options)
+    turns = [_take(model, row, options) for row in rows]
+    if options.json:
+        consoles.say(json.dumps([asdict(turn) for turn in turns], indent=1))
+        return 0
+    for turn in turns:
+        for explanation in turn.explanations:
+            consoles.say(_text(explanation))
+        for reason, count in turn.refusals.items():
+            consoles.say(f"  refused: {count}, {reason}")
+        if turn.error is not None:
+            consoles.say(f"  fails: {turn.error}")
+    return 0
+
+
+def _take(model: onnx.ModelProto, row: Transformation, options: argparse.Namespace) -> _Turn:
+    explanations = explain(model, row)
+    if not any(explanation.matches for explanation in explanations):
+        return _Turn(explanations)
+    report = rewrite(model, [row], prepare=False, on_error="continue", folder=options.model.parent)
+    (step,) = report.steps
+    occurrences = (occurrence for pattern in step.patterns for occurrence in pattern.occurrences)
+    reasons = Counter(item.reason or "no reason given" for item in occurrences if not item.accepted)
+    return _Turn(explanations, reasons, step.error)
+
+
+def _text(explanation: Explanation) -> str:
+    lines = [f"{explanation.transformation} {list(explanation.pattern)}:"]
+    if explanation.matches:
+        lines.append(f"  matches: {explanation.matches}")
+    else:
+        lines.append(f"  no match: {explanation.text}")
+    if explanation.hint:
+        lines.append(f"  hint: {explanation.hint}")
+    return "\n".join(lines)

@@ -1,0 +1,24 @@
+"""The model in which `find` and `explain` look."""
+
+from __future__ import annotations
+
+import argparse
+
+import onnx
+
+from onnxgraft import model_files
+from onnxgraft.cli import chosen
+from onnxgraft.preparation import prepare
+
+
+def read(options: argparse.Namespace) -> onnx.ModelProto:
+    """Reads the model and prepares it in memory, unless `--no-prepare` was given.
+
+    Raises:
+        HostError: The model or the recipe cannot be used.
+    """
+    model = model_files.load(options.model)
+    if options.prepare:
+        recipe = chosen.recipe(options)
+        prepare(model, None if recipe is None else recipe.prepare, folder=options.model.parent)
+    return model

@@ -1,0 +1,27 @@
+"""`onnxgraft prepare`: exporters' forms become those that the patterns know."""
+
+from __future__ import annotations
+
+import argparse
+
+from rich import box
+from rich.table import Table
+
+from onnxgraft import model_files
+from onnxgraft.cli import consoles, model_output
+from onnxgraft.preparation import prepare
+
+
+def run(options: argparse.Namespace) -> int:
+    """Prepares the model and writes it."""
+    with model_output.claim(options) as output:
+        model = model_files.load(options.model)
+        steps = prepare(model, options.step, skip=options.skip_step, folder=options.model.parent)
+        saved = output.save(model, options.model.parent)
+    table = Table("Step", box=box.SIMPLE)
+    table.add_column("Changed", justify="right")
+    for step in steps:
+        table.add_row(step.name, str(step.changed))
+    consoles.results().print(table)
+    model_output.tell(saved)
+    return 0

@@ -1,0 +1,19 @@
+"""`onnxgraft show NAME`: the patterns of a transformation, drawn."""
+
+from __future__ import annotations
+
+import argparse
+
+from onnxgraft.catalogue import find_row
+from onnxgraft.cli import consoles
+from onnxgraft.drawing_text import draw_pair
+
+
+def run(options: argparse.Namespace) -> int:
+    """Draws each pattern beside its replacement."""
+    row = find_row(options.name)
+    consoles.say(f"{row.name} ({row.cls.__name__}), prepared for {row.prepared_for}")
+    for number, (pattern, replacement) in enumerate(row.pairs, 1):
+        consoles.say(f"\nPattern {number} of {len(row.pairs)}\n")
+        consoles.say(draw_pair(pattern, replacement))
+    return 0
