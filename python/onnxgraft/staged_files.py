@@ -1,14 +1,13 @@
 """Files that appear whole or not at all.
 
-A StagedFile is written under a temporary name in the folder of its target, not before there is something to write;
-`publish` brings it to the disk and gives it its name. What had the name before stays whole until then.
+A StagedFile is written without a name in the folder of its target; `publish` brings it to the disk and gives it its
+name. What had the name before stays whole until then.
 """
 
 from __future__ import annotations
 
 import os
 import secrets
-import shutil
 import stat
 from collections.abc import Sequence
 from contextlib import suppress
@@ -17,6 +16,9 @@ from types import TracebackType
 from typing import BinaryIO
 
 from onnxgraft.errors import ModelFileError
+
+# Where the system shows the open files of this process.
+_HANDLES = Path("/proc/self/fd")
 
 
 class StagedFile:
@@ -33,10 +35,11 @@ class StagedFile:
         self.target = Path(os.path.realpath(target))
         self._temporary = self.target.with_name(f".onnxgraft-{secrets.token_hex(8)}.tmp")
         self._stream: BinaryIO | None = None
+        self._has_name = False
         self.check_target()
         # Whether the folder takes files is tried out now; a killed process must not leave one behind.
-        self._open().close()
-        self._temporary.unlink()
+        with self.stream:
+            self._forget()
 
     @property
     def stream(self) -> BinaryIO:
@@ -46,7 +49,10 @@ class StagedFile:
             ModelFileError: The folder takes no more files.
         """
         if self._stream is None:
-            self._stream = self._open()
+            try:
+                self._stream = self._open()
+            except OSError as error:
+                raise ModelFileError(f"cannot write '{self.named}': {error.strerror}") from error
         return self._stream
 
     def check_target(self) -> None:
@@ -67,23 +73,36 @@ class StagedFile:
             raise ModelFileError(f"'{self.named}' exists already; --force overwrites it")
 
     def seal(self) -> None:
-        """Brings all bytes to the disk and closes the file."""
+        """Brings all bytes to the disk."""
         self.stream.flush()
+        with suppress(FileNotFoundError):
+            os.fchmod(self.stream.fileno(), stat.S_IMODE(self.target.stat().st_mode))
         os.fsync(self.stream.fileno())
-        self.stream.close()
-        if self.target.exists():
-            shutil.copymode(self.target, self._temporary)
 
     def put_in_place(self) -> None:
         """Gives the sealed file its name."""
         self.check_target()
+        if not self._has_name:
+            handle = self.stream.fileno()
+            # With a folder's handle, be it unused, Python calls the function that follows links.
+            os.link(_HANDLES / str(handle), self._temporary, src_dir_fd=handle)
+            self._has_name = True
         self._temporary.replace(self.target)
 
     def _open(self) -> BinaryIO:
-        try:
-            return self._temporary.open("xb")
-        except OSError as error:
-            raise ModelFileError(f"cannot write '{self.named}': {error.strerror}") from error
+        """A file without a name, which goes with the process, where the file system can; else under a temporary one."""
+        with suppress(OSError):
+            _HANDLES.stat()
+            return os.fdopen(os.open(self.target.parent, os.O_TMPFILE | os.O_WRONLY, 0o666), "wb")
+        stream = self._temporary.open("xb")
+        self._has_name = True
+        return stream
+
+    def _forget(self) -> None:
+        self._stream = None
+        if self._has_name:
+            self._temporary.unlink(missing_ok=True)
+            self._has_name = False
 
     def __enter__(self) -> StagedFile:
         return self
@@ -94,7 +113,7 @@ class StagedFile:
         if self._stream is not None:
             with suppress(OSError):
                 self._stream.close()
-            self._temporary.unlink(missing_ok=True)
+        self._forget()
 
 
 def publish(files: Sequence[StagedFile]) -> None:
