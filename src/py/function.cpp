@@ -29,10 +29,10 @@ int traverse(PyObject* self, visitproc visit, void* arg) {
   return 0;
 }
 
+/// The module stays, as finalizers may call the function while its cycle is taken apart; the module's own dict is what
+/// breaks the cycle.
 int clear(PyObject* self) {
-  auto* function = reinterpret_cast<FunctionObject*>(self);
-  Ref::steal(std::exchange(function->module, nullptr));
-  Ref::steal(std::exchange(function->dict, nullptr));
+  Ref::steal(std::exchange(reinterpret_cast<FunctionObject*>(self)->dict, nullptr));
   return 0;
 }
 
@@ -41,6 +41,7 @@ void deallocate(PyObject* self) {
   auto* function = reinterpret_cast<FunctionObject*>(self);
   if (function->weak_references != nullptr) PyObject_ClearWeakRefs(self);
   clear(self);
+  Ref::steal(std::exchange(function->module, nullptr));
   Ref::steal(std::exchange(function->qualified_name, nullptr));
   const Ref type = Ref::steal(reinterpret_cast<PyObject*>(Py_TYPE(self)));
   PyObject_GC_Del(self);

@@ -6,11 +6,16 @@ namespace onnxgraft::py {
 
 int initialise_once(PyObject* module, bool& done, void (*fill)(PyObject* module)) noexcept {
   return guarded_status([&] {
-    if (done) {
+    const bool is_main = PyInterpreterState_Get() == PyInterpreterState_Main();
+    if (done || !is_main) {
       const Ref name = checked(PyModule_GetNameObject(module));
       const Ref parts = checked(PyUnicode_RPartition(name.get(), text(".").get()));
-      raise(PyExc_RuntimeError, "Module '%U' has already been imported. Re-initialisation is not supported.",
-            PyTuple_GET_ITEM(parts.get(), 2));
+      PyObject* own_name = PyTuple_GET_ITEM(parts.get(), 2);
+      if (!is_main) {
+        raise(PyExc_ImportError, "Module '%U' can only be imported in the main interpreter, not in a sub-interpreter.",
+              own_name);
+      }
+      raise(PyExc_RuntimeError, "Module '%U' has already been imported. Re-initialisation is not supported.", own_name);
     }
     fill(module);
     done = true;
