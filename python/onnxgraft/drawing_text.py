@@ -8,6 +8,9 @@ from __future__ import annotations
 
 from collections.abc import Sequence
 
+from onnx import GraphProto
+
+from onnxgraft.abstract_transformation import find_occurrences
 from onnxgraft.drawing.pattern_pair import Constant, Graph, Node, State, read_pair
 from onnxgraft.drawing.text_canvas import DOWN, UP, Canvas
 from onnxgraft.drawing.text_layout import Box, TextLayout
@@ -35,9 +38,13 @@ def draw_pair(pattern: Sequence[str], replacement: Sequence[str]) -> str:
     """The subgraph before and after, with a legend; at most 100 columns wide for the patterns of the catalogue.
 
     Args:
-        pattern: A list that the matcher accepts.
+        pattern: The list of nodes to find.
         replacement: The list that belongs to it.
+
+    Raises:
+        ValueError: The lists do not follow the notation.
     """
+    find_occurrences(GraphProto(), pattern, replacement)  # checks the lists
     sides = read_pair(pattern, replacement)
     lists = (("before", pattern), ("after", replacement))
     before, after = (_drawn(graph, *texts) for graph, texts in zip(sides, lists, strict=True))
@@ -61,11 +68,24 @@ def _drawn(graph: Graph, title: str, strings: Sequence[str]) -> list[str]:
     """One side: its list, then the drawing, with narrow boxes if wide ones do not fit."""
     if not graph.nodes:
         return [title, "", "(nothing)"]
+    if _has_cycle(graph):
+        return [title, *(f"  {text}" for text in strings), "", "(goes round in a circle)"]
     layout = _lay_out(graph, narrow=False)
     narrow = layout.width > _WIDEST
     if narrow:
         layout = _lay_out(graph, narrow=True)
     return [title, *(f"  {text}" for text in strings), "", *_paint(graph, layout, narrow=narrow)]
+
+
+def _has_cycle(graph: Graph) -> bool:
+    todo = list(graph.nodes)
+    while todo:
+        pending = {node.output for node in todo}
+        rest = [node for node in todo if pending & set(node.inputs)]
+        if len(rest) == len(todo):
+            return True
+        todo = rest
+    return False
 
 
 def _lay_out(graph: Graph, *, narrow: bool) -> TextLayout:

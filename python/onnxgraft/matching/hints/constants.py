@@ -12,7 +12,7 @@ def constant_node(miss: Miss) -> str | None:
     """The value stands in a `Constant` node."""
     if miss.writer is None or miss.writer.op_type != "Constant":
         return None
-    return f"{_what(miss)} is the output of a Constant node: prepare turns it into an initializer"
+    return f"{_what(miss)} is the output of a Constant node: prepare turns it into an initializer (make_initializers)"
 
 
 def identity(miss: Miss) -> str | None:
@@ -25,7 +25,7 @@ def identity(miss: Miss) -> str | None:
         node = miss.around.writer.get(source)  # type: ignore[assignment]
     if not miss.around.is_constant(source):
         return None
-    return f"{_what(miss)} is an Identity of '{source}': prepare makes the node read '{source}' itself"
+    return f"{_what(miss)} is an Identity of '{source}': prepare makes the node read '{source}' (resolve_identities)"
 
 
 def transpose(miss: Miss) -> str | None:
@@ -33,7 +33,7 @@ def transpose(miss: Miss) -> str | None:
     node = miss.writer
     if node is None or node.op_type != "Transpose" or not miss.around.is_constant(node.input[0]):
         return None
-    return f"{_what(miss)} is a Transpose of the constant '{node.input[0]}': prepare folds it into an initializer"
+    return f"{_what(miss)} is a Transpose of the constant '{node.input[0]}': prepare folds it (fold_transposes)"
 
 
 def dequantized(miss: Miss) -> str | None:
@@ -53,7 +53,7 @@ def sizes_from_shape(miss: Miss) -> str | None:
         return None
     return (
         f"the sizes, '{miss.tensor}', are computed from a shape: where its height and width are constants, "
-        "prepare and then simplify_shape_v2 make an initializer of them"
+        "prepare (split_resize_sizes) and then simplify_shape_v2 make an initializer of them"
     )
 
 

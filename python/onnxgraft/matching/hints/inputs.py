@@ -17,7 +17,7 @@ def constant_of_two(miss: Miss) -> str | None:
     values = [miss.around.constant(name) for name in node.input[1:]]
     if not any(value is not None and math.prod(value.dims) == 2 for value in values):
         return None
-    return "the Concat joins one constant of two elements (height and width): prepare splits it into two constants"
+    return "the Concat joins one constant of two elements (height and width): prepare splits it (split_resize_sizes)"
 
 
 def resize_inputs(miss: Miss) -> str | None:
@@ -62,7 +62,7 @@ def omitted_resize_input(miss: Miss) -> str | None:
         return None
     name = _RESIZE_INPUTS[miss.slot]
     if len(node.input) == 4 and node.input[3]:
-        return f"the Resize leaves '{name}' out beside its sizes: prepare writes an empty initializer for it"
+        return f"the Resize leaves '{name}' out beside its sizes: prepare makes it an empty one (fill_resize_inputs)"
     return f"the Resize leaves '{name}' out, and the pattern names it"
 
 

@@ -22,7 +22,9 @@ def mean_instead_of_pool(miss: Miss) -> str | None:
     if not pools:
         return None
     which = "it" if miss.node is not None else f"the graph has {pools} such ReduceMean node{'s'[: pools > 1]}: it"
-    return f"a ReduceMean over height and width does the same; {which} becomes a GlobalAveragePool by prepare"
+    return (
+        f"a ReduceMean over height and width does the same; {which} becomes a GlobalAveragePool by prepare (pool_means)"
+    )
 
 
 def nothing_quantized(miss: Miss) -> str | None:

@@ -1,0 +1,153 @@
+"""Where patterns match, why they do not, and what the hints make of it."""
+
+from __future__ import annotations
+
+from pathlib import Path
+from typing import Any
+
+import numpy as np
+import onnx
+import pytest
+from onnx import GraphProto, TensorProto, helper, numpy_helper
+
+from helpers.small_graphs import graph_of
+from onnxgraft.abstract_transformation import AbstractTransformation
+from onnxgraft.catalogue import find_row
+from onnxgraft.errors import UnknownTransformationError
+from onnxgraft.matching import explain, find
+
+CONV = ["Conv:0,1i->2"]
+TWO = ["Conv:0,1i->2", "Relu:2->3"]
+JOIN = ["Relu:0->1", "Sigmoid:2->3", "Mul:1,3->4"]
+RESIZE = ["Resize:0,1i,2i,3i->4"]
+POOLS = ["MaxPool:0->1", "MaxPool:1->2", "Concat:0,1,2->3"]
+QUANTS = ["TesselQuant:0->1", "Conv:1,2i->3", "TesselQuant:0->4"]
+SIZES = ["Slice:0,1i->2", "Concat:2,3i,4i->5"]
+POOL = ["GlobalAveragePool:0->1"]
+
+# Pattern, nodes ("w…" are initializers, "x…" inputs, "y…" outputs), reason, words of the hint.
+MISSES: list[tuple[list[str], str, str, str]] = [
+    (
+        CONV,
+        "Constant -> c; Conv x c -> y",
+        "not_initializer",
+        "the weight 'c' is the output of a Constant node: prepare",
+    ),
+    (CONV, "Identity w -> c; Identity c -> d; Conv x d -> y", "not_initializer", "an Identity of 'w': prepare"),
+    (CONV, "Transpose w -> c; Conv x c -> y", "not_initializer", "a Transpose of the constant 'w': prepare"),
+    (CONV, "DequantizeLinear w w1 -> c; Conv x c -> y", "not_initializer", "already quantized"),
+    (CONV, "Neg w -> c; Abs c -> d; Conv x d -> y", "not_initializer", "computed from constants by an Abs"),
+    (CONV, "Conv x x1 -> y", "not_initializer", "'x1' is an input of the graph without a value"),
+    (
+        CONV,
+        "Conv x w w1 -> y",
+        "input_count",
+        "every Conv of the graph is one with bias (3 inputs), the pattern wants 2",
+    ),
+    (CONV, "QLinearConv x w -> y", "missing_operator", "already quantized: the graph has QLinearConv nodes"),
+    (["MatMul:0,1i->2"], "MatMul x x1 -> y", "not_initializer", "'x1' is an input"),
+    (["MatMul:0,1i->2"], "Relu x -> a; Neg x -> b; MatMul a b -> y", "not_initializer", "both inputs of this MatMul"),
+    (["Add:0,1i->2"], "Add w x -> y", "not_initializer", "inputs swapped: 'w' is input 0, the pattern wants it at 1"),
+    (["Sub:0,1i->2"], "Sub w x -> y", "not_initializer", "the initializer 'w' is input 0 of the Sub"),
+    (JOIN, "Relu x -> a; Sigmoid x -> b; Mul b a -> y", "other_position", "inputs swapped: 'a' is input 1 of the Mul"),
+    (TWO, "Conv x w -> a; Relu a -> y; Neg a -> y1", "read_elsewhere", "'a' is also read by Neg node 2 (writes 'y1')"),
+    (TWO, "Conv x w -> ya; Relu ya -> y", "graph_output", "'ya' is a graph output"),
+    (
+        TWO,
+        "Conv x w -> a; Relu a -> y; If x a -> y1",
+        "read_by_body",
+        "a nested graph of If node 2 (writes 'y1') reads 'a'",
+    ),
+    (TWO, "Conv x w -> a; Identity a -> b; Relu b -> y", "wrong_operator", "the Identity stands between"),
+    (TWO, "Conv x w -> a; LeakyRelu a -> y; Relu x -> y1", "wrong_operator", "the activation here is LeakyRelu"),
+    (TWO, "Conv x w -> a; LeakyRelu a -> y", "missing_operator", "the activations of this graph are others: LeakyRelu"),
+    (QUANTS, "Conv x w -> y", "missing_operator", "nothing is quantized yet: run quant_conv first"),
+    (QUANTS, "Relu x -> y", "missing_operator", "the graph has no Conv either"),
+    (QUANTS, "TesselQuant x -> a; Conv a w -> b", "node_used_twice", "'x' has one TesselQuant reader only"),
+    (RESIZE, "Resize x   w -> y", "input_omitted", "leaves 'roi' out beside its sizes: prepare"),
+    (RESIZE, "Resize x  w -> y", "input_count", "this Resize is given scales, the pattern wants one with sizes"),
+    (POOLS, "MaxPool x -> a; MaxPool x -> b; Concat x a b -> y", "too_few_readers", "stand side by side on 'x'"),
+    (SIZES, "Slice x w -> a; Concat a w2 -> y", "input_count", "one constant of two elements"),
+    (POOL, "ReduceMean x w_axes -> y", "missing_operator", "a ReduceMean over height and width does the same"),
+    (["Relu:0->1", "Relu:1->2"], "Relu x -> y", "graph_output", "'y' is a graph output"),
+]
+
+
+def small_graph(lines: str) -> GraphProto:
+    """Of lines such as "Conv x w -> y"; two blanks are an omitted input; the body of an `If` reads its second input."""
+    nodes = []
+    for line in lines.split("; "):
+        left, output = line.split(" -> ") if "->" in line else (line, "")
+        operator, *inputs = left.split(" ")
+        outer = inputs.pop() if operator == "If" else ""
+        nodes.append(helper.make_node(operator, inputs if inputs != [""] else [], [output]))
+        if outer:
+            body = graph_of([f"Neg {outer} -> inner"], outputs=["inner"])
+            nodes[-1].attribute.append(helper.make_attribute("then_branch", body))
+    names = dict.fromkeys(name for node in nodes for name in (*node.input, *node.output) if name)
+    graph = helper.make_graph(nodes, "small", [], [])
+    for name in names:
+        if name[0] == "w":
+            values = {"w2": [4, 4], "w_axes": [-1, 2]}.get(name, [1])
+            graph.initializer.append(numpy_helper.from_array(np.array(values, np.int64), name))
+        elif name[0] in "xy":
+            value = helper.make_tensor_value_info(name, TensorProto.FLOAT, None)
+            (graph.input if name[0] == "x" else graph.output).append(value)
+    return graph
+
+
+class Own(AbstractTransformation):
+    """Whatever pattern it is made with; nodes go but for the first tensors."""
+
+    def __init__(self, *pairs: tuple[list[str], list[str]]) -> None:
+        self.pairs = pairs
+
+    def apply(self, graph: GraphProto, debug: bool = False) -> int:
+        return sum(self._replace_all_isomorphic_sub_graphs(graph, *pair, debug=debug) for pair in self.pairs)
+
+
+@pytest.mark.parametrize(("pattern", "lines", "reason", "words"), MISSES)
+def test_a_hint_says_what_would_help(pattern: list[str], lines: str, reason: str, words: str) -> None:
+    graph = small_graph(lines)
+    before = graph.SerializeToString()
+    last = pattern[-1].rpartition("->")[2]
+    outside = "0,3i" if pattern is SIZES else "0"
+    (explanation,) = explain(graph, Own((pattern, [f"New:{outside}->{last}"])))
+    assert (explanation.reason, explanation.matches) == (reason, 0)
+    assert words in (explanation.hint or ""), explanation
+    assert graph.SerializeToString() == before
+
+
+def test_find_and_explain_take_models_graphs_names_classes_rows(repository: Path) -> None:
+    model = onnx.load(repository / "examples/models/resnet18_timm_c11.onnx")
+    row = find_row("quant_conv")
+    answers: list[Any] = [
+        find(graph, transformation)
+        for graph, transformation in ((model, "quant_conv"), (model.graph, row.cls), (model, row.cls()), (model, row))
+    ]
+    assert all(answer == answers[0] for answer in answers)
+    assert [match.pattern_index for match in answers[0]] == [0] * 21
+    first = answers[0][0]
+    assert (first.transformation, first.nodes, set(first.links)) == ("quant_conv", (0,), {"0", "1", "2", "4"})
+    assert "Conv node 0" in first.node_texts[0]
+    with_bias, without = explain(model, "quant_conv")
+    assert (with_bias.matches, with_bias.reason, with_bias.hint) == (21, "matches", None)
+    assert (without.matches, without.reason, without.node) == (0, "input_count", 0)
+    row.apply(model.graph)
+    assert explain(model, "quant_conv")[0].hint == "already quantized: 21 of 21 weights are INT8, and these are refused"
+    assert [e.pattern_index for e in explain(model, Own((["Cos:0->1"], []), (["Sin:0->1"], [])))] == [0, 1]
+
+
+@pytest.mark.parametrize(
+    ("graph", "transformation", "error"),
+    [
+        (GraphProto(), "quant_con", UnknownTransformationError),
+        (GraphProto(), 3, TypeError),
+        ("model.onnx", "quant_conv", TypeError),
+        (GraphProto(), Own((["Relu 0->1"], [])), ValueError),
+    ],
+)
+def test_what_is_neither_graph_nor_transformation(graph: Any, transformation: Any, error: type[Exception]) -> None:
+    for function in (find, explain):
+        with pytest.raises(error):
+            function(graph, transformation)
