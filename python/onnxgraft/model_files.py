@@ -107,10 +107,6 @@ class ModelOutput:
     def __exit__(self, *reason: object) -> None:
         self._stack.close()
 
-    def use_external_data(self) -> None:
-        """Asks for a data file, as `save_as_external_data` does."""
-        self._storage = replace(self._storage, external=True)
-
     def weights_for(self, model: onnx.ModelProto, folder: Path) -> WeightFile:
         """Where the weights go that are made while `model` is rewritten: straight to the data file, if there is one.
 
