@@ -82,7 +82,7 @@ CASES: dict[str, tuple[Callable[[], Any], Callable[[Any], object]]] = {
     "binding": (quant.QuantConvTransformation, lambda made: made._on_replace_subgraph is None),
     "reflection": (
         lambda: method,
-        lambda m: [repr(m), m.__annotations__, m.__defaults__, m.__module__, m.__reduce__()],
+        lambda m: [repr(m), m.__annotations__, m.__defaults__, m.__reduce__()],
     ),
     "signature": (lambda: method, inspect.signature),
     "folders": (contextvars.copy_context, lambda context: context.run(folders)),
