@@ -1,0 +1,68 @@
+"""One of two graphs, laid out for comparing: what each node is made of, and who writes which tensor."""
+
+from __future__ import annotations
+
+import hashlib
+
+import onnx
+from onnx import numpy_helper
+
+from onnxgraft.engine.node_texts import tensor_text
+
+Content = tuple[str, str, bytes]
+
+
+class Outline:
+    """A graph's nodes by content and its initializers by type, shape and digest."""
+
+    def __init__(self, graph: onnx.GraphProto) -> None:
+        self.graph = graph
+        self.nodes = list(graph.node)
+        self.contents = [_content(node) for node in self.nodes]
+        self.tensors = {tensor.name: tensor for tensor in graph.initializer}
+        self.sparse = {tensor.values.name: tensor for tensor in graph.sparse_initializer}
+        self.inputs = [v.name for v in graph.input if v.name not in self.tensors and v.name not in self.sparse]
+        self.writers = {name: index for index, node in enumerate(self.nodes) for name in node.output if name}
+        self._digests: dict[str, str] = {}
+
+    def is_constant(self, name: str) -> bool:
+        """Whether the tensor is an initializer."""
+        return name in self.tensors or name in self.sparse
+
+    def constant_text(self, name: str) -> str | None:
+        """Type and shape of an initializer; None if there is none of that name."""
+        if name in self.tensors:
+            return tensor_text(self.tensors[name])
+        return "sparse " + tensor_text(self.sparse[name].values) if name in self.sparse else None
+
+    def digest(self, name: str) -> str:
+        """A text that is the same for initializers of the same type, shape and values."""
+        if name not in self._digests:
+            if name in self.tensors:
+                self._digests[name] = _digest(self.tensors[name])
+            else:
+                sparse = self.sparse[name]
+                self._digests[name] = f"{_digest(sparse.values)} {_digest(sparse.indices)} {list(sparse.dims)}"
+        return self._digests[name]
+
+
+def _content(node: onnx.NodeProto) -> Content:
+    """Operator and attributes; in whatever order these stand."""
+    parts = sorted(attribute.SerializeToString(deterministic=True) for attribute in node.attribute)
+    hashed = hashlib.blake2b(digest_size=16)
+    for part in parts:
+        hashed.update(len(part).to_bytes(8, "little") + part)
+    return node.op_type, "" if node.domain == "ai.onnx" else node.domain, hashed.digest()
+
+
+def _digest(tensor: onnx.TensorProto) -> str:
+    title = tensor_text(tensor)
+    if tensor.data_location == onnx.TensorProto.EXTERNAL:
+        return f"{title} {sorted((e.key, e.value) for e in tensor.external_data if e.key != 'checksum')}"
+    data = tensor.raw_data
+    if not data:
+        try:
+            data = numpy_helper.to_array(tensor).tobytes()  # the same bytes as raw data would be
+        except (TypeError, ValueError):  # texts, or a tensor whose values do not fit its shape
+            data = tensor.SerializeToString(deterministic=True).replace(tensor.name.encode(), b"")
+    return f"{title} {hashlib.blake2b(data, digest_size=16).hexdigest()}"

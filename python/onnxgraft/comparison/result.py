@@ -1,0 +1,90 @@
+"""The difference of two models as data: texts and numbers, never nodes or tensors."""
+
+from __future__ import annotations
+
+from dataclasses import dataclass, field
+
+from onnxgraft.engine.report import NodeText
+
+
+@dataclass(frozen=True)
+class ValueChange:
+    """An initializer, input or output that is not the same on both sides; None where it does not exist."""
+
+    name: str
+    before: str | None  # "float32[64,3,3,3]"
+    after: str | None
+
+    def __str__(self) -> str:
+        return f"'{self.name}': {self.before or 'none'} -> {self.after or 'none'}"
+
+
+@dataclass(frozen=True)
+class NodeChange:
+    """A node that both models have, with other attributes, inputs or outputs."""
+
+    before: NodeText
+    after: NodeText
+    what: tuple[str, ...]  # one text per difference
+
+
+@dataclass(frozen=True)
+class RegionSide:
+    """A region in one of the models."""
+
+    nodes: tuple[NodeText, ...] = ()  # changed ones included, in graph order
+    neighbours: tuple[NodeText, ...] = ()  # unchanged nodes that write what the region reads, or read what it writes
+    shapes: dict[str, str] = field(default_factory=dict)  # tensor -> "float32[1,64,56,56]", where known
+    constants: frozenset[str] = frozenset()  # the initializers among the tensors
+
+
+@dataclass(frozen=True)
+class Region:
+    """Nodes that are different and hang together."""
+
+    before: RegionSide
+    after: RegionSide
+    changes: tuple[NodeChange, ...] = ()
+
+    @property
+    def removed(self) -> tuple[NodeText, ...]:
+        """Nodes that only the model before has."""
+        kept = {change.before.index for change in self.changes}
+        return tuple(node for node in self.before.nodes if node.index not in kept)
+
+    @property
+    def added(self) -> tuple[NodeText, ...]:
+        """Nodes that only the model after has."""
+        kept = {change.after.index for change in self.changes}
+        return tuple(node for node in self.after.nodes if node.index not in kept)
+
+
+@dataclass
+class GraphDiff:
+    """The result of `diff`. Printed, it is a summary."""
+
+    nodes_before: int = 0
+    nodes_after: int = 0
+    unchanged: int = 0  # nodes
+    operators: dict[str, tuple[int, int]] = field(default_factory=dict)  # those whose count changed: before, after
+    regions: list[Region] = field(default_factory=list)
+    initializers: list[ValueChange] = field(default_factory=list)
+    inputs: list[ValueChange] = field(default_factory=list)
+    outputs: list[ValueChange] = field(default_factory=list)
+    model: list[str] = field(default_factory=list)  # operator sets, IR version, functions
+
+    @property
+    def is_empty(self) -> bool:
+        """Whether the models are the same but for names of tensors and nodes, and the order of nodes."""
+        return not (self.regions or self.initializers or self.inputs or self.outputs or self.model)
+
+    def to_html(self) -> str:
+        """The difference as one self-contained page."""
+        from onnxgraft.html import diff_page  # noqa: PLC0415
+
+        return diff_page(self)
+
+    def __str__(self) -> str:
+        from onnxgraft.comparison.summary import summary  # noqa: PLC0415
+
+        return summary(self)

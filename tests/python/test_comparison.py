@@ -1,0 +1,109 @@
+"""`diff` names what was planted, tells renaming from change."""
+
+from __future__ import annotations
+
+from pathlib import Path
+from typing import Any
+
+import numpy as np
+import onnx
+import pytest
+from onnx import helper, numpy_helper
+
+from helpers.small_graphs import graph_of
+from onnxgraft.comparison import diff
+
+LINES = ["Relu x -> a", "Conv a w -> b", "Relu b -> c", "Conv b v -> d", "Add c d -> e", "Sigmoid e -> y"]
+
+
+def model(lines: list[str] = LINES, weight: float = 1.0) -> onnx.ModelProto:
+    graph = graph_of(lines, inputs=["x"], outputs=["y"])
+    graph.initializer.append(numpy_helper.from_array(np.full((2, 2, 1, 1), weight, np.float32), "w"))
+    graph.initializer.append(numpy_helper.from_array(np.ones((2, 2, 3, 3), np.float32), "v"))
+    return helper.make_model(graph, opset_imports=[helper.make_opsetid("", 17)], ir_version=8)
+
+
+def renamed(made: onnx.ModelProto) -> onnx.ModelProto:
+    """Every tensor and node under another name, initializers included."""
+    made = onnx.ModelProto.FromString(made.SerializeToString())
+    for node in made.graph.node:
+        node.name += "'"
+        node.input[:] = [f"{name}'" for name in node.input]
+        node.output[:] = [f"{name}'" for name in node.output]
+    for tensor in made.graph.initializer:
+        tensor.name += "'"
+    for value in (*made.graph.input, *made.graph.output):
+        value.name += "'"
+    return made
+
+
+def test_names_and_order_are_no_difference() -> None:
+    after = renamed(model([*LINES[:2], LINES[3], LINES[2], *LINES[4:]]))
+    found = diff(model(), after)
+    assert not found.regions
+    assert not found.initializers
+    assert [str(change) for change in found.outputs] == ["'y': float32 -> none", '"y\'": none -> float32']
+    assert diff(model(), model()).is_empty
+
+
+@pytest.mark.parametrize(
+    ("lines", "regions"),
+    [
+        (["Relu x -> a", "Conv a w -> b", "Relu b -> c", "Conv b v -> d", "Add c d -> y"], [("", "Sigmoid", "")]),
+        (["Relu x -> a", "Conv a w -> b", "Tanh b -> c", *LINES[3:]], [("Tanh", "Relu", "")]),
+        (["Clip x -> a", *LINES[1:4], "Add d c -> e", "Sigmoid e -> y"], [("Clip", "Relu", ""), ("", "", "Add")]),
+        (["Relu x -> a", "Q a -> q", "Conv q w -> r", "D r -> b", *LINES[2:]], [("Q D", "", "Conv")]),
+    ],
+)
+def test_regions(lines: list[str], regions: list[tuple[str, str, str]]) -> None:
+    found = diff(model(), model(lines))
+    told = [
+        tuple(
+            " ".join(node.op_type for node in nodes)
+            for nodes in (region.added, region.removed, [change.after for change in region.changes])
+        )
+        for region in found.regions
+    ]
+    assert told == regions
+    assert found.nodes_after == found.unchanged + sum(len(region.after.nodes) for region in found.regions)
+    assert found.nodes_before == found.unchanged + sum(len(region.before.nodes) for region in found.regions)
+
+
+def other_weight(made: onnx.ModelProto) -> None:
+    made.graph.initializer[0].CopyFrom(numpy_helper.from_array(np.full((2, 2, 1, 1), 1.5, np.float32), "w"))
+
+
+def other_type(made: onnx.ModelProto) -> None:
+    made.graph.initializer[0].CopyFrom(numpy_helper.from_array(np.ones((2, 2, 1, 1), np.int8), "w"))
+
+
+def other_attribute(made: onnx.ModelProto) -> None:
+    made.graph.node[1].attribute.append(helper.make_attribute("group", 2))
+
+
+def other_opset(made: onnx.ModelProto) -> None:
+    made.opset_import[0].version = 18
+
+
+@pytest.mark.parametrize(
+    ("change", "text"),
+    [
+        (other_weight, "initializer 'w': float32[2,2,1,1] -> float32[2,2,1,1], other values"),
+        (other_type, "region 1: changed Conv 'node_1'"),
+        (other_attribute, "region 1: changed Conv 'node_1'"),
+        (other_opset, "operator set ai.onnx: 17 -> 18"),
+    ],
+)
+def test_planted_differences_are_named(change: Any, text: str) -> None:
+    after = model()
+    change(after)
+    assert text in str(diff(model(), after))
+
+
+def test_external_data_is_told_by_its_place(tmp_path: Path) -> None:
+    onnx.save_model(model(), tmp_path / "m.onnx", save_as_external_data=True, location="w.data", size_threshold=0)
+    first, second = (onnx.load(tmp_path / "m.onnx", load_external_data=False) for _ in range(2))
+    (tmp_path / "w.data").unlink()
+    assert diff(first, second).is_empty
+    second.graph.initializer[1].external_data[1].value = "4096"
+    assert [change.name for change in diff(first, second).initializers] == ["v"]
