@@ -19,6 +19,7 @@ from onnxgraft.matching import explain, find
 CONV = ["Conv:0,1i->2"]
 TWO = ["Conv:0,1i->2", "Relu:2->3"]
 JOIN = ["Relu:0->1", "Sigmoid:2->3", "Mul:1,3->4"]
+PAIR = ["Concat:1,2->3", "Relu:0->1", "Sigmoid:0->2"]
 RESIZE = ["Resize:0,1i,2i,3i->4"]
 POOLS = ["MaxPool:0->1", "MaxPool:1->2", "Concat:0,1,2->3"]
 QUANTS = ["TesselQuant:0->1", "Conv:1,2i->3", "TesselQuant:0->4"]
@@ -50,6 +51,12 @@ MISSES: list[tuple[list[str], str, str, str]] = [
     (["Add:0,1i->2"], "Add w x -> y", "not_initializer", "inputs swapped: 'w' is input 0, the pattern wants it at 1"),
     (["Sub:0,1i->2"], "Sub w x -> y", "not_initializer", "the initializer 'w' is input 0 of the Sub"),
     (JOIN, "Relu x -> a; Sigmoid x -> b; Mul b a -> y", "other_position", "inputs swapped: 'a' is input 1 of the Mul"),
+    (
+        PAIR,
+        "Relu x -> a; Sigmoid x -> b; Concat b a -> y",
+        "wrong_operator",
+        "has the Relu at input 1, the pattern wants",
+    ),
     (TWO, "Conv x w -> a; Relu a -> y; Neg a -> y1", "read_elsewhere", "'a' is also read by Neg node 2 (writes 'y1')"),
     (TWO, "Conv x w -> ya; Relu ya -> y", "graph_output", "'ya' is a graph output"),
     (
@@ -110,7 +117,7 @@ class Own(AbstractTransformation):
 def test_a_hint_says_what_would_help(pattern: list[str], lines: str, reason: str, words: str) -> None:
     graph = small_graph(lines)
     before = graph.SerializeToString()
-    last = pattern[-1].rpartition("->")[2]
+    last = "3" if pattern is PAIR else pattern[-1].rpartition("->")[2]
     outside = "0,3i" if pattern is SIZES else "0"
     (explanation,) = explain(graph, Own((pattern, [f"New:{outside}->{last}"])))
     assert (explanation.reason, explanation.matches) == (reason, 0)

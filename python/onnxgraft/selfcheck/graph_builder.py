@@ -28,6 +28,7 @@ class GraphBuilder:
         self.furnisher = Furnisher(rng)
         self.spoil = rng.choice((0.0, 0.0, 0.05, 0.2))
         self.overlap = rng.choice((0.0, 0.1, 0.4))
+        self.products = rng.choice((0.0, 0.0, 0.0, 0.95))  # how often data comes from a gate on a dequantized tensor
         self._tensors: list[str] = []
         self._constants: dict[tuple[str, int, bool, int], list[str]] = {}
         self._writer: dict[str, str] = {}
@@ -60,6 +61,10 @@ class GraphBuilder:
 
     def _tensor(self) -> str:
         """Something computed, mostly lately, or a new graph input."""
+        if self.rng.random() < self.products:
+            source = self._input()
+            gate = self._add("TesselDequant", [source, self._constant("TesselDequant", 1, source, 2)])
+            return str(self._add("Mul", [gate.output[0], source]).output[0])
         if not self._tensors or self.rng.random() < 0.5:
             return self._input()
         return self.rng.choice(self._tensors[-self.rng.randint(1, len(self._tensors)) :])

@@ -44,11 +44,9 @@ class Call:
 class PassRecord:
     """One call of `_replace_all_isomorphic_sub_graphs`: the node objects before and after, and its callbacks."""
 
-    pattern: tuple[str, ...]
     before: list[NodeProto]
-    after: list[NodeProto] = field(default_factory=list)
+    after: list[NodeProto] | None = None  # None if it raised
     calls: list[Call] = field(default_factory=list)
-    raised: bool = False
 
 
 @dataclass
@@ -82,9 +80,11 @@ class Runner:
         self._refuse = False
         self._raise_at: int | None = None
         self._events = self._asked = 0
+        self._kept: frozenset[int] = frozenset()  # nodes that the current replacement names bare
+        # Functions, since bound methods would not be given the instance.
         methods = {
-            "_replace_all_isomorphic_sub_graphs": _listening_pass(self),
-            "_on_replace_subgraph": _listening_callback(self),
+            "_replace_all_isomorphic_sub_graphs": lambda *given, **named: self.replace_all(*given, **named),  # noqa: PLW0108
+            "_on_replace_subgraph": lambda *given, **named: self.ask(*given, **named),  # noqa: PLW0108
         }
         listener = types.new_class(cls.__name__, (cls,), exec_body=lambda namespace: namespace.update(methods))
         listener.__qualname__, listener.__module__ = cls.__qualname__, cls.__module__
@@ -107,13 +107,26 @@ class Runner:
                 self._run.error = error
         return self._run
 
-    def begin_pass(self, graph: GraphProto, pattern: Sequence[str]) -> PassRecord:
-        """A pass over the graph begins."""
+    def replace_all(
+        self,
+        instance: Any,
+        graph: GraphProto,
+        subgraph: Sequence[str],
+        replacement: Sequence[str],
+        *more: Any,
+        **named: Any,
+    ) -> int:
+        """Runs a pass and notes the nodes before and after."""
         self._count()
         if len(graph.node) > _LARGEST_GROWTH * (len(self._run.before.node) + 10):
             raise EndlessError
-        self._run.passes.append(PassRecord(tuple(pattern), list(graph.node)))
-        return self._run.passes[-1]
+        record = PassRecord(list(graph.node))
+        self._run.passes.append(record)
+        entries = read_pair(subgraph, replacement)[1]
+        self._kept = frozenset(entry.source for entry in entries if entry.kept and entry.source is not None)
+        count = self._cls._replace_all_isomorphic_sub_graphs(instance, graph, subgraph, replacement, *more, **named)
+        record.after = list(graph.node)
+        return int(count)
 
     def ask(self, instance: Any, graph: GraphProto, nodes: list[NodeProto], *rest: Any, **keywords: Any) -> bool:
         """Lets the class decide, unless it was told otherwise."""
@@ -132,39 +145,14 @@ class Runner:
             self._run.raised_in_callback = True
             raise
         wrote = not accepted and graph.SerializeToString(deterministic=True) != before
-        disturbed = tuple(node for k, node in enumerate(nodes) if k not in self.kept)
+        disturbed = tuple(node for k, node in enumerate(nodes) if k not in self._kept)
         current.calls.append(Call(accepted, wrote, disturbed))
         return accepted
-
-    kept: frozenset[int] = frozenset()
 
     def _count(self) -> None:
         self._events += 1
         if self._events > _MOST_EVENTS:
             raise EndlessError
-
-
-def _listening_pass(runner: Runner) -> Any:
-    def replace_all(
-        self: Any, graph: GraphProto, subgraph: Any, replacement: Any, debug: Any = False, **more: Any
-    ) -> int:
-        record = runner.begin_pass(graph, subgraph)
-        runner.kept = frozenset(
-            entry.source for entry in read_pair(subgraph, replacement)[1] if entry.kept and entry.source is not None
-        )
-        record.raised = True
-        count = runner._cls._replace_all_isomorphic_sub_graphs(self, graph, subgraph, replacement, debug, **more)
-        record.raised, record.after = False, list(graph.node)
-        return int(count)
-
-    return replace_all
-
-
-def _listening_callback(runner: Runner) -> Any:
-    def on_replace(self: Any, graph: GraphProto, nodes: list[NodeProto], *rest: Any, **keywords: Any) -> bool:
-        return runner.ask(self, graph, nodes, *rest, **keywords)
-
-    return on_replace
 
 
 @contextmanager

@@ -5,7 +5,7 @@ from __future__ import annotations
 from collections.abc import Callable, Iterator
 from dataclasses import dataclass
 
-from onnx import GraphProto
+from onnx import GraphProto, NodeProto
 
 from onnxgraft.selfcheck.names import reads
 from onnxgraft.selfcheck.recording import EndlessError, PassRecord, Run
@@ -65,27 +65,27 @@ def _refusal(runs: Runs) -> Iterator[str]:
 def _others(runs: Runs) -> Iterator[str]:
     for run in (runs.plain, runs.refused):
         for one in run.passes:
-            if not one.raised:
-                yield from _moved(one)
+            if one.after is not None:
+                yield from _moved(one, one.after)
 
 
-def _moved(one: PassRecord) -> Iterator[str]:
+def _moved(one: PassRecord, after: list[NodeProto]) -> Iterator[str]:
     """Nodes that no replacement took away have to be there, as the same objects in the same order.
 
     Only producers of what new nodes read may have been moved up.
     """
     touched = {id(node) for call in one.calls for node in call.disturbed}
-    place = {id(node): k for k, node in enumerate(one.after)}
+    place = {id(node): k for k, node in enumerate(after)}
     stay = [node for node in one.before if id(node) not in touched]
     for node in stay:
         if id(node) not in place:
             yield f"{node.op_type} '{node.name}' is part of no replacement and is gone"
             return
     old = {id(node) for node in one.before}
-    wanted = {name for node in one.after if id(node) not in old for name in reads(node)}
+    wanted = {name for node in after if id(node) not in old for name in reads(node)}
     movable = set()
-    for _ in one.after:
-        more = [n for n in one.after if id(n) not in movable and wanted & set(n.output)]
+    for _ in after:
+        more = [n for n in after if id(n) not in movable and wanted & set(n.output)]
         if not more:
             break
         for node in more:

@@ -91,20 +91,18 @@ def exchanged_initializer(miss: Miss) -> str | None:
 
 
 def exchanged_producers(miss: Miss) -> str | None:
-    """What writes one input of a node should write another one of it."""
+    """What writes one input of a node should write another one of it, and the other way round."""
+    writers = {node.output: node.op for node in miss.pattern}
     for role, index, slot in miss.neighbours():
         reader = miss.around.graph.node[index]
-        writers = {link.output: link.op for link in miss.pattern}
+        here = miss.around.writer[reader.input[slot]].op_type
         for other, link in enumerate(role.inputs):
-            producer = miss.around.writer.get(reader.input[other])
-            fits = writers.get(link.id, miss.node.op_type if miss.node else "") == (miss.node and miss.node.op_type)
-            if other != slot and producer is not None and producer.op_type == miss.wanted.op and fits:
-                text = (
-                    f"inputs swapped: {miss.text(index)} has the {miss.wanted.op} at input {other}, "
-                    f"the pattern wants it at {slot}"
-                )
-                same = f"; {reader.op_type} computes the same either way" if reader.op_type in COMMUTATIVE else ""
-                return text + same
+            there = miss.around.writer.get(reader.input[other])
+            if other == slot or there is None or there.op_type != miss.wanted.op or writers.get(link.id, here) != here:
+                continue
+            text = f"inputs swapped: {miss.text(index)} has the {miss.wanted.op} at input {other}, "
+            text += f"the pattern wants it at {slot}"
+            return f"{text}; {reader.op_type} computes the same either way" if reader.op_type in COMMUTATIVE else text
     return None
 
 
