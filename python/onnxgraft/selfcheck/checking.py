@@ -97,7 +97,7 @@ class _Check:
                 self._result.notes.append(sentence)
             else:
                 self._add_finding(identifier, sentence, graph, where)
-        self._judge_all(graphs)
+        self._judge_all(graphs, enough=1 if examples else _ENOUGH)
         return self._result
 
     def _judge(self, graph: GraphProto, where: str) -> None:
@@ -146,7 +146,7 @@ class _Check:
         sentence = next((text for other, text in broken(self._runs(smallest)) if other == identifier), sentence)
         self._result.add(_text(identifier, sentence, smallest, where), smallest)
 
-    def _judge_all(self, graphs: int) -> None:
+    def _judge_all(self, graphs: int, *, enough: int) -> None:
         """What only all graphs together tell."""
         result, pairs = self._result, self._subject.pairs
         if graphs >= _ENOUGH * len(pairs):
@@ -155,7 +155,7 @@ class _Check:
                     result.add(f"pattern: pattern {number}, {list(pattern)}, matched none of the graphs")
         for kind, count in self._errors.items():
             result.notes.append(f"{kind} for {count} of {result.graphs} graphs, the first: {self._messages[kind]}")
-        if self._error_graph is not None and self._asked >= _ENOUGH and result.raised >= self._asked:
+        if self._error_graph is not None and self._asked >= enough and result.raised >= self._asked:
             kind, message = next(iter(self._messages.items()))
             graph = self._smallest_error(kind)
             sentence = f"every run that found something raised, the first {kind}: {message}"
@@ -163,7 +163,7 @@ class _Check:
         if result.found and not result.accepted and not result.raised:
             result.notes.append("every occurrence was refused: nothing is known of what it does when it accepts one")
         if self._changed_again:
-            result.notes.append(f"a second apply changed the graph again for {self._changed_again} of {result.graphs}")
+            result.notes.append(f"a second apply changed {self._changed_again} of {result.graphs} graphs again")
 
     def _smallest_error(self, kind: str) -> GraphProto:
         assert self._error_graph is not None

@@ -31,7 +31,8 @@ def nothing_quantized(miss: Miss) -> str | None:
     """Most patterns are about quantized operators."""
     if miss.wanted.op not in ("TesselQuant", "TesselDequant"):
         return None
-    able = [name for op, name in _QUANTIZING.items() if op in miss.around.operators]
+    wanted = [op for op in _QUANTIZING if op in {node.op for node in miss.pattern}]
+    able = [_QUANTIZING[op] for op in wanted or _QUANTIZING if op in miss.around.operators]
     absent = [node.op for node in miss.pattern if node.op not in miss.around.operators]
     absent = [op for op in dict.fromkeys(absent) if op not in ("TesselQuant", "TesselDequant")]
     if absent:
