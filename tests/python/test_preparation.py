@@ -18,7 +18,7 @@ HEAD = '<ir_version: {ir}, opset_import: ["" : {opset}]> g (float[1,2,4,4] x, bo
 
 # step -> operator set, outputs, the graph's initializers and nodes, how much is changed, what is left
 CASES = {
-    "constants of all forms; a returned and a sparse one stay": (
+    "constants of all forms; a returned one stays": (
         "make_initializers", 19, "float[2] y, float z, float a, float[2] b", """{
           one = Constant<value_float = 2.0>() two = Constant<value_ints = [1, 1]>() a = Constant<value_float = 1.5>()
           three = Constant<value = float[2] {1.0, 2.0}>() four = Constant<value_floats = [0.5, 3.0]>()

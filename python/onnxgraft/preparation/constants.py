@@ -14,10 +14,10 @@ _TEXTS = ("value_string", "value_strings")
 def make_initializers(workpiece: Workpiece) -> int:
     """Converts all but sparse ones and those whose output the graph returns."""
     graph = workpiece.graph
-    taken = workpiece.defined_names() | {value.name for value in graph.output}
+    taken = workpiece.defined_names() | {value.name for value in graph.output} | {""}
     converted = {}
     for index, node in enumerate(graph.node):
-        if is_standard(node, "Constant") and len(node.output) == 1 and node.output[0] not in {"", *taken}:
+        if is_standard(node, "Constant") and len(node.output) == 1 and node.output[0] not in taken:
             tensor = _value(node)
             if tensor is not None:
                 tensor.name = node.output[0]

@@ -15,6 +15,7 @@ def resolve_identities(workpiece: Workpiece) -> int:
         if node.input[0] and node.output[0]
     }
     ends = {name: end for name in source if (end := _end(source, name)) is not None}
+    leaving = ends.keys() - kept
     redirected = set()
     for node in graph.node:
         if any(name in ends for name in node.input):
@@ -25,7 +26,7 @@ def resolve_identities(workpiece: Workpiece) -> int:
     gone = {
         index
         for index, node in enumerate(graph.node)
-        if is_standard(node, "Identity") and node.output and node.output[0] in ends.keys() - kept
+        if is_standard(node, "Identity") and node.output and node.output[0] in leaving
     }
     removed = {graph.node[index].output[0] for index in gone}
     workpiece.remove_nodes(gone)

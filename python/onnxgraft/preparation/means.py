@@ -7,7 +7,7 @@ from __future__ import annotations
 
 from onnx import NodeProto, TensorProto, TypeProto
 
-from onnxgraft.preparation.workpiece import Workpiece, is_standard
+from onnxgraft.preparation.workpiece import Workpiece, input_of, is_standard
 
 _IMAGE_RANK = 4
 _SPATIAL_AXES = [2, 3]
@@ -24,11 +24,11 @@ def pool_means(workpiece: Workpiece) -> int:
     axes_inputs = set()
     changed = 0
     for node in graph.node:
-        if not is_standard(node, "ReduceMean") or not _is_image(types.get(node.input[0])) or not _keeps(node):
+        if not is_standard(node, "ReduceMean") or not _is_image(types.get(input_of(node, 0))) or not _keeps(node):
             continue
         axes = next((list(a.ints) for a in node.attribute if a.name == "axes"), [])
-        if len(node.input) > 1 and node.input[1] in constants:
-            array = workpiece.values(constants[node.input[1]])
+        if input_of(node, 1) in constants:
+            array = workpiece.values(constants[input_of(node, 1)])
             axes = [] if array is None else array.ravel().tolist()
         if sorted(axis % _IMAGE_RANK for axis in axes) == _SPATIAL_AXES:
             axes_inputs.update(node.input[1:])

@@ -8,7 +8,7 @@ from __future__ import annotations
 
 from onnx import NodeProto, TensorProto, helper
 
-from onnxgraft.preparation.workpiece import Workpiece, is_standard
+from onnxgraft.preparation.workpiece import Workpiece, input_of, is_standard
 
 _OPTIONAL_INPUTS = {1: "roi", 2: "scales"}
 _SIZES = 3
@@ -38,13 +38,16 @@ def fill_resize_inputs(workpiece: Workpiece) -> int:
 
 def split_resize_sizes(workpiece: Workpiece) -> int:
     """Splits the constant height and width behind a sliced shape into two constants of one element."""
-    graph, constants = workpiece.graph, workpiece.constants()
-    producers = {name: node for node in graph.node for name in node.output}
+    graph = workpiece.graph
+    if not any(is_standard(node, "Resize") for node in graph.node):
+        return 0
+    constants = workpiece.constants()
+    producers = {name: node for node in graph.node for name in node.output if name}
     fresh = workpiece.fresh_names()
     parts: dict[str, tuple[str, str]] = {}
     changed = 0
     for node in graph.node:
-        joined = producers.get(node.input[_SIZES]) if len(node.input) > _SIZES else None
+        joined = producers.get(input_of(node, _SIZES))
         if not is_standard(node, "Resize") or joined is None or not _joins_shape(joined, producers):
             continue
         name = joined.input[1]
@@ -70,8 +73,8 @@ def _joins_shape(node: NodeProto, producers: dict[str, NodeProto]) -> bool:
     """Whether a node is `Concat(Slice(Shape(x)), c)`."""
     if not is_standard(node, "Concat") or len(node.input) != 2:
         return False
-    sliced = producers.get(node.input[0])
+    sliced = producers.get(input_of(node, 0))
     if sliced is None or not is_standard(sliced, "Slice"):
         return False
-    shape = producers.get(sliced.input[0])
+    shape = producers.get(input_of(sliced, 0))
     return shape is not None and is_standard(shape, "Shape")

@@ -10,12 +10,12 @@ from onnxgraft.preparation.workpiece import Workpiece
 def infer_shapes(workpiece: Workpiece) -> int:
     """Adds entries, and completes those that lack their shape; none that says something is overruled."""
     graph = workpiece.graph
-    written = {name for node in graph.node for name in node.output}
-    elsewhere = workpiece.defined_names() | {value.name for value in graph.output}
+    inner = {name for node in graph.node for name in node.output} - workpiece.defined_names()
+    inner -= {value.name for value in graph.output}
     known = {value.name: value for value in graph.value_info}
     changed = 0
     for value in workpiece.inferred():
-        if value.name not in written - elsewhere or not _has_shape(value):
+        if value.name not in inner or not _has_shape(value):
             continue
         entry = known.get(value.name)
         if entry is None:

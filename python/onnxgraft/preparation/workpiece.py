@@ -68,9 +68,11 @@ class Workpiece:
 
     def fresh_names(self) -> Callable[[str], str]:
         """A function that makes a name nothing has out of the one wished for."""
-        taken = all_names(self.graph)
+        taken: set[str] = set()
 
         def fresh(wanted: str) -> str:
+            if not taken:
+                taken.update(all_names(self.graph))
             name, number = wanted, 1
             while name in taken:
                 name, number = f"{wanted}_{number}", number + 1
@@ -118,6 +120,11 @@ class Workpiece:
 def is_standard(node: NodeProto, op_type: str) -> bool:
     """Whether a node is ONNX's own operator of that name."""
     return node.op_type == op_type and node.domain in {"", "ai.onnx"}
+
+
+def input_of(node: NodeProto, position: int) -> str:
+    """The name at a position; empty if the input is omitted or the node has fewer."""
+    return node.input[position] if position < len(node.input) else ""
 
 
 def remove_at(field: Any, positions: Iterable[int]) -> None:
