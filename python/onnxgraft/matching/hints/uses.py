@@ -29,7 +29,7 @@ def read_elsewhere(miss: Miss) -> str | None:
     readers = miss.around.readers(miss.tensor)
     text = f"tensor '{miss.tensor}' is also read by {miss.text(reader)}"
     if all(miss.around.graph.node[index].op_type == "TesselQuant" for index in readers):
-        return f"{text}: replace_quant merges quantize nodes with equal parameters"
+        return f"{text}: replace_quant can merge quantize nodes with equal parameters"
     return f"{text}; it has {len(readers)} readers in all, and the replacement would no longer compute it"
 
 
@@ -51,7 +51,8 @@ def too_few_readers(miss: Miss) -> str | None:
     """The pattern has more readers than the graph."""
     count = len(miss.around.readers(miss.tensor))
     wanted = sum(miss.wanted.output in {link.id for link in node.inputs} for node in miss.pattern)
-    return f"{count} node{'s'[: count != 1]} read{'s'[count != 1 :]} '{miss.tensor}', the pattern has {wanted}"
+    state = "an output of the graph, " if miss.tensor in miss.around.outputs else ""
+    return f"'{miss.tensor}' is {state}read by {count or 'no'} node{'s'[: count != 1]}; in the pattern by {wanted}"
 
 
 def only_one(miss: Miss) -> str | None:
