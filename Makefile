@@ -92,13 +92,15 @@ build/bench/venv/installed: requirements/bench.txt .venv/tools
 	@build/bench/venv/bin/python -m pip --disable-pip-version-check install --quiet --no-input -r $<
 	@touch $@
 
-docs: .venv/installed ## Make the pictures and tables of docs/ anew
+docs: .venv/installed ## Make the pictures, tables and API reference of docs/ anew
 	@$(BIN)/python -m tools.draw_rewrites
 	@$(BIN)/python -m tools.firing_table
+	@$(BIN)/python -m tools.api_reference
 
 docs-check: .venv/installed
 	@$(BIN)/python -m tools.draw_rewrites --check
 	@$(BIN)/python -m tools.firing_table --check
+	@$(BIN)/python -m tools.api_reference --check
 
 wheel: .venv/tools ## Make an audited wheel for each Python found, and try it in a fresh environment (build/dist/)
 	@$(BIN)/python -m tools.packages wheel

@@ -32,12 +32,13 @@ class Block:
         padded = "\n" * (self.line - 1) + self.text
         exec(compile(padded, str(self.page), "exec"), namespace)
 
-    def commands(self) -> Iterator[list[str]]:
-        """Yields the words of each command of a block of sh."""
+    def commands(self) -> Iterator[tuple[list[str], int]]:
+        """Yields the words of each command of a block of sh, and the exit code that its comment tells, 0 without."""
         for line in self.text.replace("\\\n", " ").splitlines():
             words = shlex.split(line, comments=True)
+            told = re.search(r"# exit code (\d+)", line)
             if words:
-                yield words
+                yield words, int(told[1]) if told else 0
 
 
 def blocks(page: Path) -> list[Block]:

@@ -72,7 +72,7 @@ class ModelOutput:
     """The place that a model will be written to, claimed before the long work begins.
 
     A context manager: leaving it without `save` leaves the disk as it was. A data file gets a name that is not taken:
-    '<output>.data', else '<output>-2.data' and so on.
+    out.onnx.data for out.onnx, else out.onnx-2.data and so on.
 
     Args:
         path: The model file.
