@@ -14,6 +14,7 @@ Each name is loaded when it is first used, so that importing the package costs n
 from __future__ import annotations
 
 import importlib
+import logging
 from typing import TYPE_CHECKING, Any
 
 if TYPE_CHECKING:
@@ -80,6 +81,9 @@ _HOMES = {
     "selfcheck": ("check_transformation",),
     "verification": ("verify",),
 }
+# Without it Python would print warnings of a program that has not set logging up.
+logging.getLogger(__name__).addHandler(logging.NullHandler())
+
 _HOME_OF = {name: home for home, names in _HOMES.items() for name in names}
 
 

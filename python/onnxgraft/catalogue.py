@@ -145,6 +145,8 @@ def register(cls: _Class) -> _Class:
     """
     name = _checked_name(cls)
     taken = _registry().get(name)
+    if taken is not None and taken.cls is cls:
+        return cls
     if taken is not None and (taken.is_own or _place(taken.cls) != _place(cls)):
         raise RegistrationError(f"{_label(cls)}: the short name '{name}' is taken by {_place(taken.cls)}")
     _registry()[name] = Transformation(name, cls)

@@ -104,8 +104,8 @@ class Recorder:
             finally:
                 result.seconds = perf_counter() - start
                 self._pass = outer
-            # Refusals are known from the callback only, so a pass without one has none.
-            result.replaced, result.found = count, count + result.refused
+            if not result.found:  # the default callback was not called: it accepted everything
+                result.found = result.replaced = count
             if self._misses and not result.found:
                 miss = nearest_miss(graph, subgraph, replacement)
                 result.nearest_miss = miss["text"] if miss else None
@@ -145,6 +145,8 @@ class Recorder:
                 if self.failure is None:
                     self.failure = Failure(current.result.pattern, tuple(map(NodeText.of, replaced_nodes)))
                 raise
+            current.result.found += 1
+            current.result.replaced += accepted
             current.result.refused += not accepted
             if self._details != "counts":
                 current.result.occurrences.append(

@@ -60,6 +60,12 @@ class NodeText:
         del own[_UNREAD]
         return own[name]
 
+    @property
+    def label(self) -> str:
+        """Operator and name, or what it writes if it has no name."""
+        name = f"'{self.name}'" if self.name else f"(writes '{', '.join(self.outputs)}')"
+        return f"{self.op_type} {name}"
+
     def __str__(self) -> str:
         name = f" '{self.name}'" if self.name else ""
         return f"{self.op_type}{name} ({', '.join(self.inputs)} -> {', '.join(self.outputs)})"

@@ -91,7 +91,7 @@ def _error(candidate: Candidate, recorder: Recorder, raised: Exception) -> Trans
     if failure is not None:
         place += f", pattern {list(failure.pattern)}"
     if failure is not None and failure.nodes:
-        place += f", at {', '.join(map(str, failure.nodes))}"
+        place += f", at {', '.join(node.label for node in failure.nodes)}"
     error = TransformationError(
         f"{place}: {type(raised).__name__}: {reason}",
         transformation=candidate.name,
