@@ -10,6 +10,7 @@
 #include "quant/host.h"
 #include "quant/inherited.h"
 #include "quant/names.h"
+#include "quant/refusal.h"
 
 namespace onnxgraft::quant {
 
@@ -53,7 +54,20 @@ class ProductWalk {
     return is_complete();
   }
 
+  /// After a run whose answer was no: a tensor that is no such product.
+  [[nodiscard]] std::string_view wrong_tensor() const {
+    if (!wrong_.empty()) return wrong_;
+    const auto found = std::ranges::find_if(joined_, [&](const Joined& joined) { return !is_product(joined); });
+    return found == joined_.end() ? std::string_view() : found->tensor;
+  }
+
  private:
+  [[nodiscard]] bool is_product(const Joined& joined) const {
+    return joined.has_producer && std::ranges::any_of(joined.factors, [&](const std::string& factor) {
+             return dequantized_.contains(factor);
+           });
+  }
+
   /// False if the node settles that the answer is no.
   bool visit(const Ref& node) {
     const Ref op_type = py::attribute(node.get(), names::op_type);
@@ -66,7 +80,10 @@ class ProductWalk {
       if (is_dequantize) changed_ = dequantized_.emplace(name).second || changed_;
       for (Joined& joined : joined_) {
         if (joined.has_producer || joined.tensor != name) continue;
-        if (!is(op_type, mul)) return false;
+        if (!is(op_type, mul)) {
+          wrong_ = joined.tensor;
+          return false;
+        }
         joined.has_producer = true;
         joined.factors = strings(py::attribute(node.get(), names::input));
         changed_ = true;
@@ -81,24 +98,27 @@ class ProductWalk {
 
   bool is_complete() {
     if (!std::exchange(changed_, false)) return false;
-    return std::ranges::all_of(joined_, [&](const Joined& joined) {
-      return joined.has_producer && std::ranges::any_of(joined.factors, [&](const std::string& factor) {
-               return dequantized_.contains(factor);
-             });
-    });
+    return std::ranges::all_of(joined_, [&](const Joined& joined) { return is_product(joined); });
   }
 
   std::vector<Joined> joined_;
   std::unordered_set<std::string> dequantized_;
+  std::string wrong_;    // a tensor that something other than a product writes
   bool changed_ = true;  // since completeness was last asked for
 };
+
+Ref product_words(const Ref& concat, std::string_view tensor) {
+  return py::checked(PyUnicode_FromFormat("the input '%S' of %S is not the product (Mul) of a TesselDequant's output",
+                                          py::text(tensor).get(), node_words(concat.get()).get()));
+}
 
 }  // namespace
 
 Ref require_dequantized_products(const Call& call) {
   const Ref nodes = py::attribute(call[callback::graph], names::node);
   const Ref concat = py::item(call[callback::replaced_nodes], 0);
-  if (!ProductWalk(py::attribute(concat.get(), names::input)).run(nodes)) return py::boolean(false);
+  ProductWalk walk(py::attribute(concat.get(), names::input));
+  if (!walk.run(nodes)) return refused(call, [&] { return product_words(concat, walk.wrong_tensor()); });
   return inherited_callback(call, own_class, call[callback::links]);
 }
 

@@ -9,6 +9,7 @@
 #include "quant/host.h"
 #include "quant/initializers.h"
 #include "quant/names.h"
+#include "quant/refusal.h"
 #include "quant/scales.h"
 
 namespace onnxgraft::quant {
@@ -19,6 +20,8 @@ using py::Ref;
 
 namespace {
 
+constexpr Py_ssize_t first_conv = 2;
+constexpr Py_ssize_t second_conv = -3;
 constexpr Py_ssize_t nodes_with_relu = 9;  // with a swish there are ten
 
 /// Where one convolution of the block finds its old tensors and puts its new ones.
@@ -74,6 +77,26 @@ Ref expanded(const Call& call, const Ref& per_channel) {
   return py::call_method(global(call.module, names::np).get(), expand_dims, {per_channel.get(), axes.get()});
 }
 
+Ref group_words(PyObject* nodes, Py_ssize_t position) {
+  const Ref node = node_words(py::item(nodes, position).get());
+  const Ref group = first_value(attributes_of(nodes, position).get(), names::group, names::i);
+  if (!group)
+    return py::checked(PyUnicode_FromFormat("%S has no attribute 'group'; it has to be written out as 1", node.get()));
+  return py::checked(PyUnicode_FromFormat("%S has group = %S, not 1", node.get(), group.get()));
+}
+
+Ref parameter_words(const Call& call, const Convolution& where) {
+  const Ref weight = subscript(call[callback::links], where.weight);
+  return py::checked(PyUnicode_FromFormat(
+      "the TesselQuant node in front of the Conv with the weight '%S' has no scale or no offset", weight.get()));
+}
+
+Ref kernel_words(const Ref& name, const Ref& weight) {
+  const Ref shape = py::attribute(weight.get(), names::shape);
+  return py::checked(
+      PyUnicode_FromFormat("the weight '%S' of shape %R is not that of a 1x1 kernel", name.get(), shape.get()));
+}
+
 /// The float tensors of one convolution; none if the block has to be refused.
 std::optional<FloatTensors> dequantized(const Call& call, const Convolution& where, const Ref& quantize_attributes) {
   PyObject* links = call[callback::links];
@@ -81,11 +104,17 @@ std::optional<FloatTensors> dequantized(const Call& call, const Convolution& whe
   const Ref shaped_scales = unpack_scales(call.module, words.get());
   const Ref scales = py::call_method(shaped_scales.get(), names::ravel);
   const Ref quantize_scale = first_value(quantize_attributes.get(), names::scale, names::f);
-  if (!quantize_scale || !first_attribute(quantize_attributes.get(), names::offset)) return std::nullopt;
+  if (!quantize_scale || !first_attribute(quantize_attributes.get(), names::offset)) {
+    give_reason(call, [&] { return parameter_words(call, where); });
+    return std::nullopt;
+  }
   const Ref divisor = divide(divide(py::integer(1), scales), quantize_scale);
 
   const Ref weight = astype(call.module, linked_array(call, where.weight).get(), names::float32);
-  if (!is_one_by_one(weight)) return std::nullopt;
+  if (!is_one_by_one(weight)) {
+    give_reason(call, [&] { return kernel_words(subscript(links, where.weight), weight); });
+    return std::nullopt;
+  }
   const Ref old_bias = astype(call.module, linked_array(call, where.bias).get(), names::float32);
   const Ref new_weight = divide(weight, expanded(call, divisor));
   Ref weight_record = from_array(call.module, new_weight.get(), subscript(links, where.float_weight).get());
@@ -98,7 +127,9 @@ std::optional<FloatTensors> dequantized(const Call& call, const Convolution& whe
 
 Ref make_float_convolutions(const Call& call) {
   PyObject* nodes = call[callback::replaced_nodes];
-  if (!has_group_one(nodes, 2) || !has_group_one(nodes, -3)) return py::boolean(false);
+  for (const Py_ssize_t position : {first_conv, second_conv}) {
+    if (!has_group_one(nodes, position)) return refused(call, [&] { return group_words(nodes, position); });
+  }
   const std::array quantize_positions{Py_ssize_t{1}, Py_ssize_t{py::length(nodes) == nodes_with_relu ? 5 : 6}};
   const std::array quantize_attributes{attributes_of(nodes, quantize_positions[0]),
                                        attributes_of(nodes, quantize_positions[1])};

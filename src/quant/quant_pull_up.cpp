@@ -11,6 +11,7 @@
 #include "quant/initializers.h"
 #include "quant/names.h"
 #include "quant/reading_convolutions.h"
+#include "quant/refusal.h"
 #include "quant/tensor_names.h"
 
 namespace onnxgraft::quant {
@@ -167,9 +168,9 @@ Ref correct_conv_biases(const Call& call) {
   const Ref offset = offset_of(call.module, quantize);
   const Ref quantized = subscript(call[callback::links], quantized_link);
   std::vector<Ref> reading = convolutions_reading(graph, quantized.get());
-  if (any_padded(reading)) return py::boolean(false);
+  if (any_padded(reading)) return refused(call, [&] { return padding_words(reading, quantized.get()); });
   const auto convolutions = with_tensors(call.module, graph, std::move(reading));
-  if (!convolutions) return py::boolean(false);
+  if (!convolutions) return refused(call, [&] { return tensor_words(graph, quantized.get()); });
   const Ref updated = subscript(call.keywords, names::conv_bias_updated);
   BiasCorrection correction(call, updated);
   correction.compute(*convolutions, offset);

@@ -6,6 +6,7 @@
 #include "quant/callbacks.h"
 #include "quant/host.h"
 #include "quant/names.h"
+#include "quant/refusal.h"
 
 namespace onnxgraft::quant {
 
@@ -65,6 +66,11 @@ bool still_float(const Call& call) {
   return py::truth(answer.get());
 }
 
+Ref precision_words(const Call& call) {
+  const Ref weight = subscript(call[callback::links], weight_link);
+  return py::checked(PyUnicode_FromFormat("the weight '%S' is INT8 already", weight.get()));
+}
+
 void update_quantize_attributes(const Call& call) {
   const Ref first = py::integer(0);
   py::call_method(call[callback::self], update_tesselquant, {call[callback::graph], call[callback::node_mapping]},
@@ -73,7 +79,7 @@ void update_quantize_attributes(const Call& call) {
 
 Ref quantize(const Call& call, const Roles& roles) {
   const Ref names = input_names(roles);
-  if (!still_float(call)) return py::boolean(false);
+  if (!still_float(call)) return refused(call, [&] { return precision_words(call); });
   update_quantize_attributes(call);
   py::call_method(call[callback::self], update_operators, {call[callback::graph], call[callback::links], names.get()},
                   {{mode_keyword, roles.mode.get()}});
@@ -105,7 +111,7 @@ Ref quantize_matmul(const Call& call) { return quantize(call, matmul_roles); }
 
 Ref quantize_gemm(const Call& call) {
   const Ref names = input_names(gemm_roles);
-  if (!still_float(call)) return py::boolean(false);
+  if (!still_float(call)) return refused(call, [&] { return precision_words(call); });
   const Ref transposed = py::boolean(replace_trans_b(call));
   update_quantize_attributes(call);
   py::call_method(call[callback::self], update_operators, {call[callback::graph], call[callback::links], names.get()},

@@ -6,6 +6,7 @@
 #include "quant/host.h"
 #include "quant/initializers.h"
 #include "quant/names.h"
+#include "quant/refusal.h"
 
 namespace onnxgraft::quant {
 
@@ -16,8 +17,12 @@ namespace {
 constexpr Py_ssize_t weight_input = 1;
 constexpr Py_ssize_t bias_input = 2;
 
+Ref pads_of(const Ref& node) {
+  return first_value(py::attribute(node.get(), names::attribute).get(), names::pads, names::ints);
+}
+
 bool is_padded(const Ref& node) {
-  const Ref values = first_value(py::attribute(node.get(), names::attribute).get(), names::pads, names::ints);
+  const Ref values = pads_of(node);
   if (!values) return false;
   const Ref elements = py::iterator(values.get());
   while (const Ref value = py::next(elements.get())) {
@@ -87,6 +92,13 @@ std::vector<Ref> convolutions_reading(PyObject* graph, PyObject* tensor) {
 
 bool any_padded(const std::vector<Ref>& convolutions) { return std::ranges::any_of(convolutions, is_padded); }
 
+Ref padding_words(const std::vector<Ref>& convolutions, PyObject* tensor) {
+  const Ref& node = *std::ranges::find_if(convolutions, is_padded);
+  const Ref pads = py::checked(PySequence_List(pads_of(node).get()));
+  return py::checked(PyUnicode_FromFormat("%S that reads '%S' has padding (pads = %R)", node_words(node.get()).get(),
+                                          tensor, pads.get()));
+}
+
 std::optional<std::vector<ReadingConvolution>> with_tensors(PyObject* module, PyObject* graph,
                                                             std::vector<Ref> convolutions) {
   const Ref weight_names = py::checked(PyList_New(0));
@@ -115,6 +127,22 @@ std::optional<std::vector<ReadingConvolution>> with_tensors(PyObject* module, Py
     found.push_back(std::move(convolution));
   }
   return found;
+}
+
+Ref tensor_words(PyObject* graph, PyObject* tensor) {
+  for (const Ref& node : convolutions_reading(graph, tensor)) {
+    const Ref inputs = py::attribute(node.get(), names::input);
+    const Py_ssize_t count = std::min(py::length(inputs.get()), bias_input + 1);
+    for (Py_ssize_t position = weight_input; position < count; ++position) {
+      const Ref name = py::item(inputs.get(), position);
+      if (!py::truth(name.get()) || has_initializer(graph, name.get())) continue;
+      return py::checked(PyUnicode_FromFormat("the %s '%S' of %S that reads '%S' is not an initializer",
+                                              position == weight_input ? "weight" : "bias", name.get(),
+                                              node_words(node.get()).get(), tensor));
+    }
+  }
+  return py::checked(
+      PyUnicode_FromFormat("weights or biases of Conv nodes that read '%S' cannot be looked up", tensor));
 }
 
 }  // namespace onnxgraft::quant

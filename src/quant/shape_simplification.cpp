@@ -5,6 +5,7 @@
 #include "quant/host.h"
 #include "quant/initializers.h"
 #include "quant/names.h"
+#include "quant/refusal.h"
 
 namespace onnxgraft::quant {
 
@@ -53,7 +54,12 @@ Ref make_constant_sizes(const Call& call) {
   PyObject* graph = call[callback::graph];
   PyObject* links = call[callback::links];
   const Ref shape = known_shape(graph, subscript(links, data_link));
-  if (py::length(shape.get()) < 2) return py::boolean(false);
+  if (py::length(shape.get()) < 2) {
+    return refused(call, [&] {
+      return py::checked(PyUnicode_FromFormat("value_info gives no shape of two or more dimensions for '%S'",
+                                              subscript(links, data_link).get()));
+    });
+  }
   const Ref height_name = subscript(links, height_link);
   const Ref width_name = subscript(links, width_link);
   const Ref found = get_init(call.module, graph, py::tuple({height_name.get(), width_name.get()}).get());
