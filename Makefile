@@ -13,14 +13,14 @@ JOBS := $(shell nproc 2>/dev/null || echo 2)
 
 PACKAGE_FILES := CMakeLists.txt pyproject.toml README.md LICENSE \
   $(shell find src python cmake -name __pycache__ -prune -o -print 2>/dev/null)
-CPP_FILES := $(shell find src tests/core bench -name '*.cpp' -o -name '*.h' 2>/dev/null)
+CPP_FILES := $(shell find src tests/core tests/fuzz bench -name '*.cpp' -o -name '*.h' 2>/dev/null)
 PYTHON_DIRS := python tests/python bench tools
 # The extension modules; their stubs have to agree with them.
 MODULES := $(addprefix onnxgraft.,abstract_transformation transform_utilities quant)
 
 .DELETE_ON_ERROR:
 .DEFAULT_GOAL := help
-.PHONY: help build demo test lint tidy format bench bench-docs docs docs-check wheel sdist clean
+.PHONY: help build demo test sanitize fuzz matrix lint tidy format bench bench-docs docs docs-check wheel sdist clean
 
 help: ## List the commands
 	@awk -F ':.*## ' '/^[a-z]+:.*## / {printf "  make %-8s %s\n", $$1, $$2}' Makefile
@@ -44,6 +44,22 @@ test: .venv/installed .venv/test-tools ## Run all tests: ctest for the core, pyt
 	$(TOOLS) ctest --preset core-tests --no-tests=error --progress || status=1; \
 	$(BIN)/python -m pytest || status=1; \
 	exit $$status
+
+sanitize: .venv/installed .venv/test-tools ## Run all tests with address and undefined-behaviour sanitizers, and look for leaks
+	@tools/require-googletest
+	@$(TOOLS) cmake --preset asan -DPython_EXECUTABLE="$(CURDIR)/$(BIN)/python" >/dev/null
+	@$(TOOLS) cmake --build --preset asan -- --quiet
+	@status=0; \
+	UBSAN_OPTIONS=halt_on_error=1 $(TOOLS) ctest --preset asan --no-tests=error --progress || status=1; \
+	$(TOOLS) tools/run-sanitized $(BIN)/python || status=1; \
+	exit $$status
+
+SECONDS ?= 300
+fuzz: .venv/installed .venv/test-tools ## Search for faults at random, SECONDS=300 for the notation (needs clang), as long again for graphs
+	@$(TOOLS) tools/run-fuzzers $(BIN)/python $(SECONDS)
+
+matrix: .venv/tools ## Run the tests on each Python found, with the oldest and the newest packages (PYTHONS="python3.10 ...")
+	@$(TOOLS) $(BIN)/python -m tools.matrix $(PYTHONS)
 
 lint: .venv/installed .venv/test-tools .venv/lint-tools ## Check formats, types and the C++ code
 	$(BIN)/ruff check $(PYTHON_DIRS) tests/typing
