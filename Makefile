@@ -88,8 +88,8 @@ format: .venv/lint-tools ## Bring all code into the project's format
 bench: .venv/installed build/bench/floors.built build/bench/venv/installed ## Measure speed, beside other tools too (GROUP="floors peers ..." for a part); writes build/bench.json
 	@$(RUN_BENCH) $(GROUP)
 
-bench-docs: .venv/installed build/bench/floors.built build/bench/venv/installed
-	@$(RUN_BENCH) --docs docs
+bench-docs: bench
+	@$(BIN)/python -m bench.page
 
 RUN_BENCH = PYTHONPATH=build/bench/bench/floors build/bench/venv/bin/python -m bench
 
