@@ -1,4 +1,4 @@
-"""`make bench`, or `make bench GROUP=peers` for some groups; `make bench-docs` for all, with the page in docs/."""
+"""`make bench`, or `make bench GROUP=peers` for some groups; `make bench-docs` for all, and for the page in docs/."""
 
 from __future__ import annotations
 

@@ -46,16 +46,22 @@ def weights_and_biases(graph: onnx.GraphProto) -> Tensors:
     return [(tensors[names[1]], tensors.get(names[2])) for names in inputs]
 
 
-def quantize(pairs: Tensors) -> None:
+def quantize(pairs: Tensors, kept_in: onnx.GraphProto | None = None) -> None:
     """Floor F3: makes what quantize nodes, weights, biases and scales are made of, and drops it.
 
     No matching, no splicing, no look-up. The weight is read twice: for its precision, then for its shape.
+
+    Args:
+        pairs: What is quantized.
+        kept_in: A graph that gets the tensors, so that their memory cannot be used again for the next ones.
     """
     for weight, bias in pairs:
         numpy_helper.to_array(weight)
         quantize_attributes()
         shape = numpy_helper.to_array(weight).shape
-        numpy_helper.from_array(drawn_weight(shape), "weight")
+        made = [numpy_helper.from_array(drawn_weight(shape), "weight")]
         if bias is not None:
-            numpy_helper.from_array(drawn_bias(numpy_helper.to_array(bias).shape), "bias")
-        scale_tensor("scale", drawn_scales(shape[0]))
+            made.append(numpy_helper.from_array(drawn_bias(numpy_helper.to_array(bias).shape), "bias"))
+        made.append(scale_tensor("scale", drawn_scales(shape[0])))
+        if kept_in is not None:
+            kept_in.initializer.extend(made)

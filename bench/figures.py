@@ -60,20 +60,32 @@ class Contest:
 
 @dataclass
 class Results:
-    """Everything measured, by group."""
+    """Everything measured, by group, and what it was measured on."""
 
     figures: dict[str, list[Figure]] = field(default_factory=dict)
     contests: list[Contest] = field(default_factory=list)
+    facts: dict[str, Any] = field(default_factory=dict)
 
-    def write(self, path: Path, packages: Sequence[str] = ()) -> None:
-        """Writes them, with what they were measured on, as JSON."""
+    def write(self, path: Path) -> None:
+        """Writes them as JSON."""
         path.parent.mkdir(parents=True, exist_ok=True)
         figures = {
             group: [{**asdict(figure), "value": figure.value} for figure in figures]
             for group, figures in self.figures.items()
         }
-        content = {**machine(packages), "figures": figures, "contests": [asdict(contest) for contest in self.contests]}
+        content = {"facts": self.facts, "figures": figures, "contests": [asdict(contest) for contest in self.contests]}
         path.write_text(json.dumps(content, indent=2) + "\n")
+
+    @classmethod
+    def read(cls, path: Path) -> Results:
+        """Reads what `write` wrote."""
+        content = json.loads(path.read_text())
+        results = cls(facts=content["facts"])
+        for group, rows in content["figures"].items():
+            results.figures[group] = [Figure(**{key: row[key] for key in row if key != "value"}) for row in rows]
+        for row in content["contests"]:
+            results.contests.append(Contest(**{**row, "entries": [Entry(**entry) for entry in row["entries"]]}))
+        return results
 
 
 def machine(packages: Sequence[str] = ()) -> dict[str, Any]:

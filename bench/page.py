@@ -1,10 +1,13 @@
-"""The measured part of docs/speed.md: tables in Markdown between two marks, and a picture beside the page."""
+"""The measured part of docs/speed.md: tables in Markdown between two marks, and a picture beside the page.
+
+python -m bench.page    takes them from build/bench.json, which has to be that of a whole run
+"""
 
 from __future__ import annotations
 
+import sys
 from collections.abc import Iterable, Iterator
 from pathlib import Path
-from typing import Any
 
 from bench.figures import Contest, Figure, Results
 from bench.groups import GROUPS
@@ -14,16 +17,17 @@ from bench.report import amount
 BEGIN, END = "<!-- figures: begin (made by make bench-docs) -->", "<!-- figures: end -->"
 
 
-def renew(results: Results, facts: dict[str, Any], folder: Path) -> None:
+def renew(results: Results, folder: Path) -> None:
     """Writes the tables into `speed.md` of a folder, between its marks, and `speed.svg`."""
     page = folder / "speed.md"
     before, rest = page.read_text().split(BEGIN)
-    page.write_text(f"{before}{BEGIN}\n\n{tables(results, facts)}\n{END}{rest.split(END)[1]}")
+    page.write_text(f"{before}{BEGIN}\n\n{tables(results)}\n{END}{rest.split(END)[1]}")
     (folder / "speed.svg").write_text(picture(results.contests))
 
 
-def tables(results: Results, facts: dict[str, Any]) -> str:
+def tables(results: Results) -> str:
     """The machine, the picture, a table of each group and each contest."""
+    facts = results.facts
     versions = ", ".join(f"{name} {version}" for name, version in facts["packages"].items() if version)
     lines = [f"Measured on {facts['cores']} cores, {facts['system']}, with Python {facts['python']}, {versions}.", ""]
     for group, figures in results.figures.items():
@@ -77,3 +81,19 @@ def picture(contests: list[Contest]) -> str:
             ]
             panels.append(Panel(contest.work, bars))
     return draw("Time as a multiple of F3, the calls that the arithmetic needs", panels)
+
+
+def main() -> int:
+    """Renews docs/; returns the exit code."""
+    source = Path("build/bench.json")
+    results = Results.read(source)
+    if results.facts["tiny"] or (missing := GROUPS.keys() - results.figures.keys()):
+        what = "of tiny sizes" if results.facts["tiny"] else f"without {', '.join(sorted(missing))}"
+        print(f"{source} holds a run {what}: run make bench-docs", file=sys.stderr)
+        return 1
+    renew(results, Path("docs"))
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

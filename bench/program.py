@@ -7,7 +7,7 @@ import sys
 import time
 from pathlib import Path
 
-from bench import page, report
+from bench import report
 from bench.figures import Figure, Results, machine
 from bench.groups import GROUPS, load
 from bench.peers import PACKAGES
@@ -19,24 +19,19 @@ def main(arguments: list[str]) -> int:
     parser = argparse.ArgumentParser(prog="bench", description="Measures speed as ratios of one run.")
     parser.add_argument("groups", nargs="*", metavar="GROUP", help=f"{', '.join(GROUPS)}; all if none is given")
     parser.add_argument("--json", type=Path, default=Path("build/bench.json"), help="where the results are kept")
-    parser.add_argument("--docs", type=Path, metavar="FOLDER", help="renew speed.md and speed.svg of a folder")
     parser.add_argument("--tiny", action="store_true", help="tiny sizes, whose figures say nothing, to try the program")
     options = parser.parse_args(arguments)
     if unknown := set(options.groups) - GROUPS.keys():
         parser.error(f"unknown group {', '.join(sorted(unknown))}; the groups are {', '.join(GROUPS)}")
-    if options.docs and (options.groups or options.tiny):
-        parser.error("--docs wants all groups at full size: leave out the names of groups and --tiny")
     results = run(options.groups or list(GROUPS), TINY if options.tiny else Sizes())
     report.show(results)
-    results.write(options.json, PACKAGES)
-    if options.docs:
-        page.renew(results, machine(PACKAGES), options.docs)
+    results.write(options.json)
     return 0
 
 
 def run(groups: list[str], sizes: Sizes) -> Results:
     """Measures group after group."""
-    results = Results()
+    results = Results(facts={**machine(PACKAGES), "tiny": sizes is TINY})
     for name in groups:
         begin = time.monotonic()
         results.figures[name] = []

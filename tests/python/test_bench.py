@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import json
 import sys
 import types
 from pathlib import Path
@@ -13,13 +12,13 @@ import pytest
 
 from bench import page, rewrites
 from bench.equality import difference
-from bench.figures import machine
+from bench.figures import Results
 from bench.peers import plain_python
 from bench.program import run
 from bench.sizes import TINY
 from bench.workloads import chain_model, copy_of
 
-FIGURES = {"floors": 5, "peers": 0, "growth": 5, "models": 2}
+FIGURES = {"floors": 6, "peers": 0, "growth": 5, "models": 2}
 
 
 def test_a_tiny_run_fills_the_page(tmp_path: Path, repository: Path, monkeypatch: pytest.MonkeyPatch) -> None:
@@ -27,15 +26,14 @@ def test_a_tiny_run_fills_the_page(tmp_path: Path, repository: Path, monkeypatch
     vars(floors)["count_op_type"] = lambda graph, wanted: sum(node.op_type == wanted for node in graph.node)
     vars(floors)["length_of_all_names"] = lambda graph: sum(len(name) for n in graph.node for name in n.input)
     monkeypatch.setitem(sys.modules, "floors", floors)
-    results = run(list(FIGURES), TINY)
-    results.write(tmp_path / "bench.json")
-    kept = json.loads((tmp_path / "bench.json").read_text())
-    assert {group: len(figures) for group, figures in kept["figures"].items()} == FIGURES
-    assert all(entry["checked"] for contest in kept["contests"] for entry in contest["entries"])
+    run(list(FIGURES), TINY).write(tmp_path / "bench.json")
+    results = Results.read(tmp_path / "bench.json")
+    assert {group: len(figures) for group, figures in results.figures.items()} == FIGURES
+    assert all(entry.checked for contest in results.contests for entry in contest.entries)
     (tmp_path / "speed.md").write_text((repository / "docs/speed.md").read_text())
-    page.renew(results, machine(), tmp_path)
+    page.renew(results, tmp_path)
     text, drawn = (tmp_path / "speed.md").read_text(), ElementTree.parse(tmp_path / "speed.svg").getroot()
-    assert text.count("\n| plain Python |") == len(kept["contests"]) == 5
+    assert text.count("\n| plain Python |") == len(results.contests) == 5
     assert [part.text for part in drawn.iter()].count("plain Python") == 4
 
 
