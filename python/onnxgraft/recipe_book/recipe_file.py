@@ -80,7 +80,7 @@ def _typed(table: Mapping[str, Any], key: str, kind: type, wanted: str, where: s
 
 
 def _instead(name: str, known: Collection[str], listed: str) -> str:
-    similar = difflib.get_close_matches(name.lower(), known, n=3, cutoff=0.6)
+    similar = difflib.get_close_matches(name.lower(), known, n=3, cutoff=0.7)
     if similar:
         return f"did you mean {' or '.join(similar)}?"
     if listed.startswith("`"):
