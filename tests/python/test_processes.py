@@ -90,8 +90,8 @@ else:
 names = "abstract_transformation", "transform_utilities", "quant"
 old = sys.version_info < (3, 13)
 for _ in range(2):
-    for isolated in (False, True):
-        made = interpreters.create(isolated=isolated) if old else interpreters.create("isolated" if isolated else "legacy")
+    for kind in ("legacy", "isolated"):
+        made = interpreters.create(isolated=kind == "isolated") if old else interpreters.create(kind)
         for name in names:
             error = interpreters.run_string(made, code.format(name))
             assert error is None, error

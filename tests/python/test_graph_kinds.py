@@ -1,0 +1,233 @@
+"""Graphs as nobody expects them, with every class: what it does not replace, it leaves as it was, to the byte.
+
+ONNXGRAFT_SCALE makes the large graphs larger by that factor: 10 for a chain of a million nodes.
+"""
+
+from __future__ import annotations
+
+import os
+from collections import Counter
+from collections.abc import Callable
+from typing import Any, cast
+
+import numpy as np
+import pytest
+from onnx import AttributeProto, GraphProto, ModelProto, NodeProto, TensorProto, TypeProto, helper, numpy_helper
+
+from helpers.classes import CLASSES, apply, class_graph, patterns
+from helpers.occurrences import occurrence
+from helpers.small_graphs import graph_of, operators
+from onnxgraft import quant
+from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences
+
+UNKNOWN = b"\xaa\x3f\x03abc"  # field 1000 + 21, three bytes: of a version of the format to come
+SCALE = int(os.environ.get("ONNXGRAFT_SCALE", "1"))
+Edit = Callable[[GraphProto], None]
+
+
+def backwards(graph: GraphProto) -> None:
+    nodes = [NodeProto.FromString(node.SerializeToString()) for node in reversed(graph.node)]
+    del graph.node[:]
+    graph.node.extend(nodes)
+
+
+def cycle(graph: GraphProto) -> None:
+    graph.node.add(op_type="Add", input=[graph.node[-1].output[0], "round"], output=["round"])
+    graph.node.add(op_type="Relu", input=["there"], output=["back"])
+    graph.node.add(op_type="Relu", input=["back"], output=["there"])
+
+
+def second_writers(graph: GraphProto) -> None:
+    for node in list(graph.node):
+        graph.node.add(op_type="Identity", input=["other"], output=node.output)
+
+
+def names(name: str) -> Edit:
+    def edit(graph: GraphProto) -> None:
+        for node in graph.node:
+            node.name = name
+
+    return edit
+
+
+def tensor_names(form: str) -> Edit:
+    """Every tensor renamed; `form` takes the old name."""
+
+    def edit(graph: GraphProto) -> None:
+        for node in graph.node:
+            for field in (node.input, node.output):
+                field[:] = [name and form.format(name) for name in field]
+        for tensor in graph.initializer:
+            tensor.name = form.format(tensor.name)
+        for value in (*graph.input, *graph.output, *graph.value_info):
+            value.name = form.format(value.name)
+
+    return edit
+
+
+def nested(depth: int) -> Edit:
+    def edit(graph: GraphProto) -> None:
+        read = graph.node[0].output[0]
+        body = graph_of([f"Relu {read} -> inner"], outputs=["inner"])
+        for _ in range(depth - 1):
+            node = helper.make_node("If", ["c"], ["inner"], then_branch=body, else_branch=body if depth < 5 else None)
+            body = helper.make_graph([node], "body", [], [helper.make_tensor_value_info("inner", 1, None)])
+        graph.node.append(helper.make_node("If", ["c"], ["deep"], then_branch=body))
+
+    return edit
+
+
+def sparse(graph: GraphProto) -> None:
+    values = helper.make_tensor("sparse", TensorProto.FLOAT, [1], [1.0])
+    indices = helper.make_tensor("indices", TensorProto.INT64, [1], [0])
+    graph.sparse_initializer.append(helper.make_sparse_tensor(values, indices, [9]))
+
+
+def attributes_of_all_types(graph: GraphProto) -> None:
+    tensor = helper.make_tensor("t", TensorProto.STRING, [2], cast(Any, [b"a\0b", b"\xc3\xbc"]))
+    body = graph_of(["Relu a -> b"])
+    kind = helper.make_tensor_type_proto(TensorProto.FLOAT, ["n", 3])
+    values: list[Any] = [
+        1.5,
+        3,
+        b"a\0\xff",
+        "text",
+        tensor,
+        body,
+        kind,
+        [1.5],
+        [3],
+        [b"\xff"],
+        [tensor],
+        [body],
+        [kind],
+    ]
+    for node in [*graph.node, graph.node.add(op_type="Own", domain="own")]:
+        for number, value in enumerate(values):
+            node.attribute.append(helper.make_attribute(f"own_{number}", value))
+        node.attribute.add(name="own_reference", ref_attr_name="outer", type=AttributeProto.FLOAT)
+        node.attribute.add(name="own_nothing")
+
+
+def unknown_fields(graph: GraphProto) -> None:
+    elements: list[Any] = [*graph.node, *graph.initializer, *graph.input, *graph.output, *graph.value_info]
+    for element in elements:
+        element.MergeFromString(UNKNOWN)
+    graph.MergeFromString(UNKNOWN)
+
+
+def more_initializers(graph: GraphProto) -> None:
+    graph.initializer.extend(TensorProto(name=f"more{k}") for k in range(2000))
+
+
+def nothing_at_all(graph: GraphProto) -> None:
+    graph.node.extend([NodeProto(), NodeProto(op_type="Relu"), NodeProto(output=[""]), NodeProto(input=["", ""])])
+    graph.initializer.add()
+    graph.input.add()
+    graph.value_info.add().type.CopyFrom(TypeProto())
+
+
+KINDS: dict[str, Edit] = {
+    "backwards": backwards,
+    "cyclic": cycle,
+    "second writers": second_writers,
+    "one name for all nodes": names("twin"),
+    "nodes without names": names(""),
+    "names not in ASCII": tensor_names("\u00e4\u6f22\U0001f600{}"),
+    "names with NUL": tensor_names("{0}\0{0}"),
+    "names of blanks and slashes": tensor_names(" /{}\n{{:0,1i->2}}"),
+    "long names": tensor_names("{}" + "x" * 70_000),
+    "deep bodies": nested(10),
+    "broad bodies": nested(4),
+    "sparse initializers": sparse,
+    "attributes of all types": attributes_of_all_types,
+    "unknown fields": unknown_fields,
+    "many initializers": more_initializers,
+    "empty elements": nothing_at_all,
+}
+
+
+def contents(graph: GraphProto) -> Counter[bytes]:
+    """All nodes, bytes for bytes."""
+    return Counter(node.SerializeToString(deterministic=True) for node in graph.node)
+
+
+def writers(graph: GraphProto) -> Counter[str]:
+    return Counter(name for node in graph.node for name in node.output if name)
+
+
+def missing(graph: GraphProto) -> set[str]:
+    known = {value.name for value in graph.input} | {tensor.name for tensor in graph.initializer}
+    read = {name for node in graph.node for name in node.input} | {value.name for value in graph.output}
+    return read - known - {"", *writers(graph)}
+
+
+def ordered(graph: GraphProto) -> bool:
+    later = set(writers(graph))
+    for node in graph.node:
+        if later & set(node.input):
+            return False
+        later -= set(node.output)
+    return True
+
+
+@pytest.mark.parametrize("kind", KINDS)
+@pytest.mark.parametrize("name", CLASSES)
+def test_every_class_on_every_kind(name: str, kind: str) -> None:
+    for before in (occurrence(patterns(name)[0]), class_graph(name, 1)):
+        KINDS[kind](before)
+        graph = GraphProto.FromString(before.SerializeToString())
+        outcome = apply(name, graph)
+        if outcome == 0:
+            assert graph.SerializeToString(deterministic=True) == before.SerializeToString(deterministic=True)
+        assert not ordered(before) or ordered(graph)
+        assert all(count <= max(1, writers(before)[written]) for written, count in writers(graph).items())
+        if isinstance(outcome, int):
+            assert missing(graph) <= missing(before)
+        gone = contents(before) - contents(graph)
+        assert sum(gone.values()) <= 20 * (outcome if isinstance(outcome, int) else 20)
+        if kind == "unknown fields":
+            for element in (*graph.input, *graph.output, *graph.value_info, graph):
+                assert UNKNOWN in element.SerializeToString()
+            plain = sum(UNKNOWN not in node.SerializeToString() for node in graph.node)
+            assert not isinstance(outcome, int) or plain <= 6 * outcome
+
+
+class Everything(AbstractTransformation):
+    def run(self, graph: GraphProto, pattern: list[str], replacement: list[str]) -> int:
+        return self._replace_all_isomorphic_sub_graphs(graph, pattern, replacement)
+
+
+def test_no_graph_at_all() -> None:
+    for name in CLASSES:
+        for graph in (GraphProto(), ModelProto().graph):
+            assert apply(name, graph) == 0
+            assert graph.ByteSize() == 0
+
+
+def test_a_long_chain() -> None:
+    count = 100_000 * SCALE
+    graph = GraphProto(node=[NodeProto(op_type="Relu", input=[f"x{k}"], output=[f"x{k + 1}"]) for k in range(count)])
+    assert Everything().run(graph, ["Relu:0->1", "Relu:1->2"], ["Clip:0->2"]) == count // 2
+    assert operators(graph) == " ".join(["Clip"] * (count // 2))
+    assert graph.node[-1].output[0] == f"x{count}"
+
+
+def test_one_tensor_with_many_readers() -> None:
+    count = 50_000 * SCALE
+    graph = GraphProto(node=[NodeProto(op_type="Relu", input=["x"], output=[f"y{k}"]) for k in range(count)])
+    assert Everything().run(graph, ["Relu:0->1"], ["Neg:0->2", "#0:2->1"]) == count
+    assert len(graph.node) == 2 * count
+    assert len(find_occurrences(graph, ["Neg:0->1", "Relu:1->2"], [])) == count
+
+
+def test_many_initializers() -> None:
+    """Each of them is looked up, made anew, and cleaned away."""
+    count = 2000 * SCALE
+    weight = np.zeros((1, 1, 1, 1), np.float32)
+    graph = GraphProto(initializer=[numpy_helper.from_array(weight, f"w{k}") for k in range(50 * count)])
+    for k in range(count):
+        graph.node.add(op_type="Conv", input=[f"x{k}", f"w{50 * k}"], output=[f"x{k + 1}"])
+    assert quant.QuantConvTransformation().apply(graph) == count
+    assert len(graph.initializer) == 50 * count + count
+    assert not missing(graph) - {"x0"}
