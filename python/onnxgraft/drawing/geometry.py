@@ -1,12 +1,15 @@
-"""Lines and text widths that all drawings share."""
+"""Lines, text widths and escaping that all drawings share."""
 
 from __future__ import annotations
 
+from html import escape
 from itertools import pairwise
 
 from onnxgraft.drawing.layout import Edge, Layout
 
 _ARROW = 6.0
+# Control characters are shown as the pictures that Unicode has for them: a browser would drop or misread them.
+_PICTURES = {code: 0x2400 + code for code in range(32)} | {127: 0x2421}
 
 
 def edge_paths(layout: Layout, edge: Edge) -> tuple[str, str]:
@@ -30,3 +33,8 @@ def edge_paths(layout: Layout, edge: Edge) -> tuple[str, str]:
 def text_width(text: str, size: float) -> float:
     """An upper bound of what sans-serif fonts take."""
     return 0.58 * size * len(text)
+
+
+def markup(value: str) -> str:
+    """A text of a model, whatever it holds, as text of SVG and HTML, fit for attributes in double quotes too."""
+    return escape(value.translate(_PICTURES).encode("utf-8", "replace").decode())

@@ -55,8 +55,16 @@ class Layout:
         return item.x + (edge.port - (edge.ports - 1) / 2) * step
 
 
-def place(sizes: Mapping[str, tuple[float, float]], reads: Mapping[str, Sequence[str]]) -> Layout:
-    """Places items of the given sizes; `reads` says from which items each one reads, in order of its inputs."""
+def place(
+    sizes: Mapping[str, tuple[float, float]], reads: Mapping[str, Sequence[str]], *, still: float = 0.0
+) -> Layout:
+    """Places items.
+
+    Args:
+        sizes: Width and height of each.
+        reads: From which items each one reads, in order of its inputs.
+        still: The work ends once no item moves that far any more.
+    """
     items = {name: Item(width, height) for name, (width, height) in sizes.items()}
     edges = [Edge(source, name, k, len(sources)) for name, sources in reads.items() for k, source in enumerate(sources)]
     _set_layers(items, reads)
@@ -64,7 +72,7 @@ def place(sizes: Mapping[str, tuple[float, float]], reads: Mapping[str, Sequence
     steps = [pair for edge in layout.edges for pair in pairwise((edge.start, *edge.via, edge.end))]
     layout.layers = _first_order(items, reads, layout.edges)
     _reduce_crossings(layout, steps)
-    _set_x(layout)
+    _set_x(layout, still)
     _set_y(layout)
     return layout
 
@@ -150,22 +158,31 @@ def _crossings(layout: Layout) -> int:
     return sum((a[1] - b[1]) * (a[2] - b[2]) < 0 for k, a in enumerate(lines) for b in lines[:k] if a[0] == b[0])
 
 
-def _set_x(layout: Layout) -> None:
+def _set_x(layout: Layout, still: float) -> None:
     """Pulls every item towards its neighbours, layer by layer, without overlaps."""
     items = layout.items
     for layer in layout.layers:
         _spread(items, layer, [k * 60.0 for k in range(len(layer))])
     pulls = _pulls(layout)
+    quiet = 0
     for sweep in range(6 * _SWEEPS):
         layers = layout.layers if sweep % 2 == 0 else layout.layers[::-1]
+        before = [item.x for item in items.values()]
         for layer in layers:
             _spread(items, layer, [_wanted(items, name, pulls[name]) for name in layer])
+        quiet = quiet + 1 if _has_settled(before, items, still) else 0
+        if quiet == 2:  # downwards and upwards
+            break
     for layer in layout.layers:  # at last chains hang straight down
         _spread(items, layer, [_above(items, name, pulls[name]) for name in layer])
     left = min(item.x - item.width / 2 for item in items.values())
     for item in items.values():
         item.x -= left
     layout.width = max(item.x + item.width / 2 for item in items.values())
+
+
+def _has_settled(before: Sequence[float], items: Mapping[str, Item], still: float) -> bool:
+    return all(abs(x - item.x) < still for x, item in zip(before, items.values(), strict=True))
 
 
 def _pulls(layout: Layout) -> dict[str, list[tuple[str, float, int]]]:

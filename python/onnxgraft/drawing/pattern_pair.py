@@ -10,7 +10,7 @@ from dataclasses import dataclass
 from enum import Enum
 
 # What the initializer inputs of an operator are called, by position; one without a name shows its id only.
-_INPUT_NAMES = {
+INPUT_NAMES = {
     "Conv": ("x", "w", "b"),
     "Gemm": ("x", "w", "b"),
     "MatMul": ("x", "w"),
@@ -126,7 +126,7 @@ def _node(op: str, number: int | None, line: _Line, state: State, others: set[st
     constants = []
     for position, link in enumerate(line.inputs):
         if link.endswith("i"):
-            names = _INPUT_NAMES.get(op, ())
+            names = INPUT_NAMES.get(op, ())
             name = names[position] if position < len(names) else ""
             known = State.KEPT if link in others or link == _REST else otherwise
             constants.append(Constant("any", "", known) if link == _REST else Constant(name, link[:-1], known))
