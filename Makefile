@@ -55,11 +55,11 @@ sanitize: .venv/installed .venv/test-tools ## Run all tests with address and und
 	exit $$status
 
 SECONDS ?= 300
-fuzz: .venv/installed .venv/test-tools ## Search for faults at random, SECONDS=300 for the notation (needs clang), as long again for graphs
+fuzz: .venv/installed .venv/test-tools ## Search for faults at random, the notation for SECONDS (300; needs clang), then graphs
 	@$(TOOLS) tools/run-fuzzers $(BIN)/python $(SECONDS)
 
-matrix: .venv/tools ## Run the tests on each Python found, with the oldest and the newest packages (PYTHONS="python3.10 ...")
-	@$(TOOLS) $(BIN)/python -m tools.matrix $(PYTHONS)
+matrix: .venv/tools ## Run the tests on each Python found, with the oldest and the newest packages (TESTS="tests/python/...")
+	@$(TOOLS) $(BIN)/python -m tools.matrix $(TESTS)
 
 lint: .venv/installed .venv/test-tools .venv/lint-tools ## Check formats, types and the C++ code
 	$(BIN)/ruff check $(PYTHON_DIRS) tests/typing
