@@ -12,7 +12,7 @@ from pathlib import Path
 from bench.figures import Contest, Figure, Results
 from bench.groups import GROUPS
 from bench.picture import Bar, Panel, draw
-from bench.report import amount
+from bench.report import amount, ratio
 
 BEGIN, END = "<!-- figures: begin (made by make bench-docs) -->", "<!-- figures: end -->"
 
@@ -50,7 +50,7 @@ def _table(heading: str, numbers: Iterable[str], rows: Iterable[tuple[str, ...]]
 def _figures(figures: list[Figure]) -> Iterator[str]:
     rows = []
     for figure in figures:
-        value = f"{figure.value:.2f}"
+        value = ratio(figure.value)
         aim = "" if figure.aim is None else f"<= {figure.aim:.3g}"
         sides = [amount(side, figure.unit) for side in (figure.measured, figure.against)]
         name = f"{figure.name} ({figure.note})" if figure.note else figure.name
@@ -61,11 +61,11 @@ def _figures(figures: list[Figure]) -> Iterator[str]:
 def _contest(contest: Contest) -> Iterator[str]:
     def row(tool: str, seconds: float, alone: str) -> tuple[str, ...]:
         each = f"{1e6 * seconds / contest.occurrences:,.1f}"
-        return tool, amount(seconds, "s"), each, f"{seconds / contest.floor_seconds:.2f}", alone
+        return tool, amount(seconds, "s"), each, ratio(seconds / contest.floor_seconds), alone
 
     rows = [row(contest.floor, contest.floor_seconds, "")]
     for entry in contest.entries:
-        rows.append(row(entry.tool, entry.seconds, f"{entry.rewriting_seconds / contest.floor_seconds:.2f}"))
+        rows.append(row(entry.tool, entry.seconds, ratio(entry.rewriting_seconds / contest.floor_seconds)))
     rows += [(reason, "", "", "", "") for reason in contest.left_out]
     return _table("Tool", ("Time", "µs each", f"x {contest.floor}", "without conversion"), rows)
 

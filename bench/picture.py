@@ -7,6 +7,8 @@ from collections.abc import Iterator, Sequence
 from dataclasses import dataclass
 from html import escape
 
+from bench.report import ratio
+
 _WIDTH, _MARGIN, _LABELS, _VALUES = 760.0, 20.0, 180.0, 60.0
 _TITLE, _HEADING, _ROW, _BAR, _AXIS = 44.0, 30.0, 24.0, 15.0, 30.0
 _FONT = 'font-family="Helvetica, Arial, sans-serif"'
@@ -31,12 +33,15 @@ class Panel:
 
 
 def draw(title: str, panels: Sequence[Panel]) -> str:
-    """The whole picture; the axis begins at 1, so that a bar's length is what is added to the floor."""
-    top = max((bar.value for panel in panels for bar in panel.bars), default=10.0)
-    scale = (_WIDTH - 2 * _MARGIN - _LABELS - _VALUES) / math.log10(max(top, 10.0))
+    """The whole picture; the axis begins at 1 or, if a value is smaller, at a power of two below it."""
+    values = [bar.value for panel in panels for bar in panel.bars]
+    low = 2.0 ** math.floor(math.log2(min(values, default=1.0) * 0.999)) if min(values, default=1.0) < 1 else 1.0
+    top = max([10.0, *values])
+    scale = (_WIDTH - 2 * _MARGIN - _LABELS - _VALUES) / math.log10(top / low)
     left = _MARGIN + _LABELS
     height = _TITLE + sum(_HEADING + _ROW * len(panel.bars) for panel in panels) + _AXIS
-    ticks = [base * 10**power for power in range(int(math.log10(max(top, 10.0))) + 1) for base in (1, 2, 5)]
+    powers = range(math.floor(math.log10(low)), math.ceil(math.log10(top)) + 1)
+    ticks = [tick for power in powers for base in (1, 2, 5) if low <= (tick := base * 10.0**power) <= top]
     parts = [
         f'<svg xmlns="http://www.w3.org/2000/svg" width="{_WIDTH:.0f}" height="{height:.0f}" '
         f'viewBox="0 0 {_WIDTH:.0f} {height:.0f}" role="img">',
@@ -44,27 +49,27 @@ def draw(title: str, panels: Sequence[Panel]) -> str:
         f'<rect width="{_WIDTH:.0f}" height="{height:.0f}" rx="8" fill="#ffffff"/>',
         _text(_MARGIN, 24, title, 14, _INK, "start"),
     ]
-    for tick in (tick for tick in ticks if tick <= max(top, 10.0)):
-        x = left + scale * math.log10(tick)
-        parts.append(f'<path d="M{x:.1f} {_TITLE:.1f}V{height - _AXIS:.1f}" stroke="{_GRID}"/>')
+    for tick in ticks:
+        x = left + scale * math.log10(tick / low)
+        colour = _GREY if tick == 1 else _GRID
+        parts.append(f'<path d="M{x:.1f} {_TITLE:.1f}V{height - _AXIS:.1f}" stroke="{colour}"/>')
         parts.append(_text(x, height - _AXIS + 14, f"{tick:g} x", 11, _GREY, "middle"))
     y = _TITLE
     for panel in panels:
         parts.append(_text(_MARGIN, y + 15, panel.heading, 12, _GREY, "start"))
         y += _HEADING
         for bar in panel.bars:
-            parts += _bar(bar, left, y, scale)
+            parts += _bar(bar, left, y, scale * math.log10(bar.value / low))
             y += _ROW
     return "\n".join([*parts, "</svg>"]) + "\n"
 
 
-def _bar(bar: Bar, left: float, y: float, scale: float) -> Iterator[str]:
-    length = max(1.0, scale * math.log10(max(bar.value, 1.0)))
+def _bar(bar: Bar, left: float, y: float, length: float) -> Iterator[str]:
     middle = y + _BAR / 2
     yield _text(left - 8, middle, bar.name, 12, _INK, "end")
     colour = _OWN if bar.own else _OTHER
     yield f'<rect x="{left:.1f}" y="{y:.1f}" width="{length:.1f}" height="{_BAR:.0f}" rx="2" fill="{colour}"/>'
-    yield _text(left + length + 6, middle, f"{bar.value:.3g}", 12, _INK, "start")
+    yield _text(left + length + 6, middle, ratio(bar.value), 12, _INK, "start")
 
 
 def _text(x: float, y: float, text: str, size: float, colour: str, anchor: str) -> str:

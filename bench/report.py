@@ -17,6 +17,11 @@ def amount(value: float, unit: str) -> str:
     return f"{value:.3g} {unit}" if value < 1000 else f"{value:,.0f} {unit}"
 
 
+def ratio(value: float) -> str:
+    """Two decimals; below 1 three digits that count."""
+    return f"{value:.3g}" if value < 1 else f"{value:,.2f}"
+
+
 def show(results: Results) -> None:
     """Prints a table for each group that was run."""
     console = Console(markup=False, highlight=False, width=120)
@@ -41,7 +46,7 @@ def _figures(title: str, figures: list[Figure]) -> Table:
         aim = "" if figure.aim is None else f"<= {figure.aim:.3g}"
         sides = (amount(side, figure.unit) for side in (figure.measured, figure.against))
         name = f"{figure.name} ({figure.note})" if figure.note else figure.name
-        table.add_row(name, f"{figure.value:.2f}{mark}", aim, *sides)
+        table.add_row(name, ratio(figure.value) + mark, aim, *sides)
     return table
 
 
@@ -50,7 +55,7 @@ def _contest(contest: Contest) -> Table:
     table = _table(contest.work, "Tool", *columns)
     table.add_row(contest.floor, *_row(contest, contest.floor_seconds), "")
     for entry in contest.entries:
-        alone = f"{entry.rewriting_seconds / contest.floor_seconds:.2f}"
+        alone = ratio(entry.rewriting_seconds / contest.floor_seconds)
         table.add_row(entry.tool, *_row(contest, entry.seconds), alone)
     for reason in contest.left_out:
         table.add_row(f"({reason})")
@@ -59,4 +64,4 @@ def _contest(contest: Contest) -> Table:
 
 def _row(contest: Contest, seconds: float) -> tuple[str, str, str]:
     each = 1e6 * seconds / contest.occurrences
-    return amount(seconds, "s"), f"{each:,.1f}", f"{seconds / contest.floor_seconds:.2f}"
+    return amount(seconds, "s"), f"{each:,.1f}", ratio(seconds / contest.floor_seconds)

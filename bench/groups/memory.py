@@ -53,7 +53,8 @@ def _figures(name: str, model: onnx.ModelProto, rewrite: str, aims: dict[str, fl
             # The floor drops what it makes, so the new tensors are no part of its peak but for the one in hand.
             base = _peak("needed", source) if work == "F3" else needed
             extra = max(0, _peak(work, source) - base)
-            title = f"{work.replace('_', ' ') if work != rewrite else work}, {name}: extra memory"
+            tool = next((row.name for row in QUANTIZING if row.module == work), "")
+            title = f"{tool or work}, {name}: extra memory"
             yield Figure(title, extra / _MEGABYTE, needed / _MEGABYTE, aim, "MB")
 
 
