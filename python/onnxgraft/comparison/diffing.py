@@ -13,7 +13,6 @@ from onnxgraft.comparison.regions import group, neighbours
 from onnxgraft.comparison.result import GraphDiff, NodeChange, Region, RegionSide, ValueChange
 from onnxgraft.engine.node_texts import attribute_text, value_text
 from onnxgraft.engine.report import NodeText
-from onnxgraft.engine.surroundings import Shapes
 
 # Of one region on one side; a tensor may have thousands of readers.
 _MOST_NEIGHBOURS = 24
@@ -23,7 +22,7 @@ def diff(before: onnx.ModelProto, after: onnx.ModelProto) -> GraphDiff:
     """What is different between two models: nodes, initializers, inputs, outputs and operator sets.
 
     Names of nodes and tensors do not count where the graph tells which one is meant, neither does the order of nodes.
-    Nested bodies are compared as a whole.
+    `Constant` nodes are compared as initializers, nested bodies as a whole.
 
     Args:
         before: A model; it is not changed. Its external data need not be there.
@@ -45,7 +44,7 @@ def diff(before: onnx.ModelProto, after: onnx.ModelProto) -> GraphDiff:
         initializers=_initializers(sides, _renamed_constants(sides, matching)),
         inputs=_values(before.graph.input, after.graph.input),
         outputs=_values(before.graph.output, after.graph.output),
-        model=_headers(before, after),
+        model=_headers(before, after) + _constant_nodes(sides),
     )
     tell = [_SideTeller(side) for side in sides]
     for old, new in regions:
@@ -59,7 +58,8 @@ class _SideTeller:
 
     def __init__(self, side: Outline) -> None:
         self._side = side
-        self._shapes = Shapes(side.graph)
+        graph = side.graph
+        self._values = {v.name: v for values in (graph.value_info, graph.output, graph.input) for v in values}
         self._readers: dict[str, list[int]] = {}
         for index, node in enumerate(side.nodes):
             for name in set(node.input):
@@ -72,9 +72,14 @@ class _SideTeller:
         return RegionSide(
             texts,
             tuple(NodeText.of(self._side.nodes[index], index) for index in around),
-            self._shapes.texts(names),
+            {name: shape for name in names if (shape := self._shape(name)) is not None},
             frozenset(name for name in names if self._side.is_constant(name)),
         )
+
+    def _shape(self, name: str) -> str | None:
+        if self._side.is_constant(name):
+            return self._side.constant_text(name)
+        return value_text(self._values[name]) if name in self._values else None
 
 
 def _changes(sides: tuple[Outline, Outline], matching: NodeMatching) -> dict[int, NodeChange]:
@@ -109,8 +114,7 @@ def _is_same(sides: tuple[Outline, Outline], renamed: dict[str, str], first: str
     """Values of an initializer are none of its readers' business, type and shape are."""
     before, after = sides
     if before.is_constant(first) != after.is_constant(second):
-        # A `Constant` node made an initializer is no change of what reads it.
-        return first == second
+        return False
     if before.is_constant(first):
         if first == second:
             return before.constant_text(first) == after.constant_text(second)
@@ -147,6 +151,11 @@ def _pair_by_operator(
         if len(first) == len(second):
             for pair in zip(first, second, strict=True):
                 matching.pair_up(*pair)
+
+
+def _constant_nodes(sides: tuple[Outline, Outline]) -> list[str]:
+    old, new = (len(side.constant_nodes) for side in sides)
+    return [f"Constant nodes, which are compared as initializers: {old} -> {new}"] if old != new else []
 
 
 def _renamed_constants(sides: tuple[Outline, Outline], matching: NodeMatching) -> dict[str, str]:

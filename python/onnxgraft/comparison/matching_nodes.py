@@ -39,8 +39,8 @@ class NodeMatching:
         """The nodes of either side that have no counterpart."""
         before, after = self._sides
         return (
-            [k for k in range(len(before.nodes)) if k not in self.pairs],
-            [k for k in range(len(after.nodes)) if k not in self._taken],
+            [k for k in range(len(before.nodes)) if k not in self.pairs and k not in before.constant_nodes],
+            [k for k in range(len(after.nodes)) if k not in self._taken and k not in after.constant_nodes],
         )
 
     def _match_inputs(self) -> None:

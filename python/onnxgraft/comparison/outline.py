@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import hashlib
 
+import numpy as np
 import onnx
 from onnx import numpy_helper
 
@@ -22,8 +23,26 @@ class Outline:
         self.tensors = {tensor.name: tensor for tensor in graph.initializer}
         self.sparse = {tensor.values.name: tensor for tensor in graph.sparse_initializer}
         self.inputs = [v.name for v in graph.input if v.name not in self.tensors and v.name not in self.sparse]
-        self.writers = {name: index for index, node in enumerate(self.nodes) for name in node.output if name}
+        self.constant_nodes = self._take_constant_nodes()
+        self.writers = {
+            name: index
+            for index, node in enumerate(self.nodes)
+            if index not in self.constant_nodes
+            for name in node.output
+            if name
+        }
         self._digests: dict[str, str] = {}
+
+    def _take_constant_nodes(self) -> set[int]:
+        """`Constant` nodes count as initializers: exporters write either."""
+        taken = set()
+        for index, node in enumerate(self.nodes):
+            if node.op_type == "Constant" and self.contents[index][1] == "" and len(node.attribute) == 1:
+                tensor = _value(node.attribute[0])
+                if tensor is not None:
+                    self.tensors[node.output[0]] = tensor
+                    taken.add(index)
+        return taken
 
     def is_constant(self, name: str) -> bool:
         """Whether the tensor is an initializer."""
@@ -46,6 +65,18 @@ class Outline:
         return self._digests[name]
 
 
+def _value(attribute: onnx.AttributeProto) -> onnx.TensorProto | None:
+    """The tensor that a `Constant` node writes; None for texts and sparse ones."""
+    if attribute.type == onnx.AttributeProto.TENSOR:
+        return attribute.t
+    values = {"value_float": attribute.f, "value_floats": attribute.floats} if "float" in attribute.name else {}
+    values |= {"value_int": attribute.i, "value_ints": attribute.ints} if "int" in attribute.name else {}
+    if attribute.name not in values:
+        return None
+    dtype = np.float32 if "float" in attribute.name else np.int64
+    return numpy_helper.from_array(np.array(values[attribute.name], dtype))
+
+
 def _content(node: onnx.NodeProto) -> Content:
     """Operator and attributes; in whatever order these stand."""
     parts = sorted(attribute.SerializeToString(deterministic=True) for attribute in node.attribute)
@@ -64,5 +95,7 @@ def _digest(tensor: onnx.TensorProto) -> str:
         try:
             data = numpy_helper.to_array(tensor).tobytes()  # the same bytes as raw data would be
         except (TypeError, ValueError):  # texts, or a tensor whose values do not fit its shape
-            data = tensor.SerializeToString(deterministic=True).replace(tensor.name.encode(), b"")
+            copy = onnx.TensorProto.FromString(tensor.SerializeToString())
+            copy.ClearField("name")
+            data = copy.SerializeToString(deterministic=True)
     return f"{title} {hashlib.blake2b(data, digest_size=16).hexdigest()}"

@@ -65,13 +65,13 @@ class GraphDiff:
 
     nodes_before: int = 0
     nodes_after: int = 0
-    unchanged: int = 0  # nodes
+    unchanged: int = 0  # nodes, without `Constant` nodes
     operators: dict[str, tuple[int, int]] = field(default_factory=dict)  # those whose count changed: before, after
     regions: list[Region] = field(default_factory=list)
     initializers: list[ValueChange] = field(default_factory=list)
     inputs: list[ValueChange] = field(default_factory=list)
     outputs: list[ValueChange] = field(default_factory=list)
-    model: list[str] = field(default_factory=list)  # operator sets, IR version, functions
+    model: list[str] = field(default_factory=list)  # operator sets, IR version, functions, `Constant` nodes
 
     @property
     def is_empty(self) -> bool:
