@@ -97,14 +97,21 @@ class DataFile:
         self.size = start + extent.length
         return start
 
-    def seal(self) -> None:
-        """Brings all bytes and the name to the disk and closes the file."""
+    def seal(self, in_place_of: DataFile | None = None) -> None:
+        """Brings all bytes and the name to the disk and closes the file.
+
+        Args:
+            in_place_of: Another new file, whose name this one takes.
+        """
         with self._failures():
             self._stream.flush()
             # A last tensor of no bytes still lies inside of the file.
             self._stream.truncate(self.size)
             os.fsync(self._stream.fileno())
             self._stream.close()
+            if in_place_of is not None:
+                in_place_of.discard()
+                self.path = self.path.rename(in_place_of.path)
         sync_folder(self.path.parent)
 
     def discard(self) -> None:

@@ -19,6 +19,9 @@ from onnxgraft.errors import ModelFileError
 from onnxgraft.external_data import Extent, locate, refer
 from onnxgraft.tensors import raw_values, stored_tensors
 
+# Unused bytes that a data file may always have: what lies between its tensors.
+_SLACK = 1 << 20
+
 
 @dataclass(frozen=True)
 class Storage:
@@ -58,6 +61,7 @@ class WeightFile:
             ModelFileError: Tensors are to stay where a model at `target` cannot refer to.
         """
         self.data: DataFile | None = None
+        self._replaced: DataFile | None = None  # one with gaps, while its tensors go to another
         self._target = target
         self._storage = storage
         real = Path(os.path.realpath(folder))
@@ -99,42 +103,55 @@ class WeightFile:
         Raises:
             ModelFileError: The bytes could not be read or written.
         """
-        places: list[tuple[onnx.TensorProto, str, int, int]] = []
+        if self._has_gaps(model):
+            self._replaced, self.data = self.data, None
+        replaced = self._replaced
+        places: list[tuple[onnx.TensorProto, str | None, int, int]] = []
         copied: dict[Extent, int] = {}
         kept: set[Path] = set()
         for tensor in stored_tensors(model):
             if uses_external_data(tensor):
                 extent = locate(tensor, self.folder)
-                location, start = extent.file.name, extent.offset
+                location, start = None, extent.offset
                 if self.data is not None and extent.file == self.data.path:
                     pass
-                elif self._storage.keep:
+                elif self._storage.keep and not (replaced is not None and extent.file == replaced.path):
                     location = self._kept_location(extent)
                     kept.add(extent.file)
                 else:
                     # Tensors with the same bytes go on sharing them.
                     if extent not in copied:
                         copied[extent] = self._open().append_extent(extent)
-                    location, start = self._open().path.name, copied[extent]
+                    start = copied[extent]
                 places.append((tensor, location, start, extent.length))
             elif (content := raw_values(tensor, self._storage.threshold)) is not None:
-                data = self._open()
-                places.append((tensor, data.path.name, data.append(content), len(content)))
+                places.append((tensor, None, self._open().append(content), len(content)))
         if self.data is not None:
-            self.data.seal()
-        for place in places:
-            refer(*place)
+            self.data.seal(in_place_of=replaced)
+        elif replaced is not None:
+            replaced.discard()  # nothing in it is used
+        for tensor, location, start, length in places:
+            refer(tensor, location or self._open().path.name, start, length)
         return frozenset(kept)
 
     def hand_over(self) -> DataFile | None:
         """The sealed data file, which stays from now on."""
-        data, self.data = self.data, None
+        data, self.data, self._replaced = self.data, None, None
         return data
 
     def discard(self) -> None:
         """Removes the data file unless it was handed over."""
-        if self.data is not None:
-            self.data.discard()
+        for data in (self.data, self._replaced):
+            if data is not None:
+                data.discard()
+
+    def _has_gaps(self, model: onnx.ModelProto) -> bool:
+        """Whether an eighth of the data file or more is of tensors that were dropped again."""
+        if self.data is None:
+            return False
+        extents = {locate(tensor, self.folder) for tensor in _external(model)}
+        used = sum(extent.length for extent in extents if extent.file == self.data.path)
+        return (self.data.size - used) * 8 >= self.data.size + _SLACK
 
     def _open(self) -> DataFile:
         if self.data is None:

@@ -103,6 +103,20 @@ def test_kept_weights_stay_where_they_are(folder: Path, out: str, location: str)
     assert files(folder) == before
 
 
+def test_what_was_stored_and_dropped_again_does_not_stay_in_the_file(folder: Path) -> None:
+    with ModelOutput(Path("o.onnx"), overwrite=False) as output:
+        model = load(Path("in/model.onnx"))
+        weights = output.weights_for(model, Path("in"))
+        for index, length in enumerate((300, 10**6)):
+            tensor = numpy_helper.from_array(np.arange(length, dtype=np.float32), f"t{index}")
+            model.graph.initializer.append(weights.store(tensor))
+        del model.graph.initializer[-1]
+        saved = output.save(model, weights.folder)
+    assert saved.data_size < 10**5
+    assert files(folder) == ["in/model.onnx", "in/weights.bin", "o.onnx", "o.onnx.data"]
+    assert numpy_helper.to_array(onnx.load("o.onnx").graph.initializer[-1]).tolist() == list(range(300))
+
+
 @pytest.mark.parametrize("typed", [False, True])
 def test_weights_leave_the_model_file_if_asked_to(folder: Path, typed: bool) -> None:
     values = np.arange(300, dtype=np.float32)
