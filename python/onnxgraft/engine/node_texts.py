@@ -4,29 +4,45 @@ from __future__ import annotations
 
 import math
 from collections.abc import Callable, Iterable, Sequence
-from typing import Any
+from typing import Any, TypeAlias
 
 import onnx
 from onnx import numpy_helper
+
+# A node apart from its graph: its bytes, or its fields.
+Kept: TypeAlias = bytes | dict[str, Any]
+# Element type and dimensions, or a text already.
+TensorKind: TypeAlias = tuple[int, Sequence[int]] | str
 
 _KINDS = onnx.AttributeProto
 # Larger tensors are told by type and shape alone; longer texts are cut.
 _MOST_VALUES = 8
 _LONGEST = 80
+# The bytes of larger nodes hold weights.
+_LARGEST_KEPT = 1 << 12
 # NumPy's names: the field's own, but for two.
 _TYPE_NAMES = {number: name.lower() for name, number in onnx.TensorProto.DataType.items()}
 _TYPE_NAMES |= {onnx.TensorProto.FLOAT: "float32", onnx.TensorProto.DOUBLE: "float64"}
 
 
-def describe(node: onnx.NodeProto, index: int | None) -> dict[str, Any]:
-    """The fields of a `NodeText`."""
+def keep(node: onnx.NodeProto) -> Kept:
+    """The node as it is now, apart from its graph: its bytes, or its fields if the bytes hold weights."""
+    content = node.SerializeToString()
+    return content if len(content) <= _LARGEST_KEPT else describe(content, None)
+
+
+def describe(kept: Kept, index: int | None) -> dict[str, Any]:
+    """The fields of a `NodeText`; `index` is the node's position in the graph."""
+    if isinstance(kept, dict):
+        return {**kept, "index": index}
+    node = onnx.NodeProto.FromString(kept)
     return {
         "index": index,
         "op_type": node.op_type,
         "domain": node.domain,
         "name": node.name,
-        "inputs": tuple(node.input),
-        "outputs": tuple(node.output),
+        "inputs": tuple(node.input[:]),
+        "outputs": tuple(node.output[:]),
         "attributes": {attribute.name: attribute_text(attribute) for attribute in node.attribute},
     }
 
@@ -38,11 +54,12 @@ def type_name(data_type: int) -> str:
 
 def tensor_text(tensor: onnx.TensorProto) -> str:
     """Type and shape of a tensor, such as "float32[64,3,3,3]"."""
-    return type_name(tensor.data_type) + _shape(tensor.dims)
+    return shape_text((tensor.data_type, tensor.dims[:]))
 
 
-def _shape(dims: Sequence[int]) -> str:
-    return str(list(dims)).replace(" ", "")
+def shape_text(kind: TensorKind) -> str:
+    """The same from type and dimensions; what is a text already stays."""
+    return kind if isinstance(kind, str) else type_name(kind[0]) + str(kind[1]).replace(" ", "")
 
 
 def value_text(value: onnx.ValueInfoProto) -> str:
@@ -88,7 +105,7 @@ def _graph(graph: onnx.GraphProto) -> str:
 
 
 def _sparse(tensor: onnx.SparseTensorProto) -> str:
-    return f"sparse {type_name(tensor.values.data_type)}{_shape(tensor.dims)}"
+    return f"sparse {shape_text((tensor.values.data_type, tensor.dims[:]))}"
 
 
 _TEXTS: dict[int, Callable[[onnx.AttributeProto], str]] = {

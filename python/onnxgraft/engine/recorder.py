@@ -18,6 +18,7 @@ from typing import Any, Literal
 import onnx
 
 from onnxgraft.abstract_transformation import AbstractTransformation, nearest_miss
+from onnxgraft.engine.node_texts import Kept, keep
 from onnxgraft.engine.report import NodeText, Occurrence, PatternResult
 from onnxgraft.engine.snapshot import Snapshot
 from onnxgraft.engine.surroundings import Neighbours, Shapes
@@ -159,34 +160,40 @@ class Recorder:
 
     def _take_hold(
         self, current: _Pass, graph: onnx.GraphProto, nodes: Sequence[onnx.NodeProto], mapping: Mapping[int, int]
-    ) -> tuple[tuple[NodeText, ...], list[tuple[int, onnx.NodeProto]]]:
-        """The replaced nodes in words, and the new ones with their indices: a callback may move or change them."""
+    ) -> tuple[list[Kept], list[tuple[onnx.NodeProto, int]]]:
+        """The replaced nodes as they are, and the new ones with their indices: a callback may move or change them."""
         if self._details == "counts":
-            return (), []
+            return [], []
         if current.shapes is None:
             current.shapes = Shapes(graph)
             current.neighbours = Neighbours(graph) if self._details == "neighbours" else None
         count, listed = len(current.result.replacement), graph.node
-        placed = [(index, listed[index]) for key, index in mapping.items() if key < count]
-        return tuple([NodeText.of(node) for node in nodes]), placed
+        placed = [(listed[index], index) for key, index in mapping.items() if key < count]
+        return [keep(node) for node in nodes], placed
 
     @staticmethod
     def _occurrence(
         current: _Pass,
-        before: tuple[NodeText, ...],
-        placed: list[tuple[int, onnx.NodeProto]],
+        before: list[Kept],
+        placed: list[tuple[onnx.NodeProto, int]],
         links: Mapping[str, str],
         accepted: bool,
         reasons: list[str],
     ) -> Occurrence:
-        after = tuple([NodeText.of(node, index) for index, node in placed])
         neighbours: tuple[NodeText, ...] = ()
         tensors = list(links.values())
         if current.neighbours is not None:
-            neighbours = current.neighbours.of(before, after)
+            neighbours = current.neighbours.of({index for _, index in placed}, tensors)
             tensors += [name for node in neighbours for name in (*node.inputs, *node.outputs)]
-        shapes = current.shapes.texts(tensors) if current.shapes is not None else {}
-        return Occurrence(accepted, "; ".join(reasons) or None, before, after, dict(links), neighbours, shapes)
+        return Occurrence.of(
+            accepted=accepted,
+            reason="; ".join(reasons) or None,
+            before=before,
+            after=[(keep(node), index) for node, index in placed],
+            links=links,
+            neighbours=neighbours,
+            kinds={} if current.shapes is None else current.shapes.kinds(tensors),
+        )
 
 
 def _hand_promise_on(wrapper: Callable[..., Any], original: Any, transformation: Any, *, is_default: bool) -> None:

@@ -5,13 +5,15 @@ A report outlives its model: holding a node would keep its whole graph in memory
 
 from __future__ import annotations
 
+from collections.abc import Iterable, Mapping
 from dataclasses import dataclass, field
 from typing import TYPE_CHECKING, Any
 
 import onnx
 
 from onnxgraft.engine import report_json
-from onnxgraft.engine.node_texts import describe
+from onnxgraft.engine.lazy import Lazy
+from onnxgraft.engine.node_texts import Kept, TensorKind, describe, keep, shape_text
 
 if TYPE_CHECKING:
     from rich.table import Table
@@ -19,13 +21,9 @@ if TYPE_CHECKING:
 # Raised whenever a reader of the previous version would misread the JSON text.
 SCHEMA_VERSION = 1
 
-# The bytes of larger nodes hold weights.
-_LARGEST_KEPT = 1 << 12
-_UNREAD = "_unread"
-
 
 @dataclass(frozen=True)
-class NodeText:
+class NodeText(Lazy):
     """A node in words."""
 
     index: int | None
@@ -39,26 +37,8 @@ class NodeText:
 
     @classmethod
     def of(cls, node: onnx.NodeProto, index: int | None = None) -> NodeText:
-        """The node as it is now; `index` is its position in the graph.
-
-        Its bytes are kept at first, which takes a tenth of the time, and put in words when somebody reads them.
-        """
-        content = node.SerializeToString()
-        if len(content) > _LARGEST_KEPT:
-            return cls(**describe(node, index))
-        text = object.__new__(cls)
-        vars(text)[_UNREAD] = (content, index)
-        return text
-
-    def __getattr__(self, name: str) -> Any:
-        # Called for fields that are not set: those of a text that nobody has read yet.
-        own = vars(self)
-        if _UNREAD not in own or name not in self.__dataclass_fields__:
-            raise AttributeError(f"{type(self).__name__!r} object has no attribute {name!r}")
-        content, index = own[_UNREAD]
-        own.update(describe(onnx.NodeProto.FromString(content), index))
-        del own[_UNREAD]
-        return own[name]
+        """The node as it is now; `index` is its position in the graph."""
+        return cls.later(describe, (keep(node), index))
 
     @property
     def label(self) -> str:
@@ -72,16 +52,48 @@ class NodeText:
 
 
 @dataclass(frozen=True)
-class Occurrence:
+class Occurrence(Lazy):
     """One place where a pattern was found."""
 
     accepted: bool
     reason: str | None = None  # why it was refused, where the callback said so
-    before: tuple[NodeText, ...] = ()  # the matched nodes, in the order of the pattern
-    after: tuple[NodeText, ...] = ()  # the nodes in their place, in the order of the replacement
+    before: tuple[NodeText, ...] = field(default_factory=tuple)  # the matched nodes, in the order of the pattern
+    after: tuple[NodeText, ...] = field(default_factory=tuple)  # those in their place, in the replacement's order
     links: dict[str, str] = field(default_factory=dict)  # pattern id -> tensor
-    neighbours: tuple[NodeText, ...] = ()  # producers and readers around them, if they were asked for
+    neighbours: tuple[NodeText, ...] = field(default_factory=tuple)  # producers and readers, if they were asked for
     shapes: dict[str, str] = field(default_factory=dict)  # tensor -> "float32[1,64,56,56]", where known
+
+    @classmethod
+    def of(
+        cls,
+        *,
+        accepted: bool,
+        reason: str | None,
+        before: Iterable[Kept],
+        after: Iterable[tuple[Kept, int]],
+        links: Mapping[str, str],
+        neighbours: tuple[NodeText, ...],
+        kinds: Mapping[str, TensorKind],
+    ) -> Occurrence:
+        """The occurrence of nodes that were kept; put in words when somebody reads it."""
+        rest = (before, after, dict(links), neighbours, kinds)
+        return cls.later(_occurrence_fields, rest, accepted=accepted, reason=reason)
+
+
+def _occurrence_fields(
+    before: Iterable[Kept],
+    after: Iterable[tuple[Kept, int]],
+    links: dict[str, str],
+    neighbours: tuple[NodeText, ...],
+    kinds: Mapping[str, TensorKind],
+) -> dict[str, Any]:
+    return {
+        "before": tuple(NodeText(**describe(node, None)) for node in before),
+        "after": tuple(NodeText(**describe(node, index)) for node, index in after),
+        "links": links,
+        "neighbours": neighbours,
+        "shapes": {name: shape_text(kind) for name, kind in kinds.items()},
+    }
 
 
 @dataclass

@@ -10,12 +10,12 @@ from collections.abc import Iterable
 
 import onnx
 
-from onnxgraft.engine.node_texts import tensor_text, value_text
+from onnxgraft.engine.node_texts import TensorKind, value_text
 from onnxgraft.engine.report import NodeText
 
 
 class Shapes:
-    """Types and shapes of a graph's tensors, put in words only when they are asked for."""
+    """Types and shapes of a graph's tensors, which are known from value_info, inputs, outputs and initializers."""
 
     def __init__(self, graph: onnx.GraphProto) -> None:
         self._values = {
@@ -33,15 +33,16 @@ class Shapes:
             self._tensors[tensor.name] = tensor
         self._count = count
 
-    def texts(self, names: Iterable[str]) -> dict[str, str]:
+    def kinds(self, names: Iterable[str]) -> dict[str, TensorKind]:
         """The known ones among the tensors of these names."""
         self._add_new_tensors()
-        found = {}
+        tensors, values = self._tensors, self._values
+        found: dict[str, TensorKind] = {}
         for name in names:
-            if (tensor := self._tensors.get(name)) is not None:
-                found[name] = tensor_text(tensor)
-            elif (value := self._values.get(name)) is not None:
-                found[name] = value_text(value)
+            if name in tensors:
+                found[name] = (tensors[name].data_type, tensors[name].dims[:])
+            elif name in values:
+                found[name] = value_text(values[name])
         return found
 
 
@@ -57,11 +58,11 @@ class Neighbours:
             for name in set(node.input):
                 self._readers.setdefault(name, []).append(index)
 
-    def of(self, before: Iterable[NodeText], after: Iterable[NodeText]) -> tuple[NodeText, ...]:
-        """The nodes next to an occurrence that are not part of it, in graph order."""
-        own = {node.index for node in after}
-        written = {name for node in (*before, *after) for name in node.outputs}
-        read = {name for node in (*before, *after) for name in node.inputs}
-        found = {self._writers[name] for name in read - written if name in self._writers}
-        found |= {index for name in written for index in self._readers.get(name, ())}
-        return tuple(NodeText.of(self._nodes[index], index) for index in sorted(found - own))
+    def of(self, own: set[int], tensors: Iterable[str]) -> tuple[NodeText, ...]:
+        """The nodes that write or read these tensors, but for those at the indices `own`, in graph order."""
+        found: set[int] = set()
+        for name in tensors:
+            found.update(self._readers.get(name, ()))
+            if name in self._writers:
+                found.add(self._writers[name])
+        return tuple([NodeText.of(self._nodes[index], index) for index in sorted(found - own)])
