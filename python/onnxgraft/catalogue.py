@@ -68,13 +68,14 @@ def _pairs(cls: type[Any]) -> tuple[Pair, ...]:
     taken: list[Pair] = []
 
     # The parameters are named as in the method that this one stands for.
-    def take_note(_self: object, graph: object, subgraph: Any, replacement: Any, *_: object, **_named: object) -> int:
+    def take_note(graph: object, subgraph: Any, replacement: Any, *_: object, **_named: object) -> int:
         taken.append((tuple(subgraph), tuple(replacement)))
         return 0
 
-    methods = {"_replace_all_isomorphic_sub_graphs": take_note}
-    recorder = types.new_class(cls.__name__, (cls,), exec_body=lambda namespace: namespace.update(methods))
-    recorder().apply(onnx.GraphProto())
+    # On the object, not in a subclass: making one may have effects that its author meant for his own subclasses.
+    recorder = cls()
+    vars(recorder)["_replace_all_isomorphic_sub_graphs"] = take_note
+    recorder.apply(onnx.GraphProto())
     return tuple(taken)
 
 

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import difflib
 import inspect
 from collections.abc import Callable, Iterable
 from dataclasses import dataclass
@@ -10,6 +11,7 @@ from typing import TYPE_CHECKING, Any, TypeAlias
 from onnxgraft import catalogue
 from onnxgraft.abstract_transformation import AbstractTransformation
 from onnxgraft.catalogue import Transformation
+from onnxgraft.errors import UnknownTransformationError
 
 if TYPE_CHECKING:
     from onnxgraft.recipe_book import Recipe
@@ -41,7 +43,10 @@ def recipe_of(selection: Selection) -> Recipe | None:
         return None
     found = recipe_book.recipes().get(selection)
     if found is None:
-        catalogue.find_row(selection)  # says which names are like it
+        known = [*catalogue.rows(), *recipe_book.recipes()]
+        raise UnknownTransformationError(
+            selection, difflib.get_close_matches(selection.lower(), known, n=3, cutoff=0.7)
+        )
     return found
 
 
