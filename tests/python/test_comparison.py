@@ -82,6 +82,11 @@ def other_attribute(made: onnx.ModelProto) -> None:
     made.graph.node[1].attribute.append(helper.make_attribute("group", 2))
 
 
+def swapped_operands(made: onnx.ModelProto) -> None:
+    for index, name in ((2, "d"), (3, "c")):
+        made.graph.node[index].output[0] = name
+
+
 def constant_node(made: onnx.ModelProto) -> None:
     tensor = made.graph.initializer.pop(0)
     made.graph.node.insert(0, helper.make_node("Constant", [], ["w"], value=tensor))
@@ -98,6 +103,7 @@ def other_opset(made: onnx.ModelProto) -> None:
         (other_type, "region 1: changed Conv 'node_1'"),
         (other_attribute, "region 1: changed Conv 'node_1'"),
         (constant_node, "6 -> 7 nodes: 0 removed, 0 added, 0 changed in 0 regions, 6 unchanged (Constant +1)"),
+        (swapped_operands, "region 1: changed Add 'node_4'"),
         (other_opset, "operator set ai.onnx: 17 -> 18"),
     ],
 )

@@ -51,7 +51,9 @@ def copy_of(model: onnx.ModelProto) -> onnx.ModelProto:
 
 def test_inputs_are_valid_and_planted_differences_are_found() -> None:
     before = tokens()
-    result = verify(before, copy_of(before), sizes={"tokens": 40}, runs=2)
+    unsorted = copy_of(before)
+    unsorted.graph.node.insert(0, unsorted.graph.node.pop())
+    result = verify(before, unsorted, sizes={"tokens": 40}, runs=2)
     assert result.passed
     # The width of the picture follows from the weight; ids stay below the 5 and 2 rows, or the evaluator would fail.
     assert result.inputs["picture"] == "float32[1,7]"

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 from collections import Counter
-from collections.abc import Iterable, Sequence
+from collections.abc import Container, Iterable, Mapping, Sequence
 
 import onnx
 
@@ -88,7 +88,30 @@ def _changes(sides: tuple[Outline, Outline], matching: NodeMatching) -> dict[int
         if what := _differences(sides, matching.renamed, first, second):
             old, new = NodeText.of(sides[0].nodes[first], first), NodeText.of(sides[1].nodes[second], second)
             changes[first] = NodeChange(old, new, tuple(what))
+    back = {second: first for first, second in matching.pairs.items()}
+    for first, second in matching.pairs.items():
+        if first not in changes and (what := _rewired(sides, first, second, back, changes)):
+            old, new = NodeText.of(sides[0].nodes[first], first), NodeText.of(sides[1].nodes[second], second)
+            changes[first] = NodeChange(old, new, tuple(what))
     return changes
+
+
+def _rewired(
+    sides: tuple[Outline, Outline], first: int, second: int, back: Mapping[int, int], changes: Container[int]
+) -> list[str]:
+    """Inputs of the same name that another node writes now, though that node is the same as before."""
+    before, after = sides
+    found = []
+    for position, (a, b) in enumerate(zip(before.nodes[first].input, after.nodes[second].input, strict=True)):
+        old, new = before.writers.get(a), after.writers.get(b)
+        if old is None or a != b:
+            continue
+        if new is None and not after.is_constant(b) and b not in after.inputs:
+            found.append(f"input {position}: nothing writes '{b}' any more")
+        elif new is not None and new in back and back[new] not in changes and back[new] != old:
+            writer = NodeText.of(after.nodes[new], new).label
+            found.append(f"input {position}: '{b}' is written by {writer} now")
+    return found
 
 
 def _differences(sides: tuple[Outline, Outline], renamed: dict[str, str], first: int, second: int) -> Iterable[str]:

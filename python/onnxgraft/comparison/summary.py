@@ -32,13 +32,13 @@ def counts(difference: GraphDiff) -> str:
     regions = difference.regions
     changed = sum(len(region.changes) for region in regions)
     removed, added = sum(len(region.removed) for region in regions), sum(len(region.added) for region in regions)
+    groups = "1 region" if len(regions) == 1 else f"{len(regions)} regions"
     operators = ", ".join(
         f"{name} {second - first:+d}" for name, (first, second) in sorted(difference.operators.items())
     )
     return (
         f"{difference.nodes_before} -> {difference.nodes_after} nodes: {removed} removed, {added} added, "
-        f"{changed} changed in {len(regions)} regions, {difference.unchanged} unchanged"
-        + (f" ({operators})" if operators else "")
+        f"{changed} changed in {groups}, {difference.unchanged} unchanged" + (f" ({operators})" if operators else "")
     )
 
 

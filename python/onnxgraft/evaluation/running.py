@@ -13,6 +13,7 @@ from onnxgraft.evaluation import runners
 from onnxgraft.evaluation.convention import Convention
 from onnxgraft.evaluation.errors import EvaluationError
 from onnxgraft.evaluation.lowering import lower
+from onnxgraft.evaluation.operator_formulas import label
 
 Array = npt.NDArray[Any]
 
@@ -50,6 +51,20 @@ def evaluate(
     wanted = {value.name for value in lowered.graph.input} - constants
     if missing := sorted(wanted - inputs.keys()):
         raise EvaluationError(f"no value is given for the graph inputs {', '.join(missing)}")
+    _check_order(lowered.graph)
     feeds = {name: inputs[name] for name in wanted}
     run = runners.run_reference if evaluator == "reference" else runners.run_onnxruntime
     return dict(zip(names, run(lowered, names, feeds, fspath(folder)), strict=True))
+
+
+def _check_order(graph: onnx.GraphProto) -> None:
+    """Raises EvaluationError for the first node that reads what is not there yet."""
+    later = {name for node in graph.node for name in node.output}
+    known = {tensor.name for tensor in graph.initializer} | {tensor.values.name for tensor in graph.sparse_initializer}
+    known |= {value.name for value in graph.input} | {""}
+    for node in graph.node:
+        for name in node.input:
+            if name not in known:
+                reason = "a later node writes: `prepare` sorts them" if name in later else "nothing writes"
+                raise EvaluationError(f"{label(node)} reads '{name}', which {reason}")
+        known.update(node.output)

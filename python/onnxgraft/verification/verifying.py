@@ -10,6 +10,7 @@ from os import PathLike
 import onnx
 
 from onnxgraft.evaluation import Convention, EvaluationError
+from onnxgraft.preparation import prepare
 from onnxgraft.verification import interface, notes
 from onnxgraft.verification.comparing import compare, worst
 from onnxgraft.verification.computing import Computer, Side
@@ -62,7 +63,7 @@ def verify(
         raise VerificationError(f"runs has to be 1 or more, not {runs}")
     if tolerance is not None and not 0 <= tolerance < math.inf:
         raise VerificationError(f"the tolerance has to be 0 or a positive number, not {tolerance}")
-    sides = [Side("before", before, folder_before or ""), Side("after", after, folder_after or "")]
+    sides = [Side("before", _sorted(before), folder_before or ""), Side("after", _sorted(after), folder_after or "")]
     inputs = inputs_of(before, sizes or {})
     result = Verification(inputs={name: str(value) for name, value in inputs.items()}, seed=seed, runs=runs)
     names = interface.common_outputs(before.graph, after.graph)
@@ -85,6 +86,20 @@ def verify(
     if computer.fallback is not None:
         result.notes.append(f"onnxruntime gave up: {computer.fallback}")
     return result
+
+
+def _sorted(model: onnx.ModelProto) -> onnx.ModelProto:
+    """The model, or a copy with its nodes in topological order if they are not."""
+    known: set[str] = set()
+    written = {name for node in model.graph.node for name in node.output}
+    for node in model.graph.node:
+        if any(name in written and name not in known for name in node.input):
+            copy = onnx.ModelProto()
+            copy.CopyFrom(model)
+            prepare(copy, ["sort_nodes"])
+            return copy
+        known.update(node.output)
+    return model
 
 
 def _compare(
