@@ -28,6 +28,9 @@ PIP = ("-m", "pip", "--disable-pip-version-check", "--no-input", "--quiet")
 _ABOUT = "import sys, sysconfig, os, ensurepip; print(sys.version_info[1], sys.implementation.name, \
 os.path.exists(os.path.join(sysconfig.get_path('include'), 'Python.h')))"
 
+_VERSIONS = "from importlib.metadata import version as v; \
+print(', '.join(f'{name} {v(name)}' for name in ('numpy', 'onnx', 'protobuf', 'rich')), end='')"
+
 
 def run(*command: str | Path, environment: dict[str, str] | None = None, folder: Path = ROOT) -> str:
     """Runs a command and returns what it printed; a failing one ends the process with its output."""
@@ -148,7 +151,9 @@ def main(arguments: Sequence[str] | None = None) -> None:
             environment = compiler_only(folder / "path") if archive else None
             run(python, *PIP, "install", package, environment=environment)
             try_out(python, folder)
-            print(f"Python {version}: {package.name} installed and tried", flush=True)
+            print(
+                f"Python {version}: {package.name} installed and tried with {run(python, '-c', _VERSIONS)}", flush=True
+            )
 
 
 if __name__ == "__main__":
