@@ -79,11 +79,16 @@ void Pass::run_round(core::OccurrenceList& occurrences) {
   record(occurrences, chosen);
 }
 
+void Pass::follow_list() {
+  if (!callback_.keeps_nodes()) writer_.follow(attribute(graph_, field::node));
+}
+
 /// Calls back once per occurrence. On an error, `chosen` holds what has to stay: the accepted ones and the one
 /// whose callback raised.
 void Pass::ask(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::vector<bool>& chosen) {
   chosen.assign(occurrences.size(), false);
   for (std::size_t index = 0; index < occurrences.size(); ++index) {
+    follow_list();
     const Callback::Arguments arguments = callback_.arguments(occurrences, plan, index, table_, writer_);
     chosen[index] = true;
     chosen[index] = callback_.call(arguments);
@@ -96,6 +101,7 @@ void Pass::take_back(const core::OccurrenceList& occurrences, const core::Splice
   bool all = true;
   for (const bool stays : chosen) all = all && stays;
   if (all) return;
+  follow_list();
   if (!writer_.synchronize()) {
     writer_.rearrange(plan.arrange(before, chosen));
     return;

@@ -42,6 +42,8 @@ class Pass {
   void prepare_writing();
   template <class Visit>
   void for_each_removed(const core::OccurrenceList& occurrences, std::size_t index, Visit visit) const;
+  /// Sees to it that the writer has the graph's own list, whatever a callback did to the graph.
+  void follow_list();
   void ask(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::vector<bool>& chosen);
   void take_back(const core::OccurrenceList& occurrences, const core::SplicePlan& plan,
                  const std::vector<core::NodeIndex>& before, const std::vector<bool>& chosen);

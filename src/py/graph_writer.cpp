@@ -45,6 +45,10 @@ void GraphWriter::begin() {
   set_order(std::move(order));
 }
 
+void GraphWriter::follow(Ref nodes) {
+  if (nodes.get() != nodes_.get()) nodes_ = std::move(nodes);
+}
+
 void GraphWriter::set_order(std::vector<NodeIndex> order) {
   order_ = std::move(order);
   position_.assign(table_.node_count(), absent);
@@ -53,7 +57,7 @@ void GraphWriter::set_order(std::vector<NodeIndex> order) {
 
 Ref GraphWriter::object(NodeIndex node) const {
   if (node < held_.size() && held_[node]) return held_[node].copy();
-  return item(nodes_, static_cast<Py_ssize_t>(position_[node]));
+  return item(nodes_.get(), static_cast<Py_ssize_t>(position_[node]));
 }
 
 void GraphWriter::hold(NodeIndex node) {
@@ -66,7 +70,7 @@ void GraphWriter::release(NodeIndex node) {
 
 void GraphWriter::hold_all() {
   held_.resize(table_.node_count());
-  const Ref elements = iterator(nodes_);
+  const Ref elements = iterator(nodes_.get());
   for (const NodeIndex node : order_) {
     Ref message = next(elements.get());
     if (!message) raise(PyExc_RuntimeError, "the graph's node list changed while it was read");
@@ -76,8 +80,8 @@ void GraphWriter::hold_all() {
 }
 
 bool GraphWriter::is_at(NodeIndex node, std::size_t position) const {
-  if (static_cast<Py_ssize_t>(position) >= length(nodes_)) return false;
-  return item(nodes_, static_cast<Py_ssize_t>(position)).get() == held_[node].get();
+  if (static_cast<Py_ssize_t>(position) >= length(nodes_.get())) return false;
+  return item(nodes_.get(), static_cast<Py_ssize_t>(position)).get() == held_[node].get();
 }
 
 Py_ssize_t GraphWriter::position(NodeIndex node) {
@@ -90,9 +94,9 @@ Py_ssize_t GraphWriter::position(NodeIndex node) {
 
 bool GraphWriter::synchronize() {
   if (!holds_all_) return false;
-  bool same = length(nodes_) == static_cast<Py_ssize_t>(order_.size());
+  bool same = length(nodes_.get()) == static_cast<Py_ssize_t>(order_.size());
   if (same) {
-    const Ref elements = iterator(nodes_);
+    const Ref elements = iterator(nodes_.get());
     for (std::size_t at = 0; same && at < order_.size(); ++at) {
       same = next(elements.get()).get() == held_[order_[at]].get();
     }
@@ -108,7 +112,7 @@ void GraphWriter::read_again() {
   }
   disturbed_ = true;
   std::vector<NodeIndex> order;
-  const Ref elements = iterator(nodes_);
+  const Ref elements = iterator(nodes_.get());
   while (const Ref message = next(elements.get())) {
     const auto found = known.find(message.get());
     const NodeIndex node = found != known.end() ? found->second : adopt(message.get());
@@ -163,7 +167,7 @@ void GraphWriter::rearrange(std::span<const NodeIndex> target) {
     }
     move_to(now, sorted);
     now = std::move(sorted);
-    delete_slice(nodes_, target.size(), now.size());
+    delete_slice(nodes_.get(), target.size(), now.size());
   } catch (...) {
     undo(now, before);
     throw;
@@ -177,26 +181,26 @@ void GraphWriter::move_to(std::span<const NodeIndex> from, std::span<const NodeI
   for (std::size_t at = 0; at < to.size(); ++at) rank[to[at]] = at;
   std::vector<std::size_t> ranks(from.size());
   for (std::size_t at = 0; at < from.size(); ++at) ranks[at] = rank[from[at]];
-  reorder(nodes_, std::move(ranks));
+  reorder(nodes_.get(), std::move(ranks));
 }
 
 /// Puts the list back: `now` is what it holds, new nodes included (the last of them perhaps not added yet).
 void GraphWriter::undo(std::span<const NodeIndex> now, std::span<const NodeIndex> before) {
   const SavedError saved;
   guarded_status([&] {
-    const auto count = static_cast<std::size_t>(length(nodes_));
+    const auto count = static_cast<std::size_t>(length(nodes_.get()));
     std::vector<NodeIndex> back(before.begin(), before.end());
     for (const NodeIndex node : now.first(std::min(count, now.size()))) {
       if (position_[node] == absent) back.push_back(node);
     }
     move_to(now.first(std::min(count, now.size())), back);
-    delete_slice(nodes_, before.size(), count);
+    delete_slice(nodes_.get(), before.size(), count);
   });
   PyErr_Clear();
 }
 
 void GraphWriter::make(NodeIndex node) {
-  Ref message = call_method(nodes_, field::add);
+  Ref message = call_method(nodes_.get(), field::add);
   if (held_[node]) {
     // It was in the list before and comes back from the object that was taken out.
     call_method(message.get(), field::copy_from, {held_[node].get()});

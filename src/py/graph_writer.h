@@ -15,7 +15,7 @@ namespace onnxgraft::py {
 
 class GraphWriter {
  public:
-  GraphWriter(PyObject* nodes, core::GraphTable& table) : nodes_(nodes), table_(table) {}
+  GraphWriter(PyObject* nodes, core::GraphTable& table) : nodes_(Ref::borrow(nodes)), table_(table) {}
 
   /// Takes the table's nodes as what stands in the graph; called once, when the table has been read.
   void begin();
@@ -32,6 +32,8 @@ class GraphWriter {
   void release(core::NodeIndex node);
   /// Holds the objects of all nodes, so that changes by others can be told later.
   void hold_all();
+  /// Takes another object as the graph's list: one who clears the graph as a whole leaves the old one behind, cut off.
+  void follow(Ref nodes);
   /// Position of the node in the graph right now; -1 if it is gone. Notices if others changed the list.
   Py_ssize_t position(core::NodeIndex node);
   /// Reads the list again if others changed it: nodes unknown so far become part of the table. True if it
@@ -56,7 +58,7 @@ class GraphWriter {
   void read_again();
   core::NodeIndex adopt(PyObject* message);
 
-  PyObject* nodes_;
+  Ref nodes_;
   core::GraphTable& table_;
   std::vector<core::NodeIndex> order_;
   std::vector<std::size_t> position_;     // per node; `absent` if not in the list

@@ -2,10 +2,13 @@
 
 from __future__ import annotations
 
+import contextlib
+import gc
 import sys
 from collections.abc import Callable
-from typing import Any, cast
+from typing import Any, ClassVar, cast
 
+import numpy as np
 import pytest
 from onnx import GraphProto, NodeProto, helper
 
@@ -193,3 +196,103 @@ def test_find_and_nearest_miss_as_data() -> None:
     assert (miss["matched"], miss["last_node"], miss["reason"], miss["input"]) == (1, 0, "not_initializer", 1)
     graph.initializer.add(name="w")
     assert nearest_miss(graph, *pair) is None
+
+
+class Awkward:
+    """Has no truth value."""
+
+    def __bool__(self) -> bool:
+        raise ZeroDivisionError
+
+
+def reverse(graph: GraphProto) -> None:
+    order = {id(node): -index for index, node in enumerate(graph.node)}
+    graph.node.sort(key=lambda node: order[id(node)])
+
+
+def drop_everything(graph: GraphProto) -> None:
+    for kept in ["initializer", "input", "output", "value_info"]:
+        graph.ClearField(kept)
+
+
+def exchange(graph: GraphProto) -> None:
+    copies = [NodeProto.FromString(node.SerializeToString()) for node in graph.node]
+    del graph.node[:]
+    graph.node.extend(copies)
+
+
+def for_ever(graph: GraphProto) -> None:
+    Negate(lambda *_: for_ever(graph)).apply(relus(1))
+
+
+def another(graph: GraphProto) -> None:
+    class Absolute(AbstractTransformation):
+        pass
+
+    Absolute()._replace_all_isomorphic_sub_graphs(graph, ["Neg:0->1"], ["#0:0->2", "Abs:2->1"])
+
+
+ODD_TRUTH = (ValueError, ZeroDivisionError)
+
+
+@pytest.mark.parametrize(
+    ("act", "error"),
+    [
+        (lambda graph: np.zeros(2), ValueError),
+        (lambda graph: Awkward(), ZeroDivisionError),
+        (reverse, None),
+        (drop_everything, None),
+        (exchange, RuntimeError),
+        (lambda graph: graph.Clear(), RuntimeError),
+        (for_ever, RecursionError),
+        (another, RuntimeError),  # it takes a node away that the next callback is to get
+        (lambda graph: gc.collect(), None),
+        (lambda graph: setattr(Negate, "get_simple_name", None), None),
+    ],
+)
+@pytest.mark.parametrize("verdict", [True, False, None])
+def test_callbacks_that_ask_for_trouble(
+    act: Callable[[GraphProto], Any],
+    error: type[Exception] | None,
+    verdict: bool | None,
+    monkeypatch: pytest.MonkeyPatch,
+) -> None:
+    """The error of the callback or one that names the lost node; never two writers of a tensor, never a crash."""
+    monkeypatch.setattr(Negate, "get_simple_name", Negate.get_simple_name)
+
+    def callback(call: int, graph: GraphProto, _: NodeProto) -> Any:
+        result = act(graph)
+        return result if verdict is None else verdict
+
+    graph = relus(6)
+    expected: Any = contextlib.nullcontext()
+    if error is not None and (verdict is None or error not in ODD_TRUTH):
+        expected = pytest.raises(error)
+    with expected:
+        Negate(callback).apply(graph)
+    written = [name for node in graph.node for name in node.output]
+    assert len(set(written)) == len(written)
+    lost = {node.input[0] for node in graph.node} - {"x0", *written}
+    assert not lost or error is RuntimeError  # where the callback itself took nodes away
+
+
+def test_the_last_references_go_while_it_runs() -> None:
+    def act(*_: object) -> bool:
+        held.clear()
+        gc.collect()
+        return True
+
+    held: list[Any] = [relus(3), Negate(act)]
+    assert held[1].apply(*held[:1]) == 3
+
+    class Own(quant.FuseTesselQuantAnyTransformation):
+        subgraph_1: ClassVar = ["Relu:0->1"]
+        subgraph_rep_1: ClassVar = ["Neg:0->2", "#0:2->1"]
+
+        def _on_replace_subgraph(self, *_: Any, **__: Any) -> bool:
+            for name in [n for n in vars(Own) if n.startswith("subgraph")]:
+                delattr(Own, name)
+            gc.collect()
+            return True
+
+    assert Own().apply(relus(2)) == 2
