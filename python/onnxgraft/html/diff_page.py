@@ -80,7 +80,8 @@ def _values(title: str, values: Sequence[ValueChange]) -> Iterator[str]:
 
 
 def _card(number: int, region: Region) -> str:
-    nodes = region.after.nodes or region.before.nodes
+    changed = tuple(change.after for change in region.changes)
+    nodes = changed or region.removed or region.added
     place = nodes[0].name or next(iter(nodes[0].outputs), "")
     changes = [f"<li><code>{text(c.after.label)}</code>: {text('; '.join(c.what))}</li>" for c in region.changes]
     more = len(changes) - _MOST_CHANGES
