@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import json
 import os
 import re
 import signal
@@ -16,7 +17,7 @@ import onnx
 import pytest
 from onnx import TensorProto, helper, numpy_helper
 
-from onnxgraft import model_files, quant
+from onnxgraft import catalogue, model_files, quant
 from onnxgraft.cli import main
 
 MODEL = "model.onnx"
@@ -336,3 +337,69 @@ run()
         process.send_signal(signal.SIGTERM)
     assert process.returncode == 128 + signal.SIGTERM
     assert contents(folder) == before
+
+
+# --- the other commands
+
+
+def test_find_explain_and_prepare(folder: Path, capsys: Capture) -> None:
+    before = contents(folder)
+    assert run("find", MODEL, "-t", "quant_conv", "--json") == 0
+    matches = json.loads(capsys.readouterr().out)
+    assert [(match["pattern_index"], match["nodes"]) for match in matches] == [(0, [0]), (1, [1])]
+    # The second transformation is explained on what the first one leaves.
+    assert run("explain", MODEL, "-t", "quant_gemm", "-t", "quant_conv", "-t", "replace_quant") == 0
+    shown = capsys.readouterr().out
+    assert "the graph has no Gemm node" in shown
+    assert "has no TesselQuant node" not in shown
+    assert contents(folder) == before
+    assert run("prepare", MODEL, "-o", OUT, "--step", "write_conv_group") == 0
+    assert re.search(r"write_conv_group +2", capsys.readouterr().out)
+    assert [[item.name for item in node.attribute] for node in onnx.load(OUT).graph.node] == [["group"]] * 2
+
+
+def test_reports_recipes_and_dry_runs(folder: Path, capsys: Capture) -> None:
+    Path("mine.toml").write_text('[mine]\nsummary = "Mine"\ntransformations = ["quant_conv", "quant_gemm"]\n')
+    recipe = ["--recipe-file", "mine.toml", "--recipe", "mine"]
+    assert run("recipes", "--recipe-file", "mine.toml") == 0
+    assert "mine: Mine" in capsys.readouterr().out
+    assert run("apply", MODEL, *recipe, "--dry-run", "--report", "r.json", "--skip", "quant_gemm") == 0
+    report = json.loads(Path("r.json").read_text())
+    assert {step["transformation"] for step in report["steps"]} == {"quant_conv"}
+    assert report["stable"] is True
+    assert not Path(OUT).exists()
+    assert run("apply", MODEL, "-t", "quant_gemm", "-o", OUT, "--fail-if-unchanged", "-q") == 4
+    assert contents(folder).keys() == {MODEL, "mine.toml", "r.json"}
+
+
+def test_own_transformations_are_loaded(folder: Path, capsys: Capture) -> None:
+    Path("mine.py").write_text("""
+from onnxgraft import register
+from onnxgraft.abstract_transformation import AbstractTransformation
+
+@register
+class Drop(AbstractTransformation):
+    "Transformation prepared for tests"
+    def get_simple_name(self): return "drop_second_conv"
+    def apply(self, graph, debug=False):
+        pair = ["Conv:0,1i,2i->3", "Conv:3,4i->5"], ["Conv:0,1i,2i->5"]
+        return self._replace_all_isomorphic_sub_graphs(graph, *pair, debug=debug)
+""")
+    assert run("show", "drop_second_conv", "--load", "mine.py") == 0
+    assert run("apply", MODEL, "-t", "drop_second_conv", "-o", OUT, "--load", "mine.py", "--no-prepare") == 0
+    assert len(onnx.load(OUT).graph.node) == 1
+    catalogue._registry().pop("drop_second_conv")
+
+
+def test_verify_and_diff_tell_equal_from_different(folder: Path, capsys: Capture) -> None:
+    changed = make_model()
+    changed.graph.initializer[1].raw_data = np.full(64, 9, np.float32).tobytes()
+    onnx.save_model(changed, "changed.onnx")
+    assert run("verify", MODEL, MODEL) == 0
+    assert run("verify", MODEL, "changed.onnx") == 3
+    assert "first tensor that differs: 'y'" in capsys.readouterr().out
+    assert run("diff", MODEL, "changed.onnx", "--html", "d.html") == 0
+    assert "b1" in capsys.readouterr().out
+    assert "b1" in Path("d.html").read_text()
+    assert run("diff", MODEL, MODEL, "--html", "d.html") == 1
+    assert "exists already" in capsys.readouterr().err

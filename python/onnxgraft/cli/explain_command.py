@@ -58,7 +58,7 @@ def _take(model: onnx.ModelProto, row: Transformation, options: argparse.Namespa
 
 
 def _text(explanation: Explanation) -> str:
-    lines = [f"{explanation.transformation} {list(explanation.pattern)}:"]
+    lines = [f"{explanation.transformation}, pattern {explanation.pattern_index} {list(explanation.pattern)}:"]
     if explanation.matches:
         lines.append(f"  matches: {explanation.matches}")
     else:

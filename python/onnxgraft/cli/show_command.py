@@ -13,7 +13,7 @@ def run(options: argparse.Namespace) -> int:
     """Draws each pattern beside its replacement."""
     row = find_row(options.name)
     consoles.say(f"{row.name} ({row.cls.__name__}), prepared for {row.prepared_for}")
-    for number, (pattern, replacement) in enumerate(row.pairs, 1):
-        consoles.say(f"\nPattern {number} of {len(row.pairs)}\n")
+    for number, (pattern, replacement) in enumerate(row.pairs):
+        consoles.say(f"\nPattern {number}\n")
         consoles.say(draw_pair(pattern, replacement))
     return 0

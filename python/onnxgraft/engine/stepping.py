@@ -12,6 +12,7 @@ from typing import Any
 
 import onnx
 
+from onnxgraft.engine.bias_lengths import explanation
 from onnxgraft.engine.recorder import Details, Recorder
 from onnxgraft.engine.report import PatternResult, Step
 from onnxgraft.engine.selection import Candidate
@@ -62,7 +63,7 @@ class Stepper:
             snapshot.put_back()
             if isinstance(raised, MemoryError) or not isinstance(raised, Exception):
                 raise
-            error = _error(candidate, recorder, raised)
+            error = _error(candidate, recorder, raised, self.graph)
             step.error = str(error)
             _log.info("%s; put back", error)
         step.seconds = perf_counter() - start
@@ -84,7 +85,7 @@ def _add_unrecorded(step: Step, returned: Any) -> None:
         step.patterns.append(PatternResult((), (), found=beyond, replaced=beyond))
 
 
-def _error(candidate: Candidate, recorder: Recorder, raised: Exception) -> TransformationError:
+def _error(candidate: Candidate, recorder: Recorder, raised: Exception, graph: onnx.GraphProto) -> TransformationError:
     failure = recorder.failure
     reason = " ".join(str(raised).split()) or "no reason given"
     place = candidate.name
@@ -93,7 +94,7 @@ def _error(candidate: Candidate, recorder: Recorder, raised: Exception) -> Trans
     if failure is not None and failure.nodes:
         place += f", at {', '.join(node.label for node in failure.nodes)}"
     error = TransformationError(
-        f"{place}: {type(raised).__name__}: {reason}",
+        f"{place}: {type(raised).__name__}: {reason}{explanation(candidate.row, graph, raised)}",
         transformation=candidate.name,
         pattern=failure.pattern if failure else (),
         nodes=failure.nodes if failure else (),
