@@ -151,9 +151,8 @@ def main(arguments: Sequence[str] | None = None) -> None:
             environment = compiler_only(folder / "path") if archive else None
             run(python, *PIP, "install", package, environment=environment)
             try_out(python, folder)
-            print(
-                f"Python {version}: {package.name} installed and tried with {run(python, '-c', _VERSIONS)}", flush=True
-            )
+            beside = run(python, "-c", _VERSIONS)
+            print(f"Python {version}: {package.name} installed and tried with {beside}", flush=True)
 
 
 if __name__ == "__main__":
