@@ -32,13 +32,8 @@ bool is_own_class(PyObject* transformation, PyObject* function) {
 /// True if `function` carries the attribute `keeps_nodes` with a true value.
 bool promises_to_keep_nodes(PyObject* function) {
   static const InternedName keeps_nodes("keeps_nodes");
-  const Ref value = Ref::steal(PyObject_GetAttr(function, keeps_nodes.get()));
-  if (!value) {
-    if (PyErr_ExceptionMatches(PyExc_AttributeError) == 0) throw PythonError{};
-    PyErr_Clear();
-    return false;
-  }
-  return truth(value.get());
+  const Ref value = optional_attribute(function, keeps_nodes);
+  return value && truth(value.get());
 }
 
 Ref position_of(core::NodeIndex node, const core::GraphTable& table, GraphWriter& writer) {

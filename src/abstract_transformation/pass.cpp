@@ -13,7 +13,7 @@ Pass::Pass(PyObject* transformation, PyObject* graph, PyObject* extra, std::shar
       rule_(std::move(rule)),
       reader_(graph),
       callback_(transformation, graph, extra, *rule_),
-      writer_(reader_.nodes(), table_) {}
+      writer_(graph, reader_.nodes(), table_) {}
 
 std::size_t Pass::run() {
   if (!reader_.read_operators(*rule_, table_)) return 0;

@@ -12,10 +12,8 @@ namespace onnxgraft::py {
 namespace {
 
 Ref node_list(PyObject* graph) {
-  Ref nodes = Ref::steal(PyObject_GetAttr(graph, field::node.get()));
+  Ref nodes = optional_attribute(graph, field::node);
   if (nodes) return nodes;
-  if (PyErr_ExceptionMatches(PyExc_AttributeError) == 0) throw PythonError{};
-  PyErr_Clear();
   static const InternedName graph_field("graph");
   const bool is_model = PyObject_HasAttr(graph, graph_field.get()) != 0;
   raise(PyExc_TypeError, "graph must be a GraphProto, not %.200s%s", Py_TYPE(graph)->tp_name,

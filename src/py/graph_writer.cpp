@@ -10,6 +10,7 @@
 #include "py/graph_reader.h"
 #include "py/guard.h"
 #include "py/message_list.h"
+#include "py/node_encoder.h"
 #include "py/objects.h"
 
 namespace onnxgraft::py {
@@ -155,11 +156,7 @@ void GraphWriter::rearrange(std::span<const NodeIndex> target) {
   const std::vector<NodeIndex> before = order_;
   std::vector<NodeIndex> now = before;
   try {
-    for (const NodeIndex node : target) {
-      if (position_[node] != absent) continue;
-      now.push_back(node);
-      make(node);
-    }
+    make_missing(target, now);
     std::vector<NodeIndex> sorted(target.begin(), target.end());
     for (const NodeIndex node : before) {
       if (stays[node]) continue;
@@ -199,6 +196,31 @@ void GraphWriter::undo(std::span<const NodeIndex> now, std::span<const NodeIndex
   PyErr_Clear();
 }
 
+/// Appends the nodes of `target` that the list lacks, and notes each in `now` before the list gets it.
+void GraphWriter::make_missing(std::span<const NodeIndex> target, std::vector<NodeIndex>& now) {
+  const std::size_t first = now.size();
+  std::vector<NodeIndex> one_by_one;
+  NodeEncoder encoder(graph_, table_);
+  for (const NodeIndex node : target) {
+    if (position_[node] != absent) continue;
+    if (held_[node] || sources_[node] != no_index || !encoder.usable()) {
+      one_by_one.push_back(node);
+      continue;
+    }
+    now.push_back(node);
+    encoder.add(node);
+  }
+  encoder.flush();
+  // A new node's object is needed again only to find the node in a list that others have changed.
+  for (std::size_t at = first; holds_all_ && at < now.size(); ++at) {
+    held_[now[at]] = item(nodes_.get(), static_cast<Py_ssize_t>(at));
+  }
+  for (const NodeIndex node : one_by_one) {
+    now.push_back(node);
+    make(node);
+  }
+}
+
 void GraphWriter::make(NodeIndex node) {
   Ref message = call_method(nodes_.get(), field::add);
   if (held_[node]) {
@@ -207,7 +229,6 @@ void GraphWriter::make(NodeIndex node) {
   } else {
     fill(message.get(), node);
   }
-  // A new node's object is needed again only to find the node in a list that others have changed.
   if (holds_all_ || held_[node]) held_[node] = std::move(message);
 }
 

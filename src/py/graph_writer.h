@@ -15,7 +15,9 @@ namespace onnxgraft::py {
 
 class GraphWriter {
  public:
-  GraphWriter(PyObject* nodes, core::GraphTable& table) : nodes_(Ref::borrow(nodes)), table_(table) {}
+  /// `graph` and the table are borrowed and must outlive the writer; `nodes` is the graph's node list.
+  GraphWriter(PyObject* graph, PyObject* nodes, core::GraphTable& table)
+      : graph_(graph), nodes_(Ref::borrow(nodes)), table_(table) {}
 
   /// Takes the table's nodes as what stands in the graph; called once, when the table has been read.
   void begin();
@@ -49,6 +51,7 @@ class GraphWriter {
   void set_source(core::NodeIndex new_node, core::NodeIndex source);
 
  private:
+  void make_missing(std::span<const core::NodeIndex> target, std::vector<core::NodeIndex>& now);
   void make(core::NodeIndex node);
   void fill(PyObject* message, core::NodeIndex node);
   void move_to(std::span<const core::NodeIndex> from, std::span<const core::NodeIndex> to);
@@ -58,6 +61,7 @@ class GraphWriter {
   void read_again();
   core::NodeIndex adopt(PyObject* message);
 
+  PyObject* graph_;
   Ref nodes_;
   core::GraphTable& table_;
   std::vector<core::NodeIndex> order_;

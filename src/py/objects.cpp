@@ -10,6 +10,13 @@ namespace {
 
 /// Unpacks `count` elements of any iterable into `out`.
 void unpack(PyObject* iterable, Ref* out, Py_ssize_t count) {
+  // Nearly always a tuple or a list of the right length, which needs no iterator.
+  const bool is_plain = PyTuple_CheckExact(iterable) != 0 || PyList_CheckExact(iterable) != 0;
+  if (is_plain && PySequence_Fast_GET_SIZE(iterable) == count) {
+    for (Py_ssize_t index = 0; index < count; ++index)
+      out[index] = Ref::borrow(PySequence_Fast_GET_ITEM(iterable, index));
+    return;
+  }
   const Ref elements = iterator(iterable);
   for (Py_ssize_t index = 0; index < count; ++index) {
     out[index] = next(elements.get());
@@ -21,6 +28,14 @@ void unpack(PyObject* iterable, Ref* out, Py_ssize_t count) {
 }
 
 }  // namespace
+
+Ref optional_attribute(PyObject* object, const InternedName& name) {
+  Ref value = Ref::steal(PyObject_GetAttr(object, name.get()));
+  if (value) return value;
+  if (PyErr_ExceptionMatches(PyExc_AttributeError) == 0) throw PythonError{};
+  PyErr_Clear();
+  return value;
+}
 
 Ref call(PyObject* callable, std::initializer_list<PyObject*> arguments) {
   return checked(PyObject_Vectorcall(callable, arguments.begin(), arguments.size(), nullptr));

@@ -29,6 +29,8 @@ class InternedName {
 inline Ref attribute(PyObject* object, const InternedName& name) {
   return checked(PyObject_GetAttr(object, name.get()));
 }
+/// The attribute, or an empty Ref if the object has none of that name.
+Ref optional_attribute(PyObject* object, const InternedName& name);
 inline void set_attribute(PyObject* object, const InternedName& name, PyObject* value) {
   check(PyObject_SetAttr(object, name.get(), value));
 }

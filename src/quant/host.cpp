@@ -1,11 +1,50 @@
 #include "quant/host.h"
 
+#include <string_view>
+
+#include "py/guard.h"
 #include "quant/names.h"
 
 namespace onnxgraft::quant {
 
 using py::InternedName;
 using py::Ref;
+
+namespace {
+
+/// Whether it is protobuf's own list, the C implementation's, and not something that behaves like one.
+bool is_message_list(PyObject* list) {
+  return std::string_view(Py_TYPE(list)->tp_name) == "google._upb._message.RepeatedCompositeContainer";
+}
+
+/// Takes a message off again that was added and could not be filled.
+void remove_last(PyObject* list) {
+  const py::SavedError saved;
+  py::guarded_status([&] { py::check(PyObject_DelItem(list, py::integer(-1).get())); });
+  PyErr_Clear();
+}
+
+}  // namespace
+
+void extend(PyObject* list, PyObject* messages) {
+  static const InternedName add("add");
+  static const InternedName copy_from("CopyFrom");
+  if (!is_message_list(list)) {
+    py::call_method(list, names::extend, {messages});
+    return;
+  }
+  // The list's own `extend` encodes and decodes each message: three copies of a tensor instead of one.
+  const Py_ssize_t count = PySequence_Fast_GET_SIZE(messages);
+  for (Py_ssize_t index = 0; index < count; ++index) {
+    const Ref message = py::call_method(list, add);
+    try {
+      py::call_method(message.get(), copy_from, {PySequence_Fast_GET_ITEM(messages, index)});
+    } catch (const py::PythonError&) {
+      remove_last(list);
+      throw;
+    }
+  }
+}
 
 Ref global(PyObject* module, const InternedName& name) {
   PyObject* found = PyDict_GetItemWithError(PyModule_GetDict(module), name.get());

@@ -30,6 +30,9 @@ py::Ref view(PyObject* module, PyObject* array, const py::InternedName& type);
 /// `helper.make_attribute(name, value)`.
 py::Ref make_attribute(PyObject* module, const py::InternedName& name, PyObject* value);
 
+/// `list.extend(messages)` for a repeated message field; `messages` is a tuple or a list.
+void extend(PyObject* list, PyObject* messages);
+
 /// `graph.node[mapping[key]]`.
 py::Ref mapped_node(PyObject* graph, PyObject* mapping, PyObject* key);
 py::Ref mapped_node(PyObject* graph, PyObject* mapping, std::int64_t key);

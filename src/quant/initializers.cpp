@@ -36,9 +36,7 @@ void add_initializers(PyObject* graph, std::initializer_list<PyObject*> records)
   add_initializers(graph, py::tuple(records).get());
 }
 
-void add_initializers(PyObject* graph, PyObject* list) {
-  py::call_method(py::attribute(graph, names::initializer).get(), names::extend, {list});
-}
+void add_initializers(PyObject* graph, PyObject* list) { extend(py::attribute(graph, names::initializer).get(), list); }
 
 bool has_initializer(PyObject* graph, PyObject* name) {
   return py::find_by_name(graph, names::initializer, py::attribute(graph, names::initializer).get(), name).has_value();
@@ -53,7 +51,7 @@ void replace_initializers(PyObject* graph, std::span<const InitializerChange> ch
     old_ones.emplace_back(position.value_or(-1), change.old_record);
     py::check(PyList_Append(new_ones.get(), change.new_record));
   }
-  py::call_method(initializers.get(), names::extend, {new_ones.get()});
+  extend(initializers.get(), new_ones.get());
   // From the end, so that positions stay right.
   std::ranges::sort(old_ones, std::greater{}, &std::pair<Py_ssize_t, PyObject*>::first);
   for (const auto& [position, record] : old_ones) {

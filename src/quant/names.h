@@ -43,6 +43,10 @@ inline const InternedName numpy_helper("numpy_helper");
 inline const InternedName tensor_proto("TensorProto");
 inline const InternedName transform_utilities("transform_utilities");
 
+// What a quantized operator's tensors are called by the base's methods; `scale` is one of them.
+inline const InternedName bias("bias");
+inline const InternedName weight("weight");
+
 // Functions, methods and constants of those.
 inline const InternedName append("append");
 inline const InternedName astype("astype");

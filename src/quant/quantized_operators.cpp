@@ -20,9 +20,6 @@ constexpr std::int64_t weight_bound = 127;
 constexpr std::int64_t lowest_bias = -18;
 constexpr std::int64_t bias_bound = 13;
 
-const InternedName weight_role("weight");
-const InternedName bias_role("bias");
-const InternedName scale_role("scale");
 const InternedName get("get");
 const InternedName squeeze("squeeze");
 const InternedName transpose("transpose");
@@ -79,7 +76,7 @@ Ref update_quantize_node(const Call& call) {
   const Ref scale = make_attribute(call.module, names::scale, py::checked(PyFloat_FromDouble(1.0)).get());
   const Ref node = mapped_node(call[1], call[2], call[3]);
   const Ref attributes = py::attribute(node.get(), names::attribute);
-  py::call_method(attributes.get(), names::extend, {py::tuple({scale.get(), offset.get()}).get()});
+  extend(attributes.get(), py::tuple({scale.get(), offset.get()}).get());
   return py::none();
 }
 
@@ -130,13 +127,13 @@ Ref add_quantized_initializers(const Call& call) {
   PyObject* mode = call[4];
   const Ref made = py::checked(PyList_New(0));
 
-  const Ref weight_names = bound_names(links, input_names, weight_role);
+  const Ref weight_names = bound_names(links, input_names, names::weight);
   const Ref weight_and_shape =
       py::call_method(self, update_weights, {graph, call[5]}, {{weight_names_keyword, weight_names.get()}});
   const auto [weight, shape] = py::unpack_pair(weight_and_shape.get());
   py::check(PyList_Append(made.get(), weight.get()));
 
-  const Ref bias_names = bound_names(links, input_names, bias_role);
+  const Ref bias_names = bound_names(links, input_names, names::bias);
   if (py::item(bias_names.get(), 0).get() != Py_None) {
     const Ref bias = py::call_method(self, update_bias, {graph}, {{bias_names_keyword, bias_names.get()}});
     py::check(PyList_Append(made.get(), bias.get()));
@@ -144,7 +141,7 @@ Ref add_quantized_initializers(const Call& call) {
 
   const bool one_scale = equals(mode, gemm_mode) || equals(mode, matmul_mode);
   const Ref count = one_scale ? py::integer(1) : py::item(shape.get(), 0);
-  const Ref scale_names = bound_names(links, input_names, scale_role);
+  const Ref scale_names = bound_names(links, input_names, names::scale);
   const Ref scale_name = py::item(scale_names.get(), 0);
   const Ref scales = py::call_method(self, update_tesseldequant, {py::tuple({count.get()}).get()},
                                      {{scale_name_keyword, scale_name.get()}});

@@ -47,16 +47,16 @@ const Roles conv_roles = roles({"1", "101"}, {"2", "102"}, "104", "conv");
 const Roles gemm_roles = roles({"1", "101"}, {"2", "102"}, "104", "gemm");
 const Roles matmul_roles = roles({"1", "101"}, {"3", "103"}, "105", "matmul");
 
-void set_role(const Ref& names, const char* role, const Ref& ids) {
-  py::check(PyDict_SetItemString(names.get(), role, ids.get()));
+void set_role(const Ref& names, const InternedName& role, const Ref& ids) {
+  py::check(PyDict_SetItem(names.get(), role.get(), ids.get()));
 }
 
 /// The dict of roles that the base's methods take.
 Ref input_names(const Roles& roles) {
   Ref names = py::checked(PyDict_New());
-  set_role(names, "weight", py::tuple({roles.weight[0].get(), roles.weight[1].get()}));
-  set_role(names, "bias", py::tuple({roles.bias[0].get(), roles.bias[1].get()}));
-  set_role(names, "scale", py::tuple({roles.scale.get()}));
+  set_role(names, names::weight, py::tuple({roles.weight[0].get(), roles.weight[1].get()}));
+  set_role(names, names::bias, py::tuple({roles.bias[0].get(), roles.bias[1].get()}));
+  set_role(names, names::scale, py::tuple({roles.scale.get()}));
   return names;
 }
 

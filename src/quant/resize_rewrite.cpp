@@ -51,8 +51,8 @@ Ref give_resize_attributes(const Call& call) {
   const Ref new_mode = make_attribute(call.module, mode, nearest.get());
   const Ref rounding = kept_or_made(call, old, nearest_mode, round_prefer_floor);
   const Ref node = mapped_node(call[callback::graph], call[callback::node_mapping], resize_position);
-  py::call_method(py::attribute(node.get(), names::attribute).get(), names::extend,
-                  {py::tuple({coordinates.get(), new_mode.get(), rounding.get()}).get()});
+  extend(py::attribute(node.get(), names::attribute).get(),
+         py::tuple({coordinates.get(), new_mode.get(), rounding.get()}).get());
   return py::boolean(true);
 }
 

@@ -135,6 +135,16 @@ def test_untouched_nodes_keep_their_identity() -> None:
     assert graph.node[3] is last
 
 
+@pytest.mark.parametrize("name", ["n" * 126, "n" * 127, "n" * 128, "n" * 300_000, "n\u00fc\u4e2d", "n\0m"])
+def test_new_nodes_have_their_names_whatever_these_are(name: str) -> None:
+    graph = relus(3)
+    graph.node[1].name = graph.node[0].output[0] = graph.node[1].input[0] = name
+    assert Negate(lambda *_: True).apply(graph) == 3
+    negs = [node for node in graph.node if node.op_type == "Neg"]
+    assert [negs[1].input[0], negs[1].output[0], negs[1].name] == [name, f"{name}_Neg", f"{name}_Neg_1"]
+    assert GraphProto.FromString(graph.SerializeToString()) == graph
+
+
 def test_extra_keywords_arrive_by_identity_and_debug_does_not() -> None:
     seen: list[dict[str, object]] = []
 

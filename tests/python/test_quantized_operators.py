@@ -221,3 +221,11 @@ def test_everything_is_looked_up_when_it_is_used(monkeypatch: pytest.MonkeyPatch
         monkeypatch.setattr(transform_utilities, "get_init", lambda *_, wrong=wrong: wrong)
         with pytest.raises(ValueError, match=message):
             quant._QuantTransformation()._update_bias(graph, ["b", "c"])
+
+
+def test_a_record_of_another_type_leaves_nothing_half_added(monkeypatch: pytest.MonkeyPatch) -> None:
+    graph = single("Conv", initializer("w", 2, 1, 1, 1), None)
+    monkeypatch.setattr(numpy_helper, "from_array", lambda *_: NodeProto())
+    with pytest.raises(TypeError, match="NodeProto"):
+        quant.QuantConvTransformation().apply(graph)
+    assert [tensor.name for tensor in graph.initializer] == ["w"]

@@ -1,0 +1,54 @@
+#include "py/node_encoder.h"
+
+#include "py/objects.h"
+
+namespace onnxgraft::py {
+
+namespace {
+
+constexpr std::size_t flush_size = std::size_t{1} << 18U;  // what a merge costs beyond its nodes is little by then
+
+/// Field numbers of onnx.proto; all these fields are strings or messages, which come with their length.
+namespace number {
+constexpr std::uint8_t node_of_graph = 1;
+constexpr std::uint8_t input = 1;
+constexpr std::uint8_t output = 2;
+constexpr std::uint8_t name = 3;
+constexpr std::uint8_t op_type = 4;
+}  // namespace number
+
+void append_field(std::string& bytes, std::uint8_t field_number, std::string_view content) {
+  constexpr unsigned length_delimited = 2;
+  constexpr unsigned more = 0x80;
+  bytes.push_back(static_cast<char>((static_cast<unsigned>(field_number) << 3U) | length_delimited));
+  std::size_t length = content.size();
+  for (; length >= more; length >>= 7U) bytes.push_back(static_cast<char>((length & (more - 1)) | more));
+  bytes.push_back(static_cast<char>(length));
+  bytes += content;
+}
+
+}  // namespace
+
+NodeEncoder::NodeEncoder(PyObject* graph, const core::GraphTable& table) : table_(table) {
+  static const InternedName merge_from_string("MergeFromString");
+  merge_ = optional_attribute(graph, merge_from_string);
+}
+
+void NodeEncoder::add(core::NodeIndex node) {
+  node_.clear();
+  for (const core::NameId name : table_.inputs(node)) append_field(node_, number::input, table_.names.text(name));
+  for (const core::NameId name : table_.outputs(node)) append_field(node_, number::output, table_.names.text(name));
+  append_field(node_, number::name, table_.names.text(table_.node_names[node]));
+  append_field(node_, number::op_type, table_.ops.text(table_.op(node)));
+  append_field(waiting_, number::node_of_graph, node_);
+  if (waiting_.size() >= flush_size) flush();
+}
+
+void NodeEncoder::flush() {
+  if (waiting_.empty()) return;
+  const Ref bytes = checked(PyBytes_FromStringAndSize(waiting_.data(), static_cast<Py_ssize_t>(waiting_.size())));
+  waiting_.clear();
+  call(merge_.get(), {bytes.get()});
+}
+
+}  // namespace onnxgraft::py
