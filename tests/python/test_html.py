@@ -134,3 +134,10 @@ def test_a_browser_runs_the_page_without_an_error(tmp_path: Path) -> None:
     run = subprocess.run([str(BROWSER), *options, path.as_uri()], capture_output=True, timeout=120, text=True)
     assert "6 shown" in run.stdout
     assert "CONSOLE" not in run.stderr
+
+
+def test_a_ring_is_drawn() -> None:
+    ring = [Card("A", "a", ("z", "x"), ("y",), "kept"), Card("B", "b", ("y", "y"), ("z",), "kept")]
+    picture, _ = draw_cards(ring, {}, "ring")
+    assert picture.count('class="card') == 2
+    assert picture.count('class="pill"') == 2  # x from outside, and z where the ring is cut

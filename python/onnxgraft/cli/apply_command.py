@@ -33,11 +33,12 @@ def run(options: argparse.Namespace) -> int:
         if options.fail_if_unchanged and not report.replaced:
             consoles.error("nothing was replaced, so nothing was written; `onnxgraft explain` says why")
             return UNCHANGED
+        text = _report_text(options, report) if page.is_wanted else ""
         if output is not None:
             show(f"writing {options.output.name}")
             saved = output.save(model, options.model.parent)
         if page.is_wanted:
-            page.write(report.to_json() if options.report.suffix.lower() == ".json" else _page(report))
+            page.write(text)
     consoles.say(str(report))
     if saved is not None:
         model_output.tell(saved)
@@ -70,7 +71,9 @@ def _rewrite(
     return report
 
 
-def _page(report: Report) -> str:
-    from onnxgraft.html import report_page  # only where one is wanted  # noqa: PLC0415
+def _report_text(options: argparse.Namespace, report: Report) -> str:
+    if options.report.suffix.lower() == ".json":
+        return report.to_json()
+    from onnxgraft.html import report_page  # only where a page is wanted  # noqa: PLC0415
 
     return report_page(report)

@@ -62,11 +62,11 @@ def path_ending_in(*endings: str) -> type[Path]:
     return parse  # type: ignore[return-value]
 
 
-def _group() -> argparse.ArgumentParser:
-    return argparse.ArgumentParser(add_help=False)
+def _group() -> Parser:
+    return Parser(add_help=False)
 
 
-def common() -> argparse.ArgumentParser:
+def common() -> Parser:
     """What every command takes."""
     group = _group()
     group.add_argument(
@@ -89,14 +89,14 @@ def common() -> argparse.ArgumentParser:
     return group
 
 
-def one_model() -> argparse.ArgumentParser:
+def one_model() -> Parser:
     """The model to read."""
     group = _group()
     group.add_argument("model", type=Path, metavar="MODEL.onnx", help="the model to read")
     return group
 
 
-def two_models() -> argparse.ArgumentParser:
+def two_models() -> Parser:
     """The two models to compare."""
     group = _group()
     group.add_argument("before", type=Path, metavar="BEFORE.onnx", help="the model as it was")
@@ -104,7 +104,7 @@ def two_models() -> argparse.ArgumentParser:
     return group
 
 
-def chosen_transformations() -> argparse.ArgumentParser:
+def chosen_transformations() -> Parser:
     """Which transformations, in which form of the model."""
     group = _group()
     choice = group.add_mutually_exclusive_group(required=True)
@@ -126,7 +126,7 @@ def chosen_transformations() -> argparse.ArgumentParser:
     return group
 
 
-def output(*, required: bool) -> argparse.ArgumentParser:
+def output(*, required: bool) -> Parser:
     """Where the result goes and how it is stored."""
     group = _group()
     group.add_argument("-o", "--output", type=Path, required=required, metavar="OUT.onnx", help="the model to write")
@@ -149,7 +149,7 @@ def output(*, required: bool) -> argparse.ArgumentParser:
     return group
 
 
-def seed() -> argparse.ArgumentParser:
+def seed() -> Parser:
     """The seed of random numbers."""
     group = _group()
     group.add_argument(
@@ -161,7 +161,7 @@ def seed() -> argparse.ArgumentParser:
     return group
 
 
-def as_json() -> argparse.ArgumentParser:
+def as_json() -> Parser:
     """Machine-readable output."""
     group = _group()
     group.add_argument("--json", action="store_true", help="print JSON")

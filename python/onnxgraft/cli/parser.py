@@ -26,9 +26,7 @@ def make_parser() -> argparse.ArgumentParser:
     commands = parser.add_subparsers(dest="command", metavar="COMMAND", required=True)
     common = options.common()
 
-    def command(
-        name: str, summary: str, *parents: argparse.ArgumentParser, epilog: str | None = None
-    ) -> argparse.ArgumentParser:
+    def command(name: str, summary: str, *parents: Parser, epilog: str | None = None) -> Parser:
         description = summary[0].upper() + summary[1:] + "."
         return commands.add_parser(
             name, help=summary, description=description, epilog=epilog, parents=[*parents, common]

@@ -80,15 +80,16 @@ def _lay_out(cards: Sequence[Card]) -> tuple[Layout, dict[str, str]]:
     reads: dict[str, list[str]] = {}
     pills: dict[str, str] = {}
     for k, card in enumerate(cards):
-        sources = []
+        reads[f"n{k}"] = []
         for name in dict.fromkeys(card.inputs) if card.state == "around" else card.inputs:
             source = writers.get(name)
+            if source is not None and _leads_to(reads, source, f"n{k}"):
+                source = None  # a graph that is no DAG: layers have to be
             if source is None and card.state != "around":
                 source = f"i{name}".replace("|", "¦")
                 pills[source] = name
-            if source is not None and source != f"n{k}":
-                sources.append(source)
-        reads[f"n{k}"] = sources
+            if source is not None:
+                reads[f"n{k}"].append(source)
     for k, card in enumerate(cards):
         if card.state != "around":
             for name in card.outputs:
@@ -98,6 +99,19 @@ def _lay_out(cards: Sequence[Card]) -> tuple[Layout, dict[str, str]]:
                     reads[key] = [f"n{k}"]
     sizes |= {key: (_letters(shorten(name, _NAME_COLUMNS)) + 20, _PILL) for key, name in pills.items()}
     return place(sizes, reads, still=_STILL), pills
+
+
+def _leads_to(reads: Mapping[str, Sequence[str]], start: str, goal: str) -> bool:
+    """Whether what `start` reads, directly or not, is or reads `goal`."""
+    left, seen = [start], {start}
+    while left:
+        item = left.pop()
+        if item == goal:
+            return True
+        new = set(reads.get(item, ())) - seen
+        seen |= new
+        left += new
+    return False
 
 
 def _letters(text: str) -> float:
