@@ -117,7 +117,7 @@ def test_cards_are_apart_whatever_their_graph() -> None:
     picture, width = draw_cards(cards, {"a": "float32[1]", "x|y": "int8[2]"}, "title")
     pattern = r'<rect x="([\d.-]+)" y="([\d.-]+)" width="([\d.]+)"'
     boxes = sorted((float(y), float(x), float(w)) for x, y, w in re.findall(pattern, picture))
-    assert len(boxes) == len(cards) + 3
+    assert len(boxes) == len(cards) + 4  # pills: x, x|y, e, and c where Loop reads itself
     for (y, x, w), (next_y, next_x, _) in pairwise(boxes):
         assert y != next_y or x + w < next_x
         assert 0 <= x < x + w <= width
