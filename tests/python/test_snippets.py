@@ -17,6 +17,7 @@ from pathlib import Path
 import pytest
 
 from conftest import REPOSITORY
+from onnxgraft import catalogue
 from onnxgraft.cli import main
 from tools import api_reference
 from tools.snippets import Block, blocks
@@ -36,8 +37,12 @@ def place(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Iterator[Path]:
     (tmp_path / "build").mkdir()
     logger = logging.getLogger("onnxgraft")
     before = (list(logger.handlers), logger.level, logger.propagate)
+    registry = catalogue._registry()
+    rows = dict(registry)
     yield tmp_path
     logger.handlers[:], logger.level, logger.propagate = before
+    registry.clear()
+    registry.update(rows)
 
 
 def run(words: list[str]) -> int:
