@@ -46,6 +46,9 @@ struct FunctionRow {
   /// A promise of a callback, shown as the attribute `keeps_nodes`: it adds, removes and moves no node and, but for
   /// initializers that are new, does not change what nodes read.
   bool keeps_nodes = false;
+  /// A promise of a look-up, shown as the attribute `repeatable`: called again before anything changed, it answers
+  /// alike.
+  bool repeatable = false;
   const char* doc = nullptr;
 };
 

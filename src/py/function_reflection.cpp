@@ -101,6 +101,10 @@ PyObject* get_keeps_nodes(PyObject* self, void* /*closure*/) {
   return boolean(function_of(self).row->keeps_nodes).release();
 }
 
+PyObject* get_repeatable(PyObject* self, void* /*closure*/) {
+  return boolean(function_of(self).row->repeatable).release();
+}
+
 /// A function is pickled as its qualified name, like one written in Python.
 PyObject* reduce(PyObject* self, PyObject* /*unused*/) { return get_qualified_name(self, nullptr); }
 
@@ -109,7 +113,7 @@ std::array<PyMethodDef, 2> methods{{
     {nullptr, nullptr, 0, nullptr},
 }};
 
-std::array<PyGetSetDef, 10> attributes{{
+std::array<PyGetSetDef, 11> attributes{{
     {"__name__", get_name, nullptr, nullptr, nullptr},
     {"__qualname__", get_qualified_name, nullptr, nullptr, nullptr},
     {"__module__", get_module, nullptr, nullptr, nullptr},
@@ -118,6 +122,7 @@ std::array<PyGetSetDef, 10> attributes{{
     {"__defaults__", get_defaults, nullptr, nullptr, nullptr},
     {"__signature__", get_signature, nullptr, nullptr, nullptr},
     {"keeps_nodes", get_keeps_nodes, nullptr, nullptr, nullptr},
+    {"repeatable", get_repeatable, nullptr, nullptr, nullptr},
     {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 }};

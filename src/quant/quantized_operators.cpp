@@ -4,6 +4,7 @@
 #include "quant/initializers.h"
 #include "quant/names.h"
 #include "quant/scales.h"
+#include "quant/shared_look_up.h"
 
 namespace onnxgraft::quant {
 
@@ -69,6 +70,14 @@ bool equals(PyObject* left, const InternedName& right) {
   return py::check(PyObject_RichCompareBool(left, right.get(), Py_EQ)) != 0;
 }
 
+/// The shape of the one array that `get_init` found.
+Ref shape_of(const Ref& found) {
+  const auto [arrays, records] = py::unpack_pair(found.get());
+  const Ref array = py::unpack_one(arrays.get());
+  py::unpack_one(records.get());
+  return py::attribute(array.get(), names::shape);
+}
+
 }  // namespace
 
 Ref update_quantize_node(const Call& call) {
@@ -83,9 +92,8 @@ Ref update_quantize_node(const Call& call) {
 Ref draw_weights(const Call& call) {
   PyObject* graph = call[1];
   PyObject* weight_names = call[3];
-  const Ref old_name = py::item(weight_names, 0);
-  const Ref old = one_initializer(call.module, graph, py::tuple({old_name.get()}).get()).array;
-  const Ref shape = py::attribute(old.get(), names::shape);
+  // The old weight is let go before memory for the new one is asked for.
+  const Ref shape = shape_of(SharedLookUp::look_up(call.module, graph, py::item(weight_names, 0)));
   Ref drawn = draw_integers(call.module, lowest_weight, weight_bound, shape.get(), names::int8);
   if (py::truth(call[2])) drawn = py::call_method(drawn.get(), transpose);
   const Ref tensor = from_array(call.module, drawn.get(), py::item(weight_names, 1).get());
@@ -95,8 +103,7 @@ Ref draw_weights(const Call& call) {
 Ref draw_bias(const Call& call) {
   PyObject* bias_names = call[2];
   const Ref old_name = py::item(bias_names, 0);
-  const Ref old = one_initializer(call.module, call[1], py::tuple({old_name.get()}).get()).array;
-  const Ref shape = py::attribute(old.get(), names::shape);
+  const Ref shape = shape_of(get_init(call.module, call[1], py::tuple({old_name.get()}).get()));
   const Ref drawn = draw_integers(call.module, lowest_bias, bias_bound, shape.get(), names::int32);
   return from_array(call.module, drawn.get(), py::item(bias_names, 1).get());
 }
@@ -112,7 +119,7 @@ Ref draw_scales(const Call& call) {
 
 Ref needs_quantizing(const Call& call) {
   const Ref name = subscript(call[2], call[3]);
-  const Ref found = get_init(call.module, call[1], py::tuple({name.get()}).get());
+  const Ref found = SharedLookUp::look_up(call.module, call[1], name);
   const auto [arrays, records] = py::unpack_pair(found.get());
   const Ref type = py::attribute(py::item(records.get(), 0).get(), names::data_type);
   const Ref code = py::integer(int8_code);

@@ -7,6 +7,7 @@
 #include "quant/host.h"
 #include "quant/names.h"
 #include "quant/refusal.h"
+#include "quant/shared_look_up.h"
 
 namespace onnxgraft::quant {
 
@@ -79,6 +80,7 @@ void update_quantize_attributes(const Call& call) {
 
 Ref quantize(const Call& call, const Roles& roles) {
   const Ref names = input_names(roles);
+  const SharedLookUp shared(call);
   if (!still_float(call)) return refused(call, [&] { return precision_words(call); });
   update_quantize_attributes(call);
   py::call_method(call[callback::self], update_operators, {call[callback::graph], call[callback::links], names.get()},
@@ -111,6 +113,7 @@ Ref quantize_matmul(const Call& call) { return quantize(call, matmul_roles); }
 
 Ref quantize_gemm(const Call& call) {
   const Ref names = input_names(gemm_roles);
+  const SharedLookUp shared(call);
   if (!still_float(call)) return refused(call, [&] { return precision_words(call); });
   const Ref transposed = py::boolean(replace_trans_b(call));
   update_quantize_attributes(call);

@@ -42,6 +42,7 @@ constexpr py::FunctionRow get_init_row{
     .parameters = parameters,
     .body = get_init,
     .result_annotation = "Tuple[List[ndarray], List[TensorProto]]",
+    .repeatable = true,
     .doc = get_init_documentation,
 };
 
