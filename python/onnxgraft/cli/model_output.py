@@ -30,5 +30,7 @@ def tell(saved: model_files.SavedModel) -> None:
     consoles.say(f"wrote {saved.path} ({decimal(saved.size)})")
     if saved.data_path is not None:
         consoles.say(f"wrote {saved.data_path} ({decimal(saved.data_size)})")
+    for path in saved.kept:
+        consoles.say(f"refers to {path}")
     if saved.outgrew_one_file:
         consoles.say("The result is larger than 2 GB, so its weights went to the second file.")

@@ -16,7 +16,8 @@ def run(options: argparse.Namespace) -> int:
     """Prepares the model and writes it."""
     with model_output.claim(options) as output:
         model = model_files.load(options.model)
-        steps = prepare(model, options.step, skip=options.skip_step, folder=options.model.parent)
+        store = output.weights_for(model, options.model.parent)
+        steps = prepare(model, options.step, skip=options.skip_step, folder=store.folder, weight_store=store)
         saved = output.save(model, options.model.parent)
     table = Table("Step", box=box.SIMPLE)
     table.add_column("Changed", justify="right")

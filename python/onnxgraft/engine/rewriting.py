@@ -85,7 +85,7 @@ def rewrite(
     with seeded(seed), _data_folder(folder):
         if prepare is not False:
             steps = prepare if not isinstance(prepare, bool) else None if recipe is None else recipe.prepare
-            _prepare(model, steps, folder, report, progress)
+            _prepare(model, steps, folder, report, progress, weight_store)
         stepper = Stepper(graph, details, weight_store)
         stability = None
         if until_stable or (recipe is not None and recipe.until_stable):
@@ -127,12 +127,13 @@ def _prepare(
     folder: str | os.PathLike[str] | None,
     report: Report,
     progress: Callable[[str], object] | None,
+    weight_store: WeightStore | None,
 ) -> None:
     from onnxgraft import preparation  # noqa: PLC0415
 
     if progress is not None:
         progress("prepare")
-    report.prepared = preparation.prepare(model, steps, folder=folder)
+    report.prepared = preparation.prepare(model, steps, folder=folder, weight_store=weight_store)
     changes = ", ".join(f"{step.name} {step.changed}" for step in report.prepared if step.changed)
     _log.info("prepared: %s", changes or "nothing to do")
 

@@ -17,6 +17,7 @@ from onnxgraft.preparation.workpiece import Workpiece
 
 if TYPE_CHECKING:
     from onnxgraft.engine.report import PreparationStep
+    from onnxgraft.engine.weight_store import WeightStore
 
 LOG = logging.getLogger(__name__)
 
@@ -27,6 +28,7 @@ def prepare(
     *,
     skip: Iterable[str] = (),
     folder: str | os.PathLike[str] | None = None,
+    weight_store: WeightStore | None = None,
 ) -> list[PreparationStep]:
     """Prepares a model for the transformations, in place; its function stays.
 
@@ -36,6 +38,7 @@ def prepare(
         steps: Names of the steps to run, None for all. They run in the order of `STEPS`, whatever order is given.
         skip: Names of steps to leave out.
         folder: The folder that the locations of external tensors start from; None is the current one.
+        weight_store: Where new weights go, if not into the graph.
 
     Returns:
         What each step that ran changed.
@@ -46,7 +49,7 @@ def prepare(
     from onnxgraft.engine.report import PreparationStep  # the engine imports this module  # noqa: PLC0415
 
     chosen = _known(STEPS if steps is None else steps) - _known(skip)
-    workpiece = Workpiece(model, folder)
+    workpiece = Workpiece(model, folder, weight_store)
     done = []
     for step in STEPS.values():
         if step.name in chosen:

@@ -6,8 +6,11 @@ import logging
 from typing import Any
 
 from numpy.typing import NDArray
-from onnx import TensorProto, helper, numpy_helper
+from onnx import GraphProto, TensorProto, helper, numpy_helper
 from onnx.checker import ValidationError
+from onnx.external_data_helper import uses_external_data
+
+from onnxgraft.transform_utilities import external_data_folder, get_init
 
 Array = NDArray[Any]
 
@@ -20,10 +23,16 @@ def read_values(tensor: TensorProto, folder: str) -> Array | None:
     None as well if NumPy has no such element type, so that they would not come back as what they are.
     """
     try:
-        array: Array = numpy_helper.to_array(tensor, folder)
+        array = _map(tensor, folder) if uses_external_data(tensor) else numpy_helper.to_array(tensor)
         same_type = helper.np_dtype_to_tensor_dtype(array.dtype) == tensor.data_type
     except (OSError, ValueError, TypeError, KeyError, ValidationError) as error:
         reason = " ".join(str(error).split())
         LOG.warning("what reads tensor '%s' stays as it is, since its values cannot be read: %s", tensor.name, reason)
         return None
     return array if same_type else None
+
+
+def _map(tensor: TensorProto, folder: str) -> Array:
+    """The values in the file, mapped; the graph's tensor stays a reference, of which onnx would make a copy."""
+    with external_data_folder(folder):
+        return get_init(GraphProto(initializer=[tensor]), [tensor.name])[0][0]

@@ -8,7 +8,7 @@ from __future__ import annotations
 
 import os
 from collections.abc import Callable, Collection, Iterable
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 import numpy as np
 from onnx import GraphProto, ModelProto, NodeProto, TensorProto, TypeProto, ValueInfoProto, helper, numpy_helper
@@ -16,6 +16,9 @@ from onnx import GraphProto, ModelProto, NodeProto, TensorProto, TypeProto, Valu
 from onnxgraft.preparation.names import all_names, body_reads
 from onnxgraft.preparation.tensor_values import Array, read_values
 from onnxgraft.preparation.type_inference import inferred_values
+
+if TYPE_CHECKING:
+    from onnxgraft.engine.weight_store import WeightStore
 
 # Before this version of the file format an initializer had to be listed among the graph's inputs.
 _FIRST_IR_WITHOUT_LISTING = 4
@@ -27,9 +30,16 @@ class Workpiece:
     Args:
         model: The model, or its graph alone. A graph does not say which operator set it uses, so nothing is inferred.
         folder: The folder that the locations of external tensors start from; None is the current one.
+        weight_store: Where new tensors go, if not into the graph.
     """
 
-    def __init__(self, model: ModelProto | GraphProto, folder: str | os.PathLike[str] | None = None) -> None:
+    def __init__(
+        self,
+        model: ModelProto | GraphProto,
+        folder: str | os.PathLike[str] | None = None,
+        weight_store: WeightStore | None = None,
+    ) -> None:
+        self._weight_store = weight_store
         self.model = model if isinstance(model, ModelProto) else None
         self.graph = model.graph if isinstance(model, ModelProto) else model
         self.folder = os.fspath(folder) if folder is not None else "."
@@ -90,7 +100,8 @@ class Workpiece:
 
     def add_array(self, array: Array, name: str) -> None:
         """Adds an initializer with these values."""
-        self.add(numpy_helper.from_array(np.ascontiguousarray(array).reshape(array.shape), name))
+        tensor = numpy_helper.from_array(np.ascontiguousarray(array).reshape(array.shape), name)
+        self.add(tensor if self._weight_store is None else self._weight_store.store(tensor))
 
     def remove_nodes(self, positions: Collection[int]) -> None:
         """Takes the nodes at these positions out of the graph."""
