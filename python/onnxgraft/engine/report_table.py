@@ -17,7 +17,7 @@ _WIDTH = 200
 
 
 def table(report: Report) -> Table:
-    """One row per transformation, or one per transformation and round."""
+    """One row per transformation; of later rounds, those that replaced something or failed."""
     several_rounds = report.rounds > 1
     result = Table(box=box.SIMPLE, show_footer=len(report.steps) > 1)
     result.add_column("Transformation", "total")
@@ -25,9 +25,10 @@ def table(report: Report) -> Table:
         result.add_column("Round", str(report.rounds), justify="right")
     steps = report.steps
     for heading, footer in (
-        ("Found", sum(step.found for step in steps)),
+        # What stays refused is found again in every round, so only one round has a sum.
+        ("Found", "" if several_rounds else sum(step.found for step in steps)),
         ("Replaced", report.replaced),
-        ("Refused", report.refused),
+        ("Refused", "" if several_rounds else report.refused),
         ("Nodes before", steps[0].nodes_before if steps else 0),
         ("Nodes after", steps[-1].nodes_after if steps else 0),
     ):
@@ -35,6 +36,8 @@ def table(report: Report) -> Table:
     result.add_column("Seconds", f"{sum(step.seconds for step in steps):.2f}", justify="right")
     result.add_column("Remark")
     for step in steps:
+        if step.round > 1 and not step.replaced and step.error is None:
+            continue
         number = [str(step.round)] if several_rounds else []
         counts = (step.found, step.replaced, step.refused, step.nodes_before, step.nodes_after)
         result.add_row(step.transformation, *number, *map(str, counts), f"{step.seconds:.2f}", _remark(step))
