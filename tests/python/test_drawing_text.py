@@ -24,8 +24,8 @@ def test_every_node_and_tensor_is_shown(pattern: list[str], replacement: list[st
     shown = set(re.findall(r"\d+", drawn))
     assert pair.ids <= shown
     # One arrow head for each input that is no initializer, one line to each tensor that nothing here reads.
-    after = [pair.pattern[e.source] if e.kept and e.source is not None else e for e in pair.replacement]
-    inputs = [link for node in (*pair.pattern, *after) for link in node.inputs if not link.initializer]
+    drawn_nodes = [*pair.pattern, *(e.node for e in pair.replacement)]
+    inputs = [link for node in drawn_nodes for link in node.inputs if not link.initializer]
     assert drawn.count("▼") == len(inputs)
 
 

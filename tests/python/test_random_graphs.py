@@ -12,6 +12,7 @@ import random
 import zlib
 from collections.abc import Callable
 from dataclasses import dataclass, field
+from graphlib import CycleError, TopologicalSorter
 from typing import Any
 
 import pytest
@@ -22,10 +23,12 @@ from onnx import GraphProto, NodeProto, TensorProto, helper
 import onnxgraft.quant
 from helpers.graphs import random_graph
 from helpers.pairs import random_pair
-from onnxgraft.abstract_transformation import AbstractTransformation
+from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences, nearest_miss
+from onnxgraft.selfcheck.names import reads, sources
+from onnxgraft.selfcheck.soundness import problems
 from oracle.compare import Renaming, difference, dump, serialized
 from oracle.matching import Table, all_assignments
-from oracle.names import all_names, reads
+from oracle.names import all_names
 from oracle.notation import Pair, parse_pair
 from oracle.rewriting import Pass
 
@@ -46,7 +49,7 @@ def catalogue_pairs() -> list[tuple[list[str], list[str]]]:
         for pattern in (value for name, value in lists.items() if "_rep" not in name):
             for replacement in (value for name, value in lists.items() if "_rep" in name):
                 try:
-                    parse_pair(pattern, replacement)
+                    find_occurrences(GraphProto(), pattern, replacement)
                 except ValueError:
                     continue
                 pairs.append((pattern, replacement))
@@ -108,7 +111,7 @@ class Recorder:
             return FALSE[(self.salt + number) % len(FALSE)]
         for index in mapping.values():
             graph.node[index].attribute.append(helper.make_attribute("visit", number))
-        made = {links[i.id] for e in self.pair.replacement for i in e.inputs if i.initializer} - self.known
+        made = {links[i.id] for e in self.pair.replacement for i in e.node.inputs if i.initializer} - self.known
         for name in sorted(made, key=form.tensor):
             graph.initializer.append(helper.make_tensor(name, TensorProto.FLOAT, [1], [float(number)]))
         return TRUE[(self.salt + number) % len(TRUE)]
@@ -147,49 +150,29 @@ def _run(call: Callable[[], int]) -> int | str:
         return f"fault at {fault}"
 
 
-def _writers(graph: GraphProto) -> list[str]:
-    return [name for node in graph.node for name in node.output if name]
-
-
-def _in_order(graph: GraphProto) -> bool:
-    later = set(_writers(graph))
-    for node in graph.node:
-        if reads(node) & later:
-            return False
-        later -= set(node.output)
-    return True
-
-
-def _sources(graph: GraphProto) -> set[str]:
-    names = {v.name for v in graph.input} | {t.name for t in graph.initializer} | set(_writers(graph))
-    return names | {s.values.name for s in graph.sparse_initializer}
-
-
 def _dangling(graph: GraphProto) -> set[str]:
     wanted = {v.name for v in graph.output}.union(*(reads(node) for node in graph.node))
-    return wanted - _sources(graph)
+    return wanted - sources(graph) - {name for node in graph.node for name in node.output}
 
 
-def _check_soundness(before: GraphProto, after: GraphProto, *, acyclic: bool, faulted: bool) -> None:
-    """What must hold of any result, whatever the slow model says."""
-    if len(set(_writers(before))) == len(_writers(before)):
-        assert len(set(_writers(after))) == len(_writers(after)), "two producers of one tensor"
-        if acyclic and _in_order(before):
-            assert _in_order(after), "no topological order any more"
-    # What a callback that raised has not made yet may be missing, but nothing that was there before.
+def _new_faults(before: GraphProto, after: GraphProto, *, acyclic: bool, faulted: bool) -> list[str]:
+    """What must not be of any result, whatever the slow model says."""
     missing = _dangling(after) - _dangling(before)
-    assert not (missing & all_names(before) if faulted else missing), f"dangling inputs {missing}"
+    if faulted:  # what the callback has not made yet may be missing, but nothing that was there before
+        missing &= all_names(before)
+    old, new = problems(before), problems(after)
+    judged = ["writers"] + ["order"] * acyclic
+    return [*missing, *(text for kind in judged if kind not in old for text in new.get(kind, ()))]
 
 
 def _acyclic(graph: GraphProto) -> bool:
     """Several occurrences together may close a cycle; then there is no order to ask for."""
-    todo = list(graph.node)
-    while todo:
-        pending = {name for node in todo for name in node.output if name}
-        rest = [node for node in todo if reads(node) & pending]
-        if len(rest) == len(todo):
-            return False
-        todo = rest
+    writer = {name: index for index, node in enumerate(graph.node) for name in node.output}
+    needs = {k: {writer[n] for n in reads(node) if n in writer} for k, node in enumerate(graph.node)}
+    try:
+        TopologicalSorter(needs).prepare()
+    except CycleError:
+        return False
     return True
 
 
@@ -211,6 +194,7 @@ def check_drawn(rng: random.Random, head: str = "") -> tuple[int, int]:
 
     expected = Pass(graphs[0], pattern, replacement)
     expected_result = _run(lambda: expected.run(sides[0]))
+    assert (nearest_miss(before, pattern, replacement) is None) == bool(sides[0].calls), f"{head}why nothing matched"
     held = list(graphs[1].node)
     actual_result = _run(lambda: Real(sides[1]).run(graphs[1], pattern, replacement))
 
@@ -225,11 +209,9 @@ def check_drawn(rng: random.Random, head: str = "") -> tuple[int, int]:
         assert serialized(graphs[1]) == serialized(before), f"{head}a trace of refused occurrences"
     for index, origin in enumerate(expected.origins):
         assert origin is None or graphs[1].node[index] is held[origin], f"{head}node {index} was exchanged"
-    try:
-        faulted = isinstance(actual_result, str)
-        _check_soundness(before, graphs[1], acyclic=_acyclic(graphs[0]), faulted=faulted)
-    except AssertionError as error:
-        raise AssertionError(f"{head}{error}\n{dump(graphs[1])}") from None
+    faulted = isinstance(actual_result, str)
+    faults = _new_faults(before, graphs[1], acyclic=_acyclic(graphs[0]), faulted=faulted)
+    assert not faults, f"{head}{faults}\n{dump(graphs[1])}"
     return len(sides[1].calls), len(expected.accepted)
 
 

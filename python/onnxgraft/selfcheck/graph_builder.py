@@ -127,7 +127,8 @@ class GraphBuilder:
         inputs = [links[link.id] for link in node.inputs]
         if node.rest:
             last = self.rng.choice((count + 1, count + 2))
-            inputs += [""] * (last - count) + [self._constant(node.op, last, inputs[0], last + 1)]
+            first = inputs[0] if inputs else ""
+            inputs += [""] * (last - count) + [self._constant(node.op, last, first, last + 1)]
         return self._add(node.op, self._spoiled(inputs)).output[0]
 
     def _spoiled(self, inputs: list[str]) -> list[str]:

@@ -1,6 +1,6 @@
-"""Random graphs built around a pattern: several instances that overlap, near misses, and everything around.
+"""The self-test's random graphs, made strange: what is valid but rare, and what no exporter should write.
 
-No graph has a cycle: a node reads only what was there before it, and the list is shuffled at the end.
+No graph has a cycle: a node reads only what was written in front of it, and the list is shuffled at the end.
 """
 
 from __future__ import annotations
@@ -9,212 +9,111 @@ import random
 from collections.abc import Sequence
 
 import onnx
-from onnx import GraphProto, NodeProto, TensorProto, helper
+from onnx import GraphProto, NodeProto, SparseTensorProto, TensorProto, ValueInfoProto, helper
 
-from oracle.names import reads
-from oracle.notation import Pair, PatternNode, parse_pair
-
-LARGEST = 22
+from onnxgraft.selfcheck.graph_builder import GraphBuilder
+from onnxgraft.selfcheck.names import bodies, sources
 
 
-class GraphMaker:
-    def __init__(self, rng: random.Random, pattern: Sequence[str]) -> None:
-        self.rng = rng
-        self.pair: Pair = parse_pair(pattern, [])
-        self.graph = GraphProto(name="random", doc_string=rng.choice(("", "a doc string")))
-        self.tensors: list[str] = []
-        self.strangeness = rng.choice((0.0, 0.04, 0.15))
-        self._count = 0
+class Strange:
+    """Spoils a graph in place, each thing with a small probability."""
 
-    def strange(self, factor: float = 1.0) -> bool:
-        return self.rng.random() < self.strangeness * factor
+    def __init__(self, rng: random.Random, graph: GraphProto, degree: float) -> None:
+        self.rng, self.graph, self.degree = rng, graph, degree
 
-    def _name(self, stem: str) -> str:
-        self._count += 1
-        return f"{stem}{self._count}"
+    def now(self, factor: float = 1.0) -> bool:
+        return self.rng.random() < self.degree * factor
 
-    def tensor(self) -> str:
-        """A tensor to read, mostly a recent one."""
-        if not self.tensors or self.rng.random() < 0.2:
-            name = self._name("x")
-            if not self.strange():
-                self.graph.input.append(helper.make_tensor_value_info(name, TensorProto.FLOAT, [1]))
-            self.tensors.append(name)
-        if self.strange(0.5) and self.graph.initializer:
-            return self.rng.choice(self.graph.initializer).name
-        size = len(self.tensors)
-        return self.tensors[max(self.rng.randrange(size), self.rng.randrange(size))]
+    def spoil(self) -> None:
+        there = sorted(sources(self.graph))
+        for node in self.graph.node:
+            if there:
+                self._spoil_node(node, there)
+            for body in bodies(node):
+                self._spoil_body(body, depth=self.rng.randint(0, 1))
+            there += filter(None, node.output)
+        self._spoil_lists(there)
+        if self.rng.random() < 0.25:
+            nodes = [NodeProto.FromString(node.SerializeToString()) for node in self.graph.node]
+            del self.graph.node[:]
+            self.graph.node.extend(self.rng.sample(nodes, len(nodes)))
 
-    def constant(self) -> str:
-        if self.graph.initializer and self.rng.random() < 0.4:
-            return self.rng.choice(self.graph.initializer).name
-        name = self.rng.choice(self.tensors) if self.tensors and self.strange(0.3) else self._name("w")
-        value = helper.make_tensor(name, TensorProto.FLOAT, [1], [float(self._count)])
-        self.graph.initializer.extend([value] * (2 if self.strange() else 1))
-        if self.rng.random() < 0.2:
-            self.graph.input.append(helper.make_tensor_value_info(name, TensorProto.FLOAT, [1]))
-        return name
-
-    def add(self, op: str, inputs: list[str], output: str | None = None) -> NodeProto:
-        name = self.rng.choice(("", "twin")) if self.strange(2) else self._name("n")
-        outputs = [output or self._name("t")]
-        if self.strange():
-            outputs = self.rng.choice(([*outputs, ""], [*outputs, self._name("second")], ["", *outputs]))
-        node = self.graph.node.add(op_type=op, name=name, input=inputs, output=outputs)
-        if self.rng.random() < 0.3:
-            node.attribute.append(helper.make_attribute("scale", self.rng.random()))
-            node.doc_string, node.domain = self.rng.choice((("", ""), ("a note", "custom")))
-        if op == "If":
-            for branch in ("then_branch", "else_branch"):
-                node.attribute.append(helper.make_attribute(branch, self.body(self.rng.randint(0, 1))))
-        self.tensors += [o for o in outputs if o and o not in self.tensors]
-        return node
-
-    def body(self, depth: int, enclosing: Sequence[str] = ()) -> GraphProto:
-        """A nested graph that reads outer tensors, hides some of them, or hands one out as its result."""
-        rng, body = self.rng, GraphProto(name="body")
-        names = [rng.choice((self.tensor(), self.constant())) for _ in range(rng.randint(0, 3))]
-        names += [*enclosing, "local"]
-        hidden = rng.choice(names)
-        how = rng.choice(("none", "none", "input", "initializer", "sparse", "node", "later"))
-        if how == "input":
-            body.input.append(helper.make_tensor_value_info(hidden, TensorProto.FLOAT, [1]))
-        elif how == "initializer":
-            body.initializer.append(helper.make_tensor(hidden, TensorProto.FLOAT, [1], [0.0]))
-        elif how == "sparse":
-            values = helper.make_tensor(hidden, TensorProto.FLOAT, [1], [1.0])
-            indices = helper.make_tensor("indices", TensorProto.INT64, [1], [0])
-            body.sparse_initializer.append(helper.make_sparse_tensor(values, indices, [1]))
-        elif how == "node":
-            body.node.add(op_type="Constant", output=[hidden])
-        body.node.add(op_type="Sum", input=[n for n in names if n != "local"], output=["local"])
-        if how == "later":
-            body.node.add(op_type="Constant", output=[hidden if hidden != "local" else "late"])
-        if depth:
-            inner = body.node.add(op_type="If", input=["local"], output=["inner"])
-            inner.attribute.append(helper.make_attribute("then_branch", self.body(depth - 1, [hidden])))
-        result = rng.choice((*names, self.tensor()))
-        body.output.append(helper.make_tensor_value_info(result, TensorProto.FLOAT, [1]))
-        return body
-
-    def _candidates(self, node: PatternNode, links: dict[str, str], used: list[str]) -> list[NodeProto]:
-        """Nodes already there that could play `node` as well."""
-        return [
-            n
-            for n in self.graph.node
-            if n.op_type == node.op
-            and n.output[0] not in used
-            and len(n.input) >= len(node.inputs)
-            and all(links.get(link.id, name) == name for link, name in zip(node.inputs, n.input, strict=False))
-        ]
-
-    def _outside(self, links: dict[str, str]) -> str:
-        """A tensor for an input of the pattern; now and then it hangs on an output of the same instance."""
-        own = [links[n.output] for n in self.pair.pattern if n.output in links]
-        if not own or self.rng.random() < 0.85:
-            return self.tensor()
-        name = self.rng.choice(own)  # either the tensor itself, under a second id, or one node further
-        return name if self.rng.random() < 0.4 else self.add("Abs", [name]).output[-1] or name
-
-    def _play(self, node: PatternNode, links: dict[str, str], used: list[str]) -> None:
-        there = self._candidates(node, links, used)
-        if there and self.rng.random() < 0.35:
-            chosen = self.rng.choice(there)
-            links.update((link.id, name) for link, name in zip(node.inputs, chosen.input, strict=False))
-        else:
-            for link in node.inputs:
-                if link.id not in links:
-                    links[link.id] = self.constant() if link.initializer else self._outside(links)
-            inputs = [links[link.id] for link in node.inputs]
-            if node.rest:
-                inputs += [self.rng.choice(("", self.constant())) for _ in range(self.rng.randint(0, 2))]
-            chosen = self.add(node.op, self._spoiled(inputs))
-        links[node.output] = next(filter(None, chosen.output))
-        used.append(chosen.output[0])
-
-    def _spoiled(self, inputs: list[str]) -> list[str]:
-        rng = self.rng
-        if self.strange() and inputs:
-            inputs[rng.randrange(len(inputs))] = rng.choice((self.tensor(), self.constant(), ""))
-        if self.strange():
+    def _spoil_node(self, node: NodeProto, there: list[str]) -> None:
+        rng, inputs, outputs = self.rng, list(node.input), list(node.output)
+        if self.now(2):
+            node.name = rng.choice(("", "twin"))
+        if rng.random() < 0.2:
+            node.doc_string, node.domain = rng.choice((("", ""), ("a note", "custom")))
+            node.attribute.append(helper.make_attribute("note", rng.random()))
+        if self.now() and inputs:
+            inputs[rng.randrange(len(inputs))] = rng.choice((rng.choice(there), ""))
+        if self.now():
             rng.shuffle(inputs)
-        if self.strange():
-            inputs += rng.choice(([""], ["", ""], [self.tensor()], [self.constant()]))
-        if self.strange() and inputs:
+        if self.now():
+            inputs += rng.choice(([""], ["", ""], [rng.choice(there)]))
+        if self.now() and inputs:
             inputs.pop()
-        return inputs
+        if self.now():
+            outputs = rng.choice(([*outputs, ""], [*outputs, f"second_{outputs[0]}"], ["", *outputs]))
+        node.input[:], node.output[:] = inputs, outputs
 
-    def instance(self) -> None:
-        """The pattern once more, node by node, with some nodes that are there already."""
-        links: dict[str, str] = {}
-        used: list[str] = []
-        todo = list(self.pair.pattern)
-        while todo:
-            inner = {n.output for n in todo}
-            node = next(n for n in todo if not inner & {link.id for link in n.inputs})
-            todo.remove(node)
-            self._play(node, links, used)
-            if self.rng.random() < 0.1:
-                self.noise()
+    def _spoil_body(self, body: GraphProto, depth: int) -> None:
+        """The body hides an outer name that it reads, before or after; or it hands an outer tensor out."""
+        names = [name for node in body.node for name in (*node.input, *node.output)]
+        hidden = self.rng.choice(names)
+        how = self.rng.choice(("none", "none", "input", "initializer", "sparse", "node", "later"))
+        if how == "input":
+            body.input.append(_value(hidden))
+        elif how == "initializer":
+            body.initializer.append(_tensor(hidden))
+        elif how == "sparse":
+            body.sparse_initializer.append(_sparse(hidden))
+        elif how != "none":
+            body.node.insert(0 if how == "node" else len(body.node), NodeProto(op_type="Constant", output=[hidden]))
+        if depth:
+            inner = GraphProto.FromString(body.SerializeToString())
+            self._spoil_body(inner, depth - 1)
+            body.node.add(op_type="If", output=["inner"]).attribute.append(helper.make_attribute("then_branch", inner))
+        if self.rng.random() < 0.3:
+            body.output[0].name = self.rng.choice(names)
 
-    def noise(self) -> None:
-        op = self.rng.choice(("Add", "Mul", "If", "If", "Split", *(n.op for n in self.pair.pattern)))
-        self.add(op, [self.tensor() for _ in range(self.rng.randint(1, 2))])
-
-    def _decorate(self) -> None:
+    def _spoil_lists(self, names: list[str]) -> None:
         rng, graph = self.rng, self.graph
-        for name in self.tensors:
-            value = helper.make_tensor_value_info(name, TensorProto.FLOAT, [2])
-            if rng.random() < 0.35:
-                graph.value_info.extend([value] * (2 if self.strange() else 1))
-            if rng.random() < 0.06:
-                graph.output.append(value)
-        if self.rng.random() < 0.08 and graph.initializer:
-            graph.output.append(
-                helper.make_tensor_value_info(rng.choice(graph.initializer).name, TensorProto.FLOAT, [2])
-            )
-        if self.strange(2) and self.tensors:
-            graph.quantization_annotation.append(onnx.TensorAnnotation(tensor_name=rng.choice(self.tensors)))
-            values = helper.make_tensor(self._name("sparse"), TensorProto.FLOAT, [1], [1.0])
-            indices = helper.make_tensor(self._name("indices"), TensorProto.INT64, [1], [0])
-            graph.sparse_initializer.append(helper.make_sparse_tensor(values, indices, [1]))
-        if self.strange() and graph.node:  # a second writer; it reads nothing, so there is still no cycle
-            ops = [n.op for n in self.pair.pattern if n.op != "If"] or ["Add"]
-            self.add(rng.choice(ops), [], rng.choice(self.tensors))
-
-    def _reorder(self) -> None:
-        how = self.rng.choice(("as made", "sorted", "sorted", "anyhow"))
-        nodes = list(self.graph.node)
-        if how == "as made":
-            return
-        self.rng.shuffle(nodes)
-        if how == "sorted":
-            nodes = topological(nodes)
-        copies = [NodeProto.FromString(node.SerializeToString()) for node in nodes]
-        del self.graph.node[:]
-        self.graph.node.extend(copies)
-
-    def make(self) -> GraphProto:
-        instances = self.rng.randint(2, max(2, min(6, (LARGEST - 2) // len(self.pair.pattern))))
-        for _ in range(instances):
-            self.instance()
-            if self.rng.random() < 0.4:
-                self.noise()
-        self._decorate()
-        self._reorder()
-        return self.graph
+        for name in names:
+            graph.value_info.extend([_value(name)] * self.now())
+            if rng.random() < 0.03:
+                graph.output.append(_value(name))
+        for tensor in list(graph.initializer):
+            graph.initializer.extend([tensor] * self.now())
+            if rng.random() < 0.2:
+                graph.input.append(_value(tensor.name))
+            if self.now(0.3):
+                tensor.name = rng.choice(names)
+        if self.now(2) and names:
+            graph.quantization_annotation.append(onnx.TensorAnnotation(tensor_name=rng.choice(names)))
+            graph.sparse_initializer.append(_sparse("sparse"))
+        if self.now() and graph.input:
+            graph.input.pop()
+        if self.now() and graph.node:  # a second writer; it reads nothing, so there is still no cycle
+            graph.node.add(op_type=rng.choice(graph.node).op_type, output=[rng.choice(names)])
 
 
-def topological(nodes: list[NodeProto]) -> list[NodeProto]:
-    """A topological order that follows the given one where it can."""
-    todo, result = list(nodes), []
-    while todo:
-        pending = {name for node in todo for name in node.output if name}
-        ready = next((n for n in todo if not reads(n) & (pending - set(n.output))), todo[0])
-        todo.remove(ready)
-        result.append(ready)
-    return result
+def _value(name: str) -> ValueInfoProto:
+    return helper.make_tensor_value_info(name, TensorProto.FLOAT, [2])
+
+
+def _tensor(name: str) -> TensorProto:
+    return helper.make_tensor(name, TensorProto.FLOAT, [1], [0.0])
+
+
+def _sparse(name: str) -> SparseTensorProto:
+    indices = helper.make_tensor("indices", TensorProto.INT64, [1], [0])
+    return helper.make_sparse_tensor(_tensor(name), indices, [1])
 
 
 def random_graph(rng: random.Random, pattern: Sequence[str]) -> GraphProto:
-    return GraphMaker(rng, pattern).make()
+    """Occurrences of the pattern and near misses, of any degree of strangeness."""
+    graph = GraphBuilder(rng).build([pattern] * (2 if len(pattern) < 4 else 1))
+    graph.doc_string = rng.choice(("", "a doc string"))
+    Strange(rng, graph, rng.choice((0.0, 0.04, 0.15))).spoil()
+    return graph

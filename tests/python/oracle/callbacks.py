@@ -156,7 +156,7 @@ def _give_bias(graph: GraphProto, node: NodeProto, value: Array, updated: set[st
     if name not in updated:
         graph.initializer.append(numpy_helper.from_array(value, name))
         updated.add(name)
-    inputs = [*node.input[:2], name]
+    inputs = [*node.input[:2], name, *node.input[3:]]
     del node.input[:]
     node.input.extend(inputs)
 

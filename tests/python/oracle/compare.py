@@ -11,7 +11,7 @@ from collections.abc import Collection
 
 from onnx import GraphProto, NodeProto
 
-from .names import bodies
+from onnxgraft.selfcheck.names import bodies
 
 
 class Renaming:

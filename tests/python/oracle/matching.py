@@ -11,8 +11,10 @@ from dataclasses import dataclass, field
 
 from onnx import GraphProto, NodeProto
 
-from .names import body_reads, reads
-from .notation import Pair, PatternNode
+from onnxgraft.matching.notation import PatternNode
+from onnxgraft.selfcheck.names import body_reads, reads
+
+from .notation import Pair
 
 Links = dict[str, str]
 
@@ -123,12 +125,12 @@ def _closes_cycle(table: Table, pair: Pair, found: Assignment) -> bool:
     after: dict[str, set[str]] = {}
     sources = {links[i] for i in pair.pattern_reads - pair.pattern_outputs.keys()}
     for e in pair.replacement:
-        named = {links[link.id] for link in e.inputs}
+        named = {links[link.id] for link in e.node.inputs}
         if e.source is not None:
             matched = table.nodes[found.nodes[e.source]]
             sources |= body_reads(matched)
             named |= reads(matched) if e.kept else body_reads(matched)
-        after[links[e.output]] = named
+        after[links[e.node.output]] = named
     old_outputs = [links[o] for o in pair.replacement_outputs & pair.pattern_outputs.keys()]
     now = {o: _depends_on(o, after) & sources for o in old_outputs}
     fresh = {o: now[o] - _depends_on(o, before) for o in old_outputs}

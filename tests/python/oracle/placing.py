@@ -11,7 +11,8 @@ from dataclasses import dataclass
 
 from onnx import NodeProto
 
-from .names import reads
+from onnxgraft.selfcheck.names import reads
+
 from .notation import Pair
 
 
@@ -52,7 +53,7 @@ def _groups(pair: Pair, occurrence: Occurrence) -> dict[Item, _Group]:
     groups = {item: _Group() for item in occurrence.matched}
     entries, made = pair.replacement, occurrence.made
     for entry, item in zip(entries, made, strict=True):
-        if entry.copied and entry.source is not None:
+        if not entry.kept and entry.source is not None:
             groups[occurrence.matched[entry.source]].copies.append(item)
     for position, (entry, item) in enumerate(zip(entries, made, strict=True)):
         if entry.source is not None:

@@ -12,9 +12,12 @@ from typing import Any
 
 from onnx import GraphProto, NodeProto
 
+from onnxgraft.matching.notation import Entry
+from onnxgraft.selfcheck.names import reads
+
 from .matching import Assignment, Table, all_assignments, choose
-from .names import all_names, reads
-from .notation import Entry, Pair, parse_pair
+from .names import all_names
+from .notation import Pair, parse_pair
 from .placing import Item, Occurrence, splice
 
 Callback = Callable[[GraphProto, list[NodeProto], dict[int, int], dict[str, str]], object]
@@ -87,13 +90,15 @@ class Pass:
             node = NodeProto()
             if entry.source is not None:
                 node.CopyFrom(matched[entry.source].node)
-                node.name = self._copy_name(position, entry, matched)
+                name = self._copy_name(position, entry, matched)
+                if node.name != name:  # an empty name that is set differs from none
+                    node.name = name
             else:
-                node.op_type = entry.op or ""
+                node.op_type = entry.node.op
                 node.name = self._fresh("node")
             del node.input[:], node.output[:]
-            node.input.extend(links[link.id] for link in entry.inputs)
-            node.output.append(links[entry.output])
+            node.input.extend(links[link.id] for link in entry.node.inputs)
+            node.output.append(links[entry.node.output])
             made.append(Item(node))
         removed = [item for k, item in enumerate(matched) if k not in self.pair.kept]
         return Occurrence(matched, made, removed), links
@@ -104,7 +109,7 @@ class Pass:
         if source not in self.pair.kept:
             earlier = [e for e in self.pair.replacement[:position] if e.source == source]
             return self._fresh("node") if earlier else matched[source].node.name
-        writer = self.pair.pattern_outputs.get(entry.output)
+        writer = self.pair.pattern_outputs.get(entry.node.output)
         if writer is None or writer in self.pair.kept | self.pair.copied:
             return self._fresh("node")
         return matched[writer].node.name
