@@ -123,25 +123,10 @@ TEST(Notation, ListsThatDoNotFitTogetherAreRefused) {
   }
 }
 
-TEST(Notation, WellFormedStringsAreTakenApart) {
-  const ParsedString node = parse_string({StringPlace::List::pattern, 0, "Q-Lin.Conv2:007,1i,~i->12"});
-  EXPECT_EQ(node.op, "Q-Lin.Conv2");
-  ASSERT_EQ(node.inputs.size(), 2U);
-  EXPECT_EQ(node.inputs[0].id, "007");
-  EXPECT_FALSE(node.inputs[0].initializer);
-  EXPECT_EQ(node.inputs[1].id, "1");
-  EXPECT_TRUE(node.inputs[1].initializer);
-  EXPECT_TRUE(node.rest);
-  EXPECT_EQ(node.output, "12");
-  const ParsedString source = parse_string({StringPlace::List::replacement, 0, "#012:->3"});
-  EXPECT_EQ(source.source, 12U);
-  EXPECT_FALSE(source.bare);
-  EXPECT_TRUE(source.inputs.empty());
-  EXPECT_TRUE(parse_string({StringPlace::List::replacement, 0, "#3"}).bare);
-}
-
 TEST(Notation, ListsThatFitTogetherAreAccepted) {
   const std::pair<Texts, Texts> table[] = {
+      {{"Q-Lin.Conv2:007,1i,~i->12"}, {"#0"}},            // whatever an operator may be called
+      {{"A:1->2", "B:2->3"}, {"#00:->2", "#1"}},          // numbers, not text
       {{"A:1->2"}, {}},                                   // takes the node away
       {{"A:->2"}, {"B:->2"}},                             // no inputs at all
       {{"A:1,~i->2"}, {"#0"}},                            // a kept node has its rest as it was
@@ -153,20 +138,6 @@ TEST(Notation, ListsThatFitTogetherAreAccepted) {
       {{"A:1->2", "A:1->02"}, {"#0", "#1"}},              // ids are text: 2 and 02 differ
   };
   for (const auto& [pattern, replacement] : table) EXPECT_EQ(refusal(pattern, replacement), "(accepted)");
-}
-
-TEST(Rule, MarksWhatTheListsDecide) {
-  // Node 0 kept, 1 copied, 2 gone; tensor 2 stays, 3 is inner and written anew, 4 vanishes; node 3 is apart.
-  const Rule rule = make_rule("A:1->2 B:2->3 C:3->4 D:5->6", "#0 #1:2->3 #0:3->9 #3");
-  const auto flags = [&](std::size_t node) {
-    const PatternNode& it = rule.nodes[node];
-    return std::tuple(it.kept, it.copied, it.exclusive, it.part);
-  };
-  EXPECT_EQ(flags(0), std::tuple(true, true, false, 0U));
-  EXPECT_EQ(flags(1), std::tuple(false, true, true, 0U));
-  EXPECT_EQ(flags(2), std::tuple(false, false, true, 0U));
-  EXPECT_EQ(flags(3), std::tuple(true, false, false, 1U));
-  EXPECT_EQ(rule.part_count, 2U);
 }
 
 }  // namespace
