@@ -28,43 +28,27 @@ POOL = ["GlobalAveragePool:0->1"]
 
 # Pattern, nodes ("w…" are initializers, "x…" inputs, "y…" outputs), reason, words of the hint.
 MISSES: list[tuple[list[str], str, str, str]] = [
-    (
-        CONV,
-        "Constant -> c; Conv x c -> y",
-        "not_initializer",
-        "the weight 'c' is the output of a Constant node: prepare",
-    ),
+    (CONV, "Constant -> c; Conv x c -> y", "not_initializer",
+     "the weight 'c' is the output of a Constant node: prepare"),
     (CONV, "Identity w -> c; Identity c -> d; Conv x d -> y", "not_initializer", "an Identity of 'w': prepare"),
     (CONV, "Transpose w -> c; Conv x c -> y", "not_initializer", "a Transpose of the constant 'w': prepare"),
     (CONV, "DequantizeLinear w w1 -> c; Conv x c -> y", "not_initializer", "already quantized"),
     (CONV, "Neg w -> c; Abs c -> d; Conv x d -> y", "not_initializer", "computed from constants by an Abs"),
     (CONV, "Conv x x1 -> y", "not_initializer", "'x1' is an input of the graph without a value"),
-    (
-        CONV,
-        "Conv x w w1 -> y",
-        "input_count",
-        "every Conv of the graph is one with bias (3 inputs), the pattern wants 2",
-    ),
+    (CONV, "Conv x w w1 -> y", "input_count",
+     "every Conv of the graph is one with bias (3 inputs), the pattern wants 2"),
     (CONV, "QLinearConv x w -> y", "missing_operator", "already quantized: the graph has QLinearConv nodes"),
     (["MatMul:0,1i->2"], "MatMul x x1 -> y", "not_initializer", "'x1' is an input"),
     (["MatMul:0,1i->2"], "Relu x -> a; Neg x -> b; MatMul a b -> y", "not_initializer", "both inputs of this MatMul"),
     (["Add:0,1i->2"], "Add w x -> y", "not_initializer", "inputs swapped: 'w' is input 0, the pattern wants it at 1"),
     (["Sub:0,1i->2"], "Sub w x -> y", "not_initializer", "the initializer 'w' is input 0 of the Sub"),
     (JOIN, "Relu x -> a; Sigmoid x -> b; Mul b a -> y", "other_position", "inputs swapped: 'a' is input 1 of the Mul"),
-    (
-        PAIR,
-        "Relu x -> a; Sigmoid x -> b; Concat b a -> y",
-        "wrong_operator",
-        "has the Relu at input 1, the pattern wants",
-    ),
+    (PAIR, "Relu x -> a; Sigmoid x -> b; Concat b a -> y", "wrong_operator",
+     "has the Relu at input 1, the pattern wants"),
     (TWO, "Conv x w -> a; Relu a -> y; Neg a -> y1", "read_elsewhere", "'a' is also read by Neg node 2 (writes 'y1')"),
     (TWO, "Conv x w -> ya; Relu ya -> y", "graph_output", "'ya' is a graph output"),
-    (
-        TWO,
-        "Conv x w -> a; Relu a -> y; If x a -> y1",
-        "read_by_body",
-        "a nested graph of If node 2 (writes 'y1') reads 'a'",
-    ),
+    (TWO, "Conv x w -> a; Relu a -> y; If x a -> y1", "read_by_body",
+     "a nested graph of If node 2 (writes 'y1') reads 'a'"),
     (TWO, "Conv x w -> a; Identity a -> b; Relu b -> y", "wrong_operator", "the Identity stands between"),
     (TWO, "Conv x w -> a; LeakyRelu a -> y; Relu x -> y1", "wrong_operator", "the activation here is LeakyRelu"),
     (TWO, "Conv x w -> a; LeakyRelu a -> y", "missing_operator", "the activations of this graph are others: LeakyRelu"),
@@ -77,7 +61,7 @@ MISSES: list[tuple[list[str], str, str, str]] = [
     (SIZES, "Slice x w -> a; Concat a w2 -> y", "input_count", "one constant of two elements"),
     (POOL, "ReduceMean x w_axes -> y", "missing_operator", "a ReduceMean over height and width does the same"),
     (["Relu:0->1", "Relu:1->2"], "Relu x -> y", "graph_output", "'y' is a graph output"),
-]
+]  # fmt: skip
 
 
 def small_graph(lines: str) -> GraphProto:
