@@ -15,7 +15,8 @@ import onnx
 from onnx import TensorProto, helper, numpy_helper
 
 from helpers.occurrences import packed
-from oracle.notation import PatternNode, parse_pair
+from onnxgraft.matching.notation import PatternNode
+from oracle.notation import parse_pair
 
 Array = npt.NDArray[Any]
 Initializer = Callable[["ModelMaker", PatternNode], Array]
