@@ -73,6 +73,12 @@ def common() -> Parser:
         "-v", "--verbose", action="count", default=0, help="say more on standard error (-vv: each pattern)"
     )
     group.add_argument("-q", "--quiet", action="store_true", help="show errors only")
+    return group
+
+
+def user_code() -> Parser:
+    """Where transformations of the user's own come from."""
+    group = _group()
     group.add_argument(
         "--load",
         action="append",
@@ -80,11 +86,17 @@ def common() -> Parser:
         metavar="FILE.py|MODULE",
         help="import this first, so that it can register transformations; may be given several times",
     )
+    return group
+
+
+def user_recipes() -> Parser:
+    """Where recipes of the user's own come from."""
+    group = _group()
     group.add_argument(
         "--recipe-file",
         type=Path,
         metavar="FILE.toml",
-        help="take recipes from this file too, before the built-in",
+        help="take recipes from this file too; of two with one name, its own counts",
     )
     return group
 
@@ -118,10 +130,17 @@ def chosen_transformations() -> Parser:
     )
     choice.add_argument("--recipe", metavar="NAME", help="the transformations of a recipe (see `onnxgraft recipes`)")
     group.add_argument(
-        "--skip", action="append", default=[], metavar="NAME", help="leave this transformation out; several times"
+        "--skip",
+        action="append",
+        default=[],
+        metavar="NAME",
+        help="leave this transformation out; may be given several times",
     )
     group.add_argument(
-        "--no-prepare", dest="prepare", action="store_false", help="take the model as it is, without `prepare`"
+        "--no-prepare",
+        dest="prepare",
+        action="store_false",
+        help="take the model as it is, without the steps of `onnxgraft prepare`",
     )
     return group
 
@@ -133,7 +152,9 @@ def output(*, required: bool) -> Parser:
     group.add_argument("--force", action="store_true", help="overwrite existing files")
     storage = group.add_mutually_exclusive_group()
     storage.add_argument(
-        "--save-as-external-data", action="store_true", help="put the weights into a data file beside the output"
+        "--save-as-external-data",
+        action="store_true",
+        help="put the weights into a data file beside OUT.onnx, even if the model has none",
     )
     storage.add_argument(
         "--keep-external-data",
@@ -149,14 +170,14 @@ def output(*, required: bool) -> Parser:
     return group
 
 
-def seed() -> Parser:
-    """The seed of random numbers."""
+def seed(meaning: str) -> Parser:
+    """The seed of random numbers; `meaning` is the help text."""
     group = _group()
     group.add_argument(
         "--seed",
         type=whole_number(0, LARGEST_SEED),
         metavar="N",
-        help="seed of the random numbers",
+        help=meaning,
     )
     return group
 

@@ -9,13 +9,14 @@ from importlib.metadata import version
 from onnxgraft.cli import options
 from onnxgraft.cli.options import Parser, positive_number, whole_number
 
+_DATA_FILE = "A model whose weights are in a data file gets a new one beside OUT.onnx."
+
 
 def parse(arguments: Sequence[str] | None) -> argparse.Namespace:
     """Reads the arguments (those of the process for None); wrong usage ends the process."""
-    parser = make_parser()
-    options = parser.parse_args(arguments)
+    options = make_parser().parse_args(arguments)
     if options.command == "apply" and options.output is None and not options.dry_run:
-        parser.error("apply needs -o/--output, the model to write, or --dry-run")
+        options.parser.error("-o/--output, the model to write, or --dry-run is required")
     return options
 
 
@@ -24,27 +25,38 @@ def make_parser() -> argparse.ArgumentParser:
     parser = Parser(prog="onnxgraft", description="Rewrites the graphs of ONNX models for quantized inference.")
     parser.add_argument("--version", action="version", version="%(prog)s " + version("onnx-graft"))
     commands = parser.add_subparsers(dest="command", metavar="COMMAND", required=True)
-    common = options.common()
+    common, code, recipes = options.common(), options.user_code(), options.user_recipes()
 
     def command(name: str, summary: str, *parents: Parser, epilog: str | None = None) -> Parser:
         description = summary[0].upper() + summary[1:] + "."
-        return commands.add_parser(
+        made = commands.add_parser(
             name, help=summary, description=description, epilog=epilog, parents=[*parents, common]
         )
+        made.set_defaults(parser=made, load=[])
+        return made
 
-    command("list", "show the transformations")
-    show = command("show", "draw the patterns of a transformation")
-    show.add_argument("name", metavar="NAME", help="short name of a transformation")
-    command("recipes", "show the recipes: transformations for a family of networks")
+    command("list", "show the transformations", code)
+    show = command("show", "draw the patterns of a transformation", code)
+    show.add_argument("name", metavar="NAME", help="short name of a transformation (see `onnxgraft list`)")
+    command("recipes", "show the recipes: transformations for a family of networks", code, recipes)
 
     prepare = command(
         "prepare",
         "bring exporters' forms to those that the patterns know, without changing what the model computes",
         options.one_model(),
         options.output(required=True),
+        epilog=_DATA_FILE,
     )
-    prepare.add_argument("--step", action="append", metavar="NAME", help="only this step; may be given several times")
-    prepare.add_argument("--skip-step", action="append", default=[], metavar="NAME", help="leave this step out")
+    prepare.add_argument(
+        "--step", action="append", metavar="NAME", help="run only this step; may be given several times"
+    )
+    prepare.add_argument(
+        "--skip-step",
+        action="append",
+        default=[],
+        metavar="NAME",
+        help="leave this step out; may be given several times",
+    )
 
     command(
         "find",
@@ -52,14 +64,19 @@ def make_parser() -> argparse.ArgumentParser:
         options.one_model(),
         options.chosen_transformations(),
         options.as_json(),
-        epilog="Each transformation is looked for in the model as it is, not in what the ones before would leave.",
+        code,
+        recipes,
+        epilog="Each transformation is looked for in the prepared model, not in what the ones before would leave.",
     )
     command(
         "explain",
-        "say why patterns do not match",
+        "say why patterns do not match, or matches are refused",
         options.one_model(),
         options.chosen_transformations(),
         options.as_json(),
+        code,
+        recipes,
+        epilog="Each transformation is looked for in what the ones before leave; nothing is written.",
     )
     _add_apply_options(
         command(
@@ -68,13 +85,19 @@ def make_parser() -> argparse.ArgumentParser:
             options.one_model(),
             options.chosen_transformations(),
             options.output(required=False),
-            options.seed(),
-            epilog="Weights in an external file stay in one, beside the output.",
+            options.seed("seed of the random weights; without it each run draws others"),
+            code,
+            recipes,
+            epilog=_DATA_FILE,
         )
     )
 
     verify = command(
-        "verify", "compare two models by numbers: same inputs, same outputs", options.two_models(), options.seed()
+        "verify",
+        "compare two models by numbers: same inputs, same outputs",
+        options.two_models(),
+        options.seed("seed of the random inputs (default: 0)"),
+        epilog="Ends with code 3 if the models differ.",
     )
     verify.add_argument(
         "--size",
@@ -82,19 +105,22 @@ def make_parser() -> argparse.ArgumentParser:
         type=options.named_size,
         default=[],
         metavar="NAME=N",
-        help="size of a symbolic dimension of the inputs; may be given several times",
+        help="size of a symbolic dimension, by its name or as INPUT[AXIS]; may be given several times",
     )
-    verify.add_argument("--runs", type=whole_number(1), default=1, metavar="N", help="number of inputs (default: 1)")
+    verify.add_argument(
+        "--runs", type=whole_number(1), default=1, metavar="N", help="how many random inputs to try (default: 1)"
+    )
     verify.add_argument(
         "--tolerance",
         type=positive_number,
         metavar="X",
-        help="largest difference allowed, relative to the scale of the output",
+        help="largest difference allowed, relative to the largest value of the output (default: 1e-4, more for float16"
+        " and bfloat16)",
     )
 
     diff = command("diff", "show what is different between two graphs", options.two_models())
     diff.add_argument(
-        "--html", type=options.path_ending_in(".html"), metavar="D.html", help="write a page with pictures"
+        "--html", type=options.path_ending_in(".html"), metavar="D.html", help="write a page with pictures too"
     )
     diff.add_argument("--force", action="store_true", help="overwrite existing files")
     return parser
@@ -104,7 +130,7 @@ def _add_apply_options(apply: argparse.ArgumentParser) -> None:
     apply.add_argument("--until-stable", action="store_true", help="repeat until the graph does not change any more")
     apply.add_argument("--dry-run", action="store_true", help="do everything but write the model")
     apply.add_argument(
-        "--keep-going", action="store_true", help="leave a transformation that fails out and go on with the next"
+        "--keep-going", action="store_true", help="undo a transformation that fails, leave it out and go on"
     )
     apply.add_argument(
         "--report",
