@@ -16,7 +16,11 @@ namespace {
 thread_local std::size_t allocations_left = 0;
 
 void* allocate(std::size_t size) {
-  if (allocations_left != 0 && --allocations_left == 0) throw std::bad_alloc();
+  if (allocations_left == 1) {
+    allocations_left = 0;
+    throw std::bad_alloc();
+  }
+  if (allocations_left != 0) --allocations_left;
   void* memory = std::malloc(size == 0 ? 1 : size);
   if (memory == nullptr) throw std::bad_alloc();
   return memory;

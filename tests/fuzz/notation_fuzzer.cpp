@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -44,8 +45,8 @@ GraphTable graph_of(const Rule& rule) {
   GraphTable table;
   const auto name = [&](LinkId link) { return table.names.intern("t" + rule.links[link].id); };
   for (const PatternNode& node : rule.nodes) {
-    std::vector<NameId> inputs;
-    for (const LinkUse& use : node.inputs) inputs.push_back(name(use.link));
+    std::vector<NameId> inputs(node.inputs.size());
+    std::ranges::transform(node.inputs, inputs.begin(), [&](const LinkUse& use) { return name(use.link); });
     const std::vector<NameId> outputs{name(node.output)};
     table.add_node(table.ops.intern(node.op), inputs, outputs);
     table.node_names.push_back(no_name);
@@ -69,8 +70,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Claims claims(table.original_count());
     OccurrenceList found = Search(table, rule, candidates, claims, {}).run();
     const SplicePlan plan(table, rule, found);
-    std::vector<NodeIndex> before;
-    for (NodeIndex node = 0; node < table.original_count(); ++node) before.push_back(node);
+    std::vector<NodeIndex> before(table.original_count());
+    std::iota(before.begin(), before.end(), NodeIndex{0});
     if (plan.arrange(before, std::vector<bool>(found.size(), false)) != before) std::abort();
     if (plan.arrange(before, std::vector<bool>(found.size(), true)).size() > table.node_count()) std::abort();
   } catch (const NotationError&) {
