@@ -15,7 +15,7 @@ function(onnxgraft_compile_options target)
     VISIBILITY_INLINES_HIDDEN ON
     POSITION_INDEPENDENT_CODE ON)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion
-    -Wold-style-cast)
+    -Wold-style-cast -Wno-missing-field-initializers)
   if(ONNXGRAFT_WERROR)
     target_compile_options(${target} PRIVATE -Werror)
   endif()

@@ -57,14 +57,14 @@ Callback::Callback(PyObject* transformation, PyObject* graph, PyObject* extra, c
     : transformation_(transformation), graph_(graph), rule_(rule) {
   const Ref method = attribute(transformation, callback_name);
   if (PyMethod_Check(method.get()) != 0) {
-    PyObject* function = PyMethod_GET_FUNCTION(method.get());
+    PyObject* function = PyMethod_Function(method.get());
     is_default_ = row_of(function) == &default_callback();
     keeps_nodes_ = is_default_ || (promises_to_keep_nodes(function) && is_own_class(transformation, function));
   }
   PyObject* key = nullptr;
   PyObject* value = nullptr;
   Py_ssize_t at = 0;
-  keyword_names_ = checked(PyTuple_New(PyDict_GET_SIZE(extra)));
+  keyword_names_ = checked(PyTuple_New(PyDict_Size(extra)));
   while (PyDict_Next(extra, &at, &key, &value) != 0) {
     PyTuple_SET_ITEM(keyword_names_.get(), static_cast<Py_ssize_t>(keyword_values_.size()), Ref::borrow(key).release());
     keyword_values_.push_back(Ref::borrow(value));

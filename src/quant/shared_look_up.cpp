@@ -36,7 +36,7 @@ const std::array methods{
 bool is_built_in(PyObject* self, const Method& method) {
   const Ref bound = py::optional_attribute(self, method.name);
   if (!bound || PyMethod_Check(bound.get()) == 0) return false;
-  const py::FunctionRow* row = py::row_of(PyMethod_GET_FUNCTION(bound.get()));
+  const py::FunctionRow* row = py::row_of(PyMethod_Function(bound.get()));
   return row != nullptr && row->body == method.body;
 }
 
