@@ -102,6 +102,15 @@ Callback::Arguments Callback::arguments(const core::OccurrenceList& occurrences,
   return result;
 }
 
+/// The class is asked: the instance may have a function in front that hands the promise on, and no more.
+Ref Callback::begin_round() const {
+  static const InternedName begin_round_name("begin_round");
+  if (!keeps_nodes_ || is_default_) return {};
+  const Ref function = attribute(reinterpret_cast<PyObject*>(Py_TYPE(transformation_)), callback_name);
+  const Ref begin = optional_attribute(function.get(), begin_round_name);
+  return begin ? py::call(begin.get(), {graph_}) : Ref{};
+}
+
 bool Callback::call(const Arguments& arguments) const {
   std::vector<PyObject*> stack{transformation_, graph_, arguments.replaced_nodes.get(), arguments.node_mapping.get(),
                                arguments.link_mapping.get()};

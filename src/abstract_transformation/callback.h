@@ -26,6 +26,9 @@ class Callback {
   /// a class of the module that its callback comes from, and the callback makes the promise.
   [[nodiscard]] bool keeps_nodes() const { return keeps_nodes_; }
 
+  /// What the calls of one round share, for a callback that keeps nodes; to be held until the last of them.
+  [[nodiscard]] Ref begin_round() const;
+
   /// What a callback gets for one occurrence. Making it raises RuntimeError if a node of the occurrence is gone.
   struct Arguments {
     Ref replaced_nodes;

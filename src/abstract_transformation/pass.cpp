@@ -87,6 +87,7 @@ void Pass::follow_list() {
 /// whose callback raised.
 void Pass::ask(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::vector<bool>& chosen) {
   chosen.assign(occurrences.size(), false);
+  const Ref round = callback_.begin_round();
   for (std::size_t index = 0; index < occurrences.size(); ++index) {
     follow_list();
     const Callback::Arguments arguments = callback_.arguments(occurrences, plan, index, table_, writer_);

@@ -46,6 +46,9 @@ struct FunctionRow {
   /// A promise of a callback, shown as the attribute `keeps_nodes`: it adds, removes and moves no node and, but for
   /// initializers that are new, does not change what nodes read.
   bool keeps_nodes = false;
+  /// Of a callback that keeps nodes: what its calls of one round share, made before the first of them and given up
+  /// behind the last. In between, nobody else changes the graph. Null if they share nothing.
+  Ref (*begin_round)(PyObject* graph) = nullptr;
   /// A promise of a look-up, shown as the attribute `repeatable`: called again before anything changed, it answers
   /// alike.
   bool repeatable = false;

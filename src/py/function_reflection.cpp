@@ -108,8 +108,16 @@ PyObject* get_repeatable(PyObject* self, void* /*closure*/) {
 /// A function is pickled as its qualified name, like one written in Python.
 PyObject* reduce(PyObject* self, PyObject* /*unused*/) { return get_qualified_name(self, nullptr); }
 
-std::array<PyMethodDef, 2> methods{{
+PyObject* begin_round(PyObject* self, PyObject* graph) {
+  return guarded([&] {
+    const auto begin = function_of(self).row->begin_round;
+    return begin == nullptr ? none() : begin(graph);
+  });
+}
+
+std::array<PyMethodDef, 3> methods{{
     {"__reduce__", reduce, METH_NOARGS, "Pickled by name."},
+    {"begin_round", begin_round, METH_O, "For the pass alone: what the callbacks of one round share."},
     {nullptr, nullptr, 0, nullptr},
 }};
 

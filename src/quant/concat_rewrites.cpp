@@ -11,6 +11,7 @@
 #include "quant/inherited.h"
 #include "quant/names.h"
 #include "quant/refusal.h"
+#include "quant/round.h"
 
 namespace onnxgraft::quant {
 
@@ -30,10 +31,16 @@ struct Joined {
   bool has_producer = false;
 };
 
+std::vector<Ref> elements(const Ref& list) {
+  std::vector<Ref> result;
+  const Ref iterator = py::iterator(list.get());
+  while (Ref element = py::next(iterator.get())) result.push_back(std::move(element));
+  return result;
+}
+
 std::vector<std::string> strings(const Ref& list) {
   std::vector<std::string> result;
-  const Ref elements = py::iterator(list.get());
-  while (const Ref element = py::next(elements.get())) result.emplace_back(py::utf8(element.get()));
+  for (const Ref& element : elements(list)) result.emplace_back(py::utf8(element.get()));
   return result;
 }
 
@@ -107,6 +114,28 @@ class ProductWalk {
   bool changed_ = true;  // since completeness was last asked for
 };
 
+std::vector<Ref> writers(Round& round, const Ref& nodes, const Ref& tensor) {
+  std::vector<Ref> found = round.possible_writers(nodes.get(), tensor.get());
+  std::erase_if(found, [&](const Ref& node) {
+    return py::check(PySequence_Contains(py::attribute(node.get(), names::output).get(), tensor.get())) == 0;
+  });
+  return found;
+}
+
+/// What the walk finds out, by look-ups.
+bool all_products(Round& round, const Ref& nodes, const Ref& tensors) {
+  const auto is_dequantized = [&](const Ref& factor) {
+    return std::ranges::any_of(writers(round, nodes, factor),
+                               [](const Ref& node) { return has_op_type(node.get(), names::tessel_dequant); });
+  };
+  const auto is_product = [&](const Ref& tensor) {
+    const std::vector<Ref> producers = writers(round, nodes, tensor);
+    return !producers.empty() && has_op_type(producers.front().get(), mul) &&
+           std::ranges::any_of(elements(py::attribute(producers.front().get(), names::input)), is_dequantized);
+  };
+  return std::ranges::all_of(elements(tensors), is_product);
+}
+
 Ref product_words(const Ref& concat, std::string_view tensor) {
   return py::checked(PyUnicode_FromFormat("the input '%S' of %S is not the product (Mul) of a TesselDequant's output",
                                           py::text(tensor).get(), node_words(concat.get()).get()));
@@ -117,8 +146,15 @@ Ref product_words(const Ref& concat, std::string_view tensor) {
 Ref require_dequantized_products(const Call& call) {
   const Ref nodes = py::attribute(call[callback::graph], names::node);
   const Ref concat = py::item(call[callback::replaced_nodes], 0);
-  ProductWalk walk(py::attribute(concat.get(), names::input));
-  if (!walk.run(nodes)) return refused(call, [&] { return product_words(concat, walk.wrong_tensor()); });
+  const Ref tensors = py::attribute(concat.get(), names::input);
+  ProductWalk walk(tensors);
+  Round* round = Round::on(call[callback::graph]);
+  if (round != nullptr ? !all_products(*round, nodes, tensors) : !walk.run(nodes)) {
+    return refused(call, [&] {
+      if (round != nullptr) walk.run(nodes);
+      return product_words(concat, walk.wrong_tensor());
+    });
+  }
   return inherited_callback(call, own_class, call[callback::links]);
 }
 

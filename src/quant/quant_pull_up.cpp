@@ -12,6 +12,7 @@
 #include "quant/names.h"
 #include "quant/reading_convolutions.h"
 #include "quant/refusal.h"
+#include "quant/round.h"
 #include "quant/tensor_names.h"
 
 namespace onnxgraft::quant {
@@ -148,7 +149,8 @@ void BiasCorrection::give_bias(const NewBias& bias) {
   const Ref inputs = py::attribute(bias.convolution->node.get(), names::input);
   const Ref weight_name = py::item(inputs.get(), weight_input);
   Ref name = py::checked(PyUnicode_FromFormat("%U_bias", weight_name.get()));
-  if (!can_share(name, bias.value)) {
+  const bool is_new = !can_share(name, bias.value);
+  if (is_new) {
     name = fresh_tensor_name(graph_, name.get());
     append(name, bias.value);
   }
@@ -157,6 +159,7 @@ void BiasCorrection::give_bias(const NewBias& bias) {
   } else {
     py::call_method(inputs.get(), names::append, {name.get()});
   }
+  if (Round* round = Round::on(graph_); round != nullptr) round->note_bias(name.get(), is_new);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include "quant/initializers.h"
 #include "quant/names.h"
 #include "quant/refusal.h"
+#include "quant/round.h"
 
 namespace onnxgraft::quant {
 
@@ -81,11 +82,18 @@ std::optional<Found> look_up(PyObject* module, PyObject* graph, const Ref& name_
 }  // namespace
 
 std::vector<Ref> convolutions_reading(PyObject* graph, PyObject* tensor) {
+  const auto is_other = [&](const Ref& node) { return !has_op_type(node.get(), names::conv) || !reads(node, tensor); };
+  const Ref nodes = py::attribute(graph, names::node);
+  if (Round* round = Round::on(graph); round != nullptr) {
+    if (auto possible = round->possible_readers(nodes.get(), tensor)) {
+      std::erase_if(*possible, is_other);
+      return std::move(*possible);
+    }
+  }
   std::vector<Ref> convolutions;
-  const Ref nodes = py::iterator(py::attribute(graph, names::node).get());
-  while (Ref node = py::next(nodes.get())) {
-    if (!has_op_type(node.get(), names::conv)) continue;
-    if (reads(node, tensor)) convolutions.push_back(std::move(node));
+  const Ref elements = py::iterator(nodes.get());
+  while (Ref node = py::next(elements.get())) {
+    if (!is_other(node)) convolutions.push_back(std::move(node));
   }
   return convolutions;
 }

@@ -6,6 +6,7 @@
 
 #include "py/class_factory.h"
 #include "quant/passes.h"
+#include "quant/round.h"
 
 namespace onnxgraft::quant::rows {
 
@@ -87,6 +88,7 @@ constexpr FunctionRow callback_row(Body body) {
       .result_annotation = "bool",
       .collects_keywords = true,
       .keeps_nodes = true,
+      .begin_round = begin_round,
   };
 }
 

@@ -1,0 +1,55 @@
+// What the callbacks of one round look up in the graph again and again: who reads a tensor, who writes it, which
+// names are taken.
+//
+// A pass splices all occurrences before the first callback of a round, and a callback that keeps nodes leaves the
+// list as it is: for so long, a position that was read once stays right. The pass says when a round begins and ends
+// (`begin_round`); it does so only for callbacks whose promise it believes. A callback outside of a round, such as
+// one that a subclass calls, walks over the graph.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <unordered_set>
+#include <vector>
+
+#include "py/objects.h"
+#include "quant/name_positions.h"
+
+namespace onnxgraft::quant {
+
+/// Begins a round on the graph; it ends when the object that comes back goes away.
+py::Ref begin_round(PyObject* graph);
+
+class Round {
+ public:
+  explicit Round(PyObject* graph) : graph_(py::Ref::borrow(graph)) {}
+
+  /// The round under way on the graph; null if there is none.
+  static Round* on(PyObject* graph) noexcept;
+
+  /// Every `Conv` that may read the tensor, in list order; none if only a walk can tell.
+  std::optional<std::vector<py::Ref>> possible_readers(PyObject* nodes, PyObject* tensor);
+  /// Every node that may write the tensor, in list order.
+  std::vector<py::Ref> possible_writers(PyObject* nodes, PyObject* tensor);
+  /// False if nothing in the graph defines a tensor of that name.
+  bool may_be_tensor_name(PyObject* name);
+
+  /// A callback has given a convolution an initializer as its bias; `is_new` if it made it.
+  void note_bias(PyObject* name, bool is_new);
+
+  [[nodiscard]] PyObject* graph() const noexcept { return graph_.get(); }
+
+ private:
+  void read_readers(PyObject* nodes);
+  void read_names(PyObject* nodes);
+
+  py::Ref graph_;
+  NamePositions readers_;         // inputs of all `Conv` nodes
+  NamePositions names_;           // whatever defines a tensor; with a position if it is a node's output
+  Py_ssize_t nodes_read_ = -1;    // length of the list in `readers_`
+  Py_ssize_t nodes_named_ = -1;   // length of the list in `names_`
+  Py_ssize_t initializers_ = -1;  // number of those in `names_` and since
+  std::unordered_set<NamePositions::Hash> biases_;  // given since the round began
+};
+
+}  // namespace onnxgraft::quant
