@@ -27,12 +27,14 @@ help: ## List the commands
 
 build: .venv/installed ## Make .venv and install the package into it
 
-demo: .venv/installed ## Quantize the models of examples/models/ and write the results to build/demo/
+demo: .venv/installed ## Run the recipes of the models in examples/models/; results and reports go to build/demo/
 	@mkdir -p build/demo
 	@set -e; for model in examples/models/*.onnx; do \
-	  echo "== $$model"; \
-	  $(BIN)/onnxgraft apply "$$model" -t quant_conv -t quant_gemm -t quant_matmul -t delete_concat \
-	    --seed 0 --force -o "build/demo/$$(basename "$$model" .onnx)_quantized.onnx"; \
+	  family=$$(basename "$$model" | sed 's/^\([a-z]*v5\|resnet\).*/\1/'); \
+	  echo "== $$model, recipe $$family"; \
+	  $(BIN)/onnxgraft apply "$$model" --recipe "$$family" --seed 0 --force \
+	    --report "build/demo/$$(basename "$$model" .onnx).html" \
+	    -o "build/demo/$$(basename "$$model" .onnx)_quantized.onnx"; \
 	done
 
 test: .venv/installed .venv/test-tools ## Run all tests: ctest for the core, pytest for the rest

@@ -43,7 +43,7 @@ def _family(rows: dict[str, Row]) -> Iterator[str]:
         yield ""
     silent = list(_silent(rows))
     if silent:
-        yield "Prepared for this network and found nothing, one after the other on the prepared graph:\n"
+        yield "Made for this network and found nothing, one after the other on the prepared graph:\n"
         yield "| Transformation | Model | Matched | Where it ended |\n|---|---|---|---|"
         yield "\n".join(silent) + "\n"
 

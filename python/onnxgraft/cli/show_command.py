@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import argparse
+import inspect
 
 from onnxgraft.catalogue import find_row
 from onnxgraft.cli import consoles
@@ -12,7 +13,7 @@ from onnxgraft.drawing_text import draw_pair
 def run(options: argparse.Namespace) -> int:
     """Draws each pattern beside its replacement."""
     row = find_row(options.name)
-    consoles.say(f"{row.name} ({row.cls.__name__}), prepared for {row.prepared_for}")
+    consoles.say(f"{row.name} ({row.cls.__name__}): {inspect.getdoc(row.cls) or 'no doc string'}")
     for number, (pattern, replacement) in enumerate(row.pairs):
         consoles.say(f"\nPattern {number}\n")
         consoles.say(draw_pair(pattern, replacement))
