@@ -1,5 +1,6 @@
 #include "quant/shared_look_up.h"
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
@@ -44,10 +45,7 @@ bool can_share(const Call& callback) {
   const Ref get_init = member(callback.module, names::transform_utilities, names::get_init);
   const Ref promise = py::optional_attribute(get_init.get(), repeatable);
   if (!promise || !py::truth(promise.get())) return false;
-  for (const Method& method : methods) {
-    if (!is_built_in(callback[0], method)) return false;
-  }
-  return true;
+  return std::ranges::all_of(methods, [&](const Method& method) { return is_built_in(callback[0], method); });
 }
 
 }  // namespace
