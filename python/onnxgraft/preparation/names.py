@@ -6,18 +6,9 @@ has to go on existing; these functions tell which ones those are.
 
 from __future__ import annotations
 
-from collections.abc import Iterator
+from onnx import GraphProto, NodeProto
 
-from onnx import AttributeProto, GraphProto, NodeProto
-
-
-def bodies(node: NodeProto) -> Iterator[GraphProto]:
-    """The graphs that a node holds as attributes."""
-    for attribute in node.attribute:
-        if attribute.type == AttributeProto.GRAPH:
-            yield attribute.g
-        elif attribute.type == AttributeProto.GRAPHS:
-            yield from attribute.graphs
+from onnxgraft.nested_bodies import bodies
 
 
 def outer_reads(node: NodeProto) -> set[str]:

@@ -2,18 +2,9 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterator
+from onnx import GraphProto, NodeProto
 
-from onnx import AttributeProto, GraphProto, NodeProto
-
-
-def bodies(node: NodeProto) -> Iterator[GraphProto]:
-    """The graphs in the attributes of a node, without those inside them."""
-    for attribute in node.attribute:
-        if attribute.type == AttributeProto.GRAPH:
-            yield attribute.g
-        elif attribute.type == AttributeProto.GRAPHS:
-            yield from attribute.graphs
+from onnxgraft.nested_bodies import bodies
 
 
 def body_reads(node: NodeProto) -> set[str]:

@@ -11,7 +11,7 @@ from collections.abc import Collection
 
 from onnx import GraphProto, NodeProto
 
-from onnxgraft.selfcheck.names import bodies
+from onnxgraft.nested_bodies import bodies
 
 
 class Renaming:

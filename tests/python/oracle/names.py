@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from onnx import GraphProto
 
-from onnxgraft.selfcheck.names import bodies
+from onnxgraft.nested_bodies import bodies
 
 
 def all_names(graph: GraphProto) -> set[str]:
