@@ -14,7 +14,9 @@ PLAIN = (None, True, False, "", b"", 0.0, *range(-1, 10), "node", "name", "input
 def counts() -> tuple[int, int]:
     """References to all long-lived objects, and blocks of memory."""
     gc.collect()
-    return sum(map(sys.getrefcount, (*gc.get_objects(), *PLAIN))), sys.getallocatedblocks()
+    references = map(sys.getrefcount, (*gc.get_objects(), *PLAIN))
+    # Immortal objects have huge counts, which older binaries change as they like.
+    return sum(count for count in references if count < 1 << 28), sys.getallocatedblocks()
 
 
 def _growth(act: Callable[[], object]) -> float:
@@ -33,4 +35,4 @@ def grows(act: Callable[[], object]) -> bool:
     """Whether each call leaves references or blocks behind; what else goes on in the process does not do so thrice."""
     for _ in range(REPEATS):
         act()
-    return all(_growth(act) > 0.5 for _ in range(3))
+    return all(_growth(act) > 0.9 for _ in range(3))
