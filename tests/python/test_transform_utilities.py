@@ -2,10 +2,11 @@
 
 from __future__ import annotations
 
-import asyncio
+import contextlib
 import contextvars
 import gc
 import random
+import shutil
 import sys
 import threading
 from collections.abc import Callable, Iterator
@@ -14,7 +15,6 @@ from pathlib import Path
 from typing import Any
 
 import numpy as np
-import onnx
 import pytest
 from onnx import GraphProto, TensorProto, helper, numpy_helper
 
@@ -102,26 +102,24 @@ def test_the_first_of_equal_names_counts() -> None:
     assert get_init(graph, ("w51",))[0][0] == -1
 
 
-class CountingList(list[Any]):
-    reads = 0
-
-    def __getitem__(self, index: Any) -> Any:
-        self.reads += 1
-        return super().__getitem__(index)
-
-
 class FakeGraph:
     """A graph whose initializer list counts how often an element is read."""
 
     name = "fake"
 
-    def __init__(self, count: int) -> None:
-        self.initializer = CountingList(tensor(f"w{k}", k) for k in range(count))
+    class Counting(list[Any]):
+        reads = 0
 
-    def replace(self, place: int, name: str | None = None) -> str:
-        old = self.initializer.pop(place).name
-        self.append(name or old)
-        return str(old)
+        def __getitem__(self, index: Any) -> Any:
+            self.reads += 1
+            return super().__getitem__(index)
+
+    def __init__(self, count: int) -> None:
+        self.initializer = self.Counting(tensor(f"w{k}", k) for k in range(count))
+
+    def replace(self, place: int, name: str = "") -> str:
+        old = str(self.initializer.pop(place).name)
+        return self.append(name or old)
 
     def append(self, name: str) -> str:
         self.initializer.append(tensor(name))
@@ -182,10 +180,11 @@ def test_code_that_runs_in_between_may_change_everything() -> None:
 
 
 @pytest.fixture
-def stored(tmp_path: Path) -> tuple[Path, TensorProto]:
-    """A folder with a file, and a tensor of 3 x 2 floats in it, 8 bytes from the start."""
+def stored(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Path:
+    """The current folder, with 3 x 2 floats in data.bin, 8 bytes from the start."""
     (tmp_path / "data.bin").write_bytes(bytes(8) + np.arange(6, dtype=np.float32).tobytes() + bytes(4))
-    return tmp_path, external("data.bin", offset=8, length=24)
+    monkeypatch.chdir(tmp_path)
+    return tmp_path
 
 
 def external(location: str | None, dims: tuple[int, ...] = (3, 2), kind: int = 1, **entries: Any) -> TensorProto:
@@ -196,24 +195,19 @@ def external(location: str | None, dims: tuple[int, ...] = (3, 2), kind: int = 1
     return made
 
 
-def read(made: TensorProto, folder: Path | str | None = None) -> Any:
-    graph = GraphProto(name="g", initializer=[made])
-    if folder is None:
-        return get_init(graph, ("w",))[0][0]
-    with external_data_folder(folder):
-        return get_init(graph, ("w",))[0][0]
+def read(made: TensorProto, folder: Path | str = "") -> Any:
+    with external_data_folder(folder) if folder else contextlib.nullcontext():
+        return get_init(GraphProto(name="g", initializer=[made]), ("w",))[0][0]
 
 
-def test_external_data_is_mapped_read_only(stored: tuple[Path, TensorProto], monkeypatch: pytest.MonkeyPatch) -> None:
-    folder, made = stored
-    array = read(made, folder)
-    assert isinstance(array, np.memmap)
-    assert (array.dtype, array.tolist(), array.flags.writeable) == (np.float32, [[0, 1], [2, 3], [4, 5]], False)
-    monkeypatch.chdir(folder)
-    assert read(made).tolist() == array.tolist()
+def test_external_data_is_mapped_read_only(stored: Path) -> None:
+    for folder in (stored, ""):
+        for location in ("data.bin", "./sub/../data.bin"):
+            array = read(external(location, offset=8, length=24), folder)
+            assert isinstance(array, np.memmap)
+            assert (array.dtype, array.tolist(), array.flags.writeable) == (np.float32, [[0, 1], [2, 3], [4, 5]], False)
     empty = read(external("data.bin", dims=(0, 4)))
     assert (type(empty), empty.shape, empty.dtype) == (np.ndarray, (0, 4), np.float32)
-    assert read(external("./sub/../data.bin", offset=8, length=24)).tolist() == array.tolist()
 
 
 WHOLE_BYTES = ["bool", "int8", "int16", "int32", "int64", "uint8", "uint16", "uint32", "uint64", "float16", "float32",
@@ -257,27 +251,20 @@ REFUSALS: list[tuple[dict[str, Any], str]] = [
     ({"location": "data.bin", "offset": 16}, "a rest of 20 bytes, but dims .* take 24 bytes"),
     ({"location": "data.bin", "dims": (2**40, 2**40)}, "too large"),
     ({"location": "data.bin", "dims": (-1, 2)}, "must not be negative"),
+    ({"location": "lost.bin"}, r"external data '.*lost.bin' does not exist"),
 ]
 
 
 @pytest.mark.parametrize(("entries", "message"), REFUSALS, ids=lambda value: str(value)[:40])
-def test_external_data_that_is_refused(
-    stored: tuple[Path, TensorProto], tmp_path_factory: pytest.TempPathFactory, entries: dict[str, Any], message: str
-) -> None:
-    folder, _ = stored
-    elsewhere = tmp_path_factory.mktemp("elsewhere")
-    (elsewhere / "outside").write_bytes(bytes(24))
-    (folder / "sub").mkdir()
-    (folder / "link").symlink_to(folder / "data.bin")
-    (folder / "out").symlink_to(elsewhere)
-    with pytest.raises(ValueError, match=message) as caught:
-        read(external(**entries), folder)
-    assert "tensor 'w'" in str(caught.value)
-
-
-def test_a_missing_file(tmp_path: Path) -> None:
-    with pytest.raises(FileNotFoundError, match=r"tensor 'w': external data '.*lost.bin' does not exist"):
-        read(external("lost.bin"), tmp_path)
+def test_external_data_that_is_refused(stored: Path, entries: dict[str, Any], message: str) -> None:
+    (stored / "model" / "sub").mkdir(parents=True)
+    shutil.move("data.bin", "model/data.bin")
+    (stored / "model/link").symlink_to("data.bin")
+    (stored / "outside").write_bytes(bytes(24))
+    (stored / "model/out").symlink_to(stored)
+    with pytest.raises((ValueError, FileNotFoundError), match=message) as caught:
+        read(external(**entries), "model")
+    assert str(caught.value).startswith("tensor 'w'")
 
 
 def test_folders_nest_and_belong_to_their_context(tmp_path: Path) -> None:
@@ -303,15 +290,6 @@ def test_folders_nest_and_belong_to_their_context(tmp_path: Path) -> None:
         thread.join()
         assert seen == [2]
 
-        async def task(value: int) -> Any:
-            with external_data_folder(tmp_path / str(value)):
-                await asyncio.sleep(0)
-                return read(made)
-
-        async def tasks() -> list[Any]:
-            return await asyncio.gather(*(task(k) for k in range(3)))
-
-        assert asyncio.run(tasks()) == [0, 1, 2]
     with pytest.raises(FileNotFoundError):
         read(made)
 
@@ -324,4 +302,4 @@ def test_misuse_of_the_folder() -> None:
     with pytest.raises(RuntimeError, match="reverse order"):
         outer.__exit__(None, None, None)
     with outer, inner, outer:
-        assert onnx is not None
+        pass
