@@ -11,7 +11,7 @@ import pytest
 from onnx import GraphProto, TensorProto, helper, numpy_helper
 
 from helpers.small_graphs import graph_of
-from onnxgraft.abstract_transformation import AbstractTransformation
+from onnxgraft.abstract_transformation import AbstractTransformation, nearest_miss
 from onnxgraft.catalogue import find_row
 from onnxgraft.errors import UnknownTransformationError
 from onnxgraft.matching import explain, find
@@ -64,19 +64,35 @@ MISSES: list[tuple[list[str], str, str, str]] = [
 ]  # fmt: skip
 
 
+# Pattern, replacement, nodes, the end of the sentence: what the hints say nothing of.
+SENTENCES: list[tuple[list[str], list[str], str, str]] = [
+    (["MaxPool:0->1"], [], "MaxPool x -> a b", "MaxPool node 0 (writes 'a') does not have exactly one output"),
+    (["Relu:0->1"], [], "Neg x -> a; Relu x -> a", "(Relu): an earlier node writes 'a' too"),
+    (["Resize:0,~i->3"], [], "Resize x r -> b", "input 1 of Resize node 0 (writes 'b'), 'r', is computed: all inputs "
+     "from there on must be initializers"),
+    (["Mul:1,1->3"], [], "Mul x x1 -> b", "Mul node 0 (writes 'b') has another tensor than 'x1' at input 1"),
+    (["Relu:0->1", "Mul:1,2->3"], ["#1:0,2->3"], "Relu x -> a; Mul a a -> b",
+     "'a' would stand for two ids of the pattern, and the node that writes it is removed"),
+    (["Relu:0->1", "Mul:1,2->3"], ["#1:0,2->3"], "Relu x -> a; Mul x a -> b",
+     "Mul node 1 (writes 'b') reads 'a', but not at input 0"),
+    (["Conv:1,2i->3", "Relu:0->1"], ["#0:0,2i->3"], "Conv x w -> b; Relu b -> c", "(Relu): no node writes 'x'"),
+    (["A:1->2", "B:3->4"], ["A:3->2", "B:1->4"], "A x -> a; N a -> b; B b -> c", "would close a cycle"),
+    # The furthest attempt, and the first among equals.
+    (["Relu:0->1", "Conv:1,2i->3"], ["#1:0,2i->3"],
+     "Relu x -> y; Relu x -> b; Conv b v -> c; Relu x -> d; Conv d u -> e",
+     "1 of 2 pattern nodes matched, the last one Relu node 1 (writes 'b'); pattern node 1 (Conv): "
+     "input 1 of Conv node 2 (writes 'c'), 'v', is not an initializer of the graph"),
+]  # fmt: skip
+
+
 def small_graph(lines: str) -> GraphProto:
-    """Of lines such as "Conv x w -> y"; two blanks are an omitted input; the body of an `If` reads its second input."""
-    nodes = []
-    for line in lines.split("; "):
-        left, output = line.split(" -> ") if "->" in line else (line, "")
-        operator, *inputs = left.split(" ")
-        outer = inputs.pop() if operator == "If" else ""
-        nodes.append(helper.make_node(operator, inputs if inputs != [""] else [], [output]))
-        if outer:
-            body = graph_of([f"Neg {outer} -> inner"], outputs=["inner"])
-            nodes[-1].attribute.append(helper.make_attribute("then_branch", body))
-    names = dict.fromkeys(name for node in nodes for name in (*node.input, *node.output) if name)
-    graph = helper.make_graph(nodes, "small", [], [])
+    """Of lines such as "Conv x w -> y"; the body of an `If` reads its last input."""
+    graph = graph_of(lines.split("; "))
+    names = dict.fromkeys(name for node in graph.node for name in (*node.input, *node.output) if name)
+    for node in graph.node:
+        if node.op_type == "If":
+            body = graph_of([f"Neg {node.input.pop()} -> inner"], outputs=["inner"])
+            node.attribute.append(helper.make_attribute("then_branch", body))
     for name in names:
         if name[0] == "w":
             values = {"w2": [4, 4], "w_axes": [-1, 2]}.get(name, [1])
@@ -107,6 +123,13 @@ def test_a_hint_says_what_would_help(pattern: list[str], lines: str, reason: str
     assert (explanation.reason, explanation.matches) == (reason, 0)
     assert words in (explanation.hint or ""), explanation
     assert graph.SerializeToString() == before
+
+
+@pytest.mark.parametrize(("pattern", "replacement", "lines", "end"), SENTENCES)
+def test_a_sentence_names_the_place(pattern: list[str], replacement: list[str], lines: str, end: str) -> None:
+    miss = nearest_miss(small_graph(lines), pattern, replacement)
+    assert miss is not None
+    assert miss["text"].endswith(end)
 
 
 def test_find_and_explain_take_models_graphs_names_classes_rows(repository: Path) -> None:

@@ -1,4 +1,4 @@
-"""Graphs written as a line per node: `Conv x w -> y`."""
+"""Graphs written as a line per node: `Conv x w -> y`; two blanks are an omitted input."""
 
 from __future__ import annotations
 
@@ -12,7 +12,7 @@ def graph_of(lines: Sequence[str], *, inputs: Sequence[str] = (), outputs: Seque
     nodes = []
     for number, line in enumerate(lines):
         left, right = line.split("->")
-        operator, *reads = left.split()
+        operator, *reads = left.removesuffix(" ").split(" ")
         nodes.append(helper.make_node(operator, reads, right.split(), name=f"node_{number}"))
 
     def values(names: Sequence[str]) -> list[ValueInfoProto]:
