@@ -12,10 +12,12 @@ from typing import Any
 import pytest
 from onnx import GraphProto, TensorProto, helper
 
+from helpers.checks import dangling, writers
 from helpers.classes import CLASSES, apply, class_graph
 from helpers.failing import FaultError, Uses
 from helpers.small_graphs import graph_of
 from onnxgraft.abstract_transformation import AbstractTransformation
+from oracle.names import all_names
 
 PATTERN = ["Conv:0,1i->2", "Relu:2->3"]
 REPLACEMENT = ["#1:0->100", "#0:100,101i->3"]
@@ -77,19 +79,6 @@ def test_a_fault_at_every_use(verdict: Callable[[int], bool]) -> None:
     assert faults > 100
 
 
-def writers(graph: GraphProto) -> list[str]:
-    return [name for node in graph.node for name in node.output if name]
-
-
-def sources(graph: GraphProto) -> set[str]:
-    names = {value.name for value in graph.input} | {tensor.name for tensor in graph.initializer}
-    return names | set(writers(graph))
-
-
-def reads(graph: GraphProto) -> set[str]:
-    return {name for node in graph.node for name in node.input} | {value.name for value in graph.output}
-
-
 @pytest.mark.parametrize("seed", range(2))
 @pytest.mark.parametrize("name", CLASSES)
 def test_a_fault_in_every_class(name: str, seed: int) -> None:
@@ -98,15 +87,15 @@ def test_a_fault_in_every_class(name: str, seed: int) -> None:
     counting = Uses(0)
     usual = apply(name, counting.wrap(GraphProto.FromString(unchanged)))
     uses = -counting.left
-    alone = len(set(writers(before))) == len(writers(before))
-    known = sources(before) | reads(before)
+    alone = max(writers(before).values()) == 1
+    known = all_names(before)
     for fail_at in range(1, uses + 1, max(1, uses // FAULTS)):
         graph, failing = GraphProto.FromString(unchanged), Uses(fail_at)
         outcome = apply(name, failing.wrap(graph))
         # After an error of its own, the first error is the one to see.
         assert isinstance(outcome, FaultError) or type(outcome) is type(usual), f"use {fail_at} of {uses}: {outcome!r}"
-        assert not alone or len(set(writers(graph))) == len(writers(graph)), f"use {fail_at}: two writers"
-        lost = (reads(graph) - sources(graph)) & known - (reads(before) - sources(before))
+        assert not alone or max(writers(graph).values()) == 1, f"use {fail_at}: two writers"
+        lost = dangling(graph) & known - dangling(before)
         assert not lost, f"use {fail_at}: nothing writes {lost} any more"
         if list(graph.node) == list(before.node):
             assert graph.SerializeToString(deterministic=True) == unchanged, f"use {fail_at}"

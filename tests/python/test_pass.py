@@ -25,24 +25,18 @@ class Negate(AbstractTransformation):
 
     def __init__(self, act: Callable[[int, GraphProto, NodeProto], Any]) -> None:
         self.act = act
-        self.calls: list[str] = []
+        self.calls = 0
 
     def get_simple_name(self) -> str:
         return "negate"
 
-    def _on_replace_subgraph(
-        self,
-        graph: GraphProto,
-        replaced_nodes: list[NodeProto],
-        isomorphic_node_mapping: dict[int, int],
-        isomorphic_links_mapping: dict[str, str],
-        **kwargs: Any,
-    ) -> bool:
-        assert [graph.node[isomorphic_node_mapping[k]].op_type for k in (0, 1)] == ["Neg", "Relu"]
-        assert graph.node[isomorphic_node_mapping[1]].input[0] == isomorphic_links_mapping["100"]
-        assert replaced_nodes[0].input[0] == isomorphic_links_mapping["0"]
-        self.calls.append(replaced_nodes[0].name)
-        return cast(bool, self.act(len(self.calls), graph, replaced_nodes[0]))
+    def _on_replace_subgraph(self, graph: GraphProto, *found: Any, **_: Any) -> bool:
+        (removed,), mapping, links = found
+        assert [graph.node[mapping[k]].op_type for k in (0, 1)] == ["Neg", "Relu"]
+        assert graph.node[mapping[1]].input[0] == links["100"]
+        assert removed.input[0] == links["0"]
+        self.calls += 1
+        return cast(bool, self.act(self.calls, graph, removed))
 
     def apply(self, graph: GraphProto, debug: bool = False) -> int:
         return self._replace_all_isomorphic_sub_graphs(graph, PATTERN, REPLACEMENT, debug=debug)
@@ -148,15 +142,12 @@ def test_bad_arguments(graph: Any, pattern: Any, replacement: Any, error: type[E
     assert before == (graph and graph.SerializeToString())
 
 
-def test_debug_writes_one_line_for_a_pass(capsys: pytest.CaptureFixture[str]) -> None:
+def test_debug_writes_one_line_for_a_pass(capsys: pytest.CaptureFixture[str], monkeypatch: pytest.MonkeyPatch) -> None:
     Negate(lambda call, *_: call == 1).apply(relus(2), debug=True)
     quant.DeleteConcatTransformation().apply(relus(2), debug=True)
     first, second = capsys.readouterr().err.splitlines()
     assert first.startswith("negate ['Relu:0->1']: found 2, replaced 1, refused 1, ")
     assert second.endswith("ms; nearest miss: the graph has no TesselQuant node")
-
-
-def test_debug_without_a_stderr(monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.setattr(sys, "stderr", None)
     assert Negate(lambda *_: True).apply(relus(1), debug=True) == 1
 
@@ -205,10 +196,7 @@ def for_ever(graph: GraphProto) -> None:
 
 
 def another(graph: GraphProto) -> None:
-    class Absolute(AbstractTransformation):
-        pass
-
-    Absolute()._replace_all_isomorphic_sub_graphs(graph, ["Neg:0->1"], ["#0:0->2", "Abs:2->1"])
+    AbstractTransformation()._replace_all_isomorphic_sub_graphs(graph, ["Neg:0->1"], ["#0:0->2", "Abs:2->1"])
 
 
 ODD_TRUTH = (ValueError, ZeroDivisionError)

@@ -21,10 +21,11 @@ from hypothesis import strategies as st
 from onnx import GraphProto, NodeProto, TensorProto, helper
 
 import onnxgraft.quant
+from helpers.checks import dangling
 from helpers.graphs import random_graph
 from helpers.pairs import random_pair
 from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences, nearest_miss
-from onnxgraft.selfcheck.names import reads, sources
+from onnxgraft.selfcheck.names import reads
 from onnxgraft.selfcheck.soundness import problems
 from oracle.compare import Renaming, difference, dump, serialized
 from oracle.matching import Table, all_assignments
@@ -59,25 +60,17 @@ def catalogue_pairs() -> list[tuple[list[str], list[str]]]:
 CATALOGUE = catalogue_pairs()
 
 
-def _accept(salt: int, number: int, links: str) -> bool:
-    return True
+POLICIES = ("accept", "refuse", "some", "some", "fault")
 
 
-def _refuse(salt: int, number: int, links: str) -> bool:
-    return False
-
-
-def _some(salt: int, number: int, links: str) -> bool:
+def verdict(policy: str, salt: int, number: int, links: str) -> bool:
+    if policy in ("accept", "refuse"):
+        return policy == "accept"
+    if policy == "fault" and number == salt % 4:
+        raise Fault(number)
     return zlib.crc32(f"{salt} {links}".encode()) % 3 != 0
 
 
-def _fault(salt: int, number: int, links: str) -> bool:
-    if number == salt % 4:
-        raise Fault(number)
-    return _some(salt, number, links)
-
-
-POLICIES: list[Callable[[int, int, str], bool]] = [_accept, _refuse, _some, _some, _fault]
 TRUE: tuple[object, ...] = (True, 1, "yes", [0])
 FALSE: tuple[object, ...] = (False, None, 0, "", [])
 
@@ -88,7 +81,7 @@ class Recorder:
 
     pair: Pair
     known: set[str]
-    policy: Callable[[int, int, str], bool]
+    policy: str
     salt: int
     calls: list[tuple[object, ...]] = field(default_factory=list)
 
@@ -96,18 +89,12 @@ class Recorder:
         self, graph: GraphProto, nodes: list[NodeProto], mapping: dict[int, int], links: dict[str, str]
     ) -> object:
         form = Renaming(graph, self.known)
-        self.calls.append(
-            (
-                [serialized(form.node(node)) for node in nodes],
-                dict(mapping),
-                {i: form.tensor(name) for i, name in links.items()},
-                dump(form.form),
-                serialized(form.form),
-            )
-        )
+        tensors = {i: form.tensor(name) for i, name in links.items()}
+        shown = [serialized(form.node(node)) for node in nodes]
+        self.calls.append((shown, dict(mapping), tensors, dump(form.form), serialized(form.form)))
         old = {i: name for i, name in sorted(links.items()) if name in self.known}
         number = len(self.calls) - 1
-        if not self.policy(self.salt, number, repr(old)):
+        if not verdict(self.policy, self.salt, number, repr(old)):
             return FALSE[(self.salt + number) % len(FALSE)]
         for index in mapping.values():
             graph.node[index].attribute.append(helper.make_attribute("visit", number))
@@ -123,19 +110,10 @@ class Real(AbstractTransformation):
     def __init__(self, recorder: Recorder) -> None:
         self.recorder = recorder
 
-    def _on_replace_subgraph(
-        self,
-        graph: GraphProto,
-        replaced_nodes: list[NodeProto],
-        isomorphic_node_mapping: dict[int, int],
-        isomorphic_links_mapping: dict[str, str],
-        **kwargs: Any,
-    ) -> Any:
-        assert list(kwargs) == ["keyword"]
-        assert kwargs["keyword"] is self.recorder
-        assert type(isomorphic_node_mapping) is dict
-        assert type(isomorphic_links_mapping) is dict
-        return self.recorder(graph, replaced_nodes, isomorphic_node_mapping, isomorphic_links_mapping)
+    def _on_replace_subgraph(self, graph: GraphProto, *found: Any, **kwargs: Any) -> Any:
+        assert kwargs == {"keyword": self.recorder}
+        assert [type(argument) for argument in found] == [list, dict, dict]
+        return self.recorder(graph, *found)
 
     def run(self, graph: GraphProto, pattern: list[str], replacement: list[str]) -> int:
         count = self._replace_all_isomorphic_sub_graphs(graph, pattern, replacement, debug=False, keyword=self.recorder)
@@ -150,14 +128,9 @@ def _run(call: Callable[[], int]) -> int | str:
         return f"fault at {fault}"
 
 
-def _dangling(graph: GraphProto) -> set[str]:
-    wanted = {v.name for v in graph.output}.union(*(reads(node) for node in graph.node))
-    return wanted - sources(graph) - {name for node in graph.node for name in node.output}
-
-
 def _new_faults(before: GraphProto, after: GraphProto, *, acyclic: bool, faulted: bool) -> list[str]:
     """What must not be of any result, whatever the slow model says."""
-    missing = _dangling(after) - _dangling(before)
+    missing = dangling(after) - dangling(before)
     if faulted:  # what the callback has not made yet may be missing, but nothing that was there before
         missing &= all_names(before)
     old, new = problems(before), problems(after)
@@ -190,7 +163,7 @@ def check_drawn(rng: random.Random, head: str = "") -> tuple[int, int]:
     known = all_names(before)
     sides = [Recorder(parse_pair(pattern, replacement), known, policy, salt) for _ in range(2)]
     graphs = [GraphProto.FromString(before.SerializeToString()) for _ in range(2)]
-    head += f"{policy.__name__}\npattern {pattern}\nreplacement {replacement}\n{dump(before)}\n"
+    head += f"{policy}\npattern {pattern}\nreplacement {replacement}\n{dump(before)}\n"
 
     expected = Pass(graphs[0], pattern, replacement)
     expected_result = _run(lambda: expected.run(sides[0]))
@@ -205,7 +178,7 @@ def check_drawn(rng: random.Random, head: str = "") -> tuple[int, int]:
     assert expected_result == actual_result, f"{head}result"
     found = difference(graphs[0], graphs[1], known)
     assert found is None, head + str(found)
-    if policy is _refuse:
+    if policy == "refuse":
         assert serialized(graphs[1]) == serialized(before), f"{head}a trace of refused occurrences"
     for index, origin in enumerate(expected.origins):
         assert origin is None or graphs[1].node[index] is held[origin], f"{head}node {index} was exchanged"
