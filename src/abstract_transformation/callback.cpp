@@ -10,29 +10,22 @@ namespace {
 
 const InternedName callback_name("_on_replace_subgraph");
 const InternedName module_attribute("__module__");
-const InternedName name_attribute("__name__");
 
 /// True if the transformation's class is one of the callback's own module: a subclass elsewhere may override
 /// whatever the callback calls.
 bool is_own_class(PyObject* transformation, PyObject* function) {
-  auto* type = reinterpret_cast<PyObject*>(Py_TYPE(transformation));
   const Ref module_name = attribute(function, module_attribute);
-  PyObject* modules = PyImport_GetModuleDict();
-  PyObject* module = PyDict_GetItemWithError(modules, module_name.get());
-  if (module == nullptr) {
-    if (PyErr_Occurred() != nullptr) throw PythonError{};
-    return false;
-  }
-  const Ref name = attribute(type, name_attribute);
-  const Ref found = Ref::steal(PyObject_GetAttr(module, name.get()));
-  if (!found) PyErr_Clear();
-  return found.get() == type;
+  PyObject* module = PyDict_GetItemWithError(PyImport_GetModuleDict(), module_name.get());
+  if (module == nullptr && PyErr_Occurred() != nullptr) throw PythonError{};
+  return module != nullptr && defines_class_of(module, transformation);
 }
 
-/// True if `function` carries the attribute `keeps_nodes` with a true value.
-bool promises_to_keep_nodes(PyObject* function) {
-  static const InternedName keeps_nodes("keeps_nodes");
-  const Ref value = optional_attribute(function, keeps_nodes);
+const InternedName nodes_promise("keeps_nodes");
+const InternedName links_promise("keeps_links");
+
+/// True if `function` carries the attribute with a true value.
+bool promises(PyObject* function, const InternedName& promise) {
+  const Ref value = optional_attribute(function, promise);
   return value && truth(value.get());
 }
 
@@ -59,7 +52,8 @@ Callback::Callback(PyObject* transformation, PyObject* graph, PyObject* extra, c
   if (PyMethod_Check(method.get()) != 0) {
     PyObject* function = PyMethod_Function(method.get());
     is_default_ = row_of(function) == &default_callback();
-    keeps_nodes_ = is_default_ || (promises_to_keep_nodes(function) && is_own_class(transformation, function));
+    keeps_nodes_ = is_default_ || (promises(function, nodes_promise) && is_own_class(transformation, function));
+    keeps_links_ = is_default_ || (keeps_nodes_ && promises(function, links_promise));
   }
   PyObject* key = nullptr;
   PyObject* value = nullptr;
@@ -104,11 +98,11 @@ Callback::Arguments Callback::arguments(const core::OccurrenceList& occurrences,
 
 /// The class is asked: the instance may have a function in front that hands the promise on, and no more.
 Ref Callback::begin_round() const {
-  static const InternedName begin_round_name("begin_round");
+  static const InternedName begin_sharing("begin_sharing");
   if (!keeps_nodes_ || is_default_) return {};
   const Ref function = attribute(reinterpret_cast<PyObject*>(Py_TYPE(transformation_)), callback_name);
-  const Ref begin = optional_attribute(function.get(), begin_round_name);
-  return begin ? py::call(begin.get(), {graph_}) : Ref{};
+  const Ref begin = optional_attribute(function.get(), begin_sharing);
+  return begin ? py::call(begin.get(), {transformation_, graph_}) : Ref{};
 }
 
 bool Callback::call(const Arguments& arguments) const {

@@ -26,6 +26,9 @@ class Callback {
   /// a class of the module that its callback comes from, and the callback makes the promise.
   [[nodiscard]] bool keeps_nodes() const { return keeps_nodes_; }
 
+  /// True if it keeps nodes and promises to leave their names, inputs and outputs alone.
+  [[nodiscard]] bool keeps_links() const { return keeps_links_; }
+
   /// What the calls of one round share, for a callback that keeps nodes; to be held until the last of them.
   [[nodiscard]] Ref begin_round() const;
 
@@ -53,6 +56,7 @@ class Callback {
   std::vector<Ref> link_ids_;  // `str` per link of the rule
   bool is_default_ = false;
   bool keeps_nodes_ = false;
+  bool keeps_links_ = false;
 };
 
 }  // namespace onnxgraft::py

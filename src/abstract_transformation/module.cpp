@@ -8,6 +8,7 @@
 #include "abstract_transformation/pass.h"
 #include "abstract_transformation/report.h"
 #include "abstract_transformation/rule_cache.h"
+#include "abstract_transformation/run.h"
 #include "py/class_factory.h"
 #include "py/module_entry.h"
 #include "py/objects.h"
@@ -100,6 +101,7 @@ const std::array base_methods{
         .body = replace_all,
         .result_annotation = "int",
         .collects_keywords = true,
+        .begin_sharing = begin_run,
         .doc = replace_doc,
     },
     FunctionRow{

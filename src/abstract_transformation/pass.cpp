@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "abstract_transformation/run.h"
 #include "core/node_order.h"
 #include "py/graph_fields.h"
 #include "py/guard.h"
@@ -9,15 +10,29 @@
 namespace onnxgraft::py {
 
 Pass::Pass(PyObject* transformation, PyObject* graph, PyObject* extra, std::shared_ptr<const core::Rule> rule)
-    : graph_(graph),
+    : transformation_(transformation),
+      graph_(graph),
       rule_(std::move(rule)),
-      reader_(graph),
+      reading_(take_reading(transformation, graph)),
+      table_(reading_->table),
+      reader_(graph, *reading_),
       callback_(transformation, graph, extra, *rule_),
       writer_(graph, reader_.nodes(), table_) {}
 
 std::size_t Pass::run() {
-  if (!reader_.read_operators(*rule_, table_)) return 0;
-  reader_.read_links(table_);
+  const std::size_t count = search_and_replace();
+  if (callback_.keeps_nodes()) keep_reading_for_next();
+  return count;
+}
+
+void Pass::keep_reading_for_next() {
+  if (writer_.has_begun()) reading_->list_is(writer_.order(), callback_.keeps_links());
+  keep_reading(transformation_, graph_, std::move(reading_));
+}
+
+std::size_t Pass::search_and_replace() {
+  if (!reader_.read_operators(*rule_)) return 0;
+  reader_.read_links();
   core::Candidates candidates(table_, *rule_);
   if (!candidates.possible()) return 0;
   claims_ = core::Claims(table_.original_count());
@@ -45,7 +60,7 @@ void Pass::for_each_removed(const core::OccurrenceList& occurrences, std::size_t
 
 void Pass::prepare_writing() {
   if (writer_.has_begun()) return;
-  reader_.read_names(table_);
+  reader_.read_names();
   initializers_ = attribute(graph_, field::initializer);
   writer_.begin();
   // A callback may change the list; what it did can be told only from the nodes' identities.

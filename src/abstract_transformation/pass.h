@@ -38,6 +38,8 @@ class Pass {
   [[nodiscard]] const Counts& counts() const { return counts_; }
 
  private:
+  std::size_t search_and_replace();
+  void keep_reading_for_next();
   void run_round(core::OccurrenceList& occurrences);
   void prepare_writing();
   template <class Visit>
@@ -49,9 +51,11 @@ class Pass {
                  const std::vector<core::NodeIndex>& before, const std::vector<bool>& chosen);
   void record(const core::OccurrenceList& occurrences, const std::vector<bool>& chosen);
 
+  PyObject* transformation_;
   PyObject* graph_;
   std::shared_ptr<const core::Rule> rule_;
-  core::GraphTable table_;
+  std::unique_ptr<GraphReading> reading_;
+  core::GraphTable& table_;  // of the reading
   GraphReader reader_;
   Ref initializers_;  // held so that callbacks, which ask the graph for it, get it without making it anew
   Callback callback_;

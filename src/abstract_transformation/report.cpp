@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdio>
 #include <string>
+#include <utility>
 
 #include "core/nearest_miss.h"
 #include "py/objects.h"
@@ -28,10 +29,12 @@ std::string label(PyObject* transformation) {
 }
 
 /// Reads as much of the graph as matching needs.
-void read_table(PyObject* graph, const core::Rule& rule, core::GraphTable& table) {
-  GraphReader reader(graph);
-  reader.read_operators(rule, table);
-  reader.read_links(table);
+core::GraphTable read_table(PyObject* graph, const core::Rule& rule) {
+  GraphReading reading;
+  GraphReader reader(graph, reading);
+  reader.read_operators(rule);
+  reader.read_links();
+  return std::move(reading.table);
 }
 
 std::string milliseconds(std::chrono::steady_clock::duration time) {
@@ -50,8 +53,7 @@ void write_debug_line(PyObject* transformation, PyObject* graph, PyObject* patte
                      std::to_string(counts.found) + ", replaced " + std::to_string(counts.replaced) + ", refused " +
                      std::to_string(counts.refused) + ", " + milliseconds(time);
   if (counts.found == 0) {
-    core::GraphTable table;
-    read_table(graph, rule, table);
+    const core::GraphTable table = read_table(graph, rule);
     const auto miss = core::find_nearest_miss(table, rule);
     if (miss) line += "; nearest miss: " + core::describe(table, rule, *miss);
   }
@@ -64,8 +66,7 @@ void write_debug_line(PyObject* transformation, PyObject* graph, PyObject* patte
 }
 
 Ref nearest_miss(PyObject* graph, const core::Rule& rule) {
-  core::GraphTable table;
-  read_table(graph, rule, table);
+  const core::GraphTable table = read_table(graph, rule);
   const auto miss = core::find_nearest_miss(table, rule);
   if (!miss) return none();
   Ref result = checked(PyDict_New());
@@ -82,8 +83,7 @@ Ref nearest_miss(PyObject* graph, const core::Rule& rule) {
 }
 
 Ref find_occurrences(PyObject* graph, const core::Rule& rule) {
-  core::GraphTable table;
-  read_table(graph, rule, table);
+  const core::GraphTable table = read_table(graph, rule);
   Ref result = checked(PyList_New(0));
   core::Candidates candidates(table, rule);
   core::Claims claims(table.original_count());

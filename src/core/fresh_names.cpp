@@ -11,9 +11,12 @@ NameId FreshNames::make(const std::string& base) {
 }
 
 NameId FreshNames::add(const std::string& name) {
-  const std::size_t known = used_.size();
-  const NameId id = used_.intern(name);
-  return id >= known ? id : no_name;
+  const std::size_t known = names_.size();
+  const NameId id = names_.intern(name);
+  if (id >= known) return id;
+  if (id >= vacant_.size() || !vacant_[id]) return no_name;
+  vacant_[id] = false;
+  return id;
 }
 
 }  // namespace onnxgraft::core

@@ -1,6 +1,7 @@
 #include "core/graph_table.h"
 
 #include <stdexcept>
+#include <utility>
 
 namespace onnxgraft::core {
 
@@ -65,6 +66,26 @@ void GraphTable::seal() {
       last_reader[name] = node;
       readers_[at[name]++] = node;
     }
+  }
+}
+
+GraphTable GraphTable::relisted(std::span<const NodeIndex> order) && {
+  GraphTable table;
+  table.nodes_.reserve(order.size());
+  for (const NodeIndex node : order) {
+    table.add_node(op(node), inputs(node), outputs(node), implicit_inputs(node));
+    if (!node_names.empty()) table.node_names.push_back(node_names[node]);
+  }
+  table.names = std::move(names);
+  table.ops = std::move(ops);
+  return table;
+}
+
+void GraphTable::vacate_all_but(std::span<const NameId> others) {
+  vacant.assign(names.size(), true);
+  for (const std::span<const NameId> used : {std::span<const NameId>(links_), std::span<const NameId>(initializers),
+                                             std::span<const NameId>(node_names), others}) {
+    for (const NameId name : used) vacant[name] = false;
   }
 }
 

@@ -25,6 +25,9 @@ class GraphTable {
   void add_graph_output(NameId name);
   /// Computes producers and readers; no graph content is added behind it.
   void seal();
+  /// The table of the same graph with another list: the rows `order` of this one, in that order. Initializers and
+  /// outputs are still to be added. Ids of names and operators stay, and with them names that the graph has no more.
+  [[nodiscard]] GraphTable relisted(std::span<const NodeIndex> order) &&;
 
   [[nodiscard]] NodeIndex node_count() const { return static_cast<NodeIndex>(nodes_.size()); }
   [[nodiscard]] NodeIndex original_count() const { return original_count_; }
@@ -43,6 +46,9 @@ class GraphTable {
   [[nodiscard]] bool is_graph_output(NameId name) const { return has(name, graph_output); }
   [[nodiscard]] bool is_read_by_body(NameId name) const { return has(name, body_read); }
 
+  /// Declares all names free but those of the rows, the initializers, the nodes, and `others`.
+  void vacate_all_but(std::span<const NameId> others);
+
   /// All names of the graph, of every kind; grows when fresh names are made.
   Names names;
   /// Operator types.
@@ -51,6 +57,8 @@ class GraphTable {
   std::vector<NameId> initializers;
   /// Names of nodes (not of tensors) by index; filled when a splice needs them.
   std::vector<NameId> node_names;
+  /// By name: true where the graph has it no more, so that it is free. Names behind the end are in use.
+  std::vector<bool> vacant;
 
  private:
   struct Node {

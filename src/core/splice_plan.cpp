@@ -8,7 +8,7 @@ namespace onnxgraft::core {
 
 SplicePlan::SplicePlan(GraphTable& table, const Rule& rule, OccurrenceList& occurrences)
     : table_(table), rule_(rule), occurrences_(occurrences), first_new_(table.node_count()) {
-  FreshNames fresh(table.names);
+  FreshNames fresh(table.names, table.vacant);
   entry_nodes_.reserve(occurrences.size() * rule.entries.size());
   for (std::size_t index = 0; index < occurrences.size(); ++index) {
     name_links(occurrences.nodes(index), occurrences.links(index), fresh);

@@ -46,9 +46,12 @@ struct FunctionRow {
   /// A promise of a callback, shown as the attribute `keeps_nodes`: it adds, removes and moves no node and, but for
   /// initializers that are new, does not change what nodes read.
   bool keeps_nodes = false;
-  /// Of a callback that keeps nodes: what its calls of one round share, made before the first of them and given up
-  /// behind the last. In between, nobody else changes the graph. Null if they share nothing.
-  Ref (*begin_round)(PyObject* graph) = nullptr;
+  /// The same, `keeps_links`, of one that leaves names, inputs and outputs of all nodes alone.
+  bool keeps_links = false;
+  /// What calls that follow each other share, made before the first of them and given up behind the last; in between,
+  /// nobody else changes the graph. For a callback that keeps nodes these are the calls of one round, for the method
+  /// that runs a pass those of one `apply`. Null if they share nothing.
+  Ref (*begin_sharing)(PyObject* transformation, PyObject* graph) = nullptr;
   /// A promise of a look-up, shown as the attribute `repeatable`: called again before anything changed, it answers
   /// alike.
   bool repeatable = false;

@@ -101,6 +101,10 @@ PyObject* get_keeps_nodes(PyObject* self, void* /*closure*/) {
   return boolean(function_of(self).row->keeps_nodes).release();
 }
 
+PyObject* get_keeps_links(PyObject* self, void* /*closure*/) {
+  return boolean(function_of(self).row->keeps_links).release();
+}
+
 PyObject* get_repeatable(PyObject* self, void* /*closure*/) {
   return boolean(function_of(self).row->repeatable).release();
 }
@@ -108,20 +112,23 @@ PyObject* get_repeatable(PyObject* self, void* /*closure*/) {
 /// A function is pickled as its qualified name, like one written in Python.
 PyObject* reduce(PyObject* self, PyObject* /*unused*/) { return get_qualified_name(self, nullptr); }
 
-PyObject* begin_round(PyObject* self, PyObject* graph) {
+PyObject* begin_sharing(PyObject* self, PyObject* arguments) {
   return guarded([&] {
-    const auto begin = function_of(self).row->begin_round;
-    return begin == nullptr ? none() : begin(graph);
+    PyObject* transformation = nullptr;
+    PyObject* graph = nullptr;
+    if (PyArg_UnpackTuple(arguments, "begin_sharing", 2, 2, &transformation, &graph) == 0) throw PythonError{};
+    const auto begin = function_of(self).row->begin_sharing;
+    return begin == nullptr ? none() : begin(transformation, graph);
   });
 }
 
 std::array<PyMethodDef, 3> methods{{
     {"__reduce__", reduce, METH_NOARGS, "Pickled by name."},
-    {"begin_round", begin_round, METH_O, "For the pass alone: what the callbacks of one round share."},
+    {"begin_sharing", begin_sharing, METH_VARARGS, "For our own classes alone: what calls on (self, graph) share."},
     {nullptr, nullptr, 0, nullptr},
 }};
 
-std::array<PyGetSetDef, 11> attributes{{
+std::array<PyGetSetDef, 12> attributes{{
     {"__name__", get_name, nullptr, nullptr, nullptr},
     {"__qualname__", get_qualified_name, nullptr, nullptr, nullptr},
     {"__module__", get_module, nullptr, nullptr, nullptr},
@@ -130,6 +137,7 @@ std::array<PyGetSetDef, 11> attributes{{
     {"__defaults__", get_defaults, nullptr, nullptr, nullptr},
     {"__signature__", get_signature, nullptr, nullptr, nullptr},
     {"keeps_nodes", get_keeps_nodes, nullptr, nullptr, nullptr},
+    {"keeps_links", get_keeps_links, nullptr, nullptr, nullptr},
     {"repeatable", get_repeatable, nullptr, nullptr, nullptr},
     {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},

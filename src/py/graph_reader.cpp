@@ -1,6 +1,7 @@
 #include "py/graph_reader.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "py/body_reader.h"
 #include "py/graph_fields.h"
@@ -8,6 +9,8 @@
 #include "py/operator_bodies.h"
 
 namespace onnxgraft::py {
+
+using Depth = GraphReading::Depth;
 
 namespace {
 
@@ -21,10 +24,9 @@ Ref node_list(PyObject* graph) {
 }
 
 /// Number of inputs that count: trailing empty names do not.
-std::size_t input_count(PyObject* node) {
-  const Ref inputs = attribute(node, field::input);
-  Py_ssize_t count = length(inputs.get());
-  while (count > 0 && utf8(item(inputs.get(), count - 1).get()).empty()) --count;
+std::size_t count_inputs(PyObject* inputs) {
+  Py_ssize_t count = length(inputs);
+  while (count > 0 && utf8(item(inputs, count - 1).get()).empty()) --count;
   return static_cast<std::size_t>(count);
 }
 
@@ -36,10 +38,12 @@ class MissingRoles {
     for (const core::PatternNode& role : rule.nodes) roles_.emplace_back(ops.intern(role.op), &role);
   }
 
-  void look_at(PyObject* node, core::NameId op) {
+  /// `input_count()` is asked only where it matters.
+  template <class Count>
+  void look_at(core::NameId op, Count input_count) {
     const auto of_op = [&](const auto& role) { return role.first == op; };
     if (std::ranges::none_of(roles_, of_op)) return;
-    const std::size_t count = input_count(node);
+    const std::size_t count = input_count();
     std::erase_if(roles_, [&](const auto& role) {
       const std::size_t named = role.second->inputs.size();
       return role.first == op && (role.second->rest ? count >= named : count == named);
@@ -54,20 +58,51 @@ class MissingRoles {
 
 }  // namespace
 
-GraphReader::GraphReader(PyObject* graph) : graph_(graph), nodes_(node_list(graph)) {}
+GraphReader::GraphReader(PyObject* graph, GraphReading& reading)
+    : graph_(graph), reading_(reading), nodes_(node_list(graph)) {}
 
-bool GraphReader::read_operators(const core::Rule& rule, core::GraphTable& table) {
-  MissingRoles missing(rule, table.ops);
+std::size_t GraphReader::input_count(std::size_t position) const {
+  const auto row = static_cast<core::NodeIndex>(position);
+  if (reading_.depth == Depth::links) return reading_.table.inputs(row).size();
+  if (reading_.depth == Depth::rows) return reading_.table.inputs(reading_.order[row]).size();
+  const Ref inputs = attribute(item(nodes_.get(), static_cast<Py_ssize_t>(position)).get(), field::input);
+  return count_inputs(inputs.get());
+}
+
+bool GraphReader::read_operators(const core::Rule& rule) {
+  MissingRoles missing(rule, reading_.table.ops);
+  if (reading_.depth != Depth::nothing) {
+    for (std::size_t at = 0; at < reading_.ops.size() && !missing.empty(); ++at) {
+      missing.look_at(reading_.ops[at], [&] { return input_count(at); });
+    }
+    return missing.empty();
+  }
   const Ref elements = iterator(nodes_.get());
   while (const Ref node = next(elements.get())) {
-    const core::NameId op = table.ops.intern(utf8(attribute(node.get(), field::op_type).get()));
-    ops_.push_back(op);
-    missing.look_at(node.get(), op);
+    const core::NameId op = reading_.table.ops.intern(utf8(attribute(node.get(), field::op_type).get()));
+    reading_.ops.push_back(op);
+    missing.look_at(op, [&] { return count_inputs(attribute(node.get(), field::input).get()); });
   }
+  reading_.depth = Depth::operators;
   return missing.empty();
 }
 
-void GraphReader::read_links(core::GraphTable& table) {
+void GraphReader::read_links() {
+  if (reading_.depth == Depth::links) return;
+  if (reading_.depth == Depth::rows) {
+    reading_.table = std::move(reading_.table).relisted(reading_.order);
+    reading_.has_old_names = true;
+  } else {
+    read_rows();
+  }
+  read_tensors();
+  reading_.table.seal();
+  reading_.depth = Depth::links;
+}
+
+void GraphReader::read_rows() {
+  core::GraphTable& table = reading_.table;
+  const std::vector<core::NameId>& ops = reading_.ops;
   std::vector<core::NameId> inputs;
   std::vector<core::NameId> outputs;
   std::vector<core::NameId> implicit;
@@ -75,34 +110,43 @@ void GraphReader::read_links(core::GraphTable& table) {
   OperatorBodies bodies(table.ops);
   const Ref elements = iterator(nodes_.get());
   while (const Ref node = next(elements.get())) {
-    if (index == ops_.size()) raise(PyExc_RuntimeError, "the graph's node list changed while it was read");
+    if (index == ops.size()) raise(PyExc_RuntimeError, "the graph's node list changed while it was read");
     inputs.clear();
     outputs.clear();
     implicit.clear();
     read_strings(attribute(node.get(), field::input).get(), table.names, inputs);
     read_strings(attribute(node.get(), field::output).get(), table.names, outputs);
-    if (bodies.possible(node.get(), ops_[index])) read_body_inputs(node.get(), table.names, implicit);
-    table.add_node(ops_[index++], inputs, outputs, implicit);
+    if (bodies.possible(node.get(), ops[index]) && read_body_inputs(node.get(), table.names, implicit)) {
+      reading_.has_bodies = true;
+    }
+    table.add_node(ops[index++], inputs, outputs, implicit);
   }
-  if (index != ops_.size()) raise(PyExc_RuntimeError, "the graph's node list changed while it was read");
+  if (index != ops.size()) raise(PyExc_RuntimeError, "the graph's node list changed while it was read");
+}
+
+void GraphReader::read_tensors() {
+  core::GraphTable& table = reading_.table;
   table.initializers = read_element_names(attribute(graph_, field::initializer).get(), table.names);
   for (const core::NameId name : table.initializers) table.add_initializer(name);
   for (const core::NameId name : read_element_names(attribute(graph_, field::output).get(), table.names)) {
     table.add_graph_output(name);
   }
-  table.seal();
 }
 
-void GraphReader::read_names(core::GraphTable& table) {
-  table.node_names = read_element_names(nodes_.get(), table.names);
-  read_element_names(attribute(graph_, field::input).get(), table.names);
-  read_element_names(attribute(graph_, field::value_info).get(), table.names);
-  read_sparse_names(graph_, table.names);
+void GraphReader::read_names() {
+  core::GraphTable& table = reading_.table;
+  if (table.node_names.empty()) table.node_names = read_element_names(nodes_.get(), table.names);
+  std::vector<core::NameId> others = read_sparse_names(graph_, table.names);
+  for (const InternedName* list : {&field::input, &field::output, &field::value_info}) {
+    const std::vector<core::NameId> names = read_element_names(attribute(graph_, *list).get(), table.names);
+    others.insert(others.end(), names.begin(), names.end());
+  }
   const Ref annotations = attribute(graph_, field::quantization_annotation);
   for (Py_ssize_t index = 0; index < length(annotations.get()); ++index) {
     const Ref annotation = item(annotations.get(), index);
-    table.names.intern(utf8(attribute(annotation.get(), field::tensor_name).get()));
+    others.push_back(table.names.intern(utf8(attribute(annotation.get(), field::tensor_name).get())));
   }
+  if (reading_.has_old_names) table.vacate_all_but(others);
 }
 
 void read_strings(PyObject* container, core::Names& names, std::vector<core::NameId>& result) {

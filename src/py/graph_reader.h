@@ -1,38 +1,43 @@
 // From a GraphProto to the core's table, each field of each node read once.
 //
 // Reading goes in three steps, each only as far as a pass needs it: operator types (a pass whose operators
-// are missing ends here), links, and the names that fresh names have to avoid.
+// are missing ends here), links, and the names that fresh names have to avoid. A step that an earlier pass has done
+// already costs nothing, or little.
 #pragma once
 
-#include <string_view>
 #include <vector>
 
 #include "core/graph_table.h"
 #include "core/rule.h"
+#include "py/graph_reading.h"
 #include "py/ref.h"
 
 namespace onnxgraft::py {
 
 class GraphReader {
  public:
-  /// `graph` is borrowed and must outlive the reader. A ModelProto or anything else without a node list is a
-  /// TypeError that says what to pass.
-  explicit GraphReader(PyObject* graph);
+  /// `graph` and `reading` are borrowed and must outlive the reader. A ModelProto or anything else without a node
+  /// list is a TypeError that says what to pass.
+  GraphReader(PyObject* graph, GraphReading& reading);
 
   /// Reads all operator types; false if some node of the rule's pattern has no counterpart of its operator and
   /// number of inputs, so that nothing can match.
-  bool read_operators(const core::Rule& rule, core::GraphTable& table);
+  bool read_operators(const core::Rule& rule);
   /// Reads links, bodies, initializers and outputs, and seals the table.
-  void read_links(core::GraphTable& table);
+  void read_links();
   /// Reads all other names.
-  void read_names(core::GraphTable& table);
+  void read_names();
 
   [[nodiscard]] PyObject* nodes() const { return nodes_.get(); }
 
  private:
+  [[nodiscard]] std::size_t input_count(std::size_t position) const;
+  void read_rows();
+  void read_tensors();
+
   PyObject* graph_;
+  GraphReading& reading_;
   Ref nodes_;
-  std::vector<core::NameId> ops_;  // per node, from the first step
 };
 
 /// Interns the strings of a repeated string field into `result`.

@@ -94,6 +94,14 @@ Ref tuple(std::initializer_list<PyObject*> elements) {
   return result;
 }
 
+bool defines_class_of(PyObject* module, PyObject* object) {
+  static const InternedName name_attribute("__name__");
+  auto* type = reinterpret_cast<PyObject*>(Py_TYPE(object));
+  const Ref found = Ref::steal(PyObject_GetAttr(module, attribute(type, name_attribute).get()));
+  if (!found) PyErr_Clear();
+  return found.get() == type;
+}
+
 std::pair<Ref, Ref> unpack_pair(PyObject* iterable) {
   std::array<Ref, 2> parts;
   unpack(iterable, parts.data(), 2);

@@ -67,6 +67,9 @@ Ref tuple(std::initializer_list<PyObject*> elements);
 /// True as in Python's `bool(object)`.
 inline bool truth(PyObject* object) { return check(PyObject_IsTrue(object)) != 0; }
 
+/// True if `module` holds the class of `object`, under the class's own name.
+bool defines_class_of(PyObject* module, PyObject* object);
+
 /// Unpacks exactly two elements, with the interpreter's own texts for a wrong number ("too many values to
 /// unpack (expected 2)", "need more than 1 value to unpack"), both ValueError.
 std::pair<Ref, Ref> unpack_pair(PyObject* iterable);

@@ -18,6 +18,16 @@ Ref run_pass(const Call& call, const Pass& pass) {
                          {{names::debug, call[2]}});
 }
 
+/// What the passes of one `apply` share: nothing where other code would run in between, be it a subclass's or that of the
+/// stream which gets the debug lines.
+Ref begin_run(const Call& call) {
+  if (call[2] != Py_False || !py::defines_class_of(call.module, call[0])) return {};
+  const Ref method = py::attribute(call[0], names::replace_all);
+  if (PyMethod_Check(method.get()) == 0) return {};
+  const Ref begin = py::optional_attribute(PyMethod_Function(method.get()), names::begin_sharing);
+  return begin ? py::call(begin.get(), {call[0], call[1]}) : Ref{};
+}
+
 Ref sum(const Ref& left, const Ref& right) { return py::checked(PyNumber_Add(left.get(), right.get())); }
 
 Ref checked_count(Ref count) {
@@ -29,6 +39,7 @@ Ref checked_count(Ref count) {
 
 Ref run_passes(const Call& call, std::span<const Pass> passes, Counting counting) {
   py::forget_names();
+  const Ref run = begin_run(call);
   Ref total = run_pass(call, passes.front());
   for (const Pass& pass : passes.subspan(1)) total = sum(total, run_pass(call, pass));
   return counting == Counting::checked ? checked_count(std::move(total)) : std::move(total);
@@ -36,6 +47,7 @@ Ref run_passes(const Call& call, std::span<const Pass> passes, Counting counting
 
 Ref apply_listed_pairs(const Call& call) {
   py::forget_names();
+  const Ref run = begin_run(call);
   PyObject* self = call[0];
   const Ref updated = py::checked(PySet_New(nullptr));
   const Ref pairs = py::call_method(self, names::get_subgraphs_to_replace);

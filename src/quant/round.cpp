@@ -40,12 +40,12 @@ std::vector<Ref> nodes_at(PyObject* nodes, std::span<const NamePositions::Entry>
 
 }  // namespace
 
-Ref begin_round(PyObject* graph) {
+Ref begin_round(PyObject* /*transformation*/, PyObject* graph) {
   auto round = std::make_unique<Round>(graph);
   open_rounds().push_back(round.get());
   PyObject* capsule = PyCapsule_New(round.get(), capsule_name, end_round);
   if (capsule == nullptr) {
-    open_rounds().pop_back();
+    std::erase(open_rounds(), round.get());
     throw py::PythonError{};
   }
   [[maybe_unused]] const Round* const owned_by_capsule = round.release();

@@ -18,7 +18,7 @@
 namespace onnxgraft::quant {
 
 /// Begins a round on the graph; it ends when the object that comes back goes away.
-py::Ref begin_round(PyObject* graph);
+py::Ref begin_round(PyObject* transformation, PyObject* graph);
 
 class Round {
  public:

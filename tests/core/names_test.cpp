@@ -35,7 +35,8 @@ TEST(Names, GiveDenseIdsThatStayAcrossGrowth) {
 TEST(FreshNames, DifferFromAllNamesThatAreOrCome) {
   Names names;
   for (const char* used : {"a", "a_1", "a_3", "b"}) names.intern(used);
-  FreshNames fresh(names);
+  std::vector<bool> vacant;
+  FreshNames fresh(names, vacant);
   std::vector<std::string> made;
   for (const char* base : {"a", "c", "a", "c", "a", "b_1", "b", "", "a_2"})
     made.emplace_back(names.text(fresh.make(base)));

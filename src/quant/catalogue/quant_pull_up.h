@@ -19,7 +19,7 @@ inline constexpr std::array methods{
         .result_annotation = pairs_annotation,
         .is_abstract = true,
     },
-    callback_row(correct_conv_biases),
+    callback_row(correct_conv_biases, Links::change),
 };
 inline constexpr ClassRow row{"AbstractPullUpTesselQuantTransformation", bases, nullptr, {}, methods};
 

@@ -78,9 +78,12 @@ inline constexpr FunctionRow name_row{"get_simple_name", self_alone, simple_name
 template <const auto& passes>
 inline constexpr FunctionRow pairs_row{"_get_subgraphs_to_replace", self_alone, listed_pairs<passes>, pairs_annotation};
 
-/// Our callbacks write attributes, initializers and, at most, a new initializer's name as a further input.
+/// What a callback does to names, inputs and outputs of nodes.
+enum class Links { stay, change };
+
+/// Our callbacks write attributes and initializers; those that change links, a new initializer's name as a further input.
 template <py::ArgumentType links_type = py::ArgumentType::dict>
-constexpr FunctionRow callback_row(Body body) {
+constexpr FunctionRow callback_row(Body body, Links links = Links::stay) {
   return {
       .name = "_on_replace_subgraph",
       .parameters = callback_parameters<links_type>,
@@ -88,7 +91,8 @@ constexpr FunctionRow callback_row(Body body) {
       .result_annotation = "bool",
       .collects_keywords = true,
       .keeps_nodes = true,
-      .begin_round = begin_round,
+      .keeps_links = links == Links::stay,
+      .begin_sharing = begin_round,
   };
 }
 
