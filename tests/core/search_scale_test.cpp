@@ -8,32 +8,14 @@
 namespace onnxgraft::core {
 namespace {
 
-/// Writes graphs line by line; `text` takes "@" for the number.
-class Lines {
- public:
-  Lines& add(const std::string& text) {
-    add_line(table_, text);
-    return *this;
+/// The lines that often; "@" is the number.
+std::string repeated(std::size_t count, const std::string& lines) {
+  std::string text;
+  for (std::size_t number = 0; number < count; ++number) {
+    for (const char c : lines + ";") text += c == '@' ? std::to_string(number) : std::string(1, c);
   }
-  Lines& add_many(std::size_t count, const Texts& lines) {
-    for (std::size_t number = 0; number < count; ++number) {
-      for (std::string line : lines) {
-        for (std::size_t at = line.find('@'); at != std::string::npos; at = line.find('@')) {
-          line.replace(at, 1, std::to_string(number));
-        }
-        add_line(table_, line);
-      }
-    }
-    return *this;
-  }
-  GraphTable done() {
-    table_.seal();
-    return std::move(table_);
-  }
-
- private:
-  GraphTable table_;
-};
+  return text;
+}
 
 std::size_t count(const GraphTable& table, const char* pattern, const char* replacement) {
   const std::vector<Assignment> found = assignments(search(table, make_rule(pattern, replacement)));
@@ -47,38 +29,32 @@ const char* const two_branches = "LeakyRelu:1->2 LeakyRelu:3->4 Concat:2,4->5 Qu
 const char* const branches_kept = "#0 #1 #3:2->100 #3:4->101 #2:100,101->99";
 
 TEST(SearchScale, OneTensorWithManyReaders) {
-  const GraphTable quants = Lines().add("init w").add_many(many, {"Quant x -> q@", "Conv q@,w -> c@"}).done();
+  const GraphTable quants = make_graph("init w;" + repeated(many, "Quant x -> q@; Conv q@,w -> c@"));
   // The second quantize node stays and serves all others.
   EXPECT_EQ(count(quants, "Quant:0->1 Conv:1,2i->4 Quant:0->5", "#2 #1:5,2i->4"), many - 1);
 }
 
 TEST(SearchScale, SiblingsOfWhichOneSideIsUsedUp) {
-  const GraphTable table = Lines().add_many(2 * many, {"A x -> a@", "B x -> b@"}).done();
+  const GraphTable table = make_graph(repeated(2 * many, "A x -> a@; B x -> b@"));
   EXPECT_EQ(count(table, "A:0->1 B:0->2", "#0 Clip:0->2"), 2 * many);
 }
 
 TEST(SearchScale, ManyReadersButFewOverTheNodeThatJoins) {
-  const GraphTable table =
-      Lines().add_many(some, {"A x -> a@", "B x -> b@", "B y -> d@", "C a@,b@ -> c@", "C a@,d@ -> e@"}).done();
+  const GraphTable table = make_graph(repeated(some, "A x -> a@; B x -> b@; B y -> d@; C a@,b@ -> c@; C a@,d@ -> e@"));
   EXPECT_EQ(count(table, "A:0->1 B:0->2 C:1,2->3", "#0 #1 Clip:1,2->3"), some);
 }
 
 TEST(SearchScale, OneActivationThatFeedsManyConcats) {
-  for (const char* concat : {"Concat a,l@ -> c@", "Concat l@,a -> c@"}) {
-    const GraphTable first =
-        Lines().add("LeakyRelu x -> a").add_many(some, {"LeakyRelu x@ -> l@", concat, "Quant c@ -> q@"}).done();
-    EXPECT_EQ(count(first, two_branches, branches_kept), some) << concat;
-    const GraphTable last =
-        Lines().add_many(some, {"LeakyRelu x@ -> l@", concat, "Quant c@ -> q@"}).add("LeakyRelu x -> a").done();
-    EXPECT_EQ(count(last, two_branches, branches_kept), some) << concat;
+  for (const std::string concat : {"Concat a,l@ -> c@", "Concat l@,a -> c@"}) {
+    const std::string others = repeated(some, "LeakyRelu x@ -> l@; " + concat + "; Quant c@ -> q@");
+    EXPECT_EQ(count(make_graph("LeakyRelu x -> a;" + others), two_branches, branches_kept), some) << concat;
+    EXPECT_EQ(count(make_graph(others + "LeakyRelu x -> a"), two_branches, branches_kept), some) << concat;
   }
 }
 
 TEST(SearchScale, PoolsThatShareTheirInput) {
-  const GraphTable table = Lines()
-                               .add_many(some / 2, {"MaxPool x -> p@", "MaxPool x -> q@", "MaxPool x -> r@",
-                                                    "Concat x,p@,q@,r@ -> c@", "Quant c@ -> z@"})
-                               .done();
+  const GraphTable table = make_graph(
+      repeated(some / 2, "MaxPool x -> p@; MaxPool x -> q@; MaxPool x -> r@; Concat x,p@,q@,r@ -> c@; Quant c@ -> z@"));
   EXPECT_EQ(count(table, "MaxPool:1->2 MaxPool:1->3 MaxPool:1->4 Concat:1,2,3,4->5 Quant:5->99",
                   "#0 #1 #2 #4:1->100 #4:2->101 #4:3->102 #4:4->103 #3:100,101,102,103->99"),
             some / 2);
@@ -89,22 +65,20 @@ TEST(SearchScale, ASeparatePartBesideMany) {
       "Quant:1->2 Quant:3->4 Concat:2,4->5 Conv:5,6i,7i->8 Dequant:8,9i->10 LeakyRelu:10->11 Quant:12->13";
   const char* const replacement =
       "#0 #3:2,6i,7i->100 #4:100,9i->102 #1 #3:4,6i,7i->101 #4:101,9i->103 Add:102,103->10 #5 #6";
-  const GraphTable table = Lines()
-                               .add("init w,b,s")
-                               .add_many(some / 2, {"Quant x@ -> q@", "Quant y@ -> r@", "Concat q@,r@ -> c@",
-                                                    "Conv c@,w,b -> v@", "Dequant v@,s -> d@", "LeakyRelu d@ -> l@"})
-                               .done();
+  const GraphTable table =
+      make_graph("init w,b,s;" + repeated(some / 2,
+                                          "Quant x@ -> q@; Quant y@ -> r@; Concat q@,r@ -> c@; Conv c@,w,b -> v@; "
+                                          "Dequant v@,s -> d@; LeakyRelu d@ -> l@"));
   EXPECT_EQ(count(table, pattern, replacement), some / 2);
 }
 
 TEST(SearchScale, ChainsThatAreLongAndDeep) {
   constexpr std::size_t length = 100'000;
-  Lines lines;
-  lines.add("Relu x -> t0");
+  std::string lines = "Relu x -> t0";
   for (std::size_t at = 1; at < length; ++at) {
-    lines.add("Relu t" + std::to_string(at - 1) + " -> t" + std::to_string(at));
+    lines += "; Relu t" + std::to_string(at - 1) + " -> t" + std::to_string(at);
   }
-  GraphTable table = lines.done();
+  GraphTable table = make_graph(lines);
   const Rule rule = make_rule("Relu:0->1 Relu:1->2", "Clip:0->9 #1:9->2");
   OccurrenceList found = search(table, rule);
   ASSERT_EQ(found.size(), length / 2);
@@ -119,7 +93,7 @@ TEST(SearchScale, ChainsThatAreLongAndDeep) {
 }
 
 TEST(SearchScale, ManyRefusedBesideASeparatePart) {
-  const GraphTable table = Lines().add_many(some, {"Relu x@ -> a@", "Neg a@ -> b@", "Quant y@ -> q@"}).done();
+  const GraphTable table = make_graph(repeated(some, "Relu x@ -> a@; Neg a@ -> b@; Quant y@ -> q@"));
   const Rule rule = make_rule("Relu:0->1 Neg:1->2 Quant:3->4", "Clip:0->2 #2");
   RefusedSet refused;
   for (const Assignment& nodes : assignments(search(table, rule))) refused.add(rule, nodes);
