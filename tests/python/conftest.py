@@ -1,7 +1,5 @@
 """Fixtures that several test files use."""
 
-from __future__ import annotations
-
 import os
 from pathlib import Path
 

@@ -5,8 +5,6 @@ objects, since the protobuf implementation itself does not survive this. No call
 list that it makes for that, if it fails.
 """
 
-from __future__ import annotations
-
 import _testcapi  # type: ignore[import-not-found]
 import contextvars
 import gc

@@ -1,7 +1,5 @@
 """The benchmark runs, and its check of results finds differences; what it measures is nothing for a test."""
 
-from __future__ import annotations
-
 import sys
 import types
 from pathlib import Path
@@ -37,17 +35,10 @@ def test_a_tiny_run_fills_the_page(tmp_path: Path, repository: Path, monkeypatch
     assert [part.text for part in drawn.iter()].count("plain Python") == 4
 
 
-@pytest.mark.parametrize(
-    ("kind", "own", "peer"),
-    [
-        ("conv", rewrites.quant_conv, plain_python.quant_conv),
-        ("merge", rewrites.merge, plain_python.replace_quant_any),
-    ],
-)
-def test_equal_results_are_told_from_others(kind: str, own: rewrites.Rewrite, peer: rewrites.Rewrite) -> None:
-    graph = chain_model(kind, 3).graph
+def test_equal_results_are_told_from_others() -> None:
+    graph = chain_model("conv", 3).graph
     one, two = copy_of(graph), copy_of(graph)
-    for rewrite, copy in ((own, one), (peer, two)):
+    for rewrite, copy in ((rewrites.quant_conv, one), (plain_python.quant_conv, two)):
         np.random.seed(1)
         assert rewrite(copy) == 3
     assert difference(one, two) is None

@@ -4,8 +4,6 @@ ONNXGRAFT_RANDOM_CALLBACKS sets the number of graphs per class; a failure names 
 repeats it alone.
 """
 
-from __future__ import annotations
-
 import os
 import random
 from collections.abc import Callable

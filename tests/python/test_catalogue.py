@@ -1,7 +1,5 @@
 """The classes of `quant`, as a host sees them: the whole catalogue as a table, and how it answers to misuse."""
 
-from __future__ import annotations
-
 import copy
 import importlib.util
 import inspect

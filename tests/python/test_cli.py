@@ -1,7 +1,5 @@
 """The command line: what it shows, what it writes, and that bad input leaves nothing behind."""
 
-from __future__ import annotations
-
 import json
 import os
 import re
@@ -14,9 +12,9 @@ from pathlib import Path
 import numpy as np
 import onnx
 import pytest
-from onnx import TensorProto, helper, numpy_helper
+from onnx import numpy_helper
 
-from helpers.small_graphs import graph_of
+from helpers.small_graphs import model_of
 from onnxgraft import model_files, quant
 from onnxgraft.cli import main
 
@@ -28,11 +26,10 @@ Capture = pytest.CaptureFixture[str]
 def make_model() -> onnx.ModelProto:
     """Two Conv in a row; the second has no bias."""
     rng = np.random.default_rng(0)
-    graph = graph_of(["Conv x w1 b1 -> y", "Conv y w2 -> z"], outputs=["z"])
-    graph.input.append(helper.make_tensor_value_info("x", TensorProto.FLOAT, [1, 3, 8, 8]))
-    for name, shape in {"w1": (64, 3, 3, 3), "b1": (64,), "w2": (64, 64, 1, 1)}.items():
-        graph.initializer.append(numpy_helper.from_array(rng.random(shape, np.float32), name))
-    return helper.make_model(graph, opset_imports=[helper.make_opsetid("", 17)], ir_version=8)
+    shapes = {"w1": (64, 3, 3, 3), "b1": (64,), "w2": (64, 64, 1, 1)}
+    tensors = {name: rng.random(shape, np.float32) for name, shape in shapes.items()}
+    lines = ["Conv x w1 b1 -> y", "Conv y w2 -> z"]
+    return model_of(lines, inputs={"x": [1, 3, 8, 8]}, outputs=["z"], tensors=tensors)
 
 
 def save_external(folder: Path, data: str = "weights.bin") -> None:

@@ -1,7 +1,5 @@
 """`diff` names what was planted, tells renaming from change."""
 
-from __future__ import annotations
-
 from pathlib import Path
 from typing import Any
 
@@ -10,17 +8,15 @@ import onnx
 import pytest
 from onnx import helper, numpy_helper
 
-from helpers.small_graphs import graph_of
+from helpers.small_graphs import model_of, ones
 from onnxgraft.comparison import diff
 
 LINES = ["Relu x -> a", "Conv a w -> b", "Relu b -> c", "Conv b v -> d", "Add c d -> e", "Sigmoid e -> y"]
 
 
 def model(lines: list[str] = LINES, weight: float = 1.0) -> onnx.ModelProto:
-    graph = graph_of(lines, inputs=["x"], outputs=["y"])
-    graph.initializer.append(numpy_helper.from_array(np.full((2, 2, 1, 1), weight, np.float32), "w"))
-    graph.initializer.append(numpy_helper.from_array(np.ones((2, 2, 3, 3), np.float32), "v"))
-    return helper.make_model(graph, opset_imports=[helper.make_opsetid("", 17)], ir_version=8)
+    tensors = {"w": weight * ones(2, 2, 1, 1), "v": ones(2, 2, 3, 3)}
+    return model_of(lines, inputs=["x"], outputs=["y"], tensors=tensors)
 
 
 def renamed(made: onnx.ModelProto) -> onnx.ModelProto:
@@ -71,7 +67,7 @@ def test_regions(lines: list[str], regions: list[tuple[str, str, str]]) -> None:
 
 
 def other_weight(made: onnx.ModelProto) -> None:
-    made.graph.initializer[0].CopyFrom(numpy_helper.from_array(np.full((2, 2, 1, 1), 1.5, np.float32), "w"))
+    made.graph.initializer[0].CopyFrom(numpy_helper.from_array(1.5 * ones(2, 2, 1, 1), "w"))
 
 
 def other_type(made: onnx.ModelProto) -> None:

@@ -1,7 +1,5 @@
 """The generated parts of docs/ are up to date, and the tools that make them are right."""
 
-from __future__ import annotations
-
 import json
 import re
 from itertools import pairwise

@@ -1,7 +1,5 @@
 """The patterns as the terminal shows them."""
 
-from __future__ import annotations
-
 import re
 
 import pytest

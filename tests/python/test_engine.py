@@ -1,7 +1,5 @@
 """The engine: what a step records, what it puts back, when rounds end, and what users register."""
 
-from __future__ import annotations
-
 import logging
 from importlib.metadata import EntryPoint
 from pathlib import Path
@@ -15,7 +13,7 @@ from onnx import GraphProto, TensorProto, helper, numpy_helper
 import onnxgraft
 from helpers.classes import CLASSES, class_graph
 from helpers.occurrences import occurrence as occurrence_of
-from helpers.small_graphs import graph_of, operators
+from helpers.small_graphs import graph_of, model_of, ones, operators
 from onnxgraft import catalogue, quant
 from onnxgraft.abstract_transformation import AbstractTransformation
 from onnxgraft.engine import Occurrence, Report
@@ -40,17 +38,16 @@ class Rule(AbstractTransformation):
         return True if self.callback is None else bool(self.callback(graph, *arguments, **named))
 
 
-def model_of(*operators: str) -> onnx.ModelProto:
+def chain(*operators: str) -> onnx.ModelProto:
     names = [f"t{number}" for number in range(len(operators) + 1)]
     lines = [f"{op} {names[at]} -> {names[at + 1]}" for at, op in enumerate(operators)]
-    graph = graph_of(lines, inputs=[names[0]], outputs=[names[-1]])
-    return helper.make_model(graph, opset_imports=[helper.make_opsetid("", 17)])
+    return model_of(lines, inputs=[names[0]], outputs=[names[-1]])
 
 
 def furnish(graph: GraphProto) -> None:
     """All the lists that a step may touch."""
     for name in ("w", "unused"):
-        graph.initializer.append(numpy_helper.from_array(np.ones((3, 2), np.float32), name))
+        graph.initializer.append(numpy_helper.from_array(ones(3, 2), name))
     graph.sparse_initializer.add().values.name = "s"
     graph.value_info.extend(helper.make_tensor_value_info(f"t{at}", TensorProto.FLOAT, [at]) for at in (1, 2))
     body = graph_of(["Relu t1 -> inner"], outputs=["inner"])
@@ -96,7 +93,7 @@ def test_a_step_that_raises_never_was(name: str) -> None:
     for seed in range(12):
         error = FAULTS[seed % 3]
         if name == "vandal":
-            graph, made = model_of("Relu", "Elu", "Relu").graph, Rule(callback=vandalize)
+            graph, made = chain("Relu", "Elu", "Relu").graph, Rule(callback=vandalize)
             furnish(graph)
         else:
             graph, made = class_graph(name, seed), CLASSES[name]()
@@ -111,7 +108,7 @@ def test_a_step_that_raises_never_was(name: str) -> None:
 
 
 def test_errors_name_the_place_and_can_be_passed_over() -> None:
-    model = model_of("Relu", "Elu", "Sin")
+    model = chain("Relu", "Elu", "Sin")
     broken = Rule(name="broken", callback=lambda *_, **__: int("no\nnumber"))
     place = r"^broken, pattern \['Relu:0->1'\], at Relu 'node_0': ValueError: "
     with pytest.raises(onnxgraft.TransformationError, match=place) as e:
@@ -146,7 +143,7 @@ def test_recording_changes_nothing_and_counts_right(
 
 
 def test_an_occurrence_in_words() -> None:
-    model = model_of("Sin", "Relu", "Cos")
+    model = chain("Sin", "Relu", "Cos")
     model.graph.value_info.append(helper.make_tensor_value_info("t1", TensorProto.FLOAT, ["N", 3, None]))
     tensor = numpy_helper.from_array(np.ones((2, 5), np.float32))
     model.graph.node[1].attribute.append(helper.make_attribute("a", tensor))
@@ -173,7 +170,7 @@ def test_a_seed_is_for_the_run_alone(fails: bool) -> None:
     expected = np.random.rand()
     np.random.seed(1)
     for _ in range(2):
-        run(model_of("Relu"), rule, seed=8, on_error="continue")
+        run(chain("Relu"), rule, seed=8, on_error="continue")
     assert draws[0] == draws[1] != expected
     assert np.random.rand() == expected
 
@@ -194,7 +191,7 @@ TOGGLE = (Rule("Relu:0->1", "Elu:0->1", name="there"), Rule("Elu:0->1", "Relu:0-
     ],
 )  # fmt: skip
 def test_rounds(rules: tuple[Rule, ...], rounds: int, stable: bool, warning: str | None) -> None:
-    report = run(model_of("Relu", "Sin"), *rules, until_stable=True, max_rounds=4)
+    report = run(chain("Relu", "Sin"), *rules, until_stable=True, max_rounds=4)
     assert (report.rounds, report.stable) == (rounds, stable)
     assert [warning in text for text in report.warnings if warning] == [True] * (warning is not None)
 
@@ -255,7 +252,7 @@ def test_users_transformations(
     assert catalogue.load_user_code(str(tmp_path / "mine.py")) == ("mine",)  # again: it takes its own place
     assert catalogue.find_row("mine").pairs == ((("Relu:0->1",), ("Elu:0->1",)),)
     assert list(onnxgraft.transformations())[-1] == "mine"
-    assert run(model_of("Relu"), "mine").replaced == 1
+    assert run(chain("Relu"), "mine").replaced == 1
     taken = type("Taken", (Rule,), {"get_simple_name": lambda self: "quant_conv"})
     for wrong in (taken, AbstractTransformation, quant.AbstractPullUpTesselQuantTransformation, Occurrence, 3):
         with pytest.raises(onnxgraft.RegistrationError):

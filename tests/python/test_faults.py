@@ -3,8 +3,6 @@
 ONNXGRAFT_FAULTS sets how many uses fail per class and graph; every use of the small graph does.
 """
 
-from __future__ import annotations
-
 import os
 from collections.abc import Callable
 from typing import Any
@@ -15,7 +13,7 @@ from onnx import GraphProto, TensorProto, helper
 from helpers.checks import dangling, writers
 from helpers.classes import CLASSES, apply, class_graph
 from helpers.failing import FaultError, Uses
-from helpers.small_graphs import graph_of
+from helpers.small_graphs import graph_of, ones
 from onnxgraft.abstract_transformation import AbstractTransformation
 from oracle.names import all_names
 
@@ -36,9 +34,9 @@ class Swap(AbstractTransformation):
 
 def conv_relus(count: int = 3) -> GraphProto:
     lines = [line for i in range(count) for line in (f"Conv x{i} w{i} -> y{i}", f"Relu y{i} -> x{i + 1}")]
-    graph = graph_of(lines, inputs=["x0"], outputs=[f"x{count}"])
+    tensors = {f"w{i}": ones(1, 1, 1, 1) for i in range(count)}
+    graph = graph_of(lines, inputs=["x0"], outputs=[f"x{count}"], tensors=tensors)
     for i in range(count):
-        graph.initializer.append(helper.make_tensor(f"w{i}", TensorProto.FLOAT, [1, 1, 1, 1], [1.0]))
         graph.value_info.append(helper.make_tensor_value_info(f"y{i}", TensorProto.FLOAT, None))
     return graph
 

@@ -3,8 +3,6 @@
 ONNXGRAFT_SCALE makes the large graphs larger by that factor: 10 for a chain of a million nodes.
 """
 
-from __future__ import annotations
-
 import os
 from collections import Counter
 from collections.abc import Callable

@@ -1,7 +1,5 @@
 """Pages hold what they are made of, escape it, keep to their caps, and run in a browser without an error."""
 
-from __future__ import annotations
-
 import re
 import shutil
 import subprocess

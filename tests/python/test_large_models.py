@@ -1,7 +1,5 @@
 """Models with weights in data files: memory, what is copied, where it goes, and what a killed run leaves."""
 
-from __future__ import annotations
-
 import signal
 import subprocess
 import sys
@@ -10,8 +8,9 @@ from pathlib import Path
 import numpy as np
 import onnx
 import pytest
-from onnx import TensorProto, helper, numpy_helper
+from onnx import helper, numpy_helper
 
+from helpers.small_graphs import model_of
 from onnxgraft import rewrite
 from onnxgraft.errors import ModelFileError
 from onnxgraft.model_files import ModelOutput, SavedModel, load
@@ -25,22 +24,11 @@ def folder(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Path:
     """The current folder; in/model.onnx has all weights in in/weights.bin, two of them in the same bytes."""
     monkeypatch.chdir(tmp_path)
     rng = np.random.default_rng(0)
-    tensors = [numpy_helper.from_array(rng.random(shape, np.float32), name) for name, shape in SHAPES.items()]
-    graph = helper.make_graph(
-        [
-            helper.make_node("Conv", ["x", "w1"], ["a"]),
-            helper.make_node("Conv", ["a", "w2"], ["b"]),
-            helper.make_node("Add", ["b", "same"], ["c"]),
-            helper.make_node("Add", ["c", "again"], ["y"]),
-        ],
-        "large",
-        [helper.make_tensor_value_info("x", TensorProto.FLOAT, [1, 3, 64, 64])],
-        [helper.make_tensor_value_info("y", TensorProto.FLOAT, None)],
-        tensors,
-    )
+    tensors = {name: rng.random(shape, np.float32) for name, shape in SHAPES.items()}
+    lines = ["Conv x w1 -> a", "Conv a w2 -> b", "Add b same -> c", "Add c again -> y"]
+    model = model_of(lines, inputs={"x": [1, 3, 64, 64]}, outputs=["y"], tensors=tensors)
     for name in ("in", "out"):
         (tmp_path / name).mkdir()
-    model = helper.make_model(graph, opset_imports=[helper.make_opsetid("", 17)], ir_version=8)
     onnx.save_model(model, "in/model.onnx", save_as_external_data=True, location="weights.bin", size_threshold=0)
     model = onnx.load("in/model.onnx", load_external_data=False)
     model.graph.initializer[4].external_data[1].CopyFrom(model.graph.initializer[3].external_data[1])

@@ -1,33 +1,25 @@
 """The formulas of lowered models, value by value, and what cannot be lowered."""
 
-from __future__ import annotations
-
 from typing import Any
 
 import numpy as np
 import onnx
 import pytest
-from onnx import TensorProto, helper, numpy_helper
+from onnx import TensorProto, helper
 
 from helpers.models import Array, make_model
 from helpers.occurrences import packed
+from helpers.small_graphs import model_of
 from onnxgraft.evaluation import Convention, EvaluationError, evaluate, lower
 
 X = np.array([[-300.0, -0.75, -0.25, 0.25, 0.75, 1.25, 300.0]], np.float32)
 
 
-def model(
-    nodes: list[onnx.NodeProto], initializers: dict[str, Array] | None = None, inputs: dict[str, Any] | None = None
-) -> onnx.ModelProto:
+def model(nodes: list[onnx.NodeProto], tensors: dict[str, Array] | None = None, **inputs: Any) -> onnx.ModelProto:
     """Inputs by name with shapes (None: unknown rank); the last node's output is the result "y"."""
-    graph = helper.make_graph(
-        nodes,
-        "model",
-        [helper.make_tensor_value_info(n, TensorProto.FLOAT, s) for n, s in (inputs or {"x": [1, 7]}).items()],
-        [helper.make_tensor_value_info("y", TensorProto.FLOAT, None)],
-        [numpy_helper.from_array(values, name) for name, values in (initializers or {}).items()],
-    )
-    return helper.make_model(graph, opset_imports=[helper.make_opsetid("", 17)], ir_version=8)
+    made = model_of([], inputs=inputs or {"x": [1, 7]}, outputs=["y"], tensors=tensors)
+    made.graph.node.extend(nodes)
+    return made
 
 
 def node(op: str, inputs: str, output: str = "y", **attributes: Any) -> onnx.NodeProto:
@@ -55,7 +47,7 @@ def test_quantize(attributes: dict[str, Any], scale: float, offset: float) -> No
 @pytest.mark.parametrize("count", [1, 3])
 def test_dequantize(shape: list[int] | None, element_type: Any, count: int) -> None:
     scales = np.array([0.5, 0.1, -3.0], np.float32)[:count]
-    made = model([node("TesselDequant", "x w")], {"w": packed(scales, upper=77)}, {"x": shape})
+    made = model([node("TesselDequant", "x w")], {"w": packed(scales, upper=77)}, x=shape)
     x = np.arange(np.prod(shape or [2, 3, 4]), dtype=np.float32).reshape(shape or [2, 3, 4])
     result = evaluate(made, {"x": x}, Convention(element_type=element_type))["y"]
     assert result.dtype == np.float32
@@ -66,7 +58,7 @@ def test_wide_sums_are_exact_in_float64() -> None:
     weight = np.full((1, 1024, 1, 1), 127, np.int8)
     bias = np.array([2**31 - 1], np.int32)
     nodes = [node("TesselQuant", "x", "q"), node("Conv", "q w b")]
-    made = model(nodes, {"w": weight, "b": bias}, {"x": [1, 1024, 1, 1]})
+    made = model(nodes, {"w": weight, "b": bias}, x=[1, 1024, 1, 1])
     x = np.full((1, 1024, 1, 1), 127, np.float32)
     assert evaluate(made, {"x": x}, Convention(element_type="float64"))["y"].item() == 127 * 127 * 1024 + 2**31 - 1
 
@@ -87,7 +79,7 @@ def test_only_operands_of_quantized_operators_become_floating_point() -> None:
         node("Cast", "h", "f", to=TensorProto.FLOAT),
         node("Add", "f g"),
     ]
-    made = model(nodes, initializers, {"x": [2, 2]})
+    made = model(nodes, initializers, x=[2, 2])
     made.graph.input.append(helper.make_tensor_value_info("w", TensorProto.INT8, [2, 2]))
     made.graph.output[0].CopyFrom(helper.make_tensor_value_info("y", TensorProto.FLOAT, [2, 2]))
     before = made.SerializeToString()
@@ -108,9 +100,7 @@ def test_only_operands_of_quantized_operators_become_floating_point() -> None:
 def test_sizes_of_minus_one_keep_the_size(sizes: list[int], axes: list[int] | None) -> None:
     attributes: dict[str, Any] = {"axes": axes} if axes else {}
     initializers: dict[str, Array] = {"roi": np.zeros(0, "f"), "scales": np.zeros(0, "f"), "sizes": np.array(sizes)}
-    made = model(
-        [node("Resize", "x roi scales sizes", mode="nearest", **attributes)], initializers, {"x": ["n", 2, 2, 3]}
-    )
+    made = model([node("Resize", "x roi scales sizes", mode="nearest", **attributes)], initializers, x=["n", 2, 2, 3])
     made.opset_import[0].version = 18
     x = np.arange(36, dtype=np.float32).reshape(3, 2, 2, 3)
     expected = x.repeat(2, axis=3) if axes else x.repeat(2, axis=2).repeat(2, axis=3)
@@ -127,8 +117,8 @@ def test_errors() -> None:
         "operator set 10 is too old to evaluate: 11 is needed": old,
         "TesselQuant 'y' is inside a nested body": model([node("If", "x", then_branch=body, else_branch=body)]),
         "TesselDequant 'y': its second input must be an initializer": model([node("TesselDequant", "x x")]),
-        "2 scales need axis 1, the input is of rank 1": model([node("TesselDequant", "x w")], {"w": words}, {"x": [2]}),
-        "no value is given for the graph inputs z": model([node("Add", "x z")], {}, {"x": [1], "z": [1]}),
+        "2 scales need axis 1, the input is of rank 1": model([node("TesselDequant", "x w")], {"w": words}, x=[2]),
+        "no value is given for the graph inputs z": model([node("Add", "x z")], x=[1], z=[1]),
         "Unknown 'y' cannot be computed": model([node("Unknown", "x")]),
     }
     for message, made in faults.items():

@@ -1,7 +1,5 @@
 """Where patterns match, why they do not, and what the hints make of it."""
 
-from __future__ import annotations
-
 from pathlib import Path
 from typing import Any
 

@@ -1,7 +1,5 @@
 """Every allocation of the interpreter fails once: MemoryError comes out, nothing is lost, the graph is sound."""
 
-from __future__ import annotations
-
 import json
 import os
 import subprocess

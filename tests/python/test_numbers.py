@@ -3,8 +3,6 @@
 Quantize nodes with rounding and without: where nodes only move or merge, every bit of every output must stay.
 """
 
-from __future__ import annotations
-
 from pathlib import Path
 
 import numpy as np

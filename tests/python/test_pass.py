@@ -1,7 +1,5 @@
 """One pass seen from a transformation's author: what callbacks may do, what stays after an error, what is said."""
 
-from __future__ import annotations
-
 import contextlib
 import gc
 import sys

@@ -1,7 +1,5 @@
 """Each preparation step changes what it is for, keeps the function, and finds nothing on its own result."""
 
-from __future__ import annotations
-
 import re
 from pathlib import Path
 

@@ -1,7 +1,5 @@
 """The same bytes in every process: hash seeds, threads, forks, the other protobuf implementation; sub-interpreters."""
 
-from __future__ import annotations
-
 import hashlib
 import multiprocessing
 import os

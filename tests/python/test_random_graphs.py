@@ -4,8 +4,6 @@ ONNXGRAFT_RANDOM_GRAPHS sets the number of graphs; a failure names the seed, and
 that hypothesis draws are fewer, but a failure comes out as small as it gets.
 """
 
-from __future__ import annotations
-
 import inspect
 import os
 import random

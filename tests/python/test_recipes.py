@@ -1,7 +1,5 @@
 """Recipes leave sound graphs and rest; recipe files are checked key by key."""
 
-from __future__ import annotations
-
 from pathlib import Path
 
 import onnx

@@ -1,7 +1,5 @@
 """Checks on the source tree and on the built files: the seams that no compiler watches."""
 
-from __future__ import annotations
-
 import re
 import subprocess
 from pathlib import Path

@@ -4,8 +4,6 @@ Both leave the same bytes: after refusals, in one apply after the other, inside 
 graph that was edited in between.
 """
 
-from __future__ import annotations
-
 import random
 from typing import Any
 

@@ -1,7 +1,5 @@
 """The self-test passes what is right and finds planted faults."""
 
-from __future__ import annotations
-
 import uuid
 from collections.abc import Callable
 from typing import Any

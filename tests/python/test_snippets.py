@@ -4,8 +4,6 @@ The blocks of a page run in order, those of Python in one namespace, in a folder
 project's with a model.onnx in it.
 """
 
-from __future__ import annotations
-
 import logging
 import re
 import shutil

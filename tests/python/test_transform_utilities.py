@@ -1,7 +1,5 @@
 """`get_init` against a plain walk over the list, its external data, and the folder that it is looked up in."""
 
-from __future__ import annotations
-
 import contextlib
 import contextvars
 import gc

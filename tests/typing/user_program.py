@@ -1,7 +1,5 @@
 """A program as users write it. `make lint` checks its types against the package as it is installed."""
 
-from __future__ import annotations
-
 from pathlib import Path
 from typing import ClassVar
 

@@ -1,7 +1,5 @@
 """What must not come of a rewrite: a second writer of a tensor, a tensor that nothing provides any more."""
 
-from __future__ import annotations
-
 from collections import Counter
 
 from onnx import GraphProto

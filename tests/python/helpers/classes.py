@@ -1,7 +1,5 @@
 """Every class with graphs around its patterns: many occurrences, some of them refused, some that make it raise."""
 
-from __future__ import annotations
-
 import inspect
 import random
 from collections.abc import Iterator

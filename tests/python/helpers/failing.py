@@ -1,7 +1,5 @@
 """Stand-ins for messages and lists that raise at their n-th use, whatever it is."""
 
-from __future__ import annotations
-
 from collections.abc import Iterator
 from typing import Any
 

@@ -3,8 +3,6 @@
 Most of it is as a quantized model has it; the rest is missing, doubled, of another type, length or rank, or symbolic.
 """
 
-from __future__ import annotations
-
 import random
 from collections.abc import Sequence
 from typing import Any

@@ -3,8 +3,6 @@
 No graph has a cycle: a node reads only what was written in front of it, and the list is shuffled at the end.
 """
 
-from __future__ import annotations
-
 import random
 from collections.abc import Sequence
 

@@ -7,6 +7,7 @@ a `Resize` writes is 8 wide, everything else 5. Tensor "7" of the strings is "t7
 from __future__ import annotations
 
 from collections.abc import Callable, Mapping, Sequence
+from graphlib import TopologicalSorter
 from typing import Any
 
 import numpy as np
@@ -39,17 +40,9 @@ def _weight(maker: ModelMaker, node: PatternNode) -> Array:
     return maker.rng.integers(-128, 127, shape, dtype=np.int8)
 
 
-def _int32(maker: ModelMaker, node: PatternNode) -> Array:
-    return maker.rng.integers(-1000, 1000, WRITTEN, dtype=np.int32)
-
-
 def _scales(maker: ModelMaker, node: PatternNode) -> Array:
     scales = maker.rng.uniform(0.001, 0.01, maker.channels[node.inputs[0].id]).astype(np.float32)
     return packed(scales, upper=int(maker.rng.integers(2**31)))
-
-
-def _empty(maker: ModelMaker, node: PatternNode) -> Array:
-    return np.zeros(0, np.float32)
 
 
 def _resize_scales(maker: ModelMaker, node: PatternNode) -> Array:
@@ -60,14 +53,14 @@ def _sizes(maker: ModelMaker, node: PatternNode) -> Array:
     return np.array([BATCH, maker.channels[node.inputs[0].id], RESIZED, RESIZED], np.int64)
 
 
-def _fixed(*values: int) -> Initializer:
-    return lambda maker, node: np.array(values, np.int64)
+def _fixed(value: int) -> Initializer:
+    return lambda maker, node: np.array([value], np.int64)
 
 
 INITIALIZERS: dict[str, list[Initializer]] = {
-    "Conv": [_weight, _int32],
+    "Conv": [_weight, lambda maker, node: maker.rng.integers(-1000, 1000, WRITTEN, dtype=np.int32)],
     "TesselDequant": [_scales],
-    "Resize": [_empty, _resize_scales, _sizes],
+    "Resize": [lambda maker, node: np.zeros(0, np.float32), _resize_scales, _sizes],
     "Slice": [_fixed(0), _fixed(2), _fixed(0)],
     "Concat": [_fixed(RESIZED), _fixed(RESIZED)],  # the height and width behind a sliced shape
 }
@@ -76,7 +69,9 @@ INITIALIZERS: dict[str, list[Initializer]] = {
 class ModelMaker:
     def __init__(self, nodes: Sequence[str], attributes: Mapping[int, Mapping[str, Any]], seed: int) -> None:
         self.rng = np.random.default_rng(seed)
-        self.nodes = _sorted(list(parse_pair(nodes, []).pattern))
+        written = {node.output: node for node in parse_pair(nodes, []).pattern}
+        needs = {name: [link.id for link in node.inputs] for name, node in written.items()}
+        self.nodes = [written[name] for name in TopologicalSorter(needs).static_order() if name in written]
         self.operators = {node.op for node in self.nodes}
         self.channels: dict[str, int] = {}
         self._attributes = {text.rpartition("->")[2]: attributes.get(k, {}) for k, text in enumerate(nodes)}
@@ -125,24 +120,11 @@ class ModelMaker:
             self.channels[node.output] = sum(self.channels[i] for i in inputs)
             if inputs[0] in self._shapes:
                 attributes["axis"] = 0
-        names = [f"t{i}" for i in inputs] + (self._rest(node) if node.rest else [])
+        names = [f"t{i}" for i in inputs]
+        if node.rest:  # of a `Resize`: two omitted inputs and the sizes
+            names += ["", "", f"sizes_of_{node.output}"]
+            self.graph.initializer.append(numpy_helper.from_array(_sizes(self, node), names[-1]))
         self.graph.node.append(helper.make_node(node.op, names, [f"t{node.output}"], f"n{node.output}", **attributes))
-
-    def _rest(self, node: PatternNode) -> list[str]:
-        """The inputs of a `Resize` behind the first: two omitted ones and the sizes."""
-        name = f"sizes_of_{node.output}"
-        self.graph.initializer.append(numpy_helper.from_array(_sizes(self, node), name))
-        return ["", "", name]
-
-
-def _sorted(todo: list[PatternNode]) -> list[PatternNode]:
-    result = []
-    while todo:
-        pending = {node.output for node in todo}
-        ready = next(node for node in todo if pending.isdisjoint(link.id for link in node.inputs))
-        todo.remove(ready)
-        result.append(ready)
-    return result
 
 
 def make_model(

@@ -1,7 +1,5 @@
 """The smallest graph in which a pattern occurs, made from the pattern's own strings."""
 
-from __future__ import annotations
-
 from collections.abc import Mapping, Sequence
 from typing import Any
 

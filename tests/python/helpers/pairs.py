@@ -3,8 +3,6 @@
 Few operators and few ids per pair, so that occurrences overlap, share nodes and stand next to each other.
 """
 
-from __future__ import annotations
-
 import random
 
 from oracle.notation import Pair, parse_pair

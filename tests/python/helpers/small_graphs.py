@@ -1,24 +1,45 @@
-"""Graphs written as a line per node: `Conv x w -> y`; two blanks are an omitted input."""
+"""Graphs written as a line per node: `Conv:group=2 x w -> y`; two blanks are an omitted input."""
 
-from __future__ import annotations
+from collections.abc import Mapping, Sequence
+from typing import Any
 
-from collections.abc import Sequence
+import numpy as np
+import numpy.typing as npt
+from onnx import GraphProto, ModelProto, TensorProto, helper, numpy_helper
 
-from onnx import GraphProto, TensorProto, ValueInfoProto, helper
+Array = npt.NDArray[Any]
+Shape = Sequence[int | str | None] | None
 
 
-def graph_of(lines: Sequence[str], *, inputs: Sequence[str] = (), outputs: Sequence[str] = ()) -> GraphProto:
-    """A graph of the nodes, named node_0, node_1 and so on."""
-    nodes = []
+def graph_of(
+    lines: Sequence[str],
+    *,
+    inputs: Sequence[str] | Mapping[str, Shape] = (),
+    outputs: Sequence[str] = (),
+    tensors: Mapping[str, Array] | None = None,
+) -> GraphProto:
+    """A graph of the nodes, named node_0, node_1 and so on; without shapes, inputs have none. All is float32."""
+    graph = GraphProto(name="small")
     for number, line in enumerate(lines):
         left, right = line.split("->")
-        operator, *reads = left.removesuffix(" ").split(" ")
-        nodes.append(helper.make_node(operator, reads, right.split(), name=f"node_{number}"))
+        head, *reads = left.removesuffix(" ").split(" ")
+        operator, *attributes = head.split(":")
+        values = {name: int(value) for name, _, value in (text.partition("=") for text in attributes)}
+        graph.node.append(helper.make_node(operator, reads, right.split(), f"node_{number}", **values))
+    shapes: Mapping[str, Shape] = inputs if isinstance(inputs, Mapping) else dict.fromkeys(inputs)
+    graph.input.extend(helper.make_tensor_value_info(name, TensorProto.FLOAT, shape) for name, shape in shapes.items())
+    graph.output.extend(helper.make_tensor_value_info(name, TensorProto.FLOAT, None) for name in outputs)
+    graph.initializer.extend(numpy_helper.from_array(values, name) for name, values in (tensors or {}).items())
+    return graph
 
-    def values(names: Sequence[str]) -> list[ValueInfoProto]:
-        return [helper.make_tensor_value_info(name, TensorProto.FLOAT, None) for name in names]
 
-    return helper.make_graph(nodes, "small", values(inputs), values(outputs))
+def model_of(lines: Sequence[str], **parts: Any) -> ModelProto:
+    """The model of such a graph, in operator set 17."""
+    return helper.make_model(graph_of(lines, **parts), opset_imports=[helper.make_opsetid("", 17)], ir_version=8)
+
+
+def ones(*shape: int) -> Array:
+    return np.ones(shape, np.float32)
 
 
 def operators(graph: GraphProto) -> str:

@@ -4,8 +4,6 @@ A callback gets (graph, matched nodes, node mapping, links, names corrected in t
 occurrence is done.  Written for reading; nothing is shared, cached or clever.
 """
 
-from __future__ import annotations
-
 from collections.abc import Callable, Iterable
 from typing import Any
 

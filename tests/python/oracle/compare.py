@@ -5,8 +5,6 @@ Then the serialized bytes must be equal, so nothing is left out.  A name is inve
 pass held it nowhere.
 """
 
-from __future__ import annotations
-
 from collections.abc import Collection
 
 from onnx import GraphProto, NodeProto

@@ -4,8 +4,6 @@ Brute force with pruning: pattern node 0 tries every graph node, then node 1, an
 need the whole assignment are looked at when it is complete.
 """
 
-from __future__ import annotations
-
 from collections.abc import Collection, Iterable, Iterator
 from dataclasses import dataclass, field
 

@@ -1,7 +1,5 @@
 """Every name that a graph holds."""
 
-from __future__ import annotations
-
 from onnx import GraphProto
 
 from onnxgraft.nested_bodies import bodies

@@ -4,8 +4,6 @@ The strings are taken apart by the package's reader for tools, which the compile
 either of them makes the two sides of a comparison differ.
 """
 
-from __future__ import annotations
-
 from collections.abc import Sequence
 from dataclasses import dataclass
 from functools import lru_cache

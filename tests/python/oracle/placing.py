@@ -4,8 +4,6 @@ Works on whole lists of items and never on a graph, so what refused occurrences 
 same computation without them.
 """
 
-from __future__ import annotations
-
 from collections.abc import Collection, Iterable, Sequence
 from dataclasses import dataclass
 

@@ -5,8 +5,6 @@ nodes a faithful implementation leaves alone is told by `Pass.origins`.  Callbac
 fields of the graph, but must not add, move or remove nodes.
 """
 
-from __future__ import annotations
-
 from collections.abc import Callable, Sequence
 from typing import Any
 
