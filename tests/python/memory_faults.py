@@ -13,6 +13,7 @@ import sys
 from collections.abc import Callable
 from typing import Any
 
+from helpers.checks import is_sound
 from helpers.standins import Message, graph_of, lines_of
 from onnxgraft import quant
 from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences, nearest_miss
@@ -46,16 +47,6 @@ def chain() -> Message:
     return graph_of(*BEFORE, initializers="w", outputs="d")
 
 
-def sound(graph: Any) -> bool:
-    """One writer per tensor, in front of its readers."""
-    known = {"x", "w"}
-    for node in graph.node:
-        if any(name not in known and "_new" not in name for name in node.input) or known & set(node.output):
-            return False
-        known.update(node.output)
-    return "d" in known
-
-
 def folders() -> None:
     with external_data_folder("a"), external_data_folder("b"):
         repr(external_data_folder("c"))
@@ -78,10 +69,7 @@ CASES: dict[str, tuple[Callable[[], Any], Callable[[Any], object]]] = {
     "arguments": (chain, lambda graph: find(graph, subgraph=PAIR[0], replacement=PAIR[1])),
     "wrong arguments": (chain, lambda graph: find(graph, PAIR[0], PAIR[1], other=1)),
     "binding": (quant.QuantConvTransformation, lambda made: made._on_replace_subgraph is None),
-    "reflection": (
-        lambda: method,
-        lambda m: [repr(m), m.__annotations__, m.__defaults__, m.__reduce__()],
-    ),
+    "reflection": (lambda: method, lambda m: [repr(m), m.__annotations__, m.__defaults__, m.__reduce__()]),
     "folders": (contextvars.copy_context, lambda context: context.run(folders)),
 }
 
@@ -116,7 +104,7 @@ def run(make: Callable[[], Any], act: Callable[[Any], object]) -> tuple[int, lis
         elif outcome != usual:
             wrong.append(f"allocation {fail_at}: {outcome!r} instead of {usual!r}")
         if make is chain:
-            if not sound(graph):
+            if not is_sound(graph, {"x"}):
                 wrong.append(f"allocation {fail_at}: {lines_of(graph)}")
             verdicts = getattr(act, "__self__", None)
             # A callback that could not even be called counts as one that raised: its occurrence stays.

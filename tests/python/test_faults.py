@@ -10,7 +10,7 @@ from typing import Any
 import pytest
 from onnx import GraphProto, TensorProto, helper
 
-from helpers.checks import dangling, writers
+from helpers.checks import dangling, is_sound, writers
 from helpers.classes import CLASSES, apply, class_graph
 from helpers.failing import FaultError, Uses
 from helpers.small_graphs import graph_of, ones
@@ -39,18 +39,6 @@ def conv_relus(count: int = 3) -> GraphProto:
     for i in range(count):
         graph.value_info.append(helper.make_tensor_value_info(f"y{i}", TensorProto.FLOAT, None))
     return graph
-
-
-def is_sound(graph: GraphProto) -> bool:
-    """Every tensor has one writer, in front of its readers; new initializers are the callback's to make."""
-    known = {value.name for value in graph.input} | {tensor.name for tensor in graph.initializer}
-    for node in graph.node:
-        if any(name not in known and not name.endswith("_new") for name in node.input):
-            return False
-        if known & set(node.output):
-            return False
-        known.update(node.output)
-    return True
 
 
 @pytest.mark.parametrize("verdict", [lambda _: True, lambda _: False, lambda call: call % 2 == 0])

@@ -34,8 +34,9 @@ def report(name: str = "conv", count: int = 1) -> Report:
     shapes = {"w": "float32[2,2,3,3]"}
     accepted = Occurrence(True, None, before, after, {"0": "x", "1": "w"}, (node("Relu", name, "y", "z"),), shapes)
     refused = [Occurrence(False, name, (node("Add", f"{name}{k}", "x y", "z"),)) for k in range(count)]
+    replacement = ("Q:0->3", "#0:3,1i->2")
     patterns = [
-        PatternResult(("Conv:0,1i->2",), ("Q:0->3", "#0:3,1i->2"), count, count, 0, 0.1, [accepted] * count),
+        PatternResult(("Conv:0,1i->2",), replacement, count, count, 0, 0.1, [accepted] * count),
         PatternResult(("Add:0,1->2",), (), count, 0, count, 0.1, refused),
         PatternResult(("Mul:0,1->2",), (), nearest_miss=f"nearest {name}"),
     ]

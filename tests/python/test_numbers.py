@@ -73,15 +73,10 @@ def test_merged_quantize_nodes_of_equal_parameters(name: str, pattern: tuple[str
 
 
 @pytest.mark.parametrize(("name", "pattern"), pairs(*PULL_UP))
-def test_pulled_up_quantize_nodes(name: str, pattern: tuple[str, ...]) -> None:
-    before, after = pulled_up(name, pattern)
-    for convention in ROUNDING:
-        assert_equal(*both(before, after, convention))
-
-
-@pytest.mark.parametrize(("name", "pattern"), pairs(*PULL_UP))
 def test_pulled_up_offsets(name: str, pattern: tuple[str, ...]) -> None:
     """The bias takes over the offset that a convolution took out of its input while it read the quantize node."""
+    for convention in ROUNDING:
+        assert_equal(*both(*pulled_up(name, pattern), convention))
     before, after = pulled_up(name, pattern, offset=3.0)
     exact = Convention(rounding=True, element_type="float64", centred=True)
     assert_equal(*both(before, after, exact))
@@ -105,47 +100,45 @@ def test_second_pair_of_v1_reorders_the_channels() -> None:
 
 
 # Offsets play no part where the convolution takes that of its own quantize node out.
-OFFSETS = pytest.mark.parametrize(
-    ("offsets", "convention"),
-    [((0.0, 0.0), Convention(element_type="float64")), ((3.0, -2.0), Convention(element_type="float64", centred=True))],
-    ids=["no offset", "centred"],
-)
+Reading = tuple[tuple[float, float], Convention]
+READINGS: list[Reading] = [
+    ((0.0, 0.0), Convention(element_type="float64")),
+    ((3.0, -2.0), Convention(element_type="float64", centred=True)),
+]
 
 
-@OFFSETS
-@pytest.mark.parametrize(("name", "pattern"), pairs("update_tesselquant"))
-@pytest.mark.parametrize(("front", "behind"), [(0.5, 1.0), (1.0, 0.375), (0.3, 0.7)])
-def test_updated_quantize_nodes(
-    name: str,
-    pattern: tuple[str, ...],
-    front: float,
-    behind: float,
-    offsets: tuple[float, float],
-    convention: Convention,
-) -> None:
-    """(W(rqx) + trunc(rb)) s/r against (W(qx) + b) s: the truncation loses less than 1, so less than s/r."""
-    rows = zip((0, 4), (front, behind), offsets, strict=True)
+def scaled(
+    name: str, pattern: tuple[str, ...], scales: tuple[float, float], reading: Reading
+) -> tuple[onnx.ModelProto, dict[str, Array], dict[str, Array]]:
+    """The model afterwards, and the outputs of both; the first and the last quantize node have these scales."""
+    quantizers = [k for k, node in enumerate(pattern) if node.startswith("TesselQuant")]
+    rows = zip((quantizers[0], quantizers[-1]), scales, reading[0], strict=True)
     before = make_model(pattern, {k: {"scale": scale, "offset": offset} for k, scale, offset in rows})
     after = applied(name, before)
-    first, second = both(before, after, convention)
+    return after, *both(before, after, reading[1])
+
+
+@pytest.mark.parametrize("reading", READINGS)
+@pytest.mark.parametrize(("name", "pattern"), pairs("update_tesselquant"))
+@pytest.mark.parametrize("scales", [(0.5, 1.0), (1.0, 0.375), (0.3, 0.7)])
+def test_updated_quantize_nodes(
+    name: str, pattern: tuple[str, ...], scales: tuple[float, float], reading: Reading
+) -> None:
+    """(W(rqx) + trunc(rb)) s/r against (W(qx) + b) s: the truncation loses less than 1, so less than s/r."""
+    after, first, second = scaled(name, pattern, scales, reading)
     (words,) = (numpy_helper.to_array(t) for t in after.graph.initializer if t.name == "t6")
     bound = words.astype(np.uint32).view(np.float32).reshape(1, -1, 1, 1)
-    if behind == 2 * front:  # nothing to truncate
+    if scales[1] == 2 * scales[0]:  # nothing to truncate
         bound = np.zeros_like(bound)
     rounding = 4e-7 * np.abs(first["t5"])  # of the scales and of the result, which are 32 bits wide
     assert (np.abs(first["t5"] - second["t5"]) <= bound + rounding).all()
     np.testing.assert_array_equal(first["t19"], second["t19"])
 
 
-@OFFSETS
+@pytest.mark.parametrize("reading", READINGS)
 @pytest.mark.parametrize(("name", "pattern"), pairs("change_gap_conv"))
-def test_convolutions_behind_a_pool_in_floating_point(
-    name: str, pattern: tuple[str, ...], offsets: tuple[float, float], convention: Convention
-) -> None:
-    quantizers = [k for k, node in enumerate(pattern) if node.startswith("TesselQuant")]
-    rows = zip(quantizers, (0.3, 1.7), offsets, strict=True)
-    before = make_model(pattern, {k: {"scale": scale, "offset": offset} for k, scale, offset in rows})
-    first, second = both(before, applied(name, before), convention)
+def test_convolutions_behind_a_pool_in_floating_point(name: str, pattern: tuple[str, ...], reading: Reading) -> None:
+    _, first, second = scaled(name, pattern, (0.3, 1.7), reading)
     np.testing.assert_allclose(first["t16"], second["t16"], rtol=2e-6, atol=0)
 
 

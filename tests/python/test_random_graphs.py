@@ -22,11 +22,12 @@ import onnxgraft.quant
 from helpers.checks import dangling
 from helpers.graphs import random_graph
 from helpers.pairs import random_pair
+from helpers.small_graphs import graph_of
 from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences, nearest_miss
 from onnxgraft.selfcheck.names import reads
 from onnxgraft.selfcheck.soundness import problems
 from oracle.compare import Renaming, difference, dump, serialized
-from oracle.matching import Table, all_assignments
+from oracle.matching import Table, all_assignments, choose
 from oracle.names import all_names
 from oracle.notation import Pair, parse_pair
 from oracle.rewriting import Pass
@@ -197,3 +198,40 @@ def test_random_graphs(block: int) -> None:
 @given(st.randoms(use_true_random=False))
 def test_graphs_that_shrink(rng: random.Random) -> None:
     check_drawn(rng)
+
+
+def small_case(rng: random.Random) -> tuple[GraphProto, list[str], list[str]]:
+    """Unary A and binary B nodes: so few that all ways to hang together come up."""
+    size, roles = rng.choice(((3, 1), (3, 2), (4, 2), (4, 3)))
+    lines = []
+    for node in range(size):
+        reads = rng.choices(range(node + 1), k=rng.choice((1, 2, 2)))
+        lines.append(f"{' AB'[len(reads)]} {' '.join(f't{name}' for name in reads)} -> t{node + 1}")
+    pattern, outside = [], roles
+    for role in range(roles):
+        ids = []
+        for _ in range(rng.choice((1, 2, 2))):
+            ids.append(rng.randint(0, outside))
+            outside = max(outside, ids[-1] + 1)
+        pattern.append(f"{' AB'[len(ids)]}:{','.join(map(str, ids))}->{role}")
+    inputs = ",".join(map(str, range(roles, outside)))
+    choices = [("", f"#{role}", f"N:{inputs}->{role}") for role in range(roles)]
+    replacement = [entry for entry in map(rng.choice, choices) if entry]
+    return graph_of(lines, outputs=rng.choice(([], [f"t{size // 2}"]))), pattern, replacement
+
+
+@pytest.mark.parametrize("block", range(4))
+def test_small_patterns_on_small_graphs(block: int) -> None:
+    found = tried = 0
+    for seed in range(block * 5000, (block + 1) * 5000):
+        graph, pattern, replacement = small_case(random.Random(seed))
+        try:
+            matches = [match["nodes"] for match in find_occurrences(graph, pattern, replacement)]
+        except ValueError:  # keeps a node without what it reads
+            continue
+        pair = parse_pair(pattern, replacement)
+        expected = [list(chosen.nodes) for chosen in choose(pair, all_assignments(Table(graph), pair), [])]
+        assert matches == expected, f"seed {seed}: {pattern} {replacement} {dump(graph)}"
+        assert (nearest_miss(graph, pattern, replacement) is None) == bool(matches), f"seed {seed}"
+        found, tried = found + len(matches), tried + 1
+    assert found > tried / 50

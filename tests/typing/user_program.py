@@ -46,14 +46,11 @@ def use(model: onnx.ModelProto, folder: str) -> int:
     with external_data_folder(folder) as entered:
         print(entered, len(find_occurrences(model.graph, ["Conv:0,1i->2"], ["#0"])))
     report = onnxgraft.rewrite(model, ["quant_conv", SwapReluMul], seed=0, until_stable=True)
-    for step in report.steps:
-        count += step.replaced
-    text: str = report.to_json()
-    print(text, [match.nodes for match in onnxgraft.find(model, "quant_conv")])
+    print(report.to_json(), [match.nodes for match in onnxgraft.find(model, "quant_conv")])
     print([miss.hint for miss in onnxgraft.explain(model, SwapReluMul)])
     onnxgraft.check_transformation(SwapReluMul, graphs=10).raise_if_failed()
     print([step.changed for step in onnxgraft.prepare(model)], sorted(onnxgraft.recipes()))
-    return count
+    return count + sum(step.replaced for step in report.steps)
 
 
 def use_files(path: str) -> None:

@@ -1,10 +1,13 @@
 """What must not come of a rewrite: a second writer of a tensor, a tensor that nothing provides any more."""
 
 from collections import Counter
+from collections.abc import Collection
+from typing import Any
 
 from onnx import GraphProto
 
 from onnxgraft.selfcheck.names import reads, sources
+from onnxgraft.selfcheck.soundness import problems
 
 
 def writers(graph: GraphProto) -> Counter[str]:
@@ -15,3 +18,9 @@ def dangling(graph: GraphProto) -> set[str]:
     """Names that are read, or handed out, and have no writer."""
     wanted = {value.name for value in graph.output}.union(*(reads(node) for node in graph.node))
     return wanted - sources(graph) - writers(graph).keys()
+
+
+def is_sound(graph: Any, given: Collection[str] = ()) -> bool:
+    """Every tensor has one writer, in front of its readers; new initializers are the callback's to make."""
+    lost = {name for name in dangling(graph) if "_new" not in name}
+    return lost <= set(given) and not problems(graph).keys() & {"writers", "order"}
