@@ -5,14 +5,17 @@
 
 namespace onnxgraft::core {
 
-Names::Names() : slots_(64, no_name), hashes_(1, 0), texts_(1) {}
+Names::Names() : slots_(64, Slot{0, no_name}), texts_(1) {}
 
-std::size_t Names::slot_of(std::string_view text, std::size_t hash) const {
+std::uint32_t Names::hash_of(std::string_view text) {
+  return static_cast<std::uint32_t>(std::hash<std::string_view>{}(text));
+}
+
+std::size_t Names::slot_of(std::string_view text, std::uint32_t hash) const {
   const std::size_t mask = slots_.size() - 1;
   std::size_t slot = hash & mask;
-  while (slots_[slot] != no_name) {
-    const NameId id = slots_[slot];
-    if (hashes_[id] == hash && texts_[id] == text) break;
+  while (slots_[slot].id != no_name) {
+    if (slots_[slot].hash == hash && texts_[slots_[slot].id] == text) break;
     slot = (slot + 1) & mask;
   }
   return slot;
@@ -20,23 +23,22 @@ std::size_t Names::slot_of(std::string_view text, std::size_t hash) const {
 
 NameId Names::intern(std::string_view text) {
   if (text.empty()) return no_name;
-  const std::size_t hash = std::hash<std::string_view>{}(text);
+  const std::uint32_t hash = hash_of(text);
   std::size_t slot = slot_of(text, hash);
-  if (slots_[slot] != no_name) return slots_[slot];
+  if (slots_[slot].id != no_name) return slots_[slot].id;
   if (texts_.size() * 2 >= slots_.size()) {
     grow();
     slot = slot_of(text, hash);
   }
   const auto id = static_cast<NameId>(texts_.size());
-  hashes_.push_back(hash);
   texts_.push_back(store(text));
-  slots_[slot] = id;
+  slots_[slot] = {hash, id};
   return id;
 }
 
 std::optional<NameId> Names::find(std::string_view text) const {
   if (text.empty()) return no_name;
-  const NameId id = slots_[slot_of(text, std::hash<std::string_view>{}(text))];
+  const NameId id = slots_[slot_of(text, hash_of(text))].id;
   if (id == no_name) return std::nullopt;
   return id;
 }
@@ -56,12 +58,13 @@ std::string_view Names::store(std::string_view text) {
 }
 
 void Names::grow() {
-  std::vector<NameId> larger(slots_.size() * 2, no_name);
+  std::vector<Slot> larger(slots_.size() * 2, Slot{0, no_name});
   const std::size_t mask = larger.size() - 1;
-  for (NameId id = 1; id < texts_.size(); ++id) {
-    std::size_t slot = hashes_[id] & mask;
-    while (larger[slot] != no_name) slot = (slot + 1) & mask;
-    larger[slot] = id;
+  for (const Slot& old : slots_) {
+    if (old.id == no_name) continue;
+    std::size_t slot = old.hash & mask;
+    while (larger[slot].id != no_name) slot = (slot + 1) & mask;
+    larger[slot] = old;
   }
   slots_ = std::move(larger);
 }

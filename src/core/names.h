@@ -33,13 +33,18 @@ class Names {
   [[nodiscard]] std::size_t size() const { return texts_.size(); }
 
  private:
-  [[nodiscard]] std::size_t slot_of(std::string_view text, std::size_t hash) const;
+  /// The hash beside the id tells most others apart without a look at their texts.
+  struct Slot {
+    std::uint32_t hash;
+    NameId id;
+  };
+  static std::uint32_t hash_of(std::string_view text);
+  [[nodiscard]] std::size_t slot_of(std::string_view text, std::uint32_t hash) const;
   std::string_view store(std::string_view text);
   void grow();
 
   static constexpr std::size_t block_size = 1U << 16U;
-  std::vector<NameId> slots_;  // open addressing; 0 is free, since the empty name is never looked up here
-  std::vector<std::size_t> hashes_;
+  std::vector<Slot> slots_;  // open addressing; id 0 is free, since the empty name is never looked up here
   std::vector<std::string_view> texts_;
   std::deque<std::vector<char>> blocks_;
   std::size_t block_left_ = 0;

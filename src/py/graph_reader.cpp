@@ -1,12 +1,13 @@
 #include "py/graph_reader.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <numeric>
 #include <utility>
 
 #include "py/body_reader.h"
 #include "py/graph_fields.h"
 #include "py/objects.h"
-#include "py/operator_bodies.h"
 
 namespace onnxgraft::py {
 
@@ -59,16 +60,21 @@ class MissingRoles {
 }  // namespace
 
 GraphReader::GraphReader(PyObject* graph, GraphReading& reading)
-    : graph_(graph), reading_(reading), nodes_(node_list(graph)) {}
+    : graph_(graph), reading_(reading), nodes_(node_list(graph)), bodies_(reading.table.ops) {}
 
 std::size_t GraphReader::input_count(std::size_t position) const {
   const auto row = static_cast<core::NodeIndex>(position);
   if (reading_.depth == Depth::links) return reading_.table.inputs(row).size();
   if (reading_.depth == Depth::rows) return reading_.table.inputs(reading_.order[row]).size();
+  if (position >= reading_.without_row) {
+    return reading_.table.inputs(static_cast<core::NodeIndex>(position - reading_.without_row)).size();
+  }
   const Ref inputs = attribute(item(nodes_.get(), static_cast<Py_ssize_t>(position)).get(), field::input);
   return count_inputs(inputs.get());
 }
 
+/// From the first node on for which the pattern may be there, links and names are read at the same visit: bringing a
+/// node up from protobuf costs about as much as two of its fields.
 bool GraphReader::read_operators(const core::Rule& rule) {
   MissingRoles missing(rule, reading_.table.ops);
   if (reading_.depth != Depth::nothing) {
@@ -81,47 +87,53 @@ bool GraphReader::read_operators(const core::Rule& rule) {
   while (const Ref node = next(elements.get())) {
     const core::NameId op = reading_.table.ops.intern(utf8(attribute(node.get(), field::op_type).get()));
     reading_.ops.push_back(op);
+    if (missing.empty()) {
+      read_row(node.get(), op);
+      continue;
+    }
+    ++reading_.without_row;
     missing.look_at(op, [&] { return count_inputs(attribute(node.get(), field::input).get()); });
   }
   reading_.depth = Depth::operators;
   return missing.empty();
 }
 
+void GraphReader::read_row(PyObject* node, core::NameId op) {
+  core::GraphTable& table = reading_.table;
+  for (auto* names : {&row_.inputs, &row_.outputs, &row_.implicit}) names->clear();
+  read_strings(attribute(node, field::input).get(), table.names, row_.inputs);
+  read_strings(attribute(node, field::output).get(), table.names, row_.outputs);
+  if (bodies_.possible(node, op) && read_body_inputs(node, table.names, row_.implicit)) reading_.has_bodies = true;
+  table.add_node(op, row_.inputs, row_.outputs, row_.implicit);
+  table.node_names.push_back(table.names.intern(utf8(attribute(node, field::name).get())));
+}
+
 void GraphReader::read_links() {
   if (reading_.depth == Depth::links) return;
-  if (reading_.depth == Depth::rows) {
-    reading_.table = std::move(reading_.table).relisted(reading_.order);
-    reading_.has_old_names = true;
+  if (reading_.depth == Depth::operators) {
+    read_first_rows();
   } else {
-    read_rows();
+    reading_.has_old_names = true;
   }
+  reading_.table = std::move(reading_.table).relisted(reading_.order);
   read_tensors();
   reading_.table.seal();
   reading_.depth = Depth::links;
 }
 
-void GraphReader::read_rows() {
-  core::GraphTable& table = reading_.table;
-  const std::vector<core::NameId>& ops = reading_.ops;
-  std::vector<core::NameId> inputs;
-  std::vector<core::NameId> outputs;
-  std::vector<core::NameId> implicit;
-  std::size_t index = 0;
-  OperatorBodies bodies(table.ops);
+/// Reads the rows that are still missing, behind those that are there, and puts all in order.
+void GraphReader::read_first_rows() {
+  const std::size_t there = reading_.ops.size() - reading_.without_row;
   const Ref elements = iterator(nodes_.get());
-  while (const Ref node = next(elements.get())) {
-    if (index == ops.size()) raise(PyExc_RuntimeError, "the graph's node list changed while it was read");
-    inputs.clear();
-    outputs.clear();
-    implicit.clear();
-    read_strings(attribute(node.get(), field::input).get(), table.names, inputs);
-    read_strings(attribute(node.get(), field::output).get(), table.names, outputs);
-    if (bodies.possible(node.get(), ops[index]) && read_body_inputs(node.get(), table.names, implicit)) {
-      reading_.has_bodies = true;
-    }
-    table.add_node(ops[index++], inputs, outputs, implicit);
+  for (std::size_t at = 0; at < reading_.without_row; ++at) {
+    const Ref node = next(elements.get());
+    if (!node) raise(PyExc_RuntimeError, "the graph's node list changed while it was read");
+    read_row(node.get(), reading_.ops[at]);
   }
-  if (index != ops.size()) raise(PyExc_RuntimeError, "the graph's node list changed while it was read");
+  reading_.order.resize(reading_.ops.size());
+  const auto middle = reading_.order.begin() + static_cast<std::ptrdiff_t>(reading_.without_row);
+  std::iota(reading_.order.begin(), middle, static_cast<core::NodeIndex>(there));
+  std::iota(middle, reading_.order.end(), core::NodeIndex{0});
 }
 
 void GraphReader::read_tensors() {
@@ -135,7 +147,6 @@ void GraphReader::read_tensors() {
 
 void GraphReader::read_names() {
   core::GraphTable& table = reading_.table;
-  if (table.node_names.empty()) table.node_names = read_element_names(nodes_.get(), table.names);
   std::vector<core::NameId> others = read_sparse_names(graph_, table.names);
   for (const InternedName* list : {&field::input, &field::output, &field::value_info}) {
     const std::vector<core::NameId> names = read_element_names(attribute(graph_, *list).get(), table.names);

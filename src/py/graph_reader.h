@@ -1,7 +1,7 @@
 // From a GraphProto to the core's table, each field of each node read once.
 //
 // Reading goes in three steps, each only as far as a pass needs it: operator types (a pass whose operators
-// are missing ends here), links, and the names that fresh names have to avoid. A step that an earlier pass has done
+// are missing ends here), nodes and links, and the other names that fresh names have to avoid. A step that an earlier pass has done
 // already costs nothing, or little.
 #pragma once
 
@@ -10,6 +10,7 @@
 #include "core/graph_table.h"
 #include "core/rule.h"
 #include "py/graph_reading.h"
+#include "py/operator_bodies.h"
 #include "py/ref.h"
 
 namespace onnxgraft::py {
@@ -23,7 +24,7 @@ class GraphReader {
   /// Reads all operator types; false if some node of the rule's pattern has no counterpart of its operator and
   /// number of inputs, so that nothing can match.
   bool read_operators(const core::Rule& rule);
-  /// Reads links, bodies, initializers and outputs, and seals the table.
+  /// Reads names, links and bodies of nodes, initializers and outputs, and seals the table.
   void read_links();
   /// Reads all other names.
   void read_names();
@@ -32,12 +33,21 @@ class GraphReader {
 
  private:
   [[nodiscard]] std::size_t input_count(std::size_t position) const;
-  void read_rows();
+  void read_row(PyObject* node, core::NameId op);
+  void read_first_rows();
   void read_tensors();
+
+  struct Row {
+    std::vector<core::NameId> inputs;
+    std::vector<core::NameId> outputs;
+    std::vector<core::NameId> implicit;
+  };
 
   PyObject* graph_;
   GraphReading& reading_;
   Ref nodes_;
+  OperatorBodies bodies_;
+  Row row_;  // scratch
 };
 
 /// Interns the strings of a repeated string field into `result`.

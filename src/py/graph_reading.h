@@ -4,6 +4,7 @@
 // found out about nodes holds for the next one, but for what it has replaced itself.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -15,14 +16,15 @@ namespace onnxgraft::py {
 struct GraphReading {
   enum class Depth : std::uint8_t {
     nothing,
-    operators,  // `ops`
-    rows,       // and what nodes read and write, in the rows `order` of a table of an older list
+    operators,  // `ops`, and the table's rows for the nodes behind the first `without_row`
+    rows,       // rows for all nodes, but of an older list: those of `order`
     links,      // all of the graph that matching needs, in a sealed table
   };
 
   Depth depth = Depth::nothing;
   core::GraphTable table;
   std::vector<core::NameId> ops;       // per node of the list
+  std::size_t without_row = 0;         // nodes at the list's begin, at depth `operators`
   std::vector<core::NodeIndex> order;  // per node of the list its row, at depth `rows`
   bool has_old_names = false;          // the table's names are more than the graph's
   bool has_bodies = false;             // whose names no row tells
@@ -41,6 +43,7 @@ struct GraphReading {
     empty.ops = std::move(table.ops);
     table = std::move(empty);
     has_old_names = has_bodies = false;
+    without_row = ops.size();
     depth = Depth::operators;
   }
 };
