@@ -37,19 +37,6 @@ def cycle(graph: GraphProto) -> None:
     graph.node.add(op_type="Relu", input=["back"], output=["there"])
 
 
-def second_writers(graph: GraphProto) -> None:
-    for node in list(graph.node):
-        graph.node.add(op_type="Identity", input=["other"], output=node.output)
-
-
-def node_names(name: str) -> Edit:
-    def edit(graph: GraphProto) -> None:
-        for node in graph.node:
-            node.name = name
-
-    return edit
-
-
 def tensor_names(form: str) -> Edit:
     """Every tensor renamed; `form` takes the old name."""
 
@@ -77,12 +64,6 @@ def nested(depth: int) -> Edit:
     return edit
 
 
-def sparse(graph: GraphProto) -> None:
-    values = helper.make_tensor("sparse", TensorProto.FLOAT, [1], [1.0])
-    indices = helper.make_tensor("indices", TensorProto.INT64, [1], [0])
-    graph.sparse_initializer.append(helper.make_sparse_tensor(values, indices, [9]))
-
-
 def attributes_of_all_types(graph: GraphProto) -> None:
     tensor = helper.make_tensor("t", TensorProto.STRING, [2], cast(Any, [b"a\0b", b"\xc3\xbc"]))
     body = graph_of(["Relu a -> b"])
@@ -103,10 +84,6 @@ def unknown_fields(graph: GraphProto) -> None:
     graph.MergeFromString(UNKNOWN)
 
 
-def more_initializers(graph: GraphProto) -> None:
-    graph.initializer.extend(TensorProto(name=f"more{k}") for k in range(2000))
-
-
 def nothing_at_all(graph: GraphProto) -> None:
     graph.node.extend([NodeProto(), NodeProto(op_type="Relu"), NodeProto(output=[""]), NodeProto(input=["", ""])])
     graph.initializer.add()
@@ -117,19 +94,14 @@ def nothing_at_all(graph: GraphProto) -> None:
 KINDS: dict[str, Edit] = {
     "backwards": backwards,
     "cyclic": cycle,
-    "second writers": second_writers,
-    "one name for all nodes": node_names("twin"),
-    "nodes without names": node_names(""),
     "names not in ASCII": tensor_names("\u00e4\u6f22\U0001f600{}"),
     "names with NUL": tensor_names("{0}\0{0}"),
     "names of blanks and slashes": tensor_names(" /{}\n{{:0,1i->2}}"),
     "long names": tensor_names("{}" + "x" * 70_000),
     "deep bodies": nested(10),
     "broad bodies": nested(4),
-    "sparse initializers": sparse,
     "attributes of all types": attributes_of_all_types,
     "unknown fields": unknown_fields,
-    "many initializers": more_initializers,
     "empty elements": nothing_at_all,
 }
 

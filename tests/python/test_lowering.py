@@ -57,8 +57,8 @@ def test_dequantize(shape: list[int] | None, element_type: Any, count: int) -> N
 def test_wide_sums_are_exact_in_float64() -> None:
     weight = np.full((1, 1024, 1, 1), 127, np.int8)
     bias = np.array([2**31 - 1], np.int32)
-    nodes = [node("TesselQuant", "x", "q"), node("Conv", "q w b")]
-    made = model(nodes, {"w": weight, "b": bias}, x=[1, 1024, 1, 1])
+    lines = ["TesselQuant x -> q", "Conv q w b -> y"]
+    made = model_of(lines, inputs={"x": [1, 1024, 1, 1]}, outputs=["y"], tensors={"w": weight, "b": bias})
     x = np.full((1, 1024, 1, 1), 127, np.float32)
     assert evaluate(made, {"x": x}, Convention(element_type="float64"))["y"].item() == 127 * 127 * 1024 + 2**31 - 1
 
@@ -70,16 +70,9 @@ def test_only_operands_of_quantized_operators_become_floating_point() -> None:
         "both": np.array([1, 0], np.int32),
         "w2": np.array([[3, 4], [5, 6]], np.int8),
     }
-    nodes = [
-        node("TesselQuant", "x", "q"),
-        node("MatMul", "q w", "m"),
-        node("Add", "m both", "a"),
-        node("Gather", "a both", "g", axis=1),
-        node("Gather", "w2 both", "h", axis=0),
-        node("Cast", "h", "f", to=TensorProto.FLOAT),
-        node("Add", "f g"),
-    ]
-    made = model(nodes, initializers, x=[2, 2])
+    lines = ["TesselQuant x -> q", "MatMul q w -> m", "Add m both -> a", "Gather:axis=1 a both -> g",
+             "Gather:axis=0 w2 both -> h", "Cast:to=1 h -> f", "Add f g -> y"]  # fmt: skip
+    made = model_of(lines, inputs={"x": [2, 2]}, outputs=["y"], tensors=initializers)
     made.graph.input.append(helper.make_tensor_value_info("w", TensorProto.INT8, [2, 2]))
     made.graph.output[0].CopyFrom(helper.make_tensor_value_info("y", TensorProto.FLOAT, [2, 2]))
     before = made.SerializeToString()
@@ -90,17 +83,15 @@ def test_only_operands_of_quantized_operators_become_floating_point() -> None:
     onnx.checker.check_model(lowered, full_check=True)
     assert made.SerializeToString() == before
     assert [value.name for value in lowered.graph.input] == ["x"]
-    assert {t.name: t.data_type for t in lowered.graph.initializer if t.name in initializers} == {
-        "both": TensorProto.INT32,
-        "w2": TensorProto.INT8,
-    }
+    types = {t.name: t.data_type for t in lowered.graph.initializer if t.name in initializers}
+    assert types == {"both": TensorProto.INT32, "w2": TensorProto.INT8}
 
 
 @pytest.mark.parametrize(("sizes", "axes"), [([-1, -1, 4, 6], None), ([6, -1], [3, 1])])
 def test_sizes_of_minus_one_keep_the_size(sizes: list[int], axes: list[int] | None) -> None:
     attributes: dict[str, Any] = {"axes": axes} if axes else {}
-    initializers: dict[str, Array] = {"roi": np.zeros(0, "f"), "scales": np.zeros(0, "f"), "sizes": np.array(sizes)}
-    made = model([node("Resize", "x roi scales sizes", mode="nearest", **attributes)], initializers, x=["n", 2, 2, 3])
+    tensors: dict[str, Array] = {"none": np.zeros(0, "f"), "sizes": np.array(sizes)}
+    made = model([node("Resize", "x none none sizes", mode="nearest", **attributes)], tensors, x=["n", 2, 2, 3])
     made.opset_import[0].version = 18
     x = np.arange(36, dtype=np.float32).reshape(3, 2, 2, 3)
     expected = x.repeat(2, axis=3) if axes else x.repeat(2, axis=2).repeat(2, axis=3)

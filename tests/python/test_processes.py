@@ -5,7 +5,6 @@ import multiprocessing
 import os
 import subprocess
 import sys
-from collections.abc import Mapping
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
@@ -33,23 +32,17 @@ def digests() -> str:
     return " ".join(digest(name, draws=True) for name in sorted(CLASSES))
 
 
-def in_process(**environment: str) -> str:
+@pytest.mark.parametrize(
+    ("implementation", "seed"),
+    [*((api_implementation.Type(), seed) for seed in ("0", "1", "4294967295")), ("python", "0")],
+)
+def test_hash_seeds_and_the_protobuf_implementation_in_python(implementation: str, seed: str) -> None:
+    settings = {"PYTHONHASHSEED": seed, "PROTOCOL_BUFFERS_PYTHON_IMPLEMENTATION": implementation}
     code = "import test_processes as t; print(t.api_implementation.Type(), t.digests())"
-    env: Mapping[str, str] = {**os.environ, **environment, "PYTHONWARNINGS": "ignore"}
-    run = subprocess.run(
-        [sys.executable, "-c", code], cwd=Path(__file__).parent, env=env, capture_output=True, text=True, check=False
-    )
-    assert run.returncode == 0, run.stderr
-    return run.stdout.strip()
-
-
-@pytest.mark.parametrize("seed", ["0", "1", "4294967295"])
-def test_hash_seeds(seed: str) -> None:
-    assert in_process(PYTHONHASHSEED=seed) == f"{api_implementation.Type()} {digests()}"
-
-
-def test_the_protobuf_implementation_in_python() -> None:
-    assert in_process(PROTOCOL_BUFFERS_PYTHON_IMPLEMENTATION="python") == f"python {digests()}"
+    environment = {**os.environ, **settings, "PYTHONWARNINGS": "ignore"}
+    command = [sys.executable, "-c", code]
+    run = subprocess.run(command, cwd=Path(__file__).parent, env=environment, capture_output=True, text=True)
+    assert run.stdout.strip() == f"{implementation} {digests()}", run.stderr
 
 
 def test_threads_with_a_graph_each() -> None:
@@ -102,7 +95,5 @@ print("fine")
 
 
 def test_sub_interpreters_are_refused() -> None:
-    run = subprocess.run(
-        [sys.executable, "-W", "ignore", "-c", SUB_INTERPRETERS], capture_output=True, text=True, check=False
-    )
+    run = subprocess.run([sys.executable, "-W", "ignore", "-c", SUB_INTERPRETERS], capture_output=True, text=True)
     assert (run.returncode, run.stdout) == (0, "fine\n"), run.stderr

@@ -31,7 +31,7 @@ def test_results_are_in_the_order_of_the_names() -> None:
     graph = graph_of(40)
     for names in (("w3", "w1", "w3"), ["w3", "w1", "w3"], iter(("w3", "w1", "w3"))):
         arrays, records = get_init(graph, names)
-        assert [a.tolist() for a in arrays] == [[3.0], [1.0], [3.0]]
+        assert [a.item() for a in arrays] == [3, 1, 3]
         assert all(r is graph.initializer[k] for r, k in zip(records, (3, 1, 3), strict=True))
     assert get_init(graph=graph, names=()) == ([], [])
 
