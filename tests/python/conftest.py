@@ -8,7 +8,7 @@ from hypothesis import HealthCheck, settings
 
 # The same examples in every run; `make fuzz` takes the other profile.
 _COMMON = {"deadline": None, "database": None, "suppress_health_check": list(HealthCheck)}
-settings.register_profile("fixed", derandomize=True, max_examples=50, **_COMMON)  # type: ignore[arg-type]
+settings.register_profile("fixed", derandomize=True, max_examples=20, **_COMMON)  # type: ignore[arg-type]
 settings.register_profile("long", max_examples=3000, **_COMMON)  # type: ignore[arg-type]
 settings.load_profile(os.environ.get("HYPOTHESIS_PROFILE", "fixed"))
 

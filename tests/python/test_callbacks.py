@@ -203,18 +203,15 @@ def test_links_that_are_missing_add_nothing() -> None:
     graph = with_tensors(w=WEIGHT, one=np.array([3]), two=np.array([1, 2]))
     graph.value_info.append(helper.make_tensor_value_info("x", TensorProto.FLOAT, (1, 2, 3, 4)))
     before = graph.SerializeToString()
-    bindings = (
-        (FUSE, {"2": "w", "101": "b", "103": "c"}),
-        (SIMPLIFY, {"1": "x", "8": "one", "9": "one", "101": "new"}),
-    )
-    for cls, links in bindings:
+    sizes = {"1": "x", "8": "one", "9": "one", "101": "new"}
+    for cls, links in ((FUSE, {"2": "w", "101": "b", "103": "c"}), (SIMPLIFY, sizes)):
         for missing in links:
             with pytest.raises(KeyError, match=missing):
                 cls()._on_replace_subgraph(graph, [], {}, {key: name for key, name in links.items() if key != missing})
     with pytest.raises(TypeError, match="NoneType"):
         FUSE()._on_replace_subgraph(graph, [], {}, None)  # type: ignore[arg-type]
     with pytest.raises(ValueError, match="size 1"):
-        SIMPLIFY()._on_replace_subgraph(graph, [], {}, bindings[1][1] | {"8": "two"})
+        SIMPLIFY()._on_replace_subgraph(graph, [], {}, sizes | {"8": "two"})
     assert graph.SerializeToString() == before
 
 

@@ -145,16 +145,19 @@ def test_recording_changes_nothing_and_counts_right(
 def test_an_occurrence_in_words() -> None:
     model = chain("Sin", "Relu", "Cos")
     model.graph.value_info.append(helper.make_tensor_value_info("t1", TensorProto.FLOAT, ["N", 3, None]))
-    tensor = numpy_helper.from_array(np.ones((2, 5), np.float32))
-    model.graph.node[1].attribute.append(helper.make_attribute("a", tensor))
+    model.graph.node[1].attribute.append(helper.make_attribute("a", numpy_helper.from_array(ones(2, 5))))
     occurrence = run(model, Rule(callback=lambda *_, **__: 0), details="neighbours").steps[0].patterns[0].occurrences[0]
     assert not occurrence.accepted
     (before,), (after,) = occurrence.before, occurrence.after
-    assert (before.op_type, before.index, before.outputs) == ("Relu", None, ("t2",))
+    assert (before.op_type, before.index, before.outputs, before.attributes) == (
+        "Relu",
+        None,
+        ("t2",),
+        {"a": "float32[2,5]"},
+    )
     assert (after.op_type, after.index, after.inputs) == ("Elu", 1, ("t1",))
     assert [node.label for node in occurrence.neighbours] == ["Sin 'node_0'", "Cos 'node_2'"]
-    assert occurrence.shapes["t1"] == "float32[N,3,?]"
-    assert (occurrence.links["0"], before.attributes) == ("t1", {"a": "float32[2,5]"})
+    assert (occurrence.shapes["t1"], occurrence.links["0"]) == ("float32[N,3,?]", "t1")
 
 
 @pytest.mark.parametrize("fails", [False, True])
@@ -219,9 +222,7 @@ def test_new_weights_pass_through_the_store(example_models: list[Path]) -> None:
 def test_refusals_give_their_reason(name: str, attributes: dict[int, dict[str, float]], reason: str) -> None:
     pattern, _ = catalogue.find_row(name).pairs[0]
     graph = occurrence_of(pattern, {"1": np.ones((1, 1, 1, 1), np.int8)}, attributes)
-    found = run(graph, name).steps[0].patterns[0].occurrences[0]
-    assert found.reason is not None
-    assert reason in found.reason
+    assert reason in str(run(graph, name).steps[0].patterns[0].occurrences[0].reason)
 
 
 USER_CODE = """

@@ -48,6 +48,16 @@ def _real(value: Any) -> Any:
     return value._value if isinstance(value, Proxy) else value
 
 
+def _counted(name: str) -> Any:
+    """A use of a list, counted and handed on."""
+
+    def method(self: Any, *arguments: Any) -> Any:
+        self._uses.count()
+        return self._uses.wrap(getattr(self._value, name)(*arguments))
+
+    return method
+
+
 class Proxy:
     """Hands every use on to the real thing."""
 
@@ -69,21 +79,10 @@ class Proxy:
         self._uses.count()
         setattr(self._value, name, value)
 
-    def __len__(self) -> int:
-        self._uses.count()
-        return len(self._value)
-
-    def __getitem__(self, index: Any) -> Any:
-        self._uses.count()
-        return self._uses.wrap(self._value[index])
-
-    def __setitem__(self, index: Any, value: Any) -> None:
-        self._uses.count()
-        self._value[index] = value
-
-    def __delitem__(self, index: Any) -> None:
-        self._uses.count()
-        del self._value[index]
+    __len__ = _counted("__len__")
+    __getitem__ = _counted("__getitem__")
+    __setitem__ = _counted("__setitem__")
+    __delitem__ = _counted("__delitem__")
 
     def __iter__(self) -> Iterator[Any]:
         self._uses.count()
