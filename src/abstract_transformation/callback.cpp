@@ -23,6 +23,9 @@ bool is_own_class(PyObject* transformation, PyObject* function) {
 const InternedName nodes_promise("keeps_nodes");
 const InternedName links_promise("keeps_links");
 
+const InternedName foresees("foresees");
+const InternedName foresees_refusal_name("foresees_refusal");
+
 /// True if `function` carries the attribute with a true value.
 bool promises(PyObject* function, const InternedName& promise) {
   const Ref value = optional_attribute(function, promise);
@@ -53,6 +56,7 @@ Callback::Callback(PyObject* transformation, PyObject* graph, PyObject* extra, c
     PyObject* function = PyMethod_Function(method.get());
     is_default_ = row_of(function) == &default_callback();
     keeps_nodes_ = is_default_ || (promises(function, nodes_promise) && is_own_class(transformation, function));
+    if (keeps_nodes_ && promises(function, foresees)) foresees_refusal_ = attribute(function, foresees_refusal_name);
     keeps_links_ = is_default_ || (keeps_nodes_ && promises(function, links_promise));
   }
   PyObject* key = nullptr;
@@ -77,6 +81,26 @@ Ref Callback::node_mapping(std::span<const core::NodeIndex> nodes, const core::S
     if (rule_.nodes[role].kept) set_item(mapping.get(), role, position_of(nodes[role], table, writer));
   }
   return mapping;
+}
+
+bool Callback::foresees_refusal(const core::OccurrenceList& occurrences, std::size_t index,
+                                const core::GraphTable& table) const {
+  // Whoever wants the reasons gets them from the callback.
+  if (!foresees_refusal_ || !keyword_values_.empty()) return false;
+  const Ref links = checked(PyDict_New());
+  const auto names = occurrences.links(index);
+  for (std::size_t link = 0; link < link_ids_.size(); ++link) {
+    if (names[link] == core::no_name) continue;
+    check(PyDict_SetItem(links.get(), link_ids_[link].get(), text(table.names.text(names[link])).get()));
+  }
+  try {
+    return truth(py::call(foresees_refusal_.get(), {transformation_, graph_, links.get()}).get());
+  } catch (const PythonError&) {
+    // What is wrong with the occurrence, the callback itself will say when its turn comes.
+    if (PyErr_ExceptionMatches(PyExc_Exception) == 0 || PyErr_ExceptionMatches(PyExc_MemoryError) != 0) throw;
+    PyErr_Clear();
+    return false;
+  }
 }
 
 Callback::Arguments Callback::arguments(const core::OccurrenceList& occurrences, const core::SplicePlan& plan,

@@ -32,6 +32,11 @@ class Callback {
   /// What the calls of one round share, for a callback that keeps nodes; to be held until the last of them.
   [[nodiscard]] Ref begin_round() const;
 
+  /// True if the callback says that it will refuse the occurrence, of which only the pattern's links are bound yet.
+  /// False where it does not tell such things in advance.
+  [[nodiscard]] bool foresees_refusal(const core::OccurrenceList& occurrences, std::size_t index,
+                                      const core::GraphTable& table) const;
+
   /// What a callback gets for one occurrence. Making it raises RuntimeError if a node of the occurrence is gone.
   struct Arguments {
     Ref replaced_nodes;
@@ -54,6 +59,7 @@ class Callback {
   Ref keyword_names_;  // tuple
   std::vector<Ref> keyword_values_;
   std::vector<Ref> link_ids_;  // `str` per link of the rule
+  Ref foresees_refusal_;  // empty if it tells nothing in advance
   bool is_default_ = false;
   bool keeps_nodes_ = false;
   bool keeps_links_ = false;

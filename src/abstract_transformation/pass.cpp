@@ -1,5 +1,6 @@
 #include "abstract_transformation/pass.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "abstract_transformation/run.h"
@@ -67,22 +68,40 @@ void Pass::prepare_writing() {
   if (!callback_.keeps_nodes()) writer_.hold_all();
 }
 
+/// How many of the first occurrences are refused for sure. At the first other one asking ends: what it would cost for
+/// occurrences that are accepted is more than it spares.
+std::size_t Pass::count_foreseen(const core::OccurrenceList& occurrences) const {
+  std::size_t count = 0;
+  while (count < occurrences.size() && callback_.foresees_refusal(occurrences, count, table_)) ++count;
+  return count;
+}
+
 void Pass::run_round(core::OccurrenceList& occurrences) {
+  const std::size_t first = count_foreseen(occurrences);
+  std::vector<bool> chosen(occurrences.size(), true);
+  std::fill_n(chosen.begin(), first, false);
+  if (first == occurrences.size()) {
+    record(occurrences, chosen);
+    unplanned_.push_back(std::move(occurrences));
+    return;
+  }
   prepare_writing();
+  // Names are given out as if the refused had been spliced, so that they do not depend on when a refusal was known.
+  for (core::OccurrenceList& refused : unplanned_) const core::SplicePlan named(table_, *rule_, refused);
+  unplanned_.clear();
   const core::SplicePlan plan(table_, *rule_, occurrences);
   for (core::NodeIndex node = plan.first_new_node(); node < table_.node_count(); ++node) {
     writer_.set_source(node, plan.copied_from(node));
   }
   const std::vector<core::NodeIndex> before(writer_.order().begin(), writer_.order().end());
-  std::vector<bool> chosen(occurrences.size(), true);
   if (!callback_.is_default()) {
-    for (std::size_t index = 0; index < occurrences.size(); ++index)
+    for (std::size_t index = first; index < occurrences.size(); ++index)
       for_each_removed(occurrences, index, [&](core::NodeIndex node) { writer_.hold(node); });
   }
   writer_.rearrange(plan.arrange(before, chosen));
   if (!callback_.is_default()) {
     try {
-      ask(occurrences, plan, chosen);
+      ask(occurrences, plan, first, chosen);
     } catch (...) {
       const SavedError saved;
       guarded_status([&] { take_back(occurrences, plan, before, chosen); });
@@ -98,12 +117,13 @@ void Pass::follow_list() {
   if (!callback_.keeps_nodes()) writer_.follow(attribute(graph_, field::node));
 }
 
-/// Calls back once per occurrence. On an error, `chosen` holds what has to stay: the accepted ones and the one
+/// Calls back once per occurrence from `first` on. On an error, `chosen` holds what has to stay: the accepted ones and the one
 /// whose callback raised.
-void Pass::ask(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::vector<bool>& chosen) {
+void Pass::ask(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::size_t first,
+               std::vector<bool>& chosen) {
   chosen.assign(occurrences.size(), false);
   const Ref round = callback_.begin_round();
-  for (std::size_t index = 0; index < occurrences.size(); ++index) {
+  for (std::size_t index = first; index < occurrences.size(); ++index) {
     follow_list();
     const Callback::Arguments arguments = callback_.arguments(occurrences, plan, index, table_, writer_);
     chosen[index] = true;

@@ -3,6 +3,7 @@
 //
 //   find -> splice all -> call back one by one -> restore the refused -> again with what these had kept out
 //
+// The first occurrences of a round are not spliced at all where the callback can say before that it will refuse them.
 // The graph is complete and in order before the first callback. Matching and planning are the core's, writing is
 // the writer's; this file only says what happens when.
 #pragma once
@@ -46,7 +47,9 @@ class Pass {
   void for_each_removed(const core::OccurrenceList& occurrences, std::size_t index, Visit visit) const;
   /// Sees to it that the writer has the graph's own list, whatever a callback did to the graph.
   void follow_list();
-  void ask(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::vector<bool>& chosen);
+  [[nodiscard]] std::size_t count_foreseen(const core::OccurrenceList& occurrences) const;
+  void ask(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::size_t first,
+           std::vector<bool>& chosen);
   void take_back(const core::OccurrenceList& occurrences, const core::SplicePlan& plan,
                  const std::vector<core::NodeIndex>& before, const std::vector<bool>& chosen);
   void record(const core::OccurrenceList& occurrences, const std::vector<bool>& chosen);
@@ -62,6 +65,7 @@ class Pass {
   GraphWriter writer_;
   core::Claims claims_{0};  // of accepted occurrences
   core::RefusedSet refused_;
+  std::vector<core::OccurrenceList> unplanned_;  // refused before anything was planned for them
   CleanUpNames clean_up_names_;
   Counts counts_;
 };

@@ -122,13 +122,30 @@ PyObject* begin_sharing(PyObject* self, PyObject* arguments) {
   });
 }
 
-std::array<PyMethodDef, 3> methods{{
+PyObject* foresees_refusal(PyObject* self, PyObject* arguments) {
+  return guarded([&] {
+    std::array<PyObject*, 3> values{};
+    if (PyArg_UnpackTuple(arguments, "foresees_refusal", 3, 3, &values[0], &values[1], &values[2]) == 0) {
+      throw PythonError{};
+    }
+    const FunctionObject& function = function_of(self);
+    return boolean(function.row->foresees_refusal != nullptr &&
+                   function.row->foresees_refusal(Call{function.module, values, nullptr}));
+  });
+}
+
+PyObject* get_foresees(PyObject* self, void* /*closure*/) {
+  return boolean(function_of(self).row->foresees_refusal != nullptr).release();
+}
+
+std::array<PyMethodDef, 4> methods{{
     {"__reduce__", reduce, METH_NOARGS, "Pickled by name."},
     {"begin_sharing", begin_sharing, METH_VARARGS, "For our own classes alone: what calls on (self, graph) share."},
+    {"foresees_refusal", foresees_refusal, METH_VARARGS, "For the pass alone: (self, graph, links), before a round."},
     {nullptr, nullptr, 0, nullptr},
 }};
 
-std::array<PyGetSetDef, 12> attributes{{
+std::array<PyGetSetDef, 13> attributes{{
     {"__name__", get_name, nullptr, nullptr, nullptr},
     {"__qualname__", get_qualified_name, nullptr, nullptr, nullptr},
     {"__module__", get_module, nullptr, nullptr, nullptr},
@@ -138,6 +155,7 @@ std::array<PyGetSetDef, 12> attributes{{
     {"__signature__", get_signature, nullptr, nullptr, nullptr},
     {"keeps_nodes", get_keeps_nodes, nullptr, nullptr, nullptr},
     {"keeps_links", get_keeps_links, nullptr, nullptr, nullptr},
+    {"foresees", get_foresees, nullptr, nullptr, nullptr},
     {"repeatable", get_repeatable, nullptr, nullptr, nullptr},
     {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},

@@ -18,6 +18,7 @@ inline constexpr std::size_t links = 4;
 py::Ref quantize_conv(const py::Call& call);
 py::Ref quantize_matmul(const py::Call& call);
 py::Ref quantize_gemm(const py::Call& call);
+bool has_quantized_weight(const py::Call& call);
 py::Ref accept_equal_parameters(const py::Call& call);
 py::Ref rescale_for_new_parameters(const py::Call& call);
 py::Ref correct_conv_biases(const py::Call& call);

@@ -3,8 +3,8 @@
 #include "quant/host.h"
 #include "quant/initializers.h"
 #include "quant/names.h"
+#include "quant/quantizing_call.h"
 #include "quant/scales.h"
-#include "quant/shared_look_up.h"
 
 namespace onnxgraft::quant {
 
@@ -27,9 +27,6 @@ const InternedName transpose("transpose");
 const InternedName bias_names_keyword("bias_names");
 const InternedName weight_names_keyword("weight_names");
 const InternedName scale_name_keyword("scale_name");
-const InternedName update_weights("_update_weights");
-const InternedName update_bias("_update_bias");
-const InternedName update_tesseldequant("_update_tesseldequant");
 const InternedName gemm_mode("gemm");
 const InternedName matmul_mode("matmul");
 
@@ -93,7 +90,7 @@ Ref draw_weights(const Call& call) {
   PyObject* graph = call[1];
   PyObject* weight_names = call[3];
   // The old weight is let go before memory for the new one is asked for.
-  const Ref shape = shape_of(SharedLookUp::look_up(call.module, graph, py::item(weight_names, 0)));
+  const Ref shape = shape_of(QuantizingCall::look_up(call.module, graph, py::item(weight_names, 0)));
   Ref drawn = draw_integers(call.module, lowest_weight, weight_bound, shape.get(), names::int8);
   if (py::truth(call[2])) drawn = py::call_method(drawn.get(), transpose);
   const Ref tensor = from_array(call.module, drawn.get(), py::item(weight_names, 1).get());
@@ -119,7 +116,7 @@ Ref draw_scales(const Call& call) {
 
 Ref needs_quantizing(const Call& call) {
   const Ref name = subscript(call[2], call[3]);
-  const Ref found = SharedLookUp::look_up(call.module, call[1], name);
+  const Ref found = QuantizingCall::look_up(call.module, call[1], name);
   const auto [arrays, records] = py::unpack_pair(found.get());
   const Ref type = py::attribute(py::item(records.get(), 0).get(), names::data_type);
   const Ref code = py::integer(int8_code);
@@ -127,7 +124,6 @@ Ref needs_quantizing(const Call& call) {
 }
 
 Ref add_quantized_initializers(const Call& call) {
-  PyObject* self = call[0];
   PyObject* graph = call[1];
   PyObject* links = call[2];
   PyObject* input_names = call[3];
@@ -136,13 +132,13 @@ Ref add_quantized_initializers(const Call& call) {
 
   const Ref weight_names = bound_names(links, input_names, names::weight);
   const Ref weight_and_shape =
-      py::call_method(self, update_weights, {graph, call[5]}, {{weight_names_keyword, weight_names.get()}});
+      call_own(call, OwnMethod::update_weights, {graph, call[5]}, {{weight_names_keyword, weight_names.get()}});
   const auto [weight, shape] = py::unpack_pair(weight_and_shape.get());
   py::check(PyList_Append(made.get(), weight.get()));
 
   const Ref bias_names = bound_names(links, input_names, names::bias);
   if (py::item(bias_names.get(), 0).get() != Py_None) {
-    const Ref bias = py::call_method(self, update_bias, {graph}, {{bias_names_keyword, bias_names.get()}});
+    const Ref bias = call_own(call, OwnMethod::update_bias, {graph}, {{bias_names_keyword, bias_names.get()}});
     py::check(PyList_Append(made.get(), bias.get()));
   }
 
@@ -150,8 +146,8 @@ Ref add_quantized_initializers(const Call& call) {
   const Ref count = one_scale ? py::integer(1) : py::item(shape.get(), 0);
   const Ref scale_names = bound_names(links, input_names, names::scale);
   const Ref scale_name = py::item(scale_names.get(), 0);
-  const Ref scales = py::call_method(self, update_tesseldequant, {py::tuple({count.get()}).get()},
-                                     {{scale_name_keyword, scale_name.get()}});
+  const Ref scales = call_own(call, OwnMethod::update_tesseldequant, {py::tuple({count.get()}).get()},
+                              {{scale_name_keyword, scale_name.get()}});
   py::check(PyList_Append(made.get(), scales.get()));
 
   add_initializers(graph, made.get());

@@ -7,7 +7,8 @@
 #include "quant/host.h"
 #include "quant/names.h"
 #include "quant/refusal.h"
-#include "quant/shared_look_up.h"
+#include "quant/quantizing_call.h"
+#include "quant/quantized_operators.h"
 
 namespace onnxgraft::quant {
 
@@ -17,9 +18,6 @@ using py::Ref;
 
 namespace {
 
-const InternedName check_current_precision("_check_current_precision");
-const InternedName update_tesselquant("_update_tesselquant");
-const InternedName update_operators("_update_quant_weights_operators");
 const InternedName input_name("input_name");
 const InternedName tessel_quant_idx("tessel_quant_idx");
 const InternedName mode_keyword("mode");
@@ -62,8 +60,8 @@ Ref input_names(const Roles& roles) {
 }
 
 bool still_float(const Call& call) {
-  const Ref answer = py::call_method(call[callback::self], check_current_precision,
-                                     {call[callback::graph], call[callback::links]}, {{input_name, weight_link.get()}});
+  const Ref answer = call_own(call, OwnMethod::check_current_precision, {call[callback::graph], call[callback::links]},
+                              {{input_name, weight_link.get()}});
   return py::truth(answer.get());
 }
 
@@ -74,17 +72,21 @@ Ref precision_words(const Call& call) {
 
 void update_quantize_attributes(const Call& call) {
   const Ref first = py::integer(0);
-  py::call_method(call[callback::self], update_tesselquant, {call[callback::graph], call[callback::node_mapping]},
-                  {{tessel_quant_idx, first.get()}});
+  call_own(call, OwnMethod::update_tesselquant, {call[callback::graph], call[callback::node_mapping]},
+           {{tessel_quant_idx, first.get()}});
+}
+
+void add_initializers_of(const Call& call, const Roles& roles, bool transposed) {
+  const Ref names = input_names(roles);
+  call_own(call, OwnMethod::update_operators, {call[callback::graph], call[callback::links], names.get()},
+           {{mode_keyword, roles.mode.get()}, {transpose_keyword, transposed ? Py_True : Py_False}});
 }
 
 Ref quantize(const Call& call, const Roles& roles) {
-  const Ref names = input_names(roles);
-  const SharedLookUp shared(call);
+  const QuantizingCall under_way(call);
   if (!still_float(call)) return refused(call, [&] { return precision_words(call); });
   update_quantize_attributes(call);
-  py::call_method(call[callback::self], update_operators, {call[callback::graph], call[callback::links], names.get()},
-                  {{mode_keyword, roles.mode.get()}});
+  add_initializers_of(call, roles, false);
   return py::boolean(true);
 }
 
@@ -107,18 +109,26 @@ bool replace_trans_b(const Call& call) {
 
 }  // namespace
 
+/// The question about the weight comes first in all three callbacks, and needs nothing that the pass has made.
+bool has_quantized_weight(const Call& call) {
+  constexpr std::size_t self = 0;
+  constexpr std::size_t graph = 1;
+  constexpr std::size_t links = 2;
+  if (!methods_are_built_in(call.module, call[self])) return false;
+  const std::array<PyObject*, 4> arguments{call[self], call[graph], call[links], weight_link.get()};
+  return !py::truth(needs_quantizing(Call{call.module, arguments, nullptr}).get());
+}
+
 Ref quantize_conv(const Call& call) { return quantize(call, conv_roles); }
 
 Ref quantize_matmul(const Call& call) { return quantize(call, matmul_roles); }
 
 Ref quantize_gemm(const Call& call) {
-  const Ref names = input_names(gemm_roles);
-  const SharedLookUp shared(call);
+  const QuantizingCall under_way(call);
   if (!still_float(call)) return refused(call, [&] { return precision_words(call); });
-  const Ref transposed = py::boolean(replace_trans_b(call));
+  const bool transposed = replace_trans_b(call);
   update_quantize_attributes(call);
-  py::call_method(call[callback::self], update_operators, {call[callback::graph], call[callback::links], names.get()},
-                  {{mode_keyword, gemm_roles.mode.get()}, {transpose_keyword, transposed.get()}});
+  add_initializers_of(call, gemm_roles, transposed);
   return py::boolean(true);
 }
 

@@ -27,6 +27,16 @@ class Round {
   /// The round under way on the graph; null if there is none.
   static Round* on(PyObject* graph) noexcept;
 
+  /// The answer to a question about the transformation that stays the same for the whole round; asked once.
+  template <class Question>
+  bool remember(PyObject* transformation, Question question) {
+    if (asked_about_ != transformation) {
+      answer_ = question();
+      asked_about_ = transformation;
+    }
+    return answer_;
+  }
+
   /// Every `Conv` that may read the tensor, in list order; none if only a walk can tell.
   std::optional<std::vector<py::Ref>> possible_readers(PyObject* nodes, PyObject* tensor);
   /// Every node that may write the tensor, in list order.
@@ -44,6 +54,8 @@ class Round {
   void read_names(PyObject* nodes);
 
   py::Ref graph_;
+  PyObject* asked_about_ = nullptr;
+  bool answer_ = false;
   NamePositions readers_;         // inputs of all `Conv` nodes
   NamePositions names_;           // whatever defines a tensor; with a position if it is a node's output
   Py_ssize_t nodes_read_ = -1;    // length of the list in `readers_`

@@ -1,4 +1,4 @@
-"""The pull-up family looks readers and names up in what the callbacks of a round share; a subclass's callbacks walk.
+"""Built-in classes share what they read, between the passes of an apply and the callbacks of a round; subclasses do not.
 
 Both leave the same bytes: after refusals, in one apply after the other, and inside of each other's callbacks.
 """
@@ -19,6 +19,7 @@ SEEDS = 30
 
 
 def outcome(transformation: Any, graph: GraphProto) -> str:
+    np.random.seed(7)
     try:
         with np.errstate(all="ignore"):
             return str(transformation.apply(graph))
@@ -38,12 +39,13 @@ def nesting(name: str, inner: Any) -> Any:
 
 
 def test_only_the_built_in_callbacks_share() -> None:
-    shared = [getattr(cls, "_on_replace_subgraph").begin_round(GraphProto()) for cls in (BASE, AbstractTransformation)]  # noqa: B009
+    callbacks = [getattr(cls, "_on_replace_subgraph") for cls in (BASE, AbstractTransformation)]  # noqa: B009
+    shared = [callback.begin_sharing(None, GraphProto()) for callback in callbacks]
     assert shared[0] is not None
     assert shared[1] is None
 
 
-@pytest.mark.parametrize("name", FAMILY)
+@pytest.mark.parametrize("name", sorted(CLASSES))
 def test_the_same_bytes(name: str) -> None:
     walking = type("Walking", (CLASSES[name],), {})
     alive: list[Any] = []  # no graph comes to the address of a dead one
@@ -60,4 +62,5 @@ def test_the_same_bytes(name: str) -> None:
             outcomes.add(found[0])
         assert runs[0].answers == runs[1].answers, seed
         assert list(map(str, runs[0].seen)) == list(map(str, runs[1].seen)), seed
-    assert {"0", "1"} <= outcomes
+    assert "1" in outcomes
+    assert "0" in outcomes or name not in FAMILY

@@ -12,6 +12,7 @@ namespace onnxgraft::quant::rows {
 
 using py::ClassRow;
 using py::Default;
+using py::Call;
 using py::FunctionRow;
 using py::Parameter;
 using py::PatternList;
@@ -83,7 +84,7 @@ enum class Links { stay, change };
 
 /// Our callbacks write attributes and initializers; those that change links, a new initializer's name as a further input.
 template <py::ArgumentType links_type = py::ArgumentType::dict>
-constexpr FunctionRow callback_row(Body body, Links links = Links::stay) {
+constexpr FunctionRow callback_row(Body body, Links links = Links::stay, bool (*foresees_refusal)(const Call&) = nullptr) {
   return {
       .name = "_on_replace_subgraph",
       .parameters = callback_parameters<links_type>,
@@ -93,6 +94,7 @@ constexpr FunctionRow callback_row(Body body, Links links = Links::stay) {
       .keeps_nodes = true,
       .keeps_links = links == Links::stay,
       .begin_sharing = begin_round,
+      .foresees_refusal = foresees_refusal,
   };
 }
 

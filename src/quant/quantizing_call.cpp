@@ -1,0 +1,96 @@
+#include "quant/quantizing_call.h"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <utility>
+
+#include "quant/callbacks.h"
+#include "quant/host.h"
+#include "quant/initializers.h"
+#include "quant/names.h"
+#include "quant/quantized_operators.h"
+#include "quant/round.h"
+
+namespace onnxgraft::quant {
+
+using py::Call;
+using py::InternedName;
+using py::Ref;
+
+namespace {
+
+const InternedName repeatable("repeatable");
+
+thread_local QuantizingCall* innermost = nullptr;
+
+struct Method {
+  InternedName name;
+  Ref (*body)(const Call&);
+};
+
+// In the order of OwnMethod.
+const std::array methods{
+    Method{InternedName("_check_current_precision"), needs_quantizing},
+    Method{InternedName("_update_tesselquant"), update_quantize_node},
+    Method{InternedName("_update_quant_weights_operators"), add_quantized_initializers},
+    Method{InternedName("_update_weights"), draw_weights},
+    Method{InternedName("_update_bias"), draw_bias},
+    Method{InternedName("_update_tesseldequant"), draw_scales},
+};
+
+bool is_built_in(PyObject* transformation, const Method& method) {
+  const Ref bound = py::optional_attribute(transformation, method.name);
+  if (!bound || PyMethod_Check(bound.get()) == 0) return false;
+  const py::FunctionRow* row = py::row_of(PyMethod_Function(bound.get()));
+  return row != nullptr && row->body == method.body;
+}
+
+}  // namespace
+
+bool methods_are_built_in(PyObject* module, PyObject* transformation) {
+  const Ref get_init = member(module, names::transform_utilities, names::get_init);
+  const Ref promise = py::optional_attribute(get_init.get(), repeatable);
+  if (!promise || !py::truth(promise.get())) return false;
+  return std::ranges::all_of(methods, [&](const Method& method) { return is_built_in(transformation, method); });
+}
+
+Ref call_own(const Call& call, OwnMethod method, std::initializer_list<PyObject*> arguments,
+             std::initializer_list<py::Keyword> keywords) {
+  const Method& row = methods[static_cast<std::size_t>(method)];
+  if (!QuantizingCall::is_direct(call[0])) return py::call_method(call[0], row.name, arguments, keywords);
+  std::array<PyObject*, 8> values{call[0]};
+  auto* end = std::ranges::copy(arguments, values.data() + 1).out;
+  end = std::ranges::transform(keywords, end, &py::Keyword::value).out;
+  return row.body(Call{call.module, {values.data(), end}, nullptr});
+}
+
+QuantizingCall::QuantizingCall(const Call& callback) : outer_(innermost), transformation_(callback[callback::self]) {
+  const auto check = [&] { return methods_are_built_in(callback.module, transformation_); };
+  Round* round = Round::on(callback[callback::graph]);
+  built_in_ = round == nullptr ? check() : round->remember(transformation_, check);
+  innermost = this;
+}
+
+QuantizingCall::~QuantizingCall() { innermost = outer_; }
+
+bool QuantizingCall::is_direct(PyObject* transformation) noexcept {
+  return innermost != nullptr && innermost->built_in_ && innermost->transformation_ == transformation;
+}
+
+Ref QuantizingCall::look_up(PyObject* module, PyObject* graph, const Ref& name) {
+  QuantizingCall* shared = innermost;
+  const bool sharing = shared != nullptr && shared->built_in_;
+  if (sharing && shared->found_ && shared->graph_.get() == graph && shared->name_.get() == name.get()) {
+    return std::move(shared->found_);  // not kept: it holds the contents of the weight
+  }
+  Ref found = get_init(module, graph, py::tuple({name.get()}).get());
+  if (sharing) {
+    shared->graph_ = Ref::borrow(graph);
+    shared->name_ = Ref::borrow(name.get());
+    shared->found_ = Ref::borrow(found.get());
+  }
+  return found;
+}
+
+}  // namespace onnxgraft::quant
