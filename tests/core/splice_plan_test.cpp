@@ -31,6 +31,8 @@ const Case name_cases[] = {
      {"a_C: C x -> x_C", "a: A x_C -> u", "b: B u -> y"}},
     {"a copy of a kept node leaves a name to the node's own copy", "a: A x -> u; b: B u -> y", "A:0->1 B:1->2",
      "#1 #0:0->9 #1:9->1", {"a: A x -> u_A", "b_1: B u_A -> u", "b: B u -> y"}},
+    {"a new node between two others is named after the second", "a: A x -> u; b: B u -> y", "A:0->1 B:1->2", "#0 C:1->9 #1:9->2",
+     {"a: A x -> u", "b_C: C u -> u_C", "b: B u_C -> y"}},
     {"names in use are left out",
      "init w,y_input_1; c_Quant: Neg p -> x_Quant; c: Conv x,w -> y; w_new: Neg y -> y_Conv", conv, quantized,
      {"c_Quant: Neg p -> x_Quant", "c_Quant_1: Quant x -> x_Quant_1", "c: Conv x_Quant_1,w_new_1 -> y_Conv_1", "c_Dequant: Dequant y_Conv_1,y_input_1_1 -> y", "w_new: Neg y -> y_Conv"}},

@@ -166,8 +166,7 @@ def test_direct_calls_of_the_pull_up() -> None:
 
 
 @pytest.mark.parametrize(
-    "answer",
-    [None, (None, None), ([], []), ([None, None], [None, None]), ([WEIGHT], [None]), ([WEIGHT, None], [1, 2])],
+    "answer", [None, (None, None), ([], []), ([None, None], [None, None]), ([WEIGHT], [None]), ([WEIGHT, None], [1, 2])]
 )
 @pytest.mark.parametrize("failing", [0, 1])
 def test_a_look_up_that_gives_nothing_refuses(answer: Any, failing: int, monkeypatch: pytest.MonkeyPatch) -> None:

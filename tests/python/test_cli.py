@@ -199,7 +199,7 @@ BAD_INPUT: dict[str, tuple[int, str, Make, str]] = {
     "missing external data": (1, "weights.bin", external_without_file, WRITE),
     "external data elsewhere": (1, "in the model's folder", external_with("location", "/etc/passwd"), WRITE),
     "external data above": (1, "in the model's folder", external_with("location", "../weights.bin"), WRITE),
-    "external data cut off": (1, "bytes", external_with("length", "99999999"), WRITE),
+    "external data cut off": (1, "the tensor takes 99999999", external_with("length", "99999999"), WRITE),
     "external data with a bad offset": (1, "whole numbers", external_with("offset", "zero"), WRITE),
 }
 

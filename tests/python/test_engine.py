@@ -104,7 +104,21 @@ def test_a_step_that_raises_never_was(name: str) -> None:
         except (onnxgraft.TransformationError, type(error)):
             assert graph.SerializeToString(deterministic=True) == before
             undone += 1
+        assert "_on_replace_subgraph" in vars(made)  # what stood in front of the callback is there again
     assert undone
+
+
+def test_a_body_too_large_to_copy_is_put_back() -> None:
+    class Inside(Rule):
+        def apply(self, graph: GraphProto, debug: bool = False) -> int:
+            return super().apply(graph.node[0].attribute[0].g) // 0
+
+    body = graph_of(["Relu x -> y"], outputs=["y"], tensors={"large": ones(1 << 15)})
+    graph = GraphProto(node=[helper.make_node("If", ["c"], ["z"], then_branch=body)])
+    before = graph.SerializeToString(deterministic=True)
+    with pytest.raises(onnxgraft.TransformationError, match="ZeroDivisionError"):
+        run(graph, Inside())
+    assert graph.SerializeToString(deterministic=True) == before
 
 
 def test_errors_name_the_place_and_can_be_passed_over() -> None:

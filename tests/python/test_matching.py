@@ -144,7 +144,7 @@ def test_find_and_explain_take_models_graphs_names_classes_rows(repository: Path
     assert "Conv node 0" in first.node_texts[0]
     with_bias, without = explain(model, "quant_conv")
     assert (with_bias.matches, with_bias.reason, with_bias.hint) == (21, "matches", None)
-    assert (without.matches, without.reason, without.node) == (0, "input_count", 0)
+    assert (without.matches, without.reason, without.node, without.input) == (0, "input_count", 0, None)
     row.apply(model.graph)
     assert explain(model, "quant_conv")[0].hint == "already quantized: 21 of 21 weights are INT8, and these are refused"
     assert [e.pattern_index for e in explain(model, Own((["Cos:0->1"], []), (["Sin:0->1"], [])))] == [0, 1]

@@ -50,11 +50,13 @@ CASES = {
           float[4] s = {1.0, 1.0, 2.0, 2.0}, float[4] one = {1,1,1,1}, float[8] roi = {0,0,0,0,1,1,1,1}> {
           y = Resize<mode = "nearest">(x, , , n) z = Resize<mode = "nearest">(x, , s, )
           t = Resize<mode = "linear", coordinate_transformation_mode = "tf_crop_and_resize">(x, roi, one) }""", 2, {}),
-    "sizes: one constant of two, for two Resize nodes; another reader keeps it": (
-        "split_resize_sizes", 13, "float[1,2,6,8] y, float[1,2,6,8] z, int64[2] o", """<int64[1] zero = {0},
-          int64[1] two = {2}, int64[2] hw = {6, 8}> { f = Shape(x) g = Slice(f, zero, two, zero)
+    "sizes: one constant of two, for two Resize nodes; returned, it stays, and one of one does": (
+        "split_resize_sizes", 13, "float[1,2,6,8] y, float[1,2,6,8] z, float[1,2,4,2] a, int64[2] hw", """<
+          int64[1] zero = {0}, int64[1] two = {2}, int64[1] three = {3}, int64[2] hw = {6, 8}> {
+          f = Shape(x) g = Slice(f, zero, two, zero)
           k = Concat<axis = 0>(g, hw) l = Concat<axis = 0>(g, hw) y = Resize<mode = "nearest">(x, , , k)
-          z = Resize<mode = "linear">(x, , , l) o = Add(hw, hw) }""", 2, {}),
+          z = Resize<mode = "linear">(x, , , l) m = Slice(f, zero, three, zero) n = Concat<axis = 0>(m, two)
+          a = Resize<mode = "nearest">(x, , , n) }""", 2, {}),
     "means: as attribute; other axes, another rank and dropped axes stay": (
         "pool_means", 13, "float[1,2,1,1] y, float[1,2] z, float[1,1,1,4] t, float[1,1,1] u", """<float[1,2,3] w =
           {1,2,3,4,5,6}> { y = ReduceMean<axes = [-1, 2]>(x) z = ReduceMean<axes = [2, 3], keepdims = 0>(x)
