@@ -121,12 +121,25 @@ Callback::Arguments Callback::arguments(const core::OccurrenceList& occurrences,
 }
 
 /// The class is asked: the instance may have a function in front that hands the promise on, and no more.
+Ref Callback::sharing_function() const {
+  if (!keeps_nodes_ || is_default_) return {};
+  return attribute(reinterpret_cast<PyObject*>(Py_TYPE(transformation_)), callback_name);
+}
+
 Ref Callback::begin_round() const {
   static const InternedName begin_sharing("begin_sharing");
-  if (!keeps_nodes_ || is_default_) return {};
-  const Ref function = attribute(reinterpret_cast<PyObject*>(Py_TYPE(transformation_)), callback_name);
+  const Ref function = sharing_function();
+  if (!function) return {};
   const Ref begin = optional_attribute(function.get(), begin_sharing);
   return begin ? py::call(begin.get(), {transformation_, graph_}) : Ref{};
+}
+
+void Callback::end_round() const {
+  static const InternedName end_sharing("end_sharing");
+  const Ref function = sharing_function();
+  if (!function) return;
+  const Ref end = optional_attribute(function.get(), end_sharing);
+  if (end) py::call(end.get(), {graph_});
 }
 
 bool Callback::call(const Arguments& arguments) const {

@@ -31,6 +31,8 @@ class Callback {
 
   /// What the calls of one round share, for a callback that keeps nodes; to be held until the last of them.
   [[nodiscard]] Ref begin_round() const;
+  /// Does what the calls of the round have put off; to be called while what `begin_round` gave is held.
+  void end_round() const;
 
   /// True if the callback says that it will refuse the occurrence, of which only the pattern's links are bound yet.
   /// False where it does not tell such things in advance.
@@ -52,6 +54,8 @@ class Callback {
  private:
   [[nodiscard]] Ref node_mapping(std::span<const core::NodeIndex> nodes, const core::SplicePlan& plan,
                                  std::size_t index, const core::GraphTable& table, GraphWriter& writer) const;
+
+  [[nodiscard]] Ref sharing_function() const;
 
   PyObject* transformation_;
   PyObject* graph_;

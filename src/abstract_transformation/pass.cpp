@@ -123,12 +123,20 @@ void Pass::ask(const core::OccurrenceList& occurrences, const core::SplicePlan& 
                std::vector<bool>& chosen) {
   chosen.assign(occurrences.size(), false);
   const Ref round = callback_.begin_round();
-  for (std::size_t index = first; index < occurrences.size(); ++index) {
-    follow_list();
-    const Callback::Arguments arguments = callback_.arguments(occurrences, plan, index, table_, writer_);
-    chosen[index] = true;
-    chosen[index] = callback_.call(arguments);
-    if (chosen[index]) for_each_removed(occurrences, index, [&](core::NodeIndex node) { writer_.release(node); });
+  try {
+    for (std::size_t index = first; index < occurrences.size(); ++index) {
+      follow_list();
+      const Callback::Arguments arguments = callback_.arguments(occurrences, plan, index, table_, writer_);
+      chosen[index] = true;
+      chosen[index] = callback_.call(arguments);
+      if (chosen[index]) for_each_removed(occurrences, index, [&](core::NodeIndex node) { writer_.release(node); });
+    }
+    callback_.end_round();
+  } catch (...) {
+    const SavedError saved;
+    guarded_status([&] { callback_.end_round(); });
+    PyErr_Clear();
+    throw;
   }
 }
 

@@ -52,6 +52,8 @@ struct FunctionRow {
   /// nobody else changes the graph. For a callback that keeps nodes these are the calls of one round, for the method
   /// that runs a pass those of one `apply`. Null if they share nothing.
   Ref (*begin_sharing)(PyObject* transformation, PyObject* graph) = nullptr;
+  /// To be called behind the last of these calls, and again if it raised: does what was put off until then.
+  void (*end_sharing)(PyObject* graph) = nullptr;
   /// Of a callback that keeps nodes: whether it will refuse an occurrence, told from (self, graph, the dict of the
   /// pattern's links) before anything is replaced. Null if only the callback itself can tell.
   bool (*foresees_refusal)(const Call& call) = nullptr;

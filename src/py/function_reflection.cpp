@@ -122,6 +122,13 @@ PyObject* begin_sharing(PyObject* self, PyObject* arguments) {
   });
 }
 
+PyObject* end_sharing(PyObject* self, PyObject* graph) {
+  return guarded([&] {
+    if (const auto end = function_of(self).row->end_sharing; end != nullptr) end(graph);
+    return none();
+  });
+}
+
 PyObject* foresees_refusal(PyObject* self, PyObject* arguments) {
   return guarded([&] {
     std::array<PyObject*, 3> values{};
@@ -138,9 +145,10 @@ PyObject* get_foresees(PyObject* self, void* /*closure*/) {
   return boolean(function_of(self).row->foresees_refusal != nullptr).release();
 }
 
-std::array<PyMethodDef, 4> methods{{
+std::array<PyMethodDef, 5> methods{{
     {"__reduce__", reduce, METH_NOARGS, "Pickled by name."},
     {"begin_sharing", begin_sharing, METH_VARARGS, "For our own classes alone: what calls on (self, graph) share."},
+    {"end_sharing", end_sharing, METH_O, "For our own classes alone: called with the graph behind the last such call."},
     {"foresees_refusal", foresees_refusal, METH_VARARGS, "For the pass alone: (self, graph, links), before a round."},
     {nullptr, nullptr, 0, nullptr},
 }};

@@ -12,11 +12,6 @@ using py::Ref;
 
 namespace {
 
-/// Whether it is protobuf's own list, the C implementation's, and not something that behaves like one.
-bool is_message_list(PyObject* list) {
-  return std::string_view(Py_TYPE(list)->tp_name) == "google._upb._message.RepeatedCompositeContainer";
-}
-
 /// Takes a message off again that was added and could not be filled.
 void remove_last(PyObject* list) {
   const py::SavedError saved;
@@ -25,6 +20,10 @@ void remove_last(PyObject* list) {
 }
 
 }  // namespace
+
+bool is_message_list(PyObject* list) {
+  return std::string_view(Py_TYPE(list)->tp_name) == "google._upb._message.RepeatedCompositeContainer";
+}
 
 void extend(PyObject* list, PyObject* messages) {
   static const InternedName add("add");

@@ -7,6 +7,7 @@
 
 #include "py/name_index.h"
 #include "quant/names.h"
+#include "quant/round.h"
 
 namespace onnxgraft::quant {
 
@@ -14,6 +15,13 @@ using py::Ref;
 
 Ref get_init(PyObject* module, PyObject* graph, PyObject* names) {
   return call_member(module, names::transform_utilities, names::get_init, {graph, names});
+}
+
+bool look_up_is_repeatable(PyObject* module) {
+  static const py::InternedName repeatable("repeatable");
+  const Ref get_init = member(module, names::transform_utilities, names::get_init);
+  const Ref promise = py::optional_attribute(get_init.get(), repeatable);
+  return promise && py::truth(promise.get());
 }
 
 Initializer one_initializer(PyObject* module, PyObject* graph, PyObject* names) {
@@ -39,6 +47,7 @@ void add_initializers(PyObject* graph, std::initializer_list<PyObject*> records)
 void add_initializers(PyObject* graph, PyObject* list) { extend(py::attribute(graph, names::initializer).get(), list); }
 
 bool has_initializer(PyObject* graph, PyObject* name) {
+  if (Round* round = Round::on(graph); round != nullptr && round->pending().find(name) != nullptr) return true;
   return py::find_by_name(graph, names::initializer, py::attribute(graph, names::initializer).get(), name).has_value();
 }
 

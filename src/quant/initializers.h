@@ -12,6 +12,9 @@ namespace onnxgraft::quant {
 /// `transform_utilities.get_init(graph, names)`, the pair (arrays, records) as it comes.
 py::Ref get_init(PyObject* module, PyObject* graph, PyObject* names);
 
+/// Whether `get_init` promises to answer alike when it is asked twice: it is the package's own.
+bool look_up_is_repeatable(PyObject* module);
+
 /// One initializer: its contents and its record.
 struct Initializer {
   py::Ref array;
@@ -31,7 +34,7 @@ py::Ref from_array(PyObject* module, PyObject* array, PyObject* name);
 void add_initializers(PyObject* graph, std::initializer_list<PyObject*> records);
 void add_initializers(PyObject* graph, PyObject* list);
 
-/// Whether an initializer of that name is in the graph.
+/// Whether an initializer of that name is in the graph, or will be at the end of the round.
 bool has_initializer(PyObject* graph, PyObject* name);
 
 /// An initializer that gets other contents, in a new record of the same name.

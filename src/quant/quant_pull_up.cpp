@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "py/name_index.h"
 #include "quant/attributes.h"
 #include "quant/callbacks.h"
 #include "quant/host.h"
@@ -34,6 +35,7 @@ const InternedName axis("axis");
 const InternedName ndim("ndim");
 const InternedName array_equal("array_equal");
 const InternedName add("add");
+const InternedName to_array("to_array");
 
 bool equal(const Ref& left, const Ref& right) {
   return py::check(PyObject_RichCompareBool(left.get(), right.get(), Py_EQ)) != 0;
@@ -67,7 +69,12 @@ Ref bias_delta(PyObject* module, const Ref& weight, const Ref& offset) {
 class BiasCorrection {
  public:
   BiasCorrection(const Call& call, const Ref& updated)
-      : module_(call.module), graph_(call[callback::graph]), updated_(updated.get()) {}
+      : module_(call.module), graph_(call[callback::graph]), updated_(updated.get()), round_(Round::on(graph_)) {
+    // What waits is known by its name among the updated ones.
+    if (round_ != nullptr && PySet_CheckExact(updated_) != 0 && round_->may_put_off(module_)) {
+      pending_ = &round_->pending();
+    }
+  }
 
   void compute(const std::vector<ReadingConvolution>& convolutions, const Ref& offset);
   void write();
@@ -85,12 +92,15 @@ class BiasCorrection {
   [[nodiscard]] bool is_planned(const Ref& name) const;
   [[nodiscard]] bool can_share(const Ref& name, const Ref& value) const;
   void append(const Ref& name, const Ref& value);
+  bool put_off(const InitializerChange& change, PendingInitializers& pending) const;
   void replace_bias(const NewBias& bias);
   void give_bias(const NewBias& bias);
 
   PyObject* module_;
   PyObject* graph_;
   PyObject* updated_;
+  Round* round_;
+  PendingInitializers* pending_ = nullptr;  // null if new biases go into the graph at once
   std::vector<NewBias> planned_;
 };
 
@@ -101,7 +111,7 @@ bool BiasCorrection::is_planned(const Ref& name) const {
 void BiasCorrection::compute(const std::vector<ReadingConvolution>& convolutions, const Ref& offset) {
   for (const ReadingConvolution& convolution : convolutions) {
     const Ref delta = bias_delta(module_, convolution.weight, offset);
-    if (!convolution.bias) {
+    if (!convolution.bias_record) {
       planned_.push_back({&convolution, {}, py::checked(PyNumber_Negative(delta.get()))});
       continue;
     }
@@ -125,21 +135,36 @@ void BiasCorrection::write() {
 
 void BiasCorrection::append(const Ref& name, const Ref& value) {
   const Ref record = from_array(module_, value.get(), name.get());
-  add_initializers(graph_, {record.get()});
+  if (pending_ != nullptr) {
+    pending_->add(name.get(), record);
+  } else {
+    add_initializers(graph_, {record.get()});
+  }
   py::call_method(updated_, add, {name.get()});
 }
 
 void BiasCorrection::replace_bias(const NewBias& bias) {
   const Ref record = from_array(module_, bias.value.get(), bias.name.get());
   const InitializerChange change{bias.name.get(), bias.convolution->bias_record.get(), record.get()};
-  replace_initializers(graph_, {&change, 1});
+  if (pending_ == nullptr || !put_off(change, *pending_)) replace_initializers(graph_, {&change, 1});
   py::call_method(updated_, add, {bias.name.get()});
+}
+
+/// Lets the change wait, if the old record stands where its name is found.
+bool BiasCorrection::put_off(const InitializerChange& change, PendingInitializers& pending) const {
+  const Ref initializers = py::attribute(graph_, names::initializer);
+  const auto position = py::find_by_name(graph_, names::initializer, initializers.get(), change.name);
+  if (!position || py::item(initializers.get(), *position).get() != change.old_record) return false;
+  pending.add(change.name, Ref::borrow(change.new_record), change.old_record, *position);
+  return true;
 }
 
 /// Whether a bias of this `apply` already holds exactly this value.
 bool BiasCorrection::can_share(const Ref& name, const Ref& value) const {
   if (!is_updated(name) || !has_initializer(graph_, name.get())) return false;
-  const Ref existing = one_array(module_, graph_, name.get());
+  PyObject* waiting = pending_ == nullptr ? nullptr : pending_->find(name.get());
+  const Ref existing = waiting != nullptr ? call_member(module_, names::numpy_helper, to_array, {waiting})
+                                          : one_array(module_, graph_, name.get());
   if (!equal(py::attribute(existing.get(), names::dtype), py::attribute(value.get(), names::dtype))) return false;
   return py::truth(call_member(module_, names::np, array_equal, {existing.get(), value.get()}).get());
 }
@@ -159,7 +184,7 @@ void BiasCorrection::give_bias(const NewBias& bias) {
   } else {
     py::call_method(inputs.get(), names::append, {name.get()});
   }
-  if (Round* round = Round::on(graph_); round != nullptr) round->note_bias(name.get(), is_new);
+  if (round_ != nullptr) round_->note_bias(name.get(), is_new && pending_ == nullptr);
 }
 
 }  // namespace

@@ -20,8 +20,6 @@ using py::Ref;
 
 namespace {
 
-const InternedName repeatable("repeatable");
-
 thread_local QuantizingCall* innermost = nullptr;
 
 struct Method {
@@ -49,10 +47,8 @@ bool is_built_in(PyObject* transformation, const Method& method) {
 }  // namespace
 
 bool methods_are_built_in(PyObject* module, PyObject* transformation) {
-  const Ref get_init = member(module, names::transform_utilities, names::get_init);
-  const Ref promise = py::optional_attribute(get_init.get(), repeatable);
-  if (!promise || !py::truth(promise.get())) return false;
-  return std::ranges::all_of(methods, [&](const Method& method) { return is_built_in(transformation, method); });
+  const auto built_in = [&](const Method& method) { return is_built_in(transformation, method); };
+  return look_up_is_repeatable(module) && std::ranges::all_of(methods, built_in);
 }
 
 Ref call_own(const Call& call, OwnMethod method, std::initializer_list<PyObject*> arguments,

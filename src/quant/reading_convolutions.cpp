@@ -109,30 +109,48 @@ Ref padding_words(const std::vector<Ref>& convolutions, PyObject* tensor) {
 
 std::optional<std::vector<ReadingConvolution>> with_tensors(PyObject* module, PyObject* graph,
                                                             std::vector<Ref> convolutions) {
+  Round* round = Round::on(graph);
+  const auto pending = [&](const Ref& name) { return round == nullptr ? nullptr : round->pending().find(name.get()); };
   const Ref weight_names = py::checked(PyList_New(0));
   const Ref bias_names = py::checked(PyList_New(0));
-  std::vector<bool> has_bias;
-  for (const Ref& node : convolutions) {
-    const Ref inputs = py::attribute(node.get(), names::input);
-    py::check(PyList_Append(weight_names.get(), py::item(inputs.get(), weight_input).get()));
-    const Ref name = bias_name(node);
-    has_bias.push_back(static_cast<bool>(name));
-    if (name) py::check(PyList_Append(bias_names.get(), name.get()));
-  }
-  std::optional<Found> weights = look_up(module, graph, weight_names);
-  if (!weights) return std::nullopt;
-  std::optional<Found> biases = look_up(module, graph, bias_names);
-  if (!biases) return std::nullopt;
-
   std::vector<ReadingConvolution> found;
-  std::size_t next_bias = 0;
-  for (std::size_t index = 0; index < convolutions.size(); ++index) {
-    ReadingConvolution convolution{std::move(convolutions[index]), std::move(weights->arrays[index]), {}, {}};
-    if (has_bias[index]) {
-      convolution.bias = std::move(biases->arrays[next_bias]);
-      convolution.bias_record = std::move(biases->records[next_bias++]);
+  for (Ref& node : convolutions) {
+    const Ref inputs = py::attribute(node.get(), names::input);
+    const Ref weight_name = py::item(inputs.get(), weight_input);
+    if (pending(weight_name) != nullptr) round->write_pending();
+    py::check(PyList_Append(weight_names.get(), weight_name.get()));
+    found.push_back({std::move(node), {}, {}, {}});
+  }
+  std::vector<ReadingConvolution*> with_bias;
+  for (ReadingConvolution& convolution : found) {
+    const Ref name = bias_name(convolution.node);
+    if (!name) continue;
+    if (PyObject* record = pending(name); record != nullptr) {
+      convolution.bias_record = Ref::borrow(record);
+      continue;
     }
-    found.push_back(std::move(convolution));
+    py::check(PyList_Append(bias_names.get(), name.get()));
+    with_bias.push_back(&convolution);
+  }
+  const auto look_up_all = [&](const Ref& names) {
+    try {
+      return look_up(module, graph, names);
+    } catch (const py::PythonError&) {
+      // The error counts the graph's initializers: it is raised once more when all are there.
+      if (round == nullptr || round->pending().empty() || PyErr_ExceptionMatches(PyExc_ValueError) == 0) throw;
+      PyErr_Clear();
+      round->write_pending();
+      return look_up(module, graph, names);
+    }
+  };
+  std::optional<Found> weights = look_up_all(weight_names);
+  if (!weights) return std::nullopt;
+  std::optional<Found> biases = look_up_all(bias_names);
+  if (!biases) return std::nullopt;
+  for (std::size_t index = 0; index < found.size(); ++index) found[index].weight = std::move(weights->arrays[index]);
+  for (std::size_t index = 0; index < with_bias.size(); ++index) {
+    with_bias[index]->bias = std::move(biases->arrays[index]);
+    with_bias[index]->bias_record = std::move(biases->records[index]);
   }
   return found;
 }

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "quant/host.h"
+#include "quant/initializers.h"
 #include "quant/names.h"
 #include "quant/tensor_names.h"
 
@@ -51,6 +52,20 @@ Ref begin_round(PyObject* /*transformation*/, PyObject* graph) {
   [[maybe_unused]] const Round* const owned_by_capsule = round.release();
   return Ref::steal(capsule);
 }
+
+void finish_round(PyObject* graph) {
+  if (Round* round = Round::on(graph); round != nullptr) round->write_pending();
+}
+
+bool Round::may_put_off(PyObject* module) {
+  if (!may_put_off_) {
+    const Ref initializers = py::attribute(graph_.get(), names::initializer);
+    may_put_off_ = is_message_list(initializers.get()) && look_up_is_repeatable(module);
+  }
+  return *may_put_off_;
+}
+
+void Round::write_pending() { pending_.write(py::attribute(graph_.get(), names::initializer).get()); }
 
 Round* Round::on(PyObject* graph) noexcept {
   const auto found = std::ranges::find(std::views::reverse(open_rounds()), graph, &Round::graph);

@@ -14,11 +14,15 @@
 
 #include "py/objects.h"
 #include "quant/name_positions.h"
+#include "quant/pending_initializers.h"
 
 namespace onnxgraft::quant {
 
 /// Begins a round on the graph; it ends when the object that comes back goes away.
 py::Ref begin_round(PyObject* transformation, PyObject* graph);
+
+/// Writes what the round on the graph has collected. To be called behind the last callback, and again after an error.
+void finish_round(PyObject* graph);
 
 class Round {
  public:
@@ -44,8 +48,15 @@ class Round {
   /// False if nothing in the graph defines a tensor of that name.
   bool may_be_tensor_name(PyObject* name);
 
-  /// A callback has given a convolution an initializer as its bias; `is_new` if it made it.
+  /// A callback has given a convolution an initializer as its bias; `is_new` if it has appended it to the list.
   void note_bias(PyObject* name, bool is_new);
+
+  /// Whether new initializers may wait: not where somebody else looks initializers up, or keeps the list.
+  bool may_put_off(PyObject* module);
+  /// Initializers that wait for the end of the round.
+  [[nodiscard]] PendingInitializers& pending() noexcept { return pending_; }
+  /// Puts them into the graph now.
+  void write_pending();
 
   [[nodiscard]] PyObject* graph() const noexcept { return graph_.get(); }
 
@@ -61,6 +72,8 @@ class Round {
   Py_ssize_t nodes_read_ = -1;    // length of the list in `readers_`
   Py_ssize_t nodes_named_ = -1;   // length of the list in `names_`
   Py_ssize_t initializers_ = -1;  // number of those in `names_` and since
+  PendingInitializers pending_;
+  std::optional<bool> may_put_off_;
   std::unordered_set<NamePositions::Hash> biases_;  // given since the round began
 };
 

@@ -3,11 +3,12 @@
 Both leave the same bytes: after refusals, in one apply after the other, and inside of each other's callbacks.
 """
 
+from types import SimpleNamespace
 from typing import Any
 
 import numpy as np
 import pytest
-from onnx import GraphProto
+from onnx import GraphProto, TensorProto, numpy_helper
 
 from helpers.classes import CLASSES, class_graph
 from onnxgraft import quant
@@ -64,3 +65,34 @@ def test_the_same_bytes(name: str) -> None:
         assert list(map(str, runs[0].seen)) == list(map(str, runs[1].seen)), seed
     assert "1" in outcomes
     assert "0" in outcomes or name not in FAMILY
+
+
+@pytest.mark.parametrize("fail_at", range(3))
+@pytest.mark.parametrize("name", FAMILY)
+def test_what_waits_for_the_end_of_a_round_is_written_after_an_error(
+    name: str, fail_at: int, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    calls = 0
+
+    def from_array(*arguments: Any) -> TensorProto:
+        nonlocal calls
+        calls += 1
+        if calls > fail_at:
+            raise KeyboardInterrupt
+        return numpy_helper.from_array(*arguments)
+
+    monkeypatch.setattr(quant, "numpy_helper", SimpleNamespace(from_array=from_array, to_array=numpy_helper.to_array))
+    raised = 0
+    for seed in range(SEEDS):
+        results = []
+        for cls in (CLASSES[name], type("Walking", (CLASSES[name],), {})):
+            calls, graph = 0, class_graph(name, seed)
+            try:
+                cls().apply(graph)
+            except KeyboardInterrupt:
+                raised += 1
+            except ValueError:  # of a graph without the initializers that it reads
+                pass
+            results.append(graph.SerializeToString())
+        assert results[0] == results[1], seed
+    assert raised > 0

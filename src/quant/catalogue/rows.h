@@ -94,6 +94,7 @@ constexpr FunctionRow callback_row(Body body, Links links = Links::stay, bool (*
       .keeps_nodes = true,
       .keeps_links = links == Links::stay,
       .begin_sharing = begin_round,
+      .end_sharing = finish_round,
       .foresees_refusal = foresees_refusal,
   };
 }
