@@ -9,6 +9,7 @@ import numpy as np
 import pytest
 from onnx import GraphProto, NodeProto, TensorProto, helper, numpy_helper
 
+from helpers.classes import patterns
 from helpers.occurrences import Array, add_tensor, arrays, occurrence, same, set_attributes
 from onnxgraft import quant, transform_utilities
 from oracle.callbacks import packed
@@ -243,3 +244,12 @@ def test_a_record_of_another_type_leaves_nothing_half_added(monkeypatch: pytest.
     with pytest.raises(TypeError, match="NodeProto"):
         quant.QuantConvTransformation().apply(graph)
     assert [tensor.name for tensor in graph.initializer] == ["t1", "w", "b"]
+
+
+@pytest.mark.parametrize(("operator", "count"), [("Mul", 1), ("Add", 0)])
+def test_other_readers_of_dequantized_tensors_are_no_products(operator: str, count: int) -> None:
+    graph = occurrence(patterns("replace_concat_quant_v10")[0])
+    for k, name in enumerate(next(node for node in graph.node if node.op_type == "Concat").input):
+        graph.node.add(op_type="TesselDequant", input=[f"q{k}", "s"], output=[f"d{k}"])
+        graph.node.add(op_type=operator if k == 2 else "Mul", input=[f"d{k}", "x"], output=[name])
+    assert PRODUCTS().apply(graph) == count
