@@ -7,6 +7,7 @@ from typing import Any
 
 import numpy as np
 import pytest
+from google.protobuf import __version__ as protobuf_version
 from onnx import GraphProto, NodeProto, TensorProto, helper, numpy_helper
 
 from helpers.classes import patterns
@@ -238,6 +239,7 @@ def test_what_is_inherited_gets_the_same_arguments() -> None:
     assert arguments[3] is links
 
 
+@pytest.mark.skipif(protobuf_version < "4", reason="protobuf 3 itself adds an empty record")
 def test_a_record_of_another_type_leaves_nothing_half_added(monkeypatch: pytest.MonkeyPatch) -> None:
     graph = with_tensors(occurrence(quant.QuantConvTransformation.subgraph_2, {"1": WEIGHT.astype(np.float32)}))
     monkeypatch.setattr(numpy_helper, "from_array", lambda *_: NodeProto())

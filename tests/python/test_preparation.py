@@ -21,9 +21,9 @@ CASES = {
         "make_initializers", 19, "float[2] y, float z, float a, float[2] b", """{
           one = Constant<value_float = 2.0>() two = Constant<value_ints = [1, 1]>() a = Constant<value_float = 1.5>()
           three = Constant<value = float[2] {1.0, 2.0}>() four = Constant<value_floats = [0.5, 3.0]>()
-          n = Constant<value_int = 3>() text = Constant<value_strings = ["u", "v"]>() same = Equal(text, text)
+          n = Constant<value_int = 3>() text = Constant<value_strings = ["u", "v"]>() same = Size(text)
           half = Cast<to = 1>(same) sum = Add(three, four) y = Add(sum, half) m = Cast<to = 1>(n) z = Mul(one, m)
-          l = Cast<to = 1>(two) s = Constant<value_string = "u">() t = Equal(s, s) tf = Cast<to = 1>(t) b = Mul(l, tf)
+          l = Cast<to = 1>(two) s = Constant<value_string = "u">() t = Size(s) tf = Cast<to = 1>(t) b = Mul(l, tf)
         }""", 7, {"Constant": 1}),
     "constants in the file format that lists initializers as inputs": (
         "make_initializers", 9, "float[1,2,4,4] y", "{ k = Constant<value = float {2.0}>() y = Mul(x, k) }", 1, {}),
