@@ -10,8 +10,8 @@
 #include "py/graph_reader.h"
 #include "py/guard.h"
 #include "py/message_list.h"
-#include "py/node_encoder.h"
 #include "py/objects.h"
+#include "py/operator_bodies.h"
 
 namespace onnxgraft::py {
 
@@ -203,12 +203,15 @@ void GraphWriter::make_missing(std::span<const NodeIndex> target, std::vector<No
   NodeEncoder encoder(graph_, table_);
   for (const NodeIndex node : target) {
     if (position_[node] != absent) continue;
-    if (held_[node] || sources_[node] != no_index || !encoder.usable()) {
+    if (held_[node] || !encoder.usable()) {
       one_by_one.push_back(node);
       continue;
     }
     now.push_back(node);
-    encoder.add(node);
+    if (!encode(node, encoder)) {
+      now.pop_back();
+      one_by_one.push_back(node);
+    }
   }
   encoder.flush();
   // A new node's object is needed again only to find the node in a list that others have changed.
@@ -219,6 +222,18 @@ void GraphWriter::make_missing(std::span<const NodeIndex> target, std::vector<No
     now.push_back(node);
     make(node);
   }
+}
+
+/// Hands a new node to the encoder; false for one that has to be made in the list itself.
+bool GraphWriter::encode(NodeIndex node, NodeEncoder& encoder) const {
+  const NodeIndex source = sources_[node];
+  if (source == no_index) {
+    encoder.add(node);
+    return true;
+  }
+  // What may be large is copied in the list: that makes one copy, not three.
+  if (may_be_large(table_.ops.text(table_.op(node)))) return false;
+  return encoder.add_copy(node, object(source).get(), table_.node_names[source] == table_.node_names[node]);
 }
 
 void GraphWriter::make(NodeIndex node) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "core/graph_table.h"
+#include "py/node_encoder.h"
 #include "py/ref.h"
 
 namespace onnxgraft::py {
@@ -52,6 +53,7 @@ class GraphWriter {
 
  private:
   void make_missing(std::span<const core::NodeIndex> target, std::vector<core::NodeIndex>& now);
+  bool encode(core::NodeIndex node, NodeEncoder& encoder) const;
   void make(core::NodeIndex node);
   void fill(PyObject* message, core::NodeIndex node);
   void move_to(std::span<const core::NodeIndex> from, std::span<const core::NodeIndex> to);

@@ -1,6 +1,7 @@
 #include "py/node_encoder.h"
 
 #include "py/objects.h"
+#include "py/wire_fields.h"
 
 namespace onnxgraft::py {
 
@@ -34,14 +35,40 @@ NodeEncoder::NodeEncoder(PyObject* graph, const core::GraphTable& table) : table
   merge_ = optional_attribute(graph, merge_from_string);
 }
 
-void NodeEncoder::add(core::NodeIndex node) {
+void NodeEncoder::add_links(core::NodeIndex node) {
   node_.clear();
   for (const core::NameId name : table_.inputs(node)) append_field(node_, number::input, table_.names.text(name));
   for (const core::NameId name : table_.outputs(node)) append_field(node_, number::output, table_.names.text(name));
-  append_field(node_, number::name, table_.names.text(table_.node_names[node]));
-  append_field(node_, number::op_type, table_.ops.text(table_.op(node)));
+}
+
+void NodeEncoder::finish_node() {
   append_field(waiting_, number::node_of_graph, node_);
   if (waiting_.size() >= flush_size) flush();
+}
+
+void NodeEncoder::add(core::NodeIndex node) {
+  add_links(node);
+  append_field(node_, number::name, table_.names.text(table_.node_names[node]));
+  append_field(node_, number::op_type, table_.ops.text(table_.op(node)));
+  finish_node();
+}
+
+bool NodeEncoder::add_copy(core::NodeIndex node, PyObject* source, bool keeps_name) {
+  static const InternedName serialize("SerializePartialToString");
+  const Ref method = optional_attribute(source, serialize);
+  if (!method) return false;
+  const Ref bytes = call(method.get(), {});
+  if (PyBytes_CheckExact(bytes.get()) == 0) return false;
+  add_links(node);
+  if (!keeps_name) append_field(node_, number::name, table_.names.text(table_.node_names[node]));
+  const auto size = static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.get()));
+  WireFields fields({PyBytes_AS_STRING(bytes.get()), size});
+  while (const auto field = fields.next()) {
+    const bool is_link = field->number == number::input || field->number == number::output;
+    if (!is_link && (keeps_name || field->number != number::name)) node_ += field->bytes;
+  }
+  finish_node();
+  return true;
 }
 
 void NodeEncoder::flush() {

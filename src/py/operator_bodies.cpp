@@ -10,6 +10,10 @@ namespace onnxgraft::py {
 
 static_assert(std::ranges::is_sorted(bodyless_operators));
 
+bool may_be_large(std::string_view op) {
+  return op == "Constant" || !std::ranges::binary_search(bodyless_operators, op);
+}
+
 bool OperatorBodies::possible(PyObject* node, core::NameId op) {
   if (op >= answers_.size()) answers_.resize(ops_.size(), Answer::unknown);
   if (answers_[op] == Answer::unknown) {

@@ -3,12 +3,16 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 #include <vector>
 
 #include "core/names.h"
 #include "py/ref.h"
 
 namespace onnxgraft::py {
+
+/// True for an operator whose nodes may hold bodies or whole tensors.
+bool may_be_large(std::string_view op);
 
 /// Answers for the operators of one graph.
 class OperatorBodies {

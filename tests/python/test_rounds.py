@@ -3,6 +3,8 @@
 Both leave the same bytes: after refusals, in one apply after the other, and inside of each other's callbacks.
 """
 
+import random
+import zlib
 from types import SimpleNamespace
 from typing import Any
 
@@ -11,6 +13,8 @@ import pytest
 from onnx import GraphProto, TensorProto, numpy_helper
 
 from helpers.classes import CLASSES, class_graph
+from helpers.graphs import random_graph
+from helpers.pairs import random_pair
 from onnxgraft import quant
 from onnxgraft.abstract_transformation import AbstractTransformation
 
@@ -96,3 +100,35 @@ def test_what_waits_for_the_end_of_a_round_is_written_after_an_error(
             results.append(graph.SerializeToString())
         assert results[0] == results[1], seed
     assert raised > 0
+
+
+class Deciding(AbstractTransformation):
+    """Refuses some occurrences, and says of itself what our own classes say of theirs."""
+
+    def _on_replace_subgraph(self, graph: Any, nodes: Any, mapping: Any, links: Any, **_: Any) -> bool:
+        return zlib.crc32(repr(sorted(links.items())[:2]).encode()) % 3 != 0
+
+
+vars(Deciding._on_replace_subgraph).update(keeps_nodes=True, keeps_links=True)
+
+
+@pytest.mark.parametrize("cls", [AbstractTransformation, Deciding])
+def test_passes_of_one_run_do_as_if_each_read_the_graph(cls: Any) -> None:
+    replaced = 0
+    for seed in range(400):
+        rng = random.Random(seed)
+        pairs = [random_pair(rng) for _ in range(2)]
+        pairs = rng.choices(pairs, k=4)
+        graphs = [random_graph(rng, pairs[0][0])]
+        graphs.append(GraphProto.FromString(graphs[0].SerializeToString()))
+        counts: list[list[int]] = []
+        for graph, shares in zip(graphs, (True, False), strict=True):
+            transformation = cls()
+            replace_all = transformation._replace_all_isomorphic_sub_graphs
+            run = replace_all.__func__.begin_sharing(transformation, graph) if shares else None
+            counts.append([replace_all(graph, *pair) for pair in pairs])
+            del run
+        assert counts[0] == counts[1], seed
+        assert graphs[0].SerializeToString() == graphs[1].SerializeToString(), seed
+        replaced += sum(count > 0 for count in counts[0]) > 1
+    assert replaced > 100

@@ -1,0 +1,69 @@
+#include "py/wire_fields.h"
+
+#include <stdexcept>
+
+namespace onnxgraft::py {
+
+namespace {
+
+constexpr std::uint64_t wire_type_bits = 3;
+constexpr std::uint64_t wire_type_mask = 7;
+
+enum WireType : std::uint8_t { variable, eight_bytes, length_delimited, begin_group, end_group, four_bytes };
+
+}  // namespace
+
+std::optional<WireField> WireFields::next() {
+  if (rest_.empty()) return std::nullopt;
+  const std::string_view begin = rest_;
+  const std::uint64_t tag = read_number();
+  skip_content(tag & wire_type_mask);
+  return WireField{tag >> wire_type_bits, begin.substr(0, begin.size() - rest_.size())};
+}
+
+/// Seven bits per byte, the lowest first; the eighth bit says that more follow.
+std::uint64_t WireFields::read_number() {
+  constexpr unsigned bits = 7;
+  constexpr unsigned most_bits = 64;
+  std::uint64_t value = 0;
+  for (unsigned shift = 0; shift < most_bits; shift += bits) {
+    const auto byte = static_cast<unsigned char>(take(1).front());
+    value |= static_cast<std::uint64_t>(byte & 0x7FU) << shift;
+    if (byte < 0x80U) return value;
+  }
+  throw std::logic_error("a number in a message has more than 64 bits");
+}
+
+void WireFields::skip_content(std::uint64_t wire_type) {
+  switch (wire_type) {
+    case variable:
+      read_number();
+      return;
+    case eight_bytes:
+      take(8);
+      return;
+    case length_delimited:
+      take(read_number());
+      return;
+    case four_bytes:
+      take(4);
+      return;
+    case begin_group:
+      while (true) {
+        const std::uint64_t inner = read_number() & wire_type_mask;
+        if (inner == end_group) return;
+        skip_content(inner);
+      }
+    default:
+      throw std::logic_error("a message holds a field of unknown kind");
+  }
+}
+
+std::string_view WireFields::take(std::uint64_t count) {
+  if (count > rest_.size()) throw std::logic_error("a message ends inside of a field");
+  const std::string_view taken = rest_.substr(0, count);
+  rest_.remove_prefix(count);
+  return taken;
+}
+
+}  // namespace onnxgraft::py
