@@ -63,7 +63,7 @@ class Callback {
   Ref keyword_names_;  // tuple
   std::vector<Ref> keyword_values_;
   std::vector<Ref> link_ids_;  // `str` per link of the rule
-  Ref foresees_refusal_;  // empty if it tells nothing in advance
+  Ref foresees_refusal_;       // empty if it tells nothing in advance
   bool is_default_ = false;
   bool keeps_nodes_ = false;
   bool keeps_links_ = false;

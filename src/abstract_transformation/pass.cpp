@@ -117,8 +117,8 @@ void Pass::follow_list() {
   if (!callback_.keeps_nodes()) writer_.follow(attribute(graph_, field::node));
 }
 
-/// Calls back once per occurrence from `first` on. On an error, `chosen` holds what has to stay: the accepted ones and the one
-/// whose callback raised.
+/// Calls back once per occurrence from `first` on. On an error, `chosen` holds what has to stay: the accepted ones and
+/// the one whose callback raised.
 void Pass::ask(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::size_t first,
                std::vector<bool>& chosen) {
   chosen.assign(occurrences.size(), false);

@@ -56,7 +56,8 @@ std::unique_ptr<GraphReading> take_reading(PyObject* transformation, PyObject* g
 }
 
 void keep_reading(PyObject* transformation, PyObject* graph, std::unique_ptr<GraphReading> reading) noexcept {
-  const auto found = std::ranges::find_if(open_runs(), [&](const Run* run) { return run->is_of(transformation, graph); });
+  const auto found =
+      std::ranges::find_if(open_runs(), [&](const Run* run) { return run->is_of(transformation, graph); });
   if (found != open_runs().end()) (*found)->reading = std::move(reading);
 }
 

@@ -1,8 +1,8 @@
 // From a GraphProto to the core's table, each field of each node read once.
 //
 // Reading goes in three steps, each only as far as a pass needs it: operator types (a pass whose operators
-// are missing ends here), nodes and links, and the other names that fresh names have to avoid. A step that an earlier pass has done
-// already costs nothing, or little.
+// are missing ends here), nodes and links, and the other names that fresh names have to avoid. A step that an earlier
+// pass has done already costs nothing, or little.
 #pragma once
 
 #include <vector>

@@ -23,8 +23,8 @@ class NodeEncoder {
 
   /// Adds the node to those that wait; what waits goes into the graph when it has become much.
   void add(core::NodeIndex node);
-  /// The same for a node that copies `source`, links and perhaps the name excepted: all else is taken over as it is. False
-  /// if it cannot be copied this way, because `source` does not give its bytes.
+  /// The same for a node that copies `source`, links and perhaps the name excepted: all else is taken over as it is.
+  /// False if it cannot be copied this way, because `source` does not give its bytes.
   bool add_copy(core::NodeIndex node, PyObject* source, bool keeps_name);
   /// Appends the nodes that wait to the graph's node list.
   void flush();

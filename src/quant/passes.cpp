@@ -18,13 +18,13 @@ Ref run_pass(const Call& call, const Pass& pass) {
                          {{names::debug, call[2]}});
 }
 
-/// What the passes of one `apply` share: nothing where other code would run in between, be it a subclass's or that of the
-/// stream which gets the debug lines.
+/// What the passes of one `apply` share: nothing where other code would run in between, be it a subclass's or that of
+/// the stream which gets the debug lines.
 Ref begin_run(const Call& call) {
   if (call[2] != Py_False || !py::defines_class_of(call.module, call[0])) return {};
   const Ref method = py::attribute(call[0], names::replace_all);
-  if (PyMethod_Check(method.get()) == 0) return {};
-  const Ref begin = py::optional_attribute(PyMethod_Function(method.get()), names::begin_sharing);
+  PyObject* function = PyMethod_Check(method.get()) != 0 ? PyMethod_Function(method.get()) : method.get();
+  const Ref begin = py::optional_attribute(function, names::begin_sharing);
   return begin ? py::call(begin.get(), {call[0], call[1]}) : Ref{};
 }
 

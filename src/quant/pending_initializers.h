@@ -23,8 +23,8 @@ class PendingInitializers {
   /// The record that waits under the name, null if there is none.
   [[nodiscard]] PyObject* find(PyObject* name) const;
 
-  /// Appends what waits to the list, in the order of the `add`s, then takes the old records out. After an error, another
-  /// call goes on where this one stopped.
+  /// Appends what waits to the list, in the order of the `add`s, then takes the old records out. After an error,
+  /// another call goes on where this one stopped.
   void write(PyObject* initializers);
 
  private:

@@ -31,8 +31,8 @@ py::Ref call_own(const py::Call& call, OwnMethod method, std::initializer_list<P
 /// Whether all of these methods are built in, and `get_init` promises to answer alike when asked twice (`repeatable`).
 bool methods_are_built_in(PyObject* module, PyObject* transformation);
 
-/// Lives as long as the callback's call. Inside, `call_own` takes the short way, and the first `get_init` is remembered,
-/// if the methods are built in.
+/// Lives as long as the callback's call. Inside, `call_own` takes the short way, and the first `get_init` is
+/// remembered, if the methods are built in.
 class QuantizingCall {
  public:
   explicit QuantizingCall(const py::Call& callback);

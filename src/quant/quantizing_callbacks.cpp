@@ -6,9 +6,9 @@
 #include "quant/callbacks.h"
 #include "quant/host.h"
 #include "quant/names.h"
-#include "quant/refusal.h"
-#include "quant/quantizing_call.h"
 #include "quant/quantized_operators.h"
+#include "quant/quantizing_call.h"
+#include "quant/refusal.h"
 
 namespace onnxgraft::quant {
 

@@ -117,6 +117,9 @@ class Recorder:
             )  # fmt: skip
             return count
 
+        # Passes of one `apply` share what they read of the graph, with a function in front that only looks on too.
+        if begin := getattr(getattr(original, "__func__", None), "begin_sharing", None):
+            vars(replace_all)["begin_sharing"] = begin
         return replace_all
 
     def _on_replace(self, original: Any, transformation: Any, *, is_default: bool) -> MethodType:
@@ -197,15 +200,16 @@ class Recorder:
 
 
 def _hand_promise_on(wrapper: Callable[..., Any], original: Any, transformation: Any, *, is_default: bool) -> None:
-    """Gives the wrapper the promise `keeps_nodes` of the callback that it calls.
+    """Gives the wrapper the promises `keeps_nodes` and `keeps_links` of the callback that it calls.
 
-    The promise is believed only if the class of the transformation is one of the module that the callback comes from,
+    They are believed only if the class of the transformation is one of the module that the callback comes from,
     so that a subclass elsewhere, which may override what the callback calls, does not inherit it. The wrapper keeps the
     callback's module and with it that rule. The default callback does nothing at all, for whatever class.
     """
     function = getattr(original, "__func__", None)
     if is_default or getattr(function, "keeps_nodes", False):
         vars(wrapper)["keeps_nodes"] = True
+        vars(wrapper)["keeps_links"] = is_default or getattr(function, "keeps_links", False)
         wrapper.__module__ = type(transformation).__module__ if is_default else function.__module__
 
 

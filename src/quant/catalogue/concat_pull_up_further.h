@@ -110,8 +110,8 @@ inline constexpr std::array lists{
 inline const std::array passes{
     pass("subgraph", "subgraph_replacement"),
 };
-inline constexpr std::array methods{name_row<"replace_concat_quant_v10">, callback_row(require_dequantized_products, Links::change),
-                                    pairs_row<passes>};
+inline constexpr std::array methods{name_row<"replace_concat_quant_v10">,
+                                    callback_row(require_dequantized_products, Links::change), pairs_row<passes>};
 inline constexpr ClassRow row{"ReplaceConcatQuantTransformationV10", pull_up_base, doc<"YOLOV7X">, lists, methods};
 
 }  // namespace concat_v10

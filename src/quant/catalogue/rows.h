@@ -10,9 +10,9 @@
 
 namespace onnxgraft::quant::rows {
 
+using py::Call;
 using py::ClassRow;
 using py::Default;
-using py::Call;
 using py::FunctionRow;
 using py::Parameter;
 using py::PatternList;
@@ -82,9 +82,11 @@ inline constexpr FunctionRow pairs_row{"_get_subgraphs_to_replace", self_alone, 
 /// What a callback does to names, inputs and outputs of nodes.
 enum class Links { stay, change };
 
-/// Our callbacks write attributes and initializers; those that change links, a new initializer's name as a further input.
+/// Our callbacks write attributes and initializers; those that change links, a new initializer's name as a further
+/// input.
 template <py::ArgumentType links_type = py::ArgumentType::dict>
-constexpr FunctionRow callback_row(Body body, Links links = Links::stay, bool (*foresees_refusal)(const Call&) = nullptr) {
+constexpr FunctionRow callback_row(Body body, Links links = Links::stay,
+                                   bool (*foresees_refusal)(const Call&) = nullptr) {
   return {
       .name = "_on_replace_subgraph",
       .parameters = callback_parameters<links_type>,
