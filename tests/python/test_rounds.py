@@ -1,4 +1,4 @@
-"""Built-in classes share what they read, between the passes of an apply and the callbacks of a round; subclasses do not.
+"""Built-in classes share what they read, in the passes of an apply and the callbacks of a round; subclasses do not.
 
 Both leave the same bytes: after refusals, in one apply after the other, and inside of each other's callbacks.
 """
