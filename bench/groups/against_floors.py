@@ -25,6 +25,7 @@ def measure(sizes: Sizes) -> Iterator[Figure]:
     yield merging(length, sizes.rounds)
     chain, network = chain_model("conv", length).graph, resnet50(sizes.resnet_width).graph
     yield quantizing(f"{length:,} Conv", 1.25, chain, sizes.rounds)
+    yield keeping(f"{length:,} Conv", chain, sizes.rounds)
     yield quantizing("ResNet-50", 1.1, network, 2 * sizes.rounds)
     yield keeping("ResNet-50", network, 2 * sizes.rounds)
     yield all_refused(length, sizes.rounds)
