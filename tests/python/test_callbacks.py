@@ -101,6 +101,7 @@ def test_everything_is_looked_up_when_it_is_used(monkeypatch: pytest.MonkeyPatch
     monkeypatch.setattr(quant, "np", None)
     with pytest.raises(AttributeError, match="random"):
         quant.QuantConvTransformation()._on_replace_subgraph(graph, [], {0: 0}, LINKS)
+    wrong: Any
     for wrong, message in (([[]] * 3, "too many values"), ([[]], "need more than 1 value"), ([[]] * 2, "need more")):
         monkeypatch.setattr(transform_utilities, "get_init", lambda *_, wrong=wrong: wrong)
         with pytest.raises(ValueError, match=message):
