@@ -246,6 +246,7 @@ REFUSALS: list[tuple[dict[str, Any], str]] = [
     ({"location": "data.bin", "length": ""}, "length '' must be a whole number"),
     ({"location": "data.bin", "offset": 16, "length": 24}, "length 24 from offset 16 must fit"),
     ({"location": "data.bin", "offset": 8, "length": 20}, "a length of 20 bytes, but dims .* take 24 bytes"),
+    ({"location": "data.bin", "offset": 8, "length": 28}, "a length of 28 bytes, but dims .* take 24 bytes"),
     ({"location": "data.bin", "offset": 16}, "a rest of 20 bytes, but dims .* take 24 bytes"),
     ({"location": "data.bin", "dims": (2**40, 2**40)}, "too large"),
     ({"location": "data.bin", "dims": (-1, 2)}, "must not be negative"),

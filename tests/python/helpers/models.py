@@ -68,7 +68,7 @@ INITIALIZERS: dict[str, list[Initializer]] = {
 
 class ModelMaker:
     def __init__(self, nodes: Sequence[str], attributes: Mapping[int, Mapping[str, Any]], seed: int) -> None:
-        self.rng = np.random.default_rng(seed)
+        self.rng: np.random.Generator = np.random.default_rng(seed)
         written = {node.output: node for node in parse_pair(nodes, []).pattern}
         needs = {name: [link.id for link in node.inputs] for name, node in written.items()}
         self.nodes = [written[name] for name in TopologicalSorter(needs).static_order() if name in written]

@@ -24,7 +24,7 @@ def graph_of(
         left, right = line.split("->")
         head, *reads = left.removesuffix(" ").split(" ")
         operator, *attributes = head.split(":")
-        values = {name: int(value) for name, _, value in (text.partition("=") for text in attributes)}
+        values: Any = {name: int(value) for name, _, value in (text.partition("=") for text in attributes)}
         graph.node.append(helper.make_node(operator, reads, right.split(), f"node_{number}", **values))
     shapes: Mapping[str, Shape] = inputs if isinstance(inputs, Mapping) else dict.fromkeys(inputs)
     graph.input.extend(helper.make_tensor_value_info(name, TensorProto.FLOAT, shape) for name, shape in shapes.items())
