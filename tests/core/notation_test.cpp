@@ -100,6 +100,7 @@ TEST(Notation, ListsThatDoNotFitTogetherAreRefused) {
       {{"A:1->2"}, {"B:1->9", "C:9i->2"}, {"replacement string 1", "column 3", "string 0 writes tensor 9"}},
       {{"A:1->2"}, {"C:9i->2", "B:1->9"}, {"replacement string 0", "column 3", "string 1 writes tensor 9"}},
       {{"A:1->2"}, {"B:9->2"}, {"replacement string 0", "column 3", "nothing provides tensor 9"}},
+      {{"A:1->2"}, {"#0", "B:9->3"}, {"replacement string 1", "column 3", "nothing provides tensor 9"}},
       {{"A:1->2", "B:2->3"}, {"B:1,2->3"}, {"replacement string 0", "column 5", "nothing provides tensor 2"}},
       {{"A:1->2", "B:2->3"}, {"#1"}, {"replacement string 0 (\"#1\")", "nothing provides tensor 2"}},
       {{"A:1->2"}, {"B:1,9->8", "C:8->9", "A:9->2"}, {"replacement string", "itself"}},
