@@ -10,11 +10,12 @@ from typing import Any
 
 import numpy as np
 import pytest
-from onnx import GraphProto, TensorProto, numpy_helper
+from onnx import GraphProto, TensorProto, helper, numpy_helper
 
 from helpers.classes import CLASSES, class_graph
 from helpers.graphs import random_graph
 from helpers.pairs import random_pair
+from helpers.small_graphs import graph_of
 from onnxgraft import quant
 from onnxgraft.abstract_transformation import AbstractTransformation
 
@@ -105,11 +106,26 @@ def test_what_waits_for_the_end_of_a_round_is_written_after_an_error(
 class Deciding(AbstractTransformation):
     """Refuses some occurrences, and says of itself what our own classes say of theirs."""
 
-    def _on_replace_subgraph(self, graph: Any, nodes: Any, mapping: Any, links: Any, **_: Any) -> bool:
-        return zlib.crc32(repr(sorted(links.items())[:2]).encode()) % 3 != 0
+    def _on_replace_subgraph(self, graph: GraphProto, *found: Any, **_: Any) -> bool:
+        return zlib.crc32(repr(sorted(found[-1].items())[:2]).encode()) % 3 != 0
 
 
 vars(Deciding._on_replace_subgraph).update(keeps_nodes=True, keeps_links=True)
+
+
+def in_one_run(cls: Any, graph: GraphProto, pairs: list[tuple[list[str], list[str]]]) -> list[int]:
+    """What the passes replace, which is the same without a run."""
+    graphs = [graph, GraphProto.FromString(graph.SerializeToString())]
+    counts: list[list[int]] = []
+    for number, each in enumerate(graphs):
+        transformation = cls()
+        replace_all = transformation._replace_all_isomorphic_sub_graphs
+        run = replace_all.__func__.begin_sharing(transformation, each) if number == 0 else None
+        counts.append([replace_all(each, *pair) for pair in pairs])
+        del run
+    assert counts[0] == counts[1], pairs
+    assert graphs[0].SerializeToString() == graphs[1].SerializeToString(), pairs
+    return counts[0]
 
 
 @pytest.mark.parametrize("cls", [AbstractTransformation, Deciding])
@@ -117,18 +133,13 @@ def test_passes_of_one_run_do_as_if_each_read_the_graph(cls: Any) -> None:
     replaced = 0
     for seed in range(400):
         rng = random.Random(seed)
-        pairs = [random_pair(rng) for _ in range(2)]
-        pairs = rng.choices(pairs, k=4)
-        graphs = [random_graph(rng, pairs[0][0])]
-        graphs.append(GraphProto.FromString(graphs[0].SerializeToString()))
-        counts: list[list[int]] = []
-        for graph, shares in zip(graphs, (True, False), strict=True):
-            transformation = cls()
-            replace_all = transformation._replace_all_isomorphic_sub_graphs
-            run = replace_all.__func__.begin_sharing(transformation, graph) if shares else None
-            counts.append([replace_all(graph, *pair) for pair in pairs])
-            del run
-        assert counts[0] == counts[1], seed
-        assert graphs[0].SerializeToString() == graphs[1].SerializeToString(), seed
-        replaced += sum(count > 0 for count in counts[0]) > 1
+        pairs = rng.choices([random_pair(rng) for _ in range(2)], k=4)
+        replaced += sum(count > 0 for count in in_one_run(cls, random_graph(rng, pairs[0][0]), pairs)) > 1
     assert replaced > 100
+
+
+def test_names_in_a_body_stay_in_use_in_a_run() -> None:
+    body = graph_of(["Relu b -> a_M"], outputs=["a_M"])
+    graph = graph_of(["A x -> a", "B a -> b", "If c -> d"], outputs=["b", "d"])
+    graph.node[2].attribute.append(helper.make_attribute("then_branch", body))
+    assert in_one_run(AbstractTransformation, graph, [(["A:0->1"], ["#0:0->1"]), (["B:0->1"], ["M:0->2", "#0:2->1"])])
