@@ -77,6 +77,8 @@ SENTENCES: list[tuple[list[str], list[str], str, str]] = [
     (["A:1->2", "B:3->4"], ["A:3->2", "B:1->4"], "A x -> a; N a -> b; B b -> c", "would close a cycle"),
     (["A:1->2", "B:3->4", "C:5->6"], ["C:5->2", "#1", "A:1->6"], "A x -> a; N a -> b; B b -> c; N c -> d; C d -> e",
      "would close a cycle"),
+    (["A:1->2", "B:3->4"], ["A:3->2", "B:1->4"], "A x -> a; If x q -> z; If x r -> y; If x a -> b; B b -> c",
+     "would close a cycle"),
     # The furthest attempt, and the first among equals.
     (["Relu:0->1", "Conv:1,2i->3"], ["#1:0,2i->3"],
      "Relu x -> y; Relu x -> b; Conv b v -> c; Relu x -> d; Conv d u -> e; Relu x -> y1",
