@@ -1,34 +1,40 @@
 #include "core/node_order.h"
 
 #include <algorithm>
-#include <tuple>
+#include <utility>
 
 namespace onnxgraft::core {
 
-std::span<const Placement::Place> Placement::places(NodeIndex anchor, Side side) const {
-  const auto found = std::ranges::equal_range(places_, std::tuple(anchor, side), {},
-                                              [](const Place& place) { return std::tuple(place.anchor, place.side); });
-  return {found.begin(), found.end()};
+void Placement::write(NodeIndex node, std::vector<NodeIndex>& list) const {
+  const auto write_all = [&](Side side) {
+    for (const Place& place : places(node)) {
+      if (place.side == side) list.push_back(place.node);
+    }
+  };
+  write_all(Side::front);
+  if (!removed_[node]) list.push_back(node);
+  write_all(Side::behind);
 }
 
-void Placement::write(NodeIndex node, std::vector<NodeIndex>& list) const {
-  for (const Place& place : places(node, Side::front)) list.push_back(place.node);
-  if (!removed_[node]) list.push_back(node);
-  for (const Place& place : places(node, Side::behind)) list.push_back(place.node);
+/// By anchor, those of one anchor in the order in which they were put there.
+void Placement::sort_places() {
+  begin_.assign(removed_.size() + 1, 0);
+  for (const Place& place : places_) ++begin_[place.anchor + 1];
+  for (std::size_t anchor = 0; anchor < removed_.size(); ++anchor) begin_[anchor + 1] += begin_[anchor];
+  std::vector<Place> sorted(places_.size());
+  std::vector<std::uint32_t> next(begin_.begin(), begin_.end() - 1);
+  for (const Place& place : places_) sorted[next[place.anchor]++] = place;
+  places_ = std::move(sorted);
 }
 
 std::vector<NodeIndex> Placement::apply(std::span<const NodeIndex> before) {
-  std::ranges::stable_sort(places_, {}, [](const Place& place) { return std::tuple(place.anchor, place.side); });
-  std::vector<bool> is_anchor(removed_.size(), false);
-  for (const Place& place : places_) is_anchor[place.anchor] = true;
+  sort_places();
   std::vector<NodeIndex> list;
   list.reserve(before.size() + places_.size());
   for (const NodeIndex node : before) {
-    if (!is_anchor[node]) {
-      if (!removed_[node]) list.push_back(node);
-      continue;
+    for (const Place& place : places(node)) {
+      if (place.side == Side::at) write(place.node, list);
     }
-    for (const Place& place : places(node, Side::at)) write(place.node, list);
     write(node, list);
   }
   return list;

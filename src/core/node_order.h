@@ -30,11 +30,15 @@ class Placement {
     Side side;
     NodeIndex node;
   };
-  [[nodiscard]] std::span<const Place> places(NodeIndex anchor, Side side) const;
+  [[nodiscard]] std::span<const Place> places(NodeIndex anchor) const {
+    return std::span(places_).subspan(begin_[anchor], begin_[anchor + 1] - begin_[anchor]);
+  }
+  void sort_places();
   void write(NodeIndex node, std::vector<NodeIndex>& list) const;
 
   std::vector<bool> removed_;
   std::vector<Place> places_;
+  std::vector<std::uint32_t> begin_;  // per anchor, once the places are sorted: where its own begin
 };
 
 /// Moves producers up in front of nodes that would come before them: for every edge with a new node at an end

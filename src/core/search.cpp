@@ -4,14 +4,6 @@
 
 namespace onnxgraft::core {
 
-std::vector<NodeIndex> RefusedSet::key(const Rule& rule, std::span<const NodeIndex> nodes) {
-  std::vector<NodeIndex> result;
-  for (std::size_t role = 0; role < nodes.size(); ++role) {
-    if (rule.nodes[role].part == 0) result.push_back(nodes[role]);
-  }
-  return result;
-}
-
 Search::Search(const GraphTable& table, const Rule& rule, Candidates& candidates, Claims& claims,
                const RefusedSet& refused)
     : table_(table),

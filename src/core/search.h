@@ -7,27 +7,14 @@
 // first choice that the claim has spoilt.
 #pragma once
 
-#include <set>
 #include <vector>
 
 #include "core/candidates.h"
 #include "core/cycle_check.h"
 #include "core/occurrence.h"
+#include "core/refused_set.h"
 
 namespace onnxgraft::core {
-
-/// Assignments that a callback refused, known by the nodes of the part that pattern node 0 is in.
-class RefusedSet {
- public:
-  void add(const Rule& rule, std::span<const NodeIndex> nodes) { keys_.insert(key(rule, nodes)); }
-  [[nodiscard]] bool contains(const Rule& rule, std::span<const NodeIndex> nodes) const {
-    return !keys_.empty() && keys_.contains(key(rule, nodes));
-  }
-
- private:
-  static std::vector<NodeIndex> key(const Rule& rule, std::span<const NodeIndex> nodes);
-  std::set<std::vector<NodeIndex>> keys_;
-};
 
 class Search {
  public:

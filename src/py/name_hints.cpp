@@ -142,7 +142,8 @@ bool NameHints::place_appended(PyObject* list, PyObject* name, Py_ssize_t positi
 }
 
 std::optional<Py_ssize_t> NameHints::rebuild(PyObject* list, PyObject* name) {
-  entries_.clear();
+  entries_ = std::pmr::unordered_map<Py_hash_t, Entry>(&memory_);
+  memory_.release();
   shift_ = 0;
   entries_.reserve(static_cast<std::size_t>(length(list)));
   std::optional<Py_ssize_t> found;

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory_resource>
 #include <optional>
 #include <unordered_map>
 
@@ -43,7 +44,9 @@ class NameHints {
   bool place_appended(PyObject* list, PyObject* name, Py_ssize_t position, const Tail& tail);
   std::optional<Py_ssize_t> rebuild(PyObject* list, PyObject* name);
 
-  std::unordered_map<Py_hash_t, Entry> entries_;
+  // Entries stand in memory in the order of the list, which is mostly the order in which they are asked for.
+  std::pmr::monotonic_buffer_resource memory_;
+  std::pmr::unordered_map<Py_hash_t, Entry> entries_{&memory_};
   Py_ssize_t next_rank_ = 0;
   Py_ssize_t shift_ = 0;  // rank less position of the last element found
 };
