@@ -132,7 +132,7 @@ PyObject* end_sharing(PyObject* self, PyObject* graph) {
 PyObject* foresees_refusal(PyObject* self, PyObject* arguments) {
   return guarded([&] {
     std::array<PyObject*, 3> values{};
-    if (PyArg_UnpackTuple(arguments, "foresees_refusal", 3, 3, &values[0], &values[1], &values[2]) == 0) {
+    if (PyArg_UnpackTuple(arguments, "foresees_refusal", 3, 3, values.data(), &values[1], &values[2]) == 0) {
       throw PythonError{};
     }
     const FunctionObject& function = function_of(self);
