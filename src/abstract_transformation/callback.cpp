@@ -23,6 +23,7 @@ bool is_own_class(PyObject* transformation, PyObject* function) {
 const InternedName nodes_promise("keeps_nodes");
 const InternedName links_promise("keeps_links");
 
+const InternedName local_promise("is_local");
 const InternedName foresees("foresees");
 const InternedName foresees_refusal_name("foresees_refusal");
 
@@ -57,6 +58,7 @@ Callback::Callback(PyObject* transformation, PyObject* graph, PyObject* extra, c
     is_default_ = row_of(function) == &default_callback();
     keeps_nodes_ = is_default_ || (promises(function, nodes_promise) && is_own_class(transformation, function));
     if (keeps_nodes_ && promises(function, foresees)) foresees_refusal_ = attribute(function, foresees_refusal_name);
+    is_local_ = keeps_nodes_ && promises(function, local_promise);
     keeps_links_ = is_default_ || (keeps_nodes_ && promises(function, links_promise));
   }
   PyObject* key = nullptr;

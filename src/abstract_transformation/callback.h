@@ -29,6 +29,9 @@ class Callback {
   /// True if it keeps nodes and promises to leave their names, inputs and outputs alone.
   [[nodiscard]] bool keeps_links() const { return keeps_links_; }
 
+  /// True if it keeps links too and looks only at the nodes that it is given, wherever they stand.
+  [[nodiscard]] bool is_local() const { return is_local_; }
+
   /// What the calls of one round share, for a callback that keeps nodes; to be held until the last of them.
   [[nodiscard]] Ref begin_round() const;
   /// Does what the calls of the round have put off; to be called while what `begin_round` gave is held.
@@ -67,6 +70,7 @@ class Callback {
   bool is_default_ = false;
   bool keeps_nodes_ = false;
   bool keeps_links_ = false;
+  bool is_local_ = false;
 };
 
 }  // namespace onnxgraft::py

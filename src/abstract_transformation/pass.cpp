@@ -93,6 +93,16 @@ void Pass::run_round(core::OccurrenceList& occurrences) {
   for (core::NodeIndex node = plan.first_new_node(); node < table_.node_count(); ++node) {
     writer_.set_source(node, plan.copied_from(node));
   }
+  if (callback_.is_local()) {
+    ask_and_replace(occurrences, plan, first, chosen);
+  } else {
+    replace_and_ask(occurrences, plan, first, chosen);
+  }
+  record(occurrences, chosen);
+}
+
+void Pass::replace_and_ask(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::size_t first,
+                           std::vector<bool>& chosen) {
   const std::vector<core::NodeIndex> before(writer_.order().begin(), writer_.order().end());
   if (!callback_.is_default()) {
     for (std::size_t index = first; index < occurrences.size(); ++index)
@@ -110,7 +120,31 @@ void Pass::run_round(core::OccurrenceList& occurrences) {
     }
   }
   take_back(occurrences, plan, before, chosen);
-  record(occurrences, chosen);
+}
+
+/// For a callback that cannot tell: the new nodes stand at the end of the list, and the old ones where they were, until
+/// all answers are known. That takes one reordering, and none where all is refused.
+void Pass::ask_and_replace(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::size_t first,
+                           std::vector<bool>& chosen) {
+  const std::vector<core::NodeIndex> before(writer_.order().begin(), writer_.order().end());
+  std::vector<core::NodeIndex> both = before;
+  for (std::size_t index = first; index < occurrences.size(); ++index) {
+    for (std::size_t entry = 0; entry < rule_->entries.size(); ++entry) {
+      if (rule_->entries[entry].kind != core::EntryKind::keep) both.push_back(plan.entry_node(index, entry));
+    }
+  }
+  writer_.rearrange(both);
+  try {
+    ask(occurrences, plan, first, chosen);
+    writer_.rearrange(plan.arrange(before, chosen));
+  } catch (...) {
+    const SavedError saved;
+    if (guarded_status([&] { writer_.rearrange(plan.arrange(before, chosen)); }) != 0) {
+      guarded_status([&] { writer_.rearrange(before); });
+    }
+    PyErr_Clear();
+    throw;
+  }
 }
 
 void Pass::follow_list() {

@@ -47,6 +47,10 @@ class Pass {
   void for_each_removed(const core::OccurrenceList& occurrences, std::size_t index, Visit visit) const;
   /// Sees to it that the writer has the graph's own list, whatever a callback did to the graph.
   void follow_list();
+  void replace_and_ask(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::size_t first,
+                       std::vector<bool>& chosen);
+  void ask_and_replace(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::size_t first,
+                       std::vector<bool>& chosen);
   [[nodiscard]] std::size_t count_foreseen(const core::OccurrenceList& occurrences) const;
   void ask(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::size_t first,
            std::vector<bool>& chosen);

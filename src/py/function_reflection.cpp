@@ -105,6 +105,10 @@ PyObject* get_keeps_links(PyObject* self, void* /*closure*/) {
   return boolean(function_of(self).row->keeps_links).release();
 }
 
+PyObject* get_is_local(PyObject* self, void* /*closure*/) {
+  return boolean(function_of(self).row->is_local).release();
+}
+
 PyObject* get_repeatable(PyObject* self, void* /*closure*/) {
   return boolean(function_of(self).row->repeatable).release();
 }
@@ -153,7 +157,7 @@ std::array<PyMethodDef, 5> methods{{
     {nullptr, nullptr, 0, nullptr},
 }};
 
-std::array<PyGetSetDef, 13> attributes{{
+std::array<PyGetSetDef, 14> attributes{{
     {"__name__", get_name, nullptr, nullptr, nullptr},
     {"__qualname__", get_qualified_name, nullptr, nullptr, nullptr},
     {"__module__", get_module, nullptr, nullptr, nullptr},
@@ -164,6 +168,7 @@ std::array<PyGetSetDef, 13> attributes{{
     {"keeps_nodes", get_keeps_nodes, nullptr, nullptr, nullptr},
     {"keeps_links", get_keeps_links, nullptr, nullptr, nullptr},
     {"foresees", get_foresees, nullptr, nullptr, nullptr},
+    {"is_local", get_is_local, nullptr, nullptr, nullptr},
     {"repeatable", get_repeatable, nullptr, nullptr, nullptr},
     {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},

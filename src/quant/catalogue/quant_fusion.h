@@ -39,7 +39,7 @@ inline constexpr ClassRow row{"FuseTesselQuantAnyTransformation", framework_base
 namespace change_quant {
 
 inline constexpr std::array bases{"FuseTesselQuantAnyTransformation"};
-inline constexpr std::array methods{name_row<"replace_quant">, callback_row(accept_equal_parameters)};
+inline constexpr std::array methods{name_row<"replace_quant">, callback_row(accept_equal_parameters, Links::own)};
 inline constexpr ClassRow row{
     "ChangeTesselQuantTransformation", bases, doc<"ResNet, YOLO, MobileNetv3, BERT">, {}, methods};
 

@@ -36,7 +36,7 @@ inline const std::array passes{
 inline constexpr std::array methods{
     apply_row(apply_passes<passes, Counting::unchecked>, nullptr),
     name_row<"update_tesselquant">,
-    callback_row(rescale_for_new_parameters),
+    callback_row(rescale_for_new_parameters, Links::own),
 };
 inline constexpr ClassRow row{"UpdateTesselQuantTransformation", framework_base, doc<"YOLOv7">, lists, methods};
 

@@ -64,7 +64,7 @@ inline constexpr std::array lists{
     PatternList{"subgraph_replacement_2", quantized},
 };
 inline constexpr std::array methods{apply_row(apply_passes<with_bias_first>), name_row<"quant_conv">,
-                                    callback_row(quantize_conv, Links::stay, has_quantized_weight)};
+                                    callback_row(quantize_conv, Links::own, has_quantized_weight)};
 inline constexpr ClassRow row{"QuantConvTransformation", quantize_bases, doc<"any CV model">, lists, methods};
 
 }  // namespace quant_conv
@@ -91,7 +91,7 @@ inline const std::array passes{
     pass("subgraph_3", "subgraph_replacement_2"),
 };
 inline constexpr std::array methods{apply_row(apply_passes<passes>), name_row<"quant_matmul">,
-                                    callback_row(quantize_matmul, Links::stay, has_quantized_weight)};
+                                    callback_row(quantize_matmul, Links::own, has_quantized_weight)};
 inline constexpr ClassRow row{"QuantMatMulTransformation", quantize_bases, doc<"NLP and CV models">, lists, methods};
 
 }  // namespace quant_matmul
@@ -108,7 +108,7 @@ inline constexpr std::array lists{
     PatternList{"subgraph_replacement_2", quantized},
 };
 inline constexpr std::array methods{apply_row(apply_passes<with_bias_first>), name_row<"quant_gemm">,
-                                    callback_row(quantize_gemm, Links::stay, has_quantized_weight)};
+                                    callback_row(quantize_gemm, Links::own, has_quantized_weight)};
 inline constexpr ClassRow row{"QuantGemmTransformation", quantize_bases, doc<"NLP and CV models">, lists, methods};
 
 }  // namespace quant_gemm

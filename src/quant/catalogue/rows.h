@@ -79,8 +79,12 @@ inline constexpr FunctionRow name_row{"get_simple_name", self_alone, simple_name
 template <const auto& passes>
 inline constexpr FunctionRow pairs_row{"_get_subgraphs_to_replace", self_alone, listed_pairs<passes>, pairs_annotation};
 
-/// What a callback does to names, inputs and outputs of nodes.
-enum class Links { stay, change };
+/// What a callback changes of names, inputs and outputs of nodes.
+enum class Links {
+  own,  // none, and it looks at no other nodes than those it is given
+  stay,
+  change,
+};
 
 /// Our callbacks write attributes and initializers; those that change links, a new initializer's name as a further
 /// input.
@@ -94,7 +98,8 @@ constexpr FunctionRow callback_row(Body body, Links links = Links::stay,
       .result_annotation = "bool",
       .collects_keywords = true,
       .keeps_nodes = true,
-      .keeps_links = links == Links::stay,
+      .keeps_links = links != Links::change,
+      .is_local = links == Links::own,
       .begin_sharing = begin_round,
       .end_sharing = finish_round,
       .foresees_refusal = foresees_refusal,
