@@ -66,7 +66,7 @@ def test_the_same_bytes(name: str) -> None:
             found = [outcome(run, graph) for run, graph in zip(runs, graphs, strict=True)]
             assert found[0] == found[1], (seed, step)
             if step and CLASSES[name]._on_replace_subgraph.is_local:
-                # What was refused inside of a callback has kept its identity, by which the pass around it finds its place.
+                # What was refused inside of a callback has kept its identity, and so its place for the pass around it.
                 for graph in graphs:
                     graph.node.sort(key=lambda node: node.SerializeToString())
             assert graphs[0].SerializeToString() == graphs[1].SerializeToString(), (seed, step)
@@ -165,7 +165,7 @@ def in_one_run(
 @pytest.mark.parametrize(
     "classes",
     [(AbstractTransformation,), (Deciding,), (Foreseeing, Deciding), (Local, Deciding)],
-    ids=["accepting", "deciding", "foreseeing"],
+    ids=["accepting", "deciding", "foreseeing", "local"],
 )
 def test_passes_of_one_run_do_as_if_each_read_the_graph(classes: tuple[Any, ...]) -> None:
     replaced = 0
