@@ -3,9 +3,11 @@
 from __future__ import annotations
 
 from collections.abc import Iterator
+from dataclasses import replace
 from functools import partial
 
 import onnx
+from floors import length_of_all_names
 
 from bench import rewrites
 from bench.figures import Figure
@@ -28,6 +30,15 @@ def measure(sizes: Sizes) -> Iterator[Figure]:
     lengths = [max(1, sizes.chains[0] // 10), *sizes.chains]
     for name, (rewrite, kind, per_link) in _KINDS.items():
         yield growth(name, rewrite, partial(_chain, kind), lengths, sizes.longest, per_link, sizes.patience)
+    for kind in ("merge", "pull_up"):
+        name = f"F2 alone, on the chain of {kind.replace('_', '-')}s"
+        figure = growth(name, _read, partial(_chain, kind), lengths, sizes.longest, 0, sizes.patience)
+        yield replace(figure, aim=None)
+
+
+def _read(graph: onnx.GraphProto) -> int:
+    length_of_all_names(graph)
+    return 0
 
 
 def _chain(kind: str, length: int) -> onnx.GraphProto:
