@@ -16,7 +16,7 @@ from bench.program import run
 from bench.sizes import TINY
 from bench.workloads import chain_model, copy_of
 
-FIGURES = {"floors": 6, "peers": 0, "growth": 5, "models": 2}
+FIGURES = {"floors": 7, "peers": 0, "growth": 7, "models": 2}
 
 
 def test_a_tiny_run_fills_the_page(tmp_path: Path, repository: Path, monkeypatch: pytest.MonkeyPatch) -> None:
