@@ -48,8 +48,8 @@ struct FunctionRow {
   bool keeps_nodes = false;
   /// The same, `keeps_links`, of one that leaves names, inputs and outputs of all nodes alone.
   bool keeps_links = false;
-  /// The same, `is_local`, of one that keeps links and looks at no other nodes than those it is given, nor at where they
-  /// stand.
+  /// The same, `is_local`, of one that keeps links and looks at no other nodes than those it is given, nor at where
+  /// they stand.
   bool is_local = false;
   /// What calls that follow each other share, made before the first of them and given up behind the last; in between,
   /// nobody else changes the graph. For a callback that keeps nodes these are the calls of one round, for the method

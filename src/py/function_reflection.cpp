@@ -105,9 +105,7 @@ PyObject* get_keeps_links(PyObject* self, void* /*closure*/) {
   return boolean(function_of(self).row->keeps_links).release();
 }
 
-PyObject* get_is_local(PyObject* self, void* /*closure*/) {
-  return boolean(function_of(self).row->is_local).release();
-}
+PyObject* get_is_local(PyObject* self, void* /*closure*/) { return boolean(function_of(self).row->is_local).release(); }
 
 PyObject* get_repeatable(PyObject* self, void* /*closure*/) {
   return boolean(function_of(self).row->repeatable).release();
