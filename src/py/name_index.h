@@ -6,8 +6,10 @@
 //
 // The first of equal names counts. Short lists are walked; in longer ones a second element of a name is known
 // if it stood there when the hints were made, was appended, or was inserted so that the first one moved. Two
-// things can go unseen, both only with equal names, which no well-formed graph has: an element renamed or exchanged in
-// front of an equal name, and a graph that came to the address of a dead one (see forget_names).
+// things can go unseen, both only with equal names, which no well-formed graph has: an element that came in front of
+// an equal name by renaming, or for at least as many that went there; and a graph that came to the address of a dead
+// one (see forget_names). The former has no cheap cure: an exchange at a place that is not read leaves all else as it
+// was, so only a look-up that reads every name in front of its answer could tell.
 #pragma once
 
 #include <optional>
