@@ -51,6 +51,23 @@ bool has_initializer(PyObject* graph, PyObject* name) {
   return py::find_by_name(graph, names::initializer, py::attribute(graph, names::initializer).get(), name).has_value();
 }
 
+namespace {
+
+bool stands_at(PyObject* initializers, Py_ssize_t position, PyObject* record) {
+  return position >= 0 && py::item(initializers, position).get() == record;
+}
+
+/// A look-up that is not our own may return the record of another graph.
+void refuse_stranger(PyObject* initializers, const InitializerChange& change) {
+  if (py::check(PySequence_Contains(initializers, change.old_record)) != 0) return;
+  py::raise(
+      PyExc_ValueError,
+      "get_init(): the record that it returned for %R is not in graph.initializer: it must be one of the graph's own",
+      change.name);
+}
+
+}  // namespace
+
 void replace_initializers(PyObject* graph, std::span<const InitializerChange> changes) {
   const Ref initializers = py::attribute(graph, names::initializer);
   std::vector<std::pair<Py_ssize_t, PyObject*>> old_ones;
@@ -58,6 +75,9 @@ void replace_initializers(PyObject* graph, std::span<const InitializerChange> ch
   for (const InitializerChange& change : changes) {
     const auto position = py::find_by_name(graph, names::initializer, initializers.get(), change.name);
     old_ones.emplace_back(position.value_or(-1), change.old_record);
+    if (!stands_at(initializers.get(), old_ones.back().first, change.old_record)) {
+      refuse_stranger(initializers.get(), change);
+    }
     py::check(PyList_Append(new_ones.get(), change.new_record));
   }
   extend(initializers.get(), new_ones.get());
@@ -66,7 +86,7 @@ void replace_initializers(PyObject* graph, std::span<const InitializerChange> ch
   for (const auto& [position, record] : old_ones) {
     // `remove` compares contents with every tensor in front of the wanted one; where the very record stands at the
     // position, deleting by position does the same without reading them.
-    if (position >= 0 && py::item(initializers.get(), position).get() == record) {
+    if (stands_at(initializers.get(), position, record)) {
       py::check(PyObject_DelItem(initializers.get(), py::integer(position).get()));
     } else {
       py::call_method(initializers.get(), names::remove, {record});

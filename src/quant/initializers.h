@@ -44,8 +44,8 @@ struct InitializerChange {
   PyObject* new_record;
 };
 
-/// Appends the new records, then takes the old ones out (ValueError if one is not there): whatever fails on the way,
-/// no name is left without a record.
+/// Appends the new records, then takes the old ones out: whatever fails on the way, no name is left without a record.
+/// ValueError, and nothing is changed, if the list holds neither an old record itself nor one of equal contents.
 void replace_initializers(PyObject* graph, std::span<const InitializerChange> changes);
 
 }  // namespace onnxgraft::quant

@@ -3,6 +3,7 @@
 What a whole `apply` computes is compared with a model of each class on random graphs, in `test_callback_model.py`.
 """
 
+from contextlib import nullcontext
 from typing import Any
 
 import numpy as np
@@ -181,6 +182,24 @@ def test_a_look_up_that_gives_nothing_refuses(answer: Any, failing: int, monkeyp
     before = graph.SerializeToString()
     assert call(graph, conv_bias_updated=set()) is False
     assert graph.SerializeToString() == before
+
+
+@pytest.mark.parametrize(("returned", "left"), [("copy", (5, 66)), ("second", (0, 66)), ("stranger", (0, 5))])
+def test_the_record_that_a_look_up_returned_goes(
+    returned: str, left: tuple[int, int], monkeypatch: pytest.MonkeyPatch
+) -> None:
+    """It is found by its contents where it is not the first of its name; if it is nowhere, all stays as it was."""
+    graph = with_tensors(quantized(("w", "b")), b=BIAS + 5)
+    first, second = graph.initializer[-2:]
+    record = {"copy": TensorProto.FromString(first.SerializeToString()), "second": second}.get(returned)
+    answers = {("w",): ([WEIGHT], [TensorProto()]), ("b",): ([BIAS], [record or TensorProto(name="b")])}
+    monkeypatch.setattr(transform_utilities, "get_init", lambda _, names: answers[tuple(names)])
+    before = graph.SerializeToString()
+    expected = pytest.raises(ValueError, match="for 'b' is not in graph") if returned == "stranger" else nullcontext()
+    with expected:
+        call(graph, conv_bias_updated=set())
+    assert tuple(numpy_helper.to_array(tensor)[0] for tensor in graph.initializer if tensor.name == "b") == left
+    assert (graph.SerializeToString() == before) == (returned == "stranger")
 
 
 def test_resize_links() -> None:
