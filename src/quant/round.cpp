@@ -1,10 +1,10 @@
 #include "quant/round.h"
 
 #include <algorithm>
-#include <memory>
 #include <ranges>
 #include <utility>
 
+#include "py/under_way.h"
 #include "quant/host.h"
 #include "quant/initializers.h"
 #include "quant/names.h"
@@ -16,18 +16,8 @@ using py::Ref;
 
 namespace {
 
-constexpr const char* capsule_name = "onnxgraft.round";
-
-/// The rounds under way, whose capsules own them. More than one if several threads work, each on a graph of its own.
-std::vector<Round*>& open_rounds() {
-  static std::vector<Round*> rounds;
-  return rounds;
-}
-
-void end_round(PyObject* capsule) {
-  const std::unique_ptr<Round> round(static_cast<Round*>(PyCapsule_GetPointer(capsule, capsule_name)));
-  std::erase(open_rounds(), round.get());
-}
+/// More than one if several threads work, each on a graph of its own.
+using Rounds = py::UnderWay<Round>;
 
 NamePositions::Position position_in_list(Py_ssize_t index) { return static_cast<NamePositions::Position>(index); }
 
@@ -41,17 +31,7 @@ std::vector<Ref> nodes_at(PyObject* nodes, std::span<const NamePositions::Entry>
 
 }  // namespace
 
-Ref begin_round(PyObject* /*transformation*/, PyObject* graph) {
-  auto round = std::make_unique<Round>(graph);
-  open_rounds().push_back(round.get());
-  PyObject* capsule = PyCapsule_New(round.get(), capsule_name, end_round);
-  if (capsule == nullptr) {
-    std::erase(open_rounds(), round.get());
-    throw py::PythonError{};
-  }
-  [[maybe_unused]] const Round* const owned_by_capsule = round.release();
-  return Ref::steal(capsule);
-}
+Ref begin_round(PyObject* /*transformation*/, PyObject* graph) { return Rounds::begin(graph); }
 
 void finish_round(PyObject* graph) {
   if (Round* round = Round::on(graph); round != nullptr) round->write_pending();
@@ -68,8 +48,8 @@ bool Round::may_put_off(PyObject* module) {
 void Round::write_pending() { pending_.write(py::attribute(graph_.get(), names::initializer).get()); }
 
 Round* Round::on(PyObject* graph) noexcept {
-  const auto found = std::ranges::find(std::views::reverse(open_rounds()), graph, &Round::graph);
-  return found == open_rounds().rend() ? nullptr : *found;
+  const auto found = std::ranges::find(std::views::reverse(Rounds::all()), graph, &Round::graph);
+  return found == Rounds::all().rend() ? nullptr : *found;
 }
 
 void Round::read_readers(PyObject* nodes) {
