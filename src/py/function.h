@@ -60,9 +60,10 @@ struct FunctionRow {
   /// Of a callback that keeps nodes: whether it will refuse an occurrence, told from (self, graph, the dict of the
   /// pattern's links) before anything is replaced. Null if only the callback itself can tell.
   bool (*foresees_refusal)(const Call& call) = nullptr;
-  /// A promise of a look-up, shown as the attribute `repeatable`: called again before anything changed, it answers
-  /// alike.
-  bool repeatable = false;
+  /// Of a look-up of initializers that answers alike when asked again before anything changed: what it would say of
+  /// (graph, name), told without making an array, as (code of the element type, shape); None where it cannot tell.
+  /// `repeatable` shows whether a function has it.
+  Ref (*describe)(const Call& call) = nullptr;
   const char* doc = nullptr;
 };
 

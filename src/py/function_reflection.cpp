@@ -108,7 +108,7 @@ PyObject* get_keeps_links(PyObject* self, void* /*closure*/) {
 PyObject* get_is_local(PyObject* self, void* /*closure*/) { return boolean(function_of(self).row->is_local).release(); }
 
 PyObject* get_repeatable(PyObject* self, void* /*closure*/) {
-  return boolean(function_of(self).row->repeatable).release();
+  return boolean(function_of(self).row->describe != nullptr).release();
 }
 
 /// A function is pickled as its qualified name, like one written in Python.
@@ -143,14 +143,24 @@ PyObject* foresees_refusal(PyObject* self, PyObject* arguments) {
   });
 }
 
+PyObject* describe(PyObject* self, PyObject* arguments) {
+  return guarded([&] {
+    std::array<PyObject*, 2> values{};
+    if (PyArg_UnpackTuple(arguments, "describe", 2, 2, values.data(), &values[1]) == 0) throw PythonError{};
+    const FunctionObject& function = function_of(self);
+    return function.row->describe == nullptr ? none() : function.row->describe(Call{function.module, values, nullptr});
+  });
+}
+
 PyObject* get_foresees(PyObject* self, void* /*closure*/) {
   return boolean(function_of(self).row->foresees_refusal != nullptr).release();
 }
 
-std::array<PyMethodDef, 5> methods{{
+std::array<PyMethodDef, 6> methods{{
     {"__reduce__", reduce, METH_NOARGS, "Pickled by name."},
     {"begin_sharing", begin_sharing, METH_VARARGS, "For our own classes alone: what calls on (self, graph) share."},
     {"end_sharing", end_sharing, METH_O, "For our own classes alone: called with the graph behind the last such call."},
+    {"describe", describe, METH_VARARGS, "For our own classes alone: (graph, name) -> (type, shape) or None."},
     {"foresees_refusal", foresees_refusal, METH_VARARGS, "For the pass alone: (self, graph, links), before a round."},
     {nullptr, nullptr, 0, nullptr},
 }};

@@ -94,6 +94,14 @@ Ref tuple(std::initializer_list<PyObject*> elements) {
   return result;
 }
 
+bool is_written_in(PyObject* function, const char* module) {
+  static const InternedName name_attribute("__name__");
+  if (PyFunction_Check(function) == 0) return false;
+  PyObject* name = PyDict_GetItemWithError(PyFunction_GetGlobals(function), name_attribute.get());
+  if (name == nullptr && PyErr_Occurred() != nullptr) throw PythonError{};
+  return name != nullptr && PyUnicode_Check(name) != 0 && PyUnicode_CompareWithASCIIString(name, module) == 0;
+}
+
 bool defines_class_of(PyObject* module, PyObject* object) {
   static const InternedName name_attribute("__name__");
   auto* type = reinterpret_cast<PyObject*>(Py_TYPE(object));

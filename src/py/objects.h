@@ -67,6 +67,9 @@ Ref tuple(std::initializer_list<PyObject*> elements);
 /// True as in Python's `bool(object)`.
 inline bool truth(PyObject* object) { return check(PyObject_IsTrue(object)) != 0; }
 
+/// Whether `function` is written in Python in the module of that name: not where something else was put in its place.
+bool is_written_in(PyObject* function, const char* module);
+
 /// True if `module` holds the class of `object`, under the class's own name.
 bool defines_class_of(PyObject* module, PyObject* object);
 

@@ -3,6 +3,7 @@
 #include "quant/host.h"
 #include "quant/initializers.h"
 #include "quant/names.h"
+#include "quant/quantize_attributes.h"
 #include "quant/quantizing_call.h"
 #include "quant/scales.h"
 
@@ -67,30 +68,31 @@ bool equals(PyObject* left, const InternedName& right) {
   return py::check(PyObject_RichCompareBool(left, right.get(), Py_EQ)) != 0;
 }
 
-/// The shape of the one array that `get_init` found.
-Ref shape_of(const Ref& found) {
+/// The shape of an old tensor. Its contents are let go before memory for the new one is asked for.
+Ref shape_of(PyObject* module, PyObject* graph, PyObject* name) {
+  if (const TensorKind* kind = QuantizingCall::describe(module, graph, name)) return Ref::borrow(kind->shape.get());
+  return py::attribute(one_initializer(module, graph, py::tuple({name}).get()).array.get(), names::shape);
+}
+
+/// The element type of the tensor.
+Ref type_of(PyObject* module, PyObject* graph, PyObject* name) {
+  if (const TensorKind* kind = QuantizingCall::describe(module, graph, name)) return Ref::borrow(kind->type.get());
+  const Ref found = get_init(module, graph, py::tuple({name}).get());
   const auto [arrays, records] = py::unpack_pair(found.get());
-  const Ref array = py::unpack_one(arrays.get());
-  py::unpack_one(records.get());
-  return py::attribute(array.get(), names::shape);
+  return py::attribute(py::item(records.get(), 0).get(), names::data_type);
 }
 
 }  // namespace
 
 Ref update_quantize_node(const Call& call) {
-  const Ref offset = make_attribute(call.module, names::offset, py::checked(PyFloat_FromDouble(0.0)).get());
-  const Ref scale = make_attribute(call.module, names::scale, py::checked(PyFloat_FromDouble(1.0)).get());
-  const Ref node = mapped_node(call[1], call[2], call[3]);
-  const Ref attributes = py::attribute(node.get(), names::attribute);
-  extend(attributes.get(), py::tuple({scale.get(), offset.get()}).get());
+  add_quantize_attributes(call, call[1], mapped_node(call[1], call[2], call[3]).get());
   return py::none();
 }
 
 Ref draw_weights(const Call& call) {
   PyObject* graph = call[1];
   PyObject* weight_names = call[3];
-  // The old weight is let go before memory for the new one is asked for.
-  const Ref shape = shape_of(QuantizingCall::look_up(call.module, graph, py::item(weight_names, 0)));
+  const Ref shape = shape_of(call.module, graph, py::item(weight_names, 0).get());
   Ref drawn = draw_integers(call.module, lowest_weight, weight_bound, shape.get(), names::int8);
   if (py::truth(call[2])) drawn = py::call_method(drawn.get(), transpose);
   const Ref tensor = from_array(call.module, drawn.get(), py::item(weight_names, 1).get());
@@ -99,8 +101,7 @@ Ref draw_weights(const Call& call) {
 
 Ref draw_bias(const Call& call) {
   PyObject* bias_names = call[2];
-  const Ref old_name = py::item(bias_names, 0);
-  const Ref shape = shape_of(get_init(call.module, call[1], py::tuple({old_name.get()}).get()));
+  const Ref shape = shape_of(call.module, call[1], py::item(bias_names, 0).get());
   const Ref drawn = draw_integers(call.module, lowest_bias, bias_bound, shape.get(), names::int32);
   return from_array(call.module, drawn.get(), py::item(bias_names, 1).get());
 }
@@ -116,9 +117,7 @@ Ref draw_scales(const Call& call) {
 
 Ref needs_quantizing(const Call& call) {
   const Ref name = subscript(call[2], call[3]);
-  const Ref found = QuantizingCall::look_up(call.module, call[1], name);
-  const auto [arrays, records] = py::unpack_pair(found.get());
-  const Ref type = py::attribute(py::item(records.get(), 0).get(), names::data_type);
+  const Ref type = type_of(call.module, call[1], name.get());
   const Ref code = py::integer(int8_code);
   return py::boolean(py::check(PyObject_RichCompareBool(type.get(), code.get(), Py_EQ)) == 0);
 }

@@ -44,12 +44,22 @@ bool is_built_in(PyObject* transformation, const Method& method) {
   return row != nullptr && row->body == method.body;
 }
 
-}  // namespace
-
+/// Whether all of these methods are built in, and `get_init` promises to answer alike when asked twice.
 bool methods_are_built_in(PyObject* module, PyObject* transformation) {
   const auto built_in = [&](const Method& method) { return is_built_in(transformation, method); };
   return look_up_is_repeatable(module) && std::ranges::all_of(methods, built_in);
 }
+
+TensorKind kind_of(PyObject* module, PyObject* graph, PyObject* name) {
+  static const InternedName describe("describe");
+  const Ref look_up = member(module, names::transform_utilities, names::get_init);
+  const Ref description = py::call_method(look_up.get(), describe, {graph, name});
+  if (description.get() != Py_None) return {py::item(description.get(), 0), py::item(description.get(), 1)};
+  const Initializer found = one_initializer(module, graph, py::tuple({name}).get());
+  return {py::attribute(found.record.get(), names::data_type), py::attribute(found.array.get(), names::shape)};
+}
+
+}  // namespace
 
 Ref call_own(const Call& call, OwnMethod method, std::initializer_list<PyObject*> arguments,
              std::initializer_list<py::Keyword> keywords) {
@@ -74,19 +84,15 @@ bool QuantizingCall::is_direct(PyObject* transformation) noexcept {
   return innermost != nullptr && innermost->built_in_ && innermost->transformation_ == transformation;
 }
 
-Ref QuantizingCall::look_up(PyObject* module, PyObject* graph, const Ref& name) {
-  QuantizingCall* shared = innermost;
-  const bool sharing = shared != nullptr && shared->built_in_;
-  if (sharing && shared->found_ && shared->graph_.get() == graph && shared->name_.get() == name.get()) {
-    return std::move(shared->found_);  // not kept: it holds the contents of the weight
+const TensorKind* QuantizingCall::describe(PyObject* module, PyObject* graph, PyObject* name) {
+  QuantizingCall* call = innermost;
+  if (call == nullptr || !call->built_in_) return nullptr;
+  if (call->graph_.get() != graph || call->name_.get() != name) {
+    call->kind_ = kind_of(module, graph, name);
+    call->graph_ = Ref::borrow(graph);
+    call->name_ = Ref::borrow(name);
   }
-  Ref found = get_init(module, graph, py::tuple({name.get()}).get());
-  if (sharing) {
-    shared->graph_ = Ref::borrow(graph);
-    shared->name_ = Ref::borrow(name.get());
-    shared->found_ = Ref::borrow(found.get());
-  }
-  return found;
+  return &call->kind_;
 }
 
 }  // namespace onnxgraft::quant

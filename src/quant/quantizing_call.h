@@ -1,8 +1,8 @@
 // One call of a quantizing callback, where its transformation's own methods are the built-in ones.
 //
-// Then nobody can tell how they are called, so that they are called as C++ functions, and two of them that ask for the
-// same weight in a row (is it quantized already; what shape has it) share one reading of it: a weight is copied when it
-// is read, which for large ones costs as much as drawing the new one.
+// Then nobody can tell how they are called, so that they are called as C++ functions. Of the old tensors they want to
+// know element type and shape alone, which mostly can be told without making arrays of them; two methods that ask for
+// the same weight in a row share the answer.
 #pragma once
 
 #include <cstdint>
@@ -28,11 +28,14 @@ enum class OwnMethod : std::uint8_t {
 py::Ref call_own(const py::Call& call, OwnMethod method, std::initializer_list<PyObject*> arguments,
                  std::initializer_list<py::Keyword> keywords);
 
-/// Whether all of these methods are built in, and `get_init` promises to answer alike when asked twice (`repeatable`).
-bool methods_are_built_in(PyObject* module, PyObject* transformation);
+/// An initializer: the code of its element type, and its shape, a tuple.
+struct TensorKind {
+  py::Ref type;
+  py::Ref shape;
+};
 
-/// Lives as long as the callback's call. Inside, `call_own` takes the short way, and the first `get_init` is
-/// remembered, if the methods are built in.
+/// Lives as long as the callback's call. Inside, `call_own` and `describe` take the short way if the methods are built
+/// in.
 class QuantizingCall {
  public:
   explicit QuantizingCall(const py::Call& callback);
@@ -40,8 +43,10 @@ class QuantizingCall {
   QuantizingCall(const QuantizingCall&) = delete;
   QuantizingCall& operator=(const QuantizingCall&) = delete;
 
-  /// `get_init(graph, (name,))`, by way of the innermost call under way in this thread.
-  static py::Ref look_up(PyObject* module, PyObject* graph, const py::Ref& name);
+  /// What `get_init(graph, (name,))` would tell. Null unless the innermost call under way in this thread has built-in
+  /// methods: then the caller is to ask `get_init` itself, and unpack its answer.
+  static const TensorKind* describe(PyObject* module, PyObject* graph, PyObject* name);
+  [[nodiscard]] bool is_built_in() const noexcept { return built_in_; }
   /// Whether the innermost call is one of this transformation, with built-in methods.
   static bool is_direct(PyObject* transformation) noexcept;
 
@@ -51,7 +56,7 @@ class QuantizingCall {
   bool built_in_;
   py::Ref graph_;
   py::Ref name_;
-  py::Ref found_;
+  TensorKind kind_;  // of that name in that graph, the last that was asked for
 };
 
 }  // namespace onnxgraft::quant

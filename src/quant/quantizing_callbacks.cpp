@@ -111,11 +111,10 @@ bool replace_trans_b(const Call& call) {
 
 /// The question about the weight comes first in all three callbacks, and needs nothing that the pass has made.
 bool has_quantized_weight(const Call& call) {
-  constexpr std::size_t self = 0;
-  constexpr std::size_t graph = 1;
   constexpr std::size_t links = 2;
-  if (!methods_are_built_in(call.module, call[self])) return false;
-  const std::array<PyObject*, 4> arguments{call[self], call[graph], call[links], weight_link.get()};
+  const QuantizingCall under_way(call);
+  if (!under_way.is_built_in()) return false;
+  const std::array<PyObject*, 4> arguments{call[callback::self], call[callback::graph], call[links], weight_link.get()};
   return !py::truth(needs_quantizing(Call{call.module, arguments, nullptr}).get());
 }
 

@@ -48,6 +48,9 @@ class Round {
   /// False if nothing in the graph defines a tensor of that name.
   bool may_be_tensor_name(PyObject* name);
 
+  /// The attributes of a new quantize node as bytes, for who makes such nodes; empty at first.
+  py::Ref& quantize_attributes() noexcept { return quantize_attributes_; }
+
   /// A callback has given a convolution an initializer as its bias; `is_new` if it has appended it to the list.
   void note_bias(PyObject* name, bool is_new);
 
@@ -72,6 +75,7 @@ class Round {
   Py_ssize_t nodes_read_ = -1;    // length of the list in `readers_`
   Py_ssize_t nodes_named_ = -1;   // length of the list in `names_`
   Py_ssize_t initializers_ = -1;  // number of those in `names_` and since
+  py::Ref quantize_attributes_;
   PendingInitializers pending_;
   std::optional<bool> may_put_off_;
   std::unordered_set<NamePositions::Hash> biases_;  // given since the round began

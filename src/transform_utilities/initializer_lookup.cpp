@@ -2,6 +2,7 @@
 
 #include "py/name_index.h"
 #include "transform_utilities/external_data.h"
+#include "transform_utilities/names.h"
 
 namespace onnxgraft::transform_utilities {
 
@@ -11,7 +12,6 @@ using py::Ref;
 
 namespace {
 
-const InternedName initializer("initializer");
 const InternedName graph_name("name");
 
 void refuse_single_text(PyObject* names) {
@@ -22,7 +22,7 @@ void refuse_single_text(PyObject* names) {
 }
 
 Ref find_record(PyObject* graph, PyObject* initializers, PyObject* name) {
-  const std::optional<Py_ssize_t> position = py::find_by_name(graph, initializer, initializers, name);
+  const std::optional<Py_ssize_t> position = py::find_by_name(graph, names::initializer, initializers, name);
   if (position) return py::item(initializers, *position);
   const Ref of_graph = py::attribute(graph, graph_name);
   py::raise(
@@ -36,11 +36,11 @@ Ref find_record(PyObject* graph, PyObject* initializers, PyObject* name) {
 Ref get_init(const Call& call) {
   PyObject* graph = call[0];
   refuse_single_text(call[1]);
-  const Ref initializers = py::attribute(graph, initializer);
+  const Ref initializers = py::attribute(graph, names::initializer);
   Ref arrays = py::checked(PyList_New(0));
   Ref records = py::checked(PyList_New(0));
-  const Ref names = py::iterator(call[1]);
-  while (const Ref name = py::next(names.get())) {
+  const Ref wanted = py::iterator(call[1]);
+  while (const Ref name = py::next(wanted.get())) {
     const Ref record = find_record(graph, initializers.get(), name.get());
     py::check(PyList_Append(arrays.get(), contents(call.module, record.get()).get()));
     py::check(PyList_Append(records.get(), record.get()));

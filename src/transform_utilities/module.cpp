@@ -5,6 +5,7 @@
 #include "py/module_entry.h"
 #include "py/objects.h"
 #include "transform_utilities/data_folder.h"
+#include "transform_utilities/description.h"
 #include "transform_utilities/initializer_lookup.h"
 
 namespace onnxgraft::transform_utilities {
@@ -44,7 +45,7 @@ constexpr py::FunctionRow get_init_row{
     .parameters = parameters,
     .body = get_init,
     .result_annotation = "Tuple[List[ndarray], List[TensorProto]]",
-    .repeatable = true,
+    .describe = description,
     .doc = get_init_documentation,
 };
 
