@@ -18,6 +18,14 @@ const InternedName raw_data("raw_data");
 const InternedName segment("segment");
 const InternedName has_field("HasField");
 
+/// A tuple of them, got by index: an iterator over protobuf's list ends in an IndexError, whose text is formatted.
+Ref elements(PyObject* list) {
+  const Py_ssize_t count = py::length(list);
+  Ref made = py::checked(PyTuple_New(count));
+  for (Py_ssize_t at = 0; at < count; ++at) PyTuple_SET_ITEM(made.get(), at, py::item(list, at).release());
+  return made;
+}
+
 /// Bytes that the shape takes; none where `reshape` would not take it as it stands.
 std::optional<std::uint64_t> byte_count(PyObject* shape, std::uint64_t size_of_one) {
   std::uint64_t count = size_of_one;
@@ -56,7 +64,7 @@ Ref description(const py::Call& call) {
   const Ref type = py::attribute(tensor.get(), names::data_type);
   const std::uint64_t size_of_one = element_size(py::integer_value(type.get()));
   if (size_of_one == 0) return py::none();
-  const Ref shape = py::checked(PySequence_Tuple(py::attribute(tensor.get(), names::dims).get()));
+  const Ref shape = elements(py::attribute(tensor.get(), names::dims).get());
   const std::optional<std::uint64_t> count = byte_count(shape.get(), size_of_one);
   return count && holds(tensor.get(), *count) ? py::tuple({type.get(), shape.get()}) : py::none();
 }

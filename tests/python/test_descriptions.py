@@ -44,12 +44,10 @@ class Reading(quant.QuantConvTransformation):
 
 
 def two_convolutions(fields: dict[str, Any]) -> GraphProto:
-    weight = {"dims": [2, 3], "data_type": 1, "raw_data": RAW} | fields
+    given: dict[str, Any] = {"dims": [2, 3], "data_type": 1, "raw_data": RAW} | fields
+    weight = {field: value for field, value in given.items() if value is not None}
     graph = graph_of(["Conv x w b -> y", "Conv y v b -> z"], outputs=["z"], tensors={"b": ones(2)})
-    graph.initializer.extend(
-        TensorProto(name=name, **{field: value for field, value in weight.items() if value is not None})
-        for name in "vw"
-    )
+    graph.initializer.extend(TensorProto(name=name, **weight) for name in "vw")
     return graph
 
 
@@ -76,7 +74,11 @@ def test_what_stands_in_the_library_s_place_is_called(monkeypatch: pytest.Monkey
     calls: list[str] = []
 
     def noting(function: Any) -> Any:
-        return lambda *arguments: (calls.append(function.__name__), function(*arguments))[1]
+        def note(*arguments: Any) -> Any:
+            calls.append(function.__name__)
+            return function(*arguments)
+
+        return note
 
     quant.QuantConvTransformation().apply(two_convolutions({}))
     monkeypatch.setattr(numpy_helper, "to_array", noting(numpy_helper.to_array))
