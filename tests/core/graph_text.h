@@ -9,7 +9,9 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <iterator>
+#include <numeric>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -52,7 +54,7 @@ inline void add_line(GraphTable& table, const std::string& line) {
     words >> word;
   }
   const NameId op = table.ops.intern(word);
-  std::vector<NameId> lists[3];  // inputs, outputs, names read by bodies
+  std::array<std::vector<NameId>, 3> lists;  // inputs, outputs, names read by bodies
   std::size_t list = 0;
   while (words >> word) {
     if (word == "->" || word == "reads") {
@@ -97,6 +99,30 @@ inline Rule make_rule(const std::string& pattern, const std::string& replacement
   return compile_rule(words(pattern), words(replacement));
 }
 
+/// The pattern itself as a graph; its initializers are initializers.
+inline GraphTable graph_of(const Rule& rule) {
+  GraphTable table;
+  const auto name = [&](LinkId link) { return table.names.intern("t" + rule.links[link].id); };
+  for (const PatternNode& node : rule.nodes) {
+    std::vector<NameId> inputs(node.inputs.size());
+    std::ranges::transform(node.inputs, inputs.begin(), [&](const LinkUse& use) { return name(use.link); });
+    const std::vector<NameId> outputs{name(node.output)};
+    table.add_node(table.ops.intern(node.op), inputs, outputs);
+    table.node_names.push_back(no_name);
+  }
+  for (LinkId link = 0; link < rule.links.size(); ++link) {
+    if (rule.links[link].initializer) table.add_initializer(name(link));
+  }
+  table.seal();
+  return table;
+}
+
+inline std::vector<NodeIndex> all_nodes(const GraphTable& table) {
+  std::vector<NodeIndex> nodes(table.original_count());
+  std::iota(nodes.begin(), nodes.end(), NodeIndex{0});
+  return nodes;
+}
+
 inline OccurrenceList search(const GraphTable& table, const Rule& rule, Claims& claims, const RefusedSet& refused) {
   Candidates candidates(table, rule);
   return Search(table, rule, candidates, claims, refused).run();
@@ -109,6 +135,7 @@ inline OccurrenceList search(const GraphTable& table, const Rule& rule) {
 
 inline std::vector<Assignment> assignments(const OccurrenceList& found) {
   std::vector<Assignment> result;
+  result.reserve(found.size());
   for (std::size_t index = 0; index < found.size(); ++index) {
     result.emplace_back(found.nodes(index).begin(), found.nodes(index).end());
   }

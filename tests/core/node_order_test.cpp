@@ -46,22 +46,5 @@ TEST(PutInOrder, AGraphWithACycleKeepsAllItsNodes) {
   EXPECT_EQ(put_in_order(table, List{0, 1, 2}, List{added, 0, 1, 2}), (List{0, 1, 2, added}));
 }
 
-TEST(Placement, StandsWhereItWasPut) {
-  Placement placement(100);
-  placement.remove(1);
-  List expected{0, 4, 7, 6, 5};
-  placement.put_at(1, 4);
-  placement.put_at(1, 5);
-  placement.put_in_front(5, 6);
-  placement.put_behind(4, 7);
-  placement.put_behind(2, 8);
-  for (NodeIndex node = 10; node < 100; ++node) {
-    placement.put_at(2, node);
-    expected.push_back(node);
-  }
-  expected.insert(expected.end(), {2, 8});
-  EXPECT_EQ(placement.apply(List{0, 1, 2}), expected);
-}
-
 }  // namespace
 }  // namespace onnxgraft::core

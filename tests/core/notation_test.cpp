@@ -27,29 +27,22 @@ struct BadString {
 TEST(Notation, MalformedStringsAreRefusedWithTheirColumn) {
   const BadString in_both[] = {
       {"", "column 1:", "operator name"},
-      {":1->2", "column 1:", "operator name"},
       {"Relu", "column 5:", "':'"},
       {"Re lu:1->2", "column 3:", "':'"},
       {"Relu:", "column 6:", "tensor id"},
       {"Relu:1", "column 7:", "'->'"},
       {"Relu:1-2", "column 7:", "'->'"},
-      {"Relu:1 ->2", "column 7:", "'->'"},
       {"Relu:1,->2", "column 8:", "tensor id"},
-      {"Relu:,1->2", "column 6:", "tensor id"},
       {"Relu:x->2", "column 6:", "tensor id"},
-      {"Relu:-1->2", "column 6:", "tensor id"},
       {"Relu:1ii->2", "column 8:", "',' or '->'"},
       {"Relu:1->", "column 9:", "tensor id"},
       {"Relu:1->2i", "column 10:", "one output"},
       {"Relu:1->2,3", "column 10:", "one output"},
-      {"Relu:1->->2", "column 9:", "tensor id"},
   };
   const BadString in_patterns[] = {
       {"#0", "column 1:", "operator name"},
-      {"#0:1->2", "column 1:", "operator name"},
       {"Relu:~->2", "column 7:", "'i'"},
       {"Relu:~i,1->2", "column 8:", "last input"},
-      {"Relu:~i,~i->2", "column 8:", "last input"},
       {"Relu:1~i->2", "column 7:", "',' or '->'"},
       {"Relu:~i", "column 8:", "'->'"},
   };
@@ -113,18 +106,13 @@ TEST(Notation, ListsThatDoNotFitTogetherAreRefused) {
   }
 }
 
+// Those that random pairs, which the tests of the package replace with, never hold.
 TEST(Notation, ListsThatFitTogetherAreAccepted) {
   const std::pair<Texts, Texts> table[] = {
       {{"Q-Lin.Conv2:007,1i,~i->12"}, {"#0"}},            // whatever an operator may be called
       {{"A:1->2", "B:2->3"}, {"#00:->2", "#1"}},          // numbers, not text
-      {{"A:1->2"}, {}},                                   // takes the node away
-      {{"A:->2"}, {"B:->2"}},                             // no inputs at all
-      {{"A:1,~i->2"}, {"#0"}},                            // a kept node has its rest as it was
       {{"A:1i->2", "B:1->3"}, {"B:1i->3", "A:1->2"}},     // "i" at one place is enough
       {{"A:1->2"}, {"B:1,9i->8", "C:9->7", "D:8,7->2"}},  // new initializer, named without "i" as well
-      {{"A:1->2"}, {"D:8->2", "B:1->8"}},                 // links forward in the list
-      {{"A:1->2", "B:2->3"}, {"#1:2->3", "C:1->2"}},      // an old tensor from a new node
-      {{"A:1->2"}, {"#0", "#0:2->9", "#0:9->8"}},         // kept and copied, twice
       {{"A:1->2", "A:1->02"}, {"#0", "#1"}},              // ids are text: 2 and 02 differ
   };
   for (const auto& [pattern, replacement] : table) EXPECT_EQ(refusal(pattern, replacement), "(accepted)");

@@ -1,8 +1,6 @@
 // Shapes on which a search that tries products of candidates would not end before the time limit of ctest.
 #include <gtest/gtest.h>
 
-#include "core/nearest_miss.h"
-#include "core/splice_plan.h"
 #include "graph_text.h"
 
 namespace onnxgraft::core {
@@ -70,26 +68,6 @@ TEST(SearchScale, ASeparatePartBesideMany) {
                                           "Quant x@ -> q@; Quant y@ -> r@; Concat q@,r@ -> c@; Conv c@,w,b -> v@; "
                                           "Dequant v@,s -> d@; LeakyRelu d@ -> l@"));
   EXPECT_EQ(count(table, pattern, replacement), some / 2);
-}
-
-TEST(SearchScale, ChainsThatAreLongAndDeep) {
-  constexpr std::size_t length = 100'000;
-  std::string lines = "Relu x -> t0";
-  for (std::size_t at = 1; at < length; ++at) {
-    lines += "; Relu t" + std::to_string(at - 1) + " -> t" + std::to_string(at);
-  }
-  GraphTable table = make_graph(lines);
-  const Rule rule = make_rule("Relu:0->1 Relu:1->2", "Clip:0->9 #1:9->2");
-  OccurrenceList found = search(table, rule);
-  ASSERT_EQ(found.size(), length / 2);
-  const SplicePlan plan(table, rule, found);
-  std::vector<NodeIndex> before(length);
-  for (NodeIndex node = 0; node < length; ++node) before[node] = node;
-  EXPECT_EQ(plan.arrange(before, std::vector<bool>(found.size(), true)).size(), length);
-  const std::vector<NodeIndex> backwards(before.rbegin(), before.rend());
-  EXPECT_EQ(plan.arrange(backwards, std::vector<bool>(found.size(), true)).size(), length);
-  EXPECT_EQ(count(table, "Relu:0->1 Relu:1->2 Neg:2->3", ""), 0U);
-  EXPECT_FALSE(find_nearest_miss(table, make_rule("Relu:0->1 Relu:1->2", "#0 #1")).has_value());
 }
 
 TEST(SearchScale, ManyRefusedBesideASeparatePart) {

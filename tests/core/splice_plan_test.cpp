@@ -9,12 +9,6 @@
 namespace onnxgraft::core {
 namespace {
 
-std::vector<NodeIndex> all_nodes(const GraphTable& table) {
-  std::vector<NodeIndex> nodes(table.original_count());
-  for (NodeIndex node = 0; node < nodes.size(); ++node) nodes[node] = node;
-  return nodes;
-}
-
 struct Case {
   const char* what;
   const char* graph;
@@ -55,19 +49,6 @@ TEST(SplicePlan, NamesWhatItAdds) {
     }
     EXPECT_EQ(lines, test.expected) << test.what;
   }
-}
-
-TEST(SplicePlan, NodesWithoutNamesGetReadableOnes) {
-  GraphTable table = make_graph("A x -> u");
-  const Rule rule = make_rule("A:0->1", "N:->9 #0:0,9->1");
-  OccurrenceList found = search(table, rule);
-  const SplicePlan plan(table, rule, found);
-  const auto list = plan.arrange(all_nodes(table), {true});
-  ASSERT_EQ(list.size(), 2U);
-  EXPECT_NE(table.node_names[list[0]], no_name);
-  EXPECT_EQ(node_line(table, list[1]), "A x,N -> u");  // a copy keeps even an empty name
-  EXPECT_EQ(plan.copied_from(list[1]), 0U);
-  EXPECT_EQ(plan.copied_from(list[0]), no_index);
 }
 
 }  // namespace

@@ -5,13 +5,11 @@ import types
 from pathlib import Path
 from xml.etree import ElementTree
 
-import numpy as np
 import pytest
 
-from bench import page, rewrites
+from bench import page
 from bench.equality import difference
 from bench.figures import Results
-from bench.peers import plain_python
 from bench.program import run
 from bench.sizes import TINY
 from bench.workloads import chain_model, copy_of
@@ -38,11 +36,7 @@ def test_a_tiny_run_fills_the_page(tmp_path: Path, repository: Path, monkeypatch
 def test_equal_results_are_told_from_others() -> None:
     graph = chain_model("conv", 3).graph
     one, two = copy_of(graph), copy_of(graph)
-    for rewrite, copy in ((rewrites.quant_conv, one), (plain_python.quant_conv, two)):
-        np.random.seed(1)
-        assert rewrite(copy) == 3
     assert difference(one, two) is None
-    assert difference(one, graph) is not None
     two.initializer[-1].dims.append(1)
     assert "initializers" in str(difference(one, two))
     two.CopyFrom(one)

@@ -11,13 +11,14 @@ from collections.abc import Callable
 import numpy as np
 import pytest
 from onnx import GraphProto, NodeProto
+from onnx.printer import to_text
 
 from helpers.furnished import furnished_graph
 from onnxgraft import catalogue
+from onnxgraft.preparation.names import all_names
 from oracle.callbacks import CALLBACKS
-from oracle.compare import difference, dump, serialized
+from oracle.compare import difference, serialized
 from oracle.matching import Table, all_assignments
-from oracle.names import all_names
 from oracle.notation import parse_pair
 from oracle.rewriting import Pass
 
@@ -62,7 +63,7 @@ def check(name: str, seed: int) -> int | type[Exception] | None:
         return None
     graphs = [GraphProto.FromString(before.SerializeToString()) for _ in range(2)]
     _ALIVE.extend(graphs)
-    head = f"{name}, seed {seed}\n{dump(before)}\n"
+    head = f"{name}, seed {seed}\n{to_text(before)}\n"
     actual, counts = None, []
     for _ in range(2):  # nothing is kept from one `apply` to the next
         expected = outcome(lambda: expected_apply(name, graphs[0]))

@@ -8,7 +8,7 @@ import onnx
 import pytest
 from onnx import helper, numpy_helper
 
-from helpers.small_graphs import model_of, ones
+from helpers.small_graphs import model_of, ones, rename_tensors
 from onnxgraft.comparison import diff
 
 LINES = ["Relu x -> a", "Conv a w -> b", "Relu b -> c", "Conv b v -> d", "Add c d -> e", "Sigmoid e -> y"]
@@ -22,14 +22,9 @@ def model(lines: list[str] = LINES, weight: float = 1.0) -> onnx.ModelProto:
 def renamed(made: onnx.ModelProto) -> onnx.ModelProto:
     """Every tensor and node under another name, initializers included."""
     made = onnx.ModelProto.FromString(made.SerializeToString())
+    rename_tensors(made.graph, "{}'")
     for node in made.graph.node:
         node.name += "'"
-        node.input[:] = [f"{name}'" for name in node.input]
-        node.output[:] = [f"{name}'" for name in node.output]
-    for tensor in made.graph.initializer:
-        tensor.name += "'"
-    for value in (*made.graph.input, *made.graph.output):
-        value.name += "'"
     return made
 
 
@@ -66,12 +61,8 @@ def test_regions(lines: list[str], regions: list[tuple[str, str, str]]) -> None:
     assert found.nodes_before == found.unchanged + sum(len(region.before.nodes) for region in found.regions)
 
 
-def other_weight(made: onnx.ModelProto) -> None:
-    made.graph.initializer[0].CopyFrom(numpy_helper.from_array(1.5 * ones(2, 2, 1, 1), "w"))
-
-
-def other_type(made: onnx.ModelProto) -> None:
-    made.graph.initializer[0].CopyFrom(numpy_helper.from_array(np.ones((2, 2, 1, 1), np.int8), "w"))
+def with_weight(values: Any) -> Any:
+    return lambda made: made.graph.initializer[0].CopyFrom(numpy_helper.from_array(values, "w"))
 
 
 def other_attribute(made: onnx.ModelProto) -> None:
@@ -95,8 +86,8 @@ def other_opset(made: onnx.ModelProto) -> None:
 @pytest.mark.parametrize(
     ("change", "text"),
     [
-        (other_weight, "initializer 'w': float32[2,2,1,1] -> float32[2,2,1,1], other values"),
-        (other_type, "region 1: changed Conv 'node_1'"),
+        (with_weight(1.5 * ones(2, 2, 1, 1)), "initializer 'w': float32[2,2,1,1] -> float32[2,2,1,1], other values"),
+        (with_weight(np.ones((2, 2, 1, 1), np.int8)), "region 1: changed Conv 'node_1'"),
         (other_attribute, "region 1: changed Conv 'node_1'"),
         (constant_node, "6 -> 7 nodes: 0 removed, 0 added, 0 changed in 0 regions, 6 unchanged (Constant +1)"),
         (swapped_operands, "region 1: changed Add 'node_4'"),

@@ -8,17 +8,15 @@ from collections.abc import Callable
 from typing import Any
 
 import pytest
-from onnx import GraphProto, TensorProto, helper
+from onnx import GraphProto
 
 from helpers.checks import dangling, is_sound, writers
 from helpers.classes import CLASSES, apply, class_graph
 from helpers.failing import FaultError, Uses
-from helpers.small_graphs import graph_of, ones
+from helpers.small_graphs import SWAP, conv_relus
 from onnxgraft.abstract_transformation import AbstractTransformation
-from oracle.names import all_names
+from onnxgraft.preparation.names import all_names
 
-PATTERN = ["Conv:0,1i->2", "Relu:2->3"]
-REPLACEMENT = ["#1:0->100", "#0:100,101i->3"]
 FAULTS = int(os.environ.get("ONNXGRAFT_FAULTS", "25"))
 
 
@@ -32,15 +30,6 @@ class Swap(AbstractTransformation):
         return self.verdict(self.calls)
 
 
-def conv_relus(count: int = 3) -> GraphProto:
-    lines = [line for i in range(count) for line in (f"Conv x{i} w{i} -> y{i}", f"Relu y{i} -> x{i + 1}")]
-    tensors = {f"w{i}": ones(1, 1, 1, 1) for i in range(count)}
-    graph = graph_of(lines, inputs=["x0"], outputs=[f"x{count}"], tensors=tensors)
-    for i in range(count):
-        graph.value_info.append(helper.make_tensor_value_info(f"y{i}", TensorProto.FLOAT, None))
-    return graph
-
-
 @pytest.mark.parametrize("verdict", [lambda _: True, lambda _: False, lambda call: call % 2 == 0])
 def test_a_fault_at_every_use(verdict: Callable[[int], bool]) -> None:
     before = conv_relus().SerializeToString(deterministic=True)
@@ -49,7 +38,7 @@ def test_a_fault_at_every_use(verdict: Callable[[int], bool]) -> None:
         graph = GraphProto.FromString(before)
         swap, uses = Swap(verdict), Uses(fail_at)
         try:
-            swap._replace_all_isomorphic_sub_graphs(uses.wrap(graph), PATTERN, REPLACEMENT)
+            swap._replace_all_isomorphic_sub_graphs(uses.wrap(graph), *SWAP)
         except FaultError:
             faults += 1
         else:

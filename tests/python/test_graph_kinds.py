@@ -15,9 +15,9 @@ from onnx import AttributeProto, GraphProto, ModelProto, NodeProto, TensorProto,
 from helpers.checks import dangling, writers
 from helpers.classes import CLASSES, apply, class_graph, patterns
 from helpers.occurrences import occurrence
-from helpers.small_graphs import graph_of, operators
+from helpers.small_graphs import graph_of, operators, rename_tensors
 from onnxgraft import quant
-from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences
+from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences, nearest_miss
 from onnxgraft.selfcheck.soundness import problems
 
 UNKNOWN = b"\xaa\x3f\x03abc"  # field 1000 + 21, three bytes: of a version of the format to come
@@ -38,18 +38,7 @@ def cycle(graph: GraphProto) -> None:
 
 
 def tensor_names(form: str) -> Edit:
-    """Every tensor renamed; `form` takes the old name."""
-
-    def edit(graph: GraphProto) -> None:
-        for node in graph.node:
-            for field in (node.input, node.output):
-                field[:] = [name and form.format(name) for name in field]
-        for tensor in graph.initializer:
-            tensor.name = form.format(tensor.name)
-        for value in (*graph.input, *graph.output, *graph.value_info):
-            value.name = form.format(value.name)
-
-    return edit
+    return lambda graph: rename_tensors(graph, form)
 
 
 def nested(depth: int) -> Edit:
@@ -146,10 +135,15 @@ def test_no_graph_at_all() -> None:
 
 def test_a_long_chain() -> None:
     count = 100_000 * SCALE
-    graph = GraphProto(node=[NodeProto(op_type="Relu", input=[f"x{k}"], output=[f"x{k + 1}"]) for k in range(count)])
-    assert replace_all(graph, ["Relu:0->1", "Relu:1->2"], ["Clip:0->2"]) == count // 2
-    assert operators(graph) == " ".join(["Clip"] * (count // 2))
-    assert graph.node[-1].output[0] == f"x{count}"
+    nodes = [NodeProto(op_type="Relu", input=[f"x{k}"], output=[f"x{k + 1}"]) for k in range(count)]
+    pattern = ["Relu:0->1", "Relu:1->2"]
+    for step in (1, -1):
+        graph = GraphProto(node=nodes[::step])
+        assert nearest_miss(graph, [*pattern, "Neg:2->3"], []) is not None
+        assert nearest_miss(graph, pattern, ["#0", "#1"]) is None
+        assert replace_all(graph, pattern, ["Clip:0->9", "#1:9->2"]) == count // 2
+        assert operators(graph) == " ".join(["Clip Relu"] * (count // 2))
+        assert graph.node[-1].output[0] == f"x{count}"
 
 
 def test_one_tensor_with_many_readers() -> None:

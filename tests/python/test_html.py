@@ -27,10 +27,8 @@ def node(op: str, name: str, inputs: str, output: str) -> NodeText:
 
 def report(name: str = "conv", count: int = 1) -> Report:
     """Two transformations of `count` occurrences, one of them refused; a third that found nothing."""
-    before, after = (
-        (node("Conv", name, "x w", "y"),),
-        (node("Q", f"{name}_q", "x", "q"), node("Conv", name, "q w", "y")),
-    )
+    before = (node("Conv", name, "x w", "y"),)
+    after = (node("Q", f"{name}_q", "x", "q"), node("Conv", name, "q w", "y"))
     shapes = {"w": "float32[2,2,3,3]"}
     accepted = Occurrence(True, None, before, after, {"0": "x", "1": "w"}, (node("Relu", name, "y", "z"),), shapes)
     refused = [Occurrence(False, name, (node("Add", f"{name}{k}", "x y", "z"),)) for k in range(count)]
@@ -121,6 +119,9 @@ def test_cards_are_apart_whatever_their_graph() -> None:
         assert y != next_y or x + w < next_x
         assert 0 <= x < x + w <= width
     assert len(shorten("漢" * 40, 30)) <= 16
+    ring = [Card("A", "a", ("z", "x"), ("y",), "kept"), Card("B", "b", ("y", "y"), ("z",), "kept")]
+    picture, _ = draw_cards(ring, {}, "ring")
+    assert [picture.count(f'class="{kind}') for kind in ("card", "pill")] == [2, 2]  # x, and z where the ring is cut
 
 
 @pytest.mark.skipif(BROWSER is None, reason="no browser")
@@ -133,10 +134,3 @@ def test_a_browser_runs_the_page_without_an_error(tmp_path: Path) -> None:
     run = subprocess.run([str(BROWSER), *options, path.as_uri()], capture_output=True, timeout=120, text=True)
     assert "6 shown" in run.stdout
     assert "CONSOLE" not in run.stderr
-
-
-def test_a_ring_is_drawn() -> None:
-    ring = [Card("A", "a", ("z", "x"), ("y",), "kept"), Card("B", "b", ("y", "y"), ("z",), "kept")]
-    picture, _ = draw_cards(ring, {}, "ring")
-    assert picture.count('class="card') == 2
-    assert picture.count('class="pill"') == 2  # x from outside, and z where the ring is cut

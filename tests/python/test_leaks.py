@@ -15,7 +15,7 @@ from onnx import GraphProto, numpy_helper
 
 from helpers.classes import CLASSES, apply, class_graph
 from helpers.failing import Uses
-from helpers.small_graphs import graph_of
+from helpers.small_graphs import SWAP, conv_relus
 from onnxgraft import quant
 from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences, nearest_miss
 from onnxgraft.transform_utilities import external_data_folder, get_init
@@ -52,9 +52,6 @@ def grows(act: Callable[[], object]) -> bool:
     return all(_growth(act) > 0.9 for _ in range(3))
 
 
-PAIR = ["Conv:0,1i->2", "Relu:2->3"], ["#1:0->100", "#0:100,101i->3"]
-
-
 class Base(AbstractTransformation):
     """Does `act(graph)` in its callback."""
 
@@ -64,12 +61,7 @@ class Base(AbstractTransformation):
         return self.act(graph)
 
 
-def conv_relus() -> GraphProto:
-    lines = ["Conv x w -> a", "Relu a -> b", "Conv b w -> c", "Relu c -> d"]
-    return graph_of(lines, inputs=["x"], outputs=["d"], tensors={"w": np.zeros((1, 1, 1, 1), np.float32)})
-
-
-def replacing(act: Callable[[GraphProto], object], pair: Any = PAIR, **extra: Any) -> Callable[[], object]:
+def replacing(act: Callable[[GraphProto], object], pair: Any = SWAP, **extra: Any) -> Callable[[], object]:
     transformation = Base()
     transformation.act = act
     return lambda: transformation._replace_all_isomorphic_sub_graphs(conv_relus(), *pair, **extra)
@@ -105,16 +97,16 @@ ENTRIES: dict[str, Callable[[], object]] = {
     "extra keywords": replacing(lambda graph: True, shared=[1], other={}),
     "wrong list": replacing(lambda graph: True, ("Conv:0->1", [])),
     "wrong notation": replacing(lambda graph: True, (["Conv:0=>1"], [])),
-    "no list of nodes": lambda: find(None, *PAIR),
-    "default callback": lambda: AbstractTransformation()._replace_all_isomorphic_sub_graphs(conv_relus(), *PAIR),
-    "find": lambda: find(conv_relus(), *PAIR),
-    "miss": lambda: nearest_miss(conv_relus(), ["Conv:0,1i->2", "Neg:2->3"], PAIR[1]),
+    "no list of nodes": lambda: find(None, *SWAP),
+    "default callback": lambda: AbstractTransformation()._replace_all_isomorphic_sub_graphs(conv_relus(), *SWAP),
+    "find": lambda: find(conv_relus(), *SWAP),
+    "miss": lambda: nearest_miss(conv_relus(), ["Conv:0,1i->2", "Neg:2->3"], SWAP[1]),
     "too few": lambda: find(conv_relus()),
-    "unknown keyword": lambda: find(conv_relus(), *PAIR, other=1),
-    "twice": lambda: find(conv_relus(), *PAIR, graph=1),
-    "look-up": read("w", "i3"),
-    "look-up of nothing": read("w", "lost"),
-    "look-up of one text": lambda: get_init(conv_relus(), "w"),
+    "unknown keyword": lambda: find(conv_relus(), *SWAP, other=1),
+    "twice": lambda: find(conv_relus(), *SWAP, graph=1),
+    "look-up": read("w0", "i3"),
+    "look-up of nothing": read("w0", "lost"),
+    "look-up of one text": lambda: get_init(conv_relus(), "w0"),
     "folders": folders,
     "wrong folder": lambda: folder(3),
     "left twice": lambda: external_data_folder(".").__exit__(None, None, None),
@@ -124,8 +116,8 @@ ENTRIES: dict[str, Callable[[], object]] = {
     "pickle": lambda: pickle.loads(pickle.dumps(copy.copy(method))),
     "subclass": lambda: type("Own", (quant.QuantConvTransformation,), {})().apply(conv_relus()),
     "abstract": quant.AbstractPullUpTesselQuantTransformation,
-    "draw weights": lambda: base._update_weights(conv_relus(), True, ["w", "n"]),
-    "draw bias": lambda: base._update_bias(conv_relus(), ["w", "n"]),
+    "draw weights": lambda: base._update_weights(conv_relus(), True, ["w0", "n"]),
+    "draw bias": lambda: base._update_bias(conv_relus(), ["w0", "n"]),
     "draw scales": lambda: base._update_tesseldequant((4,), "n"),
     "draw nothing": lambda: base._update_weights(conv_relus(), True, ["lost", "n"]),
     "precision": lambda: base._check_current_precision(conv_relus(), {}, "1"),

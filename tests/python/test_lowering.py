@@ -7,7 +7,7 @@ import onnx
 import pytest
 from onnx import TensorProto, helper
 
-from helpers.models import Array, make_model
+from helpers.models import Array
 from helpers.occurrences import packed
 from helpers.small_graphs import model_of
 from onnxgraft.evaluation import Convention, EvaluationError, evaluate, lower
@@ -115,17 +115,3 @@ def test_errors() -> None:
     for message, made in faults.items():
         with pytest.raises(EvaluationError, match=message):
             evaluate(made, {"x": X})
-
-
-def test_a_convolution_takes_the_offset_of_its_own_quantize_node_out() -> None:
-    made = make_model(
-        ["TesselQuant:0->1", "Conv:1,2i->3", "MaxPool:1->4", "Conv:4,5i->6"], {0: {"offset": 4.0}, 1: {"pads": [1] * 4}}
-    )
-    inputs = {"t0": np.full((2, 4, 5, 5), 2.0, np.float32)}
-    plain = evaluate(made, inputs)
-    centred = evaluate(made, inputs, Convention(centred=True))
-    made.graph.node[0].attribute[0].f = 0.0
-    without = evaluate(made, inputs)
-    np.testing.assert_array_equal(centred["t3"], without["t3"])
-    np.testing.assert_array_equal(centred["t6"], plain["t6"])
-    assert (centred["t3"] != plain["t3"]).any()

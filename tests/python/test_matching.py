@@ -115,6 +115,9 @@ class Own(AbstractTransformation):
         return sum(self._replace_all_isomorphic_sub_graphs(graph, *pair, debug=debug) for pair in self.pairs)
 
 
+FACTS = "{0.matched} of", " node {0.last_node} (", "node {0.pattern_node} (", "'{0.tensor}'", "node {0.reader} ("
+
+
 @pytest.mark.parametrize(("pattern", "lines", "reason", "words"), MISSES)
 def test_a_hint_says_what_would_help(pattern: list[str], lines: str, reason: str, words: str) -> None:
     graph = small_graph(lines)
@@ -124,6 +127,9 @@ def test_a_hint_says_what_would_help(pattern: list[str], lines: str, reason: str
     (explanation,) = explain(graph, Own((pattern, [f"New:{outside}->{last}"])))
     assert (explanation.reason, explanation.matches) == (reason, 0)
     assert words in (explanation.hint or ""), explanation
+    for form in FACTS:
+        fact = form.format(explanation)
+        assert reason == "missing_operator" or "None" in fact or fact in explanation.text
     assert graph.SerializeToString() == before
 
 

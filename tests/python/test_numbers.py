@@ -9,9 +9,8 @@ import numpy as np
 import onnx
 import pytest
 from onnx import numpy_helper
-from onnx.reference.ops import op_resize
 
-from helpers.models import Array, make_model, random_inputs
+from helpers.models import Array, fast_resize, make_model, random_inputs
 from onnxgraft import catalogue
 from onnxgraft.evaluation import Convention, evaluate
 
@@ -149,10 +148,7 @@ def test_simplified_shape() -> None:
     assert_equal(*both(before, after, Convention()))
 
 
-@pytest.mark.skipif(
-    not hasattr(op_resize, "_interpolate_1d_along_axis"),
-    reason="this onnx computes Resize element by element: minutes for a real model",
-)
+@fast_resize
 def test_real_models(example_models: list[Path]) -> None:
     """One transformation after the other on quantized exports; each that fires keeps every bit of the outputs."""
     fired = set()

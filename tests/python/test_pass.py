@@ -12,7 +12,7 @@ from onnx import GraphProto, NodeProto, helper
 
 from helpers.small_graphs import graph_of, operators
 from onnxgraft import quant
-from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences, nearest_miss
+from onnxgraft.abstract_transformation import AbstractTransformation
 
 PATTERN = ["Relu:0->1"]
 REPLACEMENT = ["Neg:0->100", "#0:100->1"]
@@ -148,22 +148,6 @@ def test_debug_writes_one_line_for_a_pass(capsys: pytest.CaptureFixture[str], mo
     assert second.endswith("ms; nearest miss: the graph has no TesselQuant node")
     monkeypatch.setattr(sys, "stderr", None)
     assert Negate(lambda *_: True).apply(relus(1), debug=True) == 1
-
-
-def test_find_and_nearest_miss_as_data() -> None:
-    graph = graph_of(["Relu a -> b", "Conv b w -> c", "Abs b -> d"], inputs=["a"], outputs=["c", "d"])
-    pair = ["Relu:0->1", "Conv:1,2i->3"], ["#1:0,2i->3"]
-    assert find_occurrences(graph, ["Relu:0->1"], ["#0"]) == [{"nodes": [0], "links": {"0": "a", "1": "b"}}]
-    miss = nearest_miss(graph, *pair)
-    assert miss is not None
-    assert (miss["reason"], miss["tensor"], miss["node"], miss["reader"]) == ("read_elsewhere", "b", 0, 2)
-    assert "'b' is also read by Abs node 2 (writes 'd')" in miss["text"]
-    del graph.node[2]
-    miss = nearest_miss(graph, *pair)
-    assert miss is not None
-    assert (miss["matched"], miss["last_node"], miss["reason"], miss["input"]) == (1, 0, "not_initializer", 1)
-    graph.initializer.add(name="w")
-    assert nearest_miss(graph, *pair) is None
 
 
 class Awkward:

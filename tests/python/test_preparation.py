@@ -7,8 +7,8 @@ import numpy as np
 import onnx
 import pytest
 from onnx import ModelProto, NodeProto, TensorProto, helper, numpy_helper
-from onnx.reference.ops import op_resize
 
+from helpers.models import fast_resize
 from onnxgraft.evaluation import evaluate
 from onnxgraft.evaluation.running import Array
 from onnxgraft.preparation import STEPS, PreparationError, prepare
@@ -150,10 +150,7 @@ def test_an_input_with_a_default_is_no_constant() -> None:
     assert prepare(model, ["fold_transposes"])[0].changed == 0
 
 
-@pytest.mark.skipif(
-    not hasattr(op_resize, "_interpolate_1d_along_axis"),
-    reason="this onnx computes Resize element by element: minutes for a real model",
-)
+@fast_resize
 def test_real_models_keep_their_function(example_models: list[Path]) -> None:
     """Leaves as many biases to an Identity as an exporter does that writes equal ones once."""
     for path in example_models:

@@ -4,7 +4,6 @@ ONNXGRAFT_RANDOM_GRAPHS sets the number of graphs; a failure names the seed, and
 that hypothesis draws are fewer, but a failure comes out as small as it gets.
 """
 
-import inspect
 import os
 import random
 import zlib
@@ -17,18 +16,19 @@ import pytest
 from hypothesis import given
 from hypothesis import strategies as st
 from onnx import GraphProto, NodeProto, TensorProto, helper
+from onnx.printer import to_text
 
-import onnxgraft.quant
 from helpers.checks import dangling
 from helpers.graphs import random_graph
 from helpers.pairs import random_pair
 from helpers.small_graphs import graph_of
+from onnxgraft import catalogue
 from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences, nearest_miss
+from onnxgraft.preparation.names import all_names
 from onnxgraft.selfcheck.names import reads
 from onnxgraft.selfcheck.soundness import problems
-from oracle.compare import Renaming, difference, dump, serialized
+from oracle.compare import Renaming, difference, serialized
 from oracle.matching import Table, all_assignments, choose
-from oracle.names import all_names
 from oracle.notation import Pair, parse_pair
 from oracle.rewriting import Pass
 
@@ -41,24 +41,9 @@ class Fault(BaseException):
     """Raised by a callback; no `Exception`, as a keyboard interrupt is none."""
 
 
-def catalogue_pairs() -> list[tuple[list[str], list[str]]]:
-    """The pattern and replacement lists of each class, in every combination that the notation allows."""
-    pairs = []
-    for _, cls in inspect.getmembers(onnxgraft.quant, inspect.isclass):
-        lists = {name: value for name, value in vars(cls).items() if name.startswith("subgraph")}
-        for pattern in (value for name, value in lists.items() if "_rep" not in name):
-            for replacement in (value for name, value in lists.items() if "_rep" in name):
-                try:
-                    find_occurrences(GraphProto(), pattern, replacement)
-                except ValueError:
-                    continue
-                pairs.append((pattern, replacement))
-    return pairs
-
-
-CATALOGUE = catalogue_pairs()
-
-
+CATALOGUE = [
+    (list(pattern), list(replacement)) for row in catalogue.rows().values() for pattern, replacement in row.pairs
+]
 POLICIES = ("accept", "refuse", "some", "some", "fault")
 
 
@@ -90,7 +75,7 @@ class Recorder:
         form = Renaming(graph, self.known)
         tensors = {i: form.tensor(name) for i, name in links.items()}
         shown = [serialized(form.node(node)) for node in nodes]
-        self.calls.append((shown, dict(mapping), tensors, dump(form.form), serialized(form.form)))
+        self.calls.append((shown, dict(mapping), tensors, to_text(form.form), serialized(form.form)))
         old = {i: name for i, name in sorted(links.items()) if name in self.known}
         number = len(self.calls) - 1
         if not verdict(self.policy, self.salt, number, repr(old)):
@@ -154,7 +139,7 @@ def check(seed: int) -> tuple[int, int]:
 
 
 def check_drawn(rng: random.Random, head: str = "") -> tuple[int, int]:
-    pattern, replacement = rng.choice(CATALOGUE) if CATALOGUE and rng.random() < 0.4 else random_pair(rng)
+    pattern, replacement = rng.choice(CATALOGUE) if rng.random() < 0.4 else random_pair(rng)
     before = random_graph(rng, pattern)
     if len(all_assignments(Table(before), parse_pair(pattern, replacement))) > MOST_ASSIGNMENTS:
         return 0, 0
@@ -162,7 +147,7 @@ def check_drawn(rng: random.Random, head: str = "") -> tuple[int, int]:
     known = all_names(before)
     sides = [Recorder(parse_pair(pattern, replacement), known, policy, salt) for _ in range(2)]
     graphs = [GraphProto.FromString(before.SerializeToString()) for _ in range(2)]
-    head += f"{policy}\npattern {pattern}\nreplacement {replacement}\n{dump(before)}\n"
+    head += f"{policy}\npattern {pattern}\nreplacement {replacement}\n{to_text(before)}\n"
 
     expected = Pass(graphs[0], pattern, replacement)
     expected_result = _run(lambda: expected.run(sides[0]))
@@ -183,7 +168,7 @@ def check_drawn(rng: random.Random, head: str = "") -> tuple[int, int]:
         assert origin is None or graphs[1].node[index] is held[origin], f"{head}node {index} was exchanged"
     faulted = isinstance(actual_result, str)
     faults = _new_faults(before, graphs[1], acyclic=_acyclic(graphs[0]), faulted=faulted)
-    assert not faults, f"{head}{faults}\n{dump(graphs[1])}"
+    assert not faults, f"{head}{faults}\n{to_text(graphs[1])}"
     return len(sides[1].calls), len(expected.accepted)
 
 
@@ -231,7 +216,7 @@ def test_small_patterns_on_small_graphs(block: int) -> None:
             continue
         pair = parse_pair(pattern, replacement)
         expected = [list(chosen.nodes) for chosen in choose(pair, all_assignments(Table(graph), pair), [])]
-        assert matches == expected, f"seed {seed}: {pattern} {replacement} {dump(graph)}"
+        assert matches == expected, f"seed {seed}: {pattern} {replacement} {to_text(graph)}"
         assert (nearest_miss(graph, pattern, replacement) is None) == bool(matches), f"seed {seed}"
         found, tried = found + len(matches), tried + 1
     assert found > tried / 50

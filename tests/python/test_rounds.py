@@ -18,7 +18,7 @@ from helpers.pairs import random_pair
 from helpers.small_graphs import graph_of
 from onnxgraft import quant
 from onnxgraft.abstract_transformation import AbstractTransformation
-from oracle.names import all_names
+from onnxgraft.preparation.names import all_names
 
 BASE = quant.AbstractPullUpTesselQuantTransformation
 FAMILY = sorted(name for name, cls in CLASSES.items() if issubclass(cls, BASE))

@@ -101,10 +101,7 @@ FAULTS: dict[str, tuple[str, type[AbstractTransformation]]] = {
     "equal names": ("node names", faulty(on_replace_subgraph=_same_name)),
     "half done at an exception": ("dangling", faulty(on_replace_subgraph=_drop_weight_and_raise)),
     "number for text": ("always raises", faulty(FACTOR, on_replace_subgraph=lambda *found: found[4][100])),
-    "one too many": (
-        "count",
-        faulty(apply=lambda self, graph: Sound.apply(self, graph) + 1, on_replace_subgraph=_accept),
-    ),
+    "one too many": ("count", faulty(apply=lambda *given: Sound.apply(*given) + 1, on_replace_subgraph=_accept)),
     "no count": ("count", faulty(apply=lambda *given: str(Sound.apply(*given)), on_replace_subgraph=_accept)),
     "edits without a match": ("refusal", faulty(apply=_edit_anyway, on_replace_subgraph=lambda *_: False)),
     "no end": ("endless", faulty(apply=_again_and_again, on_replace_subgraph=_accept)),

@@ -1,5 +1,6 @@
 """`verify` finds what was planted, makes inputs that models accept, and says why outputs cannot agree."""
 
+from copy import deepcopy
 from pathlib import Path
 from typing import Any
 
@@ -37,20 +38,16 @@ def tokens() -> onnx.ModelProto:
     return model
 
 
-def copy_of(model: onnx.ModelProto) -> onnx.ModelProto:
-    return onnx.ModelProto.FromString(model.SerializeToString())
-
-
 def test_inputs_are_valid_and_planted_differences_are_found() -> None:
     before = tokens()
-    unsorted = copy_of(before)
+    unsorted = deepcopy(before)
     unsorted.graph.node.insert(0, unsorted.graph.node.pop())
     result = verify(before, unsorted, sizes={"tokens": 40}, runs=2)
     assert result.passed
     # The width of the picture follows from the weight; ids stay below the 5 and 2 rows, or the evaluator would fail.
     assert result.inputs["picture"] == "float32[1,7]"
     assert [row.shape for row in result.rows][:1] == [(1, 40)]
-    after = copy_of(before)
+    after = deepcopy(before)
     after.graph.initializer[2].CopyFrom(numpy_helper.from_array(np.float32(1.001) * ones(7, 2), "w"))
     failed = verify(before, after)
     assert [row.passed for row in failed.rows] == [True, True, False]
@@ -64,7 +61,7 @@ def test_quantized_models() -> None:
     """Random weights are named as the reason; what is made of a quantized model is compared as such."""
     nodes = ["Relu:1->2", "Conv:2,3i,4i->5", "TesselDequant:5,6i->7"]
     after = make_model(["TesselQuant:1->2", *nodes[1:]])
-    before = copy_of(after)
+    before = deepcopy(after)
     for tensor in before.graph.initializer:
         tensor.CopyFrom(numpy_helper.from_array(numpy_helper.to_array(tensor).astype(np.float32), tensor.name))
     before.graph.node[0].CopyFrom(helper.make_node("Identity", ["t1"], ["t2"]))
@@ -74,7 +71,7 @@ def test_quantized_models() -> None:
     assert any("drawn at random" in note for note in failed.notes)
     (row,) = [row for name, row in catalogue.rows().items() if name == "replace_quant"]
     quantized = make_model(row.pairs[0][0], {0: {"offset": 3.0}, 2: {"offset": 3.0}})
-    merged = copy_of(quantized)
+    merged = deepcopy(quantized)
     assert row.apply(merged.graph) == 1
     assert verify(quantized, merged).passed
 
@@ -151,5 +148,5 @@ def test_comparison(first: Any, second: Any, passed: bool) -> None:
 
 def test_external_data_is_read_from_its_folder(tmp_path: Path) -> None:
     model, path = tokens(), tmp_path / "m.onnx"
-    onnx.save_model(copy_of(model), path, save_as_external_data=True, location="m.data", size_threshold=0)
+    onnx.save_model(deepcopy(model), path, save_as_external_data=True, location="m.data", size_threshold=0)
     assert verify(model, onnx.load(path, load_external_data=False), folder_after=tmp_path).passed

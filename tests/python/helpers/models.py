@@ -13,12 +13,18 @@ from typing import Any
 import numpy as np
 import numpy.typing as npt
 import onnx
+import pytest
 from onnx import TensorProto, helper, numpy_helper
+from onnx.reference.ops import op_resize
 
 from helpers.occurrences import packed
 from onnxgraft.matching.notation import PatternNode
 from oracle.notation import parse_pair
 
+fast_resize = pytest.mark.skipif(
+    not hasattr(op_resize, "_interpolate_1d_along_axis"),
+    reason="this onnx computes Resize element by element: minutes for a real model",
+)
 Array = npt.NDArray[Any]
 Initializer = Callable[["ModelMaker", PatternNode], Array]
 

@@ -1,6 +1,7 @@
 """Graphs written as a line per node: `Conv:group=2 x w -> y`; two blanks are an omitted input."""
 
 from collections.abc import Mapping, Sequence
+from itertools import chain
 from typing import Any
 
 import numpy as np
@@ -42,6 +43,29 @@ def ones(*shape: int) -> Array:
     return np.ones(shape, np.float32)
 
 
+# Exchanges the two operators of each pair in `conv_relus`.
+SWAP = ["Conv:0,1i->2", "Relu:2->3"], ["#1:0->100", "#0:100,101i->3"]
+
+
+def conv_relus(count: int = 3) -> GraphProto:
+    lines = [line for i in range(count) for line in (f"Conv x{i} w{i} -> y{i}", f"Relu y{i} -> x{i + 1}")]
+    tensors = {f"w{i}": ones(1, 1, 1, 1) for i in range(count)}
+    graph = graph_of(lines, inputs=["x0"], outputs=[f"x{count}"], tensors=tensors)
+    for i in range(count):
+        graph.value_info.append(helper.make_tensor_value_info(f"y{i}", TensorProto.FLOAT, None))
+    return graph
+
+
 def operators(graph: GraphProto) -> str:
     """The operators in list order, as one text."""
     return " ".join(node.op_type for node in graph.node)
+
+
+def rename_tensors(graph: GraphProto, form: str) -> None:
+    """Every tensor renamed; `form` takes the old name."""
+    for node in graph.node:
+        for field in (node.input, node.output):
+            field[:] = [name and form.format(name) for name in field]
+    lists: list[Any] = [graph.initializer, graph.input, graph.output, graph.value_info]
+    for named in chain.from_iterable(lists):
+        named.name = form.format(named.name)

@@ -6,8 +6,10 @@ pass held it nowhere.
 """
 
 from collections.abc import Collection
+from copy import deepcopy
 
 from onnx import GraphProto, NodeProto
+from onnx.printer import to_text
 
 from onnxgraft.nested_bodies import bodies
 
@@ -19,8 +21,7 @@ class Renaming:
         self._known = known
         self._tensors: dict[str, str] = {}
         self._nodes: dict[str, str] = {}
-        self.form = GraphProto()
-        self.form.CopyFrom(graph)
+        self.form = deepcopy(graph)
         self._graph(self.form)
 
     def tensor(self, name: str) -> str:
@@ -30,8 +31,7 @@ class Renaming:
 
     def node(self, node: NodeProto) -> NodeProto:
         """A copy of `node` in the common form."""
-        result = NodeProto()
-        result.CopyFrom(node)
+        result = deepcopy(node)
         self._node(result)
         return result
 
@@ -59,25 +59,9 @@ def serialized(graph: GraphProto | NodeProto) -> bytes:
     return graph.SerializeToString(deterministic=True)
 
 
-def dump(graph: GraphProto, indent: str = "") -> str:
-    """The graph as text, one line per node, to read in a failure report."""
-    lines = [
-        f"{indent}inputs {[v.name for v in graph.input]} outputs {[v.name for v in graph.output]}",
-        f"{indent}initializers {[t.name for t in graph.initializer]}"
-        f" sparse {[s.values.name for s in graph.sparse_initializer]}"
-        f" value_info {[v.name for v in graph.value_info]}",
-    ]
-    for index, node in enumerate(graph.node):
-        plain = ", ".join(a.name for a in node.attribute)
-        label = f"{index:3} {node.name or '-'}"
-        lines.append(f"{indent}{label}: {', '.join(node.output)} = {node.op_type}({', '.join(node.input)}) {plain}")
-        lines += [dump(body, indent + "      ") for body in bodies(node)]
-    return "\n".join(lines)
-
-
 def difference(expected: GraphProto, actual: GraphProto, known: Collection[str]) -> str | None:
     """None if the graphs are equal but for invented names, else both of them as text."""
     forms = [Renaming(graph, known).form for graph in (expected, actual)]
     if serialized(forms[0]) == serialized(forms[1]):
         return None
-    return "expected\n" + dump(forms[0]) + "\nactual\n" + dump(forms[1])
+    return "expected\n" + to_text(forms[0]) + "\nactual\n" + to_text(forms[1])

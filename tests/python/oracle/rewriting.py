@@ -6,15 +6,16 @@ fields of the graph, but must not add, move or remove nodes.
 """
 
 from collections.abc import Callable, Sequence
+from copy import deepcopy
 from typing import Any
 
 from onnx import GraphProto, NodeProto
 
 from onnxgraft.matching.notation import Entry
+from onnxgraft.preparation.names import all_names
 from onnxgraft.selfcheck.names import reads
 
 from .matching import Assignment, Table, all_assignments, choose
-from .names import all_names
 from .notation import Pair, parse_pair
 from .placing import Item, Occurrence, splice
 
@@ -28,7 +29,7 @@ class Pass:
         self.graph = graph
         self.pair: Pair = parse_pair(pattern, replacement)
         self.names = all_names(graph)
-        self.items = [Item(_copy(node), index) for index, node in enumerate(graph.node)]
+        self.items = [Item(deepcopy(node), index) for index, node in enumerate(graph.node)]
         self.order = list(self.items)
         self.accepted: list[tuple[Assignment, Occurrence, dict[str, str]]] = []
 
@@ -157,19 +158,8 @@ class Pass:
         _drop(self.graph.value_info, stale)
 
 
-def _copy(node: NodeProto) -> NodeProto:
-    copy = NodeProto()
-    copy.CopyFrom(node)
-    return copy
-
-
 def _drop(field: Any, names: set[str]) -> None:
     """Takes the entries of these names out of a repeated field."""
     for index in reversed(range(len(field))):
         if field[index].name in names:
             del field[index]
-
-
-def replace_all(graph: GraphProto, pattern: Sequence[str], replacement: Sequence[str], callback: Callback) -> int:
-    """Replaces every occurrence in place; the number of accepted ones."""
-    return Pass(graph, pattern, replacement).run(callback)
