@@ -37,7 +37,6 @@ NameId Names::intern(std::string_view text) {
 }
 
 std::optional<NameId> Names::find(std::string_view text) const {
-  if (text.empty()) return no_name;
   const NameId id = slots_[slot_of(text, hash_of(text))].id;
   if (id == no_name) return std::nullopt;
   return id;
