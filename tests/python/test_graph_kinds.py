@@ -10,14 +10,14 @@ from typing import Any, cast
 
 import numpy as np
 import pytest
-from onnx import AttributeProto, GraphProto, ModelProto, NodeProto, TensorProto, TypeProto, helper, numpy_helper
+from onnx import AttributeProto, GraphProto, NodeProto, TensorProto, TypeProto, helper, numpy_helper
 
 from helpers.checks import dangling, writers
 from helpers.classes import CLASSES, apply, class_graph, patterns
 from helpers.occurrences import occurrence
 from helpers.small_graphs import graph_of, operators, rename_tensors
 from onnxgraft import quant
-from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences, nearest_miss
+from onnxgraft.abstract_transformation import AbstractTransformation, nearest_miss
 from onnxgraft.selfcheck.soundness import problems
 
 UNKNOWN = b"\xaa\x3f\x03abc"  # field 1000 + 21, three bytes: of a version of the format to come
@@ -92,6 +92,7 @@ KINDS: dict[str, Edit] = {
     "attributes of all types": attributes_of_all_types,
     "unknown fields": unknown_fields,
     "empty elements": nothing_at_all,
+    "nothing": lambda graph: graph.Clear(),
 }
 
 
@@ -107,6 +108,7 @@ def test_every_class_on_every_kind(name: str, kind: str) -> None:
         KINDS[kind](before)
         graph = GraphProto.FromString(before.SerializeToString())
         outcome = apply(name, graph)
+        assert outcome == 0 or before.node
         if outcome == 0:
             assert graph.SerializeToString(deterministic=True) == before.SerializeToString(deterministic=True)
         assert "order" in problems(before) or "order" not in problems(graph)
@@ -122,17 +124,6 @@ def test_every_class_on_every_kind(name: str, kind: str) -> None:
             assert not isinstance(outcome, int) or plain <= 6 * outcome
 
 
-def replace_all(graph: GraphProto, pattern: list[str], replacement: list[str]) -> int:
-    return AbstractTransformation()._replace_all_isomorphic_sub_graphs(graph, pattern, replacement)
-
-
-def test_no_graph_at_all() -> None:
-    for name in CLASSES:
-        for graph in (GraphProto(), ModelProto().graph):
-            assert apply(name, graph) == 0
-            assert graph.ByteSize() == 0
-
-
 def test_a_long_chain() -> None:
     count = 100_000 * SCALE
     nodes = [NodeProto(op_type="Relu", input=[f"x{k}"], output=[f"x{k + 1}"]) for k in range(count)]
@@ -141,17 +132,10 @@ def test_a_long_chain() -> None:
         graph = GraphProto(node=nodes[::step])
         assert nearest_miss(graph, [*pattern, "Neg:2->3"], []) is not None
         assert nearest_miss(graph, pattern, ["#0", "#1"]) is None
+        replace_all = AbstractTransformation()._replace_all_isomorphic_sub_graphs
         assert replace_all(graph, pattern, ["Clip:0->9", "#1:9->2"]) == count // 2
         assert operators(graph) == " ".join(["Clip Relu"] * (count // 2))
         assert graph.node[-1].output[0] == f"x{count}"
-
-
-def test_one_tensor_with_many_readers() -> None:
-    count = 50_000 * SCALE
-    graph = GraphProto(node=[NodeProto(op_type="Relu", input=["x"], output=[f"y{k}"]) for k in range(count)])
-    assert replace_all(graph, ["Relu:0->1"], ["Neg:0->2", "#0:2->1"]) == count
-    assert len(graph.node) == 2 * count
-    assert len(find_occurrences(graph, ["Neg:0->1", "Relu:1->2"], [])) == count
 
 
 def test_many_initializers() -> None:

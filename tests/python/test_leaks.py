@@ -55,16 +55,15 @@ def grows(act: Callable[[], object]) -> bool:
 class Base(AbstractTransformation):
     """Does `act(graph)` in its callback."""
 
-    act: Callable[[GraphProto], object]
+    def __init__(self, act: Callable[[GraphProto], object]) -> None:
+        self.act = act
 
     def _on_replace_subgraph(self, graph: GraphProto, *_: Any, **__: Any) -> Any:
         return self.act(graph)
 
 
 def replacing(act: Callable[[GraphProto], object], pair: Any = SWAP, **extra: Any) -> Callable[[], object]:
-    transformation = Base()
-    transformation.act = act
-    return lambda: transformation._replace_all_isomorphic_sub_graphs(conv_relus(), *pair, **extra)
+    return lambda: Base(act)._replace_all_isomorphic_sub_graphs(conv_relus(), *pair, **extra)
 
 
 def spoil(graph: GraphProto) -> None:

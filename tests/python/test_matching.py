@@ -74,7 +74,6 @@ SENTENCES: list[tuple[list[str], list[str], str, str]] = [
     (["Relu:0->1", "Mul:1,2->3"], ["#1:0,2->3"], "Relu x -> a; Mul x a -> b",
      "Mul node 1 (writes 'b') reads 'a', but not at input 0"),
     (["Conv:1,2i->3", "Relu:0->1"], ["#0:0,2i->3"], "Conv x w -> b; Relu b -> c", "(Relu): no node writes 'x'"),
-    (["A:1->2", "B:3->4"], ["A:3->2", "B:1->4"], "A x -> a; N a -> b; B b -> c", "would close a cycle"),
     (["A:1->2", "B:3->4", "C:5->6"], ["C:5->2", "#1", "A:1->6"], "A x -> a; N a -> b; B b -> c; N c -> d; C d -> e",
      "would close a cycle"),
     (["A:1->2", "B:3->4"], ["A:3->2", "B:1->4"], "A x -> a; If x q -> z; If x r -> y; If x a -> b; B b -> c",

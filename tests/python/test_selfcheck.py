@@ -48,10 +48,8 @@ def _write_and_refuse(self: Any, graph: GraphProto, nodes: Any, mapping: Any, li
 
 
 def _remove_another(self: Any, graph: GraphProto, nodes: Any, mapping: Any, links: Any) -> bool:
-    for node in graph.node:
-        if node not in nodes:
-            graph.node.remove(node)
-            break
+    for other in [node for node in graph.node if node not in nodes][:1]:
+        graph.node.remove(other)
     return True
 
 

@@ -9,7 +9,6 @@ import re
 import shutil
 import subprocess
 import sys
-from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
@@ -28,19 +27,17 @@ TARGETS = re.findall(r"^([a-z-]+):", (REPOSITORY / "Makefile").read_text(), re.M
 
 
 @pytest.fixture
-def place(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Iterator[Path]:
+def place(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Path:
     monkeypatch.chdir(tmp_path)
     shutil.copytree(REPOSITORY / "examples", tmp_path / "examples")
     shutil.copy(tmp_path / "examples/models/resnet18_timm_c11.onnx", "model.onnx")
     (tmp_path / "build").mkdir()
-    logger = logging.getLogger("onnxgraft")
-    before = (list(logger.handlers), logger.level, logger.propagate)
-    registry = catalogue._registry()
-    rows = dict(registry)
-    yield tmp_path
-    logger.handlers[:], logger.level, logger.propagate = before
-    registry.clear()
-    registry.update(rows)
+    # Both are as they were afterwards.
+    logger, registry = logging.getLogger("onnxgraft"), dict(catalogue._registry())
+    for name, value in (("handlers", list(logger.handlers)), ("level", logger.level), ("propagate", logger.propagate)):
+        monkeypatch.setattr(logger, name, value)
+    monkeypatch.setattr(catalogue, "_registry", lambda: registry)
+    return tmp_path
 
 
 def run(words: list[str]) -> int:

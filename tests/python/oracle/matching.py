@@ -4,6 +4,7 @@ Brute force with pruning: pattern node 0 tries every graph node, then node 1, an
 need the whole assignment are looked at when it is complete.
 """
 
+import itertools
 from collections.abc import Collection, Iterable, Iterator
 from dataclasses import dataclass, field
 
@@ -28,10 +29,8 @@ class Assignment:
 
 def stripped(names: Iterable[str]) -> list[str]:
     """The names without the empty ones at the end."""
-    result = list(names)
-    while result and not result[-1]:
-        result.pop()
-    return result
+    backwards = itertools.dropwhile(lambda name: not name, reversed(list(names)))
+    return list(backwards)[::-1]
 
 
 class Table:
