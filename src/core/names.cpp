@@ -21,9 +21,9 @@ std::size_t Names::slot_of(std::string_view text, std::uint32_t hash) const {
   return slot;
 }
 
-NameId Names::intern(std::string_view text) {
+NameId Names::intern(const Hashed& name) {
+  const auto [text, hash] = name;
   if (text.empty()) return no_name;
-  const std::uint32_t hash = hash_of(text);
   std::size_t slot = slot_of(text, hash);
   if (slots_[slot].id != no_name) return slots_[slot].id;
   if (texts_.size() * 2 >= slots_.size()) {

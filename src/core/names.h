@@ -24,8 +24,22 @@ class Names {
   Names& operator=(const Names&) = delete;
   ~Names() = default;
 
+  /// A text to be looked up soon.
+  struct Hashed {
+    std::string_view text;
+    std::uint32_t hash;
+  };
+
   /// The id of `text`, given out on first sight.
-  NameId intern(std::string_view text);
+  NameId intern(std::string_view text) { return intern(Hashed{text, hash_of(text)}); }
+  NameId intern(const Hashed& name);
+  /// Begins to bring up the memory that a look-up will need. In a large graph each look-up waits for it; of several
+  /// texts that are announced first, all wait at the same time.
+  [[nodiscard]] Hashed announce(std::string_view text) const {
+    const std::uint32_t hash = hash_of(text);
+    __builtin_prefetch(&slots_[hash & (slots_.size() - 1)]);
+    return {text, hash};
+  }
   /// The id of `text` if it was seen before.
   [[nodiscard]] std::optional<NameId> find(std::string_view text) const;
   [[nodiscard]] std::string_view text(NameId id) const { return texts_[id]; }

@@ -7,7 +7,9 @@
 
 #include "py/body_reader.h"
 #include "py/graph_fields.h"
+#include "py/message_list.h"
 #include "py/objects.h"
+#include "py/wire_fields.h"
 
 namespace onnxgraft::py {
 
@@ -60,7 +62,11 @@ class MissingRoles {
 }  // namespace
 
 GraphReader::GraphReader(PyObject* graph, GraphReading& reading)
-    : graph_(graph), reading_(reading), nodes_(node_list(graph)), bodies_(reading.table.ops) {}
+    : graph_(graph),
+      reading_(reading),
+      nodes_(node_list(graph)),
+      gives_bytes_(is_message_list(nodes_.get())),
+      bodies_(reading.table.ops) {}
 
 std::size_t GraphReader::input_count(std::size_t position) const {
   const auto row = static_cast<core::NodeIndex>(position);
@@ -99,13 +105,43 @@ bool GraphReader::read_operators(const core::Rule& rule) {
 }
 
 void GraphReader::read_row(PyObject* node, core::NameId op) {
-  core::GraphTable& table = reading_.table;
   for (auto* names : {&row_.inputs, &row_.outputs, &row_.implicit}) names->clear();
+  if (!read_fields_of_bytes(node, op)) read_fields(node, op);
+  reading_.table.add_node(op, row_.inputs, row_.outputs, row_.implicit);
+  reading_.table.node_names.push_back(row_.name);
+}
+
+/// Protobuf makes objects of its own for a node's inputs and outputs, and keeps a table of all objects there are; in
+/// large graphs that is most of what a field costs. So a node is taken as bytes, unless much of it may be other than
+/// names. False if it has to be read field by field.
+bool GraphReader::read_fields_of_bytes(PyObject* node, core::NameId op) {
+  static const InternedName serialize("SerializePartialToString");
+  core::Names& names = reading_.table.names;
+  if (!gives_bytes_ || bodies_.may_be_large_by_default(op)) return false;
+  const Ref bytes = call_method(node, serialize);
+  const auto size = static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.get()));
+  announced_.clear();
+  WireFields fields({PyBytes_AS_STRING(bytes.get()), size});
+  while (const auto field = fields.next()) {
+    if (field->number <= node_field::name) announced_.emplace_back(field->number, names.announce(field->content));
+    if (field->number == node_field::domain && !is_default_domain(field->content)) return false;
+  }
+  row_.name = core::no_name;
+  for (const auto& [number, name] : announced_) {
+    const core::NameId id = names.intern(name);
+    if (number == node_field::input) row_.inputs.push_back(id);
+    if (number == node_field::output) row_.outputs.push_back(id);
+    if (number == node_field::name) row_.name = id;
+  }
+  return true;
+}
+
+void GraphReader::read_fields(PyObject* node, core::NameId op) {
+  core::GraphTable& table = reading_.table;
   read_strings(attribute(node, field::input).get(), table.names, row_.inputs);
   read_strings(attribute(node, field::output).get(), table.names, row_.outputs);
   if (bodies_.possible(node, op) && read_body_inputs(node, table.names, row_.implicit)) reading_.has_bodies = true;
-  table.add_node(op, row_.inputs, row_.outputs, row_.implicit);
-  table.node_names.push_back(table.names.intern(utf8(attribute(node, field::name).get())));
+  row_.name = table.names.intern(utf8(attribute(node, field::name).get()));
 }
 
 void GraphReader::read_links() {
@@ -168,11 +204,21 @@ void read_strings(PyObject* container, core::Names& names, std::vector<core::Nam
 }
 
 std::vector<core::NameId> read_element_names(PyObject* container, core::Names& names) {
+  constexpr std::size_t announced_at_once = 16;
   std::vector<core::NameId> result;
+  std::vector<std::pair<Ref, core::Names::Hashed>> announced;
+  const auto look_up = [&] {
+    for (const auto& [text, name] : announced) result.push_back(names.intern(name));
+    announced.clear();
+  };
   const Ref elements = iterator(container);
   while (const Ref element = next(elements.get())) {
-    result.push_back(names.intern(utf8(attribute(element.get(), field::name).get())));
+    Ref text = attribute(element.get(), field::name);
+    const core::Names::Hashed name = names.announce(utf8(text.get()));
+    announced.emplace_back(std::move(text), name);
+    if (announced.size() == announced_at_once) look_up();
   }
+  look_up();
   return result;
 }
 

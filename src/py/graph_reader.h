@@ -5,6 +5,8 @@
 // pass has done already costs nothing, or little.
 #pragma once
 
+#include <cstdint>
+#include <utility>
 #include <vector>
 
 #include "core/graph_table.h"
@@ -34,6 +36,8 @@ class GraphReader {
  private:
   [[nodiscard]] std::size_t input_count(std::size_t position) const;
   void read_row(PyObject* node, core::NameId op);
+  bool read_fields_of_bytes(PyObject* node, core::NameId op);
+  void read_fields(PyObject* node, core::NameId op);
   void read_first_rows();
   void read_tensors();
 
@@ -41,13 +45,17 @@ class GraphReader {
     std::vector<core::NameId> inputs;
     std::vector<core::NameId> outputs;
     std::vector<core::NameId> implicit;
+    core::NameId name = core::no_name;
   };
 
   PyObject* graph_;
   GraphReading& reading_;
   Ref nodes_;
+  bool gives_bytes_;
   OperatorBodies bodies_;
-  Row row_;  // scratch
+  // Scratch.
+  Row row_;
+  std::vector<std::pair<std::uint64_t, core::Names::Hashed>> announced_;
 };
 
 /// Interns the strings of a repeated string field into `result`.

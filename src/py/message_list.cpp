@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <ranges>
+#include <string_view>
 
 #include "py/graph_fields.h"
 #include "py/guard.h"
@@ -44,6 +45,10 @@ class ExpiringCapsule {
 PyMethodDef next_rank_method{"next_rank", next_rank, METH_O, nullptr};
 
 }  // namespace
+
+bool is_message_list(PyObject* list) {
+  return std::string_view(Py_TYPE(list)->tp_name) == "google._upb._message.RepeatedCompositeContainer";
+}
 
 void reorder(PyObject* list, std::vector<std::size_t> ranks) {
   if (std::ranges::is_sorted(ranks)) return;

@@ -10,6 +10,9 @@
 
 namespace onnxgraft::py {
 
+/// Whether it is protobuf's own list, the C implementation's, and not something that behaves like one.
+bool is_message_list(PyObject* list);
+
 /// Sorts the list so that the element at position i gets rank `ranks[i]`; all ranks differ.
 void reorder(PyObject* list, std::vector<std::size_t> ranks);
 

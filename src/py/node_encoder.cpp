@@ -9,14 +9,7 @@ namespace {
 
 constexpr std::size_t flush_size = std::size_t{1} << 18U;  // what a merge costs beyond its nodes is little by then
 
-/// Field numbers of onnx.proto; all these fields are strings or messages, which come with their length.
-namespace number {
 constexpr std::uint8_t node_of_graph = 1;
-constexpr std::uint8_t input = 1;
-constexpr std::uint8_t output = 2;
-constexpr std::uint8_t name = 3;
-constexpr std::uint8_t op_type = 4;
-}  // namespace number
 
 void append_field(std::string& bytes, std::uint8_t field_number, std::string_view content) {
   constexpr unsigned length_delimited = 2;
@@ -37,19 +30,19 @@ NodeEncoder::NodeEncoder(PyObject* graph, const core::GraphTable& table) : table
 
 void NodeEncoder::add_links(core::NodeIndex node) {
   node_.clear();
-  for (const core::NameId name : table_.inputs(node)) append_field(node_, number::input, table_.names.text(name));
-  for (const core::NameId name : table_.outputs(node)) append_field(node_, number::output, table_.names.text(name));
+  for (const core::NameId name : table_.inputs(node)) append_field(node_, node_field::input, table_.names.text(name));
+  for (const core::NameId name : table_.outputs(node)) append_field(node_, node_field::output, table_.names.text(name));
 }
 
 void NodeEncoder::finish_node() {
-  append_field(waiting_, number::node_of_graph, node_);
+  append_field(waiting_, node_of_graph, node_);
   if (waiting_.size() >= flush_size) flush();
 }
 
 void NodeEncoder::add(core::NodeIndex node) {
   add_links(node);
-  append_field(node_, number::name, table_.names.text(table_.node_names[node]));
-  append_field(node_, number::op_type, table_.ops.text(table_.op(node)));
+  append_field(node_, node_field::name, table_.names.text(table_.node_names[node]));
+  append_field(node_, node_field::op_type, table_.ops.text(table_.op(node)));
   finish_node();
 }
 
@@ -60,12 +53,12 @@ bool NodeEncoder::add_copy(core::NodeIndex node, PyObject* source, bool keeps_na
   const Ref bytes = call(method.get(), {});
   if (PyBytes_CheckExact(bytes.get()) == 0) return false;
   add_links(node);
-  if (!keeps_name) append_field(node_, number::name, table_.names.text(table_.node_names[node]));
+  if (!keeps_name) append_field(node_, node_field::name, table_.names.text(table_.node_names[node]));
   const auto size = static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.get()));
   WireFields fields({PyBytes_AS_STRING(bytes.get()), size});
   while (const auto field = fields.next()) {
-    const bool is_link = field->number == number::input || field->number == number::output;
-    if (!is_link && (keeps_name || field->number != number::name)) node_ += field->bytes;
+    const bool is_link = field->number == node_field::input || field->number == node_field::output;
+    if (!is_link && (keeps_name || field->number != node_field::name)) node_ += field->bytes;
   }
   finish_node();
   return true;

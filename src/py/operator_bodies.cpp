@@ -10,19 +10,28 @@ namespace onnxgraft::py {
 
 static_assert(std::ranges::is_sorted(bodyless_operators));
 
-bool may_be_large(std::string_view op) {
-  return op == "Constant" || !std::ranges::binary_search(bodyless_operators, op);
+namespace {
+
+constexpr std::string_view constant = "Constant";
+
+}  // namespace
+
+bool may_be_large(std::string_view op) { return op == constant || !std::ranges::binary_search(bodyless_operators, op); }
+
+bool is_default_domain(std::string_view domain) { return domain.empty() || domain == "ai.onnx"; }
+
+OperatorBodies::Answer OperatorBodies::answer(core::NameId op) {
+  if (op >= answers_.size()) answers_.resize(ops_.size(), Answer::unknown);
+  Answer& known = answers_[op];
+  if (known == Answer::unknown) {
+    const std::string_view name = ops_.text(op);
+    known = !may_be_large(name) ? Answer::small : name == constant ? Answer::constant : Answer::anything;
+  }
+  return known;
 }
 
 bool OperatorBodies::possible(PyObject* node, core::NameId op) {
-  if (op >= answers_.size()) answers_.resize(ops_.size(), Answer::unknown);
-  if (answers_[op] == Answer::unknown) {
-    answers_[op] = std::ranges::binary_search(bodyless_operators, ops_.text(op)) ? Answer::no : Answer::yes;
-  }
-  if (answers_[op] == Answer::yes) return true;
-  const Ref domain = attribute(node, field::domain);
-  const std::string_view name = utf8(domain.get());
-  return !name.empty() && name != "ai.onnx";
+  return answer(op) == Answer::anything || !is_default_domain(utf8(attribute(node, field::domain).get()));
 }
 
 }  // namespace onnxgraft::py

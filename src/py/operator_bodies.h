@@ -14,6 +14,9 @@ namespace onnxgraft::py {
 /// True for an operator whose nodes may hold bodies or whole tensors.
 bool may_be_large(std::string_view op);
 
+/// Whether the text names the domain of the standard operators.
+bool is_default_domain(std::string_view domain);
+
 /// Answers for the operators of one graph.
 class OperatorBodies {
  public:
@@ -22,9 +25,13 @@ class OperatorBodies {
   /// False if `node`, whose operator is `op`, is of a standard operator whose schema knows no graph attribute, or a
   /// quantize or dequantize node. Operators of other domains and unknown ones may carry anything.
   bool possible(PyObject* node, core::NameId op);
+  /// Whether a node of that operator and the default domain may hold bodies or whole tensors.
+  bool may_be_large_by_default(core::NameId op) { return answer(op) != Answer::small; }
 
  private:
-  enum class Answer : std::uint8_t { unknown, no, yes };
+  enum class Answer : std::uint8_t { unknown, small, constant, anything };
+  Answer answer(core::NameId op);
+
   const core::Names& ops_;
   std::vector<Answer> answers_;  // per operator, for the default domain
 };

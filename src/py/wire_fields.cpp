@@ -17,8 +17,8 @@ std::optional<WireField> WireFields::next() {
   if (rest_.empty()) return std::nullopt;
   const std::string_view begin = rest_;
   const std::uint64_t tag = read_number();
-  skip_content(tag & wire_type_mask);
-  return WireField{tag >> wire_type_bits, begin.substr(0, begin.size() - rest_.size())};
+  const std::string_view content = take_content(tag & wire_type_mask);
+  return WireField{tag >> wire_type_bits, begin.substr(0, begin.size() - rest_.size()), content};
 }
 
 /// Seven bits per byte, the lowest first; the eighth bit says that more follow.
@@ -34,25 +34,24 @@ std::uint64_t WireFields::read_number() {
   throw std::logic_error("a number in a message has more than 64 bits");
 }
 
-void WireFields::skip_content(std::uint64_t wire_type) {
+std::string_view WireFields::take_content(std::uint64_t wire_type) {
   switch (wire_type) {
     case variable:
       read_number();
-      return;
+      return {};
     case eight_bytes:
       take(8);
-      return;
+      return {};
     case length_delimited:
-      take(read_number());
-      return;
+      return take(read_number());
     case four_bytes:
       take(4);
-      return;
+      return {};
     case begin_group:
       while (true) {
         const std::uint64_t inner = read_number() & wire_type_mask;
-        if (inner == end_group) return;
-        skip_content(inner);
+        if (inner == end_group) return {};
+        take_content(inner);
       }
     default:
       throw std::logic_error("a message holds a field of unknown kind");

@@ -7,10 +7,20 @@
 
 namespace onnxgraft::py {
 
-/// One field, with its tag.
+/// Field numbers of a node, as onnx.proto gives them.
+namespace node_field {
+inline constexpr std::uint8_t input = 1;
+inline constexpr std::uint8_t output = 2;
+inline constexpr std::uint8_t name = 3;
+inline constexpr std::uint8_t op_type = 4;
+inline constexpr std::uint8_t domain = 7;
+}  // namespace node_field
+
+/// One field, with its tag; of strings and messages, what they hold.
 struct WireField {
   std::uint64_t number;
   std::string_view bytes;
+  std::string_view content;
 };
 
 /// Takes a message apart into its fields, without a look at what they hold. The bytes are to come from protobuf itself:
@@ -24,7 +34,8 @@ class WireFields {
 
  private:
   std::uint64_t read_number();
-  void skip_content(std::uint64_t wire_type);
+  /// What a string or message holds, otherwise nothing.
+  std::string_view take_content(std::uint64_t wire_type);
   std::string_view take(std::uint64_t count);
 
   std::string_view rest_;

@@ -1,8 +1,7 @@
 #include "quant/host.h"
 
-#include <string_view>
-
 #include "py/guard.h"
+#include "py/message_list.h"
 #include "quant/names.h"
 
 namespace onnxgraft::quant {
@@ -21,14 +20,10 @@ void remove_last(PyObject* list) {
 
 }  // namespace
 
-bool is_message_list(PyObject* list) {
-  return std::string_view(Py_TYPE(list)->tp_name) == "google._upb._message.RepeatedCompositeContainer";
-}
-
 void extend(PyObject* list, PyObject* messages) {
   static const InternedName add("add");
   static const InternedName copy_from("CopyFrom");
-  if (!is_message_list(list)) {
+  if (!py::is_message_list(list)) {
     py::call_method(list, names::extend, {messages});
     return;
   }

@@ -30,9 +30,6 @@ py::Ref view(PyObject* module, PyObject* array, const py::InternedName& type);
 /// `helper.make_attribute(name, value)`.
 py::Ref make_attribute(PyObject* module, const py::InternedName& name, PyObject* value);
 
-/// Whether it is protobuf's own list, the C implementation's, and not something that behaves like one.
-bool is_message_list(PyObject* list);
-
 /// `list.extend(messages)` for a repeated message field; `messages` is a tuple or a list.
 void extend(PyObject* list, PyObject* messages);
 

@@ -1,5 +1,6 @@
 #include "quant/quantize_attributes.h"
 
+#include "py/message_list.h"
 #include "quant/host.h"
 #include "quant/names.h"
 #include "quant/quantizing_call.h"
@@ -30,7 +31,7 @@ Ref encoded(PyObject* node, PyObject* attributes) {
 /// The round in which all nodes can get copies of the same two attributes: nobody could tell, or wants another kind.
 Round* sharing_round(const Call& call, PyObject* graph) {
   Round* round = QuantizingCall::is_direct(call[0]) ? Round::on(graph) : nullptr;
-  if (round == nullptr || !is_message_list(py::attribute(graph, names::node).get())) return nullptr;
+  if (round == nullptr || !py::is_message_list(py::attribute(graph, names::node).get())) return nullptr;
   const Ref make_attribute = member(call.module, names::helper, names::make_attribute);
   return py::is_written_in(make_attribute.get(), "onnx.helper") ? round : nullptr;
 }

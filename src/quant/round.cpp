@@ -4,6 +4,7 @@
 #include <ranges>
 #include <utility>
 
+#include "py/message_list.h"
 #include "py/under_way.h"
 #include "quant/host.h"
 #include "quant/initializers.h"
@@ -40,7 +41,7 @@ void finish_round(PyObject* graph) {
 bool Round::may_put_off(PyObject* module) {
   if (!may_put_off_) {
     const Ref initializers = py::attribute(graph_.get(), names::initializer);
-    may_put_off_ = is_message_list(initializers.get()) && look_up_is_repeatable(module);
+    may_put_off_ = py::is_message_list(initializers.get()) && look_up_is_repeatable(module);
   }
   return *may_put_off_;
 }

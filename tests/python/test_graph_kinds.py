@@ -138,6 +138,14 @@ def test_a_long_chain() -> None:
         assert graph.node[-1].output[0] == f"x{count}"
 
 
+def test_one_tensor_with_many_readers() -> None:
+    count = 50_000 * SCALE
+    graph = GraphProto(node=[NodeProto(op_type="Relu", input=["x"], output=[f"y{k}"]) for k in range(count)])
+    replace_all = AbstractTransformation()._replace_all_isomorphic_sub_graphs
+    assert replace_all(graph, ["Relu:0->1"], ["Neg:0->2", "#0:2->1"]) == count
+    assert operators(graph) == " ".join(["Neg Relu"] * count)
+
+
 def test_many_initializers() -> None:
     """Each of them is looked up, made anew, and cleaned away."""
     count = 2000 * SCALE
