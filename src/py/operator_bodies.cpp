@@ -25,7 +25,8 @@ OperatorBodies::Answer OperatorBodies::answer(core::NameId op) {
   Answer& known = answers_[op];
   if (known == Answer::unknown) {
     const std::string_view name = ops_.text(op);
-    known = !may_be_large(name) ? Answer::small : name == constant ? Answer::constant : Answer::anything;
+    known = may_be_large(name) ? Answer::anything : Answer::small;
+    if (name == constant) known = Answer::constant;
   }
   return known;
 }

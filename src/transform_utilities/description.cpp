@@ -2,6 +2,7 @@
 
 #include <limits>
 #include <optional>
+#include <utility>
 
 #include "py/name_index.h"
 #include "transform_utilities/element_size.h"
@@ -44,7 +45,7 @@ bool holds(PyObject* tensor, std::uint64_t count) {
   if (py::integer_value(py::attribute(tensor, names::data_location).get()) == external_location) return false;
   if (py::truth(py::call_method(tensor, has_field, {segment.get()}).get())) return false;
   const Ref bytes = py::attribute(tensor, raw_data);
-  return PyBytes_CheckExact(bytes.get()) != 0 && static_cast<std::uint64_t>(PyBytes_GET_SIZE(bytes.get())) == count;
+  return PyBytes_CheckExact(bytes.get()) != 0 && std::cmp_equal(PyBytes_GET_SIZE(bytes.get()), count);
 }
 
 bool reads_by_library(PyObject* module) {
