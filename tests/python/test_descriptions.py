@@ -32,6 +32,7 @@ WEIGHTS: dict[str, dict[str, Any]] = {
     "negative type": {"data_type": -1},
     "segment": {"segment": TensorProto.Segment(begin=0, end=1)},
     "in a file": {"data_location": 1, "raw_data": None},
+    "in a file and here": {"data_location": 1},
     "beyond memory": {"dims": [2**62, 2**62], "raw_data": b"1"},
 }
 

@@ -245,3 +245,13 @@ def test_the_last_references_go_while_it_runs() -> None:
             return True
 
     assert Own().apply(relus(2)) == 2
+
+
+def test_a_standard_name_in_another_domain_may_hold_a_body() -> None:
+    graph = graph_of(["Relu x -> a", "Relu a -> y", "Relu x -> z"], outputs=["y", "z"])
+    graph.node[2].domain = "own"
+    graph.node[2].attribute.append(helper.make_attribute("body", graph_of(["Neg a -> inner"], outputs=["inner"])))
+    assert (
+        AbstractTransformation()._replace_all_isomorphic_sub_graphs(graph, ["Relu:0->1", "Relu:1->2"], ["Clip:0->2"])
+        == 0
+    )
