@@ -1,7 +1,6 @@
 #include "core/candidates.h"
 
 #include <algorithm>
-#include <numeric>
 #include <optional>
 
 #include "core/local_match.h"
@@ -104,26 +103,21 @@ std::size_t Candidates::build_index(std::uint32_t role, std::uint32_t slot) {
     if (indexes_[index].role == role && indexes_[index].slot == slot) return index;
   }
   const auto& nodes = by_role_[role];
-  std::vector<std::size_t> order(nodes.size());
-  std::iota(order.begin(), order.end(), std::size_t{0});
-  std::ranges::stable_sort(order, {}, [&](std::size_t at) { return tensor(nodes[at], slot); });
-  ReaderIndex index{role, slot, {}, {}};
-  index.names.reserve(order.size());
-  index.nodes.reserve(order.size());
-  for (const std::size_t at : order) {
-    index.names.push_back(tensor(nodes[at], slot));
-    index.nodes.push_back(nodes[at]);
-  }
+  ReaderIndex index{role, slot, {}};
+  index.readers.reserve(nodes.size());
+  for (const NodeIndex node : nodes) index.readers.emplace_back(tensor(node, slot), node);
+  // Names got their ids in list order, so most lists are sorted already.
+  if (!std::ranges::is_sorted(index.readers)) std::ranges::sort(index.readers);
   indexes_.push_back(std::move(index));
   return indexes_.size() - 1;
 }
 
 Candidates::Range Candidates::readers(std::uint32_t role, std::uint32_t slot, NameId name) {
   const std::size_t number = build_index(role, slot);
-  const auto& names = indexes_[number].names;
-  const auto found = std::ranges::equal_range(names, name);
-  return {by_role_.size() + number, static_cast<std::size_t>(found.begin() - names.begin()),
-          static_cast<std::size_t>(found.end() - names.begin())};
+  const auto& all = indexes_[number].readers;
+  const auto found = std::ranges::equal_range(all, name, {}, &std::pair<NameId, NodeIndex>::first);
+  return {by_role_.size() + number, static_cast<std::size_t>(found.begin() - all.begin()),
+          static_cast<std::size_t>(found.end() - all.begin())};
 }
 
 }  // namespace onnxgraft::core

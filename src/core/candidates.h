@@ -5,6 +5,7 @@
 #pragma once
 
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "core/graph_table.h"
@@ -31,18 +32,18 @@ class Candidates {
   /// Candidates of `role` that read `name` at input `slot`. Indexes are built when first asked for.
   Range readers(std::uint32_t role, std::uint32_t slot, NameId name);
   [[nodiscard]] NodeIndex at(std::size_t list, std::size_t position) const {
-    return list < by_role_.size() ? by_role_[list][position] : indexes_[list - by_role_.size()].nodes[position];
+    return list < by_role_.size() ? by_role_[list][position]
+                                  : indexes_[list - by_role_.size()].readers[position].second;
   }
   [[nodiscard]] std::size_t list_size(std::size_t list) const {
-    return list < by_role_.size() ? by_role_[list].size() : indexes_[list - by_role_.size()].nodes.size();
+    return list < by_role_.size() ? by_role_[list].size() : indexes_[list - by_role_.size()].readers.size();
   }
 
  private:
   struct ReaderIndex {
     std::uint32_t role = 0;
     std::uint32_t slot = 0;
-    std::vector<NameId> names;  // sorted, parallel to `nodes`
-    std::vector<NodeIndex> nodes;
+    std::vector<std::pair<NameId, NodeIndex>> readers;  // sorted
   };
 
   void judge_each_node();

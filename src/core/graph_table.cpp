@@ -1,5 +1,6 @@
 #include "core/graph_table.h"
 
+#include <numeric>
 #include <stdexcept>
 #include <utility>
 
@@ -16,6 +17,24 @@ std::span<const NameId> without_trailing_empty(std::span<const NameId> names) {
 
 NodeIndex GraphTable::add_node(NameId op, std::span<const NameId> inputs, std::span<const NameId> outputs,
                                std::span<const NameId> implicit_inputs) {
+  add_empty_nodes(1);
+  const NodeIndex node = node_count() - 1;
+  set_node(node, op, inputs, outputs, implicit_inputs);
+  return node;
+}
+
+void GraphTable::reserve(std::size_t node_count) {
+  const std::size_t with_new = node_count + node_count / 2;
+  nodes_.reserve(with_new);
+  node_names.reserve(with_new);
+  links_.reserve(with_new * 4);
+  names.reserve(node_count * 2);  // each node's own and its output's
+}
+
+void GraphTable::add_empty_nodes(std::size_t count) { nodes_.resize(nodes_.size() + count); }
+
+void GraphTable::set_node(NodeIndex index, NameId op, std::span<const NameId> inputs, std::span<const NameId> outputs,
+                          std::span<const NameId> implicit_inputs) {
   Node node{op, {}};
   std::size_t which = 0;
   for (const auto links : {without_trailing_empty(inputs), without_trailing_empty(outputs), implicit_inputs}) {
@@ -24,8 +43,7 @@ NodeIndex GraphTable::add_node(NameId op, std::span<const NameId> inputs, std::s
   }
   if (links_.size() >= no_index) throw std::length_error("the graph has more than four billion links");
   node.begin[which] = static_cast<std::uint32_t>(links_.size());
-  nodes_.push_back(node);
-  return static_cast<NodeIndex>(nodes_.size() - 1);
+  nodes_[index] = node;
 }
 
 void GraphTable::set(NameId name, Flag flag) {
@@ -53,18 +71,18 @@ void GraphTable::seal() {
     for (const NameId name : inputs(node)) {
       if (name == no_name || last_reader[name] == node) continue;
       last_reader[name] = node;
-      ++reader_begin_[name + 1];
+      ++reader_begin_[name];
     }
   }
-  for (std::size_t name = 0; name < count; ++name) reader_begin_[name + 1] += reader_begin_[name];
+  std::partial_sum(reader_begin_.begin(), reader_begin_.end(), reader_begin_.begin());
   readers_.resize(reader_begin_[count]);
-  std::vector<std::uint32_t> at(reader_begin_.begin(), reader_begin_.end() - 1);
+  // Filled from behind, so that what was each name's end becomes its begin.
   last_reader.assign(count, no_index);
-  for (NodeIndex node = 0; node < original_count_; ++node) {
+  for (NodeIndex node = original_count_; node-- > 0;) {
     for (const NameId name : inputs(node)) {
       if (name == no_name || last_reader[name] == node) continue;
       last_reader[name] = node;
-      readers_[at[name]++] = node;
+      readers_[--reader_begin_[name]] = node;
     }
   }
 }

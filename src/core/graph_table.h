@@ -21,6 +21,13 @@ class GraphTable {
   // Filling. Trailing empty names of inputs and outputs are dropped: ONNX gives them no meaning.
   NodeIndex add_node(NameId op, std::span<const NameId> inputs, std::span<const NameId> outputs,
                      std::span<const NameId> implicit_inputs = {});
+  /// Makes room for a graph of this many nodes, and for what a pass may add: room that stays unused costs nothing.
+  void reserve(std::size_t node_count);
+  /// Adds rows that `set_node` will fill.
+  void add_empty_nodes(std::size_t count);
+  /// Fills a row that is empty.
+  void set_node(NodeIndex node, NameId op, std::span<const NameId> inputs, std::span<const NameId> outputs,
+                std::span<const NameId> implicit_inputs);
   void add_initializer(NameId name);
   void add_graph_output(NameId name);
   /// Computes producers and readers; no graph content is added behind it.

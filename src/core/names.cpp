@@ -1,11 +1,12 @@
 #include "core/names.h"
 
 #include <algorithm>
+#include <bit>
 #include <functional>
 
 namespace onnxgraft::core {
 
-Names::Names() : slots_(64, Slot{0, no_name}), texts_(1) {}
+Names::Names() : slots_(64, Slot{0, no_name}) { texts_.push_back({}); }
 
 std::uint32_t Names::hash_of(std::string_view text) {
   return static_cast<std::uint32_t>(std::hash<std::string_view>{}(text));
@@ -26,8 +27,8 @@ NameId Names::intern(const Hashed& name) {
   if (text.empty()) return no_name;
   std::size_t slot = slot_of(text, hash);
   if (slots_[slot].id != no_name) return slots_[slot].id;
-  if (texts_.size() * 2 >= slots_.size()) {
-    grow();
+  if (texts_.size() * 4 >= slots_.size() * 3) {
+    grow(slots_.size() * 2);
     slot = slot_of(text, hash);
   }
   const auto id = static_cast<NameId>(texts_.size());
@@ -45,8 +46,8 @@ std::optional<NameId> Names::find(std::string_view text) const {
 std::string_view Names::store(std::string_view text) {
   if (text.size() > block_left_) {
     const std::size_t size = std::max(block_size, text.size());
-    blocks_.emplace_back(size);
-    block_at_ = blocks_.back().data();
+    blocks_.push_back(std::make_unique_for_overwrite<char[]>(size));
+    block_at_ = blocks_.back().get();
     block_left_ = size;
   }
   std::ranges::copy(text, block_at_);
@@ -56,8 +57,13 @@ std::string_view Names::store(std::string_view text) {
   return stored;
 }
 
-void Names::grow() {
-  std::vector<Slot> larger(slots_.size() * 2, Slot{0, no_name});
+void Names::reserve(std::size_t count) {
+  const std::size_t slot_count = std::bit_ceil(count + count / 3);
+  if (slot_count > slots_.size()) grow(slot_count);
+}
+
+void Names::grow(std::size_t slot_count) {
+  std::vector<Slot> larger(slot_count, Slot{0, no_name});
   const std::size_t mask = larger.size() - 1;
   for (const Slot& old : slots_) {
     if (old.id == no_name) continue;

@@ -5,10 +5,12 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
+#include <memory>
 #include <optional>
 #include <string_view>
 #include <vector>
+
+#include "core/chunks.h"
 
 namespace onnxgraft::core {
 
@@ -45,6 +47,8 @@ class Names {
   [[nodiscard]] std::string_view text(NameId id) const { return texts_[id]; }
   /// Number of ids, the empty name included.
   [[nodiscard]] std::size_t size() const { return texts_.size(); }
+  /// Makes room for this many names, so that the table of look-ups need not grow through all smaller sizes.
+  void reserve(std::size_t count);
 
  private:
   /// The hash beside the id tells most others apart without a look at their texts.
@@ -55,12 +59,12 @@ class Names {
   static std::uint32_t hash_of(std::string_view text);
   [[nodiscard]] std::size_t slot_of(std::string_view text, std::uint32_t hash) const;
   std::string_view store(std::string_view text);
-  void grow();
+  void grow(std::size_t slot_count);
 
   static constexpr std::size_t block_size = 1U << 16U;
   std::vector<Slot> slots_;  // open addressing; id 0 is free, since the empty name is never looked up here
-  std::vector<std::string_view> texts_;
-  std::deque<std::vector<char>> blocks_;
+  Chunks<std::string_view> texts_;
+  std::vector<std::unique_ptr<char[]>> blocks_;
   std::size_t block_left_ = 0;
   char* block_at_ = nullptr;
 };

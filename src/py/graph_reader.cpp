@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <numeric>
 #include <utility>
 
 #include "py/body_reader.h"
@@ -72,9 +71,7 @@ std::size_t GraphReader::input_count(std::size_t position) const {
   const auto row = static_cast<core::NodeIndex>(position);
   if (reading_.depth == Depth::links) return reading_.table.inputs(row).size();
   if (reading_.depth == Depth::rows) return reading_.table.inputs(reading_.order[row]).size();
-  if (position >= reading_.without_row) {
-    return reading_.table.inputs(static_cast<core::NodeIndex>(position - reading_.without_row)).size();
-  }
+  if (position >= reading_.without_row) return reading_.table.inputs(row).size();
   const Ref inputs = attribute(item(nodes_.get(), static_cast<Py_ssize_t>(position)).get(), field::input);
   return count_inputs(inputs.get());
 }
@@ -89,26 +86,40 @@ bool GraphReader::read_operators(const core::Rule& rule) {
     }
     return missing.empty();
   }
+  // Others' lists may say what they like of their length.
+  if (gives_bytes_) reading_.ops.reserve(static_cast<std::size_t>(length(nodes_.get())));
   const Ref elements = iterator(nodes_.get());
   while (const Ref node = next(elements.get())) {
     const core::NameId op = reading_.table.ops.intern(utf8(attribute(node.get(), field::op_type).get()));
     reading_.ops.push_back(op);
     if (missing.empty()) {
-      read_row(node.get(), op);
+      add_row(node.get(), op);
       continue;
     }
     ++reading_.without_row;
     missing.look_at(op, [&] { return count_inputs(attribute(node.get(), field::input).get()); });
+    if (missing.empty()) add_empty_rows();
   }
   reading_.depth = Depth::operators;
   return missing.empty();
 }
 
+/// For the nodes that were looked at before links were read.
+void GraphReader::add_empty_rows() {
+  reading_.table.reserve(reading_.ops.capacity());
+  reading_.table.add_empty_nodes(reading_.without_row);
+  reading_.table.node_names.resize(reading_.without_row, core::no_name);
+}
+
+void GraphReader::add_row(PyObject* node, core::NameId op) {
+  read_row(node, op);
+  reading_.table.add_node(op, row_.inputs, row_.outputs, row_.implicit);
+  reading_.table.node_names.push_back(row_.name);
+}
+
 void GraphReader::read_row(PyObject* node, core::NameId op) {
   for (auto* names : {&row_.inputs, &row_.outputs, &row_.implicit}) names->clear();
   if (!read_fields_of_bytes(node, op)) read_fields(node, op);
-  reading_.table.add_node(op, row_.inputs, row_.outputs, row_.implicit);
-  reading_.table.node_names.push_back(row_.name);
 }
 
 /// Protobuf makes objects of its own for a node's inputs and outputs, and keeps a table of all objects there are; in
@@ -150,26 +161,25 @@ void GraphReader::read_links() {
     read_first_rows();
   } else {
     reading_.has_old_names = true;
+    reading_.table = std::move(reading_.table).relisted(reading_.order);
   }
-  reading_.table = std::move(reading_.table).relisted(reading_.order);
   read_tensors();
   reading_.table.seal();
   reading_.depth = Depth::links;
 }
 
-/// Reads the rows that are still missing, behind those that are there, and puts all in order.
+/// Reads the rows that are still missing.
 void GraphReader::read_first_rows() {
-  const std::size_t there = reading_.ops.size() - reading_.without_row;
+  core::GraphTable& table = reading_.table;
+  if (table.node_count() == 0) add_empty_rows();
   const Ref elements = iterator(nodes_.get());
-  for (std::size_t at = 0; at < reading_.without_row; ++at) {
+  for (core::NodeIndex at = 0; at < reading_.without_row; ++at) {
     const Ref node = next(elements.get());
     if (!node) raise(PyExc_RuntimeError, "the graph's node list changed while it was read");
     read_row(node.get(), reading_.ops[at]);
+    table.set_node(at, reading_.ops[at], row_.inputs, row_.outputs, row_.implicit);
+    table.node_names[at] = row_.name;
   }
-  reading_.order.resize(reading_.ops.size());
-  const auto middle = reading_.order.begin() + static_cast<std::ptrdiff_t>(reading_.without_row);
-  std::iota(reading_.order.begin(), middle, static_cast<core::NodeIndex>(there));
-  std::iota(middle, reading_.order.end(), core::NodeIndex{0});
 }
 
 void GraphReader::read_tensors() {

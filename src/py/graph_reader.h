@@ -35,6 +35,8 @@ class GraphReader {
 
  private:
   [[nodiscard]] std::size_t input_count(std::size_t position) const;
+  void add_empty_rows();
+  void add_row(PyObject* node, core::NameId op);
   void read_row(PyObject* node, core::NameId op);
   bool read_fields_of_bytes(PyObject* node, core::NameId op);
   void read_fields(PyObject* node, core::NameId op);

@@ -16,7 +16,7 @@ namespace onnxgraft::py {
 struct GraphReading {
   enum class Depth : std::uint8_t {
     nothing,
-    operators,  // `ops`, and the table's rows for the nodes behind the first `without_row`
+    operators,  // `ops`; the table has no rows, or lacks what stands in the first `without_row` of them
     rows,       // rows for all nodes, but of an older list: those of `order`
     links,      // all of the graph that matching needs, in a sealed table
   };
