@@ -20,7 +20,7 @@ using core::NodeIndex;
 
 namespace {
 
-constexpr std::size_t absent = static_cast<std::size_t>(-1);
+constexpr auto absent = static_cast<std::uint32_t>(-1);
 
 /// Gives a repeated string field the names as its content. One by one is the fastest way for few.
 void assign_names(PyObject* list, std::span<const core::NameId> ids, const core::Names& names) {
@@ -39,7 +39,6 @@ void assign_names(PyObject* list, std::span<const core::NameId> ids, const core:
 
 void GraphWriter::begin() {
   begun_ = true;
-  held_.resize(table_.node_count());
   sources_.resize(table_.node_count(), no_index);
   std::vector<NodeIndex> order(table_.original_count());
   std::iota(order.begin(), order.end(), NodeIndex{0});
@@ -53,29 +52,33 @@ void GraphWriter::follow(Ref nodes) {
 void GraphWriter::set_order(std::vector<NodeIndex> order) {
   order_ = std::move(order);
   position_.assign(table_.node_count(), absent);
-  for (std::size_t at = 0; at < order_.size(); ++at) position_[order_[at]] = at;
+  for (std::uint32_t at = 0; at < order_.size(); ++at) position_[order_[at]] = at;
 }
 
 Ref GraphWriter::object(NodeIndex node) const {
-  if (node < held_.size() && held_[node]) return held_[node].copy();
+  if (is_held(node)) return held_[node].copy();
   return item(nodes_.get(), static_cast<Py_ssize_t>(position_[node]));
 }
 
 void GraphWriter::hold(NodeIndex node) {
-  if (!held_[node]) held_[node] = object(node);
+  if (!is_held(node)) keep_object(node, object(node));
+}
+
+void GraphWriter::keep_object(NodeIndex node, Ref message) {
+  if (node >= held_.size()) held_.resize(table_.node_count());
+  held_[node] = std::move(message);
 }
 
 void GraphWriter::release(NodeIndex node) {
-  if (!holds_all_) held_[node] = Ref();
+  if (!holds_all_ && is_held(node)) held_[node] = Ref();
 }
 
 void GraphWriter::hold_all() {
-  held_.resize(table_.node_count());
   const Ref elements = iterator(nodes_.get());
   for (const NodeIndex node : order_) {
     Ref message = next(elements.get());
     if (!message) raise(PyExc_RuntimeError, "the graph's node list changed while it was read");
-    if (!held_[node]) held_[node] = std::move(message);
+    if (!is_held(node)) keep_object(node, std::move(message));
   }
   holds_all_ = true;
 }
@@ -135,8 +138,7 @@ NodeIndex GraphWriter::adopt(PyObject* message) {
   const NodeIndex node = table_.add_node(table_.ops.intern(utf8(op.get())), inputs, outputs, implicit);
   table_.node_names.resize(table_.node_count(), core::no_name);
   table_.node_names[node] = table_.names.intern(utf8(attribute(message, field::name).get()));
-  held_.resize(table_.node_count());
-  held_[node] = Ref::borrow(message);
+  keep_object(node, Ref::borrow(message));
   sources_.resize(table_.node_count(), no_index);
   return node;
 }
@@ -147,7 +149,6 @@ void GraphWriter::set_source(NodeIndex new_node, NodeIndex source) {
 }
 
 void GraphWriter::rearrange(std::span<const NodeIndex> target) {
-  held_.resize(table_.node_count());
   sources_.resize(table_.node_count(), no_index);
   position_.resize(table_.node_count(), absent);
   std::vector<bool> stays(table_.node_count(), false);
@@ -174,11 +175,11 @@ void GraphWriter::rearrange(std::span<const NodeIndex> target) {
 }
 
 void GraphWriter::move_to(std::span<const NodeIndex> from, std::span<const NodeIndex> to) {
-  std::vector<std::size_t> rank(table_.node_count(), absent);
-  for (std::size_t at = 0; at < to.size(); ++at) rank[to[at]] = at;
-  std::vector<std::size_t> ranks(from.size());
-  for (std::size_t at = 0; at < from.size(); ++at) ranks[at] = rank[from[at]];
-  reorder(nodes_.get(), std::move(ranks));
+  std::vector<std::uint32_t> new_position(table_.node_count(), absent);
+  for (std::uint32_t at = 0; at < to.size(); ++at) new_position[to[at]] = at;
+  std::vector<std::uint32_t> target(from.size());
+  for (std::size_t at = 0; at < from.size(); ++at) target[at] = new_position[from[at]];
+  reorder(nodes_.get(), target);
 }
 
 /// Puts the list back: `now` is what it holds, new nodes included (the last of them perhaps not added yet).
@@ -186,11 +187,17 @@ void GraphWriter::undo(std::span<const NodeIndex> now, std::span<const NodeIndex
   const SavedError saved;
   guarded_status([&] {
     const auto count = static_cast<std::size_t>(length(nodes_.get()));
-    std::vector<NodeIndex> back(before.begin(), before.end());
-    for (const NodeIndex node : now.first(std::min(count, now.size()))) {
+    now = now.first(std::min(count, now.size()));
+    std::vector<bool> there(table_.node_count(), false);
+    for (const NodeIndex node : now) there[node] = true;
+    std::vector<NodeIndex> back;
+    for (const NodeIndex node : before) {
+      if (there[node]) back.push_back(node);
+    }
+    for (const NodeIndex node : now) {
       if (position_[node] == absent) back.push_back(node);
     }
-    move_to(now.first(std::min(count, now.size())), back);
+    move_to(now, back);
     delete_slice(nodes_.get(), before.size(), count);
   });
   PyErr_Clear();
@@ -203,7 +210,7 @@ void GraphWriter::make_missing(std::span<const NodeIndex> target, std::vector<No
   NodeEncoder encoder(graph_, table_);
   for (const NodeIndex node : target) {
     if (position_[node] != absent) continue;
-    if (held_[node] || !encoder.usable()) {
+    if (is_held(node) || !encoder.usable()) {
       one_by_one.push_back(node);
       continue;
     }
@@ -216,7 +223,7 @@ void GraphWriter::make_missing(std::span<const NodeIndex> target, std::vector<No
   encoder.flush();
   // A new node's object is needed again only to find the node in a list that others have changed.
   for (std::size_t at = first; holds_all_ && at < now.size(); ++at) {
-    held_[now[at]] = item(nodes_.get(), static_cast<Py_ssize_t>(at));
+    keep_object(now[at], item(nodes_.get(), static_cast<Py_ssize_t>(at)));
   }
   for (const NodeIndex node : one_by_one) {
     now.push_back(node);
@@ -238,13 +245,14 @@ bool GraphWriter::encode(NodeIndex node, NodeEncoder& encoder) const {
 
 void GraphWriter::make(NodeIndex node) {
   Ref message = call_method(nodes_.get(), field::add);
-  if (held_[node]) {
+  const bool was_held = is_held(node);
+  if (was_held) {
     // It was in the list before and comes back from the object that was taken out.
     call_method(message.get(), field::copy_from, {held_[node].get()});
   } else {
     fill(message.get(), node);
   }
-  if (holds_all_ || held_[node]) held_[node] = std::move(message);
+  if (holds_all_ || was_held) keep_object(node, std::move(message));
 }
 
 void GraphWriter::fill(PyObject* message, NodeIndex node) {

@@ -5,6 +5,7 @@
 // any step fails, the list is put back as it was and the error goes on. It decides nothing itself.
 #pragma once
 
+#include <cstdint>
 #include <span>
 #include <vector>
 
@@ -59,6 +60,8 @@ class GraphWriter {
   void move_to(std::span<const core::NodeIndex> from, std::span<const core::NodeIndex> to);
   void undo(std::span<const core::NodeIndex> now, std::span<const core::NodeIndex> before);
   void set_order(std::vector<core::NodeIndex> order);
+  [[nodiscard]] bool is_held(core::NodeIndex node) const { return node < held_.size() && held_[node]; }
+  void keep_object(core::NodeIndex node, Ref message);
   [[nodiscard]] bool is_at(core::NodeIndex node, std::size_t position) const;
   void read_again();
   core::NodeIndex adopt(PyObject* message);
@@ -67,8 +70,8 @@ class GraphWriter {
   Ref nodes_;
   core::GraphTable& table_;
   std::vector<core::NodeIndex> order_;
-  std::vector<std::size_t> position_;     // per node; `absent` if not in the list
-  std::vector<Ref> held_;                 // per node; empty where it is not held
+  std::vector<std::uint32_t> position_;   // per node; `absent` if not in the list
+  std::vector<Ref> held_;                 // per node; empty or shorter where it is not held
   std::vector<core::NodeIndex> sources_;  // per node: what a new one copies
   bool begun_ = false;
   bool holds_all_ = false;

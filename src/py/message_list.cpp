@@ -12,25 +12,48 @@ namespace onnxgraft::py {
 
 namespace {
 
-constexpr const char* capsule_name = "onnxgraft.ranks";
+constexpr const char* capsule_name = "onnxgraft.sort_keys";
 
-/// Hands out the ranks one after the other, whatever element it is asked for: sorting asks for the key of
+/// Hands out the keys one after the other, whatever element it is asked for: sorting asks for the key of
 /// each element once, in list order.
-struct Ranks {
-  std::vector<std::size_t> values;
+struct SortKeys {
+  std::vector<std::uint32_t> values;
   std::size_t next = 0;
+  Ref last;  // the object for the key before `next`
 };
 
-PyObject* next_rank(PyObject* capsule, PyObject* /*element*/) {
+PyObject* next_key(PyObject* capsule, PyObject* /*element*/) {
   return guarded([&] {
-    auto* ranks = static_cast<Ranks*>(PyCapsule_GetPointer(capsule, capsule_name));
-    if (ranks == nullptr) throw PythonError{};
-    if (ranks->next == ranks->values.size()) raise(PyExc_RuntimeError, "the list grew while it was reordered");
-    return checked(PyLong_FromSize_t(ranks->values[ranks->next++]));
+    auto* keys = static_cast<SortKeys*>(PyCapsule_GetPointer(capsule, capsule_name));
+    if (keys == nullptr) throw PythonError{};
+    const std::size_t at = keys->next;
+    if (at == keys->values.size()) raise(PyExc_RuntimeError, "the list grew while it was reordered");
+    if (at == 0 || keys->values[at] != keys->values[at - 1]) {
+      keys->last = checked(PyLong_FromUnsignedLong(keys->values[at]));
+    }
+    ++keys->next;
+    return keys->last.copy();
   });
 }
 
-/// Makes the capsule useless when the ranks go out of scope, should a list have kept the key function.
+/// Sorting is stable: elements that follow each other and keep their order need no keys of their own. Fewer keys are
+/// fewer objects, and these, not the comparisons, are what a key costs.
+std::vector<std::uint32_t> sort_keys(std::span<const std::uint32_t> target) {
+  std::vector<std::uint32_t> source(target.size());
+  for (std::uint32_t at = 0; at < target.size(); ++at) {
+    if (target[at] >= source.size()) raise(PyExc_RuntimeError, "the list shrank while it was reordered");
+    source[target[at]] = at;
+  }
+  std::vector<std::uint32_t> keys(target.size());
+  std::uint32_t key = 0;
+  for (std::size_t to = 0; to < source.size(); ++to) {
+    if (to != 0 && source[to] < source[to - 1]) ++key;
+    keys[source[to]] = key;
+  }
+  return keys;
+}
+
+/// Makes the capsule useless when the keys go out of scope, should a list have kept the key function.
 class ExpiringCapsule {
  public:
   explicit ExpiringCapsule(PyObject* capsule) : capsule_(capsule) {}
@@ -42,7 +65,7 @@ class ExpiringCapsule {
   PyObject* capsule_;
 };
 
-PyMethodDef next_rank_method{"next_rank", next_rank, METH_O, nullptr};
+PyMethodDef next_key_method{"next_key", next_key, METH_O, nullptr};
 
 }  // namespace
 
@@ -50,12 +73,12 @@ bool is_message_list(PyObject* list) {
   return std::string_view(Py_TYPE(list)->tp_name) == "google._upb._message.RepeatedCompositeContainer";
 }
 
-void reorder(PyObject* list, std::vector<std::size_t> ranks) {
-  if (std::ranges::is_sorted(ranks)) return;
-  Ranks state{std::move(ranks)};
+void reorder(PyObject* list, std::span<const std::uint32_t> target) {
+  if (std::ranges::is_sorted(target)) return;
+  SortKeys state{sort_keys(target)};
   const Ref capsule = checked(PyCapsule_New(&state, capsule_name, nullptr));
   const ExpiringCapsule expiring(capsule.get());
-  const Ref key = checked(PyCFunction_New(&next_rank_method, capsule.get()));
+  const Ref key = checked(PyCFunction_New(&next_key_method, capsule.get()));
   call_method(list, field::sort, {}, {{field::key, key.get()}});
 }
 
@@ -79,16 +102,16 @@ void delete_positions(PyObject* list, const std::vector<std::size_t>& positions)
     return;
   }
   const auto count = static_cast<std::size_t>(length(list));
-  std::vector<std::size_t> ranks(count);
-  std::size_t kept = 0;
-  std::size_t removed = count - positions.size();
+  std::vector<std::uint32_t> target(count);
+  std::uint32_t kept = 0;
+  auto removed = static_cast<std::uint32_t>(count - positions.size());
   auto next = positions.begin();
   for (std::size_t at = 0; at < count; ++at) {
     const bool goes = next != positions.end() && *next == at;
     if (goes) ++next;
-    ranks[at] = goes ? removed++ : kept++;
+    target[at] = goes ? removed++ : kept++;
   }
-  reorder(list, std::move(ranks));
+  reorder(list, target);
   delete_slice(list, count - positions.size(), count);
 }
 

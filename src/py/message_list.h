@@ -4,6 +4,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <span>
 #include <vector>
 
 #include "py/ref.h"
@@ -13,8 +15,8 @@ namespace onnxgraft::py {
 /// Whether it is protobuf's own list, the C implementation's, and not something that behaves like one.
 bool is_message_list(PyObject* list);
 
-/// Sorts the list so that the element at position i gets rank `ranks[i]`; all ranks differ.
-void reorder(PyObject* list, std::vector<std::size_t> ranks);
+/// Sorts the list so that the element at position i comes to position `target[i]`; a permutation.
+void reorder(PyObject* list, std::span<const std::uint32_t> target);
 
 /// Deletes positions [begin, end).
 void delete_slice(PyObject* list, std::size_t begin, std::size_t end);
