@@ -45,11 +45,18 @@ def _growth(act: Callable[[], object]) -> float:
     return max((end[k] - middle[k]) - (middle[k] - start[k]) for k in (0, 1)) / REPEATS
 
 
-def grows(act: Callable[[], object]) -> bool:
-    """Whether each call leaves references or blocks behind; what else goes on in the process does not do so thrice."""
+def leaks(act: Callable[[], object]) -> list[float]:
+    """What each call leaves behind, as six measurements; none if one of them found nothing: what else goes on in the
+    process hides no leak that is there at each call, but can look like one a few times.
+    """
     for _ in range(REPEATS):
         act()
-    return all(_growth(act) > 0.9 for _ in range(3))
+    found: list[float] = []
+    while len(found) < 6:
+        found.append(_growth(act))
+        if found[-1] <= 0.9:
+            return []
+    return found
 
 
 class Base(AbstractTransformation):
@@ -131,7 +138,7 @@ def test_entries(entry: str) -> None:
         with contextlib.suppress(Exception):
             ENTRIES[entry]()
 
-    assert not grows(act)
+    assert leaks(act) == []
 
 
 @pytest.mark.parametrize("name", CLASSES)
@@ -147,4 +154,4 @@ def test_classes(name: str) -> None:
         apply(name, uses.wrap(GraphProto.FromString(graphs[turn // 2 % 2])))
         uses.proxies.clear()
 
-    assert not grows(act)
+    assert leaks(act) == []
