@@ -30,15 +30,16 @@ def without_operators(graph: onnx.GraphProto) -> int:
     return int(quant.SimplifyShapeV2Transformation().apply(graph))
 
 
-def on_copies(rewrite: Rewrite, graph: onnx.GraphProto, expected: int) -> Prepare:
-    """Prepares runs of a rewrite, each of which has to replace `expected` occurrences."""
+def on_copies(rewrite: Rewrite, graph: onnx.GraphProto, expected: int, copies: int = 1) -> Prepare:
+    """Prepares runs of a rewrite on so many copies, in each of which it has to replace `expected` occurrences."""
 
     def prepare() -> Work:
-        copy = copy_of(graph)
+        made = [copy_of(graph) for _ in range(copies)]
 
         def work() -> None:
-            if (replaced := rewrite(copy)) != expected:
-                raise RuntimeError(f"{graph.name}: {replaced} occurrences replaced, {expected} are there")
+            for copy in made:
+                if (replaced := rewrite(copy)) != expected:
+                    raise RuntimeError(f"{graph.name}: {replaced} occurrences replaced, {expected} are there")
 
         return work
 
