@@ -25,7 +25,7 @@ def measure(sizes: Sizes) -> Iterator[Figure]:
     short, long = sizes.per_transformation
     for name, row in rows().items():
         lengths = [max(1, short // 10), short, long]
-        yield growth(name, row.apply, partial(chain, row), lengths, sizes.longest / 3, patience=sizes.patience / 5)
+        yield growth(name, row.apply, partial(chain, row), lengths, sizes.longest / 3, patience=sizes.patience / 3)
 
 
 def finding_nothing(nodes: int, rounds: int) -> Figure:

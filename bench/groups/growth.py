@@ -28,11 +28,12 @@ _KINDS = {
 def measure(sizes: Sizes) -> Iterator[Figure]:
     """One figure per kind."""
     lengths = [max(1, sizes.chains[0] // 10), *sizes.chains]
+    patience = 5 * sizes.patience  # the longest chains take half a minute in all, and one round says little
     for name, (rewrite, kind, per_link) in _KINDS.items():
-        yield growth(name, rewrite, partial(_chain, kind), lengths, sizes.longest, per_link, sizes.patience)
+        yield growth(name, rewrite, partial(_chain, kind), lengths, sizes.longest, per_link, patience)
     for kind in ("merge", "pull_up"):
         name = f"F2 alone, on the chain of {kind.replace('_', '-')}s"
-        figure = growth(name, _read, partial(_chain, kind), lengths, sizes.longest, 0, sizes.patience)
+        figure = growth(name, _read, partial(_chain, kind), lengths, sizes.longest, 0, patience)
         yield replace(figure, aim=None)
 
 
