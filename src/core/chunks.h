@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstddef>
-#include <memory>
 #include <vector>
 
 namespace onnxgraft::core {
@@ -12,18 +11,17 @@ template <class T>
 class Chunks {
  public:
   void push_back(const T& value) {
-    if ((size_ & mask) == 0) chunks_.push_back(std::make_unique_for_overwrite<T[]>(chunk_size));
-    chunks_.back()[size_ & mask] = value;
-    ++size_;
+    if (chunks_.empty() || chunks_.back().size() == chunk_size) chunks_.emplace_back().reserve(chunk_size);
+    chunks_.back().push_back(value);
   }
-  const T& operator[](std::size_t index) const { return chunks_[index / chunk_size][index & mask]; }
-  [[nodiscard]] std::size_t size() const { return size_; }
+  const T& operator[](std::size_t index) const { return chunks_[index / chunk_size][index % chunk_size]; }
+  [[nodiscard]] std::size_t size() const {
+    return chunks_.empty() ? 0 : ((chunks_.size() - 1) * chunk_size) + chunks_.back().size();
+  }
 
  private:
   static constexpr std::size_t chunk_size = 4096;
-  static constexpr std::size_t mask = chunk_size - 1;
-  std::vector<std::unique_ptr<T[]>> chunks_;
-  std::size_t size_ = 0;
+  std::vector<std::vector<T>> chunks_;
 };
 
 }  // namespace onnxgraft::core

@@ -24,7 +24,7 @@ NodeIndex GraphTable::add_node(NameId op, std::span<const NameId> inputs, std::s
 }
 
 void GraphTable::reserve(std::size_t node_count) {
-  const std::size_t with_new = node_count + node_count / 2;
+  const std::size_t with_new = node_count + (node_count / 2);
   nodes_.reserve(with_new);
   node_names.reserve(with_new);
   links_.reserve(with_new * 4);
@@ -33,17 +33,17 @@ void GraphTable::reserve(std::size_t node_count) {
 
 void GraphTable::add_empty_nodes(std::size_t count) { nodes_.resize(nodes_.size() + count); }
 
-void GraphTable::set_node(NodeIndex index, NameId op, std::span<const NameId> inputs, std::span<const NameId> outputs,
+void GraphTable::set_node(NodeIndex node, NameId op, std::span<const NameId> inputs, std::span<const NameId> outputs,
                           std::span<const NameId> implicit_inputs) {
-  Node node{op, {}};
+  Node row{op, {}};
   std::size_t which = 0;
   for (const auto links : {without_trailing_empty(inputs), without_trailing_empty(outputs), implicit_inputs}) {
-    node.begin[which++] = static_cast<std::uint32_t>(links_.size());
+    row.begin[which++] = static_cast<std::uint32_t>(links_.size());
     links_.insert(links_.end(), links.begin(), links.end());
   }
   if (links_.size() >= no_index) throw std::length_error("the graph has more than four billion links");
-  node.begin[which] = static_cast<std::uint32_t>(links_.size());
-  nodes_[index] = node;
+  row.begin[which] = static_cast<std::uint32_t>(links_.size());
+  nodes_[node] = row;
 }
 
 void GraphTable::set(NameId name, Flag flag) {

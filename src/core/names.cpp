@@ -44,21 +44,16 @@ std::optional<NameId> Names::find(std::string_view text) const {
 }
 
 std::string_view Names::store(std::string_view text) {
-  if (text.size() > block_left_) {
-    const std::size_t size = std::max(block_size, text.size());
-    blocks_.push_back(std::make_unique_for_overwrite<char[]>(size));
-    block_at_ = blocks_.back().get();
-    block_left_ = size;
+  if (blocks_.empty() || blocks_.back().capacity() - blocks_.back().size() < text.size()) {
+    blocks_.emplace_back().reserve(std::max(block_size, text.size()));
   }
-  std::ranges::copy(text, block_at_);
-  const std::string_view stored(block_at_, text.size());
-  block_at_ += text.size();
-  block_left_ -= text.size();
-  return stored;
+  std::vector<char>& block = blocks_.back();
+  const auto begin = block.insert(block.end(), text.begin(), text.end());
+  return {&*begin, text.size()};
 }
 
 void Names::reserve(std::size_t count) {
-  const std::size_t slot_count = std::bit_ceil(count + count / 3);
+  const std::size_t slot_count = std::bit_ceil(count + (count / 3));
   if (slot_count > slots_.size()) grow(slot_count);
 }
 

@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -64,9 +63,7 @@ class Names {
   static constexpr std::size_t block_size = 1U << 16U;
   std::vector<Slot> slots_;  // open addressing; id 0 is free, since the empty name is never looked up here
   Chunks<std::string_view> texts_;
-  std::vector<std::unique_ptr<char[]>> blocks_;
-  std::size_t block_left_ = 0;
-  char* block_at_ = nullptr;
+  std::vector<std::vector<char>> blocks_;
 };
 
 }  // namespace onnxgraft::core
