@@ -8,11 +8,11 @@ from collections.abc import Callable
 from typing import Any
 
 import pytest
-from onnx import GraphProto
+from onnx import GraphProto, TensorProto
 
 from helpers.checks import dangling, is_sound, writers
 from helpers.classes import CLASSES, apply, class_graph
-from helpers.failing import FaultError, Uses
+from helpers.failing import FaultError, Proxy, Uses
 from helpers.small_graphs import SWAP, conv_relus
 from onnxgraft.abstract_transformation import AbstractTransformation
 from onnxgraft.preparation.names import all_names
@@ -74,3 +74,20 @@ def test_a_fault_in_every_class(name: str, seed: int) -> None:
         assert not lost, f"use {fail_at}: nothing writes {lost} any more"
         if list(graph.node) == list(before.node):
             assert graph.SerializeToString(deterministic=True) == unchanged, f"use {fail_at}"
+
+
+@pytest.mark.parametrize(("says", "error"), [(3, "shrank"), (15, "grew")])
+def test_a_list_that_lies_about_its_length(monkeypatch: pytest.MonkeyPatch, says: int, error: str) -> None:
+    """Ten of twenty initializers go, every other one: too many runs to delete them one by one."""
+    graph = conv_relus(10)
+    tensors = [copy for tensor in graph.initializer for copy in (tensor, TensorProto(name=f"{tensor.name}_kept"))]
+    graph.ClearField("initializer")
+    initializers = graph.initializer
+    initializers.extend(tensors)
+    lengths = {id(initializers): says}
+    monkeypatch.setattr(Proxy, "__len__", lambda self: lengths.get(id(self._value), len(self._value)))
+    with pytest.raises(RuntimeError, match=f"the list {error} while"):
+        Swap(lambda _: True)._replace_all_isomorphic_sub_graphs(Uses(0).wrap(graph), SWAP[0], ["Clip:0->3"])
+    assert is_sound(graph)
+    assert len(graph.node) == 10
+    assert {tensor.name for tensor in graph.initializer} == {tensor.name for tensor in tensors}
