@@ -1,0 +1,231 @@
+"""The result of a calibration: a value, written as JSON, which knows the model that it belongs to.
+
+Ranges are those of tensors of the prepared float model, by name.
+"""
+
+from __future__ import annotations
+
+import base64
+import json
+import math
+import zlib
+from collections.abc import Iterable, Mapping
+from dataclasses import dataclass, field, replace
+from typing import Any
+
+import numpy as np
+import numpy.typing as npt
+
+from onnxgraft.calibration.errors import CalibrationError
+
+FORMAT = "onnxgraft-calibration"
+VERSION = 1
+
+
+@dataclass(frozen=True)
+class Range:
+    """The values that a tensor of the float model takes: finite, `low` <= `high`."""
+
+    low: float
+    high: float
+
+    def __post_init__(self) -> None:
+        if not (math.isfinite(self.low) and math.isfinite(self.high) and self.low <= self.high):
+            raise CalibrationError(f"a range has to be two finite numbers in order, not {self.low} .. {self.high}")
+
+    def union(self, other: Range) -> Range:
+        """The smallest range that holds both."""
+        return Range(min(self.low, other.low), max(self.high, other.high))
+
+
+@dataclass(frozen=True, eq=False)
+class WeightNumbers:
+    """The INT8 numbers of a weight that was quantized already: weight = values * scales along `axis`.
+
+    Attributes:
+        values: INT8, in the shape of the float initializer.
+        scales: float32, one element, or one for each index of `axis`.
+        axis: The axis that the scales run along; None with one scale.
+    """
+
+    values: npt.NDArray[np.int8]
+    scales: npt.NDArray[np.float32]
+    axis: int | None = None
+
+    def __post_init__(self) -> None:
+        wanted = 1 if self.axis is None else self.values.shape[self.axis]
+        if self.values.dtype != np.int8 or self.scales.shape != (wanted,):
+            raise CalibrationError(
+                f"a quantized weight has to be INT8 with {wanted} scales, "
+                f"not {self.values.dtype} with scales of shape {list(self.scales.shape)}"
+            )
+
+    def __eq__(self, other: object) -> bool:
+        if not isinstance(other, WeightNumbers):
+            return NotImplemented
+        same = np.array_equal(self.values, other.values) and np.array_equal(self.scales, other.scales)
+        return same and self.axis == other.axis
+
+    __hash__ = None  # type: ignore[assignment]
+
+    def floats(self) -> npt.NDArray[np.float32]:
+        """The weight that the numbers stand for."""
+        shape = [1] * self.values.ndim
+        if self.axis is not None:
+            shape[self.axis] = -1
+        return np.asarray(self.values * self.scales.reshape(shape), np.float32)
+
+
+@dataclass(frozen=True)
+class Calibration:
+    """What is known of the numbers that flow through a model.
+
+    Attributes:
+        ranges: By tensor of the prepared float model. Its graph inputs belong to them, initializers do not.
+        method: How the ranges were chosen: "min-max", "percentile 99.99", "mean-square error", "from QDQ".
+        samples: The number of samples.
+        fingerprint: Of the float model (`model_fingerprint`); the same before and after preparation.
+        weights: By initializer: numbers of weights that the calibrated model held quantized already.
+        means: By tensor that a Conv, ConvTranspose, Gemm or MatMul reads or writes: the mean of each channel over all
+            samples, along axis 1 next to a convolution and along the last axis else.
+    """
+
+    ranges: Mapping[str, Range]
+    method: str
+    samples: int
+    fingerprint: str
+    weights: Mapping[str, WeightNumbers] = field(default_factory=dict)
+    means: Mapping[str, tuple[float, ...]] = field(default_factory=dict)
+
+    def check_model(self, fingerprint: str, label: str = "the model") -> None:
+        """Raises CalibrationError if the ranges are those of another model."""
+        if fingerprint != self.fingerprint:
+            raise CalibrationError(
+                f"the ranges are of another model: {label} has the fingerprint {fingerprint}, "
+                f"they were collected on {self.fingerprint}"
+            )
+
+    def merge(self, other: Calibration) -> Calibration:
+        """Both together, as if collected on the samples of both; ranges that are not extremes are joined to the wider.
+
+        Raises:
+            CalibrationError: They are of different models or were made in different ways.
+        """
+        other.check_model(self.fingerprint, "the first of them")
+        if other.method != self.method:
+            raise CalibrationError(f"ranges by '{self.method}' and by '{other.method}' cannot be merged")
+        ranges = dict(self.ranges)
+        for name, found in other.ranges.items():
+            ranges[name] = ranges[name].union(found) if name in ranges else found
+        means = dict(self.means)
+        total = self.samples + other.samples
+        for name, values in other.means.items():
+            if name in means and total:
+                mixed = np.asarray(means[name]) * self.samples + np.asarray(values) * other.samples
+                means[name] = tuple((mixed / total).tolist())
+            else:
+                means[name] = values
+        weights = {**self.weights, **other.weights}
+        return replace(self, ranges=ranges, samples=total, weights=weights, means=means)
+
+    def to_json(self) -> str:
+        """One JSON object; `from_json` reads it back without loss."""
+        content: dict[str, Any] = {
+            "format": FORMAT,
+            "version": VERSION,
+            "method": self.method,
+            "samples": self.samples,
+            "fingerprint": self.fingerprint,
+            "ranges": {name: [found.low, found.high] for name, found in self.ranges.items()},
+        }
+        if self.means:
+            content["means"] = {name: list(values) for name, values in self.means.items()}
+        if self.weights:
+            content["weights"] = {name: _weight_to_json(numbers) for name, numbers in self.weights.items()}
+        text = json.dumps(content, allow_nan=False)
+        # One line per entry: files can be compared and read.
+        return text.replace('], "', '],\n"').replace('}, "', '},\n"').replace(': {"', ': {\n"') + "\n"
+
+    @classmethod
+    def from_json(cls, text: str) -> Calibration:
+        """Reads what `to_json` wrote.
+
+        Raises:
+            CalibrationError: The text is something else; the message says where.
+        """
+        try:
+            content = json.loads(text)
+        except ValueError as error:
+            raise CalibrationError(f"not a calibration: no JSON ({error})") from None
+        if not isinstance(content, dict) or content.get("format") != FORMAT:
+            raise CalibrationError(f'not a calibration: "format" has to be "{FORMAT}"')
+        if content.get("version") != VERSION:
+            raise CalibrationError(f"a calibration of version {content.get('version')}: this release reads {VERSION}")
+        return cls(
+            ranges={name: _range(name, pair) for name, pair in _entries(content, "ranges")},
+            method=_typed(content, "method", str),
+            samples=_typed(content, "samples", int),
+            fingerprint=_typed(content, "fingerprint", str),
+            weights={name: _weight(name, numbers) for name, numbers in _entries(content, "weights", {})},
+            means={name: _numbers(name, values) for name, values in _entries(content, "means", {})},
+        )
+
+
+def merged(calibrations: Iterable[Calibration]) -> Calibration:
+    """All of them as one.
+
+    Raises:
+        CalibrationError: There is none, or two do not belong together.
+    """
+    result: Calibration | None = None
+    for calibration in calibrations:
+        result = calibration if result is None else result.merge(calibration)
+    if result is None:
+        raise CalibrationError("there is no calibration to merge")
+    return result
+
+
+def _typed(content: Mapping[str, Any], key: str, kind: type) -> Any:
+    value = content.get(key)
+    if not isinstance(value, kind) or isinstance(value, bool):
+        raise CalibrationError(f'not a calibration: "{key}" has to be {"a number" if kind is int else "a text"}')
+    return value
+
+
+def _entries(content: Mapping[str, Any], key: str, default: Any = None) -> Iterable[tuple[str, Any]]:
+    found = content.get(key, default)
+    if not isinstance(found, dict):
+        raise CalibrationError(f'not a calibration: "{key}" has to be an object by tensor name')
+    return found.items()
+
+
+def _numbers(name: str, values: Any) -> tuple[float, ...]:
+    if isinstance(values, list) and all(isinstance(value, int | float) and math.isfinite(value) for value in values):
+        return tuple(float(value) for value in values)
+    raise CalibrationError(f"not a calibration: tensor '{name}' has to have finite numbers")
+
+
+def _range(name: str, pair: Any) -> Range:
+    values = _numbers(name, pair)
+    if len(values) != 2 or values[0] > values[1]:
+        raise CalibrationError(f"not a calibration: the range of tensor '{name}' has to be two numbers in order")
+    return Range(*values)
+
+
+def _weight_to_json(numbers: WeightNumbers) -> dict[str, Any]:
+    return {
+        "shape": list(numbers.values.shape),
+        "axis": numbers.axis,
+        "scales": numbers.scales.tolist(),
+        "int8": base64.b64encode(zlib.compress(numbers.values.tobytes(), 6)).decode("ascii"),
+    }
+
+
+def _weight(name: str, numbers: Any) -> WeightNumbers:
+    try:
+        values = np.frombuffer(zlib.decompress(base64.b64decode(numbers["int8"], validate=True)), np.int8)
+        scales = np.asarray(numbers["scales"], np.float32)
+        return WeightNumbers(values.reshape(numbers["shape"]), scales, numbers["axis"])
+    except (KeyError, TypeError, ValueError, IndexError, zlib.error, CalibrationError) as error:
+        reason = " ".join(str(error).split())
+        raise CalibrationError(f"not a calibration: the numbers of weight '{name}' are broken ({reason})") from None
