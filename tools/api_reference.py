@@ -46,7 +46,7 @@ SECTIONS: tuple[tuple[str, str, tuple[str, ...]], ...] = (
     ("Results of diff", "onnxgraft.comparison", ("GraphDiff", "Region", "NodeChange", "ValueChange")),
     (
         "Model files",
-        "onnxgraft.model_files",
+        "onnxgraft.io.model_files",
         ("load", "ModelOutput", "ModelOutput.weights_for", "ModelOutput.save", "SavedModel"),
     ),
     ("Weights as they are made", "onnxgraft.engine", ("WeightStore", "WeightStore.store")),

@@ -20,13 +20,12 @@ from typing import TYPE_CHECKING, Any
 if TYPE_CHECKING:
     from onnxgraft.catalogue import register, transformations
     from onnxgraft.comparison import diff
-    from onnxgraft.engine import Report, rewrite
+    from onnxgraft.engine import Report, TransformationError, rewrite
     from onnxgraft.errors import (
         HostError,
         ModelFileError,
         RegistrationError,
         ReportError,
-        TransformationError,
         UnknownNameError,
         UnknownTransformationError,
     )
@@ -65,13 +64,12 @@ __all__ = [
 _HOMES = {
     "catalogue": ("register", "transformations"),
     "comparison": ("diff",),
-    "engine": ("Report", "rewrite"),
+    "engine": ("Report", "TransformationError", "rewrite"),
     "errors": (
         "HostError",
         "ModelFileError",
         "RegistrationError",
         "ReportError",
-        "TransformationError",
         "UnknownNameError",
         "UnknownTransformationError",
     ),

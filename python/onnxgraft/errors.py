@@ -3,10 +3,6 @@
 from __future__ import annotations
 
 from collections.abc import Sequence
-from typing import TYPE_CHECKING
-
-if TYPE_CHECKING:
-    from onnxgraft.engine.report import NodeText, Report
 
 
 class HostError(Exception):
@@ -19,34 +15,6 @@ class ModelFileError(HostError):
 
 class ReportError(HostError):
     """A text that is not a report of this release."""
-
-
-class TransformationError(HostError):
-    """A transformation that failed on a graph; the graph is as it was before that transformation began."""
-
-    def __init__(
-        self,
-        message: str,
-        *,
-        transformation: str = "",
-        pattern: tuple[str, ...] = (),
-        nodes: tuple[NodeText, ...] = (),
-        report: Report | None = None,
-    ) -> None:
-        """Keeps what is known of the failure.
-
-        Args:
-            message: One line.
-            transformation: Its short name.
-            pattern: The pattern that was being replaced; empty if it failed before or between patterns.
-            nodes: The nodes of the occurrence whose callback failed; empty if none was being asked about.
-            report: What was done before.
-        """
-        super().__init__(message)
-        self.transformation = transformation
-        self.pattern = pattern
-        self.nodes = nodes
-        self.report = report
 
 
 class RegistrationError(HostError):
@@ -63,3 +31,31 @@ class UnknownTransformationError(UnknownNameError):
     def __init__(self, name: str, similar: Sequence[str]) -> None:
         hint = f"did you mean {' or '.join(similar)}?" if similar else "`onnxgraft list` shows the names"
         super().__init__(f"unknown transformation '{name}': {hint}")
+
+
+class PreparationError(UnknownNameError):
+    """A step name that no step has."""
+
+    def __init__(self, name: str, similar: Sequence[str], known: Sequence[str]) -> None:
+        hint = f"did you mean {' or '.join(similar)}?" if similar else f"the steps are {', '.join(known)}"
+        super().__init__(f"unknown preparation step '{name}': {hint}")
+
+
+class RecipeFileError(HostError):
+    """A recipe file that cannot be read, or says something that is no recipe."""
+
+
+class UnknownRecipeError(UnknownNameError):
+    """A name that no recipe has."""
+
+    def __init__(self, name: str, similar: Sequence[str], known: Sequence[str]) -> None:
+        hint = f"did you mean {' or '.join(similar)}?" if similar else f"the recipes are {', '.join(known)}"
+        super().__init__(f"unknown recipe '{name}': {hint}")
+
+
+class EvaluationError(HostError):
+    """A model that cannot be lowered or computed; the message names the node."""
+
+
+class VerificationError(HostError):
+    """No input can be made for a model, or a wrong argument; the message names the input and what would be right."""

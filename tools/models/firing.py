@@ -15,8 +15,7 @@ from onnx import GraphProto
 
 from onnxgraft.abstract_transformation import nearest_miss
 from onnxgraft.catalogue import rows
-from onnxgraft.engine import rewrite
-from onnxgraft.errors import TransformationError
+from onnxgraft.engine import TransformationError, rewrite
 from onnxgraft.preparation import prepare
 from onnxgraft.recipe_book import find_recipe
 from tools.models.families import network_of

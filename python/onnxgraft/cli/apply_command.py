@@ -9,11 +9,11 @@ from typing import Literal
 
 import onnx
 
-from onnxgraft import model_files
 from onnxgraft.cli import chosen, consoles, model_output
 from onnxgraft.cli.text_output import TextOutput
 from onnxgraft.engine import Report, rewrite
-from onnxgraft.weight_files import WeightFile
+from onnxgraft.io import model_files
+from onnxgraft.io.weight_files import WeightFile
 
 UNCHANGED = 4
 
@@ -74,6 +74,6 @@ def _rewrite(
 def _report_text(options: argparse.Namespace, report: Report) -> str:
     if options.report.suffix.lower() == ".json":
         return report.to_json()
-    from onnxgraft.html import report_page  # only where a page is wanted  # noqa: PLC0415
+    from onnxgraft.report.report_page import report_page  # only where a page is wanted  # noqa: PLC0415
 
     return report_page(report)

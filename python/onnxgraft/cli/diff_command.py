@@ -4,11 +4,11 @@ from __future__ import annotations
 
 import argparse
 
-from onnxgraft import model_files
 from onnxgraft.cli import consoles
 from onnxgraft.cli.text_output import TextOutput
 from onnxgraft.comparison import diff
-from onnxgraft.html import diff_page
+from onnxgraft.comparison.diff_page import diff_page
+from onnxgraft.io import model_files
 
 
 def run(options: argparse.Namespace) -> int:

@@ -6,8 +6,8 @@ import argparse
 
 import onnx
 
-from onnxgraft import model_files
 from onnxgraft.cli import chosen
+from onnxgraft.io import model_files
 from onnxgraft.preparation import prepare
 
 

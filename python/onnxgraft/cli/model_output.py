@@ -6,8 +6,8 @@ import argparse
 
 from rich.filesize import decimal
 
-from onnxgraft import model_files
 from onnxgraft.cli import consoles
+from onnxgraft.io import model_files
 
 
 def claim(options: argparse.Namespace) -> model_files.ModelOutput:

@@ -7,8 +7,8 @@ import argparse
 from rich import box
 from rich.table import Table
 
-from onnxgraft import model_files
 from onnxgraft.cli import consoles, model_output
+from onnxgraft.io import model_files
 from onnxgraft.preparation import prepare
 
 

@@ -7,7 +7,7 @@ import inspect
 
 from onnxgraft.catalogue import find_row
 from onnxgraft.cli import consoles
-from onnxgraft.drawing_text import draw_pair
+from onnxgraft.drawing.terminal import draw_pair
 
 
 def run(options: argparse.Namespace) -> int:

@@ -6,7 +6,7 @@ from contextlib import ExitStack
 from pathlib import Path
 
 from onnxgraft.errors import ModelFileError
-from onnxgraft.staged_files import StagedFile, publish
+from onnxgraft.io.staged_files import StagedFile, publish
 
 
 class TextOutput:

@@ -4,8 +4,8 @@ from __future__ import annotations
 
 import argparse
 
-from onnxgraft import model_files
 from onnxgraft.cli import consoles
+from onnxgraft.io import model_files
 from onnxgraft.verification import verify
 
 DIFFERENT = 3

@@ -11,8 +11,8 @@ from onnxgraft.comparison.matching_nodes import NodeMatching
 from onnxgraft.comparison.outline import Outline
 from onnxgraft.comparison.regions import group, neighbours
 from onnxgraft.comparison.result import GraphDiff, NodeChange, Region, RegionSide, ValueChange
-from onnxgraft.engine.node_texts import attribute_text, value_text
-from onnxgraft.engine.report import NodeText
+from onnxgraft.report.node_texts import attribute_text, value_text
+from onnxgraft.report.records import NodeText
 
 # Of one region on one side; a tensor may have thousands of readers.
 _MOST_NEIGHBOURS = 24

@@ -8,7 +8,7 @@ import numpy as np
 import onnx
 from onnx import numpy_helper
 
-from onnxgraft.engine.node_texts import tensor_text
+from onnxgraft.report.node_texts import tensor_text
 
 Content = tuple[str, str, bytes]
 

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from dataclasses import dataclass, field
 
-from onnxgraft.engine.report import NodeText
+from onnxgraft.report.records import NodeText
 
 
 @dataclass(frozen=True)
@@ -80,7 +80,7 @@ class GraphDiff:
 
     def to_html(self) -> str:
         """The difference as one self-contained page."""
-        from onnxgraft.html import diff_page  # noqa: PLC0415
+        from onnxgraft.comparison.diff_page import diff_page  # noqa: PLC0415
 
         return diff_page(self)
 

@@ -5,7 +5,7 @@ from __future__ import annotations
 from collections.abc import Sequence
 
 from onnxgraft.comparison.result import GraphDiff, Region, ValueChange
-from onnxgraft.engine.report import NodeText
+from onnxgraft.report.records import NodeText
 
 _MOST = 12  # lines of one kind
 

@@ -3,9 +3,10 @@
 Command line and API are thin layers over `rewrite`.
 """
 
-from onnxgraft.engine.report import NodeText, Occurrence, PatternResult, PreparationStep, Report, Step
+from onnxgraft.engine.failure import TransformationError
 from onnxgraft.engine.rewriting import rewrite
-from onnxgraft.engine.weight_store import WeightStore
+from onnxgraft.io.weight_store import WeightStore
+from onnxgraft.report.records import NodeText, Occurrence, PatternResult, PreparationStep, Report, Step
 
 __all__ = [
     "NodeText",
@@ -14,6 +15,7 @@ __all__ = [
     "PreparationStep",
     "Report",
     "Step",
+    "TransformationError",
     "WeightStore",
     "rewrite",
 ]

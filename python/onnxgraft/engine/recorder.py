@@ -18,11 +18,11 @@ from typing import Any, Literal
 import onnx
 
 from onnxgraft.abstract_transformation import AbstractTransformation, nearest_miss
-from onnxgraft.engine.node_texts import Kept, keep
-from onnxgraft.engine.report import NodeText, Occurrence, PatternResult
 from onnxgraft.engine.snapshot import Snapshot
 from onnxgraft.engine.surroundings import Neighbours, Shapes
-from onnxgraft.engine.weight_store import WeightStore
+from onnxgraft.io.weight_store import WeightStore
+from onnxgraft.report.node_texts import Kept, keep
+from onnxgraft.report.records import NodeText, Occurrence, PatternResult
 
 Details = Literal["counts", "nodes", "neighbours"]
 

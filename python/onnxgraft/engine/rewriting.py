@@ -13,12 +13,12 @@ import onnx
 
 from onnxgraft.engine.fingerprint import fingerprint
 from onnxgraft.engine.recorder import Details
-from onnxgraft.engine.report import Report
 from onnxgraft.engine.seeds import seeded
 from onnxgraft.engine.selection import Candidate, Selection, candidates, recipe_of
 from onnxgraft.engine.stability import Stability
 from onnxgraft.engine.stepping import Stepper
-from onnxgraft.engine.weight_store import WeightStore
+from onnxgraft.io.weight_store import WeightStore
+from onnxgraft.report.records import Report
 from onnxgraft.transform_utilities import external_data_folder
 
 OnError = Literal["stop", "continue"]

@@ -13,12 +13,12 @@ from typing import Any
 import onnx
 
 from onnxgraft.engine.bias_lengths import explanation
+from onnxgraft.engine.failure import TransformationError
 from onnxgraft.engine.recorder import Details, Recorder
-from onnxgraft.engine.report import PatternResult, Step
 from onnxgraft.engine.selection import Candidate
 from onnxgraft.engine.snapshot import Snapshot
-from onnxgraft.engine.weight_store import WeightStore
-from onnxgraft.errors import TransformationError
+from onnxgraft.io.weight_store import WeightStore
+from onnxgraft.report.records import PatternResult, Step
 
 _log = logging.getLogger(__name__)
 

@@ -10,8 +10,8 @@ from collections.abc import Iterable
 
 import onnx
 
-from onnxgraft.engine.node_texts import TensorKind, value_text
-from onnxgraft.engine.report import NodeText
+from onnxgraft.report.node_texts import TensorKind, value_text
+from onnxgraft.report.records import NodeText
 
 
 class Shapes:

@@ -5,8 +5,8 @@ is first *lowered*: the copy holds standard operators on floating-point tensors 
 that the quantized operators would work on. docs/evaluation.md lists the formulas.
 """
 
+from onnxgraft.errors import EvaluationError
 from onnxgraft.evaluation.convention import Convention
-from onnxgraft.evaluation.errors import EvaluationError
 from onnxgraft.evaluation.lowering import lower
 from onnxgraft.evaluation.running import evaluate
 

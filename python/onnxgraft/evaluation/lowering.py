@@ -20,9 +20,9 @@ import numpy.typing as npt
 import onnx
 from onnx import TensorProto, numpy_helper
 
+from onnxgraft.errors import EvaluationError
 from onnxgraft.evaluation import quantized_values
 from onnxgraft.evaluation.convention import Convention
-from onnxgraft.evaluation.errors import EvaluationError
 from onnxgraft.evaluation.node_writer import NodeWriter, bodies
 from onnxgraft.evaluation.operator_formulas import (
     label,

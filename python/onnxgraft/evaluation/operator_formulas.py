@@ -10,8 +10,8 @@ import numpy.typing as npt
 import onnx
 from onnx import TensorProto, numpy_helper
 
+from onnxgraft.errors import EvaluationError
 from onnxgraft.evaluation.convention import Convention
-from onnxgraft.evaluation.errors import EvaluationError
 from onnxgraft.evaluation.node_writer import NodeWriter
 
 Array = npt.NDArray[Any]

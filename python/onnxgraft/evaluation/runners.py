@@ -14,9 +14,9 @@ import onnx
 from onnx.external_data_helper import load_external_data_for_model
 from onnx.reference import ReferenceEvaluator
 
-from onnxgraft.evaluation.errors import EvaluationError
+from onnxgraft.errors import EvaluationError
 from onnxgraft.evaluation.operator_formulas import label
-from onnxgraft.external_data import has_external_data
+from onnxgraft.io.external_data import has_external_data
 
 Array = npt.NDArray[Any]
 

@@ -9,9 +9,9 @@ from typing import Any, Literal
 import numpy.typing as npt
 import onnx
 
+from onnxgraft.errors import EvaluationError
 from onnxgraft.evaluation import runners
 from onnxgraft.evaluation.convention import Convention
-from onnxgraft.evaluation.errors import EvaluationError
 from onnxgraft.evaluation.lowering import lower
 from onnxgraft.evaluation.operator_formulas import label
 

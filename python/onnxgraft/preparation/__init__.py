@@ -4,7 +4,7 @@ Each step keeps the computed function, counts what it changes, and finds nothing
 the outer graph, as the transformations do; what nested bodies read stays defined. docs/preparation.md describes them.
 """
 
-from onnxgraft.preparation.errors import PreparationError
+from onnxgraft.errors import PreparationError
 from onnxgraft.preparation.running import prepare
 from onnxgraft.preparation.steps import STEPS, Step
 

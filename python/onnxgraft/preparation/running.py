@@ -11,13 +11,13 @@ from typing import TYPE_CHECKING
 
 from onnx import GraphProto, ModelProto
 
-from onnxgraft.preparation.errors import PreparationError
+from onnxgraft.errors import PreparationError
 from onnxgraft.preparation.steps import STEPS
 from onnxgraft.preparation.workpiece import Workpiece
+from onnxgraft.report.records import PreparationStep
 
 if TYPE_CHECKING:
-    from onnxgraft.engine.report import PreparationStep
-    from onnxgraft.engine.weight_store import WeightStore
+    from onnxgraft.io.weight_store import WeightStore
 
 LOG = logging.getLogger(__name__)
 
@@ -46,8 +46,6 @@ def prepare(
     Raises:
         PreparationError: A name in `steps` or `skip` is unknown; the model is unchanged then.
     """
-    from onnxgraft.engine.report import PreparationStep  # the engine imports this module  # noqa: PLC0415
-
     chosen = _known(STEPS if steps is None else steps) - _known(skip)
     workpiece = Workpiece(model, folder, weight_store)
     done = []

@@ -5,7 +5,7 @@ from __future__ import annotations
 import heapq
 import logging
 
-from onnxgraft.preparation.names import outer_reads
+from onnxgraft.graph.names import outer_reads
 from onnxgraft.preparation.workpiece import Workpiece
 
 LOG = logging.getLogger(__name__)

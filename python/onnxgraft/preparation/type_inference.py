@@ -12,7 +12,7 @@ import math
 from onnx import ModelProto, TensorProto, ValueInfoProto, helper, numpy_helper, shape_inference
 from onnx.external_data_helper import uses_external_data
 
-from onnxgraft.preparation.tensor_values import read_values
+from onnxgraft.graph.tensor_values import read_values
 
 LOG = logging.getLogger(__name__)
 

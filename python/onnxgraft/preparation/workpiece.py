@@ -13,12 +13,12 @@ from typing import TYPE_CHECKING, Any
 import numpy as np
 from onnx import GraphProto, ModelProto, NodeProto, TensorProto, TypeProto, ValueInfoProto, helper, numpy_helper
 
-from onnxgraft.preparation.names import all_names, body_reads
-from onnxgraft.preparation.tensor_values import Array, read_values
+from onnxgraft.graph.names import all_names, body_reads
+from onnxgraft.graph.tensor_values import Array, read_values
 from onnxgraft.preparation.type_inference import inferred_values
 
 if TYPE_CHECKING:
-    from onnxgraft.engine.weight_store import WeightStore
+    from onnxgraft.io.weight_store import WeightStore
 
 # Before this version of the file format an initializer had to be listed among the graph's inputs.
 _FIRST_IR_WITHOUT_LISTING = 4

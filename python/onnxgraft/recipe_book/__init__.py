@@ -9,7 +9,7 @@ from dataclasses import replace
 from pathlib import Path
 from types import MappingProxyType
 
-from onnxgraft.recipe_book.errors import RecipeFileError, UnknownRecipeError
+from onnxgraft.errors import RecipeFileError, UnknownRecipeError
 from onnxgraft.recipe_book.recipe import Recipe
 from onnxgraft.recipe_book.recipe_file import load_recipes
 

@@ -12,8 +12,8 @@ from pathlib import Path
 from typing import Any
 
 from onnxgraft.catalogue import rows
+from onnxgraft.errors import RecipeFileError
 from onnxgraft.preparation import STEPS
-from onnxgraft.recipe_book.errors import RecipeFileError
 from onnxgraft.recipe_book.recipe import Recipe
 
 tomllib: Any = importlib.import_module("tomllib" if sys.version_info >= (3, 11) else "tomli")

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from onnx import GraphProto, NodeProto
 
-from onnxgraft.nested_bodies import bodies
+from onnxgraft.graph.bodies import bodies
 
 
 def body_reads(node: NodeProto) -> set[str]:

@@ -3,7 +3,7 @@
 docs/verify-and-diff.md says how, and what a failure means.
 """
 
-from onnxgraft.verification.errors import VerificationError
+from onnxgraft.errors import VerificationError
 from onnxgraft.verification.result import OutputRow, Verification
 from onnxgraft.verification.verifying import verify
 

@@ -18,7 +18,7 @@ import numpy.typing as npt
 import onnx
 from onnx import TensorProto, helper
 
-from onnxgraft.verification.errors import VerificationError
+from onnxgraft.errors import VerificationError
 from onnxgraft.verification.readers import Readers
 
 Array = npt.NDArray[Any]

@@ -9,12 +9,12 @@ from os import PathLike
 
 import onnx
 
+from onnxgraft.errors import VerificationError
 from onnxgraft.evaluation import Convention, EvaluationError
 from onnxgraft.preparation import prepare
 from onnxgraft.verification import interface, notes
 from onnxgraft.verification.comparing import compare, worst
 from onnxgraft.verification.computing import Computer, Side
-from onnxgraft.verification.errors import VerificationError
 from onnxgraft.verification.first_difference import find_first_difference
 from onnxgraft.verification.inputs import inputs_of
 from onnxgraft.verification.result import OutputRow, Verification

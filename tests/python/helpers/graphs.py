@@ -9,7 +9,7 @@ from collections.abc import Sequence
 import onnx
 from onnx import GraphProto, NodeProto, SparseTensorProto, TensorProto, ValueInfoProto, helper
 
-from onnxgraft.nested_bodies import bodies
+from onnxgraft.graph.bodies import bodies
 from onnxgraft.selfcheck.graph_builder import GraphBuilder
 from onnxgraft.selfcheck.names import sources
 

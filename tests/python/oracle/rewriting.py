@@ -11,8 +11,8 @@ from typing import Any
 
 from onnx import GraphProto, NodeProto
 
+from onnxgraft.graph.names import all_names
 from onnxgraft.matching.notation import Entry
-from onnxgraft.preparation.names import all_names
 from onnxgraft.selfcheck.names import reads
 
 from .matching import Assignment, Table, all_assignments, choose

@@ -1,0 +1,1 @@
+"""What is asked of a graph as it stands: names, nested bodies, values of tensors; nothing of transformations."""

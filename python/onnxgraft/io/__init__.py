@@ -1,0 +1,1 @@
+"""Models and their data files: reading, staging, publishing whole or not at all."""

@@ -1,0 +1,80 @@
+"""The frame of every page: style, script, search field."""
+
+from __future__ import annotations
+
+import base64
+import functools
+import hashlib
+from collections.abc import Iterable, Sequence
+from importlib import resources
+from string import Template
+
+from onnxgraft.report.html_text import text
+
+_PAGE = Template("""<!DOCTYPE html>
+<html lang="en">
+<head>
+<meta charset="utf-8">
+<meta name="viewport" content="width=device-width, initial-scale=1">
+<meta http-equiv="Content-Security-Policy"
+  content="default-src 'none'; style-src 'unsafe-inline'; script-src 'sha256-$digest'; img-src data:">
+<meta name="generator" content="onnx-graft">
+<title>$title</title>
+<link rel="icon" href="data:,">
+<style>$style</style>
+</head>
+<body>
+<header><h1>$title</h1><p class="facts">$facts</p></header>
+<main>
+$summary
+<section class="cards" aria-label="$kind">
+<div class="tools" role="search">
+<label for="search">Find</label>
+<input id="search" type="search" placeholder="name, operator, shape, reason" autocomplete="off" spellcheck="false">
+$filters
+<output id="count" for="search" aria-live="polite"></output>
+<span class="keys" aria-hidden="true"><kbd>/</kbd> find <kbd>j</kbd> <kbd>k</kbd> next, previous</span>
+</div>
+$cards
+</section>
+</main>
+<script>$script</script>
+</body>
+</html>
+""")
+
+
+@functools.cache
+def _file(name: str) -> str:
+    return resources.files(__package__).joinpath(name).read_text(encoding="utf-8")
+
+
+def page(
+    title: str, facts: Iterable[str], summary: str, kind: str, filters: Sequence[str], cards: Sequence[str]
+) -> str:
+    """The page.
+
+    Args:
+        title: Plain text.
+        facts: Short plain texts below the title.
+        summary: HTML above the cards.
+        kind: What the cards are, in the plural.
+        filters: Kinds of cards, as in their `data-kind`, to choose from.
+        cards: HTML, one `<article>` each.
+    """
+    script = _file("page.js")
+    boxes = "".join(
+        f'<label class="filter"><input type="checkbox" value="{text(name)}" checked> {text(name)}</label>'
+        for name in (filters if len(filters) > 1 else ())
+    )
+    return _PAGE.substitute(
+        digest=base64.b64encode(hashlib.sha256(script.encode()).digest()).decode(),
+        title=text(title),
+        facts=" · ".join(f"<span>{text(fact)}</span>" for fact in facts),
+        summary=summary,
+        kind=text(kind),
+        filters=boxes,
+        cards="\n".join(cards) or '<p class="empty">Nothing to show.</p>',
+        style=_file("page.css"),
+        script=script,
+    )

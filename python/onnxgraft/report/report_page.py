@@ -1,0 +1,220 @@
+"""A report as a page: counts, what found nothing and why, then a card per occurrence."""
+
+from __future__ import annotations
+
+from collections.abc import Iterator
+from dataclasses import dataclass
+
+from onnxgraft.drawing.node_cards import State
+from onnxgraft.report.html_text import table, text
+from onnxgraft.report.page import page
+from onnxgraft.report.pictures import LEGEND, NodeKey, figure, key, listing
+from onnxgraft.report.records import NodeText, Occurrence, PatternResult, Report, Step
+from onnxgraft.report.share import fair_shares
+
+MOST_CARDS = 300
+_KINDS = ("replaced", "refused")
+
+
+@dataclass(frozen=True)
+class _Group:
+    """The occurrences of one pattern in one step that are either replaced or refused."""
+
+    step: Step
+    pattern: PatternResult
+    kind: str
+    entries: list[Occurrence]
+
+
+def report_page(report: Report, *, most: int = MOST_CARDS) -> str:
+    """The report as one HTML file.
+
+    Args:
+        report: Of a run with `details="neighbours"` for the nodes around; without, the matched nodes alone are drawn.
+        most: How many occurrences are shown; the page says how many are left out, of which transformation.
+    """
+    groups = _groups(report)
+    shares = fair_shares([len(group.entries) for group in groups], most)
+    cards: list[str] = []
+    linked: set[str] = set()
+    for group, share in zip(groups, shares, strict=True):
+        for entry in group.entries[:share]:
+            anchor = _anchor(group.step)
+            cards.append(_card(report, group, entry, "" if anchor in linked else anchor))
+            linked.add(anchor)
+    title = f"Rewriting of {report.model}" if report.model else "Rewriting"
+    parts = [*_warnings(report), _summary(report, linked), _prepared(report), *_nothing(report), LEGEND]
+    parts += _left_out(groups, shares)
+    kinds = [kind for kind in _KINDS if any(group.kind == kind for group in groups)]
+    return page(title, _facts(report), "\n".join(parts), "occurrences", kinds, cards)
+
+
+def _groups(report: Report) -> list[_Group]:
+    """What is refused in every round is shown once."""
+    groups = []
+    seen: set[object] = set()
+    for step in report.steps:
+        for pattern in step.patterns:
+            entries: dict[str, list[Occurrence]] = {kind: [] for kind in _KINDS}
+            for entry in pattern.occurrences:
+                place = (step.transformation, pattern.pattern, tuple(key(node) for node in entry.before))
+                if entry.accepted or place not in seen:
+                    entries["replaced" if entry.accepted else "refused"].append(entry)
+                if not entry.accepted:
+                    seen.add(place)
+            groups += [_Group(step, pattern, kind, found) for kind, found in entries.items() if found]
+    return groups
+
+
+def _left_out(groups: list[_Group], shares: list[int]) -> Iterator[str]:
+    missing: dict[str, int] = {}
+    for group, share in zip(groups, shares, strict=True):
+        if share < len(group.entries):
+            name = f"{group.step.transformation} ({group.kind})"
+            missing[name] = missing.get(name, 0) + len(group.entries) - share
+    if missing:
+        total = sum(len(group.entries) for group in groups)
+        rest = ", ".join(f"{count} of {name}" for name, count in missing.items())
+        yield (
+            f'<p class="left-out">{sum(shares)} of {total} occurrences are shown below, the report as JSON has them '
+            f"all. Left out: {text(rest)}.</p>"
+        )
+
+
+def _facts(report: Report) -> list[str]:
+    steps = report.steps
+    facts = [f"{report.replaced} replaced", f"{report.refused} refused"]
+    if steps:
+        facts.append(f"{steps[0].nodes_before} → {steps[-1].nodes_after} nodes")
+    facts.append("1 round" if report.rounds == 1 else f"{report.rounds} rounds")
+    if report.stable is not None:
+        facts.append("stable" if report.stable else "not stable yet")
+    if report.seed is not None:
+        facts.append(f"seed {report.seed}")
+    return [*facts, f"onnx-graft {report.version}"] if report.version else facts
+
+
+def _warnings(report: Report) -> Iterator[str]:
+    for warning in report.warnings:
+        yield f'<p class="note" role="note">{text(warning)}</p>'
+    if any(step.random and step.replaced for step in report.steps):
+        yield (
+            '<p class="note" role="note">Weights, biases or scales were drawn at random: the model is fit for '
+            "measuring speed, its outputs mean nothing.</p>"
+        )
+
+
+def _summary(report: Report, linked: set[str]) -> str:
+    several = report.rounds > 1
+    rows = []
+    for step in report.steps:
+        if not step.found and step.error is None:
+            continue
+        counts = (step.found, step.replaced, step.refused, step.nodes_before, step.nodes_after)
+        remark = f"failed, put back: {step.error}" if step.error else "random weights" if step.random else ""
+        name = f"<code>{text(step.transformation)}</code>"
+        if _anchor(step) in linked:
+            name = f'<a href="#{_anchor(step)}">{name}</a>'
+        rows.append(
+            (name, *([str(step.round)] if several else []), *map(str, counts), f"{step.seconds:.2f}", text(remark))
+        )
+    headings = ("Found", "Replaced", "Refused", "Nodes before", "Nodes after", "Seconds", "")
+    columns = ("Transformation", *(["Round"] if several else []), *headings)
+    return f"<h2>Transformations</h2>{table(columns, rows, range(1, len(columns) - 1))}"
+
+
+def _prepared(report: Report) -> str:
+    changed = [step for step in report.prepared if step.changed]
+    if not changed:
+        return ""
+    rows = [(f"<code>{text(step.name)}</code>", str(step.changed), f"{step.seconds:.2f}") for step in changed]
+    return f"<h2>Preparation</h2>{table(('Step', 'Places', 'Seconds'), rows, [1, 2])}"
+
+
+def _nothing(report: Report) -> Iterator[str]:
+    """Transformations that found nothing in any round, with what came closest."""
+    found = {step.transformation for step in report.steps if step.found}
+    idle = {step.transformation: step for step in reversed(report.steps) if step.transformation not in found}
+    if not idle:
+        return
+    rows = []
+    for name, step in reversed(idle.items()):
+        misses = dict.fromkeys(text(pattern.nearest_miss) for pattern in step.patterns if pattern.nearest_miss)
+        rows.append((f"<code>{text(name)}</code>", "<br>".join(misses) or "no node of the pattern"))
+    content = table(("Transformation", "What came closest"), rows)
+    number = "1 transformation" if len(rows) == 1 else f"{len(rows)} transformations"
+    yield f"<details><summary>{number} found nothing: what came closest</summary>{content}</details>"
+
+
+def _anchor(step: Step) -> str:
+    return text(f"{step.transformation}-{step.round}")
+
+
+def _card(report: Report, group: _Group, entry: Occurrence, anchor: str) -> str:
+    step, pattern, kind = group.step, group.pattern, group.kind
+    nodes = entry.before or entry.after
+    place = next((node.name or next(iter(node.outputs), "") for node in nodes), "")
+    of_round = f", round {step.round}" if report.rounds > 1 else ""
+    parts = [
+        f'<article id="{anchor}" data-kind="{kind}" tabindex="-1">'.replace(' id=""', ""),
+        f'<h3><span class="badge {kind}">{kind}</span>{text(step.transformation)}{of_round} at '
+        f"<code>{text(place)}</code></h3>",
+        f'<p class="what"><code>{text("  ".join(pattern.pattern))}</code> ⇒ '
+        f"<code>{text('  '.join(pattern.replacement)) or 'nothing'}</code></p>",
+    ]
+    if not entry.accepted:
+        reason = entry.reason or "the callback gave no reason"
+        parts.append(f'<p class="note">Refused: {text(reason)}</p>')
+    if nodes:
+        parts += [*_figures(entry, pattern), _listing(entry)]
+    return "\n".join([*parts, "</article>"])
+
+
+def _figures(entry: Occurrence, pattern: PatternResult) -> Iterator[str]:
+    old, new = _states(entry.before, entry.after)
+    captions = ("before", "after")
+    if not entry.accepted:
+        captions, old = ("as it stays", "what was refused"), {}
+    yield '<div class="pair">'
+    for caption, nodes, states in zip(captions, (entry.before, entry.after), (old, new), strict=True):
+        if nodes or entry.accepted:
+            constants = _Constants(entry, pattern, nodes)
+            yield figure(caption, nodes, entry.neighbours, entry.shapes, constants, states)
+    yield "</div>"
+
+
+def _listing(entry: Occurrence) -> str:
+    sides = [("before", entry.before), ("after", entry.after), ("around", entry.neighbours)]
+    return listing(sides, dict.fromkeys(("before", "after", "around"), entry.shapes))
+
+
+class _Constants:
+    """Which tensors are initializers, as far as pattern, position and the nodes around tell."""
+
+    def __init__(self, entry: Occurrence, pattern: PatternResult, nodes: tuple[NodeText, ...]) -> None:
+        ids = {link for line in pattern.pattern for link in line.partition(":")[2].partition("->")[0].split(",")}
+        self._constants = {entry.links.get(name[:-1], entry.links.get(name)) for name in ids if name.endswith("i")}
+        self._data = {entry.links.get(name) for name in ids if not name.endswith("i")}
+        self._data |= {name for node in (*nodes, *entry.neighbours) for name in node.outputs}
+
+    def __call__(self, name: str, position: int) -> bool:
+        return name in self._constants or (position > 0 and name not in self._data)
+
+
+def _states(
+    before: tuple[NodeText, ...], after: tuple[NodeText, ...]
+) -> tuple[dict[NodeKey, State], dict[NodeKey, State]]:
+    """Equal nodes stay, those of one operator and name are changed, others are removed or added."""
+    old, new = {key(node) for node in before}, {key(node) for node in after}
+    names = [{(node.op_type, node.name) for node in side if node.name} for side in (before, after)]
+    changed = names[0] & names[1]
+
+    def state(node: NodeText, others: set[NodeKey], otherwise: State) -> State:
+        if key(node) in others:
+            return "kept"
+        return "changed" if (node.op_type, node.name) in changed else otherwise
+
+    return (
+        {key(node): state(node, new, "removed") for node in before},
+        {key(node): state(node, old, "added") for node in after},
+    )

@@ -1,0 +1,64 @@
+"""A report as a table for people."""
+
+from __future__ import annotations
+
+import io
+from typing import TYPE_CHECKING
+
+from rich import box
+from rich.console import Console
+from rich.table import Table
+
+if TYPE_CHECKING:
+    from onnxgraft.report.records import Report, Step
+
+# As wide as the content needs: the text may go to a file.
+_WIDTH = 200
+
+
+def table(report: Report) -> Table:
+    """One row per transformation; of later rounds, those that replaced something or failed."""
+    several_rounds = report.rounds > 1
+    result = Table(box=box.SIMPLE, show_footer=len(report.steps) > 1)
+    result.add_column("Transformation", "total")
+    if several_rounds:
+        result.add_column("Round", str(report.rounds), justify="right")
+    steps = report.steps
+    for heading, footer in (
+        # What stays refused is found again in every round, so only one round has a sum.
+        ("Found", "" if several_rounds else sum(step.found for step in steps)),
+        ("Replaced", report.replaced),
+        ("Refused", "" if several_rounds else report.refused),
+        ("Nodes before", steps[0].nodes_before if steps else 0),
+        ("Nodes after", steps[-1].nodes_after if steps else 0),
+    ):
+        result.add_column(heading, str(footer), justify="right")
+    result.add_column("Seconds", f"{sum(step.seconds for step in steps):.2f}", justify="right")
+    result.add_column("Remark")
+    for step in steps:
+        if step.round > 1 and not step.replaced and step.error is None:
+            continue
+        number = [str(step.round)] if several_rounds else []
+        counts = (step.found, step.replaced, step.refused, step.nodes_before, step.nodes_after)
+        result.add_row(step.transformation, *number, *map(str, counts), f"{step.seconds:.2f}", _remark(step))
+    return result
+
+
+def _remark(step: Step) -> str:
+    if step.error is not None:
+        return f"failed, put back: {step.error}"
+    return "random weights" if step.random and step.replaced else ""
+
+
+def text(report: Report) -> str:
+    """The table with the preparation in front and the warnings behind, without colours."""
+    stream = io.StringIO()
+    console = Console(file=stream, width=_WIDTH, markup=False, highlight=False, emoji=False, color_system=None)
+    changes = [f"{step.name} {step.changed}" for step in report.prepared if step.changed]
+    if changes:
+        console.print(f"prepared: {', '.join(changes)}", soft_wrap=True)
+    console.print(table(report))
+    for warning in report.warnings:
+        console.print(f"warning: {warning}", soft_wrap=True)
+    lines = (line.rstrip() for line in stream.getvalue().splitlines())
+    return "\n".join(lines).strip("\n")

@@ -1,0 +1,89 @@
+"""Every class on random graphs around its patterns, against the slow model of the matcher and of its callback.
+
+ONNXGRAFT_RANDOM_CALLBACKS sets the number of graphs per class; a failure names the seed, and `check(name, seed)`
+repeats it alone.
+"""
+
+import os
+import random
+from collections.abc import Callable
+
+import numpy as np
+import pytest
+from onnx import GraphProto, NodeProto
+from onnx.printer import to_text
+
+from helpers.furnished import furnished_graph
+from onnxgraft import catalogue
+from onnxgraft.graph.names import all_names
+from oracle.callbacks import CALLBACKS
+from oracle.compare import difference, serialized
+from oracle.matching import Table, all_assignments
+from oracle.notation import parse_pair
+from oracle.rewriting import Pass
+
+GRAPHS = int(os.environ.get("ONNXGRAFT_RANDOM_CALLBACKS", "60"))
+MOST_ASSIGNMENTS = 40
+
+
+def expected_apply(name: str, graph: GraphProto) -> int:
+    """The class's passes in order, by the slow model."""
+    corrected: set[str] = set()
+    callback = CALLBACKS[name]
+
+    def with_names(graph: GraphProto, nodes: list[NodeProto], mapping: dict[int, int], links: dict[str, str]) -> bool:
+        return callback(graph, nodes, mapping, links, corrected)
+
+    pairs = catalogue.find_row(name).pairs
+    return sum(Pass(graph, pattern, replacement).run(with_names) for pattern, replacement in pairs)
+
+
+def outcome(run: Callable[[], int]) -> tuple[int | type[Exception], float]:
+    """What `run` gives or raises, and what the generator would draw next: a refused occurrence draws nothing."""
+    np.random.seed(7)
+    try:
+        with np.errstate(all="ignore"):
+            result: int | type[Exception] = run()
+    except Exception as error:
+        result = type(error)
+    return result, np.random.rand()
+
+
+# Graphs of one run never come to each other's address: with two elements of one name, which these graphs have,
+# a look-up may believe what it has learned about a graph that is gone.
+_ALIVE: list[GraphProto] = []
+
+
+def check(name: str, seed: int) -> int | type[Exception] | None:
+    """What `apply` gave on one random graph; None if the graph would take the slow model too long."""
+    rng = random.Random(f"{name} {seed}")
+    pairs = catalogue.find_row(name).pairs
+    before = furnished_graph(rng, rng.choice(pairs)[0], products=name.endswith("v10"))
+    if any(len(all_assignments(Table(before), parse_pair(*pair))) > MOST_ASSIGNMENTS for pair in pairs):
+        return None
+    graphs = [GraphProto.FromString(before.SerializeToString()) for _ in range(2)]
+    _ALIVE.extend(graphs)
+    head = f"{name}, seed {seed}\n{to_text(before)}\n"
+    actual, counts = None, []
+    for _ in range(2):  # nothing is kept from one `apply` to the next
+        expected = outcome(lambda: expected_apply(name, graphs[0]))
+        actual = outcome(lambda: catalogue.find_row(name).apply(graphs[1]))
+        assert actual == expected, head
+        found = difference(graphs[0], graphs[1], all_names(before))
+        assert found is None, head + str(found)
+        counts.append(actual[0])
+    if counts == [0, 0]:
+        assert serialized(graphs[1]) == serialized(before), f"{head}a trace of refused occurrences"
+    return counts[0]
+
+
+@pytest.mark.parametrize("name", CALLBACKS)
+def test_random_graphs(name: str) -> None:
+    outcomes = [check(name, seed) for seed in range(GRAPHS)]
+    # Guards the maker of graphs: it must lead to replacements, and to none.
+    counts = [o for o in outcomes if isinstance(o, int)]
+    assert GRAPHS < 60 or (sum(map(bool, counts)) > GRAPHS / 10 and 0 in counts)
+
+
+def test_every_class_has_its_model() -> None:
+    assert CALLBACKS.keys() == catalogue.rows().keys()

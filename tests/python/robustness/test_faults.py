@@ -1,0 +1,93 @@
+"""Every use of the graph fails once: the error comes out, and the graph is what it was or what was accepted.
+
+ONNXGRAFT_FAULTS sets how many uses fail per class and graph; every use of the small graph does.
+"""
+
+import os
+from collections.abc import Callable
+from typing import Any
+
+import pytest
+from onnx import GraphProto, TensorProto
+
+from helpers.checks import dangling, is_sound, writers
+from helpers.classes import CLASSES, apply, class_graph
+from helpers.failing import FaultError, Proxy, Uses
+from helpers.small_graphs import SWAP, conv_relus
+from onnxgraft.abstract_transformation import AbstractTransformation
+from onnxgraft.graph.names import all_names
+
+FAULTS = int(os.environ.get("ONNXGRAFT_FAULTS", "25"))
+
+
+class Swap(AbstractTransformation):
+    def __init__(self, verdict: Callable[[int], bool]) -> None:
+        self.verdict = verdict
+        self.calls = 0
+
+    def _on_replace_subgraph(self, *_: Any, **__: Any) -> bool:
+        self.calls += 1
+        return self.verdict(self.calls)
+
+
+@pytest.mark.parametrize("verdict", [lambda _: True, lambda _: False, lambda call: call % 2 == 0])
+def test_a_fault_at_every_use(verdict: Callable[[int], bool]) -> None:
+    before = conv_relus().SerializeToString(deterministic=True)
+    faults = 0
+    for fail_at in range(1, 2000):
+        graph = GraphProto.FromString(before)
+        swap, uses = Swap(verdict), Uses(fail_at)
+        try:
+            swap._replace_all_isomorphic_sub_graphs(uses.wrap(graph), *SWAP)
+        except FaultError:
+            faults += 1
+        else:
+            break
+        finally:
+            uses.left = 0
+        assert is_sound(graph), f"use {fail_at}"
+        if swap.calls == 0:
+            assert graph.SerializeToString(deterministic=True) == before, f"use {fail_at}"
+        if swap.calls == 3:  # all were asked: what was accepted stays, what was refused went back
+            accepted = sum(verdict(call) for call in (1, 2, 3))
+            assert sum(node.input[0].endswith("_Relu") for node in graph.node) in (accepted, 3), f"use {fail_at}"
+    assert faults > 100
+
+
+@pytest.mark.parametrize("seed", range(2))
+@pytest.mark.parametrize("name", CLASSES)
+def test_a_fault_in_every_class(name: str, seed: int) -> None:
+    before = class_graph(name, seed)
+    unchanged = before.SerializeToString(deterministic=True)
+    counting = Uses(0)
+    usual = apply(name, counting.wrap(GraphProto.FromString(unchanged)))
+    uses = -counting.left
+    alone = max(writers(before).values()) == 1
+    known = all_names(before)
+    for fail_at in range(1, uses + 1, max(1, uses // FAULTS)):
+        graph, failing = GraphProto.FromString(unchanged), Uses(fail_at)
+        outcome = apply(name, failing.wrap(graph))
+        # After an error of its own, the first error is the one to see.
+        assert isinstance(outcome, FaultError) or type(outcome) is type(usual), f"use {fail_at} of {uses}: {outcome!r}"
+        assert not alone or max(writers(graph).values()) == 1, f"use {fail_at}: two writers"
+        lost = dangling(graph) & known - dangling(before)
+        assert not lost, f"use {fail_at}: nothing writes {lost} any more"
+        if list(graph.node) == list(before.node):
+            assert graph.SerializeToString(deterministic=True) == unchanged, f"use {fail_at}"
+
+
+@pytest.mark.parametrize(("says", "error"), [(3, "shrank"), (15, "grew")])
+def test_a_list_that_lies_about_its_length(monkeypatch: pytest.MonkeyPatch, says: int, error: str) -> None:
+    """Ten of twenty initializers go, every other one: too many runs to delete them one by one."""
+    graph = conv_relus(10)
+    tensors = [copy for tensor in graph.initializer for copy in (tensor, TensorProto(name=f"{tensor.name}_kept"))]
+    graph.ClearField("initializer")
+    initializers = graph.initializer
+    initializers.extend(tensors)
+    lengths = {id(initializers): says}
+    monkeypatch.setattr(Proxy, "__len__", lambda self: lengths.get(id(self._value), len(self._value)))
+    with pytest.raises(RuntimeError, match=f"the list {error} while"):
+        Swap(lambda _: True)._replace_all_isomorphic_sub_graphs(Uses(0).wrap(graph), SWAP[0], ["Clip:0->3"])
+    assert is_sound(graph)
+    assert len(graph.node) == 10
+    assert {tensor.name for tensor in graph.initializer} == {tensor.name for tensor in tensors}
