@@ -16,7 +16,7 @@ import numpy.typing as npt
 import onnx
 
 from onnxgraft.calibration.errors import CalibrationError
-from onnxgraft.preparation.tensor_values import read_values
+from onnxgraft.graph.tensor_values import read_values
 
 _FLOATS = (onnx.TensorProto.FLOAT, onnx.TensorProto.FLOAT16, onnx.TensorProto.DOUBLE, onnx.TensorProto.BFLOAT16)
 # Smaller constants come and go with the form that an exporter writes.

@@ -16,7 +16,7 @@ from onnx.external_data_helper import load_external_data_for_model
 from onnx.reference import ReferenceEvaluator
 
 from onnxgraft.calibration.errors import CalibrationError
-from onnxgraft.external_data import has_external_data
+from onnxgraft.io.external_data import has_external_data
 
 Array = npt.NDArray[Any]
 Evaluator = Literal["auto", "onnxruntime", "reference"]
