@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "core/nearest_miss.h"
-#include "py/bad_names.h"
 #include "py/objects.h"
 
 namespace onnxgraft::py {
@@ -33,10 +32,8 @@ std::string label(PyObject* transformation) {
 core::GraphTable read_table(PyObject* graph, const core::Rule& rule) {
   GraphReading reading;
   GraphReader reader(graph, reading);
-  with_places(graph, [&] {
-    reader.read_operators(rule);
-    reader.read_links();
-  });
+  reader.read_operators(rule);
+  reader.read_links();
   return std::move(reading.table);
 }
 

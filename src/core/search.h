@@ -11,7 +11,6 @@
 
 #include "core/candidates.h"
 #include "core/cycle_check.h"
-#include "core/interruption.h"
 #include "core/occurrence.h"
 #include "core/refused_set.h"
 
@@ -59,7 +58,6 @@ class Search {
   Claims& claims_;
   const RefusedSet& refused_;
   CycleCheck cycle_check_;
-  Interruptible work_;
 
   std::vector<NodeIndex> node_of_;  // per pattern node
   std::vector<NameId> name_of_;     // per link

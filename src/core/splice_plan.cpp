@@ -2,7 +2,6 @@
 
 #include <string>
 
-#include "core/interruption.h"
 #include "core/node_order.h"
 
 namespace onnxgraft::core {
@@ -10,10 +9,8 @@ namespace onnxgraft::core {
 SplicePlan::SplicePlan(GraphTable& table, const Rule& rule, OccurrenceList& occurrences)
     : table_(table), rule_(rule), occurrences_(occurrences), first_new_(table.node_count()) {
   FreshNames fresh(table.names, table.vacant);
-  Interruptible work;
   entry_nodes_.reserve(occurrences.size() * rule.entries.size());
   for (std::size_t index = 0; index < occurrences.size(); ++index) {
-    work.step();
     name_links(occurrences.nodes(index), occurrences.links(index), fresh);
     add_nodes(index, fresh);
   }

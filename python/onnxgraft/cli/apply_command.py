@@ -66,7 +66,6 @@ def _rewrite(
         details=details,
         folder=options.model.parent if store is None else store.folder,
         weight_store=store,
-        finish=options.finish,
     )
     report.model = options.model.name
     return report

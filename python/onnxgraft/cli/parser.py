@@ -5,6 +5,7 @@ from __future__ import annotations
 import argparse
 from collections.abc import Sequence
 from importlib.metadata import version
+from pathlib import Path
 
 from onnxgraft.cli import options
 from onnxgraft.cli.options import Parser, positive_number, whole_number
@@ -97,7 +98,14 @@ def make_parser() -> argparse.ArgumentParser:
         "compare two models by numbers: same inputs, same outputs",
         options.two_models(),
         options.seed("seed of the random inputs (default: 0)"),
-        epilog="Ends with code 3 if the models differ.",
+        options.as_json(),
+        epilog="Ends with code 3 if the models differ, with 7 if an output has no finite element to compare.",
+    )
+    verify.add_argument(
+        "--inputs",
+        type=Path,
+        metavar="DATA",
+        help="compute on these values instead of random ones: an .npz file with an array for each input, or a folder",
     )
     verify.add_argument(
         "--size",
@@ -118,7 +126,7 @@ def make_parser() -> argparse.ArgumentParser:
         " and bfloat16)",
     )
 
-    diff = command("diff", "show what is different between two graphs", options.two_models())
+    diff = command("diff", "show what is different between two graphs", options.two_models(), options.as_json())
     diff.add_argument(
         "--html", type=options.path_ending_in(".html"), metavar="D.html", help="write a page with pictures too"
     )
@@ -128,12 +136,6 @@ def make_parser() -> argparse.ArgumentParser:
 
 def _add_apply_options(apply: argparse.ArgumentParser) -> None:
     apply.add_argument("--until-stable", action="store_true", help="repeat until the graph does not change any more")
-    apply.add_argument(
-        "--no-finish",
-        dest="finish",
-        action="store_false",
-        help="leave weights and biases as the transformations write them, even where shapes do not fit",
-    )
     apply.add_argument("--dry-run", action="store_true", help="do everything but write the model")
     apply.add_argument(
         "--keep-going", action="store_true", help="undo a transformation that fails, leave it out and go on"

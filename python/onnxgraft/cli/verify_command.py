@@ -4,11 +4,11 @@ from __future__ import annotations
 
 import argparse
 
-from onnxgraft.cli import consoles
+from onnxgraft.calibration import open_data
+from onnxgraft.cli import consoles, json_output
+from onnxgraft.cli.exit_codes import ExitCode
 from onnxgraft.io import model_files
-from onnxgraft.verification import verify
-
-DIFFERENT = 3
+from onnxgraft.verification import Verification, verify
 
 
 def run(options: argparse.Namespace) -> int:
@@ -21,8 +21,18 @@ def run(options: argparse.Namespace) -> int:
         sizes=dict(options.size),
         runs=options.runs,
         tolerance=options.tolerance,
+        inputs=None if options.inputs is None else open_data(options.inputs, before),
         folder_before=options.before.parent,
         folder_after=options.after.parent,
     )
-    consoles.say(str(result))
-    return 0 if result.passed else DIFFERENT
+    if options.json:
+        json_output.show({"verdict": result.verdict, "passed": result.passed, **vars(result)})
+    else:
+        consoles.say(str(result))
+    return _code(result)
+
+
+def _code(result: Verification) -> ExitCode:
+    if result.passed:
+        return ExitCode.DONE
+    return ExitCode.DIFFERENT if result.differs else ExitCode.NOT_COMPARED

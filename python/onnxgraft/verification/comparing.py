@@ -28,15 +28,18 @@ def compare(name: str, before: Array, after: Array, tolerance: float | None) -> 
     error, scale = _difference(before, after)
     relative = 0.0 if error == 0 else error / scale if scale and math.isfinite(error) else math.inf
     dtype = before.dtype.name if before.dtype == after.dtype else f"{before.dtype.name} / {after.dtype.name}"
-    passed = before.dtype == after.dtype and relative <= _bound(before.dtype, tolerance) and not _is_lost(before)
-    return OutputRow(name, dtype, before.shape, error, scale, relative, passed)
+    agrees = before.dtype == after.dtype and relative <= _bound(before.dtype, tolerance)
+    compared = not (agrees and _is_lost(before))
+    return OutputRow(name, dtype, before.shape, error, scale, relative, agrees and compared, compared)
 
 
 def worst(rows: Iterable[OutputRow]) -> OutputRow:
     """One row for several runs of the same output."""
     rows = list(rows)
-    chosen = max(rows, key=lambda row: row.relative_error)
-    return replace(chosen, passed=all(row.passed for row in rows))
+    chosen = max(rows, key=lambda row: (row.compared and not row.passed, row.relative_error))
+    # A difference in one run counts, whatever another run had to compare.
+    differs, passed = chosen.compared and not chosen.passed, all(row.passed for row in rows)
+    return replace(chosen, passed=passed, compared=differs or all(row.compared for row in rows))
 
 
 def _bound(dtype: np.dtype[Any], tolerance: float | None) -> float:

@@ -14,7 +14,6 @@ import numpy.typing as npt
 import onnx
 
 from onnxgraft.evaluation import Convention, EvaluationError, evaluate
-from onnxgraft.verification.inputs import Input, random_values
 
 Array = npt.NDArray[Any]
 Runner = Literal["onnxruntime", "onnx.reference"]
@@ -34,21 +33,18 @@ class Side:
 class Computer:
     """Computes both models with one evaluator: two would round differently."""
 
-    def __init__(self, inputs: Mapping[str, Input], seed: int) -> None:
-        self._inputs = inputs
-        self._seed = seed
+    def __init__(self) -> None:
         self.runner: Runner = "onnxruntime" if importlib.util.find_spec("onnxruntime") else "onnx.reference"
         self.fallback: str | None = None  # why onnxruntime was given up
 
     def compute(
-        self, sides: Sequence[Side], names: Sequence[str], convention: Convention, run: int
+        self, sides: Sequence[Side], names: Sequence[str], convention: Convention, values: Mapping[str, Array]
     ) -> list[dict[str, Array]]:
-        """The tensors `names` of every side, on the inputs of run number `run`.
+        """The tensors `names` of every side, on inputs of these values.
 
         Raises:
             EvaluationError: A model does not run; the message says which one and, where known, at which node.
         """
-        values = random_values(self._inputs, self._seed + run)
         if self.runner == "onnxruntime":
             try:
                 return [self._evaluate(side, values, names, convention) for side in sides]

@@ -9,14 +9,15 @@ from __future__ import annotations
 import difflib
 import math
 import zlib
-from collections.abc import Mapping
+from collections.abc import Iterable, Iterator, Mapping
 from dataclasses import dataclass
+from itertools import chain
 from typing import Any
 
 import numpy as np
 import numpy.typing as npt
 import onnx
-from onnx import TensorProto, helper
+from onnx import TensorProto, TypeProto, helper
 
 from onnxgraft.errors import VerificationError
 from onnxgraft.verification.readers import Readers
@@ -72,6 +73,53 @@ def random_values(inputs: Mapping[str, Input], seed: int) -> dict[str, Array]:
         rng = np.random.default_rng([seed, zlib.crc32(name.encode())])
         values[name] = np.asarray(_draw(wanted, rng)).astype(wanted.dtype)
     return values
+
+
+def given_values(
+    model: onnx.ModelProto, samples: Iterable[Mapping[str, Array]]
+) -> tuple[Iterator[Mapping[str, Array]], dict[str, Input]]:
+    """Checks samples as they come.
+
+    Args:
+        model: The model that declares the inputs.
+        samples: For each run an array for every input without initializer.
+
+    Returns:
+        The samples, and what the first of them says of the inputs.
+
+    Raises:
+        VerificationError: There is no sample, or one lacks an input or does not fit it. For those after the first it
+            is raised when they are reached.
+    """
+    constants = {tensor.name for tensor in model.graph.initializer}
+    declared = {value.name: value.type.tensor_type for value in model.graph.input if value.name not in constants}
+    checked = (_checked(declared, sample, number) for number, sample in enumerate(samples, 1))
+    first = next(checked, None)
+    if first is None:
+        raise VerificationError("no inputs were given: there is not a single sample")
+    return chain([first], checked), {name: Input(name, v.dtype, v.shape, None) for name, v in first.items()}
+
+
+def _checked(declared: Mapping[str, TypeProto.Tensor], sample: Mapping[str, Array], number: int) -> Mapping[str, Array]:
+    for name in sample:
+        if name not in declared:
+            known = ", ".join(difflib.get_close_matches(name, declared, n=3) or list(declared)[:6])
+            raise VerificationError(f"sample {number}: the model before has no input '{name}', but {known}")
+    for name, tensor in declared.items():
+        if name not in sample:
+            raise VerificationError(f"sample {number} has no array for the input '{name}'")
+        dtype, shape = sample[name].dtype, sample[name].shape
+        if dtype != helper.tensor_dtype_to_np_dtype(tensor.elem_type):
+            wanted = TensorProto.DataType.Name(tensor.elem_type).lower()
+            raise VerificationError(f"sample {number}: the input '{name}' is of type {wanted}, its array {dtype.name}")
+        sizes = [dim.dim_value for dim in tensor.shape.dim]
+        fits = len(sizes) == len(shape) and all(a <= 0 or a == b for a, b in zip(sizes, shape, strict=True))
+        if tensor.HasField("shape") and not fits:
+            described = ",".join(str(dim.dim_param or dim.dim_value or "?") for dim in tensor.shape.dim)
+            raise VerificationError(
+                f"sample {number}: the input '{name}' is of shape [{described}], its array of shape {list(shape)}"
+            )
+    return sample
 
 
 def _draw(wanted: Input, rng: np.random.Generator) -> Array:

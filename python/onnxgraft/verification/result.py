@@ -27,6 +27,8 @@ class OutputRow:
         scale: The largest absolute value among the finite elements of both.
         relative_error: `max_error / scale`; 0 if nothing differs.
         passed: Whether that is within the tolerance.
+        compared: Whether there was anything to compare; where both models give the same elements and none of them is
+            finite, nothing was, and the row does not pass.
     """
 
     name: str
@@ -36,6 +38,12 @@ class OutputRow:
     scale: float
     relative_error: float
     passed: bool
+    compared: bool = True
+
+    @property
+    def verdict(self) -> str:
+        """The word for it."""
+        return "same" if self.passed else "DIFFERENT" if self.compared else "NOT COMPARED"
 
 
 @dataclass
@@ -43,13 +51,26 @@ class Verification:
     """The result of `verify`."""
 
     rows: list[OutputRow] = field(default_factory=list)
-    first_difference: str | None = None  # the first tensor, in the order of computation, that differs
+    # The first tensor, in the order of computation, that differs, or else the first without any finite element.
+    first_difference: str | None = None
     notes: list[str] = field(default_factory=list)
     passed: bool = False
     runner: Literal["onnxruntime", "onnx.reference"] = "onnx.reference"
     inputs: dict[str, str] = field(default_factory=dict)  # name -> "float32[1,3,64,64]"
-    seed: int = 0
+    seed: int | None = 0  # None: the inputs were given
     runs: int = 1
+
+    @property
+    def differs(self) -> bool:
+        """Whether a difference was found. If not, and it did not pass, outputs without any finite element are why."""
+        return not self.passed and (not self.rows or any(row.compared and not row.passed for row in self.rows))
+
+    @property
+    def verdict(self) -> str:
+        """The outcome in one sentence."""
+        if self.passed:
+            return "the models agree"
+        return "the models differ" if self.differs else "nothing was compared in an output without any finite element"
 
     def __rich__(self) -> Table:
         table = Table("Output", "Type", "Shape", box=box.SIMPLE)
@@ -59,7 +80,7 @@ class Verification:
         for row in self.rows:
             numbers = (f"{value:.3g}" for value in (row.max_error, row.scale, row.relative_error))
             shape = Text(f"[{','.join(map(str, row.shape))}]")
-            table.add_row(Text(row.name), row.dtype, shape, *numbers, "same" if row.passed else "DIFFERENT")
+            table.add_row(Text(row.name), row.dtype, shape, *numbers, row.verdict)
         return table
 
     def __str__(self) -> str:
@@ -68,7 +89,8 @@ class Verification:
         console.print(self)
         lines = [line.rstrip() for line in stream.getvalue().splitlines()]
         if self.first_difference is not None:
-            lines.append(f"first tensor that differs: {self.first_difference}")
+            what = "that differs" if self.differs else "without any finite element"
+            lines.append(f"first tensor {what}: {self.first_difference}")
         lines += [f"note: {note}" for note in self.notes]
-        lines.append(f"{'the models agree' if self.passed else 'the models differ'} (run by {self.runner})")
+        lines.append(f"{self.verdict} (run by {self.runner})")
         return "\n".join(lines).strip("\n")

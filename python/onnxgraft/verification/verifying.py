@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import math
-from collections.abc import Mapping, Sequence
+from collections.abc import Iterable, Mapping, Sequence
 from dataclasses import replace
 from os import PathLike
 
@@ -14,9 +14,9 @@ from onnxgraft.evaluation import Convention, EvaluationError
 from onnxgraft.preparation import prepare
 from onnxgraft.verification import interface, notes
 from onnxgraft.verification.comparing import compare, worst
-from onnxgraft.verification.computing import Computer, Side
+from onnxgraft.verification.computing import Array, Computer, Side
 from onnxgraft.verification.first_difference import find_first_difference
-from onnxgraft.verification.inputs import inputs_of
+from onnxgraft.verification.inputs import given_values, inputs_of, random_values
 from onnxgraft.verification.result import OutputRow, Verification
 
 # Quantize nodes round and clip as on the hardware; a convolution takes their offset out again (docs/evaluation.md).
@@ -31,11 +31,12 @@ def verify(
     sizes: Mapping[str, int] | None = None,
     runs: int = 1,
     tolerance: float | None = None,
+    inputs: Iterable[Mapping[str, Array]] | None = None,
     folder_before: str | PathLike[str] | None = None,
     folder_after: str | PathLike[str] | None = None,
     convention: Convention = CONVENTION,
 ) -> Verification:
-    """Evaluates both models on the same random inputs and compares each output.
+    """Evaluates both models on the same inputs and compares each output.
 
     Integers have to be equal, floating-point numbers within `tolerance` times the largest absolute value of the output.
 
@@ -47,6 +48,9 @@ def verify(
             asks for, 1 for the batch, 64 for height and width, 16 for others.
         runs: How many different inputs are tried.
         tolerance: None for 1e-4, or what narrower floating-point types can hold.
+        inputs: Samples to compute on instead of random ones, one run each: an array for each input of `before` by
+            name, in its element type and shape. `onnxgraft.calibration.open_data` reads them from files. `seed`,
+            `sizes` and `runs` have to be left as they are then.
         folder_before: Where the external data of `before` is; None for the current folder.
         folder_after: Where the external data of `after` is; None for the current folder.
         convention: How quantized operators are read.
@@ -64,18 +68,26 @@ def verify(
     if tolerance is not None and not 0 <= tolerance < math.inf:
         raise VerificationError(f"the tolerance has to be 0 or a positive number, not {tolerance}")
     sides = [Side("before", _sorted(before), folder_before or ""), Side("after", _sorted(after), folder_after or "")]
-    inputs = inputs_of(before, sizes or {})
-    result = Verification(inputs={name: str(value) for name, value in inputs.items()}, seed=seed, runs=runs)
+    feeds: Iterable[Mapping[str, Array]]
+    if inputs is None:
+        wanted = inputs_of(before, sizes or {})
+        feeds = (random_values(wanted, seed + run) for run in range(runs))
+    else:
+        if seed or sizes or runs != 1:
+            raise VerificationError("where inputs are given, seed, sizes and runs have no use: leave them out")
+        feeds, wanted = given_values(before, inputs)
+    result = Verification(inputs={name: str(value) for name, value in wanted.items()}, runs=runs)
+    result.seed = seed if inputs is None else None
     names = interface.common_outputs(before.graph, after.graph)
-    if problems := interface.input_problems(inputs, after.graph):
+    if problems := interface.input_problems(wanted, after.graph):
         result.notes += problems
         return result
     lost = interface.lost_outputs(before.graph, after.graph)
     result.notes += lost + interface.other_remarks(before.graph, after.graph)
     if not names:
         return result
-    computer = Computer(inputs, seed)
-    result.rows, failed = _compare(sides, names, computer, convention, runs, tolerance)
+    computer = Computer()
+    result.rows, result.runs, failed = _compare(sides, names, computer, convention, feeds, tolerance)
     result.passed = failed is None and not lost
     result.notes += _remarks(result.rows)
     if failed is not None:
@@ -107,25 +119,32 @@ def _compare(
     names: Sequence[str],
     computer: Computer,
     convention: Convention,
-    runs: int,
+    feeds: Iterable[Mapping[str, Array]],
     tolerance: float | None,
-) -> tuple[list[OutputRow], int | None]:
-    """A row for each output over all runs, and the first run in which one differs."""
+) -> tuple[list[OutputRow], int, Mapping[str, Array] | None]:
+    """A row for each output over all runs, their number, and the inputs of the first run that did not pass."""
     rows: dict[str, list[OutputRow]] = {name: [] for name in names}
-    failed = None
-    for run in range(runs):
-        first, second = computer.compute(sides, names, convention, run)
+    runs, failed, differs = 0, None, False
+    for values in feeds:
+        runs += 1
+        first, second = computer.compute(sides, names, convention, values)
         for name in names:
             rows[name].append(compare(name, first[name], second[name], tolerance))
-        if failed is None and not all(found[-1].passed for found in rows.values()):
-            failed = run
-    return [worst(found) for found in rows.values()], failed
+        latest = [found[-1] for found in rows.values()]
+        # A run that differs tells more than one with nothing to compare.
+        if not differs and not all(row.passed for row in latest):
+            differs = any(row.compared and not row.passed for row in latest)
+            if failed is None or differs:
+                failed = values
+    return [worst(found) for found in rows.values()], runs, failed
 
 
 def _remarks(rows: Sequence[OutputRow]) -> list[str]:
     """What a row of the table does not say."""
-    silent = [row.name for row in rows if row.scale == 0 and 0 not in row.shape and row.max_error == 0]
-    return [f"{', '.join(silent)}: no finite element but 0, so that agreement proves little"] if silent else []
+    silent = [row.name for row in rows if row.passed and row.scale == 0 and 0 not in row.shape and row.max_error == 0]
+    lost = [row.name for row in rows if not row.compared]
+    found = [f"{', '.join(silent)}: no finite element but 0, so that agreement proves little"] if silent else []
+    return found + [f"output '{name}' has no finite element: nothing was compared" for name in lost]
 
 
 def _without_rounding(
@@ -133,14 +152,14 @@ def _without_rounding(
     names: Sequence[str],
     computer: Computer,
     convention: Convention,
-    run: int,
+    values: Mapping[str, Array],
     tolerance: float | None,
 ) -> list[str]:
     """Whether it is but the resolution of quantized values in which two quantized models differ."""
     if not convention.rounding or not notes.are_quantized(*(side.model.graph for side in sides)):
         return []
     try:
-        first, second = computer.compute(sides, names, replace(convention, rounding=False), run)
+        first, second = computer.compute(sides, names, replace(convention, rounding=False), values)
     except EvaluationError:
         return []
     rows = [compare(name, first[name], second[name], tolerance) for name in names]

@@ -307,3 +307,16 @@ def test_verify_and_diff_tell_equal_from_different(folder: Path, capsys: Capture
     assert "first tensor that differs: 'y'" in capsys.readouterr().out
     assert [run("diff", MODEL, "changed.onnx", "--html", "d.html") for _ in range(2)] == [0, 1]
     assert "exists already" in capsys.readouterr().err
+
+
+def test_verify_on_given_inputs(folder: Path, capsys: Capture) -> None:
+    x = np.random.default_rng(1).random((3, 1, 3, 8, 8), np.float32)
+    np.savez("data.npz", x=x)
+    assert run("verify", MODEL, MODEL, "--inputs", "data.npz", "--json") == 0
+    found = json.loads(capsys.readouterr().out)
+    assert (found["passed"], found["runs"], found["seed"]) == (True, 3, None)
+    np.savez("data.npz", x=x * np.inf)
+    assert run("verify", MODEL, MODEL, "--inputs", "data.npz") == 1
+    assert "not finite" in capsys.readouterr().err
+    np.savez("data.npz", x=x + np.float32(3e38))
+    assert run("verify", MODEL, MODEL, "--inputs", "data.npz") == 7

@@ -12,7 +12,7 @@ from onnx import TensorProto, helper, numpy_helper
 from helpers.models import make_model
 from helpers.small_graphs import model_of, ones
 from onnxgraft import catalogue
-from onnxgraft.errors import HostError
+from onnxgraft.errors import HostError, VerificationError
 from onnxgraft.verification import verify
 from onnxgraft.verification.comparing import compare
 
@@ -130,20 +130,44 @@ NAN, INF = np.nan, np.inf
 
 
 @pytest.mark.parametrize(
-    ("first", "second", "passed"),
+    ("first", "second", "verdict"),
     [
-        ([NAN, INF, 2.0], [NAN, INF, 2.0], True),
-        ([NAN, 1.0], [1.0, 1.0], False),
-        ([INF, 1.0], [-INF, 1.0], False),
-        ([NAN, INF], [NAN, INF], False),  # nothing that could be compared
-        ([0.0, 0.0], [0.0, 1e-30], False),
-        ([1e6, 1.0], [1e6, 2.0], True),  # relative to the scale of the whole tensor
-        ([2**62], [2**62 + 1], False),
-        ([[1.0]], [1.0], False),
+        ([NAN, INF, 2.0], [NAN, INF, 2.0], "same"),
+        ([NAN, 1.0], [1.0, 1.0], "DIFFERENT"),
+        ([INF, 1.0], [-INF, 1.0], "DIFFERENT"),
+        ([NAN, INF], [NAN, INF], "NOT COMPARED"),
+        ([NAN, INF], [INF, NAN], "DIFFERENT"),
+        ([0.0, 0.0], [0.0, 1e-30], "DIFFERENT"),
+        ([1e6, 1.0], [1e6, 2.0], "same"),  # relative to the scale of the whole tensor
+        ([2**62], [2**62 + 1], "DIFFERENT"),
+        ([[1.0]], [1.0], "DIFFERENT"),
     ],
 )
-def test_comparison(first: Any, second: Any, passed: bool) -> None:
-    assert compare("x", np.array(first), np.array(second), None).passed is passed
+def test_comparison(first: Any, second: Any, verdict: str) -> None:
+    assert compare("x", np.array(first), np.array(second), None).verdict == verdict
+
+
+def test_outputs_without_a_finite_element_have_a_verdict_of_their_own() -> None:
+    model = model_of(["Log x -> a", "Relu a -> y", "Relu x -> z"], inputs={"x": [2]}, outputs=["y", "z"])
+    negative, positive = ({"x": np.full(2, value, np.float32)} for value in (-1, 1))
+    result = verify(model, model, inputs=[positive, negative])
+    assert [row.verdict for row in result.rows] == ["NOT COMPARED", "same"]
+    assert not result.passed
+    assert not result.differs
+    assert "first tensor without any finite element: 'a', written by Log" in str(result)
+    assert "nothing was compared" in str(result).splitlines()[-1]
+    other = model_of(["Log x -> a", "Abs a -> y", "Relu x -> z"], inputs={"x": [2]}, outputs=["y", "z"])
+    half = {"x": np.full(2, 0.5, np.float32)}
+    assert verify(model, other, inputs=[negative, half]).rows[0].verdict == "DIFFERENT"
+    for wrong, message in (
+        ([], "not a single sample"),
+        ([{}], "sample 1 has no array for the input 'x'"),
+        ([half, {"y": half["x"]}], "sample 2: the model before has no input 'y', but x"),
+        ([{"x": np.ones(3, np.float32)}], r"of shape \[2\], its array of shape \[3\]"),
+        ([{"x": np.ones(2)}], "of type float, its array float64"),
+    ):
+        with pytest.raises(VerificationError, match=message):
+            verify(model, model, inputs=wrong)
 
 
 def test_external_data_is_read_from_its_folder(tmp_path: Path) -> None:
