@@ -5,6 +5,7 @@
 
 #include "abstract_transformation/run.h"
 #include "core/node_order.h"
+#include "py/bad_names.h"
 #include "py/graph_fields.h"
 #include "py/guard.h"
 
@@ -21,7 +22,7 @@ Pass::Pass(PyObject* transformation, PyObject* graph, PyObject* extra, std::shar
       writer_(graph, reader_.nodes(), table_) {}
 
 std::size_t Pass::run() {
-  const std::size_t count = search_and_replace();
+  const std::size_t count = with_places(graph_, [&] { return search_and_replace(); });
   if (callback_.keeps_nodes()) keep_reading_for_next();
   return count;
 }
@@ -72,7 +73,10 @@ void Pass::prepare_writing() {
 /// occurrences that are accepted is more than it spares.
 std::size_t Pass::count_foreseen(const core::OccurrenceList& occurrences) const {
   std::size_t count = 0;
-  while (count < occurrences.size() && callback_.foresees_refusal(occurrences, count, table_)) ++count;
+  while (count < occurrences.size() && callback_.foresees_refusal(occurrences, count, table_)) {
+    check(PyErr_CheckSignals());
+    ++count;
+  }
   return count;
 }
 
@@ -108,16 +112,14 @@ void Pass::replace_and_ask(const core::OccurrenceList& occurrences, const core::
     for (std::size_t index = first; index < occurrences.size(); ++index)
       for_each_removed(occurrences, index, [&](core::NodeIndex node) { writer_.hold(node); });
   }
-  writer_.rearrange(plan.arrange(before, chosen));
-  if (!callback_.is_default()) {
-    try {
-      ask(occurrences, plan, first, chosen);
-    } catch (...) {
-      const SavedError saved;
-      guarded_status([&] { take_back(occurrences, plan, before, chosen); });
-      PyErr_Clear();
-      throw;
-    }
+  const std::vector<core::NodeIndex> spliced = plan.arrange(before, chosen);
+  if (!callback_.is_default()) chosen.assign(occurrences.size(), false);
+  try {
+    writer_.rearrange(spliced);
+    if (!callback_.is_default()) ask(occurrences, plan, first, chosen);
+  } catch (...) {
+    clean_up_after_error([&] { take_back(occurrences, plan, before, chosen); });
+    throw;
   }
   take_back(occurrences, plan, before, chosen);
 }
@@ -159,6 +161,7 @@ void Pass::ask(const core::OccurrenceList& occurrences, const core::SplicePlan& 
   const Ref round = callback_.begin_round();
   try {
     for (std::size_t index = first; index < occurrences.size(); ++index) {
+      check(PyErr_CheckSignals());
       follow_list();
       const Callback::Arguments arguments = callback_.arguments(occurrences, plan, index, table_, writer_);
       chosen[index] = true;
@@ -167,9 +170,7 @@ void Pass::ask(const core::OccurrenceList& occurrences, const core::SplicePlan& 
     }
     callback_.end_round();
   } catch (...) {
-    const SavedError saved;
-    guarded_status([&] { callback_.end_round(); });
-    PyErr_Clear();
+    clean_up_after_error([&] { callback_.end_round(); });
     throw;
   }
 }

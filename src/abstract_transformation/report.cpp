@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "core/nearest_miss.h"
+#include "py/bad_names.h"
 #include "py/objects.h"
 
 namespace onnxgraft::py {
@@ -32,8 +33,10 @@ std::string label(PyObject* transformation) {
 core::GraphTable read_table(PyObject* graph, const core::Rule& rule) {
   GraphReading reading;
   GraphReader reader(graph, reading);
-  reader.read_operators(rule);
-  reader.read_links();
+  with_places(graph, [&] {
+    reader.read_operators(rule);
+    reader.read_links();
+  });
   return std::move(reading.table);
 }
 

@@ -46,6 +46,7 @@ bool CycleCheck::reaches(NameId from, NameId target, std::span<const NodeIndex> 
     }
   };
   while (!open.empty()) {
+    work_.step();
     const NameId at = open.back();
     open.pop_back();
     if (at == target) return true;

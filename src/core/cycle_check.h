@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "core/graph_table.h"
+#include "core/interruption.h"
 #include "core/rule.h"
 
 namespace onnxgraft::core {
@@ -28,6 +29,7 @@ class CycleCheck {
 
   const GraphTable& table_;
   const Rule& rule_;
+  Interruptible work_;
   bool has_bodies_ = false;
   std::vector<std::pair<NameId, NodeIndex>> body_reads_;  // sorted by name
   std::vector<NodeIndex> body_nodes_;                     // parallel to `body_reads_`

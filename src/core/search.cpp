@@ -21,6 +21,7 @@ OccurrenceList Search::run() {
   if (!candidates_.possible()) return found;
   push_frame(0);
   while (!frames_.empty()) {
+    work_.step();
     Frame& frame = frames_.back();
     undo(frame.role_mark, frame.link_mark);
     const NodeIndex node = next_candidate(frame);

@@ -11,6 +11,7 @@
 
 #include "core/candidates.h"
 #include "core/cycle_check.h"
+#include "core/interruption.h"
 #include "core/occurrence.h"
 #include "core/refused_set.h"
 
@@ -58,6 +59,7 @@ class Search {
   Claims& claims_;
   const RefusedSet& refused_;
   CycleCheck cycle_check_;
+  Interruptible work_;
 
   std::vector<NodeIndex> node_of_;  // per pattern node
   std::vector<NameId> name_of_;     // per link

@@ -94,6 +94,7 @@ bool Search::expand(std::uint32_t start, Candidates::Range range, std::uint32_t 
     std::vector<NodeIndex> next;
     const Link& link = rule_.links[step.link];
     for (const NodeIndex node : nodes) {
+      work_.step();
       if (!claims_.usable(node, rule_.nodes[step.from])) continue;
       const NameId name = tensor_of_link(table_, rule_.nodes[step.from], node, step.link);
       if (link.writer == step.to) {

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "core/interruption.h"
 #include "core/node_order.h"
 
 namespace onnxgraft::core {
@@ -9,8 +10,10 @@ namespace onnxgraft::core {
 SplicePlan::SplicePlan(GraphTable& table, const Rule& rule, OccurrenceList& occurrences)
     : table_(table), rule_(rule), occurrences_(occurrences), first_new_(table.node_count()) {
   FreshNames fresh(table.names, table.vacant);
+  Interruptible work;
   entry_nodes_.reserve(occurrences.size() * rule.entries.size());
   for (std::size_t index = 0; index < occurrences.size(); ++index) {
+    work.step();
     name_links(occurrences.nodes(index), occurrences.links(index), fresh);
     add_nodes(index, fresh);
   }

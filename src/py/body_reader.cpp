@@ -11,25 +11,6 @@ namespace onnxgraft::py {
 
 namespace {
 
-// AttributeProto.AttributeType
-constexpr long attribute_type_graph = 5;
-constexpr long attribute_type_graphs = 10;
-
-/// Calls `visit(graph)` for every body in the node's attributes.
-template <class Visit>
-void for_each_body(PyObject* node, Visit&& visit) {
-  const Ref attributes = attribute(node, field::attribute);
-  const Py_ssize_t count = length(attributes.get());
-  for (Py_ssize_t index = 0; index < count; ++index) {
-    const Ref entry = item(attributes.get(), index);
-    const std::int64_t type = integer_value(attribute(entry.get(), field::type).get());
-    if (type == attribute_type_graph) visit(attribute(entry.get(), field::g).get());
-    if (type != attribute_type_graphs) continue;
-    const Ref graphs = iterator(attribute(entry.get(), field::graphs).get());
-    while (const Ref graph = next(graphs.get())) visit(graph.get());
-  }
-}
-
 /// Walks bodies inside bodies; the depth is that of the nesting, not of the graph.
 class BodyReader {
  public:

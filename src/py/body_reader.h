@@ -4,9 +4,27 @@
 #include <vector>
 
 #include "core/names.h"
-#include "py/ref.h"
+#include "py/graph_fields.h"
+#include "py/objects.h"
 
 namespace onnxgraft::py {
+
+/// Calls `visit(graph)` for every body in the node's attributes.
+template <class Visit>
+void for_each_body(PyObject* node, Visit&& visit) {
+  constexpr long attribute_type_graph = 5;  // AttributeProto.AttributeType
+  constexpr long attribute_type_graphs = 10;
+  const Ref attributes = attribute(node, field::attribute);
+  const Py_ssize_t count = length(attributes.get());
+  for (Py_ssize_t index = 0; index < count; ++index) {
+    const Ref entry = item(attributes.get(), index);
+    const std::int64_t type = integer_value(attribute(entry.get(), field::type).get());
+    if (type == attribute_type_graph) visit(attribute(entry.get(), field::g).get());
+    if (type != attribute_type_graphs) continue;
+    const Ref graphs = iterator(attribute(entry.get(), field::graphs).get());
+    while (const Ref graph = next(graphs.get())) visit(graph.get());
+  }
+}
 
 /// Adds to `result` the names that bodies in the node's attributes take from outside, and interns every name
 /// in them. A name is a body's own if an input, an initializer or an earlier node of the body (or of a body

@@ -130,11 +130,15 @@ bool GraphReader::read_fields_of_bytes(PyObject* node, core::NameId op) {
   core::Names& names = reading_.table.names;
   if (!gives_bytes_ || bodies_.may_be_large_by_default(op)) return false;
   const Ref bytes = call_method(node, serialize);
+  if (PyBytes_CheckExact(bytes.get()) == 0) return false;
   const auto size = static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.get()));
   announced_.clear();
   WireFields fields({PyBytes_AS_STRING(bytes.get()), size});
   while (const auto field = fields.next()) {
-    if (field->number <= node_field::name) announced_.emplace_back(field->number, names.announce(field->content));
+    if (field->number <= node_field::name) {
+      if (!is_utf8(field->content)) return false;
+      announced_.emplace_back(field->number, names.announce(field->content));
+    }
     if (field->number == node_field::domain && !is_default_domain(field->content)) return false;
   }
   row_.name = core::no_name;

@@ -1,6 +1,7 @@
 #include "py/graph_writer.h"
 
 #include <algorithm>
+#include <iterator>
 #include <numeric>
 #include <unordered_map>
 #include <utility>
@@ -156,21 +157,31 @@ void GraphWriter::rearrange(std::span<const NodeIndex> target) {
 
   const std::vector<NodeIndex> before = order_;
   std::vector<NodeIndex> now = before;
+  bool sorted = false;
   try {
     make_missing(target, now);
-    std::vector<NodeIndex> sorted(target.begin(), target.end());
-    for (const NodeIndex node : before) {
-      if (stays[node]) continue;
-      sorted.push_back(node);
-    }
-    move_to(now, sorted);
-    now = std::move(sorted);
+    std::vector<NodeIndex> order(target.begin(), target.end());
+    std::ranges::copy_if(before, std::back_inserter(order), [&](NodeIndex node) { return !stays[node]; });
+    move_to(now, order);
+    now = std::move(order);
+    sorted = true;
     delete_slice(nodes_.get(), target.size(), now.size());
   } catch (...) {
-    undo(now, before);
+    clean_up_after_error([&] {
+      if (sorted && std::cmp_equal(length(nodes_.get()), target.size())) {
+        become(target);  // it was the last step that raised, after it was done
+      } else {
+        undo(now, before);
+      }
+    });
     throw;
   }
-  set_order({target.begin(), target.end()});
+  become(target);
+}
+
+/// Notes that the list has this order now.
+void GraphWriter::become(std::span<const NodeIndex> order) {
+  set_order({order.begin(), order.end()});
   disturbed_ = false;
 }
 
@@ -184,23 +195,19 @@ void GraphWriter::move_to(std::span<const NodeIndex> from, std::span<const NodeI
 
 /// Puts the list back: `now` is what it holds, new nodes included (the last of them perhaps not added yet).
 void GraphWriter::undo(std::span<const NodeIndex> now, std::span<const NodeIndex> before) {
-  const SavedError saved;
-  guarded_status([&] {
-    const auto count = static_cast<std::size_t>(length(nodes_.get()));
-    now = now.first(std::min(count, now.size()));
-    std::vector<bool> there(table_.node_count(), false);
-    for (const NodeIndex node : now) there[node] = true;
-    std::vector<NodeIndex> back;
-    for (const NodeIndex node : before) {
-      if (there[node]) back.push_back(node);
-    }
-    for (const NodeIndex node : now) {
-      if (position_[node] == absent) back.push_back(node);
-    }
-    move_to(now, back);
-    delete_slice(nodes_.get(), before.size(), count);
-  });
-  PyErr_Clear();
+  const auto count = static_cast<std::size_t>(length(nodes_.get()));
+  now = now.first(std::min(count, now.size()));
+  std::vector<bool> there(table_.node_count(), false);
+  for (const NodeIndex node : now) there[node] = true;
+  std::vector<NodeIndex> back;
+  for (const NodeIndex node : before) {
+    if (there[node]) back.push_back(node);
+  }
+  for (const NodeIndex node : now) {
+    if (position_[node] == absent) back.push_back(node);
+  }
+  move_to(now, back);
+  delete_slice(nodes_.get(), before.size(), count);
 }
 
 /// Appends the nodes of `target` that the list lacks, and notes each in `now` before the list gets it.

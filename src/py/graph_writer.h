@@ -2,7 +2,8 @@
 //
 // The writer knows which graph node stands at each position and brings the list from one order to another:
 // missing nodes are made at the end, one reordering puts all in place, nodes that go are cut off the end. If
-// any step fails, the list is put back as it was and the error goes on. It decides nothing itself.
+// any step fails, the list is put back as it was and the error goes on; only an error that comes when all is done
+// finds the new order. It decides nothing itself.
 #pragma once
 
 #include <cstdint>
@@ -60,6 +61,7 @@ class GraphWriter {
   void move_to(std::span<const core::NodeIndex> from, std::span<const core::NodeIndex> to);
   void undo(std::span<const core::NodeIndex> now, std::span<const core::NodeIndex> before);
   void set_order(std::vector<core::NodeIndex> order);
+  void become(std::span<const core::NodeIndex> order);
   [[nodiscard]] bool is_held(core::NodeIndex node) const { return node < held_.size() && held_[node]; }
   void keep_object(core::NodeIndex node, Ref message);
   [[nodiscard]] bool is_at(core::NodeIndex node, std::size_t position) const;

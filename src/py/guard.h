@@ -47,4 +47,12 @@ class SavedError {
   PyObject* traceback_ = nullptr;
 };
 
+/// Runs what puts things right while an error is reported; errors of its own are dropped.
+template <class Body>
+void clean_up_after_error(Body&& body) noexcept {
+  const SavedError saved;
+  guarded_status(std::forward<Body>(body));
+  PyErr_Clear();
+}
+
 }  // namespace onnxgraft::py

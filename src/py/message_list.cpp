@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <ranges>
 #include <string_view>
+#include <utility>
 
 #include "py/graph_fields.h"
 #include "py/guard.h"
@@ -13,6 +14,7 @@ namespace onnxgraft::py {
 namespace {
 
 constexpr const char* capsule_name = "onnxgraft.sort_keys";
+constexpr const char* shrank = "the list shrank while it was reordered";
 
 /// Hands out the keys one after the other, whatever element it is asked for: sorting asks for the key of
 /// each element once, in list order.
@@ -36,15 +38,20 @@ PyObject* next_key(PyObject* capsule, PyObject* /*element*/) {
   });
 }
 
-/// Sorting is stable: elements that follow each other and keep their order need no keys of their own. Fewer keys are
-/// fewer objects, and these, not the comparisons, are what a key costs.
-std::vector<std::uint32_t> sort_keys(std::span<const std::uint32_t> target) {
+/// The position that each element of the sorted list came from.
+std::vector<std::uint32_t> inverse(std::span<const std::uint32_t> target) {
   std::vector<std::uint32_t> source(target.size());
   for (std::uint32_t at = 0; at < target.size(); ++at) {
-    if (target[at] >= source.size()) raise(PyExc_RuntimeError, "the list shrank while it was reordered");
+    if (target[at] >= source.size()) raise(PyExc_RuntimeError, shrank);
     source[target[at]] = at;
   }
-  std::vector<std::uint32_t> keys(target.size());
+  return source;
+}
+
+/// Sorting is stable: elements that follow each other and keep their order need no keys of their own. Fewer keys are
+/// fewer objects, and these, not the comparisons, are what a key costs.
+std::vector<std::uint32_t> sort_keys(std::span<const std::uint32_t> source) {
+  std::vector<std::uint32_t> keys(source.size());
   std::uint32_t key = 0;
   for (std::size_t to = 0; to < source.size(); ++to) {
     if (to != 0 && source[to] < source[to - 1]) ++key;
@@ -67,6 +74,16 @@ class ExpiringCapsule {
 
 PyMethodDef next_key_method{"next_key", next_key, METH_O, nullptr};
 
+/// Brings each element to its position; `source` says where it comes from.
+void sort(PyObject* list, std::span<const std::uint32_t> source) {
+  SortKeys state{sort_keys(source)};
+  const Ref capsule = checked(PyCapsule_New(&state, capsule_name, nullptr));
+  const ExpiringCapsule expiring(capsule.get());
+  const Ref key = checked(PyCFunction_New(&next_key_method, capsule.get()));
+  call_method(list, field::sort, {}, {{field::key, key.get()}});
+  if (state.next != state.values.size()) raise(PyExc_RuntimeError, shrank);
+}
+
 }  // namespace
 
 bool is_message_list(PyObject* list) {
@@ -75,11 +92,18 @@ bool is_message_list(PyObject* list) {
 
 void reorder(PyObject* list, std::span<const std::uint32_t> target) {
   if (std::ranges::is_sorted(target)) return;
-  SortKeys state{sort_keys(target)};
-  const Ref capsule = checked(PyCapsule_New(&state, capsule_name, nullptr));
-  const ExpiringCapsule expiring(capsule.get());
-  const Ref key = checked(PyCFunction_New(&next_key_method, capsule.get()));
-  call_method(list, field::sort, {}, {{field::key, key.get()}});
+  const std::vector<std::uint32_t> source = inverse(target);
+  const auto moved = static_cast<std::size_t>(std::ranges::mismatch(target, std::views::iota(0U)).in1 - target.begin());
+  const Ref element = item(list, static_cast<Py_ssize_t>(moved));
+  try {
+    sort(list, source);
+  } catch (...) {
+    // A list written in Python can be interrupted when it is sorted already.
+    clean_up_after_error([&] {
+      if (item(list, target[moved]).get() == element.get()) sort(list, target);
+    });
+    throw;
+  }
 }
 
 void delete_slice(PyObject* list, std::size_t begin, std::size_t end) {
@@ -112,7 +136,14 @@ void delete_positions(PyObject* list, const std::vector<std::size_t>& positions)
     target[at] = goes ? removed++ : kept++;
   }
   reorder(list, target);
-  delete_slice(list, count - positions.size(), count);
+  try {
+    delete_slice(list, count - positions.size(), count);
+  } catch (...) {
+    clean_up_after_error([&] {
+      if (std::cmp_equal(length(list), count)) reorder(list, inverse(target));
+    });
+    throw;
+  }
 }
 
 }  // namespace onnxgraft::py

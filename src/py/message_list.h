@@ -15,7 +15,8 @@ namespace onnxgraft::py {
 /// Whether it is protobuf's own list, the C implementation's, and not something that behaves like one.
 bool is_message_list(PyObject* list);
 
-/// Sorts the list so that the element at position i comes to position `target[i]`; a permutation.
+/// Sorts the list so that the element at position i comes to position `target[i]`; a permutation. If it raises, the
+/// order is as it was.
 void reorder(PyObject* list, std::span<const std::uint32_t> target);
 
 /// Deletes positions [begin, end).

@@ -1,5 +1,6 @@
 #include "py/module_entry.h"
 
+#include "core/interruption.h"
 #include "py/objects.h"
 
 namespace onnxgraft::py {
@@ -17,6 +18,7 @@ int initialise_once(PyObject* module, bool& done, void (*fill)(PyObject* module)
       }
       raise(PyExc_RuntimeError, "Module '%U' has already been imported. Re-initialisation is not supported.", own_name);
     }
+    core::interruption_check = [] { check(PyErr_CheckSignals()); };
     fill(module);
     done = true;
   });

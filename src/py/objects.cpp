@@ -2,6 +2,8 @@
 
 #include <array>
 #include <cstddef>
+#include <cstring>
+#include <iterator>
 #include <vector>
 
 namespace onnxgraft::py {
@@ -73,8 +75,25 @@ Ref text(std::string_view value) {
 std::string_view utf8(PyObject* object) {
   Py_ssize_t size = 0;
   const char* data = PyUnicode_AsUTF8AndSize(object, &size);
-  if (data == nullptr) throw PythonError{};
-  return {data, static_cast<std::size_t>(size)};
+  if (data != nullptr) return {data, static_cast<std::size_t>(size)};
+  if (PyBytes_Check(object) == 0) throw PythonError{};
+  PyErr_Format(PyExc_ValueError, "%R is not UTF-8, as all names in ONNX have to be", object);
+  throw NotUtf8{};
+}
+
+bool is_utf8(std::string_view text) {
+  // Nearly all names are ASCII, which eight characters at a time tell.
+  std::uint64_t bits = 0;
+  std::string_view rest = text;
+  for (std::uint64_t word = 0; rest.size() >= sizeof word; rest.remove_prefix(sizeof word)) {
+    std::memcpy(&word, rest.data(), sizeof word);
+    bits |= word;
+  }
+  for (const char c : rest) bits |= static_cast<unsigned char>(c);
+  if ((bits & 0x8080808080808080U) == 0) return true;
+  if (Ref::steal(PyUnicode_DecodeUTF8(text.data(), std::ssize(text), nullptr))) return true;
+  PyErr_Clear();
+  return false;
 }
 
 Ref integer(std::int64_t value) { return checked(PyLong_FromLongLong(value)); }

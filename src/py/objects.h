@@ -58,7 +58,11 @@ Ref call_method(PyObject* object, const InternedName& name, std::initializer_lis
                 std::initializer_list<Keyword> keywords);
 
 Ref text(std::string_view value);
-/// UTF-8 bytes of a `str`; valid while the object lives. Anything else is a TypeError.
+/// Protobuf gives a text that is not UTF-8 as `bytes`. The interpreter's error (ValueError) has no place yet.
+struct NotUtf8 : PythonError {};
+/// Whether protobuf would give the text as a `str`.
+bool is_utf8(std::string_view text);
+/// UTF-8 bytes of a `str`; valid while the object lives. NotUtf8 for `bytes`, anything else is a TypeError.
 std::string_view utf8(PyObject* object);
 Ref integer(std::int64_t value);
 /// Value of a Python integer that fits into 64 bits (OverflowError otherwise).

@@ -28,12 +28,20 @@ const InternedName np("np");
 
 Ref global(PyObject* module, const InternedName& global_name) { return py::attribute(module, global_name); }
 
-std::string string_field(PyObject* record, const InternedName& field) {
-  return std::string(py::utf8(py::attribute(record, field).get()));
+/// For messages, which show what is not UTF-8 in it as unreadable.
+std::string shown_name(PyObject* tensor) {
+  const Ref value = py::attribute(tensor, name);
+  return std::string(PyBytes_Check(value.get()) != 0 ? PyBytes_AS_STRING(value.get()) : py::utf8(value.get()));
 }
 
 ExternalLocation read_location(PyObject* tensor) {
-  ExternalLocation where{string_field(tensor, name), {}, {}, {}};
+  ExternalLocation where{shown_name(tensor), {}, {}, {}};
+  const auto string_field = [&](PyObject* record, const InternedName& field) {
+    const Ref value = py::attribute(record, field);
+    if (PyBytes_Check(value.get()) == 0) return std::string(py::utf8(value.get()));
+    py::raise(PyExc_ValueError, "tensor '%s': external data: %U %R is not UTF-8", where.tensor.c_str(), field.get(),
+              value.get());
+  };
   const Ref entries = py::iterator(py::attribute(tensor, external_data).get());
   while (const Ref entry = py::next(entries.get())) {
     const std::string key = string_field(entry.get(), key_field);

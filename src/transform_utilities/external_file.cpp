@@ -45,6 +45,7 @@ void test_containment(const ExternalLocation& where, const fs::path& path, const
 void test_file(const ExternalLocation& where, const fs::path& path, const fs::path& folder) {
   std::error_code error;
   const fs::file_status status = fs::symlink_status(path, error);
+  if (error && status.type() != fs::file_type::not_found) refuse(where, path, "cannot be opened: " + error.message());
   if (status.type() == fs::file_type::not_found) {
     py::raise(PyExc_FileNotFoundError,
               "tensor '%s': external data '%s' does not exist: put the file there, or name the folder of the model "
@@ -54,6 +55,10 @@ void test_file(const ExternalLocation& where, const fs::path& path, const fs::pa
   if (status.type() == fs::file_type::symlink) refuse(where, path, "must be a file, not a symbolic link");
   if (status.type() != fs::file_type::regular) refuse(where, path, "must be a regular file");
   test_containment(where, path, folder);
+  const std::uintmax_t names = fs::hard_link_count(path, error);
+  if (!error && names > 1) {
+    refuse(where, path, "has " + std::to_string(names) + " hard links, so that it may be any file: make it a copy");
+  }
 }
 
 std::uint64_t number(const ExternalLocation& where, const fs::path& path, const char* key, const std::string& digits) {

@@ -66,6 +66,7 @@ def _rewrite(
         details=details,
         folder=options.model.parent if store is None else store.folder,
         weight_store=store,
+        finish=options.finish,
     )
     report.model = options.model.name
     return report

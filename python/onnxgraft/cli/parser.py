@@ -136,6 +136,12 @@ def make_parser() -> argparse.ArgumentParser:
 
 def _add_apply_options(apply: argparse.ArgumentParser) -> None:
     apply.add_argument("--until-stable", action="store_true", help="repeat until the graph does not change any more")
+    apply.add_argument(
+        "--no-finish",
+        dest="finish",
+        action="store_false",
+        help="leave weights and biases as the transformations write them, even where shapes do not fit",
+    )
     apply.add_argument("--dry-run", action="store_true", help="do everything but write the model")
     apply.add_argument(
         "--keep-going", action="store_true", help="undo a transformation that fails, leave it out and go on"

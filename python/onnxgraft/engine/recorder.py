@@ -20,6 +20,7 @@ import onnx
 from onnxgraft.abstract_transformation import AbstractTransformation, nearest_miss
 from onnxgraft.engine.snapshot import Snapshot
 from onnxgraft.engine.surroundings import Neighbours, Shapes
+from onnxgraft.following import Splice
 from onnxgraft.io.weight_store import WeightStore
 from onnxgraft.report.node_texts import Kept, keep
 from onnxgraft.report.records import NodeText, Occurrence, PatternResult
@@ -56,13 +57,22 @@ class Recorder:
     Attributes:
         patterns: One result per (pattern, replacement) pair, in the order in which they were run.
         failure: Where it raised, if it did while it ran a pattern.
+        splices: What was accepted, in order; empty unless `splices` was asked for.
     """
 
     def __init__(
-        self, snapshot: Snapshot, details: Details, *, misses: bool = True, store: WeightStore | None = None
+        self,
+        snapshot: Snapshot,
+        details: Details,
+        *,
+        misses: bool = True,
+        splices: bool = False,
+        store: WeightStore | None = None,
     ) -> None:
         self.patterns: list[PatternResult] = []
         self.failure: Failure | None = None
+        self.splices: list[Splice] = []
+        self._keeps_splices = splices
         self._snapshot = snapshot
         self._details = details
         self._misses = misses
@@ -77,7 +87,7 @@ class Recorder:
         callback = getattr(transformation, _CALLBACK)
         is_default = getattr(callback, "__func__", None) is _DEFAULT_CALLBACK
         # The default callback accepts everything: for counts alone it need not be called.
-        if not is_default or self._details != "counts":
+        if not is_default or self._details != "counts" or self._keeps_splices:
             replaced[_CALLBACK] = self._on_replace(callback, transformation, is_default=is_default)
         if self._store is not None and hasattr(transformation, _WEIGHTS):
             replaced[_WEIGHTS] = _storing(getattr(transformation, _WEIGHTS), self._store)
@@ -143,6 +153,7 @@ class Recorder:
             if gives_reasons:
                 named[_REASONS] = reasons
             before, placed = self._take_hold(current, *arguments[:3])
+            matched = tuple(map(_copy, replaced_nodes)) if self._keeps_splices else ()
             try:
                 accepted = bool(original(*arguments, **named))
             except BaseException:
@@ -152,6 +163,9 @@ class Recorder:
             current.result.found += 1
             current.result.replaced += accepted
             current.result.refused += not accepted
+            if self._keeps_splices and accepted:
+                pair = current.result.pattern, current.result.replacement
+                self.splices.append(Splice(*pair, dict(isomorphic_links_mapping), matched, graph))
             if self._details != "counts":
                 current.result.occurrences.append(
                     self._occurrence(current, before, placed, isomorphic_links_mapping, accepted, reasons)
@@ -227,6 +241,12 @@ def _storing(original: Callable[..., Any], store: WeightStore) -> Callable[..., 
         return store.store(tensor), shape
 
     return update_weights
+
+
+def _copy(node: onnx.NodeProto) -> onnx.NodeProto:
+    copy = onnx.NodeProto()
+    copy.CopyFrom(node)
+    return copy
 
 
 def _strings(pattern: Any) -> tuple[str, ...]:

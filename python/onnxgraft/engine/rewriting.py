@@ -4,19 +4,22 @@ from __future__ import annotations
 
 import logging
 import os
-from collections.abc import Callable, Iterable
+from collections.abc import Callable, Iterable, Sequence
 from contextlib import AbstractContextManager, nullcontext
 from importlib.metadata import PackageNotFoundError, version
 from typing import Any, Literal
 
 import onnx
 
+from onnxgraft import finishing
 from onnxgraft.engine.fingerprint import fingerprint
+from onnxgraft.engine.foreign_operators import ForeignOperators
 from onnxgraft.engine.recorder import Details
 from onnxgraft.engine.seeds import seeded
 from onnxgraft.engine.selection import Candidate, Selection, candidates, recipe_of
 from onnxgraft.engine.stability import Stability
 from onnxgraft.engine.stepping import Stepper
+from onnxgraft.following import Follower, Host
 from onnxgraft.io.weight_store import WeightStore
 from onnxgraft.report.records import Report
 from onnxgraft.transform_utilities import external_data_folder
@@ -40,6 +43,8 @@ def rewrite(
     folder: str | os.PathLike[str] | None = None,
     max_rounds: int = 10,
     weight_store: WeightStore | None = None,
+    finish: bool = True,
+    followers: Sequence[Follower] = (),
 ) -> Report:
     """Runs transformations over a model, in order and in place.
 
@@ -63,6 +68,10 @@ def rewrite(
         folder: The folder that the locations of external tensors start from; None is the current one.
         max_rounds: The most rounds of `until_stable`.
         weight_store: Where new weights go, if not into the graph.
+        finish: Whether to complete what a transformation leaves open, so that the shapes of its result fit: weights
+            are split along their input channels after `delete_concat`, biases brought to their length after
+            `fuse_bn_quant`. The report counts such places as "finished".
+        followers: What goes on where each transformation has ended, in order, before it is finished.
 
     Returns:
         What was done.
@@ -81,17 +90,21 @@ def rewrite(
         raise ValueError(f"max_rounds must be 1 or more, not {max_rounds}")
     recipe = recipe_of(transformations)
     chosen = candidates(transformations if recipe is None else recipe, skip)
+    host = Host(graph, model if isinstance(model, onnx.ModelProto) else None, folder, weight_store)
     report = Report(model=graph.name or None, seed=seed, version=_version())
     with seeded(seed), _data_folder(folder):
         if prepare is not False:
             steps = prepare if not isinstance(prepare, bool) else None if recipe is None else recipe.prepare
             _prepare(model, steps, folder, report, progress, weight_store)
-        stepper = Stepper(graph, details, weight_store)
+        functions = host.model.functions if host.model is not None else ()
+        foreign = ForeignOperators(graph, functions)
+        stepper = Stepper(host, details, [*followers, *finishing.followers(host, finish=finish)])
         stability = None
         if until_stable or (recipe is not None and recipe.until_stable):
             stability = Stability(fingerprint(graph))
         while not _is_done(report, stability, max_rounds):
             _run_round(stepper, chosen, report, stability, progress, stops=on_error == "stop")
+        report.warnings += foreign.warnings(report.steps)
     for warning in report.warnings:
         _log.warning("%s", warning)
     return report
@@ -155,6 +168,10 @@ def _run_round(
             progress(candidate.name)
         step, error = stepper.run(candidate, report.rounds)
         report.steps.append(step)
+        if step.undone is not None:
+            warning = f"'{step.transformation}' was undone: {step.undone}"
+            if warning not in report.warnings:  # in a later round it comes again
+                report.warnings.append(warning)
         if error is not None:
             if stops:
                 error.report = report
@@ -162,7 +179,7 @@ def _run_round(
             _log.warning("%s; put back and left out", error)
         # A built-in class that replaced nothing changed nothing.
         if stability is not None and error is None and (step.replaced or not candidate.row.is_own):
-            stability.note(candidate.name, fingerprint(stepper.graph))
+            stability.note(candidate.name, fingerprint(stepper.host.graph))
 
 
 def _is_done(report: Report, stability: Stability | None, max_rounds: int) -> bool:

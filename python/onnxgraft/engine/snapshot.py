@@ -30,12 +30,23 @@ class Snapshot:
         self._graph = graph
         self._lists = [_List(getattr(graph, name), with_bytes=True) for name in _SMALL]
         self._lists += [_List(getattr(graph, name), with_bytes=False) for name in _TENSORS]
+        self._initializers = self._lists[len(_SMALL)]
+        self._by_name: dict[str, onnx.TensorProto] | None = None
         self._bodies: list[Snapshot] = []
 
     def include(self, graph: onnx.GraphProto) -> None:
         """Takes a nested body in, if it is not known yet, before something changes its lists."""
         if all(graph is not known for known in self._graphs()):
             self._bodies.append(Snapshot(graph))
+
+    def initializer(self, name: str) -> onnx.TensorProto | None:
+        """The initializer of that name as the step found it, also if it has been removed since; None if there was none.
+
+        Its record only: content that was edited in place is as it is now.
+        """
+        if self._by_name is None:
+            self._by_name = {tensor.name: tensor for tensor in reversed(self._initializers.elements)}
+        return self._by_name.get(name)
 
     def put_back(self) -> None:
         """Makes the graph what it was: same elements, same order, same content."""
@@ -56,12 +67,12 @@ class _List:
 
     def __init__(self, field: Any, *, with_bytes: bool) -> None:
         self._field = field
-        self._elements: list[Any] = list(field)
-        self._bytes = [_small_bytes(element) for element in self._elements] if with_bytes else None
+        self.elements: list[Any] = list(field)
+        self._bytes = [_small_bytes(element) for element in self.elements] if with_bytes else None
 
     def put_back(self) -> None:
         now = list(self._field)
-        if len(now) != len(self._elements) or any(a is not b for a, b in zip(now, self._elements, strict=True)):
+        if len(now) != len(self.elements) or any(a is not b for a, b in zip(now, self.elements, strict=True)):
             self._restore_order(now)
         if self._bytes is None:
             return
@@ -70,11 +81,11 @@ class _List:
                 element.ParseFromString(content)
 
     def _restore_order(self, now: list[Any]) -> None:
-        places = {id(element): place for place, element in enumerate(self._elements)}
+        places = {id(element): place for place, element in enumerate(self.elements)}
         count = len(places)
         ranks = [places.pop(id(element), count) for element in now]
         for place in places.values():
-            self._field.append(self._elements[place])
+            self._field.append(self.elements[place])
             ranks.append(place)
         next_rank = iter(ranks)
         self._field.sort(key=lambda _: next(next_rank))

@@ -6,6 +6,7 @@ Whatever is raised on the way, the graph is put back to where the step began, an
 from __future__ import annotations
 
 import logging
+from collections.abc import Sequence
 from dataclasses import dataclass, field
 from time import perf_counter
 from typing import Any
@@ -17,7 +18,7 @@ from onnxgraft.engine.failure import TransformationError
 from onnxgraft.engine.recorder import Details, Recorder
 from onnxgraft.engine.selection import Candidate
 from onnxgraft.engine.snapshot import Snapshot
-from onnxgraft.io.weight_store import WeightStore
+from onnxgraft.following import DoneStep, Follower, Host, UndoStepError
 from onnxgraft.report.records import PatternResult, Step
 
 _log = logging.getLogger(__name__)
@@ -28,14 +29,14 @@ class Stepper:
     """Runs steps on one graph.
 
     Attributes:
-        graph: The graph.
+        host: The graph and what belongs to it.
         details: How much is recorded.
-        store: Where new weights go, if not into the graph.
+        followers: What goes on where a transformation has ended, in order.
     """
 
-    graph: onnx.GraphProto
+    host: Host
     details: Details
-    store: WeightStore | None = None
+    followers: Sequence[Follower] = ()
     _snapshot: Snapshot | None = field(default=None, init=False)
 
     def run(self, candidate: Candidate, round_number: int) -> tuple[Step, TransformationError | None]:
@@ -43,39 +44,58 @@ class Stepper:
 
         What is no `Exception` (an interruption), and MemoryError, goes on as it is once the graph has been put back.
         """
-        count = len(self.graph.node)
+        graph = self.host.graph
+        count = len(graph.node)
         step = Step(
             candidate.name, candidate.row.cls.__name__, round_number, count, count, random=candidate.row.randomizes
         )
-        snapshot = self._snapshot or Snapshot(self.graph)
+        snapshot = self._snapshot or Snapshot(graph)
         # Reasons for finding nothing are as before in a later round, and asking for them takes as long as a search.
-        recorder = Recorder(snapshot, self.details, misses=round_number == 1, store=self.store)
+        recorder = Recorder(
+            snapshot,
+            self.details,
+            misses=round_number == 1,
+            splices=any(follower.wants(candidate.row) for follower in self.followers),
+            store=self.host.store,
+        )
         step.patterns = recorder.patterns
         error = None
         start = perf_counter()
         try:
             transformation = candidate.make()
             with recorder.watch(transformation):
-                returned = transformation.apply(self.graph)
+                returned = transformation.apply(graph)
             _add_unrecorded(step, returned)
+            if step.replaced or not candidate.row.is_own:
+                self._follow(step, candidate, recorder, snapshot)
+        except UndoStepError as reason:
+            self._snapshot = None
+            snapshot.put_back()
+            step.undone = str(reason)
         except BaseException as raised:
             self._snapshot = None
             snapshot.put_back()
             if isinstance(raised, MemoryError) or not isinstance(raised, Exception):
                 raise
-            error = _error(candidate, recorder, raised, self.graph)
+            error = _error(candidate, recorder, raised, graph)
             step.error = str(error)
             _log.info("%s; put back", error)
         step.seconds = perf_counter() - start
-        step.nodes_after = len(self.graph.node)
+        step.nodes_after = len(graph.node)
         # Built-in classes touch nothing but occurrences; another's may do anything in its `apply`.
-        is_untouched = error is None and candidate.row.is_own and not step.found
+        is_untouched = error is None and step.undone is None and candidate.row.is_own and not step.found
         self._snapshot = snapshot if is_untouched else None
         _log.info(
             "%s: found %d, replaced %d, refused %d in %.3f s", step.transformation, step.found, step.replaced,
             step.refused, step.seconds,
         )  # fmt: skip
         return step, error
+
+    def _follow(self, step: Step, candidate: Candidate, recorder: Recorder, snapshot: Snapshot) -> None:
+        done = DoneStep(self.host, candidate.row, recorder.splices, snapshot)
+        for follower in self.followers:
+            follower.follow(done)
+        step.finished, step.remarks = done.finished, done.remarks
 
 
 def _add_unrecorded(step: Step, returned: Any) -> None:

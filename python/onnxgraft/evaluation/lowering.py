@@ -21,7 +21,6 @@ import onnx
 from onnx import TensorProto, numpy_helper
 
 from onnxgraft.errors import EvaluationError
-from onnxgraft.evaluation import quantized_values
 from onnxgraft.evaluation.convention import Convention
 from onnxgraft.evaluation.node_writer import NodeWriter, bodies
 from onnxgraft.evaluation.operator_formulas import (
@@ -32,6 +31,7 @@ from onnxgraft.evaluation.operator_formulas import (
     write_quantize,
 )
 from onnxgraft.evaluation.ranks import known_ranks
+from onnxgraft.tensor_types import quantized_values
 
 Array = npt.NDArray[Any]
 

@@ -31,6 +31,9 @@ class Workpiece:
         model: The model, or its graph alone. A graph does not say which operator set it uses, so nothing is inferred.
         folder: The folder that the locations of external tensors start from; None is the current one.
         weight_store: Where new tensors go, if not into the graph.
+
+    Attributes:
+        lists_initializers: Whether initializers have to be among the graph's inputs as well.
     """
 
     def __init__(
@@ -45,7 +48,7 @@ class Workpiece:
         self.folder = os.fspath(folder) if folder is not None else "."
         old_format = self.model is not None and 0 < self.model.ir_version < _FIRST_IR_WITHOUT_LISTING
         self._inputs_are_constant = old_format
-        self._lists_initializers = old_format or (self.model is None and self._all_listed())
+        self.lists_initializers = old_format or (self.model is None and self._all_listed())
         self._inferred: list[ValueInfoProto] | None = None
 
     def constants(self) -> dict[str, TensorProto]:
@@ -94,7 +97,7 @@ class Workpiece:
     def add(self, tensor: TensorProto) -> None:
         """Adds an initializer, where the file format asks for it as an input too."""
         self.graph.initializer.append(tensor)
-        if self._lists_initializers:
+        if self.lists_initializers:
             value = helper.make_tensor_value_info(tensor.name, tensor.data_type, list(tensor.dims))
             self.graph.input.append(value)
 

@@ -19,7 +19,7 @@ if TYPE_CHECKING:
     from rich.table import Table
 
 # Raised whenever a reader of the previous version would misread the JSON text.
-SCHEMA_VERSION = 1
+SCHEMA_VERSION = 2
 
 
 @dataclass(frozen=True)
@@ -123,6 +123,9 @@ class Step:
     patterns: list[PatternResult] = field(default_factory=list)
     random: bool = False  # it draws weights or scales at random, which changes what the model computes
     error: str | None = None  # why it failed; the graph is as before the step then
+    undone: str | None = None  # why it was undone, though it did not fail; the graph is as before the step then
+    finished: int = 0  # places that were completed after the transformation had replaced them
+    remarks: list[str] = field(default_factory=list)  # what else there is to know of the result
 
     @property
     def found(self) -> int:
@@ -131,8 +134,12 @@ class Step:
 
     @property
     def replaced(self) -> int:
-        """Occurrences that were replaced; none if the step failed and was put back."""
-        return 0 if self.error is not None else sum(pattern.replaced for pattern in self.patterns)
+        """Occurrences that were replaced; none if the step failed or was undone."""
+        return (
+            0
+            if self.error is not None or self.undone is not None
+            else sum(pattern.replaced for pattern in self.patterns)
+        )
 
     @property
     def refused(self) -> int:
@@ -166,6 +173,11 @@ class Report:
     def replaced(self) -> int:
         """Occurrences replaced by all steps."""
         return sum(step.replaced for step in self.steps)
+
+    @property
+    def finished(self) -> int:
+        """Places completed in all steps."""
+        return sum(step.finished for step in self.steps)
 
     @property
     def refused(self) -> int:

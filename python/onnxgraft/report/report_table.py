@@ -36,7 +36,7 @@ def table(report: Report) -> Table:
     result.add_column("Seconds", f"{sum(step.seconds for step in steps):.2f}", justify="right")
     result.add_column("Remark")
     for step in steps:
-        if step.round > 1 and not step.replaced and step.error is None:
+        if step.round > 1 and not step.replaced and step.error is None and step.undone is None:
             continue
         number = [str(step.round)] if several_rounds else []
         counts = (step.found, step.replaced, step.refused, step.nodes_before, step.nodes_after)
@@ -47,7 +47,12 @@ def table(report: Report) -> Table:
 def _remark(step: Step) -> str:
     if step.error is not None:
         return f"failed, put back: {step.error}"
-    return "random weights" if step.random and step.replaced else ""
+    if step.undone is not None:
+        return f"undone: {step.undone}"
+    remarks = ["random weights"] if step.random and step.replaced else []
+    if step.finished:
+        remarks.append(f"{step.finished} finished")
+    return "; ".join(remarks + step.remarks)
 
 
 def text(report: Report) -> str:

@@ -8,7 +8,7 @@ from dataclasses import dataclass
 
 import onnx
 
-from onnxgraft.evaluation.quantized_values import INTEGER_OPERATORS
+from onnxgraft.tensor_types.quantized_values import INTEGER_OPERATORS
 
 _EXAMPLES = 3
 

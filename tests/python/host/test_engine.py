@@ -147,9 +147,11 @@ def test_recording_changes_nothing_and_counts_right(
         counts = [catalogue.find_row(name).apply(plain.graph) for name in names]
         expected = np.random.rand()
         np.random.seed(3)
-        report = run(recorded, *names, details=details)
+        report = run(recorded, *names, details=details, finish=False)
         assert np.random.rand() == expected
         assert [step.replaced for step in report.steps] == counts
+        for model in (plain, recorded):
+            del model.graph.value_info[:]  # a run notes what the classes do not
         assert recorded.SerializeToString(deterministic=True) == plain.SerializeToString(deterministic=True)
         assert Report.from_json(report.to_json()) == report
         patterns = [pattern for step in report.steps for pattern in step.patterns]
@@ -266,7 +268,7 @@ EMPTY = Report().to_json()
 
 
 @pytest.mark.parametrize(
-    "text", ["", "[]", "{}", EMPTY.replace(": 1", ": 2"), EMPTY.replace("null", "[]"), EMPTY.replace("seed", "s")]
+    "text", ["", "[]", "{}", EMPTY.replace(": 2", ": 1"), EMPTY.replace("null", "[]"), EMPTY.replace("seed", "s")]
 )
 def test_strange_reports_are_refused(text: str) -> None:
     with pytest.raises(onnxgraft.ReportError):

@@ -1,0 +1,48 @@
+"""Tensors that a run made or changed -> with their element type and shape in `value_info`, as far as both are known.
+
+Entries of weights that are gone go too: some exporters list initializers in `value_info` as well.
+"""
+
+from __future__ import annotations
+
+from onnxgraft.catalogue import Transformation
+from onnxgraft.following import DoneStep, Host
+from onnxgraft.preparation.workpiece import remove_at
+
+
+class DeclareTypes:
+    """Runs after every step.
+
+    A tensor of the caller's that had no entry before gets none, unless it holds quantized values now.
+    """
+
+    def __init__(self, host: Host) -> None:
+        graph = host.graph
+        declared = {value.name for value in graph.value_info}
+        written = {name for node in graph.node for name in node.output}
+        self._undeclared = written - declared  # what the caller did not declare
+        self._initializers = {tensor.name for tensor in graph.initializer}
+
+    def wants(self, _transformation: Transformation) -> bool:
+        """It looks at the graph only."""
+        return False
+
+    def follow(self, step: DoneStep) -> None:
+        """Adds, corrects and removes entries."""
+        graph = step.graph
+        types = step.tensor_types()
+        entries = {value.name: value for value in graph.value_info}
+        known = {value.name for values in (graph.input, graph.output) for value in values}
+        known.update(tensor.name for tensor in graph.initializer)
+        for name in (name for node in graph.node for name in node.output):
+            kind = types.get(name)
+            if kind is None or name in known:
+                continue
+            known.add(name)
+            if name in entries:
+                if types.is_quantized(name):
+                    entries[name].type.tensor_type.elem_type = kind.element_type
+            elif kind.dims is not None and (types.is_quantized(name) or name not in self._undeclared):
+                graph.value_info.append(kind.declare(name))
+        stale = self._initializers & entries.keys() - known
+        remove_at(graph.value_info, [index for index, value in enumerate(graph.value_info) if value.name in stale])

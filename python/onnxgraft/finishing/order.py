@@ -1,0 +1,21 @@
+"""What runs after each step, in order."""
+
+from __future__ import annotations
+
+from onnxgraft.finishing.bias_lengths import BringBiasesToLength
+from onnxgraft.finishing.concat_weights import SplitWeights
+from onnxgraft.finishing.declared_types import DeclareTypes
+from onnxgraft.finishing.function_remarks import RemarkOnFunction
+from onnxgraft.finishing.listed_initializers import ListInitializers
+from onnxgraft.following import Follower, Host
+
+
+def followers(host: Host, *, finish: bool) -> list[Follower]:
+    """The followers of a run that is about to begin.
+
+    Args:
+        host: The graph, prepared.
+        finish: Whether weights and biases are finished; the others describe what is there and always run.
+    """
+    completing: list[Follower] = [SplitWeights(), BringBiasesToLength()] if finish else []
+    return [*completing, RemarkOnFunction(finish=finish), DeclareTypes(host), ListInitializers(host)]

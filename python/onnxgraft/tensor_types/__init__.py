@@ -1,0 +1,9 @@
+"""Element types and shapes of a graph's tensors, quantized operators included.
+
+onnx's own inference does not know `TesselQuant` and `TesselDequant`, nor that an INT8 `Conv` sums up in INT32.
+"""
+
+from onnxgraft.tensor_types.inference import TensorTypes
+from onnxgraft.tensor_types.kinds import Kind
+
+__all__ = ["Kind", "TensorTypes"]

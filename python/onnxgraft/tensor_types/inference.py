@@ -1,0 +1,155 @@
+"""Follows element types and shapes through a graph, node by node, and fills in what is not declared."""
+
+from __future__ import annotations
+
+import logging
+import math
+from collections.abc import Callable, Iterator, Mapping
+
+import onnx
+from onnx import TensorProto
+
+from onnxgraft.graph.bodies import bodies
+from onnxgraft.tensor_types import quantized_values
+from onnxgraft.tensor_types.kinds import FLOATING, Kind
+
+# Larger initializers cannot be shapes, axes or sizes.
+_LARGEST_SHAPE = 1024
+
+_log = logging.getLogger(__name__)
+
+
+class TensorTypes:
+    """What is known of a graph's tensors, those that are not declared included.
+
+    Args:
+        graph: The graph; its nodes must be in topological order.
+        opsets: Operator set version by domain, "" for the standard one.
+        read: The tensor with its values at hand; None if they cannot be read. Asked for small initializers only.
+    """
+
+    def __init__(
+        self,
+        graph: onnx.GraphProto,
+        opsets: Mapping[str, int],
+        read: Callable[[TensorProto], TensorProto | None] = lambda tensor: tensor,
+    ) -> None:
+        self._graph = graph
+        self._opsets = opsets
+        self._read = read
+        self._initializers = {tensor.name: tensor for tensor in reversed(graph.initializer)}
+        found = quantized_values.find(graph, opsets)
+        self._quantized, self._operands = found.tensors, found.operands
+        self._sources: dict[str, int] = {}  # quantized tensor -> element type of what was quantized
+        self._kinds: dict[str, Kind] = {}
+        for values in (graph.value_info, graph.output, graph.input):
+            for value in values:
+                if (kind := Kind.of(value.type)) is not None:
+                    self._kinds[value.name] = kind
+        for name, tensor in self._initializers.items():
+            self._kinds[name] = Kind(tensor.data_type, tuple(map(abs, tensor.dims)))
+        for index, node in enumerate(graph.node):
+            self._visit(index, node)
+
+    def __getitem__(self, name: str) -> Kind:
+        return self._kinds[name]
+
+    def get(self, name: str) -> Kind | None:
+        """What is known of a tensor; None if nothing is."""
+        return self._kinds.get(name)
+
+    def is_quantized(self, name: str) -> bool:
+        """Whether a tensor holds quantized values, or sums of them."""
+        return name in self._quantized
+
+    def _visit(self, index: int, node: onnx.NodeProto) -> None:
+        if node.op_type == "TesselQuant":
+            self._quantize(node)
+        elif node.op_type == "TesselDequant":
+            self._dequantize(node)
+        elif not self._quantized.isdisjoint(node.output):
+            self._compute(index, node)
+        elif any(name and name not in self._kinds for name in node.output):
+            for name, kind in self._inferred(node):
+                self._kinds.setdefault(name, kind)
+
+    def _quantize(self, node: onnx.NodeProto) -> None:
+        kind = self._kinds.get(node.input[0]) if node.input else None
+        for name in node.output:
+            self._sources[name] = _floating(kind)
+            self._kinds[name] = Kind(TensorProto.INT8, kind.dims if kind is not None else self._dims(name))
+
+    def _compute(self, index: int, node: onnx.NodeProto) -> None:
+        """An operator on quantized values: a sum, or one that hands the element type of its data on."""
+        operands = [name for name in node.input if name in self._sources]
+        source = self._sources[operands[0]] if operands else _floating(self._kinds.get(node.input[0]))
+        is_known = all(self._dims(name) is not None for name in node.output if name)
+        inferred = {} if is_known else dict(self._inferred(node, index))
+        for name in node.output:
+            if name in self._quantized:
+                self._sources[name] = source
+                element = max((self._kinds[operand].element_type for operand in operands), default=TensorProto.INT32)
+                dims = inferred[name].dims if name in inferred else self._dims(name)
+                self._kinds[name] = Kind(
+                    TensorProto.INT32 if node.op_type in quantized_values.INTEGER_OPERATORS else element, dims
+                )
+            elif name in inferred:
+                self._kinds.setdefault(name, inferred[name])
+
+    def _dequantize(self, node: onnx.NodeProto) -> None:
+        """A floating type that is declared holds; else it is that of what was quantized. The shape is handed on."""
+        data = node.input[0] if node.input else ""
+        for name in node.output:
+            known = self._kinds.get(name)
+            element = known.element_type if known is not None and known.element_type in FLOATING else 0
+            dims = (known.dims if known is not None else None) or self._dims(data)
+            self._kinds[name] = Kind(element or self._sources.get(data, TensorProto.FLOAT), dims)
+            if data in self._kinds and self._kinds[data].dims is None:
+                self._kinds[data] = Kind(self._kinds[data].element_type, dims)
+
+    def _dims(self, name: str) -> tuple[int | str, ...] | None:
+        kind = self._kinds.get(name)
+        return kind.dims if kind is not None else None
+
+    def _schema(self, node: onnx.NodeProto) -> onnx.defs.OpSchema | None:
+        domain = "" if node.domain == "ai.onnx" else node.domain
+        try:
+            return onnx.defs.get_schema(node.op_type, self._opsets[domain], domain)
+        except (KeyError, onnx.defs.SchemaError):
+            return None
+
+    def _inferred(self, node: onnx.NodeProto, index: int = -1) -> Iterator[tuple[str, Kind]]:
+        """What onnx's inference makes of the inputs, as far as they are known.
+
+        It refuses integers where the operator is defined for floats: quantized operands of the node at `index` are
+        floats to it, so that only the shape of the result is of use.
+        """
+        schema = self._schema(node)
+        if schema is None or any(bodies(node)) or not schema.has_type_and_shape_inference_function:
+            return
+        types = {}
+        for position, name in enumerate(node.input):
+            if name in self._kinds:
+                kind = self._kinds[name]
+                element = TensorProto.FLOAT if (index, position) in self._operands else kind.element_type
+                types[name] = onnx.helper.make_tensor_type_proto(element, kind.sizes)
+        values = {name: tensor for name in node.input if (tensor := self._small(name)) is not None}
+        imports = [onnx.helper.make_opsetid(domain, version) for domain, version in self._opsets.items()]
+        try:
+            found = onnx.shape_inference.infer_node_outputs(schema, node, types, values, opset_imports=imports)
+        except Exception as error:  # whatever a wrong node makes it raise
+            _log.debug("nothing is inferred of %s '%s': %s", node.op_type, node.name, error)
+            return
+        for name, type_ in found.items():
+            if name and (result := Kind.of(type_)) is not None:
+                yield name, result
+
+    def _small(self, name: str) -> TensorProto | None:
+        tensor = self._initializers.get(name)
+        if tensor is None or math.prod(tensor.dims) > _LARGEST_SHAPE:
+            return None
+        return self._read(tensor)
+
+
+def _floating(kind: Kind | None) -> int:
+    return kind.element_type if kind is not None and kind.element_type in FLOATING else TensorProto.FLOAT

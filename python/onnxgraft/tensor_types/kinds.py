@@ -1,0 +1,54 @@
+"""What is known of one tensor: its element type and, if known, its shape."""
+
+from __future__ import annotations
+
+from dataclasses import dataclass
+
+import onnx
+from onnx import TensorProto, TypeProto, ValueInfoProto
+
+FLOATING = frozenset((TensorProto.FLOAT, TensorProto.FLOAT16, TensorProto.BFLOAT16, TensorProto.DOUBLE))
+
+
+@dataclass(frozen=True)
+class Kind:
+    """Element type, and the size of each axis: a number, the name of a symbolic one, or "" for an unknown one.
+
+    `dims` is None if not even the rank is known.
+    """
+
+    element_type: int
+    dims: tuple[int | str, ...] | None = None
+
+    @classmethod
+    def of(cls, type_: TypeProto) -> Kind | None:
+        """What a declaration says; None if it is not that of a tensor, or says nothing of the element type."""
+        tensor = type_.tensor_type
+        if not type_.HasField("tensor_type") or not tensor.elem_type:
+            return None
+        if not tensor.HasField("shape"):
+            return cls(tensor.elem_type)
+        return cls(tensor.elem_type, tuple(map(_size, tensor.shape.dim)))
+
+    @property
+    def channels(self) -> int | None:
+        """The size of axis 1, if it is known."""
+        if self.dims is None or len(self.dims) < 2 or isinstance(self.dims[1], str):
+            return None
+        return self.dims[1]
+
+    def declare(self, name: str) -> ValueInfoProto:
+        """The entry of a tensor of this kind."""
+        return onnx.helper.make_tensor_value_info(name, self.element_type, self.sizes)
+
+    @property
+    def sizes(self) -> list[int | str | None] | None:
+        """The dims as onnx's helpers take them."""
+        return None if self.dims is None else [None if size == "" else size for size in self.dims]
+
+
+def _size(size: onnx.TensorShapeProto.Dimension) -> int | str:
+    # A negative size is a wrong one, which inference functions do not survive.
+    if size.HasField("dim_value"):
+        return size.dim_value if size.dim_value >= 0 else ""
+    return size.dim_param
