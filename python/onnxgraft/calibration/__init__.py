@@ -4,6 +4,7 @@
 """
 
 from onnxgraft.calibration.calibration import Calibration, Range, WeightNumbers, merged
+from onnxgraft.calibration.collecting import calibrate
 from onnxgraft.calibration.data import Samples, open_data
 from onnxgraft.calibration.errors import CalibrationError
 from onnxgraft.calibration.fingerprinting import model_fingerprint
@@ -18,6 +19,7 @@ __all__ = [
     "Range",
     "Samples",
     "WeightNumbers",
+    "calibrate",
     "merged",
     "model_fingerprint",
     "open_data",

@@ -1,0 +1,183 @@
+"""`calibrate`: one pass over the samples, each tensor's range in constant memory."""
+
+from __future__ import annotations
+
+import itertools
+import logging
+import math
+import os
+from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
+from pathlib import Path
+from typing import Any
+
+import numpy as np
+import numpy.typing as npt
+import onnx
+
+from onnxgraft import preparation
+from onnxgraft.calibration.calibration import Calibration
+from onnxgraft.calibration.data import Data, Sample, open_data
+from onnxgraft.calibration.errors import CalibrationError
+from onnxgraft.calibration.fingerprinting import model_fingerprint
+from onnxgraft.calibration.histograms import Statistics
+from onnxgraft.calibration.images import Images
+from onnxgraft.calibration.methods import chooser
+from onnxgraft.calibration.running import Evaluator, ForwardRunner
+from onnxgraft.calibration.watched import Watched, watched_tensors
+from onnxgraft.model_files import load
+
+Array = npt.NDArray[Any]
+Progress = Callable[[int, int | None], object]
+
+_log = logging.getLogger(__name__)
+
+
+def calibrate(
+    model: onnx.ModelProto | str | os.PathLike[str],
+    data: Data,
+    *,
+    method: str = "min-max",
+    percentile: float = 99.99,
+    images: Images | None = None,
+    sizes: Mapping[str, int] | None = None,
+    seed: int = 0,
+    prepare: bool | Iterable[str] = True,
+    folder: str | os.PathLike[str] | None = None,
+    evaluator: Evaluator = "auto",
+    memory: int = 512 * 2**20,
+    progress: Progress | None = None,
+) -> Calibration:
+    """Collects the ranges that the tensors of a float model take on samples.
+
+    The samples are read once, one after the other; what is remembered does not grow with their number.
+
+    Args:
+        model: The float model, or its file. It is not changed.
+        data: Samples: an `.npz` or `.npy` file, a folder of them or of images, "random:N", or an iterable in Python
+            (`open_data` tells the forms).
+        method: "min-max" takes the extremes, "percentile" leaves the outermost values out, "mse" takes the range with
+            the least mean square error of 8-bit numbers.
+        percentile: How many percent of a tensor's values "percentile" keeps, split evenly between both ends.
+        images: How images become arrays.
+        sizes: Sizes of symbolic dimensions for "random:N", by name or as "input[axis]".
+        seed: Of "random:N".
+        prepare: Whether to prepare a copy of the model first, as `rewrite` does, or the steps to run. Ranges are those
+            of the prepared model's tensors.
+        folder: The folder that the locations of external tensors start from; None is the model file's, or the current
+            one.
+        evaluator: "auto" takes onnxruntime where it is installed, else onnx's own evaluator, which is far slower.
+        memory: The most bytes of inner tensors to hold at a time. A model with more is computed in parts, which takes
+            a forward run each.
+        progress: Called with the number of samples done, and that of all, if it is known.
+
+    Returns:
+        The ranges of all tensors of floating-point numbers that the outer graph computes or is given, and means of the
+        channels at convolutions and matrix products. A tensor without elements, or with values that are not finite,
+        has no range; a warning names it.
+
+    Raises:
+        CalibrationError: The data do not fit the model, there are none, or the model cannot be computed.
+        ModelFileError: The model file cannot be used.
+    """
+    name, choose = chooser(method, percentile)
+    if not isinstance(model, onnx.ModelProto):
+        folder = Path(model).parent if folder is None else folder
+        own = load(Path(model))
+    else:
+        own = onnx.ModelProto()
+        own.CopyFrom(model)
+    samples = open_data(data, own, images=images, sizes=sizes, seed=seed)
+    fingerprint = model_fingerprint(own, folder)
+    if prepare is not False:
+        preparation.prepare(own, None if prepare is True else prepare, folder=folder)
+    feeds = iter(samples)
+    first = next(feeds, None)
+    if first is None:
+        raise CalibrationError(f"there are no samples in {samples.label}")
+    watched = watched_tensors(own, first, os.fspath(folder) if folder is not None else ".")
+    runners = [
+        ForwardRunner(own, block, folder=folder, evaluator=evaluator) for block in _blocks(watched.computed, memory)
+    ]
+    if not runners:
+        raise CalibrationError("the model computes no tensor of floating-point numbers")
+    if len(runners) > 1:
+        _log.info("inner tensors are computed in %d parts", len(runners))
+    del own
+    collector = _Collector(watched, counts_values=method != "min-max")
+    for done, sample in enumerate(itertools.chain([first], feeds), 1):
+        try:
+            collector.add(sample, runners)
+        except CalibrationError as error:
+            raise CalibrationError(f"sample {done} of {samples.label}: {error}") from error
+        if progress is not None:
+            progress(done, samples.count)
+    ranges = {tensor: choose(seen) for tensor, seen in collector.usable()}
+    for alias, source in watched.aliases.items():
+        if source in ranges:
+            ranges[alias] = ranges[source]
+    return Calibration(ranges, name, done, fingerprint, means=collector.means())
+
+
+def _blocks(sizes: Mapping[str, int], memory: int) -> list[list[str]]:
+    """The names in order, in runs of at most `memory` bytes."""
+    blocks: list[list[str]] = []
+    room = 0
+    for name, size in sizes.items():
+        if size > room or not blocks:
+            blocks.append([])
+            room = memory
+        blocks[-1].append(name)
+        room -= size
+    return blocks
+
+
+class _Collector:
+    def __init__(self, watched: Watched, *, counts_values: bool) -> None:
+        self._watched = watched
+        self._counts_values = counts_values
+        self._seen: dict[str, Statistics] = {}
+        self._sums: dict[str, Array] = {}
+        self._samples: dict[str, int] = {}
+
+    def add(self, sample: Sample, runners: Sequence[ForwardRunner]) -> None:
+        """Computes one sample and takes in what its tensors are."""
+        for name, values in sample.items():
+            self._take(name, values)
+        for runner in runners:
+            found = runner.run(sample)
+            while found:  # each tensor is let go when it was looked at
+                self._take(*found.popitem())
+
+    def _take(self, name: str, values: Array) -> None:
+        if values.dtype.kind != "f" and values.dtype.name != "bfloat16":
+            return
+        values = np.asarray(values, np.float32)
+        if name not in self._seen:
+            self._seen[name] = Statistics(counts_values=self._counts_values)
+        self._seen[name].add(values)
+        axis = self._watched.channel_axes.get(name)
+        if axis is None or not values.size or not -values.ndim <= axis < values.ndim:
+            return
+        others = tuple(other for other in range(values.ndim) if other != axis % values.ndim)
+        mean = values.mean(axis=others, dtype=np.float32 if others == () else None).astype(np.float64)
+        if name not in self._sums:
+            self._sums[name], self._samples[name] = mean, 1
+        elif self._sums[name].shape == mean.shape:
+            self._sums[name] += mean
+            self._samples[name] += 1
+
+    def usable(self) -> Iterator[tuple[str, Statistics]]:
+        """What has a range, in the order of the graph."""
+        for name in [*self._watched.inputs, *self._watched.computed]:
+            seen = self._seen.get(name)
+            if seen is None or seen.is_empty:
+                continue
+            if seen.is_finite:
+                yield name, seen
+            else:
+                _log.warning("tensor '%s' took values that are not finite, so it gets no range", name)
+
+    def means(self) -> dict[str, tuple[float, ...]]:
+        """Of each channel, over all samples, each of which counts the same."""
+        found = {name: total / self._samples[name] for name, total in self._sums.items()}
+        return {name: tuple(values.tolist()) for name, values in found.items() if all(map(math.isfinite, values))}
