@@ -57,5 +57,13 @@ class EvaluationError(HostError):
     """A model that cannot be lowered or computed; the message names the node."""
 
 
+class DataError(HostError):
+    """Samples that cannot be read or do not fit the inputs of the model; the message names which and where."""
+
+
+class CalibrationError(HostError):
+    """Ranges that cannot be collected, read or used for a model; the message says what would be right."""
+
+
 class VerificationError(HostError):
     """No input can be made for a model, or a wrong argument; the message names the input and what would be right."""

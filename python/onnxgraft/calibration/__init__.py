@@ -5,22 +5,15 @@
 
 from onnxgraft.calibration.calibration import Calibration, Range, WeightNumbers, merged
 from onnxgraft.calibration.collecting import calibrate
-from onnxgraft.calibration.data import Samples, open_data
-from onnxgraft.calibration.errors import CalibrationError
 from onnxgraft.calibration.fingerprinting import model_fingerprint
-from onnxgraft.calibration.images import Images
-from onnxgraft.calibration.running import ForwardRunner
+from onnxgraft.errors import CalibrationError
 
 __all__ = [
     "Calibration",
     "CalibrationError",
-    "ForwardRunner",
-    "Images",
     "Range",
-    "Samples",
     "WeightNumbers",
     "calibrate",
     "merged",
     "model_fingerprint",
-    "open_data",
 ]

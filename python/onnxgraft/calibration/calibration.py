@@ -16,7 +16,7 @@ from typing import Any
 import numpy as np
 import numpy.typing as npt
 
-from onnxgraft.calibration.errors import CalibrationError
+from onnxgraft.errors import CalibrationError
 
 FORMAT = "onnxgraft-calibration"
 VERSION = 1

@@ -16,15 +16,14 @@ import onnx
 
 from onnxgraft import preparation
 from onnxgraft.calibration.calibration import Calibration
-from onnxgraft.calibration.data import Data, Sample, open_data
-from onnxgraft.calibration.errors import CalibrationError
 from onnxgraft.calibration.fingerprinting import model_fingerprint
 from onnxgraft.calibration.histograms import Statistics
-from onnxgraft.calibration.images import Images
 from onnxgraft.calibration.methods import chooser
-from onnxgraft.calibration.running import Evaluator, ForwardRunner
 from onnxgraft.calibration.watched import Watched, watched_tensors
-from onnxgraft.model_files import load
+from onnxgraft.errors import CalibrationError, EvaluationError
+from onnxgraft.evaluation.forward import Evaluator, ForwardRunner
+from onnxgraft.io.model_files import load
+from onnxgraft.samples import Data, Images, Sample, open_data
 
 Array = npt.NDArray[Any]
 Progress = Callable[[int, int | None], object]
@@ -76,7 +75,9 @@ def calibrate(
         has no range; a warning names it.
 
     Raises:
-        CalibrationError: The data do not fit the model, there are none, or the model cannot be computed.
+        CalibrationError: There are no samples, no tensors to look at, or the method is unknown.
+        DataError: The data cannot be read or do not fit the model's inputs.
+        EvaluationError: The model cannot be computed.
         ModelFileError: The model file cannot be used.
     """
     name, choose = chooser(method, percentile)
@@ -107,8 +108,8 @@ def calibrate(
     for done, sample in enumerate(itertools.chain([first], feeds), 1):
         try:
             collector.add(sample, runners)
-        except CalibrationError as error:
-            raise CalibrationError(f"sample {done} of {samples.label}: {error}") from error
+        except EvaluationError as error:
+            raise EvaluationError(f"sample {done} of {samples.label}: {error}") from error
         if progress is not None:
             progress(done, samples.count)
     ranges = {tensor: choose(seen) for tensor, seen in collector.usable()}

@@ -15,7 +15,7 @@ import numpy as np
 import numpy.typing as npt
 import onnx
 
-from onnxgraft.calibration.errors import CalibrationError
+from onnxgraft.errors import CalibrationError
 from onnxgraft.graph.tensor_values import read_values
 
 _FLOATS = (onnx.TensorProto.FLOAT, onnx.TensorProto.FLOAT16, onnx.TensorProto.DOUBLE, onnx.TensorProto.BFLOAT16)

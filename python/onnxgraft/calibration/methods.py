@@ -9,8 +9,8 @@ import numpy as np
 import numpy.typing as npt
 
 from onnxgraft.calibration.calibration import Range
-from onnxgraft.calibration.errors import CalibrationError
 from onnxgraft.calibration.histograms import Statistics
+from onnxgraft.errors import CalibrationError
 
 Array = npt.NDArray[Any]
 

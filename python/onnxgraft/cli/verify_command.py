@@ -4,10 +4,10 @@ from __future__ import annotations
 
 import argparse
 
-from onnxgraft.calibration import open_data
 from onnxgraft.cli import consoles, json_output
 from onnxgraft.cli.exit_codes import ExitCode
 from onnxgraft.io import model_files
+from onnxgraft.samples import open_data
 from onnxgraft.verification import Verification, verify
 
 

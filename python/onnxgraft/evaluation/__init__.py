@@ -7,7 +7,8 @@ that the quantized operators would work on. docs/evaluation.md lists the formula
 
 from onnxgraft.errors import EvaluationError
 from onnxgraft.evaluation.convention import Convention
+from onnxgraft.evaluation.forward import ForwardRunner
 from onnxgraft.evaluation.lowering import lower
 from onnxgraft.evaluation.running import evaluate
 
-__all__ = ["Convention", "EvaluationError", "evaluate", "lower"]
+__all__ = ["Convention", "EvaluationError", "ForwardRunner", "evaluate", "lower"]

@@ -7,7 +7,7 @@ from collections.abc import Mapping
 import onnx
 from onnx import helper
 
-from onnxgraft.verification.inputs import Input
+from onnxgraft.samples.random_values import Input
 
 
 def input_problems(inputs: Mapping[str, Input], after: onnx.GraphProto) -> list[str]:

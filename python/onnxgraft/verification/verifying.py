@@ -12,11 +12,11 @@ import onnx
 from onnxgraft.errors import VerificationError
 from onnxgraft.evaluation import Convention, EvaluationError
 from onnxgraft.preparation import prepare
+from onnxgraft.samples.random_values import given_values, inputs_of, random_values
 from onnxgraft.verification import interface, notes
 from onnxgraft.verification.comparing import compare, worst
 from onnxgraft.verification.computing import Array, Computer, Side
 from onnxgraft.verification.first_difference import find_first_difference
-from onnxgraft.verification.inputs import given_values, inputs_of, random_values
 from onnxgraft.verification.result import OutputRow, Verification
 
 # Quantize nodes round and clip as on the hardware; a convolution takes their offset out again (docs/evaluation.md).

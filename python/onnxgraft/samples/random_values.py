@@ -20,7 +20,7 @@ import onnx
 from onnx import TensorProto, TypeProto, helper
 
 from onnxgraft.errors import VerificationError
-from onnxgraft.verification.readers import Readers
+from onnxgraft.samples.readers import Readers
 
 Array = npt.NDArray[Any]
 

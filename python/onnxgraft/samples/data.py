@@ -19,9 +19,10 @@ import numpy as np
 import numpy.typing as npt
 import onnx
 
-from onnxgraft.calibration.errors import CalibrationError
-from onnxgraft.calibration.images import IMAGE_ENDINGS, ImageFolder, Images
-from onnxgraft.calibration.inputs import DeclaredInput, declared_inputs
+from onnxgraft.errors import DataError
+from onnxgraft.samples.declared import DeclaredInput, declared_inputs
+from onnxgraft.samples.images import IMAGE_ENDINGS, ImageFolder, Images
+from onnxgraft.samples.random_values import inputs_of, random_values
 
 Array = npt.NDArray[Any]
 Sample = dict[str, Array]
@@ -69,7 +70,7 @@ def open_data(
         seed: Of random samples.
 
     Raises:
-        CalibrationError: There is no such data, or it does not fit the model's inputs. What is wrong in a later sample
+        DataError: There is no such data, or it does not fit the model's inputs. What is wrong in a later sample
             is raised when it is reached.
     """
     inputs = declared_inputs(model)
@@ -81,14 +82,12 @@ def open_data(
     if path.is_dir():
         return _open_folder(path, inputs, images)
     if not path.exists():
-        raise CalibrationError(f"there is no file or folder '{path}' to take data from")
+        raise DataError(f"there is no file or folder '{path}' to take data from")
     if path.suffix.lower() in {".npz", ".npy"}:
         return _StoredSamples(path.name, [path], inputs)
     if path.suffix.lower() in IMAGE_ENDINGS:
         return ImageFolder(path, [path], inputs, images or Images())
-    raise CalibrationError(
-        f"'{path}' is no data: an .npz or .npy file, or a folder of .npy, .npz or image files is wanted"
-    )
+    raise DataError(f"'{path}' is no data: an .npz or .npy file, or a folder of .npy, .npz or image files is wanted")
 
 
 def _open_folder(folder: Path, inputs: Mapping[str, DeclaredInput], images: Images | None) -> Samples:
@@ -106,26 +105,21 @@ def _open_folder(folder: Path, inputs: Mapping[str, DeclaredInput], images: Imag
         return ImageFolder(folder, sorted(found), inputs, images or Images())
     if any(entry.name in inputs for entry in by_ending.get("/", ())):
         return _StoredFolders(folder, inputs)
-    raise CalibrationError(f"the folder '{folder}' has no data: no .npz, .npy or image files")
+    raise DataError(f"the folder '{folder}' has no data: no .npz, .npy or image files")
 
 
 class _RandomSamples:
     def __init__(self, text: str, model: onnx.ModelProto, sizes: Mapping[str, int], seed: int) -> None:
         number = text.removeprefix(_RANDOM)
         if not number.isascii() or not number.isdigit() or int(number) == 0:
-            raise CalibrationError(f"'{text}' is not random:N with a whole number N of at least 1")
-        # verification takes its samples from here
-        from onnxgraft.verification.inputs import inputs_of  # noqa: PLC0415
-
+            raise DataError(f"'{text}' is not random:N with a whole number N of at least 1")
         self.count: int | None = int(number)
         self.label = text
         self._inputs = inputs_of(model, sizes)
         self._seed = seed
-        _log.warning("the data are random numbers: what is made with them says nothing about the trained model")
+        _log.warning("the data are random numbers: what is made with them says little about a trained model")
 
     def __iter__(self) -> Iterator[Sample]:
-        from onnxgraft.verification.inputs import random_values  # noqa: PLC0415
-
         return (random_values(self._inputs, self._seed + run) for run in range(cast("int", self.count)))
 
 
@@ -135,7 +129,7 @@ class _GivenSamples:
         self.count: int | None = len(data) if isinstance(data, Sized) else None
         self.label = "the given samples"
         if isinstance(data, Mapping):
-            raise CalibrationError("one sample was given where an iterable of samples is wanted: put it into a list")
+            raise DataError("one sample was given where an iterable of samples is wanted: put it into a list")
 
     def __iter__(self) -> Iterator[Sample]:
         for number, sample in enumerate(self._data, 1):
@@ -146,7 +140,7 @@ class _GivenSamples:
             return sample
         arrays = [sample] if isinstance(sample, np.ndarray) else list(sample)
         if len(arrays) != len(self._inputs):
-            raise CalibrationError(
+            raise DataError(
                 f"sample {number} has {len(arrays)} arrays, but the model has the inputs {', '.join(self._inputs)}"
             )
         return dict(zip(self._inputs, arrays, strict=True))
@@ -195,11 +189,11 @@ class _StoredFolders:
         self._inputs = inputs
         self._files = {name: sorted((folder / name).glob("*.npy")) for name in inputs if (folder / name).is_dir()}
         if missing := [name for name in inputs if not self._files.get(name)]:
-            raise CalibrationError(f"the folder '{folder}' has no .npy files for the input '{missing[0]}'")
+            raise DataError(f"the folder '{folder}' has no .npy files for the input '{missing[0]}'")
         counts = {name: len(files) for name, files in self._files.items()}
         if len(set(counts.values())) > 1:
             found = ", ".join(f"{name} {count}" for name, count in counts.items())
-            raise CalibrationError(f"the folder '{folder}' has different numbers of files per input: {found}")
+            raise DataError(f"the folder '{folder}' has different numbers of files per input: {found}")
         self.count: int | None = next(iter(counts.values()))
 
     def __iter__(self) -> Iterator[Sample]:
@@ -213,7 +207,7 @@ def _load(file: Path) -> Any:
         return np.load(file, mmap_mode="r" if file.suffix == ".npy" else None, allow_pickle=False)
     except (OSError, ValueError, EOFError, BadZipFile) as error:
         reason = " ".join(str(error).split())
-        raise CalibrationError(f"cannot read '{file}' as {file.suffix} data: {reason}") from None
+        raise DataError(f"cannot read '{file}' as {file.suffix} data: {reason}") from None
 
 
 def _read(file: Path, inputs: Mapping[str, DeclaredInput]) -> dict[str, Array]:
@@ -223,12 +217,12 @@ def _read(file: Path, inputs: Mapping[str, DeclaredInput]) -> dict[str, Array]:
             return {file.stem: loaded}
         if len(inputs) == 1:
             return {next(iter(inputs)): loaded}
-        raise CalibrationError(f"'{file}' is named after no input: {_known(file.stem, inputs)}")
+        raise DataError(f"'{file}' is named after no input: {_known(file.stem, inputs)}")
     try:
         with loaded:
             return {name: loaded[name] for name in loaded.files}
     except (OSError, ValueError, EOFError, BadZipFile) as error:
-        raise CalibrationError(f"cannot read '{file}' as .npz data: {' '.join(str(error).split())}") from None
+        raise DataError(f"cannot read '{file}' as .npz data: {' '.join(str(error).split())}") from None
 
 
 def _cut(arrays: Mapping[str, Array], inputs: Mapping[str, DeclaredInput], place: str) -> Iterator[Sample]:
@@ -242,26 +236,26 @@ def _cut(arrays: Mapping[str, Array], inputs: Mapping[str, DeclaredInput], place
     counts = {name: len(stack) for name, stack in stacks.items()}
     if len(set(counts.values())) > 1:
         found = ", ".join(f"{name} {count}" for name, count in counts.items())
-        raise CalibrationError(f"{place}: the inputs have different numbers of samples: {found}")
+        raise DataError(f"{place}: the inputs have different numbers of samples: {found}")
     for number in range(next(iter(counts.values()), 1)):
         sample = {name: stacks[name].sample(number) if name in stacks else arrays[name] for name in arrays}
         yield checked(sample, inputs, f"{place}, sample {number + 1}")
 
 
 def check_names(arrays: Mapping[str, Any], inputs: Mapping[str, DeclaredInput], place: str) -> None:
-    """Raises CalibrationError unless there is an array for each input and none besides."""
+    """Raises DataError unless there is an array for each input and none besides."""
     for name in arrays:
         if name not in inputs:
-            raise CalibrationError(f"{place}: the model has no input '{name}': {_known(name, inputs)}")
+            raise DataError(f"{place}: the model has no input '{name}': {_known(name, inputs)}")
     if missing := [name for name in inputs if name not in arrays]:
-        raise CalibrationError(f"{place}: there is no array for the input '{missing[0]}'")
+        raise DataError(f"{place}: there is no array for the input '{missing[0]}'")
 
 
 def checked(sample: Mapping[str, Any], inputs: Mapping[str, DeclaredInput], place: str) -> Sample:
     """The sample, in memory, in the inputs' own element types.
 
     Raises:
-        CalibrationError: A name, a type or a shape is not what the model declares, or a value is not finite.
+        DataError: A name, a type or a shape is not what the model declares, or a value is not finite.
     """
     check_names(sample, inputs, place)
     return {name: wanted.checked(np.asarray(sample[name]), place) for name, wanted in inputs.items()}

@@ -15,7 +15,7 @@ import onnx
 from onnx.external_data_helper import load_external_data_for_model
 from onnx.reference import ReferenceEvaluator
 
-from onnxgraft.calibration.errors import CalibrationError
+from onnxgraft.errors import EvaluationError
 from onnxgraft.io.external_data import has_external_data
 
 Array = npt.NDArray[Any]
@@ -41,7 +41,7 @@ class ForwardRunner:
         optimize: Whether onnxruntime may fuse operators. Values then differ in the last bits.
 
     Raises:
-        CalibrationError: onnxruntime was asked for and is missing, or refuses the model.
+        EvaluationError: onnxruntime was asked for and is missing, or refuses the model.
     """
 
     def __init__(
@@ -70,7 +70,7 @@ class ForwardRunner:
         """The outputs by name, for a value of each graph input.
 
         Raises:
-            CalibrationError: The model does not run on these values.
+            EvaluationError: The model does not run on these values.
         """
         return dict(zip(self.outputs, map(np.asarray, self._runner.run(self.outputs, feeds)), strict=True))
 
@@ -80,7 +80,7 @@ class _WithOnnxruntime:
         try:
             runtime: Any = importlib.import_module("onnxruntime")
         except ImportError as error:
-            raise CalibrationError(
+            raise EvaluationError(
                 "onnxruntime is not installed: pip install 'onnx-graft[run]', or choose the evaluator 'reference'"
             ) from error
         options = runtime.SessionOptions()
@@ -98,7 +98,7 @@ class _WithOnnxruntime:
         except MemoryError:
             raise
         except Exception as error:
-            raise CalibrationError(f"onnxruntime refuses the model: {in_one_line(error)}") from error
+            raise EvaluationError(f"onnxruntime refuses the model: {in_one_line(error)}") from error
 
     def run(self, names: list[str], feeds: Mapping[str, Array]) -> Sequence[Any]:
         try:
@@ -106,7 +106,7 @@ class _WithOnnxruntime:
         except MemoryError:
             raise
         except Exception as error:
-            raise CalibrationError(f"onnxruntime cannot compute the model: {in_one_line(error)}") from error
+            raise EvaluationError(f"onnxruntime cannot compute the model: {in_one_line(error)}") from error
         return result
 
 
@@ -122,7 +122,7 @@ class _WithReference:
         except MemoryError:
             raise
         except Exception as error:
-            raise CalibrationError(f"onnx's evaluator refuses the model: {in_one_line(error)}") from error
+            raise EvaluationError(f"onnx's evaluator refuses the model: {in_one_line(error)}") from error
 
     def run(self, names: list[str], feeds: Mapping[str, Array]) -> Sequence[Any]:
         try:
@@ -132,7 +132,7 @@ class _WithReference:
             raise
         except Exception as error:
             reason = f"{type(error).__name__}: {in_one_line(error)}"
-            raise CalibrationError(f"onnx's evaluator cannot compute the model: {reason}") from error
+            raise EvaluationError(f"onnx's evaluator cannot compute the model: {reason}") from error
         return result
 
 

@@ -12,8 +12,8 @@ from typing import Any, Literal
 import numpy as np
 import numpy.typing as npt
 
-from onnxgraft.calibration.errors import CalibrationError
-from onnxgraft.calibration.inputs import DeclaredInput
+from onnxgraft.errors import DataError
+from onnxgraft.samples.declared import DeclaredInput
 
 Array = npt.NDArray[Any]
 
@@ -48,11 +48,11 @@ class Images:
     def __post_init__(self) -> None:
         for name, numbers in (("mean", self.mean), ("std", self.std)):
             if len(numbers) not in {1, 3} or not np.isfinite(numbers).all():
-                raise CalibrationError(f"{name} of images has to be 1 or 3 finite numbers, not {list(numbers)}")
+                raise DataError(f"{name} of images has to be 1 or 3 finite numbers, not {list(numbers)}")
         if 0.0 in self.std:
-            raise CalibrationError("std of images must not be 0: pixels are divided by it")
+            raise DataError("std of images must not be 0: pixels are divided by it")
         if self.size is not None and min(self.size) < 1:
-            raise CalibrationError(f"the size of images has to be a height and a width above 0, not {list(self.size)}")
+            raise DataError(f"the size of images has to be a height and a width above 0, not {list(self.size)}")
 
 
 class ImageFolder:
@@ -62,7 +62,7 @@ class ImageFolder:
         self.label = place.name
         self._files, self._images = files, images
         if len(inputs) != 1:
-            raise CalibrationError(f"images are for a model with one input; this one has {', '.join(inputs) or 'none'}")
+            raise DataError(f"images are for a model with one input; this one has {', '.join(inputs) or 'none'}")
         (self._input,) = inputs.values()
         self._channels_last = self._find_layout()
         self._batch = (self._input.dims or (1,))[0] or 1
@@ -81,7 +81,7 @@ class ImageFolder:
     def _find_layout(self) -> bool:
         dims = self._input.dims
         if dims is None or len(dims) != 4 or self._input.dtype.kind not in "fu":
-            raise CalibrationError(f"the input '{self._input.name}' is {self._input}, which takes no images")
+            raise DataError(f"the input '{self._input.name}' is {self._input}, which takes no images")
         if self._images.layout != "auto":
             return self._images.layout == "NHWC"
         return dims[1] not in {1, 3} and dims[3] in {1, 3}
@@ -95,7 +95,7 @@ class ImageFolder:
                 with self._pillow.open(file) as opened:
                     image = opened.convert("L" if channels == 1 else "RGB")
         except (OSError, ValueError, SyntaxError, self._pillow.DecompressionBombError) as error:
-            raise CalibrationError(f"cannot read the image '{file}': {' '.join(str(error).split())}") from None
+            raise DataError(f"cannot read the image '{file}': {' '.join(str(error).split())}") from None
         wanted = self._images.size or (height or image.height, width or image.width)
         pixels = np.asarray(_resized(self._pillow, image, wanted, letterbox=self._images.fit == "letterbox"))
         pixels = pixels.reshape(*pixels.shape[:2], -1)
@@ -104,7 +104,7 @@ class ImageFolder:
         if self._input.dtype.kind == "f":
             mean, std = np.asarray(self._images.mean, np.float32), np.asarray(self._images.std, np.float32)
             if channels == 1 and len(mean) + len(std) > 2:
-                raise CalibrationError("the model takes grey images: mean and std have to be one number each")
+                raise DataError("the model takes grey images: mean and std have to be one number each")
             pixels = ((pixels.astype(np.float32) * np.float32(self._images.scale) - mean) / std).astype(
                 self._input.dtype
             )
@@ -128,4 +128,4 @@ def _pillow() -> Any:
     try:
         return importlib.import_module("PIL.Image")
     except ImportError as error:
-        raise CalibrationError("images are read with Pillow: pip install 'onnx-graft[run]'") from error
+        raise DataError("images are read with Pillow: pip install 'onnx-graft[run]'") from error

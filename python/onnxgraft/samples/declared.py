@@ -10,7 +10,7 @@ import numpy as np
 import numpy.typing as npt
 import onnx
 
-from onnxgraft.calibration.errors import CalibrationError
+from onnxgraft.errors import DataError
 
 Array = npt.NDArray[Any]
 
@@ -55,20 +55,18 @@ class DeclaredInput:
         """The array in the input's element type.
 
         Raises:
-            CalibrationError: It does not fit or has values that are not finite.
+            DataError: It does not fit or has values that are not finite.
         """
         if not self.fits(values.shape):
             found = ",".join(map(str, values.shape))
-            raise CalibrationError(f"{place}: the input '{self.name}' is {self}, but the array is of shape [{found}]")
+            raise DataError(f"{place}: the input '{self.name}' is {self}, but the array is of shape [{found}]")
         if not _convertible(values.dtype, self.dtype):
-            raise CalibrationError(
-                f"{place}: the input '{self.name}' is {self}, but the array is of {values.dtype.name}"
-            )
+            raise DataError(f"{place}: the input '{self.name}' is {self}, but the array is of {values.dtype.name}")
         result = np.ascontiguousarray(values, self.dtype).reshape(values.shape)
         if result.dtype.kind == "f" and not np.isfinite(result).all():
             position = tuple(int(axis[0]) for axis in np.nonzero(~np.isfinite(result)))
             found = f"{result[position]} at {list(position)}"
-            raise CalibrationError(f"{place}: the input '{self.name}' has a value that is not finite: {found}")
+            raise DataError(f"{place}: the input '{self.name}' has a value that is not finite: {found}")
         return result
 
 
@@ -76,7 +74,7 @@ def declared_inputs(model: onnx.ModelProto) -> dict[str, DeclaredInput]:
     """The inputs without initializer, in order.
 
     Raises:
-        CalibrationError: One is no tensor of numbers.
+        DataError: One is no tensor of numbers.
     """
     constants = {tensor.name for tensor in model.graph.initializer}
     return {value.name: _declared(value) for value in model.graph.input if value.name not in constants}
@@ -85,7 +83,7 @@ def declared_inputs(model: onnx.ModelProto) -> dict[str, DeclaredInput]:
 def _declared(value: onnx.ValueInfoProto) -> DeclaredInput:
     tensor = value.type.tensor_type
     if value.type.WhichOneof("value") != "tensor_type" or tensor.elem_type in {onnx.TensorProto.STRING, 0}:
-        raise CalibrationError(f"the input '{value.name}' is no tensor of numbers, for which there is no data")
+        raise DataError(f"the input '{value.name}' is no tensor of numbers, for which there is no data")
     dims = None
     if tensor.HasField("shape"):
         dims = tuple(dim.dim_value if dim.dim_value > 0 else None for dim in tensor.shape.dim)
