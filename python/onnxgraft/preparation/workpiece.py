@@ -23,6 +23,8 @@ if TYPE_CHECKING:
 # Before this version of the file format an initializer had to be listed among the graph's inputs.
 _FIRST_IR_WITHOUT_LISTING = 4
 
+STANDARD_DOMAINS = frozenset({"", "ai.onnx"})
+
 
 class Workpiece:
     """One graph being prepared.
@@ -60,6 +62,12 @@ class Workpiece:
         """The values of a tensor; None if they cannot be read or would not come back as the same element type."""
         return read_values(tensor, self.folder)
 
+    @property
+    def opset(self) -> int:
+        """The version of the standard operator set; 0 for a graph alone, which does not say it."""
+        imports = self.model.opset_import if self.model is not None else ()
+        return max((entry.version for entry in imports if entry.domain in STANDARD_DOMAINS), default=0)
+
     def defined_names(self) -> set[str]:
         """Names of graph inputs and initializers."""
         return {value.name for value in self.graph.input} | {tensor.name for tensor in self.graph.initializer}
@@ -69,10 +77,14 @@ class Workpiece:
         return {value.name for value in self.graph.output} | body_reads(self.graph)
 
     def inferred(self) -> list[ValueInfoProto]:
-        """Types and shapes of the graph's tensors, inferred once: the steps change neither."""
+        """Types and shapes of the graph's tensors, inferred once: few steps change what is known."""
         if self._inferred is None:
             self._inferred = inferred_values(self.model, self.folder) if self.model else list(self.graph.value_info)
         return self._inferred
+
+    def infer_again(self) -> None:
+        """To be called after a change that lets the inference find more, or nodes that it has not seen."""
+        self._inferred = None
 
     def types(self) -> dict[str, TypeProto.Tensor]:
         """Element type and shape of each tensor for which they are known."""
@@ -133,12 +145,22 @@ class Workpiece:
 
 def is_standard(node: NodeProto, op_type: str) -> bool:
     """Whether a node is ONNX's own operator of that name."""
-    return node.op_type == op_type and node.domain in {"", "ai.onnx"}
+    return node.op_type == op_type and node.domain in STANDARD_DOMAINS
 
 
 def input_of(node: NodeProto, position: int) -> str:
     """The name at a position; empty if the input is omitted or the node has fewer."""
     return node.input[position] if position < len(node.input) else ""
+
+
+def known_lengths(tensor: TypeProto.Tensor | None) -> list[int | None] | None:
+    """The length of each axis, None where it is unknown; None if the rank is.
+
+    Exporters write 0 and negative numbers for lengths that they do not know.
+    """
+    if tensor is None or not tensor.HasField("shape"):
+        return None
+    return [dim.dim_value if dim.dim_value > 0 else None for dim in tensor.shape.dim]
 
 
 def remove_at(field: Any, positions: Iterable[int]) -> None:

@@ -1,0 +1,108 @@
+"""A node that reads constants only -> an initializer of what it writes.
+
+Exporters compute on weights what they could have stored: a `Cast` of half-precision weights, a `DequantizeLinear` of
+INT8 ones, a `Mul` by the gain of a weight normalization, a `Reshape` for a `Conv` that was a matrix product. Patterns
+want an initializer there. onnx's own evaluator computes each node.
+"""
+
+from __future__ import annotations
+
+import logging
+from collections.abc import Sequence
+
+import numpy as np
+from onnx import NodeProto, TensorProto, TypeProto, helper
+from onnx.reference import ReferenceEvaluator
+
+from onnxgraft.preparation.tensor_values import Array
+from onnxgraft.preparation.workpiece import Workpiece, is_standard
+
+LOG = logging.getLogger(__name__)
+
+# What exporters do to weights. All are exact, or rounded once, in every runtime alike.
+_FOLDED = frozenset(
+    {"Add", "Cast", "Clip", "DequantizeLinear", "Div", "Flatten", "Mul", "QuantizeLinear", "Reshape", "Squeeze", "Sub",
+     "Transpose", "Unsqueeze"}
+)  # fmt: skip
+
+# onnx's evaluator knows these two from here on; earlier forms mean the same here.
+_QUANTIZED = frozenset({"DequantizeLinear", "QuantizeLinear"})
+_QUANTIZED_SINCE = 19
+
+# What an element of an integer type is at least, and what it is less than.
+_LIMITS = {
+    getattr(TensorProto, f"{sign}INT{bits}"): (0.0, 2.0**bits) if sign else (-(2.0 ** (bits - 1)), 2.0 ** (bits - 1))
+    for sign in ("", "U")
+    for bits in (8, 16, 32, 64)
+}
+
+
+def fold_constants(workpiece: Workpiece) -> int:
+    """Folds in the order of the nodes, so that chains fold as a whole.
+
+    A node stays if the graph returns its output, if its values cannot be read, or if its result has more elements than
+    the largest of its inputs. An initializer that others read too stays for them.
+    """
+    graph, constants, opset = workpiece.graph, workpiece.constants(), workpiece.opset
+    if not opset:
+        return 0
+    results = {value.name for value in graph.output}
+    folded: dict[int, str] = {}
+    read: set[str] = set()
+    for index, node in enumerate(graph.node):
+        if node.op_type not in _FOLDED or not is_standard(node, node.op_type) or len(node.output) != 1:
+            continue
+        names = [name for name in node.input if name]
+        if not names or node.output[0] in results or not all(name in constants for name in names):
+            continue
+        value = _computed(node, [workpiece.values(constants[name]) for name in names], opset)
+        if value is None:
+            continue
+        workpiece.add_array(value, node.output[0])
+        constants[node.output[0]] = graph.initializer[-1]
+        folded[index] = node.output[0]
+        read.update(names)
+    if folded:
+        workpiece.remove_nodes(folded)
+        workpiece.forget_values(set(folded.values()))
+        workpiece.drop_unread(read)
+        workpiece.infer_again()
+    return len(folded)
+
+
+def _computed(node: NodeProto, values: Sequence[Array | None], opset: int) -> Array | None:
+    """What the node writes; None if that is not known, or is not a plain array of numbers."""
+    arrays = [value for value in values if value is not None]
+    if len(arrays) < len(values) or not _same_everywhere(node, arrays):
+        return None
+    names = dict.fromkeys(name for name in node.input if name)
+    feeds = dict(zip((name for name in node.input if name), arrays, strict=True))
+    graph = helper.make_graph(
+        [node],
+        "one node",
+        [helper.make_value_info(name, TypeProto()) for name in names],
+        [helper.make_value_info(node.output[0], TypeProto())],
+    )
+    version = max(opset, _QUANTIZED_SINCE) if node.op_type in _QUANTIZED else opset
+    model = helper.make_model(graph, opset_imports=[helper.make_opsetid("", version)])
+    try:
+        with np.errstate(all="ignore"):
+            value = np.asarray(next(iter(ReferenceEvaluator(model).run(None, feeds))))
+    except Exception as error:  # whatever the evaluator raises: the node stays as it is
+        LOG.warning("%s '%s' is not folded: %s", node.op_type, node.output[0], " ".join(str(error).split()))
+        return None
+    if value.dtype.kind not in "fiub" or value.size > max(array.size for array in arrays):
+        return None
+    return value
+
+
+def _same_everywhere(node: NodeProto, arrays: Sequence[Array]) -> bool:
+    """Whether the standard says what comes out: not of a quotient of integers, nor of a cast that they cannot hold."""
+    kind = arrays[0].dtype.kind
+    if node.op_type == "Div":
+        return kind == "f"
+    limits = _LIMITS.get(next((a.i for a in node.attribute if a.name == "to"), 0))
+    if node.op_type != "Cast" or kind != "f" or limits is None:
+        return True
+    values = np.trunc(arrays[0].astype(np.float64))
+    return bool(np.isfinite(values).all() and (values >= limits[0]).all() and (values < limits[1]).all())
