@@ -14,7 +14,7 @@ import numpy as np
 from onnx import NodeProto, TensorProto, TypeProto, helper
 from onnx.reference import ReferenceEvaluator
 
-from onnxgraft.preparation.tensor_values import Array
+from onnxgraft.graph.tensor_values import Array
 from onnxgraft.preparation.workpiece import Workpiece, is_standard
 
 LOG = logging.getLogger(__name__)

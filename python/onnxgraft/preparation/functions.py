@@ -11,8 +11,8 @@ from graphlib import CycleError, TopologicalSorter
 
 from onnx import FunctionProto, ModelProto, NodeProto, TypeProto, checker, helper, inliner
 
-from onnxgraft.nested_bodies import bodies
-from onnxgraft.preparation.names import all_names
+from onnxgraft.graph.bodies import bodies
+from onnxgraft.graph.names import all_names
 from onnxgraft.preparation.workpiece import Workpiece, remove_at
 
 LOG = logging.getLogger(__name__)

@@ -7,7 +7,7 @@ from collections.abc import Iterable, Mapping
 
 from onnx import AttributeProto, GraphProto, NodeProto, TensorProto, defs
 
-from onnxgraft.nested_bodies import bodies
+from onnxgraft.graph.bodies import bodies
 from onnxgraft.preparation.workpiece import STANDARD_DOMAINS, Workpiece
 
 # These compute something else each time, or belong to one reader each: runtimes fuse a dequantize node with what reads

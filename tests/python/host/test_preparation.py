@@ -98,8 +98,10 @@ CASES = {
         "float[1,2,2,2] p, float[1,2,4,4] i", """<float k = {2.0}, float same = {2.0}, float[1] row = {2.0}> {
           a = Mul(x, k) b = Mul(x, same) o = Mul(x, row) d = Concat<axis = 1>(a, x) e = Concat<axis = 1>(b, x)
           f = Concat<axis = 2>(b, x) y = Sub(d, e) h = Relu(o) z = Relu(o) i = Relu(o)
-          j = Add(h, h) l = Neg(j) n = Neg(j) r = Sub(l, n) m, w = MaxPool<kernel_shape = [2, 2], strides = [2, 2]>(h) v = MaxPool<kernel_shape = [2, 2],
-          strides = [2, 2]>(h) u = MaxPool<strides = [2, 2], kernel_shape = [2, 2]>(z) p = Sub(u, v)
+          j = Add(h, h) l = Neg(j) n = Neg(j) r = Sub(l, n)
+          m, w = MaxPool<kernel_shape = [2, 2], strides = [2, 2]>(h)
+          v = MaxPool<kernel_shape = [2, 2], strides = [2, 2]>(h)
+          u = MaxPool<strides = [2, 2], kernel_shape = [2, 2]>(z) p = Sub(u, v)
           q = RandomUniformLike(x) q2 = RandomUniformLike(x) s = Shape(q) s2 = Shape(q) s3 = Shape(q2) g = Add(s, s2)
           g2 = Add(g, s3) t = Cast<to = 1>(g2) }""", 5,
         {"RandomUniformLike": 2, "Shape": 3, "Relu": 2, "MaxPool": 2}),
