@@ -1,6 +1,6 @@
-"""Stand-ins for messages and lists that raise at their n-th use, whatever it is."""
+"""Stand-ins for messages and lists that raise at their n-th use, whatever it is, before or after its effect."""
 
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from typing import Any
 
 from onnx import TensorProto
@@ -13,15 +13,21 @@ class FaultError(Exception):
 class Uses:
     """Counts uses of all proxies; the n-th raises, later ones do not."""
 
-    def __init__(self, fail_at: int) -> None:
+    def __init__(self, fail_at: int, *, after: bool = False) -> None:
         self.left = fail_at
+        self.after = after
         self.proxies: dict[int, Proxy] = {}
 
-    def count(self) -> None:
+    def use(self, effect: Callable[[], Any]) -> Any:
         """One use."""
         self.left -= 1
-        if self.left == 0:
+        fails = self.left == 0
+        if fails and not self.after:
             raise FaultError
+        result = effect()
+        if fails:
+            raise FaultError
+        return result
 
     def wrap(self, value: Any) -> Any:
         """The proxy of a message or a list, always the same; a counting function for a method."""
@@ -35,10 +41,9 @@ class Uses:
         return known
 
     def _call(self, method: Any, args: tuple[Any, ...], kwargs: dict[str, Any]) -> Any:
-        self.count()
         if key := kwargs.get("key"):
             kwargs = {"key": lambda element: key(self.wrap(element))}
-        return self.wrap(method(*map(_real, args), **kwargs))
+        return self.wrap(self.use(lambda: method(*map(_real, args), **kwargs)))
 
 
 def _real(value: Any) -> Any:
@@ -52,8 +57,7 @@ def _counted(name: str) -> Any:
     """A use of a list, counted and handed on."""
 
     def method(self: Any, *arguments: Any) -> Any:
-        self._uses.count()
-        return self._uses.wrap(getattr(self._value, name)(*arguments))
+        return self._uses.wrap(self._uses.use(lambda: getattr(self._value, name)(*arguments)))
 
     return method
 
@@ -70,14 +74,12 @@ class Proxy:
         object.__setattr__(self, "_value", value)
 
     def __getattr__(self, name: str) -> Any:
-        self._uses.count()
-        value = getattr(self._value, name)
+        value = self._uses.use(lambda: getattr(self._value, name))
         # NumPy, which gets what is in a tensor, answers a failing list with an error of its own.
         return value if isinstance(self._value, TensorProto) else self._uses.wrap(value)
 
     def __setattr__(self, name: str, value: Any) -> None:
-        self._uses.count()
-        setattr(self._value, name, value)
+        self._uses.use(lambda: setattr(self._value, name, value))
 
     __len__ = _counted("__len__")
     __getitem__ = _counted("__getitem__")
@@ -85,7 +87,6 @@ class Proxy:
     __delitem__ = _counted("__delitem__")
 
     def __iter__(self) -> Iterator[Any]:
-        self._uses.count()
-        for element in list(self._value):
-            self._uses.count()
+        for element in self._uses.use(lambda: list(self._value)):
+            self._uses.use(lambda: None)
             yield self._uses.wrap(element)

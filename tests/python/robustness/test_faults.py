@@ -30,13 +30,14 @@ class Swap(AbstractTransformation):
         return self.verdict(self.calls)
 
 
+@pytest.mark.parametrize("after", [False, True])
 @pytest.mark.parametrize("verdict", [lambda _: True, lambda _: False, lambda call: call % 2 == 0])
-def test_a_fault_at_every_use(verdict: Callable[[int], bool]) -> None:
+def test_a_fault_at_every_use(verdict: Callable[[int], bool], after: bool) -> None:
     before = conv_relus().SerializeToString(deterministic=True)
     faults = 0
     for fail_at in range(1, 2000):
         graph = GraphProto.FromString(before)
-        swap, uses = Swap(verdict), Uses(fail_at)
+        swap, uses = Swap(verdict), Uses(fail_at, after=after)
         try:
             swap._replace_all_isomorphic_sub_graphs(uses.wrap(graph), *SWAP)
         except FaultError:
@@ -54,9 +55,10 @@ def test_a_fault_at_every_use(verdict: Callable[[int], bool]) -> None:
     assert faults > 100
 
 
+@pytest.mark.parametrize("after", [False, True])
 @pytest.mark.parametrize("seed", range(2))
 @pytest.mark.parametrize("name", CLASSES)
-def test_a_fault_in_every_class(name: str, seed: int) -> None:
+def test_a_fault_in_every_class(name: str, seed: int, after: bool) -> None:
     before = class_graph(name, seed)
     unchanged = before.SerializeToString(deterministic=True)
     counting = Uses(0)
@@ -65,7 +67,7 @@ def test_a_fault_in_every_class(name: str, seed: int) -> None:
     alone = max(writers(before).values()) == 1
     known = all_names(before)
     for fail_at in range(1, uses + 1, max(1, uses // FAULTS)):
-        graph, failing = GraphProto.FromString(unchanged), Uses(fail_at)
+        graph, failing = GraphProto.FromString(unchanged), Uses(fail_at, after=after)
         outcome = apply(name, failing.wrap(graph))
         # After an error of its own, the first error is the one to see.
         assert isinstance(outcome, FaultError) or type(outcome) is type(usual), f"use {fail_at} of {uses}: {outcome!r}"
