@@ -13,6 +13,7 @@ from typing import Any
 
 import onnx
 
+from onnxgraft.engine.all_or_nothing import all_or_nothing
 from onnxgraft.engine.bias_lengths import explanation
 from onnxgraft.engine.failure import TransformationError
 from onnxgraft.engine.recorder import Details, Recorder
@@ -61,20 +62,12 @@ class Stepper:
         step.patterns = recorder.patterns
         error = None
         start = perf_counter()
+        self._snapshot = None
         try:
-            transformation = candidate.make()
-            with recorder.watch(transformation):
-                returned = transformation.apply(graph)
-            _add_unrecorded(step, returned)
-            if step.replaced or not candidate.row.is_own:
-                self._follow(step, candidate, recorder, snapshot)
+            all_or_nothing(lambda: self._apply(step, candidate, recorder, snapshot), snapshot.put_back)
         except UndoStepError as reason:
-            self._snapshot = None
-            snapshot.put_back()
             step.undone = str(reason)
         except BaseException as raised:
-            self._snapshot = None
-            snapshot.put_back()
             if isinstance(raised, MemoryError) or not isinstance(raised, Exception):
                 raise
             error = _error(candidate, recorder, raised, graph)
@@ -90,6 +83,14 @@ class Stepper:
             step.refused, step.seconds,
         )  # fmt: skip
         return step, error
+
+    def _apply(self, step: Step, candidate: Candidate, recorder: Recorder, snapshot: Snapshot) -> None:
+        transformation = candidate.make()
+        with recorder.watch(transformation):
+            returned = transformation.apply(self.host.graph)
+        _add_unrecorded(step, returned)
+        if step.replaced or not candidate.row.is_own:
+            self._follow(step, candidate, recorder, snapshot)
 
     def _follow(self, step: Step, candidate: Candidate, recorder: Recorder, snapshot: Snapshot) -> None:
         done = DoneStep(self.host, candidate.row, recorder.splices, snapshot)

@@ -1,0 +1,115 @@
+"""Ctrl-C in the midst of it: in the search, between callbacks, and while a step is being put back."""
+
+import itertools
+import signal
+import sys
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
+from types import FrameType
+from typing import Any
+
+import pytest
+from onnx import GraphProto
+
+import onnxgraft
+from helpers.checks import is_sound
+from helpers.small_graphs import conv_relus, graph_of, model_of
+from onnxgraft import quant
+from onnxgraft.abstract_transformation import AbstractTransformation
+from onnxgraft.engine.all_or_nothing import all_or_nothing
+
+
+@contextmanager
+def interrupted_after(seconds: float) -> Iterator[None]:
+    """Of this process's own time, so that it comes at the same place on a busy machine."""
+    before = signal.signal(signal.SIGVTALRM, signal.default_int_handler)
+    signal.setitimer(signal.ITIMER_VIRTUAL, seconds)
+    try:
+        with pytest.raises(KeyboardInterrupt):
+            yield
+    finally:
+        signal.setitimer(signal.ITIMER_VIRTUAL, 0)
+        signal.signal(signal.SIGVTALRM, before)
+
+
+def test_a_search_ends_when_it_is_interrupted() -> None:
+    """Else all 64,000 combinations would be spliced before anybody looks."""
+    graph = graph_of([f"{op} {op}{at} -> {op.lower()}{at}" for at in range(40) for op in "ABC"])
+    before = graph.SerializeToString()
+    rule = (["A:0->1", "B:2->3", "C:4->5"], ["#0", "#1", "#2", "Clip:1->9"])
+    with interrupted_after(0.01):
+        AbstractTransformation._replace_all_isomorphic_sub_graphs(Plain(), graph, *rule)
+    assert graph.SerializeToString() == before
+
+
+class Plain(AbstractTransformation):
+    """Accepts everything."""
+
+
+def test_a_round_ends_when_it_is_interrupted() -> None:
+    """Built-in callbacks never enter Python, where the interpreter would look."""
+    graph = conv_relus(3000)
+    with interrupted_after(0.02):
+        quant.QuantConvTransformation().apply(graph)
+    assert is_sound(graph)
+    assert sum(node.op_type == "TesselDequant" for node in graph.node) < 3000
+
+
+def test_a_step_is_put_back_whatever_comes() -> None:
+    class Breaks(AbstractTransformation):
+        def apply(self, graph: GraphProto, debug: bool = False) -> int:
+            del graph.node[0], graph.initializer[:]
+            graph.node.sort(key=lambda _: signal.raise_signal(signal.SIGINT) or 0)
+            return 0
+
+    model = model_of(["Relu x -> a", "Conv a,w -> y"], inputs=["x"], outputs=["y"], initializers={"w": (1, 1, 1, 1)})
+    before = model.SerializeToString(deterministic=True)
+    for second in itertools.count(1):
+        reached = interrupted_at_line(second, "snapshot.py", lambda: onnxgraft.rewrite(model, [Breaks()]))
+        assert model.SerializeToString(deterministic=True) == before
+        if not reached:
+            break
+    assert second > 20
+
+
+def test_a_second_interruption_waits_until_all_is_undone() -> None:
+    """The first error comes from the run, the interruption at each line in turn."""
+    handler = signal.getsignal(signal.SIGINT)
+    for line in itertools.count(1):
+        begun = []
+
+        def run(begun: list[int] = begun) -> None:
+            begun.append(1)
+            raise ValueError
+
+        reached = interrupted_at_line(line, "all_or_nothing.py", lambda: all_or_nothing(run, begun.clear))
+        assert not begun
+        with pytest.raises(KeyboardInterrupt):
+            signal.raise_signal(signal.SIGINT)
+        signal.signal(signal.SIGINT, handler)
+        if not reached:
+            break
+    assert line > 20
+
+
+def interrupted_at_line(line: int, file: str, run: Callable[[], Any]) -> bool:
+    """Runs it with a Ctrl-C at the n-th line of that file; whether it got there."""
+    lines = itertools.count(1)
+    reached = False
+
+    def trace(frame: FrameType, event: str, _: Any) -> Any:
+        nonlocal reached
+        if event == "line" and frame.f_code.co_filename.endswith(file) and next(lines) == line:
+            reached = True
+            signal.raise_signal(signal.SIGINT)
+        return trace
+
+    tracer = sys.gettrace()
+    sys.settrace(trace)
+    try:
+        run()
+    except (KeyboardInterrupt, ValueError):
+        pass
+    finally:
+        sys.settrace(tracer)
+    return reached
