@@ -240,6 +240,9 @@ REFUSALS: list[tuple[dict[str, Any], str]] = [
     ({"location": "sub"}, "must be a regular file"),
     ({"location": "link"}, "not a symbolic link"),
     ({"location": "out/outside"}, "out of the folder"),
+    ({"location": "twice"}, "has 2 hard links"),
+    ({"location": "x" * 5000}, "File name too long"),
+    ({"location": "round/data.bin"}, "Too many levels of symbolic links"),
     ({"location": "data.bin", "offset": -8}, "offset '-8' must be a whole number"),
     ({"location": "data.bin", "offset": 37}, "offset 37 lies behind the end of the file, which has 36 bytes"),
     ({"location": "data.bin", "length": "many"}, "length 'many' must be a whole number"),
@@ -261,6 +264,9 @@ def test_external_data_that_is_refused(stored: Path, entries: dict[str, Any], me
     (stored / "model/link").symlink_to("data.bin")
     (stored / "outside").write_bytes(bytes(24))
     (stored / "model/out").symlink_to(stored)
+    (stored / "model/round").symlink_to("round")
+    (stored / "model/once").write_bytes(bytes(24))
+    (stored / "model/twice").hardlink_to(stored / "model/once")
     with pytest.raises((ValueError, FileNotFoundError), match=message) as caught:
         read(external(**entries), "model")
     assert str(caught.value).startswith("tensor 'w'")

@@ -8,7 +8,7 @@ from collections.abc import Callable
 from typing import Any
 
 import pytest
-from onnx import GraphProto, TensorProto
+from onnx import AttributeProto, GraphProto, TensorProto
 
 from helpers.checks import dangling, is_sound, writers
 from helpers.classes import CLASSES, apply, class_graph
@@ -93,3 +93,53 @@ def test_a_list_that_lies_about_its_length(monkeypatch: pytest.MonkeyPatch, says
     assert is_sound(graph)
     assert len(graph.node) == 10
     assert {tensor.name for tensor in graph.initializer} == {tensor.name for tensor in tensors}
+
+
+def test_a_list_that_shrinks_while_it_is_sorted(monkeypatch: pytest.MonkeyPatch) -> None:
+    graph, call = conv_relus(), Uses._call
+
+    def shrinking_call(self: Uses, method: Any, args: Any, kwargs: Any) -> Any:
+        if "key" in kwargs:
+            del graph.node[-1]
+        return call(self, method, args, kwargs)
+
+    monkeypatch.setattr(Uses, "_call", shrinking_call)
+    with pytest.raises(RuntimeError, match="the list shrank while"):
+        Swap(lambda _: True)._replace_all_isomorphic_sub_graphs(Uses(0).wrap(graph), *SWAP)
+
+
+NAMES = [
+    (lambda g: g.node[3], "name", "node 3 (Relu): name"),
+    (lambda g: g.node[3], "op_type", "node 3: operator"),
+    (lambda g: g.node[3], "domain", "node 3 (Relu): domain"),
+    (lambda g: g.node[2], "input", "node 2 (Conv): input 0"),
+    (lambda g: g.node[2], "output", "node 2 (Conv): output 0"),
+    (lambda g: g.initializer[1], "name", "initializer 1: name"),
+    (lambda g: g.input[0], "name", "input 0: name"),
+    (lambda g: g.value_info[2], "name", "value_info 2: name"),
+    (lambda g: g.quantization_annotation.add(), "tensor_name", "quantization_annotation 0: tensor name"),
+    (lambda g: g.sparse_initializer.add().values, "name", "sparse_initializer 0: name"),
+    (lambda g: body_of(g).output[0], "name", "node 6, body: output 0: name"),
+]
+
+
+def body_of(graph: GraphProto) -> GraphProto:
+    graph.node.add(op_type="If").attribute.add(type=AttributeProto.GRAPH).g.output.add()
+    return graph.node[-1].attribute[0].g
+
+
+@pytest.mark.parametrize(("place", "field", "message"), NAMES, ids=[message for *_, message in NAMES])
+def test_a_name_that_is_not_utf8_is_told_with_its_place(place: Any, field: str, message: str) -> None:
+    """Protobuf gives such names as bytes. Nothing in Python sets one, but a file may hold it."""
+    graph = conv_relus()
+    owner = place(graph)
+    if field in ("input", "output"):
+        getattr(owner, field)[0] = "nXXXX"
+    else:
+        setattr(owner, field, "nXXXX")
+    graph = GraphProto.FromString(graph.SerializeToString().replace(b"nXXXX", b"n\xb0\xc4XX"))
+    before = graph.SerializeToString()
+    with pytest.raises(ValueError, match="is not UTF-8") as caught:
+        AbstractTransformation()._replace_all_isomorphic_sub_graphs(graph, *SWAP)
+    assert str(caught.value).startswith(rf"{message} b'n\xb0\xc4XX' is")
+    assert graph.SerializeToString() == before

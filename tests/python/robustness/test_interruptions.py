@@ -12,8 +12,8 @@ import pytest
 from onnx import GraphProto
 
 import onnxgraft
-from helpers.checks import is_sound
-from helpers.small_graphs import conv_relus, graph_of, model_of
+from helpers.checks import dangling
+from helpers.small_graphs import conv_relus, graph_of, model_of, ones
 from onnxgraft import quant
 from onnxgraft.abstract_transformation import AbstractTransformation
 from onnxgraft.engine.all_or_nothing import all_or_nothing
@@ -38,12 +38,8 @@ def test_a_search_ends_when_it_is_interrupted() -> None:
     before = graph.SerializeToString()
     rule = (["A:0->1", "B:2->3", "C:4->5"], ["#0", "#1", "#2", "Clip:1->9"])
     with interrupted_after(0.01):
-        AbstractTransformation._replace_all_isomorphic_sub_graphs(Plain(), graph, *rule)
+        AbstractTransformation()._replace_all_isomorphic_sub_graphs(graph, *rule)
     assert graph.SerializeToString() == before
-
-
-class Plain(AbstractTransformation):
-    """Accepts everything."""
 
 
 def test_a_round_ends_when_it_is_interrupted() -> None:
@@ -51,7 +47,7 @@ def test_a_round_ends_when_it_is_interrupted() -> None:
     graph = conv_relus(3000)
     with interrupted_after(0.02):
         quant.QuantConvTransformation().apply(graph)
-    assert is_sound(graph)
+    assert len(dangling(graph)) <= 2, "more than the callback was to make that was interrupted"
     assert sum(node.op_type == "TesselDequant" for node in graph.node) < 3000
 
 
@@ -59,13 +55,15 @@ def test_a_step_is_put_back_whatever_comes() -> None:
     class Breaks(AbstractTransformation):
         def apply(self, graph: GraphProto, debug: bool = False) -> int:
             del graph.node[0], graph.initializer[:]
-            graph.node.sort(key=lambda _: signal.raise_signal(signal.SIGINT) or 0)
+            signal.raise_signal(signal.SIGINT)
             return 0
 
-    model = model_of(["Relu x -> a", "Conv a,w -> y"], inputs=["x"], outputs=["y"], initializers={"w": (1, 1, 1, 1)})
+    model = model_of(["Relu x -> a", "Conv a w -> y"], inputs=["x"], outputs=["y"], tensors={"w": ones(1, 1, 1, 1)})
     before = model.SerializeToString(deterministic=True)
     for second in itertools.count(1):
-        reached = interrupted_at_line(second, "snapshot.py", lambda: onnxgraft.rewrite(model, [Breaks()]))
+        reached = interrupted_at_line(
+            second, "snapshot.py", lambda: onnxgraft.rewrite(model, [Breaks()], prepare=False)
+        )
         assert model.SerializeToString(deterministic=True) == before
         if not reached:
             break
@@ -75,13 +73,13 @@ def test_a_step_is_put_back_whatever_comes() -> None:
 def test_a_second_interruption_waits_until_all_is_undone() -> None:
     """The first error comes from the run, the interruption at each line in turn."""
     handler = signal.getsignal(signal.SIGINT)
+    begun: list[int] = []
+
+    def run() -> None:
+        begun.append(1)
+        raise ValueError
+
     for line in itertools.count(1):
-        begun = []
-
-        def run(begun: list[int] = begun) -> None:
-            begun.append(1)
-            raise ValueError
-
         reached = interrupted_at_line(line, "all_or_nothing.py", lambda: all_or_nothing(run, begun.clear))
         assert not begun
         with pytest.raises(KeyboardInterrupt):
