@@ -33,3 +33,9 @@ class _NearestMiss(TypedDict):
 
 def find_occurrences(graph: GraphProto, subgraph: Sequence[str], replacement: Sequence[str]) -> list[_Occurrence]: ...
 def nearest_miss(graph: GraphProto, subgraph: Sequence[str], replacement: Sequence[str]) -> _NearestMiss | None: ...
+
+_Node = tuple[str, tuple[tuple[str, bool], ...], str, bool]
+
+def parse(
+    subgraph: Sequence[str], replacement: Sequence[str]
+) -> tuple[tuple[_Node, ...], tuple[tuple[_Node, int | None, bool], ...]]: ...

@@ -5,6 +5,7 @@
 #include <chrono>
 
 #include "abstract_transformation/callback.h"
+#include "abstract_transformation/parsing.h"
 #include "abstract_transformation/pass.h"
 #include "abstract_transformation/report.h"
 #include "abstract_transformation/rule_cache.h"
@@ -60,6 +61,14 @@ Returns None if the pattern fits somewhere, else a dict: "matched" (number of pa
 "input" (input position, where the reason has one), "tensor" (name, or None), "reader" (index of another node
 that reads the tensor, or None) and "text" (a sentence).)";
 
+constexpr const char* parse_doc = R"(A (pattern, replacement) pair, taken apart.
+
+Returns two tuples. Pattern nodes are (operator, inputs, output, rest): an input is (id, whether the pattern wants an
+initializer), and `rest` says that further initializers may follow. Replacement entries are (node, number of the
+pattern node that it comes from or None, whether that node stays); the node of an entry that only names a number is
+filled in from the pattern.
+Raises ValueError for a list that does not follow the notation.)";
+
 Ref replace_all(const Call& call) {
   const auto rule = compiled_rule(call[2], call[3]);
   const bool debug = truth(call[4]);
@@ -90,6 +99,11 @@ constexpr std::array callback_parameters{
 
 constexpr std::array pair_parameters{
     Parameter{"graph"},
+    Parameter{"subgraph"},
+    Parameter{"replacement"},
+};
+
+constexpr std::array parse_parameters{
     Parameter{"subgraph"},
     Parameter{"replacement"},
 };
@@ -135,11 +149,19 @@ const FunctionRow nearest_miss_row{
     .doc = nearest_miss_doc,
 };
 
+const FunctionRow parse_row{
+    .name = "parse",
+    .parameters = parse_parameters,
+    .body = [](const Call& call) { return parsed(*compiled_rule(call[0], call[1])); },
+    .doc = parse_doc,
+};
+
 void fill(PyObject* module) {
   const Ref function_type = make_function_type(module);
   add_class(module, function_type.get(), base_class);
   add_function(module, function_type.get(), find_row);
   add_function(module, function_type.get(), nearest_miss_row);
+  add_function(module, function_type.get(), parse_row);
 }
 
 int execute(PyObject* module) {

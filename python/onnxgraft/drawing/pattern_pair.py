@@ -1,13 +1,12 @@
-"""Reads a (pattern, replacement) pair into the two graphs that a picture shows.
-
-The lists are taken from the classes, so they are valid; what a node becomes is told by the replacement alone.
-"""
+"""The two graphs that a picture of a (pattern, replacement) pair shows."""
 
 from __future__ import annotations
 
 from collections.abc import Iterable, Sequence
 from dataclasses import dataclass
 from enum import Enum
+
+from onnxgraft.catalogue import notation
 
 # What the initializer inputs of an operator are called, by position; one without a name shows its id only.
 INPUT_NAMES = {
@@ -20,7 +19,6 @@ INPUT_NAMES = {
     "Resize": ("x", "roi", "scales", "sizes"),
     "Slice": ("x", "starts", "ends", "axes"),
 }
-_REST = "~i"
 
 
 class State(Enum):
@@ -72,63 +70,39 @@ class Graph:
         return tuple(node.output for node in self.nodes if node.output not in read)
 
 
-@dataclass(frozen=True)
-class _Line:
-    """One string: "Op:in,in->out", "#k:in,in->out" or "#k"."""
-
-    head: str
-    inputs: tuple[str, ...]
-    output: str
-
-    @staticmethod
-    def read(text: str) -> _Line:
-        head, _, links = text.partition(":")
-        inputs, _, output = links.partition("->")
-        return _Line(head, tuple(filter(None, inputs.split(","))), output)
-
-    @property
-    def number(self) -> int | None:
-        return int(self.head[1:]) if self.head.startswith("#") else None
-
-
 def read_pair(pattern: Sequence[str], replacement: Sequence[str]) -> tuple[Graph, Graph]:
-    """The graph before and after."""
-    old = [_Line.read(text) for text in pattern]
-    new = [_Line.read(text) for text in replacement]
-    kept = {line.number for line in new if not line.output}
-    copied = {line.number for line in new if line.output}
-    after = [(line, old[line.number] if line.number is not None and not line.output else line) for line in new]
-    constants_after = _constants(line for _, line in after)
-    constants_before = _constants(old)
-    before = [
-        _node(line.head, k, line, _fate(k, kept, copied), constants_after, State.REMOVED) for k, line in enumerate(old)
-    ]
-    result = []
-    for entry, line in after:
-        op = line.head if entry.number is None else old[entry.number].head
-        state = State.NEW if entry.number is None else State.COPIED if entry.output else State.KEPT
-        result.append(_node(op, entry.number, line, state, constants_before, State.NEW))
-    return Graph(tuple(before)), Graph(tuple(result))
+    """The graph before and after.
+
+    Raises:
+        ValueError: The lists do not follow the notation.
+    """
+    old, entries = notation.read_pair(pattern, replacement)
+    fates = {entry.source: State.COPIED for entry in entries}
+    fates.update({entry.source: State.KEPT for entry in entries if entry.kept})
+    constants_before, constants_after = _constants(old), _constants(entry.node for entry in entries)
+    before = [_node(node, k, fates.get(k, State.REMOVED), constants_after, State.REMOVED) for k, node in enumerate(old)]
+    after = []
+    for node, source, kept in entries:
+        state = State.NEW if source is None else State.KEPT if kept else State.COPIED
+        after.append(_node(node, source, state, constants_before, State.NEW))
+    return Graph(tuple(before)), Graph(tuple(after))
 
 
-def _fate(number: int, kept: set[int | None], copied: set[int | None]) -> State:
-    if number in kept:
-        return State.KEPT
-    return State.COPIED if number in copied else State.REMOVED
+def _constants(nodes: Iterable[notation.PatternNode]) -> set[str]:
+    return {link.id for node in nodes for link in node.inputs if link.initializer}
 
 
-def _constants(lines: Iterable[_Line]) -> set[str]:
-    return {link for line in lines for link in line.inputs if link.endswith("i")}
-
-
-def _node(op: str, number: int | None, line: _Line, state: State, others: set[str], otherwise: State) -> Node:
+def _node(node: notation.PatternNode, number: int | None, state: State, others: set[str], otherwise: State) -> Node:
     """A box; an initializer that the other side lacks is in state `otherwise`."""
-    constants = []
-    for position, link in enumerate(line.inputs):
-        if link.endswith("i"):
-            names = INPUT_NAMES.get(op, ())
-            name = names[position] if position < len(names) else ""
-            known = State.KEPT if link in others or link == _REST else otherwise
-            constants.append(Constant("any", "", known) if link == _REST else Constant(name, link[:-1], known))
-    data = tuple(link for link in line.inputs if not link.endswith("i"))
-    return Node(op, number, data, tuple(constants), line.output, state)
+    names = INPUT_NAMES.get(node.op, ())
+    constants = [
+        Constant(
+            names[position] if position < len(names) else "", link.id, State.KEPT if link.id in others else otherwise
+        )
+        for position, link in enumerate(node.inputs)
+        if link.initializer
+    ]
+    if node.rest:
+        constants.append(Constant("any", "", State.KEPT))
+    data = tuple(link.id for link in node.inputs if not link.initializer)
+    return Node(node.op, number, data, tuple(constants), node.output, state)

@@ -8,9 +8,6 @@ from __future__ import annotations
 
 from collections.abc import Sequence
 
-from onnx import GraphProto
-
-from onnxgraft.abstract_transformation import find_occurrences
 from onnxgraft.drawing.pattern_pair import Constant, Graph, Node, State, read_pair
 from onnxgraft.drawing.text_canvas import DOWN, UP, Canvas
 from onnxgraft.drawing.text_layout import Box, TextLayout
@@ -44,7 +41,6 @@ def draw_pair(pattern: Sequence[str], replacement: Sequence[str]) -> str:
     Raises:
         ValueError: The lists do not follow the notation.
     """
-    find_occurrences(GraphProto(), pattern, replacement)  # checks the lists
     sides = read_pair(pattern, replacement)
     lists = (("before", pattern), ("after", replacement))
     before, after = (_drawn(graph, *texts) for graph, texts in zip(sides, lists, strict=True))

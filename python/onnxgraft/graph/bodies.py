@@ -2,15 +2,37 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterator
+from collections.abc import Iterator, Sequence
 
 from onnx import AttributeProto, GraphProto, NodeProto
+
+_KINDS = (AttributeProto.GRAPH, AttributeProto.GRAPHS)
 
 
 def bodies(node: NodeProto) -> Iterator[GraphProto]:
     """The graphs in the attributes of a node, without those inside them."""
     for attribute in node.attribute:
-        if attribute.type == AttributeProto.GRAPH:
-            yield attribute.g
-        elif attribute.type == AttributeProto.GRAPHS:
-            yield from attribute.graphs
+        if attribute.type in _KINDS:
+            yield from in_attribute(attribute)
+
+
+def in_attribute(attribute: AttributeProto) -> Sequence[GraphProto]:
+    """The graphs that an attribute holds."""
+    if attribute.type == AttributeProto.GRAPH:
+        return (attribute.g,)
+    return attribute.graphs if attribute.type == AttributeProto.GRAPHS else ()
+
+
+def all_bodies(node: NodeProto) -> Iterator[GraphProto]:
+    """The graphs in the attributes of a node, each before those inside it."""
+    for body in bodies(node):
+        yield from with_bodies(body)
+
+
+def with_bodies(graph: GraphProto) -> Iterator[GraphProto]:
+    """The graph, then the bodies of its nodes at any depth."""
+    todo = [graph]
+    while todo:
+        current = todo.pop()
+        yield current
+        todo += (body for node in current.node if node.attribute for body in bodies(node))

@@ -1,57 +1,69 @@
 """Names in a graph and in the bodies nested in it.
 
-A body reads tensors of the graphs around it by name. Steps rewrite the outer graph only, so a name that a body reads
-has to go on existing; these functions tell which ones those are.
+A body reads tensors of the graphs around it by name. Whoever rewrites the outer graph alone has to leave those names
+in existence; these functions tell which ones they are.
 """
 
 from __future__ import annotations
 
 from onnx import GraphProto, NodeProto
 
-from onnxgraft.graph.bodies import bodies
+from onnxgraft.graph.bodies import all_bodies, bodies, with_bodies
 
 
 def outer_reads(node: NodeProto) -> set[str]:
     """Names that the bodies of a node read and do not define themselves."""
-    reads: set[str] = set()
+    used: set[str] = set()
     for body in bodies(node):
-        reads |= _free_names(body)
-    return reads
+        used |= _free_names(body)
+    return used
+
+
+def reads(node: NodeProto) -> set[str]:
+    """All that has to be computed before the node."""
+    return outer_reads(node).union(filter(None, node.input))
+
+
+def sources(graph: GraphProto) -> set[str]:
+    """Tensors that are there without being computed."""
+    names = {value.name for value in graph.input} | {tensor.name for tensor in graph.initializer}
+    return names | {sparse.values.name for sparse in graph.sparse_initializer}
+
+
+def defined_in_bodies(graph: GraphProto) -> set[str]:
+    """Names that nested bodies define for themselves, at any depth."""
+    names: set[str] = set()
+    for node in graph.node:
+        for body in all_bodies(node):
+            names |= sources(body).union(*(inner.output for inner in body.node))
+    return names - {""}
 
 
 def body_reads(graph: GraphProto) -> set[str]:
     """Names that any nested body reads from `graph` or from around it."""
-    reads: set[str] = set()
+    used: set[str] = set()
     for node in graph.node:
         if node.attribute:
-            reads |= outer_reads(node)
-    return reads
+            used |= outer_reads(node)
+    return used
 
 
 def all_names(graph: GraphProto) -> set[str]:
     """Every name of a tensor or node, nested bodies included: what a fresh name has to differ from."""
     names: set[str] = set()
-    pending = [graph]
-    while pending:
-        current = pending.pop()
+    for current in with_bodies(graph):
         for values in (current.input, current.output, current.value_info, current.initializer):
             names.update(value.name for value in values)
         names.update(sparse.values.name for sparse in current.sparse_initializer)
         for node in current.node:
             names.update((node.name, *node.input, *node.output))
-            if node.attribute:
-                pending += bodies(node)
     return names
 
 
 def _free_names(body: GraphProto) -> set[str]:
-    """Defined first, then read: a body may be unsorted, and an outer name is one that nothing in it defines."""
-    defined = {value.name for value in body.input} | {tensor.name for tensor in body.initializer}
-    defined.update(sparse.values.name for sparse in body.sparse_initializer)
-    reads = {value.name for value in body.output}
+    """A node reads the outer tensor of a name up to where the body defines its own."""
+    known, taken = sources(body), set()
     for node in body.node:
-        defined.update(node.output)
-        reads.update(node.input)
-        if node.attribute:
-            reads |= outer_reads(node)
-    return reads - defined - {""}
+        taken |= reads(node) - known
+        known.update(node.output)
+    return taken | ({value.name for value in body.output} - known - {""})

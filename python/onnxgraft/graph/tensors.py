@@ -3,11 +3,14 @@
 from __future__ import annotations
 
 from collections.abc import Iterator
+from itertools import chain
 from typing import Literal, get_args
 
 import numpy as np
 import onnx
 from onnx import TensorProto, numpy_helper
+
+from onnxgraft.graph.bodies import all_bodies, with_bodies
 
 # Where a tensor may hold its values, texts excepted.
 ValueField = Literal["raw_data", "float_data", "double_data", "int32_data", "int64_data", "uint64_data"]
@@ -32,21 +35,20 @@ _PLAIN_TYPES: dict[int, str] = {
 
 def stored_tensors(model: onnx.ModelProto) -> Iterator[onnx.TensorProto]:
     """Yields initializers, sparse initializers and tensors in node attributes, nested bodies and functions included."""
-    graphs = [model.graph]
-    for function in model.functions:
-        for node in function.node:
-            yield from _attribute_tensors(node, graphs)
-    while graphs:
-        graph = graphs.pop()
+    nodes = (node for function in model.functions for node in function.node)
+    graphs = chain(with_bodies(model.graph), (body for node in nodes for body in all_bodies(node)))
+    for graph in graphs:
         yield from graph.initializer
         for sparse in graph.sparse_initializer:
             yield from (sparse.values, sparse.indices)
         for node in graph.node:
-            yield from _attribute_tensors(node, graphs)
+            yield from _attribute_tensors(node)
+    for function in model.functions:
+        for node in function.node:
+            yield from _attribute_tensors(node)
 
 
-def _attribute_tensors(node: onnx.NodeProto, graphs: list[onnx.GraphProto]) -> Iterator[onnx.TensorProto]:
-    """Yields the tensors of a node's attributes and adds its nested bodies to `graphs`."""
+def _attribute_tensors(node: onnx.NodeProto) -> Iterator[onnx.TensorProto]:
     kinds = onnx.AttributeProto
     for attribute in node.attribute:
         if attribute.type == kinds.TENSOR:
@@ -58,10 +60,6 @@ def _attribute_tensors(node: onnx.NodeProto, graphs: list[onnx.GraphProto]) -> I
         elif attribute.type == kinds.SPARSE_TENSORS:
             for sparse in attribute.sparse_tensors:
                 yield from (sparse.values, sparse.indices)
-        elif attribute.type == kinds.GRAPH:
-            graphs.append(attribute.g)
-        elif attribute.type == kinds.GRAPHS:
-            graphs.extend(attribute.graphs)
 
 
 def raw_values(tensor: onnx.TensorProto, smallest: int = 0) -> bytes | None:

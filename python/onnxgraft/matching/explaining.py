@@ -8,8 +8,8 @@ import onnx
 
 from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences, nearest_miss
 from onnxgraft.catalogue import Transformation
+from onnxgraft.catalogue.notation import read_pair
 from onnxgraft.matching import hints
-from onnxgraft.matching.notation import read_pattern
 from onnxgraft.matching.subject import graph_of, subject_of
 from onnxgraft.matching.surroundings import Surroundings
 
@@ -85,7 +85,7 @@ def explain(
             )
             continue
         tried = None if miss["node"] is None else searched.node[miss["node"]]
-        hint = hints.on_miss(hints.Miss(surroundings, read_pattern(pattern), functions, tried, miss))
+        hint = hints.on_miss(hints.Miss(surroundings, read_pair(pattern, replacement)[0], functions, tried, miss))
         explanations.append(
             Explanation(
                 *head,

@@ -11,9 +11,9 @@ from collections.abc import Sequence
 
 from onnx import GraphProto, NodeProto, TensorProto, ValueInfoProto, helper, numpy_helper
 
-from onnxgraft.matching.notation import PatternNode, read_pattern
+from onnxgraft.catalogue.notation import PatternNode, read_pattern
+from onnxgraft.graph.names import reads
 from onnxgraft.selfcheck.furnishing import Furnisher
-from onnxgraft.selfcheck.names import reads
 
 _NOISE = ("Relu", "Add", "Mul", "Sigmoid", "Identity", "If")
 _WORDS = ("conv", "layer", "x", "out", "act", "block")

@@ -16,7 +16,7 @@ import numpy as np
 from onnx import GraphProto, NodeProto
 
 from onnxgraft.abstract_transformation import AbstractTransformation
-from onnxgraft.matching.notation import read_pair
+from onnxgraft.catalogue.notation import read_pair
 
 # What one `apply` may need at most on graphs of some tens of nodes: callbacks and passes, and growth.
 _MOST_EVENTS = 1_000

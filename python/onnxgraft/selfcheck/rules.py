@@ -7,7 +7,7 @@ from dataclasses import dataclass
 
 from onnx import GraphProto, NodeProto
 
-from onnxgraft.selfcheck.names import reads
+from onnxgraft.graph.names import reads
 from onnxgraft.selfcheck.recording import EndlessError, PassRecord, Run
 from onnxgraft.selfcheck.soundness import new_problems
 

@@ -6,7 +6,7 @@ from collections.abc import Callable, Sequence
 
 from onnx import GraphProto, TensorProto, helper
 
-from onnxgraft.selfcheck.names import reads, sources
+from onnxgraft.graph.names import reads, sources
 
 _MOST_TRIALS = 200
 

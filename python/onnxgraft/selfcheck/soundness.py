@@ -10,7 +10,7 @@ from collections.abc import Callable, Iterable, Iterator
 
 from onnx import GraphProto
 
-from onnxgraft.selfcheck.names import defined_in_bodies, reads, sources
+from onnxgraft.graph.names import defined_in_bodies, reads, sources
 
 Problem = tuple[str, str]
 

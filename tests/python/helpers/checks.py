@@ -6,7 +6,7 @@ from typing import Any
 
 from onnx import GraphProto
 
-from onnxgraft.selfcheck.names import reads, sources
+from onnxgraft.graph.names import reads, sources
 from onnxgraft.selfcheck.soundness import problems
 
 

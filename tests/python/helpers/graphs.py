@@ -10,8 +10,8 @@ import onnx
 from onnx import GraphProto, NodeProto, SparseTensorProto, TensorProto, ValueInfoProto, helper
 
 from onnxgraft.graph.bodies import bodies
+from onnxgraft.graph.names import sources
 from onnxgraft.selfcheck.graph_builder import GraphBuilder
-from onnxgraft.selfcheck.names import sources
 
 
 class Strange:

@@ -18,8 +18,7 @@ from onnx import TensorProto, helper, numpy_helper
 from onnx.reference.ops import op_resize
 
 from helpers.occurrences import packed
-from onnxgraft.matching.notation import PatternNode
-from oracle.notation import parse_pair
+from oracle.notation import PatternNode, parse_pair
 
 fast_resize = pytest.mark.skipif(
     not hasattr(op_resize, "_interpolate_1d_along_axis"),

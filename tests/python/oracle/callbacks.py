@@ -11,7 +11,7 @@ import numpy as np
 import numpy.typing as npt
 from onnx import AttributeProto, GraphProto, NodeProto, TensorProto, helper, numpy_helper
 
-from onnxgraft.graph.names import all_names
+from .names import all_names
 
 Array = npt.NDArray[Any]
 Nodes = list[NodeProto]

@@ -11,7 +11,7 @@ from copy import deepcopy
 from onnx import GraphProto, NodeProto
 from onnx.printer import to_text
 
-from onnxgraft.graph.bodies import bodies
+from .names import bodies
 
 
 class Renaming:

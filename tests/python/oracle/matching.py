@@ -10,10 +10,8 @@ from dataclasses import dataclass, field
 
 from onnx import GraphProto, NodeProto
 
-from onnxgraft.matching.notation import PatternNode
-from onnxgraft.selfcheck.names import body_reads, reads
-
-from .notation import Pair
+from .names import body_reads, reads
+from .notation import Pair, PatternNode
 
 Links = dict[str, str]
 

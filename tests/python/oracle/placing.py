@@ -9,8 +9,7 @@ from dataclasses import dataclass
 
 from onnx import NodeProto
 
-from onnxgraft.selfcheck.names import reads
-
+from .names import reads
 from .notation import Pair
 
 

@@ -11,12 +11,9 @@ from typing import Any
 
 from onnx import GraphProto, NodeProto
 
-from onnxgraft.graph.names import all_names
-from onnxgraft.matching.notation import Entry
-from onnxgraft.selfcheck.names import reads
-
 from .matching import Assignment, Table, all_assignments, choose
-from .notation import Pair, parse_pair
+from .names import all_names, reads
+from .notation import Entry, Pair, parse_pair
 from .placing import Item, Occurrence, splice
 
 Callback = Callable[[GraphProto, list[NodeProto], dict[int, int], dict[str, str]], object]

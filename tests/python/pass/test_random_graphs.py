@@ -24,12 +24,13 @@ from helpers.pairs import random_pair
 from helpers.small_graphs import graph_of
 from onnxgraft import catalogue
 from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences, nearest_miss
-from onnxgraft.graph.names import all_names
-from onnxgraft.selfcheck.names import reads
+from onnxgraft.catalogue.notation import read_pair
+from onnxgraft.graph.names import all_names, reads
 from onnxgraft.selfcheck.soundness import problems
 from oracle.compare import Renaming, difference, serialized
 from oracle.matching import Table, all_assignments, choose
 from oracle.notation import Pair, parse_pair
+from oracle.notation import read_pair as read_slowly
 from oracle.rewriting import Pass
 
 GRAPHS = int(os.environ.get("ONNXGRAFT_RANDOM_GRAPHS", "3200"))
@@ -220,3 +221,10 @@ def test_small_patterns_on_small_graphs(block: int) -> None:
         assert (nearest_miss(graph, pattern, replacement) is None) == bool(matches), f"seed {seed}"
         found, tried = found + len(matches), tried + 1
     assert found > tried / 50
+
+
+def test_tools_are_told_what_the_lists_say() -> None:
+    rng = random.Random(0)
+    for pattern, replacement in [*CATALOGUE, *(random_pair(rng) for _ in range(300))]:
+        told: tuple[object, object] = read_pair(pattern, replacement)
+        assert told == read_slowly(pattern, replacement)

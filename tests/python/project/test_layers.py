@@ -58,3 +58,9 @@ def test_each_layer_uses_lower_ones_only(repository: Path, heading: str, found: 
         if user != used and level.get(used, -1) <= level[user]
     }
     assert wrong == set()
+
+
+def test_the_slow_model_shares_nothing_with_the_package(repository: Path) -> None:
+    files = sorted((repository / "tests/python/oracle").glob("*.py"))
+    assert len(files) > 5
+    assert [path.name for path in files if _PACKAGE in re.findall(r"(?:from|import) (\w+)", path.read_text())] == []

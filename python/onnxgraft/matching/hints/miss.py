@@ -8,7 +8,7 @@ from typing import Any
 
 from onnx import FunctionProto, NodeProto
 
-from onnxgraft.matching.notation import PatternNode
+from onnxgraft.catalogue.notation import PatternNode
 from onnxgraft.matching.surroundings import Surroundings, node_text
 
 # Their result does not depend on the order of their inputs.

@@ -1,10 +1,21 @@
 """Which tensor names a node reads, its nested bodies included, and which names a graph holds at all."""
 
-from __future__ import annotations
+from collections.abc import Iterator
 
 from onnx import GraphProto, NodeProto
 
-from onnxgraft.graph.bodies import bodies
+
+def bodies(node: NodeProto) -> Iterator[GraphProto]:
+    for attribute in node.attribute:
+        yield from ([attribute.g] if attribute.HasField("g") else attribute.graphs)
+
+
+def all_names(graph: GraphProto) -> set[str]:
+    names = {value.name for field in (graph.input, graph.output, graph.value_info) for value in field}
+    names |= {tensor.name for tensor in graph.initializer} | {one.values.name for one in graph.sparse_initializer}
+    for node in graph.node:
+        names |= {node.name, *node.input, *node.output}.union(*(all_names(body) for body in bodies(node)))
+    return names
 
 
 def body_reads(node: NodeProto) -> set[str]:
@@ -17,30 +28,13 @@ def reads(node: NodeProto) -> set[str]:
     return {name for name in node.input if name} | body_reads(node)
 
 
-def defined_in_bodies(graph: GraphProto) -> set[str]:
-    """Names that nested bodies define for themselves, at any depth."""
-    names: set[str] = set()
-    for node in graph.node:
-        for body in bodies(node):
-            names |= _given(body) | {name for inner in body.node for name in inner.output} | defined_in_bodies(body)
-    return names - {""}
-
-
-def _given(graph: GraphProto) -> set[str]:
-    names = {value.name for value in graph.input} | {tensor.name for tensor in graph.initializer}
-    return names | {sparse.values.name for sparse in graph.sparse_initializer}
-
-
 def _from_outside(body: GraphProto, enclosing: set[str]) -> set[str]:
-    known, taken = enclosing | _given(body), set()
+    known = enclosing | {value.name for value in body.input} | {tensor.name for tensor in body.initializer}
+    known |= {sparse.values.name for sparse in body.sparse_initializer}
+    taken: set[str] = set()
     for node in body.node:
         taken |= {name for name in node.input if name} - known
         for inner in bodies(node):
             taken |= _from_outside(inner, known)
         known |= set(node.output)
     return taken | ({value.name for value in body.output} - known)
-
-
-def sources(graph: GraphProto) -> set[str]:
-    """Tensors that are there without being computed."""
-    return _given(graph)
