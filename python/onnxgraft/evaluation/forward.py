@@ -13,9 +13,9 @@ import numpy as np
 import numpy.typing as npt
 import onnx
 from onnx.external_data_helper import load_external_data_for_model
-from onnx.reference import ReferenceEvaluator
 
 from onnxgraft.errors import EvaluationError
+from onnxgraft.evaluation.reference_operators import evaluator
 from onnxgraft.io.external_data import has_external_data
 
 Array = npt.NDArray[Any]
@@ -118,7 +118,7 @@ class _WithReference:
                 copy.CopyFrom(model)
                 load_external_data_for_model(copy, folder)
                 model = copy
-            self._evaluator = ReferenceEvaluator(model)
+            self._evaluator = evaluator(model)
         except MemoryError:
             raise
         except Exception as error:

@@ -12,10 +12,10 @@ import numpy as np
 import numpy.typing as npt
 import onnx
 from onnx.external_data_helper import load_external_data_for_model
-from onnx.reference import ReferenceEvaluator
 
 from onnxgraft.errors import EvaluationError
 from onnxgraft.evaluation.operator_formulas import label
+from onnxgraft.evaluation.reference_operators import evaluator
 from onnxgraft.io.external_data import has_external_data
 
 Array = npt.NDArray[Any]
@@ -30,7 +30,7 @@ def run_reference(model: onnx.ModelProto, names: list[str], feeds: dict[str, Arr
         if has_external_data(model):
             load_external_data_for_model(model, folder)
         with np.errstate(all="ignore"):
-            return [np.asarray(value) for value in ReferenceEvaluator(model).run(names, feeds)]
+            return [np.asarray(value) for value in evaluator(model).run(names, feeds)]
     except MemoryError:
         raise
     except Exception as error:

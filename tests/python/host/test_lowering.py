@@ -63,6 +63,18 @@ def test_wide_sums_are_exact_in_float64() -> None:
     assert evaluate(made, {"x": x}, Convention(element_type="float64"))["y"].item() == 127 * 127 * 1024 + 2**31 - 1
 
 
+@pytest.mark.parametrize("opset", [11, 17])
+def test_what_the_reference_evaluator_gets_wrong(opset: int) -> None:
+    """A normalization of inference before operator set 14, and a transposed convolution in groups."""
+    made = model([node("ConvTranspose", "x w", "c", group=2), node("BatchNormalization", "c s b m v", epsilon=1.0)],
+                 {"w": np.arange(4, dtype=np.float32).reshape(2, 2, 1, 1), "s": np.full(4, 2, "f"),
+                  "b": np.arange(4, dtype=np.float32), "m": np.ones(4, np.float32), "v": np.full(4, 3, "f")},
+                 x=[1, 2, 1, 1])  # fmt: skip
+    made.opset_import[0].version = opset
+    y = evaluate(made, {"x": np.array([[[[1.0]], [[10.0]]]], np.float32)})["y"]
+    np.testing.assert_array_equal(y.ravel(), [0 - 1 + 0, 1 - 1 + 1, 20 - 1 + 2, 30 - 1 + 3])
+
+
 def test_only_operands_of_quantized_operators_become_floating_point() -> None:
     """Indices and shape arithmetic in 32-bit integers stay; a tensor that is both exists twice."""
     initializers: dict[str, Array] = {

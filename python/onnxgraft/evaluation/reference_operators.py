@@ -1,0 +1,53 @@
+"""Operators that onnx's reference evaluator gets wrong, as the standard defines them."""
+
+from __future__ import annotations
+
+from typing import Any
+
+import numpy as np
+import numpy.typing as npt
+import onnx
+from onnx.reference import ReferenceEvaluator
+from onnx.reference.op_run import OpRun
+from onnx.reference.ops import op_conv_transpose
+
+Array = npt.NDArray[Any]
+
+# From this operator set on the evaluator tells training from inference.
+_FIRST_WITH_TRAINING_MODE = 14
+
+
+class BatchNormalization(OpRun):
+    """Of inference: y = (x - mean) / sqrt(variance + epsilon) * scale + shift, channels along axis 1.
+
+    The evaluator computes those of operator sets 7 to 13 with statistics of x itself, as in training.
+    """
+
+    op_domain = ""
+
+    def _run(self, x: Array, *parameters: Array, epsilon: float | None = None, **_: Any) -> tuple[Array]:
+        along = (1, -1) + (1,) * (x.ndim - 2)
+        scale, shift, mean, variance = (parameter.reshape(along) for parameter in parameters)
+        factor = scale / np.sqrt(variance + (1e-5 if epsilon is None else epsilon))
+        return (((x - mean) * factor + shift).astype(x.dtype),)
+
+
+class ConvTranspose(op_conv_transpose.ConvTranspose):
+    """Group by group: the evaluator's own mixes up more than one."""
+
+    op_domain = ""
+
+    def _run(self, x: Array, w: Array, b: Any = None, group: Any = None, **options: Any) -> Any:  # type: ignore[override]
+        groups = group or 1
+        one_group: Any = super()._run
+        biases = [None] * groups if b is None else np.split(b, groups)
+        parts = zip(np.split(x, groups, 1), np.split(w, groups), biases, strict=True)
+        return (np.concatenate([one_group(*part, group=1, **options)[0] for part in parts], 1),)
+
+
+def evaluator(model: onnx.ModelProto) -> ReferenceEvaluator:
+    """The evaluator of a model, with these operators where it needs them."""
+    version = max((entry.version for entry in model.opset_import if entry.domain in {"", "ai.onnx"}), default=0)
+    training = any(node.op_type == "BatchNormalization" and len(node.output) > 1 for node in model.graph.node)
+    normalization = [] if version >= _FIRST_WITH_TRAINING_MODE or training else [BatchNormalization]
+    return ReferenceEvaluator(model, new_ops=[ConvTranspose, *normalization])
