@@ -1,8 +1,8 @@
 """The transformations that can be run: the built-in ones and those that a user registers or loads."""
 
+from onnxgraft.catalogue.interception import CALLBACK, REPLACE, Pair, intercepted, pairs_of
 from onnxgraft.catalogue.registry import (
     ENTRY_POINT_GROUP,
-    Pair,
     Transformation,
     find_row,
     load_user_code,
@@ -12,11 +12,15 @@ from onnxgraft.catalogue.registry import (
 )
 
 __all__ = [
+    "CALLBACK",
     "ENTRY_POINT_GROUP",
+    "REPLACE",
     "Pair",
     "Transformation",
     "find_row",
+    "intercepted",
     "load_user_code",
+    "pairs_of",
     "register",
     "rows",
     "transformations",

@@ -20,10 +20,9 @@ import onnx
 
 from onnxgraft import quant
 from onnxgraft.abstract_transformation import AbstractTransformation
+from onnxgraft.catalogue.interception import Pair, pairs_of
 from onnxgraft.catalogue.user_code import import_user_code
 from onnxgraft.errors import RegistrationError, UnknownTransformationError
-
-Pair = tuple[tuple[str, ...], tuple[str, ...]]
 
 ENTRY_POINT_GROUP = "onnxgraft.transformations"
 
@@ -56,27 +55,11 @@ class Transformation:
     @functools.cached_property
     def pairs(self) -> tuple[Pair, ...]:
         """The (pattern, replacement) pairs in the order in which `apply` takes them."""
-        return _pairs(self.cls)
+        return pairs_of(self.cls())
 
     def apply(self, graph: onnx.GraphProto) -> int:
         """Rewrites `graph` in place; returns the number of replaced occurrences."""
         return int(self.cls().apply(graph))
-
-
-def _pairs(cls: type[Any]) -> tuple[Pair, ...]:
-    """Lets `apply` run over an empty graph with a matcher that only takes notes."""
-    taken: list[Pair] = []
-
-    # The parameters are named as in the method that this one stands for.
-    def take_note(graph: object, subgraph: Any, replacement: Any, *_: object, **_named: object) -> int:
-        taken.append((tuple(subgraph), tuple(replacement)))
-        return 0
-
-    # On the object, not in a subclass: making one may have effects that its author meant for his own subclasses.
-    recorder = cls()
-    vars(recorder)["_replace_all_isomorphic_sub_graphs"] = take_note
-    recorder.apply(onnx.GraphProto())
-    return tuple(taken)
 
 
 def _is_runnable(value: object) -> bool:

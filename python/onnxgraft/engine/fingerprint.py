@@ -12,6 +12,8 @@ from collections.abc import Iterator, Mapping
 
 import onnx
 
+from onnxgraft.graph.bodies import in_attribute
+
 _LARGEST_VALUE = 1 << 12
 _TENSOR = onnx.AttributeProto.TENSOR
 _BODIES = (onnx.AttributeProto.GRAPH, onnx.AttributeProto.GRAPHS)
@@ -47,8 +49,7 @@ def _of_node(node: onnx.NodeProto, known: dict[str, int]) -> int:
 def _of_attributes(node: onnx.NodeProto, known: Mapping[str, int]) -> Iterator[int]:
     for attribute in node.attribute:
         if attribute.type in _BODIES:
-            bodies = (attribute.g, *attribute.graphs)
-            yield hash((attribute.name, *(_of_graph(body, known) for body in bodies)))
+            yield hash((attribute.name, *(_of_graph(body, known) for body in in_attribute(attribute))))
         elif attribute.type == _TENSOR and math.prod(attribute.t.dims) > _LARGEST_VALUE:
             yield hash((attribute.name, _of_tensor(attribute.t)))
         else:

@@ -18,9 +18,10 @@ from typing import Any, Literal
 import onnx
 
 from onnxgraft.abstract_transformation import AbstractTransformation, nearest_miss
+from onnxgraft.engine.shapes import Shapes
 from onnxgraft.engine.snapshot import Snapshot
-from onnxgraft.engine.surroundings import Neighbours, Shapes
 from onnxgraft.following import Splice
+from onnxgraft.graph.surroundings import Surroundings
 from onnxgraft.io.weight_store import WeightStore
 from onnxgraft.report.node_texts import Kept, keep
 from onnxgraft.report.records import NodeText, Occurrence, PatternResult
@@ -48,7 +49,7 @@ class _Pass:
 
     result: PatternResult
     shapes: Shapes | None = None
-    neighbours: Neighbours | None = None
+    around: Surroundings | None = None
 
 
 class Recorder:
@@ -183,7 +184,7 @@ class Recorder:
             return [], []
         if current.shapes is None:
             current.shapes = Shapes(graph)
-            current.neighbours = Neighbours(graph) if self._details == "neighbours" else None
+            current.around = Surroundings(graph) if self._details == "neighbours" else None
         count, listed = len(current.result.replacement), graph.node
         placed = [(listed[index], index) for key, index in mapping.items() if key < count]
         return [keep(node) for node in nodes], placed
@@ -199,8 +200,9 @@ class Recorder:
     ) -> Occurrence:
         neighbours: tuple[NodeText, ...] = ()
         tensors = list(links.values())
-        if current.neighbours is not None:
-            neighbours = current.neighbours.of({index for _, index in placed}, tensors)
+        if around := current.around:
+            indices = around.neighbours(tensors, {index for _, index in placed})
+            neighbours = tuple([NodeText.of(around.nodes[index], index) for index in indices])
             tensors += [name for node in neighbours for name in (*node.inputs, *node.outputs)]
         return Occurrence.of(
             accepted=accepted,

@@ -13,6 +13,8 @@ from typing import Any
 
 import onnx
 
+from onnxgraft.graph.bodies import in_attribute
+
 # Lists of small elements, kept with their bytes, and lists of tensors.
 _SMALL = ("node", "input", "output", "value_info", "quantization_annotation")
 _TENSORS = ("initializer", "sparse_initializer")
@@ -110,7 +112,7 @@ def _stored_elements(node: onnx.NodeProto) -> int:
             sparse = (attribute.sparse_tensor, *attribute.sparse_tensors)
             count += sum(math.prod(tensor.values.dims) for tensor in sparse)
         elif kind in _BODIES:
-            for graph in (attribute.g, *attribute.graphs):
+            for graph in in_attribute(attribute):
                 count += sum(math.prod(tensor.dims) for tensor in graph.initializer)
                 count += sum(_stored_elements(inner) for inner in graph.node)
     return count

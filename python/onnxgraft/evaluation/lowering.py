@@ -12,6 +12,7 @@ bodies are not rewritten, so a quantize node inside one is refused.
 from __future__ import annotations
 
 from collections.abc import Sequence
+from itertools import islice
 from os import PathLike, fspath
 from typing import Any
 
@@ -22,7 +23,7 @@ from onnx import TensorProto, numpy_helper
 
 from onnxgraft.errors import EvaluationError
 from onnxgraft.evaluation.convention import Convention
-from onnxgraft.evaluation.node_writer import NodeWriter, bodies
+from onnxgraft.evaluation.node_writer import NodeWriter
 from onnxgraft.evaluation.operator_formulas import (
     label,
     quantize_parameter,
@@ -31,6 +32,7 @@ from onnxgraft.evaluation.operator_formulas import (
     write_quantize,
 )
 from onnxgraft.evaluation.ranks import known_ranks
+from onnxgraft.graph.bodies import with_bodies
 from onnxgraft.tensor_types import quantized_values
 
 Array = npt.NDArray[Any]
@@ -99,12 +101,10 @@ class _Lowering:
         version = self._opsets.get("", 0)
         if version < _OLDEST_OPERATOR_SET:
             raise EvaluationError(f"operator set {version} is too old to evaluate: {_OLDEST_OPERATOR_SET} is needed")
-        todo = [body for node in self._graph.node for body in bodies(node)]
-        while todo:
-            for node in todo.pop().node:
+        for body in islice(with_bodies(self._graph), 1, None):
+            for node in body.node:
                 if node.op_type in OWN_OPERATORS:
                     raise EvaluationError(f"{label(node)} is inside a nested body, where it cannot be evaluated")
-                todo += bodies(node)
 
     def _array(self, name: str) -> Array:
         return np.asarray(numpy_helper.to_array(self._tensors[name], self._folder))
@@ -151,14 +151,11 @@ class _Lowering:
     def _settle_declarations(self, quantized: set[str]) -> None:
         """Takes away what is not read any more, or no longer true."""
         graph = self._graph
-        used = {value.name for value in graph.output}
-        todo = [graph]
-        while todo:
-            for node in todo.pop().node:
+        used: set[str] = set()
+        for current in with_bodies(graph):
+            used.update(value.name for value in current.output)
+            for node in current.node:
                 used.update(node.input)
-                for body in bodies(node):
-                    used.update(value.name for value in body.output)
-                    todo.append(body)
         gone = self._tensors.keys() - used
         for field in (graph.initializer, graph.input):
             for index in reversed(range(len(field))):

@@ -9,6 +9,8 @@ import numpy.typing as npt
 import onnx
 from onnx import helper, numpy_helper
 
+from onnxgraft.graph.names import all_names
+
 
 class NodeWriter:
     """Collects nodes and initializers; tensors that it invents are named after the tensor that they serve."""
@@ -16,7 +18,7 @@ class NodeWriter:
     def __init__(self, graph: onnx.GraphProto) -> None:
         self.nodes: list[onnx.NodeProto] = []
         self.initializers: list[onnx.TensorProto] = []
-        self._taken = set(_names(graph))
+        self._taken = all_names(graph)
 
     def fresh(self, stem: str) -> str:
         """A name that nothing in the graph has yet."""
@@ -41,28 +43,3 @@ class NodeWriter:
     def inner(self, op: str, inputs: Iterable[str], stem: str, **attributes: Any) -> str:
         """Adds a node that writes a new tensor; returns its name."""
         return self.node(op, inputs, self.fresh(f"{stem}_{op.lower()}"), **attributes)
-
-
-def _names(graph: onnx.GraphProto) -> Iterable[str]:
-    """All tensor names, nested bodies included: a new name must not be hidden by one of theirs."""
-    todo = [graph]
-    while todo:
-        current = todo.pop()
-        for field in (current.input, current.output, current.value_info):
-            yield from (entry.name for entry in field)
-        yield from (tensor.name for tensor in current.initializer)
-        yield from (sparse.values.name for sparse in current.sparse_initializer)
-        for node in current.node:
-            yield from node.input
-            yield from node.output
-            todo += bodies(node)
-
-
-def bodies(node: onnx.NodeProto) -> list[onnx.GraphProto]:
-    """The nested graphs of a node."""
-    found = []
-    for attribute in node.attribute:
-        if attribute.type == onnx.AttributeProto.GRAPH:
-            found.append(attribute.g)
-        found += attribute.graphs
-    return found

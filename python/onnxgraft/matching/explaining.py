@@ -9,9 +9,9 @@ import onnx
 from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences, nearest_miss
 from onnxgraft.catalogue import Transformation
 from onnxgraft.catalogue.notation import read_pair
+from onnxgraft.graph.surroundings import Surroundings
 from onnxgraft.matching import hints
 from onnxgraft.matching.subject import graph_of, subject_of
-from onnxgraft.matching.surroundings import Surroundings
 
 
 @dataclass(frozen=True)

@@ -8,8 +8,8 @@ import onnx
 
 from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences
 from onnxgraft.catalogue import Transformation
+from onnxgraft.graph.surroundings import node_text
 from onnxgraft.matching.subject import graph_of, subject_of
-from onnxgraft.matching.surroundings import node_text
 
 
 @dataclass(frozen=True)

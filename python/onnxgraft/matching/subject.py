@@ -10,7 +10,7 @@ from typing import Any
 import onnx
 
 from onnxgraft.abstract_transformation import AbstractTransformation
-from onnxgraft.catalogue import Pair, Transformation, find_row
+from onnxgraft.catalogue import Pair, Transformation, find_row, pairs_of
 
 
 @dataclass(frozen=True)
@@ -33,7 +33,7 @@ def subject_of(transformation: str | type[Any] | AbstractTransformation | Transf
     if isinstance(transformation, Transformation):
         return Subject(transformation.name, transformation.pairs)
     if isinstance(transformation, AbstractTransformation):
-        return Subject(_name(transformation), _pairs_of_instance(transformation))
+        return Subject(_name(transformation), pairs_of(copy.copy(transformation)))
     if inspect.isclass(transformation) and issubclass(transformation, AbstractTransformation):
         return Subject(_name(transformation()), Transformation("", transformation).pairs)
     raise TypeError(
@@ -54,17 +54,3 @@ def _name(instance: Any) -> str:
     """Its short name, else that of its class."""
     method = getattr(instance, "get_simple_name", None)
     return str(method()) if callable(method) else type(instance).__name__
-
-
-def _pairs_of_instance(instance: Any) -> tuple[Pair, ...]:
-    """The pairs of an object, which may depend on how it was made."""
-    taken: list[Pair] = []
-
-    def take_note(_graph: object, subgraph: Any, replacement: Any, *_more: object, **_named: object) -> int:
-        taken.append((tuple(subgraph), tuple(replacement)))
-        return 0
-
-    recorder = copy.copy(instance)
-    recorder._replace_all_isomorphic_sub_graphs = take_note
-    recorder.apply(onnx.GraphProto())
-    return tuple(taken)

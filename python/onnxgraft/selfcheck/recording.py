@@ -1,21 +1,22 @@
 """Runs a transformation on a graph and writes down what it did: passes, callbacks, result, error.
 
-The class is run through a subclass that only listens, and where it is told to, refuses or raises in its place.
+Functions in front of its methods listen, and where they are told to, refuse or raise in its place.
 """
 
 from __future__ import annotations
 
 import random
-import types
-from collections.abc import Iterator, Sequence
+from collections.abc import Callable, Iterator, Sequence
 from contextlib import contextmanager
 from dataclasses import dataclass, field
+from functools import partial
 from typing import Any
 
 import numpy as np
 from onnx import GraphProto, NodeProto
 
 from onnxgraft.abstract_transformation import AbstractTransformation
+from onnxgraft.catalogue import CALLBACK, REPLACE, intercepted
 from onnxgraft.catalogue.notation import read_pair
 
 # What one `apply` may need at most on graphs of some tens of nodes: callbacks and passes, and growth.
@@ -81,18 +82,10 @@ class Runner:
         self._raise_at: int | None = None
         self._events = self._asked = 0
         self._kept: frozenset[int] = frozenset()  # nodes that the current replacement names bare
-        # Functions, since bound methods would not be given the instance.
-        methods = {
-            "_replace_all_isomorphic_sub_graphs": lambda *given, **named: self.replace_all(*given, **named),  # noqa: PLW0108
-            "_on_replace_subgraph": lambda *given, **named: self.ask(*given, **named),  # noqa: PLW0108
-        }
-        listener = types.new_class(cls.__name__, (cls,), exec_body=lambda namespace: namespace.update(methods))
-        listener.__qualname__, listener.__module__ = cls.__qualname__, cls.__module__
-        self._listener: type[Any] = listener
 
     def new(self) -> Any:
         """An instance to give to `run`."""
-        return self._listener()
+        return self._cls()
 
     def run(self, instance: Any, graph: GraphProto, *, refuse: bool = False, raise_at: int | None = None) -> Run:
         """Applies `instance` to a copy of `graph`; the generators of NumPy and `random` start from the same seed."""
@@ -100,14 +93,18 @@ class Runner:
         copy.CopyFrom(graph)
         self._run, self._refuse, self._raise_at = Run(graph, copy), refuse, raise_at
         self._events = self._asked = 0
-        with _seeded():
+        in_front: dict[str, Callable[..., Any]] = {
+            REPLACE: partial(self._replace_all, instance),
+            CALLBACK: partial(self._ask, instance),
+        }
+        with _seeded(), intercepted(instance, in_front):
             try:
                 self._run.result = instance.apply(copy)
             except (Exception, EndlessError) as error:
                 self._run.error = error
         return self._run
 
-    def replace_all(
+    def _replace_all(
         self,
         instance: Any,
         graph: GraphProto,
@@ -128,7 +125,7 @@ class Runner:
         record.after = list(graph.node)
         return int(count)
 
-    def ask(self, instance: Any, graph: GraphProto, nodes: list[NodeProto], *rest: Any, **keywords: Any) -> bool:
+    def _ask(self, instance: Any, graph: GraphProto, nodes: list[NodeProto], *rest: Any, **keywords: Any) -> bool:
         """Lets the class decide, unless it was told otherwise."""
         self._count()
         current = self._run.passes[-1]

@@ -9,9 +9,9 @@ from collections.abc import Callable, Mapping, Sequence
 
 from onnx import NodeProto, TensorProto
 
+from onnxgraft.graph.surroundings import Surroundings
 from onnxgraft.matching.hints import constants, inputs, operators, uses
 from onnxgraft.matching.hints.miss import Miss
-from onnxgraft.matching.surroundings import Surroundings
 
 __all__ = ["Miss", "on_matches", "on_miss"]
 

@@ -4,8 +4,8 @@ from __future__ import annotations
 
 from onnx import NodeProto
 
+from onnxgraft.graph.surroundings import Surroundings
 from onnxgraft.matching.hints.miss import Miss
-from onnxgraft.matching.surroundings import Surroundings
 
 
 def constant_node(miss: Miss) -> str | None:

@@ -9,7 +9,7 @@ from typing import Any
 from onnx import FunctionProto, NodeProto
 
 from onnxgraft.catalogue.notation import PatternNode
-from onnxgraft.matching.surroundings import Surroundings, node_text
+from onnxgraft.graph.surroundings import Surroundings, node_text
 
 # Their result does not depend on the order of their inputs.
 COMMUTATIVE = frozenset({"Add", "Mul", "Sum", "Max", "Min", "Mean", "And", "Or", "Xor", "Equal"})

@@ -4,8 +4,9 @@ from __future__ import annotations
 
 from onnx import NodeProto, TensorProto, numpy_helper
 
+from onnxgraft.graph.bodies import all_bodies
+from onnxgraft.graph.surroundings import Surroundings
 from onnxgraft.matching.hints.miss import Miss
-from onnxgraft.matching.surroundings import Surroundings, bodies
 
 _QUANTIZING = {"Conv": "quant_conv", "Gemm": "quant_gemm", "MatMul": "quant_matmul"}
 _QUANTIZED_FORMS = ("QLinearConv", "QLinearMatMul", "ConvInteger", "MatMulInteger", "QuantizeLinear", "QGemm")
@@ -59,7 +60,7 @@ def inside_functions(miss: Miss) -> str | None:
 def inside_bodies(miss: Miss) -> str | None:
     """Nor are nested graphs."""
     for index, node in enumerate(miss.around.graph.node):
-        if any(inner.op_type == miss.wanted.op for body in bodies(node) for inner in body.node):
+        if any(inner.op_type == miss.wanted.op for body in all_bodies(node) for inner in body.node):
             return f"only a nested graph has one (in {miss.text(index)}), and these are not rewritten"
     return None
 

@@ -1,4 +1,4 @@
-"""The graph around an occurrence: which nodes write and read its tensors, and what is known of their shapes.
+"""What is known of the shapes of a graph's tensors.
 
 Made once per pattern, while its replacements stand in the graph; it holds the graph's objects, so it must not
 outlive the pass.
@@ -11,7 +11,6 @@ from collections.abc import Iterable
 import onnx
 
 from onnxgraft.report.node_texts import TensorKind, value_text
-from onnxgraft.report.records import NodeText
 
 
 class Shapes:
@@ -44,25 +43,3 @@ class Shapes:
             elif name in values:
                 found[name] = value_text(values[name])
         return found
-
-
-class Neighbours:
-    """Writers and readers of a graph's tensors."""
-
-    def __init__(self, graph: onnx.GraphProto) -> None:
-        self._nodes = list(graph.node)
-        self._writers: dict[str, int] = {}
-        self._readers: dict[str, list[int]] = {}
-        for index, node in enumerate(self._nodes):
-            self._writers.update(dict.fromkeys(node.output, index))
-            for name in set(node.input):
-                self._readers.setdefault(name, []).append(index)
-
-    def of(self, own: set[int], tensors: Iterable[str]) -> tuple[NodeText, ...]:
-        """The nodes that write or read these tensors, but for those at the indices `own`, in graph order."""
-        found: set[int] = set()
-        for name in tensors:
-            found.update(self._readers.get(name, ()))
-            if name in self._writers:
-                found.add(self._writers[name])
-        return tuple([NodeText.of(self._nodes[index], index) for index in sorted(found - own)])

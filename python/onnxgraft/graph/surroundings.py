@@ -2,9 +2,12 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterator
+from collections.abc import Iterable
+from functools import cached_property
 
-from onnx import AttributeProto, GraphProto, NodeProto, TensorProto
+from onnx import GraphProto, NodeProto, TensorProto
+
+from onnxgraft.graph.bodies import all_bodies
 
 
 class Surroundings:
@@ -12,22 +15,55 @@ class Surroundings:
 
     def __init__(self, graph: GraphProto) -> None:
         self.graph = graph
-        self.initializers: dict[str, TensorProto] = {tensor.name: tensor for tensor in graph.initializer}
-        self.inputs = {value.name for value in graph.input}
-        self.outputs = {value.name for value in graph.output}
-        self.writer: dict[str, NodeProto] = {}
+        self.nodes = list(graph.node)
+        self._writers: dict[str, int] = {}
         self._readers: dict[str, list[int]] = {}
-        self.operators: dict[str, list[NodeProto]] = {}
-        for index, node in enumerate(graph.node):
-            self.operators.setdefault(node.op_type, []).append(node)
+        for index, node in enumerate(self.nodes):
             for name in node.output:
-                self.writer.setdefault(name, node)
-            for name in dict.fromkeys(node.input):
+                self._writers.setdefault(name, index)
+            for name in set(node.input):
                 self._readers.setdefault(name, []).append(index)
+
+    @cached_property
+    def initializers(self) -> dict[str, TensorProto]:
+        """By name."""
+        return {tensor.name: tensor for tensor in self.graph.initializer}
+
+    @cached_property
+    def inputs(self) -> set[str]:
+        """Names of the graph's inputs."""
+        return {value.name for value in self.graph.input}
+
+    @cached_property
+    def outputs(self) -> set[str]:
+        """Names of the graph's outputs."""
+        return {value.name for value in self.graph.output}
+
+    @cached_property
+    def operators(self) -> dict[str, list[NodeProto]]:
+        """The nodes of each operator."""
+        found: dict[str, list[NodeProto]] = {}
+        for node in self.nodes:
+            found.setdefault(node.op_type, []).append(node)
+        return found
+
+    @cached_property
+    def writer(self) -> dict[str, NodeProto]:
+        """The node that writes a tensor; the first one, should there be two."""
+        return {name: self.nodes[index] for name, index in self._writers.items()}
 
     def readers(self, tensor: str) -> list[int]:
         """Indices of the nodes that read the tensor, each once; nested bodies do not count."""
         return self._readers.get(tensor, [])
+
+    def neighbours(self, tensors: Iterable[str], besides: set[int]) -> list[int]:
+        """Indices of the nodes that write or read one of the tensors, in graph order, without those in `besides`."""
+        found: set[int] = set()
+        for name in tensors:
+            found.update(self._readers.get(name, ()))
+            if name in self._writers:
+                found.add(self._writers[name])
+        return sorted(found - besides)
 
     def constant(self, tensor: str) -> TensorProto | None:
         """The value of an initializer or of a `Constant` node with a tensor."""
@@ -45,23 +81,12 @@ class Surroundings:
 
     def body_reader(self, tensor: str) -> int | None:
         """Index of the first node whose nested bodies mention the tensor as an input or an output."""
-        for index, node in enumerate(self.graph.node):
-            for body in bodies(node):
+        for index, node in enumerate(self.nodes):
+            for body in all_bodies(node):
                 names = {name for inner in body.node for name in inner.input} | {value.name for value in body.output}
                 if tensor in names:
                     return index
         return None
-
-
-def bodies(node: NodeProto) -> Iterator[GraphProto]:
-    """The graphs in the attributes of a node, and those of the nodes in them."""
-    todo = [node]
-    while todo:
-        for attribute in todo.pop().attribute:
-            found = [attribute.g] if attribute.type == AttributeProto.GRAPH else list(attribute.graphs)
-            for body in found:
-                yield body
-                todo.extend(body.node)
 
 
 def node_text(graph: GraphProto, index: int) -> str:
