@@ -37,6 +37,13 @@ SECTIONS: tuple[tuple[str, str, tuple[str, ...]], ...] = (
     ("Rewriting", "onnxgraft", ("rewrite", "prepare", "transformations", "register", "recipes")),
     ("Looking without rewriting", "onnxgraft", ("find", "explain", "check_transformation")),
     ("Comparing models", "onnxgraft", ("verify", "diff")),
+    ("Calibrating", "onnxgraft", ("calibrate", "Calibration", "Calibration.merge", "Calibration.to_json")),
+    (
+        "Calibrating, in detail",
+        "onnxgraft.calibration",
+        ("read_calibration", "merged", "model_fingerprint", "Range", "WeightNumbers"),
+    ),
+    ("Data", "onnxgraft.samples", ("open_data", "Images")),
     ("Reports", "onnxgraft.engine", ("Report", "Report.to_json", "Report.from_json", "Step", "PatternResult")),
     ("Reports, in detail", "onnxgraft.engine", ("Occurrence", "NodeText", "PreparationStep")),
     ("Recipes", "onnxgraft.recipe_book", ("Recipe", "find_recipe", "load_recipes")),
@@ -50,7 +57,11 @@ SECTIONS: tuple[tuple[str, str, tuple[str, ...]], ...] = (
         ("load", "ModelOutput", "ModelOutput.weights_for", "ModelOutput.save", "SavedModel"),
     ),
     ("Weights as they are made", "onnxgraft.engine", ("WeightStore", "WeightStore.store")),
-    ("Evaluating quantized models", "onnxgraft.evaluation", ("evaluate", "lower", "Convention")),
+    (
+        "Evaluating quantized models",
+        "onnxgraft.evaluation",
+        ("evaluate", "lower", "Convention", "ForwardRunner", "ForwardRunner.run"),
+    ),
     (
         "Base class of transformations",
         "onnxgraft.abstract_transformation",

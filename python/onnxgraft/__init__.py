@@ -18,10 +18,13 @@ import logging
 from typing import TYPE_CHECKING, Any
 
 if TYPE_CHECKING:
+    from onnxgraft.calibration import Calibration, calibrate
     from onnxgraft.catalogue import register, transformations
     from onnxgraft.comparison import diff
     from onnxgraft.engine import Report, TransformationError, rewrite
     from onnxgraft.errors import (
+        CalibrationError,
+        DataError,
         HostError,
         ModelFileError,
         RegistrationError,
@@ -36,6 +39,9 @@ if TYPE_CHECKING:
     from onnxgraft.verification import verify
 
 __all__ = [
+    "Calibration",
+    "CalibrationError",
+    "DataError",
     "HostError",
     "ModelFileError",
     "PreparationError",
@@ -48,6 +54,7 @@ __all__ = [
     "UnknownNameError",
     "UnknownRecipeError",
     "UnknownTransformationError",
+    "calibrate",
     "check_transformation",
     "diff",
     "explain",
@@ -62,10 +69,13 @@ __all__ = [
 
 # Where each name comes from.
 _HOMES = {
+    "calibration": ("Calibration", "calibrate"),
     "catalogue": ("register", "transformations"),
     "comparison": ("diff",),
     "engine": ("Report", "TransformationError", "rewrite"),
     "errors": (
+        "CalibrationError",
+        "DataError",
         "HostError",
         "ModelFileError",
         "RegistrationError",

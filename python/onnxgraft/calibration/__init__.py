@@ -3,7 +3,7 @@
 `calibrate` runs the model over samples and returns a `Calibration`, a value that `rewrite` fills models with.
 """
 
-from onnxgraft.calibration.calibration import Calibration, Range, WeightNumbers, merged
+from onnxgraft.calibration.calibration import Calibration, Range, WeightNumbers, merged, read_calibration
 from onnxgraft.calibration.collecting import calibrate
 from onnxgraft.calibration.fingerprinting import model_fingerprint
 from onnxgraft.errors import CalibrationError
@@ -16,4 +16,5 @@ __all__ = [
     "calibrate",
     "merged",
     "model_fingerprint",
+    "read_calibration",
 ]

@@ -1,4 +1,4 @@
-"""The result of a calibration: a value, written as JSON, which knows the model that it belongs to.
+"""The result of a calibration: a value that is written as JSON and knows the model that it belongs to.
 
 Ranges are those of tensors of the prepared float model, by name.
 """
@@ -8,9 +8,11 @@ from __future__ import annotations
 import base64
 import json
 import math
+import os
 import zlib
 from collections.abc import Iterable, Mapping
 from dataclasses import dataclass, field, replace
+from pathlib import Path
 from typing import Any
 
 import numpy as np
@@ -85,6 +87,7 @@ class Calibration:
         method: How the ranges were chosen: "min-max", "percentile 99.99", "mean-square error", "from QDQ".
         samples: The number of samples.
         fingerprint: Of the float model (`model_fingerprint`); the same before and after preparation.
+        data: What messages call the samples.
         weights: By initializer: numbers of weights that the calibrated model held quantized already.
         means: By tensor that a Conv, ConvTranspose, Gemm or MatMul reads or writes: the mean of each channel over all
             samples, along axis 1 next to a convolution and along the last axis else.
@@ -94,6 +97,7 @@ class Calibration:
     method: str
     samples: int
     fingerprint: str
+    data: str = ""
     weights: Mapping[str, WeightNumbers] = field(default_factory=dict)
     means: Mapping[str, tuple[float, ...]] = field(default_factory=dict)
 
@@ -126,7 +130,8 @@ class Calibration:
             else:
                 means[name] = values
         weights = {**self.weights, **other.weights}
-        return replace(self, ranges=ranges, samples=total, weights=weights, means=means)
+        data = ", ".join(dict.fromkeys(name for name in (self.data, other.data) if name))
+        return replace(self, ranges=ranges, samples=total, data=data, weights=weights, means=means)
 
     def to_json(self) -> str:
         """One JSON object; `from_json` reads it back without loss."""
@@ -136,6 +141,7 @@ class Calibration:
             "method": self.method,
             "samples": self.samples,
             "fingerprint": self.fingerprint,
+            "data": self.data,
             "ranges": {name: [found.low, found.high] for name, found in self.ranges.items()},
         }
         if self.means:
@@ -166,6 +172,7 @@ class Calibration:
             method=_typed(content, "method", str),
             samples=_typed(content, "samples", int),
             fingerprint=_typed(content, "fingerprint", str),
+            data=_typed(content, "data", str),
             weights={name: _weight(name, numbers) for name, numbers in _entries(content, "weights", {})},
             means={name: _numbers(name, values) for name, values in _entries(content, "means", {})},
         )
@@ -183,6 +190,22 @@ def merged(calibrations: Iterable[Calibration]) -> Calibration:
     if result is None:
         raise CalibrationError("there is no calibration to merge")
     return result
+
+
+def read_calibration(path: str | os.PathLike[str]) -> Calibration:
+    """Reads a file that `to_json` was written to.
+
+    Raises:
+        CalibrationError: It cannot be read or is something else.
+    """
+    try:
+        return Calibration.from_json(Path(path).read_text(encoding="utf-8"))
+    except OSError as error:
+        raise CalibrationError(f"cannot read '{path}': {error.strerror}") from None
+    except UnicodeDecodeError:
+        raise CalibrationError(f"'{path}' is not a calibration: it is no text") from None
+    except CalibrationError as error:
+        raise CalibrationError(f"'{path}' is {error}") from None
 
 
 def _typed(content: Mapping[str, Any], key: str, kind: type) -> Any:

@@ -116,7 +116,7 @@ def calibrate(
     for alias, source in watched.aliases.items():
         if source in ranges:
             ranges[alias] = ranges[source]
-    return Calibration(ranges, name, done, fingerprint, means=collector.means())
+    return Calibration(ranges, name, done, fingerprint, samples.label, means=collector.means())
 
 
 def _blocks(sizes: Mapping[str, int], memory: int) -> list[list[str]]:

@@ -8,7 +8,15 @@ from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 
 from rich.console import Console
-from rich.progress import BarColumn, MofNCompleteColumn, Progress, SpinnerColumn, TextColumn, TimeElapsedColumn
+from rich.progress import (
+    BarColumn,
+    MofNCompleteColumn,
+    Progress,
+    SpinnerColumn,
+    TextColumn,
+    TimeElapsedColumn,
+    TimeRemainingColumn,
+)
 
 # Tables in a pipe or a file are as wide as they need, not cut to a terminal that is not there.
 _FILE_WIDTH = 200
@@ -62,3 +70,21 @@ def progress(total: int | None) -> Iterator[Callable[[str], object]]:
     with Progress(*columns, console=console, transient=True) as bar:
         task, done = bar.add_task("", total=total), itertools.count()
         yield lambda stage: bar.update(task, description=stage, completed=next(done), refresh=True)
+
+
+@contextmanager
+def countdown(description: str) -> Iterator[Callable[[int, int | None], object]]:
+    """Shows on standard error how many of equal pieces are done and the time left, if that is a terminal.
+
+    Yields:
+        A function to call with the number of pieces done, and of all, if it is known.
+    """
+    console = Console(stderr=True, markup=False, highlight=False, emoji=False)
+    if _quiet or not console.is_terminal:
+        yield lambda done, total: None
+        return
+    columns = (TextColumn("{task.description}", markup=False), BarColumn(), MofNCompleteColumn())
+    times = (TextColumn("left", markup=False), TimeRemainingColumn(), TextColumn("gone", markup=False))
+    with Progress(*columns, *times, TimeElapsedColumn(), console=console, transient=True) as bar:
+        task = bar.add_task(description, total=None)
+        yield lambda done, total: bar.update(task, completed=done, total=total)

@@ -7,7 +7,7 @@ from collections.abc import Sequence
 from importlib.metadata import version
 from pathlib import Path
 
-from onnxgraft.cli import options
+from onnxgraft.cli import data_options, options
 from onnxgraft.cli.options import Parser, positive_number, whole_number
 
 _DATA_FILE = "A model whose weights are in a data file gets a new one beside OUT.onnx."
@@ -93,6 +93,19 @@ def make_parser() -> argparse.ArgumentParser:
         )
     )
 
+    _add_calibrate_options(
+        command(
+            "calibrate",
+            "collect the ranges that the tensors of a float model take on data",
+            options.one_model(),
+            options.seed("seed of random data (default: 0)"),
+            data_options.sizes(),
+            data_options.image_options(),
+            epilog="DATA: an .npz or .npy file, a folder of them by input name, a folder of images, or random:N, which"
+            " says little about a trained model.",
+        )
+    )
+
     verify = command(
         "verify",
         "compare two models by numbers: same inputs, same outputs",
@@ -132,6 +145,48 @@ def make_parser() -> argparse.ArgumentParser:
     )
     diff.add_argument("--force", action="store_true", help="overwrite existing files")
     return parser
+
+
+def _add_calibrate_options(calibrate: argparse.ArgumentParser) -> None:
+    calibrate.add_argument(
+        "--data", type=data_options.data_or_random, required=True, metavar="DATA", help="the samples to compute"
+    )
+    calibrate.add_argument("-o", "--output", type=Path, required=True, metavar="RANGES.json", help="the file to write")
+    calibrate.add_argument("--force", action="store_true", help="overwrite existing files")
+    calibrate.add_argument(
+        "--method",
+        choices=("min-max", "percentile", "mse"),
+        default="min-max",
+        help="how a range is chosen: the extremes (default), without the outermost values, or by the least mean square"
+        " error of 8 bits",
+    )
+    calibrate.add_argument(
+        "--percentile",
+        type=positive_number,
+        default=99.99,
+        metavar="P",
+        help="how many percent of the values `percentile` keeps (default: 99.99)",
+    )
+    calibrate.add_argument(
+        "--merge",
+        action="append",
+        type=Path,
+        default=[],
+        metavar="OTHER.json",
+        help="join these ranges of the same model to the new ones; may be given several times",
+    )
+    calibrate.add_argument(
+        "--evaluator",
+        choices=("auto", "onnxruntime", "reference"),
+        default="auto",
+        help="what computes the model (default: onnxruntime where it is installed)",
+    )
+    calibrate.add_argument(
+        "--no-prepare",
+        dest="prepare",
+        action="store_false",
+        help="take the model as it is, without the steps of `onnxgraft prepare`",
+    )
 
 
 def _add_apply_options(apply: argparse.ArgumentParser) -> None:

@@ -49,7 +49,7 @@ def verify(
         runs: How many different inputs are tried.
         tolerance: None for 1e-4, or what narrower floating-point types can hold.
         inputs: Samples to compute on instead of random ones, one run each: an array for each input of `before` by
-            name, in its element type and shape. `onnxgraft.calibration.open_data` reads them from files. `seed`,
+            name, in its element type and shape. `onnxgraft.samples.open_data` reads them from files. `seed`,
             `sizes` and `runs` have to be left as they are then.
         folder_before: Where the external data of `before` is; None for the current folder.
         folder_after: Where the external data of `after` is; None for the current folder.
