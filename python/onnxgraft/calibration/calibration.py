@@ -86,7 +86,8 @@ class Calibration:
         ranges: By tensor of the prepared float model. Its graph inputs belong to them, initializers do not.
         method: How the ranges were chosen: "min-max", "percentile 99.99", "mean-square error", "from QDQ".
         samples: The number of samples.
-        fingerprint: Of the float model (`model_fingerprint`); the same before and after preparation.
+        fingerprint: Of the float model as it was given (`model_fingerprint`).
+        prepared: Of the prepared model.
         data: What messages call the samples.
         weights: By initializer: numbers of weights that the calibrated model held quantized already.
         means: By tensor that a Conv, ConvTranspose, Gemm or MatMul reads or writes: the mean of each channel over all
@@ -97,13 +98,14 @@ class Calibration:
     method: str
     samples: int
     fingerprint: str
+    prepared: str = ""
     data: str = ""
     weights: Mapping[str, WeightNumbers] = field(default_factory=dict)
     means: Mapping[str, tuple[float, ...]] = field(default_factory=dict)
 
     def check_model(self, fingerprint: str, label: str = "the model") -> None:
-        """Raises CalibrationError if the ranges are those of another model."""
-        if fingerprint != self.fingerprint:
+        """Raises CalibrationError unless the fingerprint is that of the model, as it was or prepared."""
+        if fingerprint not in {self.fingerprint, self.prepared}:
             raise CalibrationError(
                 f"the ranges are of another model: {label} has the fingerprint {fingerprint}, "
                 f"they were collected on {self.fingerprint}"
@@ -115,7 +117,8 @@ class Calibration:
         Raises:
             CalibrationError: They are of different models or were made in different ways.
         """
-        other.check_model(self.fingerprint, "the first of them")
+        if not self.prepared or self.prepared != other.prepared:
+            other.check_model(self.fingerprint, "the first of them")
         if other.method != self.method:
             raise CalibrationError(f"ranges by '{self.method}' and by '{other.method}' cannot be merged")
         ranges = dict(self.ranges)
@@ -141,6 +144,7 @@ class Calibration:
             "method": self.method,
             "samples": self.samples,
             "fingerprint": self.fingerprint,
+            "prepared": self.prepared,
             "data": self.data,
             "ranges": {name: [found.low, found.high] for name, found in self.ranges.items()},
         }
@@ -172,6 +176,7 @@ class Calibration:
             method=_typed(content, "method", str),
             samples=_typed(content, "samples", int),
             fingerprint=_typed(content, "fingerprint", str),
+            prepared=_typed(content, "prepared", str),
             data=_typed(content, "data", str),
             weights={name: _weight(name, numbers) for name, numbers in _entries(content, "weights", {})},
             means={name: _numbers(name, values) for name, values in _entries(content, "means", {})},

@@ -91,6 +91,7 @@ def calibrate(
     fingerprint = model_fingerprint(own, folder)
     if prepare is not False:
         preparation.prepare(own, None if prepare is True else prepare, folder=folder)
+    prepared = fingerprint if prepare is False else model_fingerprint(own, folder)
     feeds = iter(samples)
     first = next(feeds, None)
     if first is None:
@@ -116,7 +117,7 @@ def calibrate(
     for alias, source in watched.aliases.items():
         if source in ranges:
             ranges[alias] = ranges[source]
-    return Calibration(ranges, name, done, fingerprint, samples.label, means=collector.means())
+    return Calibration(ranges, name, done, fingerprint, prepared, samples.label, means=collector.means())
 
 
 def _blocks(sizes: Mapping[str, int], memory: int) -> list[list[str]]:

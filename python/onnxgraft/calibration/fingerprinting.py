@@ -1,7 +1,8 @@
-"""A text that tells float models apart, the same in each process, before and after preparation.
+"""A text that tells float models apart, the same in each process.
 
 It is made of the trained numbers, in whatever order and under whatever name they are stored, and of the names of the
-graph's inputs and outputs, both of which preparation leaves alone.
+graph's inputs and outputs. So it stays where a tensor is only renamed, transposed or stored in another way; steps of
+preparation that compute new weights change it.
 """
 
 from __future__ import annotations
@@ -29,7 +30,7 @@ def model_fingerprint(model: onnx.ModelProto, folder: str | os.PathLike[str] | N
     """The fingerprint of a float model: 32 hexadecimal digits.
 
     Args:
-        model: The model, prepared or not.
+        model: The model.
         folder: The folder that the locations of external tensors start from; None is the current one.
 
     Raises:

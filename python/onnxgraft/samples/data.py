@@ -13,7 +13,7 @@ from dataclasses import dataclass
 from os import PathLike
 from pathlib import Path
 from typing import Any, Protocol, cast
-from zipfile import BadZipFile
+from zipfile import BadZipFile, is_zipfile
 
 import numpy as np
 import numpy.typing as npt
@@ -204,7 +204,12 @@ class _StoredFolders:
 
 def _load(file: Path) -> Any:
     try:
-        return np.load(file, mmap_mode="r" if file.suffix == ".npy" else None, allow_pickle=False)
+        # np.load goes by the content, and leaves a broken file open.
+        if file.suffix.lower() == ".npy":
+            return np.lib.format.open_memmap(file, mode="r")
+        if not is_zipfile(file):
+            raise ValueError("it is broken or cut off")
+        return np.load(file, allow_pickle=False)
     except (OSError, ValueError, EOFError, BadZipFile) as error:
         reason = " ".join(str(error).split())
         raise DataError(f"cannot read '{file}' as {file.suffix} data: {reason}") from None

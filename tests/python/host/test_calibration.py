@@ -57,13 +57,13 @@ def test_ranges_and_means_are_those_of_the_tensors(memory: int) -> None:
 
 @pytest.mark.parametrize("draw", [RNG.normal, RNG.laplace, lambda size: RNG.normal(size=size).clip(0)])
 def test_methods_on_streams_that_grow(draw: Any) -> None:
-    parts = [draw(size=40_000 * (1 + part)).astype("f") * 4.0**part for part in range(4)]
+    parts = [draw(size=10_000 * (1 + part)).astype("f") * 4.0**part for part in range(4)]
     values = np.concatenate(parts).astype(np.float64)
     seen = Statistics(counts_values=True)
     for part in parts:
         seen.add(part.astype(np.float32))
     assert (seen.low, seen.high) == (values.min(), values.max())
-    for percent in (90, 99.9):
+    for percent in (90, 99.5):
         found = chooser("percentile", percent)[1](seen)
         ends = np.percentile(values, [(100 - percent) / 2, (100 + percent) / 2])
         assert (found.low, found.high) == pytest.approx(ends, rel=0.01, abs=1e-6)
@@ -91,11 +91,11 @@ def test_tensors_that_cannot_have_a_range_are_named(caplog: pytest.LogCaptureFix
     assert "tensor 'l' took values that are not finite" in caplog.text
 
 
-def test_fingerprint_tells_models_apart_but_not_prepared_ones(example_models: list[Path]) -> None:
+def test_fingerprint_tells_models_apart_but_not_forms_of_one(example_models: list[Path]) -> None:
     for path in example_models:
         model = onnx.load(path)
         before = model_fingerprint(model)
-        prepare(model)
+        prepare(model, ["make_initializers", "fold_transposes", "infer_shapes"])
         assert model_fingerprint(model) == before
         largest = max(model.graph.initializer, key=lambda tensor: len(tensor.raw_data))
         values = numpy_helper.to_array(largest).copy()
@@ -115,7 +115,7 @@ def test_files_come_back_and_merge() -> None:
     kept = replace(joined, weights={'a "strange"], "name': numbers})
     assert Calibration.from_json(kept.to_json()) == kept
     with pytest.raises(CalibrationError, match="of another model"):
-        first.merge(replace(second, fingerprint="0"))
+        first.merge(replace(second, fingerprint="0", prepared="1"))
     with pytest.raises(CalibrationError, match="by 'min-max' and by 'other'"):
         first.merge(replace(second, method="other"))
 
