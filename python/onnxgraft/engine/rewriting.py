@@ -7,7 +7,7 @@ import os
 from collections.abc import Callable, Iterable, Sequence
 from contextlib import AbstractContextManager, nullcontext
 from importlib.metadata import PackageNotFoundError, version
-from typing import Any, Literal
+from typing import TYPE_CHECKING, Any, Literal
 
 import onnx
 
@@ -23,6 +23,11 @@ from onnxgraft.following import Follower, Host
 from onnxgraft.io.weight_store import WeightStore
 from onnxgraft.report.records import Report
 from onnxgraft.transform_utilities import external_data_folder
+
+if TYPE_CHECKING:
+    from onnxgraft.calibration import Calibration
+    from onnxgraft.filling import Filling
+    from onnxgraft.filling.filler import Filler
 
 OnError = Literal["stop", "continue"]
 
@@ -45,6 +50,7 @@ def rewrite(
     weight_store: WeightStore | None = None,
     finish: bool = True,
     followers: Sequence[Follower] = (),
+    calibration: Calibration | Filling | None = None,
 ) -> Report:
     """Runs transformations over a model, in order and in place.
 
@@ -72,6 +78,8 @@ def rewrite(
             are split along their input channels after `delete_concat`, biases brought to their length after
             `fuse_bn_quant`. The report counts such places as "finished".
         followers: What goes on where each transformation has ended, in order, before it is finished.
+        calibration: Ranges of the model's tensors, or a `Filling` that says more. Then no number is drawn: weights,
+            biases, scales and offsets are those of the model. Needs a ModelProto.
 
     Returns:
         What was done.
@@ -82,6 +90,7 @@ def rewrite(
         UnknownTransformationError: There is no transformation of a given name.
         TypeError: `model` or an element of `transformations` is of another type.
         ValueError: Another argument is out of its range.
+        FillingError: The model cannot be filled with the calibration; nothing but the preparation was done.
     """
     graph = _graph(model)
     _check(on_error, ("stop", "continue"), "on_error")
@@ -98,16 +107,35 @@ def rewrite(
             _prepare(model, steps, folder, report, progress, weight_store)
         functions = host.model.functions if host.model is not None else ()
         foreign = ForeignOperators(graph, functions)
-        stepper = Stepper(host, details, [*followers, *finishing.followers(host, finish=finish)])
+        filler = None if calibration is None else _filler(model, calibration, chosen, weight_store)
+        stepper = Stepper(host, details, [*followers, *finishing.followers(host, finish=finish)], filler)
         stability = None
         if until_stable or (recipe is not None and recipe.until_stable):
             stability = Stability(fingerprint(graph))
         while not _is_done(report, stability, max_rounds):
             _run_round(stepper, chosen, report, stability, progress, stops=on_error == "stop")
         report.warnings += foreign.warnings(report.steps)
+    if filler is not None:
+        report.filled = filler.result
+        report.warnings += filler.result.warnings
     for warning in report.warnings:
         _log.warning("%s", warning)
     return report
+
+
+def _filler(
+    model: onnx.ModelProto | onnx.GraphProto,
+    calibration: Calibration | Filling,
+    chosen: Sequence[Candidate],
+    weight_store: WeightStore | None,
+) -> Filler:
+    from onnxgraft.filling import Filling  # only where it is asked for  # noqa: PLC0415
+    from onnxgraft.filling.beginning import begin  # noqa: PLC0415
+
+    if not isinstance(model, onnx.ModelProto):
+        raise TypeError("a calibration belongs to a model: a ModelProto is wanted, not its graph")
+    filling = calibration if isinstance(calibration, Filling) else Filling(calibration)
+    return begin(model, filling, [candidate.row for candidate in chosen], weight_store)
 
 
 def _graph(model: Any) -> onnx.GraphProto:

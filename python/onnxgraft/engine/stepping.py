@@ -7,9 +7,10 @@ from __future__ import annotations
 
 import logging
 from collections.abc import Sequence
+from contextlib import AbstractContextManager, nullcontext
 from dataclasses import dataclass, field
 from time import perf_counter
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 import onnx
 
@@ -22,6 +23,9 @@ from onnxgraft.engine.snapshot import Snapshot
 from onnxgraft.following import DoneStep, Follower, Host, UndoStepError
 from onnxgraft.report.records import PatternResult, Step
 
+if TYPE_CHECKING:
+    from onnxgraft.filling.filler import Filler
+
 _log = logging.getLogger(__name__)
 
 
@@ -33,11 +37,13 @@ class Stepper:
         host: The graph and what belongs to it.
         details: How much is recorded.
         followers: What goes on where a transformation has ended, in order.
+        filler: What puts real numbers where a transformation draws them, if anything does.
     """
 
     host: Host
     details: Details
     followers: Sequence[Follower] = ()
+    filler: Filler | None = None
     _snapshot: Snapshot | None = field(default=None, init=False)
 
     def run(self, candidate: Candidate, round_number: int) -> tuple[Step, TransformationError | None]:
@@ -48,7 +54,12 @@ class Stepper:
         graph = self.host.graph
         count = len(graph.node)
         step = Step(
-            candidate.name, candidate.row.cls.__name__, round_number, count, count, random=candidate.row.randomizes
+            candidate.name,
+            candidate.row.cls.__name__,
+            round_number,
+            count,
+            count,
+            random=candidate.row.randomizes and self.filler is None,
         )
         snapshot = self._snapshot or Snapshot(graph)
         # Reasons for finding nothing are as before in a later round, and asking for them takes as long as a search.
@@ -86,7 +97,7 @@ class Stepper:
 
     def _apply(self, step: Step, candidate: Candidate, recorder: Recorder, snapshot: Snapshot) -> None:
         transformation = candidate.make()
-        with recorder.watch(transformation):
+        with self._filling(transformation), recorder.watch(transformation):
             returned = transformation.apply(self.host.graph)
         _add_unrecorded(step, returned)
         if step.replaced or not candidate.row.is_own:
@@ -97,6 +108,9 @@ class Stepper:
         for follower in self.followers:
             follower.follow(done)
         step.finished, step.remarks = done.finished, done.remarks
+
+    def _filling(self, transformation: Any) -> AbstractContextManager[None]:
+        return nullcontext() if self.filler is None else self.filler.watch(transformation, self.host.graph)
 
 
 def _add_unrecorded(step: Step, returned: Any) -> None:

@@ -12,6 +12,7 @@ from typing import TYPE_CHECKING, Any
 import onnx
 
 from onnxgraft.report import report_json
+from onnxgraft.report.filled_records import FillingResult
 from onnxgraft.report.lazy import Lazy
 from onnxgraft.report.node_texts import Kept, TensorKind, describe, keep, shape_text
 
@@ -168,6 +169,7 @@ class Report:
     stable: bool | None = None  # None: only one round was asked for
     warnings: list[str] = field(default_factory=list)
     version: str = ""  # of onnx-graft
+    filled: FillingResult | None = None  # with which numbers; None: those that the transformations draw
 
     @property
     def replaced(self) -> int:

@@ -1,0 +1,83 @@
+"""What a quantized operator was as a float operator, which its numbers are made from."""
+
+from __future__ import annotations
+
+from collections.abc import Sequence
+from dataclasses import dataclass, replace
+from typing import Any
+
+import numpy as np
+import numpy.typing as npt
+import onnx
+
+from onnxgraft.filling.activations import Activation
+from onnxgraft.filling.errors import FillingError
+from onnxgraft.filling.float_operators import float_operator
+from onnxgraft.filling.operator_numbers import FloatOperator, OperatorNumbers, numbers_of
+from onnxgraft.filling.operators import Quantizable
+from onnxgraft.filling.plan import Plan
+from onnxgraft.transform_utilities import get_init
+
+Array = npt.NDArray[Any]
+
+
+@dataclass(frozen=True)
+class Origin:
+    """What a quantized operator was.
+
+    Attributes:
+        label: Its type and name.
+        output: The tensor that it wrote.
+        operator: Its float weight and bias.
+        activation: The parameters of the tensor that it reads.
+        correction: What is taken off its bias, per output channel; None for nothing.
+    """
+
+    label: str
+    output: str
+    operator: FloatOperator
+    activation: Activation
+    correction: Array | None = None
+
+    def numbers(self) -> OperatorNumbers:
+        """Its numbers, with the correction in the bias.
+
+        Raises:
+            FillingError: It has none; the message names it.
+        """
+        operator = self.operator
+        if self.correction is not None:
+            bias = np.zeros(1) if operator.bias is None else operator.bias
+            operator = replace(operator, bias=bias - self.correction)
+        try:
+            return numbers_of(operator, self.activation)
+        except ValueError as error:
+            raise FillingError(f"{self.label} cannot be filled: {error}") from error
+
+
+def origin_of(plan: Plan, graph: onnx.GraphProto, operator: Quantizable) -> Origin:
+    """What an operator is that is still float.
+
+    Raises:
+        FillingError: The tensor that it reads has no usable range; the message names the operator.
+    """
+    names = [operator.weight] if operator.bias is None else [operator.weight, operator.bias]
+    arrays = get_init(graph, names)[0]
+    given = plan.calibration.weights.get(operator.weight)
+    rank = _output_rank(operator, arrays, plan)
+    described = float_operator(
+        operator.node, arrays[0], arrays[1] if operator.bias is not None else None, rank,
+        None if given is None else (given.values, given.scales, given.axis),
+    )  # fmt: skip
+    symmetric = plan.symmetric or not described.can_be_asymmetric or operator.output in plan.uncentred
+    try:
+        activation = plan.activation(graph, operator.node.input[0], symmetric=symmetric)
+    except FillingError as error:
+        raise FillingError(f"{operator.label} cannot be filled: {error}") from error
+    return Origin(operator.label, operator.output, described, activation, plan.corrections.get(operator.output))
+
+
+def _output_rank(operator: Quantizable, arrays: Sequence[Array], plan: Plan) -> int | None:
+    """The rank of what comes out of a product with a matrix, and of adding its bias; None if it is not known."""
+    rank = plan.ranks.get(operator.node.input[0])
+    return None if rank is None else max(rank, *(array.ndim for array in arrays))

@@ -1,0 +1,287 @@
+"""Real numbers in quantized models: evaluated against the float model, place by place and over whole recipes."""
+
+from collections.abc import Callable
+from pathlib import Path
+from typing import Any
+
+import numpy as np
+import onnx
+import pytest
+from onnx import TensorProto, helper, numpy_helper
+
+from onnxgraft import rewrite
+from onnxgraft.calibration import Calibration, Range, calibrate
+from onnxgraft.evaluation import Convention, evaluate
+from onnxgraft.filling import Filling
+from onnxgraft.quant import QuantConvTransformation, _QuantTransformation
+
+EXACT = Convention(rounding=True, centred=True)
+QUANTIZING = ["quant_conv", "quant_gemm", "quant_matmul"]
+Feeds = dict[str, np.ndarray[Any, np.dtype[np.float32]]]
+
+
+def make_model(text: str, shape: tuple[int, ...], weights: dict[str, Any], seed: int = 0) -> onnx.ModelProto:
+    """A model from node texts in the notation of onnx's parser; weights are shapes, or arrays."""
+    rng = np.random.default_rng(seed)
+    graph = onnx.parser.parse_graph(f"g (float{list(shape)} x) => (float y) {{ {text} }}")
+    graph.output[0].type.tensor_type.ClearField("shape")
+    for name, value in weights.items():
+        values = rng.normal(size=value) if isinstance(value, tuple) else np.asarray(value)
+        graph.initializer.append(numpy_helper.from_array(values.astype(np.float32), name))
+    return helper.make_model(graph, opset_imports=[helper.make_opsetid("", 17)], ir_version=8)
+
+
+def samples(model: onnx.ModelProto, count: int = 4, low: float = -1.0, high: float = 3.0) -> list[Feeds]:
+    """Inputs that are not symmetric about 0, so that a wrong offset shows."""
+    rng = np.random.default_rng(7)
+    dims = [size.dim_value for size in model.graph.input[0].type.tensor_type.shape.dim]
+    return [{model.graph.input[0].name: rng.uniform(low, high, dims).astype(np.float32)} for _ in range(count)]
+
+
+def copy(model: onnx.ModelProto) -> onnx.ModelProto:
+    return onnx.ModelProto.FromString(model.SerializeToString())
+
+
+def filled(model: onnx.ModelProto, steps: Any = QUANTIZING, **settings: Any) -> onnx.ModelProto:
+    result = copy(model)
+    calibration = settings.pop("calibration", None) or calibrate(model, samples(model), evaluator="reference")
+    rewrite(result, steps, calibration=Filling(calibration, **settings))
+    return result
+
+
+def decibels(before: onnx.ModelProto, after: onnx.ModelProto) -> float:
+    """Signal to noise of `after` on the calibrated samples."""
+    signal = noise = 0.0
+    for feeds in samples(before):
+        first, second = (evaluate(model, feeds, EXACT)["y"] for model in (before, after))
+        signal, noise = signal + float((first**2).sum()), noise + float(((first - second) ** 2).sum())
+    return 10 * np.log10(signal / noise) if noise else np.inf
+
+
+def outputs(model: onnx.ModelProto) -> list[Any]:
+    return [evaluate(model, feeds, EXACT)["y"] for feeds in samples(model)]
+
+
+IMAGE, ROWS = (1, 4, 9, 9), (5, 16)
+OPERATORS: dict[str, tuple[str, tuple[int, ...], dict[str, Any]]] = {
+    "conv": ("y = Conv<pads=[1,1,1,1]>(x, w, b)", IMAGE, {"w": (6, 4, 3, 3), "b": (6,)}),
+    "conv without bias": ("y = Conv<pads=[2,0,1,1], strides=[2,2]>(x, w)", IMAGE, {"w": (6, 4, 3, 3)}),
+    "conv with auto_pad": ('y = Conv<auto_pad="SAME_UPPER", strides=[2,2]>(x, w, b)', IMAGE,
+                           {"w": (6, 4, 3, 3), "b": (6,)}),
+    "grouped conv": ("y = Conv<group=2, dilations=[2,2]>(x, w, b)", IMAGE, {"w": (6, 2, 3, 3), "b": (6,)}),
+    "conv over one axis": ("y = Conv(x, w)", (2, 3, 20), {"w": (1, 3, 5)}),
+    "two conv of one weight": ("a = Conv(x, w, b) c = Relu(x) d = Conv(c, w, b) y = Add(a, d)", IMAGE,
+                               {"w": (4, 4, 1, 1), "b": (4,)}),
+    "gemm": ("y = Gemm<alpha=0.5, beta=-2.0, transB=1>(x, w, b)", ROWS, {"w": (8, 16), "b": (8,)}),
+    "gemm without bias": ("y = Gemm<alpha=-3.0>(x, w)", ROWS, {"w": (16, 8)}),
+    "gemm, bias along rows": ("y = Gemm(x, w, b)", ROWS, {"w": (16, 8), "b": (5, 1)}),
+    "gemm, one bias": ("y = Gemm(x, w, b)", ROWS, {"w": (16, 8), "b": ()}),
+    "gemm, full bias": ("y = Gemm<transA=1>(x, w, b)", (16, 5), {"w": (16, 8), "b": (5, 8)}),
+    "product": ("m = MatMul(x, w) y = Add(m, b)", ROWS, {"w": (16, 8), "b": (8,)}),
+    "product, bias first": ("m = MatMul(x, w) y = Add(b, m)", ROWS, {"w": (16, 8), "b": (1, 8)}),
+    "product without bias": ("y = MatMul(x, w)", ROWS, {"w": (16, 8)}),
+    "product that gains an axis": ("m = MatMul(x, w) y = Add(m, b)", ROWS, {"w": (16, 8), "b": (3, 1, 8)}),
+    "product of rank 3": ("m = MatMul(x, w) y = Add(m, b)", (2, 5, 16), {"w": (16, 8), "b": (8,)}),
+    "product of rank 3, other bias": ("m = MatMul(x, w) y = Add(m, b)", (2, 5, 16), {"w": (16, 8), "b": (5, 1)}),
+    "product of batches": ("m = MatMul(x, w) y = Add(m, b)", (2, 5, 16), {"w": (2, 16, 8), "b": (8,)}),
+    "product with a vector": ("y = MatMul(x, w)", ROWS, {"w": (16,)}),
+}  # fmt: skip
+
+
+@pytest.mark.parametrize("symmetric", [False, True])
+@pytest.mark.parametrize("name", OPERATORS)
+def test_operators_keep_their_function(name: str, symmetric: bool) -> None:
+    """8 bits are worth 35 dB and more; a wrong offset, padding, factor or axis leaves less than 20."""
+    text, shape, weights = OPERATORS[name]
+    model = make_model(text, shape, weights)
+    result = filled(model, symmetric=symmetric)
+    quantize = [node for node in result.graph.node if node.op_type == "TesselQuant"]
+    assert len(quantize) == (2 if "two" in name else 1)
+    offsets = [attribute.f for node in quantize for attribute in node.attribute if attribute.name == "offset"]
+    cannot = symmetric or ("without bias" in name and "conv" not in name)
+    cannot |= name in {"gemm, bias along rows", "gemm, one bias", "product of rank 3, other bias"}
+    cannot |= name in {"product of batches", "product with a vector"}
+    assert any(offset != 0 for offset in offsets) != cannot
+    assert decibels(model, result) > 35
+
+
+def test_one_word_for_each_channel_is_worth_decibels() -> None:
+    """A product of rank 2 has one scale per output channel, although its class writes one for all."""
+    weight = np.random.default_rng(1).normal(size=(16, 8)) * np.logspace(-2, 0, 8)
+    for text in ("y = Gemm(x, w, b)", "m = MatMul(x, w) y = Add(m, b)"):
+        result = filled(make_model(text, ROWS, {"w": weight, "b": np.zeros(8)}))
+        words = {tensor.name: list(tensor.dims) for tensor in result.graph.initializer if tensor.data_type == 13}
+        assert list(words.values()) == [[8]]
+
+
+def test_a_bias_that_does_not_fit_widens_its_channel_and_dead_channels_stay_exact() -> None:
+    """Weights of 1e-9, of 0 with a bias, and of 0 without."""
+    weight = np.random.default_rng(2).normal(size=(4, 4, 1, 1)) * np.array([1, 1e-9, 0, 0]).reshape(4, 1, 1, 1)
+    model = make_model("y = Conv(x, w, b)", IMAGE, {"w": weight, "b": [1.0, 50.0, -3.0, 0.0]})
+    result = copy(model)
+    report = rewrite(result, "quant_conv", calibration=calibrate(model, samples(model), evaluator="reference"))
+    assert report.filled is not None
+    assert report.filled.operators[0].widened == 1
+    assert "coarser scales" in str(list(report.filled.lines()))
+    for first, second in zip(outputs(model), outputs(result), strict=True):
+        np.testing.assert_allclose(second[:, 1:], first[:, 1:], atol=1e-6 * 50)
+
+
+@pytest.mark.parametrize(("low", "high"), [(0.0, 0.0), (0.0, 1e-40), (2.0, 2.0), (-5.0, -1.0), (0.0, 1e5)])
+def test_ranges_at_the_edge(low: float, high: float) -> None:
+    """Always zero, next to nothing, one value, one sign, huge: 0 stays 0, and nothing overflows."""
+    model = make_model("y = Conv<pads=[1,1,1,1]>(x, w, b)", IMAGE, {"w": (2, 4, 3, 3), "b": (2,)})
+    calibration = Calibration({"x": Range(low, high)}, "min-max", 1, "")
+    result = filled(model, calibration=calibration)
+    zeros = {"x": np.zeros(IMAGE, np.float32)}
+    np.testing.assert_allclose(
+        evaluate(result, zeros, EXACT)["y"], evaluate(model, zeros)["y"], atol=max(high, 1) * 1e-4
+    )
+
+
+NORMALIZED = (
+    "a = Conv(x, w1) b = Conv<pads=[0,0,0,0]>(x, w2) c = Concat<axis={}>(a, b) "
+    "d = BatchNormalization<epsilon=0.01>(c, gamma, beta, mean, variance) y = LeakyRelu<alpha=0.2>(d)"
+)
+
+
+@pytest.mark.parametrize(("first", "second", "axis"), [(6, 6, 1), (5, 3, 1), (3, 4, -3), (4, 4, 2)])
+def test_normalization_goes_into_both_branches(first: int, second: int, axis: int) -> None:
+    """Odd counts, unequal counts, negative and zero factors, branches that share their channels."""
+    count = first + second if axis in {1, -3} else first
+    rng = np.random.default_rng(3)
+    weights: dict[str, Any] = {"w1": (first, 4, 1, 1), "w2": (second, 4, 1, 1), "beta": (count,), "mean": (count,)}
+    weights |= {"gamma": np.r_[0.0, -1.5, rng.normal(size=count - 2)], "variance": rng.uniform(0.5, 2, count)}
+    model = make_model(NORMALIZED.format(axis), IMAGE, weights)
+    result = filled(model, ["quant_conv", "fuse_bn_quant"])
+    assert "BatchNormalization" not in {node.op_type for node in result.graph.node}
+    assert decibels(filled(model), result) > 60
+    assert decibels(model, result) > 35
+
+
+GATE = "p = GlobalAveragePool(x) a = Conv<group=1>(p, w1, b1) r = Relu(a) c = Conv<group=1>(r, w2, b2) y = Sigmoid(c)"
+
+
+def test_float_again_means_the_float_weights() -> None:
+    weights = {"w1": (3, 4, 1, 1), "b1": (3,), "w2": (4, 3, 1, 1), "b2": (4,)}
+    model = make_model(GATE, IMAGE, weights)
+    assert decibels(model, filled(model, ["quant_conv", "change_gap_conv"])) > 120
+
+
+def test_merging_unequal_parameters_warns_and_keeps_the_function() -> None:
+    """Scales of tensors with large values differ by less than 0.001 and are taken for equal."""
+    text = "a = Conv(x, w1, b) q = TesselQuant<scale=0.0015, offset=-30.0>(x) d = TesselDequant(q, s) y = Add(a, d)"
+    model = make_model(text, IMAGE, {"w1": (4, 4, 1, 1), "b": (4,)})
+    words = np.array([1 / 0.0015], np.float32).view(np.uint32).astype(np.uint64)
+    model.graph.initializer.append(helper.make_tensor("s", TensorProto.UINT64, [1], words))
+    calibration = Calibration({"x": Range(-20000.0, 90000.0)}, "min-max", 1, "")
+    before, after = copy(model), copy(model)
+    rewrite(before, ["quant_conv"], calibration=calibration)
+    report = rewrite(after, ["quant_conv", "replace_quant_any"], calibration=calibration)
+    assert [warning for warning in report.warnings if "merging quantize nodes changes numbers at Conv" in warning]
+    feeds = {"x": np.random.default_rng(0).uniform(-20000, 90000, IMAGE).astype(np.float32)}
+    first, second = (evaluate(one, feeds, EXACT)["y"] for one in (before, after))
+    assert 0 < np.abs(first - second).max() < 0.02 * np.abs(first).max()
+
+
+def test_pools_that_are_joined_keep_their_order() -> None:
+    """`replace_concat_quant_v1` would join them in another order."""
+    pools = " ".join(f"p{k} = MaxPool<kernel_shape=[{k},{k}], pads={[k // 2] * 4}>(x)" for k in (3, 5, 7))
+    model = make_model(
+        f"{pools} c = Concat<axis=1>(p3, p5, p7, x) y = Conv(c, w, b)", IMAGE, {"w": (3, 16, 1, 1), "b": (3,)}
+    )
+    moved = filled(model, ["quant_conv", "replace_concat_quant_v1"])
+    assert len([node for node in moved.graph.node if node.op_type == "TesselQuant"]) == 4
+    for first, second in zip(outputs(filled(model)), outputs(moved), strict=True):
+        np.testing.assert_array_equal(first, second)
+
+
+JOINED = (
+    "a0 = Conv(x, w1, b1) a = LeakyRelu(a0) b0 = Conv(x, w2, b2) b = LeakyRelu(b0) c = Concat<axis=1>(a, b) "
+    "d = Conv(c, w3, b3) e = LeakyRelu(d) y = Conv(e, w4)"
+)
+
+
+@pytest.mark.parametrize("steps", [["replace_concat_quant_v2"], ["replace_quant_v2", "delete_concat"], "yolov5"])
+def test_moving_and_splitting_keep_the_function(steps: Any) -> None:
+    """Offsets go into biases where a quantize node moves, and out of them where a convolution is split."""
+    weights = {"w1": (3, 4, 1, 1), "b1": (3,), "w2": (5, 4, 1, 1), "b2": (5,), "w3": (4, 8, 1, 1), "b3": (4,)}
+    model = make_model(JOINED, IMAGE, weights | {"w4": (2, 4, 1, 1)})
+    result = filled(model, steps if isinstance(steps, str) else ["quant_conv", *steps])
+    for first, second in zip(outputs(filled(model)), outputs(result), strict=True):
+        np.testing.assert_allclose(first, second, rtol=1e-5, atol=1e-5)
+    assert decibels(model, result) > 30
+
+
+class Drawing(_QuantTransformation):
+    def apply(self, graph: onnx.GraphProto, debug: bool = False) -> int:
+        raise AssertionError
+
+    def get_simple_name(self) -> str:
+        return "drawing"
+
+
+def _not_finite(model: onnx.ModelProto) -> None:
+    model.graph.initializer[0].CopyFrom(numpy_helper.from_array(np.full((6, 4, 3, 3), np.nan, np.float32), "w"))
+
+
+def _unseen(model: onnx.ModelProto) -> None:
+    model.graph.node[0].input[0] = "z"
+    model.graph.node.insert(0, helper.make_node("Neg", ["x"], ["z"]))
+
+
+FAULTS: list[tuple[str, Any, dict[str, Any], Callable[[onnx.ModelProto], None] | None]] = [
+    ("no range for tensor 'z'", QUANTIZING, {}, _unseen),
+    ("Conv 'y' cannot be filled: its weight has values that are not finite", QUANTIZING, {}, _not_finite),
+    ("'yy' cannot be left float: .* did you mean y", QUANTIZING, {"leave": ["yy"]}, None),
+    ("'drawing' draws numbers", [QuantConvTransformation, Drawing], {}, None),
+]
+
+
+@pytest.mark.parametrize(("message", "steps", "settings", "spoil"), FAULTS)
+def test_places_that_cannot_be_filled_are_errors(
+    message: str, steps: Any, settings: dict[str, Any], spoil: Any
+) -> None:
+    model = make_model(*OPERATORS["conv"])
+    calibration = calibrate(model, samples(model), evaluator="reference")
+    if spoil:
+        spoil(model)
+    before = model.SerializeToString()
+    with pytest.raises(Exception, match=message):
+        rewrite(model, steps, prepare=False, calibration=Filling(calibration, **settings))
+    assert model.SerializeToString() == before
+
+
+def test_what_is_left_float_is_said() -> None:
+    model = make_model("a = Conv(x, w, b) y = Conv(a, w2)", IMAGE, {"w": (4, 4, 1, 1), "b": (4,), "w2": (2, 4, 1, 1)})
+    calibration = calibrate(model, samples(model), evaluator="reference")
+    report = rewrite(model, "quant_conv", calibration=Filling(calibration, leave=["a"]))
+    assert report.replaced == report.refused == 1
+    assert report.filled is not None
+    assert [(left.output, left.reason) for left in report.filled.left_float] == [("a", "asked for")]
+    assert type(report).from_json(report.to_json()) == report
+
+
+def test_whole_recipes_on_the_examples(example_models: list[Path]) -> None:
+    for path in example_models:
+        model = onnx.load(path)
+        data = samples(model, 1, -2.0, 2.0)
+        calibration = calibrate(model, data)
+        recipe = "resnet" if "resnet" in path.name else "yolov5"
+        results = []
+        for steps in (["quant_conv", "quant_gemm"], recipe):
+            result = copy(model)
+            rewrite(result, steps, calibration=calibration)
+            results.append(evaluate(result, data[0], EXACT, evaluator="onnxruntime"))
+        float_ones = evaluate(model, data[0], evaluator="onnxruntime")
+        for name, values in float_ones.items():
+            noises = [float(((result[name] - values) ** 2).mean()) for result in results]
+            assert 10 * np.log10(float((values**2).mean()) / noises[0]) > 15
+            assert 10 * np.log10(noises[1] / noises[0]) < 0.5
+
+
+def test_a_graph_alone_is_refused() -> None:
+    model = make_model(*OPERATORS["conv"])
+    calibration = Calibration({"x": Range(0, 1)}, "min-max", 1, "")
+    with pytest.raises(TypeError, match="a calibration belongs to a model"):
+        rewrite(model.graph, "quant_conv", calibration=calibration)
