@@ -7,8 +7,7 @@ from collections.abc import Iterator, Sequence
 from onnxgraft.comparison.result import GraphDiff, Region, RegionSide, ValueChange
 from onnxgraft.comparison.summary import headline, kinds
 from onnxgraft.drawing.node_cards import State
-from onnxgraft.report.html_text import table, text
-from onnxgraft.report.page import page
+from onnxgraft.report.page import page, table, text
 from onnxgraft.report.pictures import LEGEND, NodeKey, figure, key, listing
 
 MOST_CARDS = 300

@@ -10,8 +10,7 @@ from pathlib import Path
 from types import MappingProxyType
 
 from onnxgraft.errors import RecipeFileError, UnknownRecipeError
-from onnxgraft.recipe_book.recipe import Recipe
-from onnxgraft.recipe_book.recipe_file import load_recipes
+from onnxgraft.recipe_book.recipe_file import Recipe, load_recipes
 
 __all__ = ["Recipe", "RecipeFileError", "UnknownRecipeError", "find_recipe", "load_recipes", "recipes"]
 

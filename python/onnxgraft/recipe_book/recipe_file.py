@@ -1,4 +1,4 @@
-"""Reads recipes from TOML: one table per recipe. Built-in ones and users' own pass through the same checks."""
+"""Recipes, and how they are read from TOML: a table each. Built-in ones and users' own pass through the same checks."""
 
 from __future__ import annotations
 
@@ -8,17 +8,29 @@ import os
 import sys
 import types
 from collections.abc import Collection, Mapping
+from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
 
 from onnxgraft.catalogue import rows
 from onnxgraft.errors import RecipeFileError
 from onnxgraft.preparation import STEPS
-from onnxgraft.recipe_book.recipe import Recipe
 
 tomllib: Any = importlib.import_module("tomllib" if sys.version_info >= (3, 11) else "tomli")
 
 _KEYS = ("summary", "transformations", "prepare", "until_stable")
+
+
+@dataclass(frozen=True)
+class Recipe:
+    """One recipe; `transformations` are short names in the order in which they run."""
+
+    name: str
+    summary: str
+    transformations: tuple[str, ...]
+    prepare: tuple[str, ...] | None = None  # names of preparation steps; None: all of them
+    until_stable: bool = True  # run the whole list again until the graph does not change any more
+    source: str = ""  # the file that it comes from
 
 
 def load_recipes(path: str | os.PathLike[str]) -> Mapping[str, Recipe]:

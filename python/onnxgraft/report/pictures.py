@@ -6,7 +6,7 @@ from collections.abc import Callable, Collection, Mapping, Sequence
 
 from onnxgraft.drawing.node_cards import Card, State, draw_cards
 from onnxgraft.drawing.pattern_pair import INPUT_NAMES
-from onnxgraft.report.html_text import table, text
+from onnxgraft.report.page import table, text
 from onnxgraft.report.records import NodeText
 
 MOST_NODES = 30

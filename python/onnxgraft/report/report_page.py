@@ -2,15 +2,13 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterator
+from collections.abc import Iterator, Sequence
 from dataclasses import dataclass
 
 from onnxgraft.drawing.node_cards import State
-from onnxgraft.report.html_text import table, text
-from onnxgraft.report.page import page
+from onnxgraft.report.page import page, table, text
 from onnxgraft.report.pictures import LEGEND, NodeKey, figure, key, listing
 from onnxgraft.report.records import NodeText, Occurrence, PatternResult, Report, Step
-from onnxgraft.report.share import fair_shares
 
 MOST_CARDS = 300
 _KINDS = ("replaced", "refused")
@@ -218,3 +216,14 @@ def _states(
         {key(node): state(node, new, "removed") for node in before},
         {key(node): state(node, old, "added") for node in after},
     )
+
+
+def fair_shares(counts: Sequence[int], most: int) -> list[int]:
+    """How many of each group, at most `most` together: small groups whole, large ones equally many."""
+    shares = [0] * len(counts)
+    left = most
+    order = sorted(range(len(counts)), key=lambda k: counts[k])
+    for place, k in enumerate(order):
+        shares[k] = min(counts[k], left // (len(order) - place))
+        left -= shares[k]
+    return shares

@@ -15,8 +15,7 @@ from onnxgraft.comparison import diff
 from onnxgraft.comparison.diff_page import diff_page
 from onnxgraft.drawing.node_cards import Card, draw_cards, shorten
 from onnxgraft.report.records import NodeText, Occurrence, PatternResult, Report, Step
-from onnxgraft.report.report_page import report_page
-from onnxgraft.report.share import fair_shares
+from onnxgraft.report.report_page import fair_shares, report_page
 
 BROWSER = next(filter(None, map(shutil.which, ("chromium", "chromium-browser", "google-chrome"))), None)
 NASTY = '</script></title><img src=x onerror="alert(1)">&\'"\n\x00ключ漢\u202e\ud800'
