@@ -82,11 +82,11 @@ def measure(path: Path, *, prepared: bool) -> ModelFirings:
     """Counts on one file, and why the transformations that found nothing in order found nothing."""
     model = onnx.load(path)
     preparation = {step.name: step.changed for step in prepare(model)} if prepared else {}
-    quantized = _fired(_run(model.graph, QUANTIZING))
+    quantized = _fired(_run(model, QUANTIZING))
     names = [name for name in rows() if name not in QUANTIZING]
-    alone = {name: fire(name, _copy(model.graph)) for name in names}
+    alone = {name: fire(name, _copy(model)) for name in names}
     misses: dict[str, Miss] = {}
-    in_order = dict(_run(model.graph, ORDER, misses))
+    in_order = dict(_run(model, ORDER, misses))
     return ModelFirings(_positive(preparation), quantized, _something(alone), _something(in_order), misses)
 
 
@@ -97,7 +97,7 @@ def losses(path: Path, whole: ModelFirings) -> dict[str, dict[str, tuple[int, in
     for step in whole.preparation:
         model = onnx.load(path)
         prepare(model, skip=[step])
-        without = _fired(_run(model.graph, (*QUANTIZING, *ORDER)))
+        without = _fired(_run(model, (*QUANTIZING, *ORDER)))
         names = [n for n in (*QUANTIZING, *ORDER) if counts.get(n, 0) != without.get(n, 0)]
         lost[step] = {name: (counts.get(name, 0), without.get(name, 0)) for name in names}
     return lost
@@ -108,7 +108,7 @@ def run_recipe(path: Path) -> RecipeRun:
     model = onnx.load(path)
     recipe = find_recipe(network_of(path.stem).recipe)
     prepare(model, recipe.prepare)
-    quantized = _copy(model.graph)
+    quantized = _copy(model)
     rewrite(quantized, [n for n in recipe.transformations if n in QUANTIZING], seed=0, prepare=False, details="counts")
     report = rewrite(model, recipe, seed=0, on_error="continue", details="counts")
     fired: dict[str, int] = {}
@@ -116,15 +116,15 @@ def run_recipe(path: Path) -> RecipeRun:
         fired[step.transformation] = fired.get(step.transformation, 0) + step.replaced
     failed = tuple(dict.fromkeys(step.transformation for step in report.steps if step.error))
     sizes = [(len(graph.node), sum(node.op_type == "TesselQuant" for node in graph.node))
-             for graph in (quantized, model.graph)]  # fmt: skip
+             for graph in (quantized.graph, model.graph)]  # fmt: skip
     nodes, quantize_nodes = zip(*sizes, strict=True)
     return RecipeRun(recipe.name, report.rounds, nodes, quantize_nodes, _positive(fired), failed)
 
 
-def fire(name: str, graph: GraphProto) -> Firing:
-    """Applies a transformation to `graph` in place and counts the refusals too."""
+def fire(name: str, model: onnx.ModelProto) -> Firing:
+    """Applies a transformation to `model` in place and counts the refusals too."""
     try:
-        step = rewrite(graph, [name], seed=0, prepare=False, details="counts").steps[0]
+        step = rewrite(model, [name], seed=0, prepare=False, details="counts").steps[0]
     except TransformationError as error:
         cause = error.__cause__
         return Firing(error=f"{type(cause).__name__}: {cause}".strip())
@@ -132,11 +132,11 @@ def fire(name: str, graph: GraphProto) -> Firing:
 
 
 def _run(
-    graph: GraphProto, names: Iterable[str], misses: dict[str, Miss] | None = None
+    model: onnx.ModelProto, names: Iterable[str], misses: dict[str, Miss] | None = None
 ) -> Iterator[tuple[str, Firing]]:
     for name in names:
-        miss = _best_miss(name, graph) if misses is not None else None
-        firing = fire(name, graph)
+        miss = _best_miss(name, model.graph) if misses is not None else None
+        firing = fire(name, model)
         if misses is not None and miss is not None and firing == Firing():
             misses[name] = miss
         yield name, firing
@@ -165,7 +165,7 @@ def _something(firings: dict[str, Firing]) -> dict[str, Firing]:
     return {name: firing for name, firing in firings.items() if firing != Firing()}
 
 
-def _copy(graph: GraphProto) -> GraphProto:
-    copy = GraphProto()
-    copy.CopyFrom(graph)
+def _copy(model: onnx.ModelProto) -> onnx.ModelProto:
+    copy = onnx.ModelProto()
+    copy.CopyFrom(model)
     return copy

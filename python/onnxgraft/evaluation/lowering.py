@@ -1,9 +1,11 @@
 """Rewrites a copy of a model so that public evaluators can compute it.
 
     TesselQuant(x)       ->  x * scale + offset        [-> round half to even -> clip to -128 .. 127]
-    TesselDequant(x, w)  ->  x * scales(w), along axis 1; scales(w) are the low 32 bits of each word as a float
+    TesselDequant(x, w)  ->  x * scales(w), along axis 1; scales(w) are the low 32 bits of each word as a float; cast to
+                             the floating type that is declared for the result, else to that of what was quantized
     INT8, INT32 operands ->  floating-point initializers of the same values
-    Resize(sizes)        ->  -1 becomes the input's own size; empty roi, scales and sizes become omitted ones
+    Resize(sizes)        ->  -1 becomes the input's own size; empty roi, scales and sizes become omitted ones, but for
+                             roi and scales in operator sets 11 and 12, which want them
 
 What is computed on quantized values carries `Convention.element_type`; everything else is left as it is. Nested
 bodies are not rewritten, so a quantize node inside one is refused.
@@ -31,14 +33,14 @@ from onnxgraft.evaluation.operator_formulas import (
     write_dequantize,
     write_quantize,
 )
-from onnxgraft.evaluation.ranks import known_ranks
 from onnxgraft.graph.bodies import with_bodies
-from onnxgraft.tensor_types import quantized_values
+from onnxgraft.tensor_types import TensorTypes, quantized_values
 
 Array = npt.NDArray[Any]
 
 OWN_OPERATORS = ("TesselQuant", "TesselDequant")
 _OLDEST_OPERATOR_SET = 11  # of Round and of Clip with bounds as inputs
+_FIRST_WITH_OPTIONAL_ROI = 13  # and scales, of Resize
 _OPERAND_TYPES = (TensorProto.INT8, TensorProto.UINT8, TensorProto.INT32, TensorProto.FLOAT, TensorProto.DOUBLE)
 
 
@@ -78,6 +80,7 @@ class _Lowering:
     def run(self) -> onnx.ModelProto:
         self._check()
         quantized = quantized_values.find(self._graph, self._opsets)
+        types = TensorTypes(self._graph, self._opsets, self._at_hand)
         for index, node in enumerate(self._graph.node):
             for position, name in enumerate(node.input):
                 if (index, position) in quantized.operands and name in self._tensors:
@@ -86,15 +89,18 @@ class _Lowering:
                 self._quantizers[node.output[0]] = node
                 write_quantize(self._write, node, self._convention)
                 continue
+            if node.op_type == "TesselDequant":
+                self._dequantize(node, types)
+                continue
             if node.op_type == "Conv" and self._convention.centred:
                 self._centre(node)
             if node.op_type == "Resize":
                 constants = {name: self._array(name) for name in node.input[1:] if name in self._tensors}
-                settle_resize(self._write, node, constants)
+                needs_empty = self._opsets[""] < _FIRST_WITH_OPTIONAL_ROI
+                settle_resize(self._write, node, constants, needs_empty=needs_empty)
             self._write.nodes.append(node)
         self._install()
-        self._lower_dequantize_nodes()
-        self._settle_declarations(quantized.tensors)
+        self._settle_declarations(quantized.tensors, types)
         return self._model
 
     def _check(self) -> None:
@@ -108,6 +114,9 @@ class _Lowering:
 
     def _array(self, name: str) -> Array:
         return np.asarray(numpy_helper.to_array(self._tensors[name], self._folder))
+
+    def _at_hand(self, tensor: onnx.TensorProto) -> onnx.TensorProto:
+        return numpy_helper.from_array(numpy_helper.to_array(tensor, self._folder), tensor.name)
 
     def _operand(self, name: str) -> str:
         """The initializer with the same values in the element type of quantized values."""
@@ -128,19 +137,10 @@ class _Lowering:
             constant = self._write.constant(f"{stem}_offset", np.array(offset, self._convention.dtype))
             node.input[0] = self._write.inner("Sub", [stem, constant], stem)
 
-    def _lower_dequantize_nodes(self) -> None:
-        ranks = known_ranks(self._model) if any(n.op_type == "TesselDequant" for n in self._graph.node) else {}
-        for node in self._graph.node:
-            if node.op_type == "TesselDequant":
-                self._dequantize(node, ranks.get(node.input[0]))
-            else:
-                self._write.nodes.append(node)
-        self._install()
-
-    def _dequantize(self, node: onnx.NodeProto, rank: int | None) -> None:
+    def _dequantize(self, node: onnx.NodeProto, types: TensorTypes) -> None:
         if len(node.input) != 2 or node.input[1] not in self._tensors:
             raise EvaluationError(f"{label(node)}: its second input must be an initializer that holds the scales")
-        write_dequantize(self._write, node, self._array(node.input[1]), rank, self._convention)
+        write_dequantize(self._write, node, self._array(node.input[1]), types.get(node.output[0]), self._convention)
 
     def _install(self) -> None:
         """Puts what was written so far into the graph."""
@@ -148,8 +148,8 @@ class _Lowering:
         self._graph.initializer.extend(self._write.initializers)
         self._write.nodes, self._write.initializers = [], []
 
-    def _settle_declarations(self, quantized: set[str]) -> None:
-        """Takes away what is not read any more, or no longer true."""
+    def _settle_declarations(self, quantized: set[str], types: TensorTypes) -> None:
+        """Takes away what is not read any more, or no longer true; says of outputs what is known of them."""
         graph = self._graph
         used: set[str] = set()
         for current in with_bodies(graph):
@@ -162,6 +162,9 @@ class _Lowering:
                 if field[index].name in gone:
                     del field[index]
         for value in graph.output:
+            kind = types.get(value.name)
+            if kind is not None and kind.dims is not None and not value.type.tensor_type.HasField("shape"):
+                value.CopyFrom(kind.declare(value.name))
             if value.name in quantized:
                 value.type.tensor_type.elem_type = self._convention.onnx_type
         del graph.value_info[:]

@@ -13,6 +13,7 @@ from onnx import TensorProto, numpy_helper
 from onnxgraft.errors import EvaluationError
 from onnxgraft.evaluation.convention import Convention
 from onnxgraft.evaluation.node_writer import NodeWriter
+from onnxgraft.tensor_types import Kind
 
 Array = npt.NDArray[Any]
 
@@ -58,9 +59,11 @@ def write_quantize(write: NodeWriter, node: onnx.NodeProto, convention: Conventi
 
 
 def write_dequantize(
-    write: NodeWriter, node: onnx.NodeProto, words: Array, rank: int | None, convention: Convention
+    write: NodeWriter, node: onnx.NodeProto, words: Array, result: Kind | None, convention: Convention
 ) -> None:
-    """X * scales along axis 1; `rank` is that of x, None if it is not known."""
+    """X * scales along axis 1, as a tensor of kind `result`; float32 if nothing is known of it."""
+    rank = None if result is None or result.dims is None else len(result.dims)
+    element_type = TensorProto.FLOAT if result is None else result.element_type
     output = node.output[0]
     scales = unpack_scales(words).astype(convention.dtype)
     data = write.inner("Cast", [node.input[0]], output, to=convention.onnx_type)
@@ -72,10 +75,10 @@ def write_dequantize(
         factor = write.constant(f"{output}_scales", scales.reshape(-1, *[1] * (rank - 2)))
     else:
         raise EvaluationError(f"{label(node)}: {scales.size} scales need axis 1, the input is of rank {rank}")
-    if convention.onnx_type == TensorProto.FLOAT:
+    if convention.onnx_type == element_type:
         write.node("Mul", [data, factor], output)
     else:
-        write.node("Cast", [write.inner("Mul", [data, factor], output)], output, to=TensorProto.FLOAT)
+        write.node("Cast", [write.inner("Mul", [data, factor], output)], output, to=element_type)
 
 
 def _scales_of_any_rank(write: NodeWriter, data: str, scales: Array, stem: str) -> str:
@@ -89,11 +92,23 @@ def _scales_of_any_rank(write: NodeWriter, data: str, scales: Array, stem: str) 
     return write.inner("Reshape", [write.constant(f"{stem}_scales", scales), shape], stem)
 
 
-def settle_resize(write: NodeWriter, node: onnx.NodeProto, constants: Mapping[str, Array]) -> None:
-    """Omits empty inputs, and reads -1 in constant sizes as the input's own size. `constants`: inputs by name."""
+def settle_resize(
+    write: NodeWriter, node: onnx.NodeProto, constants: Mapping[str, Array], *, needs_empty: bool
+) -> None:
+    """Settles the inputs of a `Resize`: empty ones are omitted, -1 in constant sizes is the input's own size.
+
+    Args:
+        write: Takes new nodes and constants.
+        node: The node, which is changed.
+        constants: Its constant inputs by name.
+        needs_empty: Whether roi and scales must be there: operator sets 11 and 12 want an empty tensor.
+    """
     for position, name in enumerate(node.input):
-        if position and name in constants and not constants[name].size:
+        is_needed = needs_empty and 0 < position < _SIZES_INPUT
+        if position and name in constants and not constants[name].size and not is_needed:
             node.input[position] = ""
+        elif not name and is_needed:
+            node.input[position] = write.constant(f"{node.output[0]}_empty", np.zeros(0, np.float32))
     name = node.input[_SIZES_INPUT] if len(node.input) > _SIZES_INPUT else ""
     if name not in constants or not (constants[name] == -1).any():
         return

@@ -5,6 +5,7 @@ from __future__ import annotations
 from onnxgraft.finishing.bias_lengths import BringBiasesToLength
 from onnxgraft.finishing.concat_weights import SplitWeights
 from onnxgraft.finishing.declared_types import DeclareTypes
+from onnxgraft.finishing.float_widths import MatchFloatWidths
 from onnxgraft.finishing.function_remarks import RemarkOnFunction
 from onnxgraft.finishing.listed_initializers import ListInitializers
 from onnxgraft.following import Follower, Host
@@ -17,5 +18,5 @@ def followers(host: Host, *, finish: bool) -> list[Follower]:
         host: The graph, prepared.
         finish: Whether weights and biases are finished; the others describe what is there and always run.
     """
-    completing: list[Follower] = [SplitWeights(), BringBiasesToLength()] if finish else []
+    completing: list[Follower] = [SplitWeights(), BringBiasesToLength(), MatchFloatWidths()] if finish else []
     return [*completing, RemarkOnFunction(finish=finish), DeclareTypes(host), ListInitializers(host)]

@@ -4,6 +4,6 @@ onnx's own inference does not know `TesselQuant` and `TesselDequant`, nor that a
 """
 
 from onnxgraft.tensor_types.inference import TensorTypes
-from onnxgraft.tensor_types.kinds import Kind
+from onnxgraft.tensor_types.kinds import FLOATING, Kind
 
-__all__ = ["Kind", "TensorTypes"]
+__all__ = ["FLOATING", "Kind", "TensorTypes"]

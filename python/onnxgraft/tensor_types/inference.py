@@ -37,7 +37,7 @@ class TensorTypes:
         self._graph = graph
         self._opsets = opsets
         self._read = read
-        self._initializers = {tensor.name: tensor for tensor in reversed(graph.initializer)}
+        self._constants = {tensor.name: tensor for tensor in reversed(graph.initializer)}
         found = quantized_values.find(graph, opsets)
         self._quantized, self._operands = found.tensors, found.operands
         self._sources: dict[str, int] = {}  # quantized tensor -> element type of what was quantized
@@ -46,7 +46,8 @@ class TensorTypes:
             for value in values:
                 if (kind := Kind.of(value.type)) is not None:
                     self._kinds[value.name] = kind
-        for name, tensor in self._initializers.items():
+        self._constants |= {name: tensor for node in graph.node for name, tensor in _constant(node)}
+        for name, tensor in self._constants.items():
             self._kinds[name] = Kind(tensor.data_type, tuple(map(abs, tensor.dims)))
         for index, node in enumerate(graph.node):
             self._visit(index, node)
@@ -69,9 +70,9 @@ class TensorTypes:
             self._dequantize(node)
         elif not self._quantized.isdisjoint(node.output):
             self._compute(index, node)
-        elif any(name and name not in self._kinds for name in node.output):
+        elif any(name and self._dims(name) is None for name in node.output):
             for name, kind in self._inferred(node):
-                self._kinds.setdefault(name, kind)
+                self._complete(name, kind)
 
     def _quantize(self, node: onnx.NodeProto) -> None:
         kind = self._kinds.get(node.input[0]) if node.input else None
@@ -94,7 +95,7 @@ class TensorTypes:
                     TensorProto.INT32 if node.op_type in quantized_values.INTEGER_OPERATORS else element, dims
                 )
             elif name in inferred:
-                self._kinds.setdefault(name, inferred[name])
+                self._complete(name, inferred[name])
 
     def _dequantize(self, node: onnx.NodeProto) -> None:
         """A floating type that is declared holds; else it is that of what was quantized. The shape is handed on."""
@@ -106,6 +107,14 @@ class TensorTypes:
             self._kinds[name] = Kind(element or self._sources.get(data, TensorProto.FLOAT), dims)
             if data in self._kinds and self._kinds[data].dims is None:
                 self._kinds[data] = Kind(self._kinds[data].element_type, dims)
+
+    def _complete(self, name: str, kind: Kind) -> None:
+        """What is declared holds."""
+        known = self._kinds.get(name)
+        if known is None:
+            self._kinds[name] = kind
+        elif known.dims is None:
+            self._kinds[name] = Kind(known.element_type, kind.dims)
 
     def _dims(self, name: str) -> tuple[int | str, ...] | None:
         kind = self._kinds.get(name)
@@ -145,10 +154,17 @@ class TensorTypes:
                 yield name, result
 
     def _small(self, name: str) -> TensorProto | None:
-        tensor = self._initializers.get(name)
+        tensor = self._constants.get(name)
         if tensor is None or math.prod(tensor.dims) > _LARGEST_SHAPE:
             return None
         return self._read(tensor)
+
+
+def _constant(node: onnx.NodeProto) -> Iterator[tuple[str, TensorProto]]:
+    if node.op_type == "Constant":
+        for attribute in node.attribute:
+            if attribute.name == "value":
+                yield node.output[0], attribute.t
 
 
 def _floating(kind: Kind | None) -> int:

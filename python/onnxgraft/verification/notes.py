@@ -61,8 +61,8 @@ def _split_concat(before: Outline, after: Outline) -> str | None:
     if lost <= 0 or grown <= 0:
         return None
     return (
-        f"{lost} Concat nodes are gone and {grown} Conv nodes are new: delete_concat gives both branches the whole "
-        "weight and adds the bias twice: outputs cannot agree"
+        f"{lost} Concat nodes are gone and {grown} Conv nodes are new: delete_concat, where it is not finished, gives "
+        "both branches the whole weight and adds the bias twice: outputs cannot agree"
     )
 
 

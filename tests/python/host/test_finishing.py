@@ -5,18 +5,19 @@ from typing import Any
 import numpy as np
 import onnx
 import pytest
+from onnx import TensorProto, helper, numpy_helper
 
 from helpers.occurrences import packed
 from helpers.small_graphs import Array, model_of
 from onnxgraft import rewrite
 from onnxgraft.engine import Report
-from onnxgraft.evaluation import Convention, evaluate
+from onnxgraft.evaluation import Convention, evaluate, lower
 
 EXACT = Convention(rounding=True, element_type="float64", centred=True)
 
 
-def run(model: onnx.ModelProto, name: str, **options: Any) -> Report:
-    return rewrite(model, name, prepare=False, **options)
+def run(model: onnx.ModelProto, names: str | list[str], **options: Any) -> Report:
+    return rewrite(model, names, prepare=False, **options)
 
 
 def joined(shapes: tuple[Any, Any], attributes: str = "", offsets: tuple[int, int] = (0, 0), axis: int = 1) -> Any:
@@ -73,3 +74,94 @@ def test_what_cannot_be_split_is_undone(model: onnx.ModelProto, reason: str) -> 
     assert reason in report.warnings[0]
     assert reason in " ".join(str(report).split())
     assert run(model, "delete_concat", finish=False).replaced == 1
+
+
+def normalized(channels: tuple[int, int]) -> onnx.ModelProto:
+    """What `fuse_bn_quant` looks for, with convolutions of these numbers of channels."""
+    lines = [
+        "TesselQuant a -> qa", "Conv qa w1 -> y1", "TesselDequant y1 s -> d1",
+        "TesselQuant b -> qb", "Conv qb w2 -> y2", "TesselDequant y2 s -> d2",
+        "Concat:axis=1 d1 d2 -> c", "BatchNormalization c g g g g -> n", "LeakyRelu n -> e",
+    ]  # fmt: skip
+    weights = {f"w{at}": np.ones((size, 2, 1, 1), np.int8) for at, size in enumerate(channels, 1)}
+    tensors = {**weights, "s": packed(np.ones(1, np.float32)), "g": np.ones(sum(channels), np.float32)}
+    return model_of(lines, inputs=dict.fromkeys("ab", (1, 2, 3, 3)), outputs=["e"], tensors=tensors)
+
+
+@pytest.mark.parametrize(("channels", "finished"), [((4, 4), 0), ((5, 5), 2), ((1, 1), 2), ((4, 3), 1), ((3, 6), 2)])
+def test_biases_get_the_length_of_their_convolution(channels: tuple[int, int], finished: int) -> None:
+    plain, model = normalized(channels), normalized(channels)
+    assert run(plain, "fuse_bn_quant", seed=0, finish=False).replaced == 1
+    assert run(model, "fuse_bn_quant", seed=0).finished == finished
+    for old, new, size in zip(biases(plain), biases(model), channels, strict=True):
+        drawn = old[:size]
+        np.testing.assert_array_equal(new, np.concatenate([drawn, np.zeros(size - drawn.size, np.int32)]))
+    inputs = {name: np.ones((1, 2, 3, 3), np.float32) for name in "ab"}
+    assert evaluate(model, inputs)["e"].shape == (1, sum(channels), 3, 3)
+
+
+def biases(model: onnx.ModelProto) -> list[Array]:
+    tensors = {tensor.name: numpy_helper.to_array(tensor) for tensor in model.graph.initializer}
+    return [tensors[node.input[2]] for node in model.graph.node if node.op_type == "Conv"]
+
+
+@pytest.mark.parametrize("form", ["model", "graph", "new format"])
+def test_old_formats_list_new_initializers_as_inputs(form: str) -> None:
+    model = model_of(
+        ["Conv x w -> y"], inputs={"x": (1, 2, 4, 4)}, outputs=["y"], tensors={"w": np.ones((3, 2, 1, 1), "f")}
+    )
+    if form != "new format":
+        model.ir_version = 3
+        model.graph.input.append(helper.make_tensor_value_info("w", TensorProto.FLOAT, [3, 2, 1, 1]))
+    rewrite(model.graph if form == "graph" else model, "quant_conv", seed=0, prepare=False)
+    listed = {value.name for value in model.graph.input} - {"x"}
+    assert listed == (set() if form == "new format" else {tensor.name for tensor in model.graph.initializer})
+    assert evaluate(model, {"x": np.ones((1, 2, 4, 4), np.float32)})["y"].shape == (1, 3, 4, 4)
+
+
+@pytest.mark.parametrize("declared", [False, True])
+def test_a_float16_model_stays_one(declared: bool) -> None:
+    """Quantized values are INT8 and INT32, and what is dequantized is of the type that was quantized."""
+    lines = ["Conv x w -> y", "Concat:axis=1 x y -> c", "GlobalAveragePool c -> p", "Conv:group=1 p w1 b1 -> r"]
+    lines += ["Relu r -> r2", "Conv:group=1 r2 w2 b2 -> t", "Sigmoid t -> z"]
+    shapes = {"w": (3, 2, 1, 1), "w1": (4, 5, 1, 1), "b1": (4,), "w2": (5, 4, 1, 1), "b2": (5,)}
+    rng = np.random.default_rng(3)
+    tensors = {name: rng.normal(size=shape).astype(np.float16) for name, shape in shapes.items()}
+    model = model_of(lines, inputs={"x": (1, 2, 4, 4)}, outputs=["z"], tensors=tensors)
+    for value in (*model.graph.input, *model.graph.output):
+        value.type.tensor_type.elem_type = TensorProto.FLOAT16
+    report = rewrite(model, ["quant_conv", "change_gap_conv"], seed=0, prepare=["infer_shapes"] if declared else False)
+    assert [step.replaced for step in report.steps] == [3, 1]
+    found = {value.name: value.type.tensor_type.elem_type for value in model.graph.value_info}
+    made = {kind for node in model.graph.node for name in node.output if (kind := found.get(name)) in {3, 6}}
+    assert made == {TensorProto.INT8, TensorProto.INT32}
+    lowered = lower(model, EXACT if not declared else Convention())
+    onnx.checker.check_model(lowered, full_check=True)
+    if declared:
+        assert set(found.values()) == {TensorProto.FLOAT16, TensorProto.INT8, TensorProto.INT32}
+    result = evaluate(model, {"x": np.ones((1, 2, 4, 4), np.float16)})["z"]
+    assert (result.dtype.name, result.shape) == ("float16", (1, 5, 1, 1))
+
+
+def test_entries_of_weights_that_are_gone_go_too() -> None:
+    model = model_of(
+        ["Conv x w -> y"], inputs={"x": (1, 2, 4, 4)}, outputs=["y"], tensors={"w": np.ones((3, 2, 1, 1), "f")}
+    )
+    model.graph.value_info.extend(
+        helper.make_tensor_value_info(name, TensorProto.FLOAT, [3, 2, 1, 1]) for name in ("w", "unrelated")
+    )
+    rewrite(model, "quant_conv", seed=0)
+    assert {value.name for value in model.graph.value_info} & {"w", "unrelated"} == {"unrelated"}
+
+
+def test_remarks_on_changed_functions_and_warnings_of_other_operators() -> None:
+    lines = ["Resize x r s z -> y", "TesselQuant y -> q", "TesselDequant q d -> out"]
+    empty, one = np.zeros(0, np.float32), packed(np.ones(1, np.float32))
+    tensors: dict[str, Array] = {"r": empty, "s": empty, "z": np.array([1, 2, 8, 8]), "d": one}
+    model = model_of(lines, inputs={"x": (1, 2, 4, 4)}, outputs=["out"], tensors=tensors)
+    model.graph.node[0].attribute.append(helper.make_attribute("mode", "linear"))
+    model.graph.node.append(helper.make_node("Conv", ["out", "w"], ["conv"], domain="com.example"))
+    report = run(model, ["replace_resize_quant", "quant_conv"])
+    assert report.steps[0].remarks == ["1 Resize of mode linear became nearest: the function changes"]
+    assert report.warnings == ["1 node is of com.example::Conv, which patterns take for the standard Conv"]
+    assert "the whole weight" in str(run(joined(KNOWN), "delete_concat", finish=False))
