@@ -11,6 +11,7 @@ from onnxgraft.comparison.matching_nodes import NodeMatching
 from onnxgraft.comparison.outline import Outline
 from onnxgraft.comparison.regions import group, neighbours
 from onnxgraft.comparison.result import GraphDiff, NodeChange, Region, RegionSide, ValueChange
+from onnxgraft.graph.surroundings import Surroundings
 from onnxgraft.report.node_texts import attribute_text, value_text
 from onnxgraft.report.records import NodeText
 
@@ -60,14 +61,11 @@ class _SideTeller:
         self._side = side
         graph = side.graph
         self._values = {v.name: v for values in (graph.value_info, graph.output, graph.input) for v in values}
-        self._readers: dict[str, list[int]] = {}
-        for index, node in enumerate(side.nodes):
-            for name in set(node.input):
-                self._readers.setdefault(name, []).append(index)
+        self._around = Surroundings(graph)
 
     def tell(self, nodes: Sequence[int]) -> RegionSide:
         texts = tuple(NodeText.of(self._side.nodes[index], index) for index in nodes)
-        around = neighbours(self._side, self._readers, nodes, _MOST_NEIGHBOURS)
+        around = neighbours(self._side, self._around, nodes, _MOST_NEIGHBOURS)
         names = dict.fromkeys(name for node in texts for name in (*node.inputs, *node.outputs) if name)
         return RegionSide(
             texts,

@@ -5,6 +5,7 @@ from __future__ import annotations
 from collections.abc import Iterable, Sequence
 
 from onnxgraft.comparison.outline import Outline
+from onnxgraft.graph.surroundings import Surroundings
 
 
 class Groups:
@@ -63,11 +64,11 @@ def _place(region: tuple[list[int], list[int]]) -> tuple[int, int]:
     return (before or after)[0], (after or before)[0]
 
 
-def neighbours(side: Outline, readers: dict[str, list[int]], nodes: Sequence[int], most: int) -> Iterable[int]:
+def neighbours(side: Outline, around: Surroundings, nodes: Sequence[int], most: int) -> Iterable[int]:
     """Nodes next to a region, in graph order; at most `most`."""
     own = set(nodes)
     found = {side.writers.get(name) for index in nodes for name in side.nodes[index].input}
     for index in nodes:
         for name in side.nodes[index].output:
-            found.update(readers.get(name, ())[:most] if name else ())
+            found.update(around.readers(name)[:most] if name else ())
     return sorted(index for index in found - own if index is not None)[:most]

@@ -8,6 +8,8 @@ from typing import Any
 import onnx
 from onnx import helper
 
+from onnxgraft.graph.surroundings import Surroundings
+
 # These hand the elements of their first input on.
 _PASSING = {"Cast", "Identity", "Reshape", "Flatten", "Unsqueeze", "Squeeze", "Transpose", "Slice", "Expand", "Dropout"}
 # These keep the shape as well.
@@ -18,11 +20,9 @@ class Readers:
     """The nodes of a graph by the tensors that they read, and the shapes of its constants."""
 
     def __init__(self, graph: onnx.GraphProto) -> None:
-        self._readers: dict[str, list[onnx.NodeProto]] = {}
+        self._around = Surroundings(graph)
         self._dims: dict[str, tuple[int, ...]] = {tensor.name: tuple(tensor.dims) for tensor in graph.initializer}
         for node in graph.node:
-            for name in dict.fromkeys(node.input):
-                self._readers.setdefault(name, []).append(node)
             if node.op_type == "Constant" and node.attribute and node.attribute[0].name == "value":
                 self._dims[node.output[0]] = tuple(node.attribute[0].t.dims)
             elif node.op_type in {"Identity", "Transpose"} and node.input and node.input[0] in self._dims:
@@ -59,7 +59,7 @@ class Readers:
         todo, seen = [name], {name}
         while todo:
             tensor = todo.pop()
-            for node in self._readers.get(tensor, ()):
+            for node in (self._around.nodes[index] for index in self._around.readers(tensor)):
                 yield tensor, node
                 if node.op_type in passing and node.input[0] == tensor and node.output[0] not in seen:
                     seen.add(node.output[0])
