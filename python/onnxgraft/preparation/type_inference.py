@@ -16,18 +16,26 @@ from onnxgraft.graph.tensor_values import read_values
 
 LOG = logging.getLogger(__name__)
 
+# Before this version of the file format an initializer had to be listed among the graph's inputs.
+_FIRST_IR_WITHOUT_LISTING = 4
+
 # Larger initializers are no shapes.
 _LARGEST_SHAPE = 1024
 
 
+def lists_initializers(model: ModelProto) -> bool:
+    """Whether the file format asks for each initializer as an input; otherwise a caller may set those that are."""
+    return 0 < model.ir_version < _FIRST_IR_WITHOUT_LISTING
+
+
 def inferred_values(model: ModelProto, folder: str) -> list[ValueInfoProto]:
-    """The entries that `value_info` has or could have; those it has if the inference fails."""
+    """The entries that `value_info` and the outputs have or could have; those it has if the inference fails."""
     try:
         inferred = shape_inference.infer_shapes(_outline(model, folder), data_prop=True)
     except (shape_inference.InferenceError, RuntimeError, ValueError) as error:
         LOG.warning("shapes are not inferred: %s", " ".join(str(error).split()))
         return list(model.graph.value_info)
-    return list(inferred.graph.value_info)
+    return [*inferred.graph.value_info, *inferred.graph.output]
 
 
 def _outline(model: ModelProto, folder: str) -> ModelProto:
@@ -41,8 +49,9 @@ def _outline(model: ModelProto, folder: str) -> ModelProto:
     outline.graph.value_info.extend(model.graph.value_info)
     outline.graph.sparse_initializer.extend(model.graph.sparse_initializer)
     listed = {value.name for value in model.graph.input}
+    settable = set() if lists_initializers(model) else listed
     for tensor in model.graph.initializer:
-        small = _small_copy(tensor, folder)
+        small = _small_copy(tensor, folder) if tensor.name not in settable else None
         if small is not None:
             outline.graph.initializer.append(small)
         elif tensor.name not in listed:

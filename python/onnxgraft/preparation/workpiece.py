@@ -15,13 +15,11 @@ from onnx import GraphProto, ModelProto, NodeProto, TensorProto, TypeProto, Valu
 
 from onnxgraft.graph.names import all_names, body_reads
 from onnxgraft.graph.tensor_values import Array, read_values
-from onnxgraft.preparation.type_inference import inferred_values
+from onnxgraft.preparation.type_inference import inferred_values, lists_initializers
 
 if TYPE_CHECKING:
     from onnxgraft.io.weight_store import WeightStore
 
-# Before this version of the file format an initializer had to be listed among the graph's inputs.
-_FIRST_IR_WITHOUT_LISTING = 4
 
 STANDARD_DOMAINS = frozenset({"", "ai.onnx"})
 
@@ -48,7 +46,7 @@ class Workpiece:
         self.model = model if isinstance(model, ModelProto) else None
         self.graph = model.graph if isinstance(model, ModelProto) else model
         self.folder = os.fspath(folder) if folder is not None else "."
-        old_format = self.model is not None and 0 < self.model.ir_version < _FIRST_IR_WITHOUT_LISTING
+        old_format = self.model is not None and lists_initializers(self.model)
         self._inputs_are_constant = old_format
         self.lists_initializers = old_format or (self.model is None and self._all_listed())
         self._inferred: list[ValueInfoProto] | None = None
@@ -88,7 +86,7 @@ class Workpiece:
 
     def types(self) -> dict[str, TypeProto.Tensor]:
         """Element type and shape of each tensor for which they are known."""
-        values = [*self.inferred(), *self.graph.output, *self.graph.input]
+        values = [*self.graph.output, *self.inferred(), *self.graph.input]
         return {value.name: value.type.tensor_type for value in values if value.type.HasField("tensor_type")}
 
     def fresh_names(self) -> Callable[[str], str]:

@@ -52,7 +52,7 @@ def test_a_file_of_ones_own(tmp_path: Path) -> None:
         ("[a]\ntransformations = []", "key 'transformations': the list is empty"),
         ('[a]\ntransformations = "quant_conv"', "key 'transformations': wanted a list of names"),
         ('[a]\ntransformations = ["quant_con"]', r"unknown name 'quant_con'; did you mean quant_conv\b.*\?"),
-        (f'[a]\n{GOOD}prepare = ["sort"]', "key 'prepare': unknown name 'sort'; the steps are sort_nodes, "),
+        (f'[a]\n{GOOD}prepare = ["sort"]', "key 'prepare': unknown name 'sort'; the steps are inline_functions, "),
         (f"[a]\n{GOOD}until_stable = 1", "key 'until_stable': wanted true or false, not 1"),
         (f"[a]\n{GOOD}transformation = 1", r"recipe 'a': unknown key 'transformation'; did you mean transformations\?"),
     ],
