@@ -19,7 +19,7 @@ from typing import TYPE_CHECKING, Any
 
 if TYPE_CHECKING:
     from onnxgraft.calibration import Calibration, calibrate
-    from onnxgraft.catalogue import register, transformations
+    from onnxgraft.catalogue import load_rule_file, register, transformations
     from onnxgraft.comparison import diff
     from onnxgraft.engine import Report, TransformationError, rewrite
     from onnxgraft.errors import (
@@ -31,11 +31,13 @@ if TYPE_CHECKING:
         ReportError,
         UnknownNameError,
         UnknownTransformationError,
+        WrongUsageError,
     )
-    from onnxgraft.matching import explain, find
+    from onnxgraft.matching import PatternText, explain, find, pattern_of
     from onnxgraft.preparation import PreparationError, prepare
     from onnxgraft.recipe_book import Recipe, RecipeFileError, UnknownRecipeError, recipes
-    from onnxgraft.selfcheck import check_transformation
+    from onnxgraft.rules import Rule, RuleFileError, load_rules
+    from onnxgraft.selfcheck import check_rule, check_transformation
     from onnxgraft.verification import verify
 
 __all__ = [
@@ -44,21 +46,29 @@ __all__ = [
     "DataError",
     "HostError",
     "ModelFileError",
+    "PatternText",
     "PreparationError",
     "Recipe",
     "RecipeFileError",
     "RegistrationError",
     "Report",
     "ReportError",
+    "Rule",
+    "RuleFileError",
     "TransformationError",
     "UnknownNameError",
     "UnknownRecipeError",
     "UnknownTransformationError",
+    "WrongUsageError",
     "calibrate",
+    "check_rule",
     "check_transformation",
     "diff",
     "explain",
     "find",
+    "load_rule_file",
+    "load_rules",
+    "pattern_of",
     "prepare",
     "recipes",
     "register",
@@ -70,7 +80,7 @@ __all__ = [
 # Where each name comes from.
 _HOMES = {
     "calibration": ("Calibration", "calibrate"),
-    "catalogue": ("register", "transformations"),
+    "catalogue": ("load_rule_file", "register", "transformations"),
     "comparison": ("diff",),
     "engine": ("Report", "TransformationError", "rewrite"),
     "errors": (
@@ -82,11 +92,13 @@ _HOMES = {
         "ReportError",
         "UnknownNameError",
         "UnknownTransformationError",
+        "WrongUsageError",
     ),
-    "matching": ("explain", "find"),
+    "matching": ("PatternText", "explain", "find", "pattern_of"),
     "preparation": ("PreparationError", "prepare"),
     "recipe_book": ("Recipe", "RecipeFileError", "UnknownRecipeError", "recipes"),
-    "selfcheck": ("check_transformation",),
+    "rules": ("Rule", "RuleFileError", "load_rules"),
+    "selfcheck": ("check_rule", "check_transformation"),
     "verification": ("verify",),
 }
 # Without it Python would print warnings of a program that has not set logging up.

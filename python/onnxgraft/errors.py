@@ -21,8 +21,12 @@ class RegistrationError(HostError):
     """A class that cannot be a transformation of the catalogue, or code of a user's that cannot be loaded."""
 
 
-class UnknownNameError(HostError):
-    """A name that nothing has. For the command line this is wrong usage."""
+class WrongUsageError(HostError):
+    """Arguments that cannot be meant; nothing was done."""
+
+
+class UnknownNameError(WrongUsageError):
+    """A name that nothing has."""
 
 
 class UnknownTransformationError(UnknownNameError):

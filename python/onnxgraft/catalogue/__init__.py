@@ -5,9 +5,11 @@ from onnxgraft.catalogue.registry import (
     ENTRY_POINT_GROUP,
     Transformation,
     find_row,
+    load_rule_file,
     load_user_code,
     register,
     rows,
+    short_names,
     transformations,
 )
 
@@ -19,9 +21,11 @@ __all__ = [
     "Transformation",
     "find_row",
     "intercepted",
+    "load_rule_file",
     "load_user_code",
     "pairs_of",
     "register",
     "rows",
+    "short_names",
     "transformations",
 ]

@@ -10,6 +10,7 @@ import difflib
 import functools
 import inspect
 import logging
+import os
 import types
 from collections.abc import Mapping
 from dataclasses import dataclass
@@ -23,6 +24,7 @@ from onnxgraft.abstract_transformation import AbstractTransformation
 from onnxgraft.catalogue.interception import Pair, pairs_of
 from onnxgraft.catalogue.user_code import import_user_code
 from onnxgraft.errors import RegistrationError, UnknownTransformationError
+from onnxgraft.rules import class_of, library, load_rules
 
 ENTRY_POINT_GROUP = "onnxgraft.transformations"
 
@@ -103,15 +105,23 @@ def transformations() -> dict[str, type[Any]]:
     return {name: row.cls for name, row in rows().items()}
 
 
+def short_names() -> tuple[str, ...]:
+    """All names that `find_row` knows: those of `rows`, then the rules of the package's library."""
+    return tuple(dict.fromkeys((*rows(), *library())))
+
+
 def find_row(name: str) -> Transformation:
-    """The transformation of that short name.
+    """The transformation of that short name, or the rule of the package's library.
 
     Raises:
         UnknownTransformationError: There is none; the message names similar ones.
     """
     known = rows()
     if name not in known:
-        raise UnknownTransformationError(name, difflib.get_close_matches(name.lower(), known, n=3, cutoff=0.7))
+        rule = library().get(name)
+        if rule is not None:
+            return Transformation(name, rule)
+        raise UnknownTransformationError(name, difflib.get_close_matches(name.lower(), short_names(), n=3, cutoff=0.7))
     return known[name]
 
 
@@ -135,6 +145,22 @@ def register(cls: _Class) -> _Class:
         raise RegistrationError(f"{_label(cls)}: the short name '{name}' is taken by {_place(taken.cls)}")
     _registry()[name] = Transformation(name, cls)
     return cls
+
+
+def load_rule_file(path: str | os.PathLike[str]) -> tuple[str, ...]:
+    """Registers the rules of a TOML file, each as a transformation of its name.
+
+    Returns:
+        The names.
+
+    Raises:
+        RuleFileError: The file cannot be read, or something in it is not a rule. Nothing is registered then.
+        RegistrationError: A name is taken by another transformation.
+    """
+    classes = [class_of(rule) for rule in load_rules(path).values()]
+    for cls in classes:
+        register(cls)
+    return tuple(cls.rule.name for cls in classes)
 
 
 def load_user_code(path_or_module: str) -> tuple[str, ...]:

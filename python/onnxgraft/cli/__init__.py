@@ -14,7 +14,7 @@ from collections.abc import Sequence
 
 from onnxgraft.cli.options import WRONG_USAGE
 from onnxgraft.cli.parser import parse
-from onnxgraft.errors import HostError, UnknownNameError
+from onnxgraft.errors import HostError, WrongUsageError
 
 FAILED = 1
 INTERRUPTED = 130
@@ -46,7 +46,7 @@ def main(arguments: Sequence[str] | None = None) -> int:
 def _verdict(error: BaseException) -> tuple[int, str]:
     """The exit code and the message."""
     match error:
-        case UnknownNameError():
+        case WrongUsageError():
             return WRONG_USAGE, str(error)
         case HostError():
             return FAILED, str(error)

@@ -5,11 +5,12 @@ from __future__ import annotations
 import argparse
 from collections.abc import Callable
 from contextlib import ExitStack
-from typing import Literal
+from typing import Any, Literal
 
 import onnx
 
 from onnxgraft.cli import chosen, consoles, model_output
+from onnxgraft.cli.interactive import asking
 from onnxgraft.cli.text_output import TextOutput
 from onnxgraft.engine import Report, rewrite
 from onnxgraft.io import model_files
@@ -51,12 +52,17 @@ def _rewrite(
     options: argparse.Namespace, model: onnx.ModelProto, store: WeightFile | None, show: Callable[[str], object]
 ) -> Report:
     recipe = chosen.recipe(options)
+    selection: Any = options.transformation if recipe is None else recipe
+    if options.pattern is not None:
+        selection = chosen.rows(options)
+    if options.interactive:
+        selection = asking(selection if recipe is None else recipe.transformations)
     details: Literal["counts", "nodes", "neighbours"] = "counts"
     if options.report is not None:
         details = "nodes" if options.report.suffix.lower() == ".json" else "neighbours"
     report = rewrite(
         model,
-        options.transformation if recipe is None else recipe,
+        selection,
         seed=options.seed,
         until_stable=options.until_stable,
         prepare=options.prepare,

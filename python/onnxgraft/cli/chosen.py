@@ -7,6 +7,7 @@ from collections.abc import Mapping
 
 from onnxgraft.catalogue import Transformation, find_row
 from onnxgraft.recipe_book import Recipe, find_recipe, load_recipes
+from onnxgraft.rules import class_of, rule_of_lists
 
 
 def own_recipes(options: argparse.Namespace) -> Mapping[str, Recipe]:
@@ -32,11 +33,16 @@ def recipe(options: argparse.Namespace) -> Recipe | None:
 
 
 def rows(options: argparse.Namespace) -> list[Transformation]:
-    """What `--transformation` or `--recipe` names, without what `--skip` names, each once.
+    """What `--transformation`, `--recipe` or `--pattern` asks for, without what `--skip` names, each once.
 
     Raises:
         UnknownNameError: There is no transformation or recipe of a name.
+        WrongUsageError: The lists of `--pattern` and `--replacement` do not follow the notation.
     """
+    if options.pattern is not None:
+        kept = [f"#{number}" for number in range(len(options.pattern))]
+        replacement = kept if options.replacement is None else options.replacement
+        return [Transformation("pattern", class_of(rule_of_lists(options.pattern, replacement)))]
     named = recipe(options)
     skipped = {find_row(name).name for name in options.skip}
     names = dict.fromkeys(options.transformation if named is None else named.transformations)

@@ -12,15 +12,21 @@ from rich.table import Table
 from onnxgraft.cli import chosen, consoles, found_model
 from onnxgraft.matching import find
 
+NONE_FOUND = 4  # with `--fail-if-none`
+
 
 def run(options: argparse.Namespace) -> int:
     """Shows each match with its nodes."""
     rows = chosen.rows(options)
     model = found_model.read(options)
     matches = [match for row in rows for match in find(model, row)]
+    code = NONE_FOUND if options.fail_if_none and not matches else 0
     if options.json:
         consoles.say(json.dumps([asdict(match) for match in matches], indent=1))
-        return 0
+        return code
+    if options.count:
+        consoles.say(str(len(matches)))
+        return code
     table = Table("Transformation", "Pattern", "Nodes", box=box.SIMPLE)
     nodes = model.graph.node
     for match in matches:
@@ -30,4 +36,4 @@ def run(options: argparse.Namespace) -> int:
     if matches:
         console.print(table)
     console.print(f"{len(matches)} match{'' if len(matches) == 1 else 'es'}")
-    return 0
+    return code

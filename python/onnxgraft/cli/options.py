@@ -86,6 +86,14 @@ def user_code() -> Parser:
         metavar="FILE.py|MODULE",
         help="import this first, so that it can register transformations; may be given several times",
     )
+    group.add_argument(
+        "--rule-file",
+        action="append",
+        default=[],
+        type=Path,
+        metavar="FILE.toml",
+        help="take rules from this file too, each by its name; may be given several times",
+    )
     return group
 
 
@@ -129,6 +137,12 @@ def chosen_transformations() -> Parser:
         help="short name of a transformation (see `onnxgraft list`); may be given several times",
     )
     choice.add_argument("--recipe", metavar="NAME", help="the transformations of a recipe (see `onnxgraft recipes`)")
+    choice.add_argument(
+        "--pattern", nargs="+", metavar="NODE", help='a pattern, one string a node: "Conv:0,1i,2i->3" "Relu:3->4"'
+    )
+    group.add_argument(
+        "--replacement", nargs="*", metavar="NODE", help="what takes the place of --pattern (default: all of it stays)"
+    )
     group.add_argument(
         "--skip",
         action="append",

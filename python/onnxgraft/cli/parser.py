@@ -18,6 +18,10 @@ def parse(arguments: Sequence[str] | None) -> argparse.Namespace:
     options = make_parser().parse_args(arguments)
     if options.command == "apply" and options.output is None and not options.dry_run:
         options.parser.error("-o/--output, the model to write, or --dry-run is required")
+    if getattr(options, "replacement", None) is not None and options.pattern is None:
+        options.parser.error("--replacement goes with --pattern")
+    if options.command == "apply" and options.pattern is not None and options.replacement is None:
+        options.parser.error("--pattern needs --replacement; `onnxgraft find` shows where it matches")
     return options
 
 
@@ -36,7 +40,9 @@ def make_parser() -> argparse.ArgumentParser:
         made.set_defaults(parser=made, load=[])
         return made
 
-    command("list", "show the transformations", code)
+    command("list", "show the transformations", code).add_argument(
+        "--rules", action="store_true", help="show the rules that come with the package, and those of --rule-file"
+    )
     show = command("show", "draw the patterns of a transformation", code)
     show.add_argument("name", metavar="NAME", help="short name of a transformation (see `onnxgraft list`)")
     command("recipes", "show the recipes: transformations for a family of networks", code, recipes)
@@ -59,7 +65,7 @@ def make_parser() -> argparse.ArgumentParser:
         help="leave this step out; may be given several times",
     )
 
-    command(
+    find = command(
         "find",
         "show where patterns match, and change nothing",
         options.one_model(),
@@ -69,6 +75,8 @@ def make_parser() -> argparse.ArgumentParser:
         recipes,
         epilog="Each transformation is looked for in the prepared model, not in what the ones before would leave.",
     )
+    find.add_argument("--count", action="store_true", help="print the number of matches only")
+    find.add_argument("--fail-if-none", action="store_true", help="end with code 4 if nothing matches")
     command(
         "explain",
         "say why patterns do not match, or matches are refused",
@@ -103,6 +111,21 @@ def make_parser() -> argparse.ArgumentParser:
             data_options.image_options(),
             epilog="DATA: an .npz or .npy file, a folder of them by input name, a folder of images, or random:N, which"
             " says little about a trained model.",
+        )
+    )
+    _add_pattern_options(
+        command(
+            "pattern",
+            "write the pattern of nodes of a model, to paste into --pattern or a rule file",
+            options.one_model(),
+            options.as_json(),
+        )
+    )
+    _add_check_options(
+        command(
+            "check",
+            "try rules or transformations on random graphs, and compare numbers where they keep the function",
+            epilog="Ends with code 3 if something is wrong.",
         )
     )
 
@@ -145,6 +168,32 @@ def make_parser() -> argparse.ArgumentParser:
     )
     diff.add_argument("--force", action="store_true", help="overwrite existing files")
     return parser
+
+
+def _add_pattern_options(pattern: argparse.ArgumentParser) -> None:
+    pattern.add_argument(
+        "--nodes", nargs="+", default=[], metavar="NAME", help="names of nodes, or of the tensors that they write"
+    )
+    pattern.add_argument("--from", dest="start", metavar="TENSOR", help="with --to: all nodes on the ways between")
+    pattern.add_argument("--to", dest="end", metavar="TENSOR", help="the tensor where the ways end")
+    pattern.add_argument("--toml", action="store_true", help="write a rule to fill in, with the attributes found")
+    pattern.add_argument(
+        "--prepare", action="store_true", help="look at the prepared model, as `find` and `apply` see it"
+    )
+
+
+def _add_check_options(check: argparse.ArgumentParser) -> None:
+    check.add_argument("file", metavar="FILE.toml|FILE.py|MODULE", help="a rule file, or code that registers classes")
+    check.add_argument(
+        "--graphs", type=whole_number(1), default=200, metavar="N", help="how many random graphs (default: 200)"
+    )
+    check.add_argument("--seed", type=whole_number(0), default=0, metavar="N", help="their seed (default: 0)")
+    check.add_argument(
+        "--only", action="append", default=[], metavar="NAME", help="check this one only; may be given several times"
+    )
+    check.add_argument(
+        "--counterexamples", type=Path, metavar="FOLDER", help="write the graph of each finding as a model"
+    )
 
 
 def _add_calibrate_options(calibrate: argparse.ArgumentParser) -> None:
@@ -190,6 +239,9 @@ def _add_calibrate_options(calibrate: argparse.ArgumentParser) -> None:
 
 
 def _add_apply_options(apply: argparse.ArgumentParser) -> None:
+    apply.add_argument(
+        "--interactive", action="store_true", help="show each occurrence and ask whether to replace it (y, n, a, q)"
+    )
     apply.add_argument("--until-stable", action="store_true", help="repeat until the graph does not change any more")
     apply.add_argument(
         "--no-finish",

@@ -38,5 +38,7 @@ def begin(options: argparse.Namespace) -> None:
     logger.addHandler(_Handler())
     logger.setLevel(logging.ERROR if options.quiet else _LEVELS[min(options.verbose, len(_LEVELS) - 1)])
     consoles.set_quiet(options.quiet)
+    for path in getattr(options, "rule_file", ()):
+        catalogue.load_rule_file(path)
     for name in options.load:
         catalogue.load_user_code(name)

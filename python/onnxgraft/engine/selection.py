@@ -39,11 +39,11 @@ def recipe_of(selection: Selection) -> Recipe | None:
 
     if isinstance(selection, recipe_book.Recipe):
         return selection
-    if not isinstance(selection, str) or selection in catalogue.rows():
+    if not isinstance(selection, str) or selection in catalogue.short_names():
         return None
     found = recipe_book.recipes().get(selection)
     if found is None:
-        known = [*catalogue.rows(), *recipe_book.recipes()]
+        known = [*catalogue.short_names(), *recipe_book.recipes()]
         raise UnknownTransformationError(
             selection, difflib.get_close_matches(selection.lower(), known, n=3, cutoff=0.7)
         )

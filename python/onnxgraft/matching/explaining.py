@@ -11,7 +11,7 @@ from onnxgraft.catalogue import Transformation
 from onnxgraft.catalogue.notation import read_pair
 from onnxgraft.graph.surroundings import Surroundings
 from onnxgraft.matching import hints
-from onnxgraft.matching.subject import graph_of, subject_of
+from onnxgraft.matching.subject import Lists, graph_of, subject_of
 
 
 @dataclass(frozen=True)
@@ -49,7 +49,7 @@ _WITH_INPUT = frozenset({"input_omitted", "not_initializer", "rest_not_initializ
 
 def explain(
     graph: onnx.ModelProto | onnx.GraphProto,
-    transformation: str | type[AbstractTransformation] | AbstractTransformation | Transformation,
+    transformation: str | type[AbstractTransformation] | AbstractTransformation | Transformation | Lists,
 ) -> list[Explanation]:
     """Tells for every pattern of a transformation how often it matches, or why it does not.
 
@@ -58,7 +58,8 @@ def explain(
 
     Args:
         graph: The graph, or a model for its graph.
-        transformation: A short name, a class, an instance or a row of the catalogue.
+        transformation: A short name, a class, an instance or a row of the catalogue; a pattern, such as
+            `["Conv:0,1i->2", "Relu:2->3"]`; or a pattern and its replacement, two lists.
 
     Returns:
         One explanation per pattern, in the order of the patterns.

@@ -9,7 +9,7 @@ import onnx
 from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences
 from onnxgraft.catalogue import Transformation
 from onnxgraft.graph.surroundings import node_text
-from onnxgraft.matching.subject import graph_of, subject_of
+from onnxgraft.matching.subject import Lists, graph_of, subject_of
 
 
 @dataclass(frozen=True)
@@ -29,7 +29,7 @@ class Match:
 
 def find(
     graph: onnx.ModelProto | onnx.GraphProto,
-    transformation: str | type[AbstractTransformation] | AbstractTransformation | Transformation,
+    transformation: str | type[AbstractTransformation] | AbstractTransformation | Transformation | Lists,
 ) -> list[Match]:
     """The occurrences of every pattern of a transformation, without replacing anything.
 
@@ -39,7 +39,8 @@ def find(
 
     Args:
         graph: The graph, or a model for its graph; nested bodies are not searched.
-        transformation: A short name, a class, an instance or a row of the catalogue.
+        transformation: A short name, a class, an instance or a row of the catalogue; a pattern, such as
+            `["Conv:0,1i->2", "Relu:2->3"]`; or a pattern and its replacement, two lists.
 
     Returns:
         The matches pattern by pattern, in the order in which a run would replace them.

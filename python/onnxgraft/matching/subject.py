@@ -4,13 +4,17 @@ from __future__ import annotations
 
 import copy
 import inspect
+from collections.abc import Sequence
 from dataclasses import dataclass
-from typing import Any
+from typing import Any, TypeAlias
 
 import onnx
 
 from onnxgraft.abstract_transformation import AbstractTransformation
 from onnxgraft.catalogue import Pair, Transformation, find_row, pairs_of
+
+# A pattern; or a pattern and its replacement.
+Lists: TypeAlias = "Sequence[str] | tuple[Sequence[str], Sequence[str]]"
 
 
 @dataclass(frozen=True)
@@ -21,8 +25,8 @@ class Subject:
     pairs: tuple[Pair, ...]
 
 
-def subject_of(transformation: str | type[Any] | AbstractTransformation | Transformation) -> Subject:
-    """The name and the pairs of a short name, a class, an instance or a row of the catalogue.
+def subject_of(transformation: str | type[Any] | AbstractTransformation | Transformation | Sequence[Any]) -> Subject:
+    """The name and the pairs of a short name, a class, an instance or a row of the catalogue; or of lists as they are.
 
     Raises:
         UnknownTransformationError: No transformation has that short name.
@@ -30,6 +34,8 @@ def subject_of(transformation: str | type[Any] | AbstractTransformation | Transf
     """
     if isinstance(transformation, str):
         transformation = find_row(transformation)
+    if isinstance(transformation, list | tuple):
+        return Subject("pattern", (_pair_of_lists(transformation),))
     if isinstance(transformation, Transformation):
         return Subject(transformation.name, transformation.pairs)
     if isinstance(transformation, AbstractTransformation):
@@ -39,6 +45,14 @@ def subject_of(transformation: str | type[Any] | AbstractTransformation | Transf
     raise TypeError(
         f"a short name, a class or an instance of AbstractTransformation is wanted, not {type(transformation).__name__}"
     )
+
+
+def _pair_of_lists(lists: Sequence[Any]) -> Pair:
+    """A pattern, whose replacement keeps every node, so that all that matches counts; or both lists."""
+    if len(lists) == 2 and not any(isinstance(one, str) for one in lists):
+        pattern, replacement = lists
+        return tuple(pattern), tuple(replacement)
+    return tuple(lists), tuple(f"#{number}" for number in range(len(lists)))
 
 
 def graph_of(graph: onnx.ModelProto | onnx.GraphProto) -> onnx.GraphProto:

@@ -12,7 +12,7 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
 
-from onnxgraft.catalogue import rows
+from onnxgraft.catalogue import short_names
 from onnxgraft.errors import RecipeFileError
 from onnxgraft.preparation import STEPS
 
@@ -60,7 +60,7 @@ def _recipe(name: str, table: Any, source: str) -> Recipe:
         raise RecipeFileError(f"{where}: unknown key '{key}'; {_instead(key, _KEYS, 'the keys are')}")
     if "transformations" not in table:
         raise RecipeFileError(f"{where}: the key 'transformations' is missing; write the short names to run, in order")
-    transformations = _names(table, "transformations", rows(), where)
+    transformations = _names(table, "transformations", short_names(), where)
     if not transformations:
         raise RecipeFileError(f"{where}, key 'transformations': the list is empty; name at least one")
     return Recipe(

@@ -2,5 +2,6 @@
 
 from onnxgraft.selfcheck.checking import check_transformation
 from onnxgraft.selfcheck.result import CheckResult, SelfCheckError
+from onnxgraft.selfcheck.rule_check import check_rule
 
-__all__ = ["CheckResult", "SelfCheckError", "check_transformation"]
+__all__ = ["CheckResult", "SelfCheckError", "check_rule", "check_transformation"]

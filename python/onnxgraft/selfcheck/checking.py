@@ -21,7 +21,8 @@ from onnxgraft.selfcheck.shrinking import shrunk
 
 _VALUES = re.compile(r"\{[^{}\n]{40,}\}")  # of tensors, where they are too many to read
 _HARMLESS = ("unread",)  # problems worth a note only
-_ENOUGH = 20  # graphs after which a pattern should have occurred, and a callback should not always have raised
+_ENOUGH = 20  # graphs after which a pattern should have occurred
+_ENOUGH_RAISED = 5  # graphs with an occurrence after which a callback should not always have raised
 
 
 def check_transformation(
@@ -51,8 +52,11 @@ def check_transformation(
         The findings, each with the smallest graph that shows it, and notes.
 
     Raises:
-        TypeError: `cls` is no subclass of AbstractTransformation.
+        TypeError: `cls` is not a subclass of AbstractTransformation.
+        ValueError: `graphs` is negative.
     """
+    if graphs < 0:
+        raise ValueError(f"graphs has to be 0 or more, not {graphs}")
     if not inspect.isclass(cls) or not issubclass(cls, AbstractTransformation):
         raise TypeError(f"a subclass of AbstractTransformation is wanted, not {cls!r}")
     try:
@@ -97,7 +101,7 @@ class _Check:
                 self._result.notes.append(sentence)
             else:
                 self._add_finding(identifier, sentence, graph, where)
-        self._judge_all(graphs, enough=1 if examples else _ENOUGH)
+        self._judge_all(graphs, enough=1 if examples else min(graphs, _ENOUGH_RAISED))
         return self._result
 
     def _judge(self, graph: GraphProto, where: str) -> None:

@@ -114,6 +114,14 @@ def _extent(f: Furnisher, _quantized: bool, _inputs: int) -> Array:
     return np.array([f.sizes.image], np.int64)
 
 
+def _pads(f: Furnisher, _quantized: bool, _inputs: int) -> Array:
+    return f.integers(np.int64, 0, 1, 8)
+
+
+def _scalar(f: Furnisher, _quantized: bool, _inputs: int) -> Array:
+    return f.floats()
+
+
 def _index(f: Furnisher, _quantized: bool, _inputs: int) -> Array:
     return f.integers(np.int64, 0, 2, 1)
 
@@ -135,6 +143,11 @@ _CONTENTS: Mapping[tuple[str, int], Callable[[Furnisher, bool, int], Array]] = {
     ("Resize", 3): _sizes,
     ("Slice", -1): _index,
     ("Gather", 1): _index,
+    ("Pad", 1): _pads,
+    ("Pad", 2): _scalar,
+    ("Clip", -1): _scalar,
+    ("Dropout", 1): _scalar,
+    ("Dropout", 2): lambda _f, _quantized, _inputs: np.zeros((), np.bool_),
     ("Reshape", 1): _sizes,
     ("Concat", -1): _extent,
 }
@@ -156,6 +169,7 @@ _ATTRIBUTES: Mapping[str, Callable[[Furnisher], dict[str, Any]]] = {
     "Concat": lambda _: {"axis": 1},
     "LeakyRelu": lambda _: {"alpha": 0.125},
     "Resize": lambda _: {"mode": "nearest"},
+    "Transpose": lambda f: {"perm": f.rng.sample(range(4), 4)},
     "Cast": lambda _: {"to": onnx.TensorProto.FLOAT},
 }
 

@@ -37,6 +37,7 @@ class Call:
     """One callback: what it said, and whether it wrote to the graph and refused nevertheless."""
 
     accepted: bool
+    said_nothing: bool  # it returned None, as a function without `return` does
     wrote_and_refused: bool
     disturbed: tuple[NodeProto, ...]  # matched nodes that the replacement does not keep
 
@@ -135,15 +136,16 @@ class Runner:
             raise ForcedError
         before = graph.SerializeToString(deterministic=True)
         try:
-            accepted = not self._refuse and bool(
-                self._cls._on_replace_subgraph(instance, graph, nodes, *rest, **keywords)
+            answer = (
+                False if self._refuse else self._cls._on_replace_subgraph(instance, graph, nodes, *rest, **keywords)
             )
         except Exception:
             self._run.raised_in_callback = True
             raise
+        accepted = bool(answer)
         wrote = not accepted and graph.SerializeToString(deterministic=True) != before
         disturbed = tuple(node for k, node in enumerate(nodes) if k not in self._kept)
-        current.calls.append(Call(accepted, wrote, disturbed))
+        current.calls.append(Call(accepted, answer is None, wrote, disturbed))
         return accepted
 
     def _count(self) -> None:

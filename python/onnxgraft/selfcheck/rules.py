@@ -62,6 +62,11 @@ def _refusal(runs: Runs) -> Iterator[str]:
             yield f"apply {found} and changed the graph all the same"
 
 
+def _answer(runs: Runs) -> Iterator[str]:
+    if any(call.said_nothing for call in runs.plain.calls):
+        yield "the callback returned None, which refuses the occurrence: return True to accept it, False to refuse it"
+
+
 def _others(runs: Runs) -> Iterator[str]:
     for run in (runs.plain, runs.refused):
         for one in run.passes:
@@ -108,6 +113,7 @@ def _determinism(runs: Runs) -> Iterator[str]:
 _RULES: dict[str, Callable[[Runs], Iterator[str]]] = {
     "count": _count,
     "refusal": _refusal,
+    "answer": _answer,
     "other nodes": _others,
     "determinism": _determinism,
 }

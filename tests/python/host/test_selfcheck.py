@@ -102,6 +102,7 @@ FAULTS: dict[str, tuple[str, type[AbstractTransformation]]] = {
     "one too many": ("count", faulty(apply=lambda *given: Sound.apply(*given) + 1, on_replace_subgraph=_accept)),
     "no count": ("count", faulty(apply=lambda *given: str(Sound.apply(*given)), on_replace_subgraph=_accept)),
     "edits without a match": ("refusal", faulty(apply=_edit_anyway, on_replace_subgraph=lambda *_: False)),
+    "says nothing": ("answer", faulty(on_replace_subgraph=lambda *_: None)),
     "no end": ("endless", faulty(apply=_again_and_again, on_replace_subgraph=_accept)),
     "cannot match": ("pattern", faulty((["Relu:0->1", "Relu:1->0"], ["#0", "#1"]), on_replace_subgraph=_accept)),
     "no such notation": ("set-up", faulty((["Relu 0->1"], []))),
@@ -129,3 +130,10 @@ def test_sound_transformations_pass_and_leave_the_generator_alone(cls: type[Abst
     assert result.passed, str(result)
     assert result.accepted + result.refused > 0
     result.raise_if_failed()
+
+
+def test_few_graphs_are_enough_to_see_a_callback_that_always_raises() -> None:
+    cls = FAULTS["number for text"][1]
+    assert "always raises" in check_transformation(cls, graphs=20).findings[0]
+    with pytest.raises(ValueError, match="0 or more, not -1"):
+        check_transformation(cls, graphs=-1)
