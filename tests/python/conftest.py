@@ -6,6 +6,8 @@ from pathlib import Path
 import pytest
 from hypothesis import HealthCheck, settings
 
+from onnxgraft.catalogue import registry
+
 # The same examples in every run; `make fuzz` takes the other profile.
 _COMMON = {"deadline": None, "database": None, "suppress_health_check": list(HealthCheck)}
 settings.register_profile("fixed", derandomize=True, max_examples=20, **_COMMON)  # type: ignore[arg-type]
@@ -25,3 +27,10 @@ def repository() -> Path:
 def example_models(repository: Path) -> list[Path]:
     """The exported models that ship with the project."""
     return sorted((repository / "examples/models").glob("*.onnx"))
+
+
+@pytest.fixture
+def own_registry(monkeypatch: pytest.MonkeyPatch) -> None:
+    """What the test registers is gone afterwards."""
+    registered = dict(registry._registry())
+    monkeypatch.setattr(registry, "_registry", lambda: registered)

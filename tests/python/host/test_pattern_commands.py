@@ -13,6 +13,8 @@ from helpers.small_graphs import graph_of, model_of, ones, operators
 from onnxgraft.cli import main
 from onnxgraft.matching import NoPatternError, find, pattern_of
 
+pytestmark = pytest.mark.usefixtures("own_registry")
+
 Capture = pytest.CaptureFixture[str]
 
 

@@ -15,6 +15,8 @@ from onnxgraft.rules.place import Place
 from onnxgraft.rules.values import RefusedError, Scope, Value
 from onnxgraft.selfcheck import check_rule
 
+pytestmark = pytest.mark.usefixtures("own_registry")
+
 PAIR = 'pattern = ["Conv:0,1i->2", "Mul:2,3i->4"]\nreplacement = ["#0:0,100i->4"]\n'
 GOOD = PAIR + 'initializers.100 = { multiply = ["1", "3"] }\n'
 
