@@ -87,7 +87,9 @@ void sort(PyObject* list, std::span<const std::uint32_t> source) {
 }  // namespace
 
 bool is_message_list(PyObject* list) {
-  return std::string_view(Py_TYPE(list)->tp_name) == "google._upb._message.RepeatedCompositeContainer";
+  const std::string_view name = Py_TYPE(list)->tp_name;
+  return name == "google._upb._message.RepeatedCompositeContainer" ||
+         name == "google.protobuf.pyext._message.RepeatedCompositeContainer";  // until protobuf 3.20
 }
 
 void reorder(PyObject* list, std::span<const std::uint32_t> target) {

@@ -57,7 +57,6 @@ std::optional<Py_ssize_t> NameHints::find_known(PyObject* list, PyObject* name) 
   const auto place = entries_.find(hash_of(name));
   if (place == entries_.end()) return std::nullopt;
   Entry& entry = place->second;
-  if (entry.repeated) return walk_to_name(list, name);
   const auto [kind, position] = search(list, name, entry.rank, length(list));
   if (kind != Outcome::Kind::found) return std::nullopt;
   entry.seen_at = position;
@@ -123,19 +122,13 @@ bool NameHints::read_tail(PyObject* list) {
   return true;
 }
 
-/// A name that is known already was either removed and appended again, or now stands there twice.
+/// A name that is known already was removed and appended again; false if it stands there twice.
 bool NameHints::place_appended(PyObject* list, PyObject* name, Py_ssize_t position, const Tail& tail) {
   const auto [place, is_new] = entries_.try_emplace(hash_of(name), Entry{next_rank_, position});
-  Entry& entry = place->second;
-  if (!is_new && !entry.repeated) {
-    if (entry.rank >= tail.first_rank) {
-      entry.repeated = true;
-    } else {
-      const Outcome::Kind old = search(list, name, entry.rank, tail.begin).kind;
-      if (old == Outcome::Kind::unsure) return false;
-      entry.repeated = old == Outcome::Kind::found;
-    }
-    if (!entry.repeated) entry = Entry{next_rank_, position};
+  if (!is_new) {
+    const Py_ssize_t rank = place->second.rank;
+    if (rank >= tail.first_rank || search(list, name, rank, tail.begin).kind != Outcome::Kind::absent) return false;
+    place->second = Entry{next_rank_, position};
   }
   ++next_rank_;
   return true;
@@ -147,14 +140,15 @@ std::optional<Py_ssize_t> NameHints::rebuild(PyObject* list, PyObject* name) {
   shift_ = 0;
   entries_.reserve(static_cast<std::size_t>(length(list)));
   std::optional<Py_ssize_t> found;
-  for (next_rank_ = 0;; ++next_rank_) {
-    const Py_ssize_t position = next_rank_;
-    const Ref own_name = name_at(list, position);
-    if (!own_name) return found;
-    if (!found && equal(own_name, name)) found = position;
-    const auto [entry, is_new] = entries_.try_emplace(hash_of(own_name.get()), Entry{position, position});
-    if (!is_new) entry->second.repeated = true;
+  bool repeated = false;
+  for (next_rank_ = 0; const Ref own_name = name_at(list, next_rank_); ++next_rank_) {
+    if (!found && equal(own_name, name)) found = next_rank_;
+    const bool is_new = entries_.try_emplace(hash_of(own_name.get()), Entry{next_rank_, next_rank_}).second;
+    repeated = repeated || !is_new;
   }
+  // Which of several elements is the first one, no hint tells: as long as there are any, the list is read each time.
+  if (repeated) entries_.clear();
+  return found;
 }
 
 }  // namespace onnxgraft::py

@@ -22,8 +22,7 @@ class NameHints {
  private:
   struct Entry {
     Py_ssize_t rank;
-    Py_ssize_t seen_at;     // position at the last sighting; removals only ever move an element to the left
-    bool repeated = false;  // several elements have this name (or this hash)
+    Py_ssize_t seen_at;  // position at the last sighting; removals only ever move an element to the left
   };
 
   /// What a search by rank came to; `unsure` where the list is not as removals and appending leave it.

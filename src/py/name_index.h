@@ -4,12 +4,11 @@
 // hints are kept for the last few graphs and tested at every use against the list itself: an answer is always
 // read from the list. The hints hold no graph, no record and no text, only hashes of names.
 //
-// The first of equal names counts. Short lists are walked; in longer ones a second element of a name is known
-// if it stood there when the hints were made, was appended, or was inserted so that the first one moved. Two
-// things can go unseen, both only with equal names, which no well-formed graph has: an element that came in front of
-// an equal name by renaming, or for at least as many that went there; and a graph that came to the address of a dead
-// one (see forget_names). The former has no cheap cure: an exchange at a place that is not read leaves all else as it
-// was, so only a look-up that reads every name in front of its answer could tell.
+// The first of equal names counts. Short lists are walked, and so are those in which the hints met a name twice, for
+// as long as it stands there twice. What can go unseen is how a second element of a name comes into a list in which all
+// names differed: by renaming an element before the first one, or in exchange for at least as many that went there. An
+// exchange at a place that is not read leaves all else as it was, so only a look-up that reads every name before its
+// answer could tell, and would cost time in proportion to the graph.
 #pragma once
 
 #include <optional>

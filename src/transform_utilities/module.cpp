@@ -37,8 +37,8 @@ constexpr const char* get_init_documentation =
     "    FileNotFoundError: the file is missing; external_data_folder() says where files are looked up.\n\n"
     "A call takes time in proportion to the number of names, not to the size of the graph, and the answer is right\n"
     "whatever was done to the graph in between. The first of several initializers of one name counts; among more than\n"
-    "24 initializers a later one may be found if, since the last call, the first was renamed to that name, or came\n"
-    "while at least as many others in front of the later one went.";
+    "24 initializers whose names all differed at the last call, a later one may be found if the first was renamed to\n"
+    "that name since, or came while at least as many others before the later one went.";
 
 constexpr py::FunctionRow get_init_row{
     .name = "get_init",

@@ -38,6 +38,37 @@ TEST(PutBack, InFrontOfTheNextOldNodeStillThere) {
   }
 }
 
+TEST(PutInOrder, MovesProducersUpAndNothingElse) {
+  struct Case {
+    const char* what;
+    const char* graph;  // all nodes, those that come new at the end
+    std::size_t old_count;
+    List placed;
+    List expected;
+  };
+  const Case table[] = {
+      {"all in order", "A x -> a; B a -> b; C b -> c; N a -> n", 3, {0, 3, 1, 2}, {0, 3, 1, 2}},
+      {"a producer, with its own",
+       "A x -> a; B y -> b; C b -> c; D z -> d; N c -> n",
+       4,
+       {4, 0, 1, 2, 3},
+       {1, 2, 4, 0, 3}},
+      {"several, in list order", "A x -> a; B y -> b; C z -> c; N c,b,c -> n", 3, {3, 0, 1, 2}, {1, 2, 3, 0}},
+      {"a new producer", "A x -> a; B n -> b; N y -> n", 2, {0, 1, 2}, {0, 2, 1}},
+      {"what old nodes had out of order stays so", "B a -> b; A x -> a; N b -> n", 2, {0, 1, 2}, {0, 1, 2}},
+      {"but not where they were in order", "A x -> a; B a -> b", 2, {1, 0}, {0, 1}},
+      {"what bodies read counts", "A x -> a; N y -> n reads a", 1, {1, 0}, {0, 1}},
+      {"the first writer counts", "A x -> a; B y -> a; N a -> n", 2, {2, 0, 1}, {0, 2, 1}},
+      {"a node that reads what it writes", "A x -> a; N n,a -> n", 1, {1, 0}, {0, 1}},
+  };
+  for (const Case& test : table) {
+    const GraphTable graph = make_graph(test.graph);
+    List before(test.old_count);
+    std::iota(before.begin(), before.end(), NodeIndex{0});
+    EXPECT_EQ(put_in_order(graph, before, test.placed), test.expected) << test.what;
+  }
+}
+
 TEST(PutInOrder, AGraphWithACycleKeepsAllItsNodes) {
   GraphTable table = make_graph("A c -> a; B a -> b; C b -> c");
   const NameId inputs[] = {table.names.intern("c")};

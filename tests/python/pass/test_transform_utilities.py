@@ -100,6 +100,28 @@ def test_the_first_of_equal_names_counts() -> None:
     assert get_init(graph, ("w51",))[0][0] == -1
 
 
+@pytest.mark.parametrize("seed", range(10))
+def test_the_first_of_equal_names_counts_after_any_renaming(seed: int) -> None:
+    """As long as some name stands there twice."""
+    rng = random.Random(seed)
+    graph = graph_of(60)
+    tensors = graph.initializer
+    for step in range(60):
+        place, other = rng.randrange(60), rng.randrange(60)
+        match rng.randrange(4):
+            case 0:
+                tensors[place].name = tensors[other].name
+            case 1:
+                tensors[place].name, tensors[other].name = tensors[other].name, tensors[place].name
+            case 2:
+                tensors[place].name = f"n{step}"
+            case _:
+                tensors.sort(key=lambda t: hash((t.name, place)))
+        tensors[0].name = tensors[-1].name
+        for name in {tensors[rng.randrange(60)].name for _ in range(3)}:
+            assert get_init(graph, (name,))[1][0] is next(t for t in tensors if t.name == name)
+
+
 class FakeGraph:
     """A graph whose initializer list counts how often an element is read."""
 

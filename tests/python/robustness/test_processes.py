@@ -10,8 +10,10 @@ from pathlib import Path
 
 import pytest
 from google.protobuf.internal import api_implementation
+from onnx import GraphProto
 
 from helpers.classes import CLASSES, apply, class_graph
+from onnxgraft import abstract_transformation
 
 
 def digest(name: str, draws: bool = False) -> str:
@@ -43,6 +45,15 @@ def test_hash_seeds_and_the_protobuf_implementation_in_python(implementation: st
     command = [sys.executable, "-c", code]
     run = subprocess.run(command, cwd=Path(__file__).parent, env=environment, capture_output=True, text=True)
     assert run.stdout.strip() == f"{implementation} {digests()}", run.stderr
+
+
+def test_fast_paths_are_on() -> None:
+    """They know protobuf's containers by the names of their types, and another name would turn them off unseen."""
+    is_fast, graph = vars(abstract_transformation)["_is_fast"], GraphProto()
+    expected = api_implementation.Type() != "python"
+    assert [is_fast(field) for field in (graph.node, graph.initializer, graph.value_info)] == [expected] * 3
+    assert not is_fast([])
+    assert not is_fast(graph.node.add().input)
 
 
 def test_threads_with_a_graph_each() -> None:
