@@ -8,22 +8,24 @@ want an initializer there. onnx's own evaluator computes each node.
 from __future__ import annotations
 
 import logging
-from collections.abc import Sequence
+from collections.abc import Mapping, Sequence
 
 import numpy as np
 from onnx import NodeProto, TensorProto, TypeProto, helper
 from onnx.reference import ReferenceEvaluator
 
 from onnxgraft.graph.tensor_values import Array
-from onnxgraft.preparation.workpiece import Workpiece, is_standard
+from onnxgraft.preparation.workpiece import Workpiece, input_of, is_standard
 
 LOG = logging.getLogger(__name__)
 
 # What exporters do to weights. All are exact, or rounded once, in every runtime alike.
 _FOLDED = frozenset(
-    {"Add", "Cast", "Clip", "DequantizeLinear", "Div", "Flatten", "Mul", "QuantizeLinear", "Reshape", "Squeeze", "Sub",
-     "Transpose", "Unsqueeze"}
+    {"Add", "Cast", "CastLike", "Clip", "DequantizeLinear", "Div", "Expand", "Flatten", "Mul", "QuantizeLinear",
+     "Reshape", "Shape", "Squeeze", "Sub", "Transpose", "Unsqueeze"}
 )  # fmt: skip
+# What an `Expand` may make: a bias of one number for all channels, not a whole weight.
+_LARGEST_EXPANDED = 2**16
 
 # onnx's evaluator knows these two from here on; earlier forms mean the same here.
 _QUANTIZED = frozenset({"DequantizeLinear", "QuantizeLinear"})
@@ -41,7 +43,7 @@ def fold_constants(workpiece: Workpiece) -> int:
     """Folds in the order of the nodes, so that chains fold as a whole.
 
     A node stays if the graph returns its output, if its values cannot be read, or if its result has more elements than
-    the largest of its inputs. An initializer that others read too stays for them.
+    the largest of its inputs (`Expand`: than a bias may have). An initializer that others read too stays for them.
     """
     graph, constants, opset = workpiece.graph, workpiece.constants(), workpiece.opset
     if not opset:
@@ -52,22 +54,38 @@ def fold_constants(workpiece: Workpiece) -> int:
     for index, node in enumerate(graph.node):
         if node.op_type not in _FOLDED or not is_standard(node, node.op_type) or len(node.output) != 1:
             continue
-        names = [name for name in node.input if name]
-        if not names or node.output[0] in results or not all(name in constants for name in names):
-            continue
-        value = _computed(node, [workpiece.values(constants[name]) for name in names], opset)
+        value = None if node.output[0] in results else _value(node, workpiece, constants, opset)
         if value is None:
             continue
         workpiece.add_array(value, node.output[0])
         constants[node.output[0]] = graph.initializer[-1]
         folded[index] = node.output[0]
-        read.update(names)
+        read.update(node.input)
     if folded:
         workpiece.remove_nodes(folded)
         workpiece.forget_values(set(folded.values()))
         workpiece.drop_unread(read)
         workpiece.infer_again()
     return len(folded)
+
+
+def _value(node: NodeProto, workpiece: Workpiece, constants: Mapping[str, TensorProto], opset: int) -> Array | None:
+    """What the node writes, if that is known without a value for the graph's inputs."""
+    if node.op_type == "CastLike":
+        like = input_of(node, 1)
+        if input_of(node, 0) not in constants:
+            return None
+        kind = constants[like].data_type if like in constants else workpiece.element_type(like)
+        if kind == TensorProto.UNDEFINED:
+            return None
+        node = helper.make_node("Cast", node.input[:1], node.output, to=kind)
+    names = [name for name in node.input if name]
+    if not names or not all(name in constants for name in names):
+        return None
+    if node.op_type == "Shape":
+        bounds = {attribute.name: attribute.i for attribute in node.attribute}
+        return np.array(constants[names[0]].dims, np.int64)[bounds.get("start") : bounds.get("end")]
+    return _computed(node, [workpiece.values(constants[name]) for name in names], opset)
 
 
 def _computed(node: NodeProto, values: Sequence[Array | None], opset: int) -> Array | None:
@@ -91,7 +109,8 @@ def _computed(node: NodeProto, values: Sequence[Array | None], opset: int) -> Ar
     except Exception as error:  # whatever the evaluator raises: the node stays as it is
         LOG.warning("%s '%s' is not folded: %s", node.op_type, node.output[0], " ".join(str(error).split()))
         return None
-    if value.dtype.kind not in "fiub" or value.size > max(array.size for array in arrays):
+    most = _LARGEST_EXPANDED if node.op_type == "Expand" else max(array.size for array in arrays)
+    if value.dtype.kind not in "fiub" or value.size > most:
         return None
     return value
 

@@ -4,6 +4,7 @@
 - `Pad` by nothing.
 - `Cast` to the type that its input has.
 - `Dropout` of inference, where its mask is not read.
+- `Concat` of one tensor.
 """
 
 from __future__ import annotations
@@ -124,4 +125,5 @@ _CHECKS: dict[str, Callable[[NodeProto, _Facts], bool]] = {
     "Pad": _pads_nothing,
     "Cast": _casts_to_same,
     "Dropout": _drops_nothing,
+    "Concat": lambda node, _: len(node.input) == 1,
 }

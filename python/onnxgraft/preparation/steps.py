@@ -39,7 +39,7 @@ _ALL = (
     Step("resolve_identities", "readers of an Identity read what it reads", resolve_identities),
     Step("fold_transposes", "a Transpose of an initializer becomes an initializer", fold_transposes),
     Step("fold_constants", "what is computed from initializers alone becomes an initializer", fold_constants),
-    Step("drop_no_ops", "readers of a Slice, Pad, Cast or Dropout without effect read its input", drop_no_ops),
+    Step("drop_no_ops", "readers of a Slice, Pad, Cast, Dropout or Concat without effect read its input", drop_no_ops),
     Step("write_conv_group", "a Conv without group gets the default, 1, written out", write_conv_group),
     Step("write_pads", "auto_pad becomes pads, where the lengths are known", write_pads),
     Step("fill_resize_inputs", "omitted roi and scales of a Resize become empty initializers", fill_resize_inputs),

@@ -89,6 +89,11 @@ class Workpiece:
         values = [*self.graph.output, *self.inferred(), *self.graph.input]
         return {value.name: value.type.tensor_type for value in values if value.type.HasField("tensor_type")}
 
+    def element_type(self, name: str) -> int:
+        """Of a tensor that a node writes or a caller gives; 0 if it is not known."""
+        tensor = self.types().get(name)
+        return TensorProto.UNDEFINED if tensor is None else tensor.elem_type
+
     def fresh_names(self) -> Callable[[str], str]:
         """A function that makes a name nothing has out of the one wished for."""
         taken: set[str] = set()

@@ -51,12 +51,14 @@ CASES = {
           y = Resize<mode = "nearest">(x, , , n) z = Resize<mode = "nearest">(x, , s, )
           t = Resize<mode = "linear", coordinate_transformation_mode = "tf_crop_and_resize">(x, roi, one) }""", 2, {}),
     "sizes: one constant of two, for two Resize nodes; returned, it stays, and one of one does": (
-        "split_resize_sizes", 13, "float[1,2,6,8] y, float[1,2,6,8] z, float[1,2,4,2] a, int64[2] hw", """<
+        "split_resize_sizes", 15,
+        "float[1,2,6,8] y, float[1,2,6,8] z, float[1,2,6,8] q, float[1,2,4,2] a, int64[2] hw", """<
           int64[1] zero = {0}, int64[1] two = {2}, int64[1] three = {3}, int64[2] hw = {6, 8}> {
           f = Shape(x) g = Slice(f, zero, two, zero)
           k = Concat<axis = 0>(g, hw) l = Concat<axis = 0>(g, hw) y = Resize<mode = "nearest">(x, , , k)
           z = Resize<mode = "linear">(x, , , l) m = Slice(f, zero, three, zero) n = Concat<axis = 0>(m, two)
-          a = Resize<mode = "nearest">(x, , , n) }""", 2, {}),
+          a = Resize<mode = "nearest">(x, , , n) s = Shape<start = 0, end = 2>(x) o = Concat<axis = 0>(s, hw)
+          q = Resize<mode = "nearest">(x, , , o) }""", 3, {"Shape": 2, "Slice": 3}),
     "means: as attribute; other axes, another rank and dropped axes stay": (
         "pool_means", 13, "float[1,2,1,1] y, float[1,2] z, float[1,1,1,4] t, float[1,1,1] u", """<float[1,2,3] w =
           {1,2,3,4,5,6}> { y = ReduceMean<axes = [-1, 2]>(x) z = ReduceMean<axes = [2, 3], keepdims = 0>(x)
@@ -72,7 +74,7 @@ CASES = {
           int64[8] pads = {0,0,1,0,0,0,0,0}, float half = {0.5}> {
           a = Slice(x, n, most, two) b = Slice(a, low, high, axes) d = Pad(b, none) e = Cast<to = 1>(d)
           f = Dropout(e, half, no) y = Relu(f) r = Slice(y, n, most) g, mask = Dropout(r) i = Cast<to = 6>(g)
-          j = Cast<to = 1>(i) h = Slice(j, n, two, two) q = Pad(g, pads) }""", 6,
+          j = Cast<to = 1>(i) l = Concat<axis = 1>(j) h = Slice(l, n, two, two) q = Pad(g, pads) }""", 7,
         {"Slice": 2, "Cast": 2, "Pad": 1, "Dropout": 1}),
     "computed weights: chains; what grows, and what the graph returns, stays": (
         "fold_constants", 19, "float[1,2,4,4] y, float[2] r, float[2,2] u", """<uint8[2,2] q = {1,255,128,7},
@@ -82,6 +84,11 @@ CASES = {
           m = Mul(g, s) a = Conv(x, v, m) scalar = Squeeze(three, first) axes = Unsqueeze(scalar, first)
           b = Unsqueeze(a, axes) o = Squeeze(b, axes) n = Sub(s, m) f = Div(n, s) p = Reshape(f, form) y = Mul(o, p)
           r = Mul(m, s) grown = Mul(column, s) u = Neg(grown) }""", 10, {"Mul": 3}),
+    "a bias of one number, made for as many channels as the weight has; as large as a weight, it stays": (
+        "fold_constants", 17, "float[1,2,4,4] y, float[64,65,16] z", """<float[2,2,1,1] w = {1, 2, 3, 4},
+          int64 zero = {0}, int64[1] one = {1}, int64[3] many = {64, 65, 16}> {
+          s = Shape<start = 0, end = 1>(w) e = Expand(s, one) h = Relu(x) k = CastLike(zero, h) b = Expand(k, e)
+          y = Conv(h, w, b) grown = Expand(k, many) z = Neg(grown) }""", 4, {"Expand": 1}),
     "fake-quantized weights": (
         "fold_constants", 19, "float[1,2,4,4] y", """<float[2,2,1,1] w = {0.3, -9.0, 0.25, 0.1}, float s = {0.5},
           int8 z = {0}, int8 low = {-5}, int8 high = {5}> { q = QuantizeLinear(w, s, z) k = Clip(q, low, high)
