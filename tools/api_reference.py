@@ -61,7 +61,21 @@ SECTIONS: tuple[tuple[str, str, tuple[str, ...]], ...] = (
     (
         "Evaluating quantized models",
         "onnxgraft.evaluation",
-        ("evaluate", "lower", "Convention", "ForwardRunner", "ForwardRunner.run"),
+        ("evaluate", "answer", "lower", "lower_to_qdq", "Convention", "ForwardRunner", "ForwardRunner.run"),
+    ),
+    (
+        "After each transformation",
+        "onnxgraft.following",
+        (
+            "Follower",
+            "Follower.wants",
+            "Follower.follow",
+            "DoneStep",
+            "DoneStep.splices_of",
+            "DoneStep.old_initializer",
+            "Splice",
+            "Host",
+        ),
     ),
     (
         "Base class of transformations",

@@ -129,6 +129,30 @@ def make_parser() -> argparse.ArgumentParser:
         )
     )
 
+    lower = command(
+        "lower",
+        "write a quantized model in standard operators, so that onnxruntime and other tools compute it",
+        options.one_model(),
+        options.output(required=True),
+        epilog=_DATA_FILE,
+    )
+    lower.add_argument(
+        "--qdq",
+        action="store_true",
+        help="with QuantizeLinear and DequantizeLinear around float operators, not with floats that hold the integers",
+    )
+    _add_run_options(
+        command(
+            "run",
+            "compute a model, quantized or not, and write its outputs",
+            options.one_model(),
+            options.seed("seed of random inputs (default: 0)"),
+            data_options.sizes(),
+            data_options.image_options(),
+            epilog="For several samples, each output is stacked along a new first axis.",
+        )
+    )
+
     verify = command(
         "verify",
         "compare two models by numbers: same inputs, same outputs",
@@ -196,6 +220,42 @@ def _add_check_options(check: argparse.ArgumentParser) -> None:
     )
 
 
+def _add_evaluator(command: argparse.ArgumentParser) -> None:
+    command.add_argument(
+        "--evaluator",
+        choices=("auto", "onnxruntime", "reference"),
+        default="auto",
+        help="what computes the model (default: onnxruntime where it is installed)",
+    )
+
+
+def _add_run_options(run: argparse.ArgumentParser) -> None:
+    run.add_argument(
+        "--inputs",
+        type=data_options.data_or_random,
+        required=True,
+        metavar="DATA",
+        help="an .npz file with an array for each input, a folder of arrays or images, or random:N",
+    )
+    run.add_argument(
+        "-o",
+        "--output",
+        type=options.path_ending_in(".npz"),
+        required=True,
+        metavar="OUT.npz",
+        help="the file to write",
+    )
+    run.add_argument("--force", action="store_true", help="overwrite existing files")
+    run.add_argument(
+        "--tensor",
+        action="append",
+        default=[],
+        metavar="NAME",
+        help="compute this tensor instead of the graph's outputs; may be given several times",
+    )
+    _add_evaluator(run)
+
+
 def _add_calibrate_options(calibrate: argparse.ArgumentParser) -> None:
     calibrate.add_argument(
         "--data", type=data_options.data_or_random, required=True, metavar="DATA", help="the samples to compute"
@@ -224,12 +284,7 @@ def _add_calibrate_options(calibrate: argparse.ArgumentParser) -> None:
         metavar="OTHER.json",
         help="join these ranges of the same model to the new ones; may be given several times",
     )
-    calibrate.add_argument(
-        "--evaluator",
-        choices=("auto", "onnxruntime", "reference"),
-        default="auto",
-        help="what computes the model (default: onnxruntime where it is installed)",
-    )
+    _add_evaluator(calibrate)
     calibrate.add_argument(
         "--no-prepare",
         dest="prepare",

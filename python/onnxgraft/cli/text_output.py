@@ -29,6 +29,10 @@ class TextOutput:
         return self._file is not None
 
     def write(self, text: str) -> None:
+        """Writes the whole file. Raises ModelFileError as `write_bytes` does."""
+        self.write_bytes(text.encode())
+
+    def write_bytes(self, content: bytes) -> None:
         """Writes the whole file.
 
         Raises:
@@ -37,7 +41,7 @@ class TextOutput:
         if self._file is None:
             return
         try:
-            self._file.stream.write(text.encode())
+            self._file.stream.write(content)
             publish([self._file])
         except OSError as error:
             raise ModelFileError(f"cannot write '{self._path}': {error.strerror}") from error

@@ -6,9 +6,11 @@ that the quantized operators would work on. docs/evaluation.md lists the formula
 """
 
 from onnxgraft.errors import EvaluationError
-from onnxgraft.evaluation.convention import Convention
+from onnxgraft.evaluation.answering import answer
+from onnxgraft.evaluation.convention import HARDWARE, Convention
 from onnxgraft.evaluation.forward import ForwardRunner
 from onnxgraft.evaluation.lowering import lower
+from onnxgraft.evaluation.quantize_linear import lower_to_qdq
 from onnxgraft.evaluation.running import evaluate
 
-__all__ = ["Convention", "EvaluationError", "ForwardRunner", "evaluate", "lower"]
+__all__ = ["HARDWARE", "Convention", "EvaluationError", "ForwardRunner", "answer", "evaluate", "lower", "lower_to_qdq"]

@@ -34,3 +34,7 @@ class Convention:
     def dtype(self) -> np.dtype[Any]:
         """The element type as NumPy has it."""
         return np.dtype(self.element_type)
+
+
+# As integer hardware does: quantize nodes round and clip, a convolution takes their offset out again.
+HARDWARE = Convention(rounding=True, centred=True)

@@ -14,7 +14,6 @@ bodies are not rewritten, so a quantize node inside one is refused.
 from __future__ import annotations
 
 from collections.abc import Sequence
-from itertools import islice
 from os import PathLike, fspath
 from typing import Any
 
@@ -25,6 +24,7 @@ from onnx import TensorProto, numpy_helper
 
 from onnxgraft.errors import EvaluationError
 from onnxgraft.evaluation.convention import Convention
+from onnxgraft.evaluation.lowered_graph import check, drop_unread, versions
 from onnxgraft.evaluation.node_writer import NodeWriter
 from onnxgraft.evaluation.operator_formulas import (
     label,
@@ -33,13 +33,10 @@ from onnxgraft.evaluation.operator_formulas import (
     write_dequantize,
     write_quantize,
 )
-from onnxgraft.graph.bodies import with_bodies
 from onnxgraft.tensor_types import TensorTypes, quantized_values
 
 Array = npt.NDArray[Any]
 
-OWN_OPERATORS = ("TesselQuant", "TesselDequant")
-_OLDEST_OPERATOR_SET = 11  # of Round and of Clip with bounds as inputs
 _FIRST_WITH_OPTIONAL_ROI = 13  # and scales, of Resize
 _OPERAND_TYPES = (TensorProto.INT8, TensorProto.UINT8, TensorProto.INT32, TensorProto.FLOAT, TensorProto.DOUBLE)
 
@@ -71,14 +68,14 @@ class _Lowering:
         self._graph = self._model.graph
         self._convention = convention
         self._folder = folder
-        self._opsets = {"" if o.domain == "ai.onnx" else o.domain: o.version for o in model.opset_import}
+        self._opsets = versions(model)
         self._tensors = {tensor.name: tensor for tensor in reversed(self._graph.initializer)}
         self._write = NodeWriter(self._graph)
         self._quantizers: dict[str, onnx.NodeProto] = {}
         self._converted: dict[str, str] = {}
 
     def run(self) -> onnx.ModelProto:
-        self._check()
+        check(self._graph, self._opsets)
         quantized = quantized_values.find(self._graph, self._opsets)
         types = TensorTypes(self._graph, self._opsets, self._at_hand)
         for index, node in enumerate(self._graph.node):
@@ -102,15 +99,6 @@ class _Lowering:
         self._install()
         self._settle_declarations(quantized.tensors, types)
         return self._model
-
-    def _check(self) -> None:
-        version = self._opsets.get("", 0)
-        if version < _OLDEST_OPERATOR_SET:
-            raise EvaluationError(f"operator set {version} is too old to evaluate: {_OLDEST_OPERATOR_SET} is needed")
-        for body in islice(with_bodies(self._graph), 1, None):
-            for node in body.node:
-                if node.op_type in OWN_OPERATORS:
-                    raise EvaluationError(f"{label(node)} is inside a nested body, where it cannot be evaluated")
 
     def _array(self, name: str) -> Array:
         return np.asarray(numpy_helper.to_array(self._tensors[name], self._folder))
@@ -151,16 +139,7 @@ class _Lowering:
     def _settle_declarations(self, quantized: set[str], types: TensorTypes) -> None:
         """Takes away what is not read any more, or no longer true; says of outputs what is known of them."""
         graph = self._graph
-        used: set[str] = set()
-        for current in with_bodies(graph):
-            used.update(value.name for value in current.output)
-            for node in current.node:
-                used.update(node.input)
-        gone = self._tensors.keys() - used
-        for field in (graph.initializer, graph.input):
-            for index in reversed(range(len(field))):
-                if field[index].name in gone:
-                    del field[index]
+        drop_unread(graph, self._tensors)
         for value in graph.output:
             kind = types.get(value.name)
             if kind is not None and kind.dims is not None and not value.type.tensor_type.HasField("shape"):

@@ -10,7 +10,7 @@ from os import PathLike
 import onnx
 
 from onnxgraft.errors import VerificationError
-from onnxgraft.evaluation import Convention, EvaluationError
+from onnxgraft.evaluation import HARDWARE, Convention, EvaluationError
 from onnxgraft.preparation import prepare
 from onnxgraft.samples.random_values import given_values, inputs_of, random_values
 from onnxgraft.verification import interface, notes
@@ -18,9 +18,6 @@ from onnxgraft.verification.comparing import compare, worst
 from onnxgraft.verification.computing import Array, Computer, Side
 from onnxgraft.verification.first_difference import find_first_difference
 from onnxgraft.verification.result import OutputRow, Verification
-
-# Quantize nodes round and clip as on the hardware; a convolution takes their offset out again (docs/evaluation.md).
-CONVENTION = Convention(rounding=True, centred=True)
 
 
 def verify(
@@ -34,7 +31,7 @@ def verify(
     inputs: Iterable[Mapping[str, Array]] | None = None,
     folder_before: str | PathLike[str] | None = None,
     folder_after: str | PathLike[str] | None = None,
-    convention: Convention = CONVENTION,
+    convention: Convention = HARDWARE,
 ) -> Verification:
     """Evaluates both models on the same inputs and compares each output.
 

@@ -8,7 +8,7 @@ import onnx
 import pytest
 
 from onnxgraft import rewrite
-from onnxgraft.evaluation import Convention, lower
+from onnxgraft.evaluation import HARDWARE, lower, lower_to_qdq
 from onnxgraft.preparation import prepare
 from onnxgraft.recipe_book import recipes
 from onnxgraft.samples.random_values import inputs_of, random_values
@@ -38,21 +38,31 @@ def test_every_recipe_gives_a_model_that_computes(path: Path) -> None:
     assert results - {prepared.SerializeToString(deterministic=True)}
 
 
+def computed(model: onnx.ModelProto, values: dict[str, Any]) -> dict[str, Any]:
+    options = runtime.SessionOptions()
+    options.log_severity_level = 4
+    options.graph_optimization_level = runtime.GraphOptimizationLevel.ORT_DISABLE_ALL
+    session = runtime.InferenceSession(model.SerializeToString(), options, providers=["CPUExecutionProvider"])
+    names = [value.name for value in model.graph.output]
+    return dict(zip(names, session.run(names, values), strict=True))
+
+
 def check_that_it_computes_what_it_declares(model: onnx.ModelProto) -> None:
-    lowered = lower(model, Convention(rounding=True, centred=True))
+    lowered = lower(model, HARDWARE)
     onnx.checker.check_model(lowered, full_check=True)
     made = {name for node in model.graph.node for name in node.output}
     declared = {value.name: value.type.tensor_type for value in model.graph.value_info}
     assert set(declared) <= made | {tensor.name for tensor in model.graph.initializer}
     outputs = {value.name for value in lowered.graph.output}
     lowered.graph.output.extend(onnx.ValueInfoProto(name=name) for name in declared.keys() & made - outputs)
-    options = runtime.SessionOptions()
-    options.log_severity_level = 4
-    options.graph_optimization_level = runtime.GraphOptimizationLevel.ORT_DISABLE_ALL
-    session = runtime.InferenceSession(lowered.SerializeToString(), options, providers=["CPUExecutionProvider"])
-    names = [value.name for value in lowered.graph.output]
-    results = dict(zip(names, session.run(names, random_values(inputs_of(model, {}), 0)), strict=True))
+    values = random_values(inputs_of(model, {}), 0)
+    results = computed(lowered, values)
     assert all(np.isfinite(results[name]).all() for name in outputs)
+    as_pairs = lower_to_qdq(model)
+    onnx.checker.check_model(as_pairs, full_check=True)
+    for name, found in computed(as_pairs, values).items():
+        noise = np.square(found.astype(np.float64) - results[name]).sum()
+        assert noise <= 1e-8 * np.square(results[name].astype(np.float64)).sum(), name  # 80 dB
     quantized = find(model.graph, {entry.domain: entry.version for entry in model.opset_import}).tensors
     assert quantized <= declared.keys() | outputs
     for name in declared.keys() & made:

@@ -10,7 +10,7 @@ from onnx import TensorProto, helper
 from helpers.models import Array
 from helpers.occurrences import packed
 from helpers.small_graphs import model_of
-from onnxgraft.evaluation import Convention, EvaluationError, evaluate, lower
+from onnxgraft.evaluation import HARDWARE, Convention, EvaluationError, evaluate, lower, lower_to_qdq
 
 X = np.array([[-300.0, -0.75, -0.25, 0.25, 0.75, 1.25, 300.0]], np.float32)
 
@@ -130,3 +130,62 @@ def test_errors() -> None:
     for message, made in faults.items():
         with pytest.raises(EvaluationError, match=message):
             evaluate(made, {"x": X})
+
+
+STEPS = {"s": packed(np.array([0.5, 2, 1, 0.25], "f")), "one": packed(np.array([0.5], "f"))}
+WEIGHTS: dict[str, Array] = {
+    "w": np.arange(-36, 36, dtype=np.int8).reshape(4, 2, 3, 3),
+    "wide": np.arange(-64, 80, 2, dtype=np.int8).reshape(2, 4, 3, 3),
+    "b": np.array([5, -3, 100, 0], np.int32),
+    "g": np.arange(-10, 14, dtype=np.int8).reshape(6, 4),
+    **STEPS,
+}
+
+
+@pytest.mark.parametrize(
+    ("lines", "shape"),
+    [
+        ([node("TesselQuant", "x", "q", scale=2.0, offset=3.0), node("Conv", "q w b", "c", pads=[1] * 4),
+          node("TesselDequant", "c s")], [1, 2, 4, 4]),
+        ([node("TesselQuant", "x", "q", scale=2.0, offset=3.0), node("Concat", "q q", "j", axis=1),
+          node("Conv", "j wide", "c"), node("TesselDequant", "c one")], [1, 2, 4, 4]),
+        ([node("TesselQuant", "x", "q", scale=0.5, offset=-7.0), node("MatMul", "q g", "m"), node("Add", "b m", "a"),
+          node("TesselDequant", "a one")], [2, 3, 6]),
+        ([node("TesselQuant", "x", "q", scale=4.0), node("Gemm", "q g b", "m", beta=2.0),
+          node("TesselDequant", "m s")], [3, 6]),
+        ([node("TesselQuant", "x", "q", scale=4.0), node("MaxPool", "q", "p", kernel_shape=[2, 2]),
+          node("TesselDequant", "p one")], [1, 2, 4, 4]),
+    ],
+    ids=["offset and padding", "offset through Concat", "MatMul with Add", "Gemm by channel", "pool alone"],
+)  # fmt: skip
+@pytest.mark.parametrize("opset", [12, 13, 17])
+def test_pairs_of_quantize_linear_compute_the_same(lines: list[onnx.NodeProto], shape: list[int], opset: int) -> None:
+    read = {name for line in lines for name in line.input}
+    made = model(lines, {name: values for name, values in WEIGHTS.items() if name in read}, x=shape)
+    made.opset_import[0].version = opset
+    pytest.importorskip("onnxruntime")  # onnx's evaluator has no scales per channel before operator set 19
+    lowered = lower_to_qdq(made)
+    onnx.checker.check_model(lowered, full_check=True)
+    assert not any(line.op_type.startswith("Tessel") for line in lowered.graph.node)
+    # No ties at these scales.
+    x = (np.random.default_rng(1).integers(-40, 40, shape) + 0.0625).astype(np.float32)
+    expected = evaluate(made, {"x": x}, HARDWARE)["y"]
+    assert expected.std() > 1
+    found = evaluate(lowered, {"x": x}, evaluator="onnxruntime")["y"]
+    np.testing.assert_array_equal(found, expected)
+
+
+@pytest.mark.parametrize(
+    ("lines", "message"),
+    [
+        ([node("TesselQuant", "x", offset=0.5)], "its offset is 0.5, where QuantizeLinear needs a whole INT8"),
+        ([node("TesselQuant", "x", scale=-1.0)], "its scale is -1, where QuantizeLinear needs a positive one"),
+        ([node("TesselQuant", "x", "q"), node("Conv", "q w")], "Conv 'y': no TesselDequant ends its sums"),
+        ([node("TesselQuant", "x", "q"), node("LeakyRelu", "q")], "LeakyRelu 'y' computes with quantized values"),
+        ([node("TesselQuant", "x", "q"), node("Conv", "q w", "c"), node("TesselDequant", "c s", "d"),
+          node("TesselDequant", "c one")], "its input is dequantized by other scales as well"),
+    ],
+)  # fmt: skip
+def test_what_has_no_form_with_quantize_linear(lines: list[onnx.NodeProto], message: str) -> None:
+    with pytest.raises(EvaluationError, match=message):
+        lower_to_qdq(model(lines, WEIGHTS, x=[1, 2, 4, 4]))

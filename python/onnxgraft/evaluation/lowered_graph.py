@@ -1,0 +1,45 @@
+"""What both kinds of lowering have in common: which models they take, and what they clear away."""
+
+from __future__ import annotations
+
+from collections.abc import Iterable, Mapping
+from itertools import islice
+
+import onnx
+
+from onnxgraft.errors import EvaluationError
+from onnxgraft.evaluation.operator_formulas import label
+from onnxgraft.graph.bodies import with_bodies
+
+OWN_OPERATORS = ("TesselQuant", "TesselDequant")
+_OLDEST_OPERATOR_SET = 11  # of Round and of Clip with bounds as inputs
+
+
+def versions(model: onnx.ModelProto) -> dict[str, int]:
+    """Operator set version by domain, "" for the standard one."""
+    return {"" if entry.domain == "ai.onnx" else entry.domain: entry.version for entry in model.opset_import}
+
+
+def check(graph: onnx.GraphProto, opsets: Mapping[str, int]) -> None:
+    """Raises EvaluationError for a model that cannot be lowered."""
+    version = opsets.get("", 0)
+    if version < _OLDEST_OPERATOR_SET:
+        raise EvaluationError(f"operator set {version} is too old to evaluate: {_OLDEST_OPERATOR_SET} is needed")
+    for body in islice(with_bodies(graph), 1, None):
+        for node in body.node:
+            if node.op_type in OWN_OPERATORS:
+                raise EvaluationError(f"{label(node)} is inside a nested body, where it cannot be evaluated")
+
+
+def drop_unread(graph: onnx.GraphProto, names: Iterable[str]) -> None:
+    """Removes those of the initializers that nothing reads any more, and their entries among the inputs."""
+    used: set[str] = set()
+    for current in with_bodies(graph):
+        used.update(value.name for value in current.output)
+        for node in current.node:
+            used.update(node.input)
+    gone = set(names) - used
+    for field in (graph.initializer, graph.input):
+        for index in reversed(range(len(field))):
+            if field[index].name in gone:
+                del field[index]
