@@ -18,6 +18,7 @@ from typing import Any, Literal
 import onnx
 
 from onnxgraft.abstract_transformation import AbstractTransformation, nearest_miss
+from onnxgraft.catalogue import CALLBACK, REPLACE, intercepted
 from onnxgraft.engine.shapes import Shapes
 from onnxgraft.engine.snapshot import Snapshot
 from onnxgraft.following import Splice
@@ -28,8 +29,8 @@ from onnxgraft.report.records import NodeText, Occurrence, PatternResult
 
 Details = Literal["counts", "nodes", "neighbours"]
 
-_REPLACE, _CALLBACK, _WEIGHTS = "_replace_all_isomorphic_sub_graphs", "_on_replace_subgraph", "_update_weights"
-_DEFAULT_CALLBACK = vars(AbstractTransformation)[_CALLBACK]
+_WEIGHTS = "_update_weights"
+_DEFAULT_CALLBACK = vars(AbstractTransformation)[CALLBACK]
 _REASONS = "refusal_reasons"
 
 _log = logging.getLogger(__name__)
@@ -83,23 +84,16 @@ class Recorder:
     @contextmanager
     def watch(self, transformation: Any) -> Iterator[None]:
         """Records what `transformation` does inside of the `with` block."""
-        own = vars(transformation)
-        replaced = {_REPLACE: self._replace_all(getattr(transformation, _REPLACE))}
-        callback = getattr(transformation, _CALLBACK)
+        replaced = {REPLACE: self._replace_all(getattr(transformation, REPLACE))}
+        callback = getattr(transformation, CALLBACK)
         is_default = getattr(callback, "__func__", None) is _DEFAULT_CALLBACK
         # The default callback accepts everything: for counts alone it need not be called.
         if not is_default or self._details != "counts" or self._keeps_splices:
-            replaced[_CALLBACK] = self._on_replace(callback, transformation, is_default=is_default)
+            replaced[CALLBACK] = self._on_replace(callback, transformation, is_default=is_default)
         if self._store is not None and hasattr(transformation, _WEIGHTS):
             replaced[_WEIGHTS] = _storing(getattr(transformation, _WEIGHTS), self._store)
-        found = {name: own[name] for name in replaced if name in own}
-        own.update(replaced)
-        try:
+        with intercepted(transformation, replaced):
             yield
-        finally:
-            for name in replaced:
-                del own[name]
-            own.update(found)
 
     def _replace_all(self, original: Callable[..., int]) -> Callable[..., int]:
         def replace_all(graph: Any, subgraph: Any, replacement: Any, *more: Any, **named: Any) -> int:
