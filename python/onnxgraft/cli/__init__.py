@@ -1,58 +1,84 @@
 """The command line: options, commands and what they show. The work itself is done by the modules beside this package.
 
-Exit codes: 0 done, 1 failed (nothing was written), 2 wrong usage or unknown name, 3 `verify` found a difference,
-4 nothing was replaced (with `--fail-if-unchanged`), 130 interrupted.
+`exit_codes` lists what it ends with. What cannot be shown never changes what is done to files.
 """
 
 from __future__ import annotations
 
 import importlib
-import os
-import sys
 import traceback
 from collections.abc import Sequence
+from pathlib import Path
 
-from onnxgraft.cli.options import WRONG_USAGE
+from onnxgraft.cli import claims, streams
+from onnxgraft.cli.exit_codes import ExitCode
 from onnxgraft.cli.parser import parse
 from onnxgraft.errors import HostError, WrongUsageError
-
-FAILED = 1
-INTERRUPTED = 130
+from onnxgraft.texts import joined, one_line
 
 
 def main(arguments: Sequence[str] | None = None) -> int:
     """Runs the command line on `arguments` (those of the process by default); returns the exit code."""
-    options = parse(arguments)
+    streams.begin()
+    claims.begin()
+    verbose = False
     try:
+        options = parse(arguments)
+        verbose = options.verbose > 0
         # Loaded only now: ONNX takes half a second, which `--help` and wrong usage need not wait for.
         session = importlib.import_module("onnxgraft.cli.session")
         command = importlib.import_module(f"onnxgraft.cli.{options.command}_command")
-        session.begin(options)
-        code: int = command.run(options)
-        sys.stdout.flush()
-    except BrokenPipeError:
-        # Whoever reads our output has seen enough. What is still buffered must not fail once more at exit.
-        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
-        return FAILED
+        with session.running(options):
+            code = int(command.run(options))
+    except SystemExit as stop:  # wrong usage, --help, --version, a signal
+        code = stop.code if isinstance(stop.code, int) else ExitCode.DONE
     except (Exception, KeyboardInterrupt) as error:
         code, message = _verdict(error)
-        if options.verbose:
-            traceback.print_exception(error, file=sys.stderr)
-        # One line, even if a file name has line breaks.
-        print(f"onnxgraft: error: {' '.join(message.splitlines())}", file=sys.stderr)
-    return code
+        if verbose:
+            _show_trace(error)
+        streams.write_error(f"onnxgraft: error: {joined(message)}")
+    streams.flush()
+    return _in_view_of_losses(code)
 
 
-def _verdict(error: BaseException) -> tuple[int, str]:
+def _verdict(error: BaseException) -> tuple[ExitCode, str]:
     """The exit code and the message."""
+    written = claims.in_place()
+    what = f"after writing {', '.join(written)}" if written else "nothing was written"
     match error:
         case WrongUsageError():
-            return WRONG_USAGE, str(error)
-        case HostError():
-            return FAILED, str(error)
-        case MemoryError():
-            return FAILED, "out of memory; nothing was written"
+            return ExitCode.WRONG_USAGE, str(error)
         case KeyboardInterrupt():
-            return INTERRUPTED, "interrupted; nothing was written"
+            return ExitCode.INTERRUPTED, f"interrupted; {what}"
+        case HostError():
+            code, text = ExitCode.FAILED, str(error)
+        case MemoryError():
+            code, text = ExitCode.FAILED, "out of memory; nothing was written"
+        case OSError() if not _has_folder():
+            code, text = ExitCode.FAILED, "the current folder does not exist any more"
         case _:
-            return FAILED, f"unexpected {type(error).__name__}: {error} (-v shows where)"
+            code, text = ExitCode.FAILED, f"unexpected {type(error).__name__}: {error} (-v shows where)"
+    return (ExitCode.NOT_SHOWN, f"{what}: {text}") if written else (code, text)
+
+
+def _has_folder() -> bool:
+    try:
+        return Path.cwd().is_dir()
+    except OSError:
+        return False
+
+
+def _show_trace(error: BaseException) -> None:
+    """Indented and without control characters, so that nothing in it looks like a line of ours."""
+    for line in "".join(traceback.format_exception(error)).splitlines():
+        streams.write_error(f"  {one_line(line)}")
+
+
+def _in_view_of_losses(code: int) -> int:
+    reason = streams.lost()
+    if reason is None or code != ExitCode.DONE:
+        return code
+    if isinstance(reason, BrokenPipeError):
+        return ExitCode.BROKEN_PIPE
+    streams.write_error(f"onnxgraft: error: done, but standard output takes no text: {reason.strerror or reason}")
+    return ExitCode.NOT_SHOWN

@@ -9,43 +9,52 @@ from typing import Any, Literal
 
 import onnx
 
-from onnxgraft.cli import chosen, consoles, model_output
+from onnxgraft.cli import chosen, claims, consoles, model_output
+from onnxgraft.cli.exit_codes import ExitCode
 from onnxgraft.cli.interactive import asking
 from onnxgraft.cli.text_output import TextOutput
 from onnxgraft.engine import Report, rewrite
 from onnxgraft.io import model_files
+from onnxgraft.io.staged_files import publish
 from onnxgraft.io.weight_files import WeightFile
-
-UNCHANGED = 4
 
 
 def run(options: argparse.Namespace) -> int:
     """Applies the transformations; nothing is written unless all went well."""
-    stages = len(chosen.rows(options)) + 2  # unknown names end here
+    names = [row.name for row in chosen.rows(options)]  # unknown names end here
     saved = None
     with ExitStack() as stack:
         page = stack.enter_context(TextOutput(options.report, overwrite=options.force))
         output = None if options.dry_run else stack.enter_context(model_output.claim(options))
-        show = stack.enter_context(consoles.progress(None if options.recipe or options.until_stable else stages))
+        show = stack.enter_context(consoles.progress(names))
         show(f"reading {options.model.name}")
         model = model_files.load(options.model)
-        store = None if output is None else output.weights_for(model, options.model.parent)
+        claims.keep_off(options.model, model)
+        store = None if output is None else output.weights_for(model, options.model.parent, options.model)
         report = _rewrite(options, model, store, show)
         if options.fail_if_unchanged and not report.replaced:
             consoles.error("nothing was replaced, so nothing was written; `onnxgraft explain` says why")
-            return UNCHANGED
-        text = _report_text(options, report) if page.is_wanted else ""
+            return ExitCode.UNCHANGED
+        files = page.hold(_report_text(options, report)) if page.is_wanted else []
         if output is not None:
             show(f"writing {options.output.name}")
-            saved = output.save(model, options.model.parent)
-        if page.is_wanted:
-            page.write(text)
+            saved = output.save(model, options.model.parent, together_with=files)
+        else:
+            publish(files)
     consoles.say(str(report))
     if saved is not None:
         model_output.tell(saved)
     if page.is_wanted:
         consoles.say(f"wrote {options.report}")
-    return 0
+    return _code(report)
+
+
+def _code(report: Report) -> ExitCode:
+    failed = list(dict.fromkeys(step.transformation for step in report.steps if step.error is not None))
+    if not failed:
+        return ExitCode.DONE
+    consoles.error(f"left out, since {'it' if len(failed) == 1 else 'they'} failed: {', '.join(failed)}")
+    return ExitCode.LEFT_OUT
 
 
 def _rewrite(
@@ -65,7 +74,7 @@ def _rewrite(
         selection,
         seed=options.seed,
         until_stable=options.until_stable,
-        prepare=options.prepare,
+        prepare=chosen.preparation(options),
         progress=show,
         on_error="continue" if options.keep_going else "stop",
         skip=options.skip,

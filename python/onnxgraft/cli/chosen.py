@@ -6,6 +6,7 @@ import argparse
 from collections.abc import Mapping
 
 from onnxgraft.catalogue import Transformation, find_row
+from onnxgraft.preparation import step_names
 from onnxgraft.recipe_book import Recipe, find_recipe, load_recipes
 from onnxgraft.rules import class_of, rule_of_lists
 
@@ -30,6 +31,18 @@ def recipe(options: argparse.Namespace) -> Recipe | None:
     if options.recipe is None:
         return None
     return own.get(options.recipe) or find_recipe(options.recipe)
+
+
+def preparation(options: argparse.Namespace) -> bool | list[str]:
+    """What `rewrite` shall prepare: nothing with `--no-prepare`, else the recipe's steps or all, without `--skip-step`.
+
+    Raises:
+        UnknownNameError: There is no step of a name.
+    """
+    if not options.prepare or not options.skip_step:
+        return bool(options.prepare)
+    named = recipe(options)
+    return step_names(None if named is None else named.prepare, options.skip_step)
 
 
 def rows(options: argparse.Namespace) -> list[Transformation]:

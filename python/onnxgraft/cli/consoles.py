@@ -2,9 +2,10 @@
 
 from __future__ import annotations
 
+import io
 import itertools
 import sys
-from collections.abc import Callable, Iterator
+from collections.abc import Callable, Iterator, Sequence
 from contextlib import contextmanager
 
 from rich.console import Console
@@ -17,6 +18,10 @@ from rich.progress import (
     TimeElapsedColumn,
     TimeRemainingColumn,
 )
+from rich.table import Table
+
+from onnxgraft.cli import streams
+from onnxgraft.texts import joined, one_line
 
 # Tables in a pipe or a file are as wide as they need, not cut to a terminal that is not there.
 _FILE_WIDTH = 200
@@ -30,34 +35,44 @@ def set_quiet(quiet: bool) -> None:
     _quiet = quiet
 
 
-def results() -> Console:
-    """Standard output: what the user asked for."""
-    width = None if sys.stdout.isatty() else _FILE_WIDTH
-    return Console(markup=False, highlight=False, emoji=False, width=width, quiet=_quiet)
+def show(table: Table) -> None:
+    """Shows a table on standard output. Its cells have to be fit for that already (`one_line`)."""
+    is_terminal = sys.stdout is not None and sys.stdout.isatty()
+    width = Console().width if is_terminal else _FILE_WIDTH
+    stream = io.StringIO()
+    Console(file=stream, markup=False, highlight=False, emoji=False, width=width, force_terminal=is_terminal).print(
+        table
+    )
+    _show(stream.getvalue().rstrip("\n"))
 
 
 def say(text: str) -> None:
-    """Shows a text as it is: lines are not broken."""
-    results().print(text, soft_wrap=True)
+    """Shows a text on standard output as it is: lines are not broken, control characters are escaped."""
+    _show("\n".join(map(one_line, text.split("\n"))))
 
 
 def error(text: str) -> None:
     """Shows one line on standard error."""
-    print(f"onnxgraft: {' '.join(text.splitlines())}", file=sys.stderr)
+    streams.write_error(f"onnxgraft: {joined(text)}")
+
+
+def _show(text: str) -> None:
+    if not _quiet:
+        streams.write(text)
 
 
 @contextmanager
-def progress(total: int | None) -> Iterator[Callable[[str], object]]:
+def progress(transformations: Sequence[str]) -> Iterator[Callable[[str], object]]:
     """Shows on standard error how far the work is, if that is a terminal; nothing stays of it afterwards.
 
     Args:
-        total: The number of stages; None if nobody knows.
+        transformations: The names of those that run, in each round.
 
     Yields:
         A function to call with the name of each stage as it begins.
     """
     console = Console(stderr=True, markup=False, highlight=False, emoji=False)
-    if _quiet or not console.is_terminal:
+    if _quiet or sys.stderr is None or not console.is_terminal:
         yield lambda stage: None
         return
     columns = (
@@ -68,8 +83,22 @@ def progress(total: int | None) -> Iterator[Callable[[str], object]]:
         TimeElapsedColumn(),
     )
     with Progress(*columns, console=console, transient=True) as bar:
-        task, done = bar.add_task("", total=total), itertools.count()
-        yield lambda stage: bar.update(task, description=stage, completed=next(done), refresh=True)
+        # Each round is counted anew: how many there will be, nobody knows.
+        task, done, rounds = bar.add_task("", total=len(transformations)), itertools.count(), itertools.count(1)
+
+        round_number = 1
+
+        def advance(stage: str) -> None:
+            nonlocal round_number
+            if stage in transformations:
+                place = next(done) % len(transformations)
+                round_number = next(rounds) if place == 0 else round_number
+                text = stage if round_number < 2 else f"round {round_number}: {stage}"
+                bar.update(task, description=one_line(text), completed=place, refresh=True)
+            else:
+                bar.update(task, description=one_line(stage), refresh=True)
+
+        yield advance
 
 
 @contextmanager
@@ -80,7 +109,7 @@ def countdown(description: str) -> Iterator[Callable[[int, int | None], object]]
         A function to call with the number of pieces done, and of all, if it is known.
     """
     console = Console(stderr=True, markup=False, highlight=False, emoji=False)
-    if _quiet or not console.is_terminal:
+    if _quiet or sys.stderr is None or not console.is_terminal:
         yield lambda done, total: None
         return
     columns = (TextColumn("{task.description}", markup=False), BarColumn(), MofNCompleteColumn())

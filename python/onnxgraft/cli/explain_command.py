@@ -6,17 +6,17 @@ Each transformation is looked at when its turn comes: those before it have been 
 from __future__ import annotations
 
 import argparse
-import json
 from collections import Counter
 from collections.abc import Mapping
-from dataclasses import asdict, dataclass, field
+from dataclasses import dataclass, field
 
 import onnx
 
 from onnxgraft.catalogue import Transformation
-from onnxgraft.cli import chosen, consoles, found_model
+from onnxgraft.cli import chosen, consoles, found_model, json_output
 from onnxgraft.engine import rewrite
 from onnxgraft.matching import Explanation, explain
+from onnxgraft.texts import one_line
 
 
 @dataclass(frozen=True)
@@ -34,15 +34,15 @@ def run(options: argparse.Namespace) -> int:
     model = found_model.read(options)
     turns = [_take(model, row, options) for row in rows]
     if options.json:
-        consoles.say(json.dumps([asdict(turn) for turn in turns], indent=1))
+        json_output.show(turns)
         return 0
     for turn in turns:
         for explanation in turn.explanations:
             consoles.say(_text(explanation))
         for reason, count in turn.refusals.items():
-            consoles.say(f"  refused: {count}, {reason}")
+            consoles.say(f"  refused: {count}, {one_line(reason)}")
         if turn.error is not None:
-            consoles.say(f"  fails: {turn.error}")
+            consoles.say(f"  fails: {one_line(turn.error)}")
     return 0
 
 
@@ -62,7 +62,7 @@ def _text(explanation: Explanation) -> str:
     if explanation.matches:
         lines.append(f"  matches: {explanation.matches}")
     else:
-        lines.append(f"  no match: {explanation.text}")
+        lines.append(f"  no match: {one_line(explanation.text)}")
     if explanation.hint:
-        lines.append(f"  hint: {explanation.hint}")
+        lines.append(f"  hint: {one_line(explanation.hint)}")
     return "\n".join(lines)

@@ -3,16 +3,14 @@
 from __future__ import annotations
 
 import argparse
-import json
-from dataclasses import asdict
 
 from rich import box
 from rich.table import Table
 
-from onnxgraft.cli import chosen, consoles, found_model
+from onnxgraft.cli import chosen, consoles, found_model, json_output
+from onnxgraft.cli.exit_codes import ExitCode
 from onnxgraft.matching import find
-
-NONE_FOUND = 4  # with `--fail-if-none`
+from onnxgraft.texts import one_line
 
 
 def run(options: argparse.Namespace) -> int:
@@ -20,9 +18,9 @@ def run(options: argparse.Namespace) -> int:
     rows = chosen.rows(options)
     model = found_model.read(options)
     matches = [match for row in rows for match in find(model, row)]
-    code = NONE_FOUND if options.fail_if_none and not matches else 0
+    code = ExitCode.UNCHANGED if options.fail_if_none and not matches else ExitCode.DONE
     if options.json:
-        consoles.say(json.dumps([asdict(match) for match in matches], indent=1))
+        json_output.show(matches)
         return code
     if options.count:
         consoles.say(str(len(matches)))
@@ -31,9 +29,8 @@ def run(options: argparse.Namespace) -> int:
     nodes = model.graph.node
     for match in matches:
         texts = (f"{index} {nodes[index].op_type} -> {', '.join(nodes[index].output)}" for index in match.nodes)
-        table.add_row(match.transformation, str(match.pattern_index), "\n".join(texts))
-    console = consoles.results()
+        table.add_row(match.transformation, str(match.pattern_index), "\n".join(map(one_line, texts)))
     if matches:
-        console.print(table)
-    console.print(f"{len(matches)} match{'' if len(matches) == 1 else 'es'}")
+        consoles.show(table)
+    consoles.say(f"{len(matches)} match{'' if len(matches) == 1 else 'es'}")
     return code

@@ -20,5 +20,5 @@ def read(options: argparse.Namespace) -> onnx.ModelProto:
     model = model_files.load(options.model)
     if options.prepare:
         recipe = chosen.recipe(options)
-        prepare(model, None if recipe is None else recipe.prepare, folder=options.model.parent)
+        prepare(model, None if recipe is None else recipe.prepare, skip=options.skip_step, folder=options.model.parent)
     return model

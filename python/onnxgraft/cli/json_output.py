@@ -20,4 +20,6 @@ def _finite(value: Any) -> Any:
         return value if math.isfinite(value) else None
     if isinstance(value, dict):
         return {key: _finite(element) for key, element in value.items()}
+    if isinstance(value, set | frozenset):
+        value = sorted(value)
     return [_finite(element) for element in value] if isinstance(value, list) else value

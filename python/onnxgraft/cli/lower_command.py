@@ -13,7 +13,7 @@ def run(options: argparse.Namespace) -> int:
     """Lowers the model and writes it."""
     with model_output.claim(options) as output:
         model = model_files.load(options.model)
-        folder = output.weights_for(model, options.model.parent).folder
+        folder = output.weights_for(model, options.model.parent, options.model).folder
         lowered = lower_to_qdq(model, folder=folder) if options.qdq else lower(model, HARDWARE, folder=folder)
         saved = output.save(lowered, options.model.parent)
     model_output.tell(saved)

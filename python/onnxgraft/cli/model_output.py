@@ -6,8 +6,9 @@ import argparse
 
 from rich.filesize import decimal
 
-from onnxgraft.cli import consoles
+from onnxgraft.cli import claims, consoles
 from onnxgraft.io import model_files
+from onnxgraft.texts import one_line
 
 
 def claim(options: argparse.Namespace) -> model_files.ModelOutput:
@@ -16,21 +17,23 @@ def claim(options: argparse.Namespace) -> model_files.ModelOutput:
     Raises:
         ModelFileError: It cannot be written, or is taken and `--force` is missing.
     """
-    return model_files.ModelOutput(
+    output = model_files.ModelOutput(
         options.output,
         overwrite=options.force,
         save_as_external_data=options.save_as_external_data,
         keep_external_data=options.keep_external_data,
         external_data_threshold=options.external_data_threshold,
     )
+    claims.add(output.file)
+    return output
 
 
 def tell(saved: model_files.SavedModel) -> None:
     """Says what was written."""
-    consoles.say(f"wrote {saved.path} ({decimal(saved.size)})")
+    consoles.say(f"wrote {one_line(saved.path)} ({decimal(saved.size)})")
     if saved.data_path is not None:
-        consoles.say(f"wrote {saved.data_path} ({decimal(saved.data_size)})")
+        consoles.say(f"wrote {one_line(saved.data_path)} ({decimal(saved.data_size)})")
     for path in saved.kept:
-        consoles.say(f"refers to {path}")
+        consoles.say(f"refers to {one_line(path)}")
     if saved.outgrew_one_file:
         consoles.say("The result is larger than 2 GB, so its weights went to the second file.")

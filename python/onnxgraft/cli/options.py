@@ -3,19 +3,27 @@
 from __future__ import annotations
 
 import argparse
+import sys
 from pathlib import Path
-from typing import NoReturn
+from typing import Any, NoReturn
+
+from onnxgraft.cli import streams
+from onnxgraft.cli.exit_codes import ExitCode
+from onnxgraft.texts import joined
 
 LARGEST_SEED = 2**32 - 1
-WRONG_USAGE = 2
 
 
 class Parser(argparse.ArgumentParser):
     """Reports wrong usage in one line."""
 
+    def _print_message(self, message: str, file: Any = None) -> None:
+        write = streams.write if file is sys.stdout else streams.write_error
+        write(message.rstrip("\n"))
+
     def error(self, message: str) -> NoReturn:
         """Ends the process."""
-        self.exit(WRONG_USAGE, f"{self.prog}: error: {' '.join(message.splitlines())} (see `{self.prog} --help`)\n")
+        self.exit(ExitCode.WRONG_USAGE, f"{self.prog}: error: {joined(message)} (see `{self.prog} --help`)\n")
 
 
 def whole_number(smallest: int, largest: int | None = None) -> type[int]:
@@ -60,6 +68,15 @@ def path_ending_in(*endings: str) -> type[Path]:
         return path
 
     return parse  # type: ignore[return-value]
+
+
+def file(text: str) -> Path:
+    """The name of a file; `-`, which stands for a standard stream elsewhere, is none."""
+    if text in {"", "-"}:
+        raise argparse.ArgumentTypeError(
+            f"'{text}' is not the name of a file: models are not read from or written to pipes"
+        )
+    return Path(text)
 
 
 def _group() -> Parser:
@@ -112,15 +129,15 @@ def user_recipes() -> Parser:
 def one_model() -> Parser:
     """The model to read."""
     group = _group()
-    group.add_argument("model", type=Path, metavar="MODEL.onnx", help="the model to read")
+    group.add_argument("model", type=file, metavar="MODEL.onnx", help="the model to read")
     return group
 
 
 def two_models() -> Parser:
     """The two models to compare."""
     group = _group()
-    group.add_argument("before", type=Path, metavar="BEFORE.onnx", help="the model as it was")
-    group.add_argument("after", type=Path, metavar="AFTER.onnx", help="the model as it is now")
+    group.add_argument("before", type=file, metavar="BEFORE.onnx", help="the model as it was")
+    group.add_argument("after", type=file, metavar="AFTER.onnx", help="the model as it is now")
     return group
 
 
@@ -150,6 +167,7 @@ def chosen_transformations() -> Parser:
         metavar="NAME",
         help="leave this transformation out; may be given several times",
     )
+    skipped_steps(group, "leave this step of the preparation out; may be given several times")
     group.add_argument(
         "--no-prepare",
         dest="prepare",
@@ -159,10 +177,15 @@ def chosen_transformations() -> Parser:
     return group
 
 
+def skipped_steps(parser: argparse.ArgumentParser, meaning: str) -> None:
+    """Adds `--skip-step`; `meaning` is the help text."""
+    parser.add_argument("--skip-step", action="append", default=[], metavar="NAME", help=meaning)
+
+
 def output(*, required: bool) -> Parser:
     """Where the result goes and how it is stored."""
     group = _group()
-    group.add_argument("-o", "--output", type=Path, required=required, metavar="OUT.onnx", help="the model to write")
+    group.add_argument("-o", "--output", type=file, required=required, metavar="OUT.onnx", help="the model to write")
     group.add_argument("--force", action="store_true", help="overwrite existing files")
     storage = group.add_mutually_exclusive_group()
     storage.add_argument(

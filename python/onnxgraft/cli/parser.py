@@ -40,12 +40,12 @@ def make_parser() -> argparse.ArgumentParser:
         made.set_defaults(parser=made, load=[])
         return made
 
-    command("list", "show the transformations", code).add_argument(
+    command("list", "show the transformations", options.as_json(), code).add_argument(
         "--rules", action="store_true", help="show the rules that come with the package, and those of --rule-file"
     )
-    show = command("show", "draw the patterns of a transformation", code)
+    show = command("show", "draw the patterns of a transformation", options.as_json(), code)
     show.add_argument("name", metavar="NAME", help="short name of a transformation (see `onnxgraft list`)")
-    command("recipes", "show the recipes: transformations for a family of networks", code, recipes)
+    command("recipes", "show the recipes: transformations for a family of networks", options.as_json(), code, recipes)
 
     prepare = command(
         "prepare",
@@ -57,13 +57,7 @@ def make_parser() -> argparse.ArgumentParser:
     prepare.add_argument(
         "--step", action="append", metavar="NAME", help="run only this step; may be given several times"
     )
-    prepare.add_argument(
-        "--skip-step",
-        action="append",
-        default=[],
-        metavar="NAME",
-        help="leave this step out; may be given several times",
-    )
+    options.skipped_steps(prepare, "leave this step out; may be given several times")
 
     find = command(
         "find",
@@ -190,6 +184,7 @@ def make_parser() -> argparse.ArgumentParser:
     diff.add_argument(
         "--html", type=options.path_ending_in(".html"), metavar="D.html", help="write a page with pictures too"
     )
+    diff.add_argument("--exit-code", action="store_true", help="end with code 3 if there is a difference")
     diff.add_argument("--force", action="store_true", help="overwrite existing files")
     return parser
 

@@ -4,12 +4,11 @@ from __future__ import annotations
 
 import argparse
 import json
-from dataclasses import asdict
 
 import onnx
 from onnx import AttributeProto, helper
 
-from onnxgraft.cli import consoles
+from onnxgraft.cli import consoles, json_output
 from onnxgraft.io import model_files
 from onnxgraft.matching import PatternText, pattern_of
 from onnxgraft.preparation import prepare
@@ -25,7 +24,7 @@ def run(options: argparse.Namespace) -> int:
         prepare(model, folder=options.model.parent)
     text = pattern_of(model, options.nodes, start=options.start, end=options.end)
     if options.json:
-        consoles.say(json.dumps(asdict(text), indent=1))
+        json_output.show(text)
         return 0
     for warning in text.warnings:
         consoles.error(f"warning: {warning}")

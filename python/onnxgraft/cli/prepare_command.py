@@ -7,7 +7,7 @@ import argparse
 from rich import box
 from rich.table import Table
 
-from onnxgraft.cli import consoles, model_output
+from onnxgraft.cli import claims, consoles, model_output
 from onnxgraft.io import model_files
 from onnxgraft.preparation import prepare
 
@@ -16,13 +16,14 @@ def run(options: argparse.Namespace) -> int:
     """Prepares the model and writes it."""
     with model_output.claim(options) as output:
         model = model_files.load(options.model)
-        store = output.weights_for(model, options.model.parent)
+        claims.keep_off(options.model, model)
+        store = output.weights_for(model, options.model.parent, options.model)
         steps = prepare(model, options.step, skip=options.skip_step, folder=store.folder, weight_store=store)
         saved = output.save(model, options.model.parent)
     table = Table("Step", box=box.SIMPLE)
     table.add_column("Changed", justify="right")
     for step in steps:
         table.add_row(step.name, str(step.changed))
-    consoles.results().print(table)
+    consoles.show(table)
     model_output.tell(saved)
     return 0

@@ -14,18 +14,20 @@ from rich import box
 from rich.table import Table
 from rich.text import Text
 
-from onnxgraft.cli import consoles
+from onnxgraft.cli import claims, consoles
 from onnxgraft.cli.data_options import images_of
 from onnxgraft.cli.text_output import TextOutput
 from onnxgraft.evaluation import answer
 from onnxgraft.io import model_files
 from onnxgraft.samples import open_data
+from onnxgraft.texts import one_line
 
 
 def run(options: argparse.Namespace) -> int:
     """Computes the model and writes its outputs."""
     with TextOutput(options.output, overwrite=options.force) as output:
         model = model_files.load(options.model)
+        claims.keep_off(options.model, model)
         samples = open_data(
             options.inputs, model, images=images_of(options), sizes=dict(options.size), seed=options.seed or 0
         )
@@ -35,8 +37,8 @@ def run(options: argparse.Namespace) -> int:
         output.write_bytes(_as_npz(results))
     table = Table("Tensor", "Type", "Shape", box=box.SIMPLE)
     for name, values in results.items():
-        table.add_row(Text(name), values.dtype.name, f"[{','.join(map(str, values.shape))}]")
-    consoles.results().print(table)
+        table.add_row(Text(one_line(name)), values.dtype.name, f"[{','.join(map(str, values.shape))}]")
+    consoles.show(table)
     consoles.say(f"wrote {options.output}")
     return 0
 

@@ -6,14 +6,19 @@ import argparse
 import inspect
 
 from onnxgraft.catalogue import find_row
-from onnxgraft.cli import consoles
+from onnxgraft.cli import consoles, json_output
 from onnxgraft.drawing.terminal import draw_pair
 
 
 def run(options: argparse.Namespace) -> int:
     """Draws each pattern beside its replacement."""
     row = find_row(options.name)
-    consoles.say(f"{row.name} ({row.cls.__name__}): {inspect.getdoc(row.cls) or 'no doc string'}")
+    doc = inspect.getdoc(row.cls) or "no doc string"
+    if options.json:
+        pairs = [{"pattern": pattern, "replacement": replacement} for pattern, replacement in row.pairs]
+        json_output.show({"name": row.name, "class": row.cls.__name__, "doc": doc, "pairs": pairs})
+        return 0
+    consoles.say(f"{row.name} ({row.cls.__name__}): {doc}")
     for number, (pattern, replacement) in enumerate(row.pairs):
         consoles.say(f"\nPattern {number}\n")
         consoles.say(draw_pair(pattern, replacement))

@@ -4,6 +4,8 @@ from __future__ import annotations
 
 from collections import Counter
 from collections.abc import Container, Iterable, Mapping, Sequence
+from os import PathLike
+from pathlib import Path
 
 import onnx
 
@@ -19,7 +21,13 @@ from onnxgraft.report.records import NodeText
 _MOST_NEIGHBOURS = 24
 
 
-def diff(before: onnx.ModelProto, after: onnx.ModelProto) -> GraphDiff:
+def diff(
+    before: onnx.ModelProto,
+    after: onnx.ModelProto,
+    *,
+    folder_before: str | PathLike[str] | None = None,
+    folder_after: str | PathLike[str] | None = None,
+) -> GraphDiff:
     """What is different between two models: nodes, initializers, inputs, outputs and operator sets.
 
     Names of nodes and tensors do not count where the graph tells which one is meant, neither does the order of nodes.
@@ -28,8 +36,14 @@ def diff(before: onnx.ModelProto, after: onnx.ModelProto) -> GraphDiff:
     Args:
         before: A model; it is not changed. Its external data need not be there.
         after: Another one; likewise.
+        folder_before: Where the external data of `before` is. With both folders, tensors whose bytes are there are
+            compared by them, whatever the files are; others by file name, offset and length.
+        folder_after: Where that of `after` is.
     """
-    sides = (Outline(before.graph), Outline(after.graph))
+    has_bytes = folder_before is not None and folder_after is not None
+    folders = (Path(folder) if has_bytes and folder is not None else None for folder in (folder_before, folder_after))
+    first_folder, second_folder = folders
+    sides = (Outline(before.graph, first_folder), Outline(after.graph, second_folder))
     matching = NodeMatching(*sides)
     changes = _changes(sides, matching)
     for old, new in _regions(sides, matching, changes):  # counterparts within a region, by operator

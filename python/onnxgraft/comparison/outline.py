@@ -3,11 +3,15 @@
 from __future__ import annotations
 
 import hashlib
+from contextlib import suppress
+from pathlib import Path
 
 import numpy as np
 import onnx
 from onnx import numpy_helper
 
+from onnxgraft.errors import ModelFileError
+from onnxgraft.io.external_data import DIGEST_SIZE, digest_of_extent, locate
 from onnxgraft.report.node_texts import tensor_text
 
 Content = tuple[str, str, bytes]
@@ -16,7 +20,8 @@ Content = tuple[str, str, bytes]
 class Outline:
     """A graph's nodes by content and its initializers by type, shape and digest."""
 
-    def __init__(self, graph: onnx.GraphProto) -> None:
+    def __init__(self, graph: onnx.GraphProto, folder: Path | None = None) -> None:
+        self._folder = folder
         self.graph = graph
         self.nodes = list(graph.node)
         self.contents = [_content(node) for node in self.nodes]
@@ -58,11 +63,22 @@ class Outline:
         """A text that is the same for initializers of the same type, shape and values."""
         if name not in self._digests:
             if name in self.tensors:
-                self._digests[name] = _digest(self.tensors[name])
+                self._digests[name] = self._digest(self.tensors[name])
             else:
                 sparse = self.sparse[name]
-                self._digests[name] = f"{_digest(sparse.values)} {_digest(sparse.indices)} {list(sparse.dims)}"
+                both = f"{self._digest(sparse.values)} {self._digest(sparse.indices)}"
+                self._digests[name] = f"{both} {list(sparse.dims)}"
         return self._digests[name]
+
+    def _digest(self, tensor: onnx.TensorProto) -> str:
+        title = tensor_text(tensor)
+        if tensor.data_location != onnx.TensorProto.EXTERNAL:
+            return f"{title} {_digest_of_values(tensor)}"
+        if self._folder is not None:
+            with suppress(ModelFileError):
+                return f"{title} {digest_of_extent(locate(tensor, self._folder))}"
+        # Its bytes are not there: it is told by where they would be.
+        return f"{title} {sorted((e.key, e.value) for e in tensor.external_data if e.key != 'checksum')}"
 
 
 def _value(attribute: onnx.AttributeProto) -> onnx.TensorProto | None:
@@ -86,10 +102,7 @@ def _content(node: onnx.NodeProto) -> Content:
     return node.op_type, "" if node.domain == "ai.onnx" else node.domain, hashed.digest()
 
 
-def _digest(tensor: onnx.TensorProto) -> str:
-    title = tensor_text(tensor)
-    if tensor.data_location == onnx.TensorProto.EXTERNAL:
-        return f"{title} {sorted((e.key, e.value) for e in tensor.external_data if e.key != 'checksum')}"
+def _digest_of_values(tensor: onnx.TensorProto) -> str:
     data = tensor.raw_data
     if not data:
         try:
@@ -98,4 +111,4 @@ def _digest(tensor: onnx.TensorProto) -> str:
             copy = onnx.TensorProto.FromString(tensor.SerializeToString())
             copy.ClearField("name")
             data = copy.SerializeToString(deterministic=True)
-    return f"{title} {hashlib.blake2b(data, digest_size=16).hexdigest()}"
+    return hashlib.blake2b(data, digest_size=DIGEST_SIZE).hexdigest()

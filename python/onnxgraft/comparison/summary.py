@@ -6,6 +6,7 @@ from collections.abc import Sequence
 
 from onnxgraft.comparison.result import GraphDiff, Region, ValueChange
 from onnxgraft.report.records import NodeText
+from onnxgraft.texts import one_line
 
 _MOST = 12  # lines of one kind
 
@@ -15,7 +16,8 @@ def summary(difference: GraphDiff) -> str:
     if difference.is_empty:
         return f"no difference: {difference.nodes_before} nodes each"
     return "\n".join(
-        [
+        one_line(line)
+        for line in (
             counts(difference),
             *difference.model,
             *_listed([f"input {change}" for change in difference.inputs]),
@@ -23,7 +25,7 @@ def summary(difference: GraphDiff) -> str:
             *_listed([f"region {k}: {headline(region)}" for k, region in enumerate(difference.regions, 1)]),
             *([f"initializers: {kinds(difference.initializers)}"] if difference.initializers else []),
             *_listed([f"initializer {change}" for change in difference.initializers]),
-        ]
+        )
     )
 
 
@@ -69,4 +71,4 @@ def _nodes(nodes: Sequence[NodeText]) -> str:
 def _listed(lines: Sequence[str]) -> list[str]:
     more = len(lines) - _MOST
     kind = lines[0].partition(" ")[0] if lines else ""
-    return [*lines[:_MOST], *([f"... and {more} more of kind '{kind}'"] if more > 0 else [])]
+    return [*lines[:_MOST], *([f"... and {more} more {kind}{'s' if more > 1 else ''}"] if more > 0 else [])]

@@ -61,7 +61,8 @@ def rewrite(
         model: The model, or its graph alone.
         transformations: Short names, classes or instances, one or several, or a recipe or its name.
         seed: Seeds NumPy's global generator for this run, from 0 to 2**32 - 1; afterwards it is as it was. Without a
-            seed the generator is used as it is.
+            seed the generator is used as it is. Runs in several threads take turns, so that each draws what it would
+            draw alone.
         until_stable: Run the whole list again until the graph does not change any more, which is told by the graph:
             names of new tensors and the content of initializers do not count. A recipe may ask for it too.
         prepare: Whether to bring exporters' forms into those that the patterns name first; or the names of the

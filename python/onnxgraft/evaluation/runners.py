@@ -16,6 +16,7 @@ from onnx.external_data_helper import load_external_data_for_model
 from onnxgraft.errors import EvaluationError
 from onnxgraft.evaluation.operator_formulas import label
 from onnxgraft.evaluation.reference_operators import evaluator
+from onnxgraft.graph.onnx_calls import make_harmless
 from onnxgraft.io.external_data import has_external_data
 
 Array = npt.NDArray[Any]
@@ -45,6 +46,8 @@ def run_onnxruntime(model: onnx.ModelProto, names: list[str], feeds: dict[str, A
         runtime: Any = importlib.import_module("onnxruntime")
     except ImportError as error:
         raise EvaluationError("onnxruntime is not installed") from error
+    if found := make_harmless(model, remove=False):
+        raise EvaluationError(f"onnxruntime would end the process: {found[0]}")
     declared = {value.name for value in model.graph.output}
     model.graph.output.extend(onnx.ValueInfoProto(name=name) for name in names if name not in declared)
     options = runtime.SessionOptions()

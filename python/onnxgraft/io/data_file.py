@@ -135,15 +135,22 @@ class DataFile:
             raise ModelFileError(f"cannot write '{self.path}': {error.strerror}") from error
 
 
-def _mentions(file: Path, name: str) -> bool:
-    """Whether the bytes of `name` stand in `file`, which may be too large to read at once."""
-    wanted, rest = os.fsencode(name), b""
-    with file.open("rb") as stream:
+def _mentions(model: Path, name: str) -> bool:
+    """Whether `model` has a tensor with this location. Its file may be too large to read at once."""
+    encoded = os.fsencode(name)
+    # As protobuf writes the entry: field 1, the key; field 2, the value; each with its length.
+    wanted = b"\n\x08location\x12" + _varint(len(encoded)) + encoded
+    rest = b""
+    with model.open("rb") as stream:
         while piece := stream.read(_PIECE):
             if wanted in rest + piece:
                 return True
             rest = (rest + piece)[-len(wanted) :]
     return False
+
+
+def _varint(number: int) -> bytes:
+    return bytes([number]) if number < 0x80 else bytes([number & 0x7F | 0x80]) + _varint(number >> 7)
 
 
 def _open_source(file: Path) -> BinaryIO:

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import hashlib
 import stat
 from dataclasses import dataclass
 from pathlib import Path
@@ -11,6 +12,11 @@ from onnx.external_data_helper import ExternalDataInfo, uses_external_data
 
 from onnxgraft.errors import ModelFileError
 from onnxgraft.graph.tensors import VALUE_FIELDS, stored_tensors
+from onnxgraft.io.file_kinds import HEAD, is_lfs_pointer
+
+_LONGEST_SHOWN = 80
+_BLOCK = 1 << 20
+DIGEST_SIZE = 16
 
 
 @dataclass(frozen=True)
@@ -38,11 +44,7 @@ def locate(tensor: onnx.TensorProto, folder: Path) -> Extent:
         reference = ExternalDataInfo(tensor)
     except ValueError as error:
         raise ModelFileError(f"{subject}: offset and length have to be whole numbers ({error})") from None
-    file = folder / reference.location
-    if not reference.location or not file.resolve().is_relative_to(folder.resolve()) or file.is_symlink():
-        raise ModelFileError(
-            f"{subject}: the location '{reference.location}' has to be a file in the model's folder, and no link"
-        )
+    file = folder / _checked_location(reference.location, folder, subject)
     try:
         status = file.stat()
     except OSError as error:
@@ -54,8 +56,67 @@ def locate(tensor: onnx.TensorProto, folder: Path) -> Extent:
     if offset < 0 or length < 0 or offset + length > status.st_size:
         raise ModelFileError(
             f"{subject}: '{file}' has {status.st_size} bytes, but the tensor takes {length} from byte {offset}"
+            + (": it is a Git LFS pointer, not the file itself; run `git lfs pull`" if _is_pointer(file) else "")
         )
     return Extent(file, offset, length)
+
+
+def _checked_location(location: str, folder: Path, subject: str) -> str:
+    """The location of a file that `folder` or a folder in it holds, whatever the file is."""
+    if not location:
+        raise ModelFileError(f"{subject}: it has no location, which has to be a file in the model's folder")
+    if "\0" in location:
+        raise ModelFileError(f"{subject}: the location '{location}' must not hold a NUL")
+    file = folder / location
+    try:
+        is_inside = file.resolve().is_relative_to(folder.resolve()) and not file.is_symlink()
+    except (OSError, RuntimeError, ValueError) as error:  # too long, a link to itself, not to be encoded
+        shown = location if len(location) <= _LONGEST_SHOWN else f"{location[:_LONGEST_SHOWN]}..."
+        reason = getattr(error, "strerror", None) or error
+        raise ModelFileError(f"{subject}: the location '{shown}' cannot be followed: {reason}") from None
+    if not is_inside:
+        raise ModelFileError(
+            f"{subject}: the location '{location}' has to be a file in the model's folder, and no link"
+        )
+    return location
+
+
+def _is_pointer(file: Path) -> bool:
+    try:
+        with file.open("rb") as stream:
+            return is_lfs_pointer(stream.read(HEAD))
+    except OSError:
+        return False
+
+
+def data_files_of(model: onnx.ModelProto, folder: Path) -> set[Path]:
+    """The files that the model refers to; they need not be there."""
+    locations = {
+        entry.value
+        for tensor in stored_tensors(model)
+        if uses_external_data(tensor)
+        for entry in tensor.external_data
+        if entry.key == "location"
+    }
+    return {folder / location for location in locations}
+
+
+def digest_of_extent(extent: Extent) -> str:
+    """A text that is the same for the same bytes, in whatever file; read block by block.
+
+    Raises:
+        ModelFileError: The file cannot be read.
+    """
+    hashed, left = hashlib.blake2b(digest_size=DIGEST_SIZE), extent.length
+    try:
+        with extent.file.open("rb", buffering=0) as stream:
+            stream.seek(extent.offset)
+            while left and (block := stream.read(min(left, _BLOCK))):
+                hashed.update(block)
+                left -= len(block)
+    except OSError as error:
+        raise ModelFileError(f"cannot read '{extent.file}': {error.strerror}") from error
+    return hashed.hexdigest()
 
 
 def check_external_data(model: onnx.ModelProto, folder: Path) -> None:

@@ -5,6 +5,9 @@ A model that is written appears under its name last, in one step, when its data 
 
 from __future__ import annotations
 
+import os
+import stat
+from collections.abc import Iterable, Sequence
 from contextlib import ExitStack, suppress
 from dataclasses import dataclass, replace
 from pathlib import Path
@@ -13,15 +16,24 @@ import onnx
 from google.protobuf.message import DecodeError, EncodeError
 
 from onnxgraft.errors import ModelFileError
+from onnxgraft.graph.name_check import text_that_is_not_utf8
 from onnxgraft.io.data_file import own_data_files
-from onnxgraft.io.external_data import check_external_data, has_external_data
+from onnxgraft.io.external_data import check_external_data, data_files_of, has_external_data
+from onnxgraft.io.file_kinds import HEAD, kind_of
 from onnxgraft.io.staged_files import StagedFile, publish
 from onnxgraft.io.weight_files import Storage, WeightFile
 
 # A protobuf message cannot be larger.
-LARGEST_MESSAGE = 2**31 - 1
+LARGEST_MESSAGE = _LARGEST_READ = 2**31 - 1
 # Smaller tensors stay in the model file: a reference to them would be about as long.
 SMALLEST_EXTERNAL = 1024
+_KINDS = {
+    stat.S_IFDIR: "a folder",
+    stat.S_IFIFO: "a pipe",
+    stat.S_IFCHR: "a device",
+    stat.S_IFBLK: "a device",
+    stat.S_IFSOCK: "a socket",
+}
 
 
 @dataclass(frozen=True)
@@ -44,28 +56,49 @@ def load(path: Path) -> onnx.ModelProto:
     Raises:
         ModelFileError: There is no such file, it is no ONNX model, is broken, or lacks external data.
     """
-    if path.is_dir():
-        raise ModelFileError(f"'{path}' is a folder, not a model file")
-    try:
-        data = path.read_bytes()
-    except OSError as error:
-        raise ModelFileError(f"cannot read '{path}': {error.strerror}") from error
+    data = _read(path)
     if not data:
         raise ModelFileError(f"'{path}' is empty")
     try:
         model = onnx.load_model_from_string(data)
     except (DecodeError, SystemError) as error:  # the C++ implementation of protobuf 3.20 raises the second
-        raise ModelFileError(f"'{path}' is not an ONNX model, or broken or cut off") from error
+        kind = kind_of(data[:HEAD])
+        what = f"not an ONNX model, but {kind}" if kind else "not an ONNX model, or broken or cut off"
+        raise ModelFileError(f"'{path}' is {what}") from error
     # Any bytes may happen to be a message without known fields.
     if not model.ir_version or not model.HasField("graph"):
-        raise ModelFileError(f"'{path}' is not an ONNX model: it has no graph or no IR version")
+        kind = kind_of(data[:HEAD])
+        raise ModelFileError(
+            f"'{path}' is not an ONNX model" + (f", but {kind}" if kind else ": it has no graph or no IR version")
+        )
     if model.ir_version >= 3 and not model.opset_import:
         raise ModelFileError(f"'{path}' is not a whole ONNX model: it does not say which operator set it uses")
+    if (wrong := text_that_is_not_utf8(model)) is not None:
+        raise ModelFileError(f"'{path}': {wrong}")
     try:
         check_external_data(model, path.parent)
     except ModelFileError as error:
         raise ModelFileError(f"'{path}': {error}") from error
     return model
+
+
+def _read(path: Path) -> bytes:
+    """The bytes of a regular file; others may have no end, or none that comes."""
+    try:
+        handle = os.open(path, os.O_RDONLY | os.O_NONBLOCK | os.O_CLOEXEC)
+        with os.fdopen(handle, "rb") as stream:
+            mode = os.fstat(handle).st_mode
+            if not stat.S_ISREG(mode):
+                kind = _KINDS.get(stat.S_IFMT(mode), "not a regular file")
+                raise ModelFileError(f"'{path}' is {kind}, not a model file")
+            data = stream.read(_LARGEST_READ + 1)
+    except IsADirectoryError:
+        raise ModelFileError(f"'{path}' is a folder, not a model file") from None
+    except (OSError, ValueError) as error:  # a NUL in the path is the second
+        raise ModelFileError(f"cannot read '{path}': {getattr(error, 'strerror', None) or error}") from error
+    if len(data) > _LARGEST_READ:
+        raise ModelFileError(f"'{path}' is larger than 2 GB, the most that a model file can have")
+    return data
 
 
 class ModelOutput:
@@ -100,6 +133,12 @@ class ModelOutput:
         self._stack = ExitStack()
         self._file = self._stack.enter_context(StagedFile(path, overwrite=overwrite))
         self._weights: WeightFile | None = None
+        self._still_needed: set[Path] = set()  # the data files of the model that was read
+
+    @property
+    def file(self) -> StagedFile:
+        """The model file under way."""
+        return self._file
 
     def __enter__(self) -> ModelOutput:
         return self
@@ -107,30 +146,37 @@ class ModelOutput:
     def __exit__(self, *reason: object) -> None:
         self._stack.close()
 
-    def weights_for(self, model: onnx.ModelProto, folder: Path) -> WeightFile:
+    def weights_for(self, model: onnx.ModelProto, folder: Path, source: Path | None = None) -> WeightFile:
         """Where the weights go that are made while `model` is rewritten: straight to the data file, if there is one.
 
         Args:
             model: The model. Its locations of external data start from `folder` of the result after this.
             folder: The folder that they start from now.
+            source: The file that `model` was read from, if it still needs its data files afterwards.
 
         Returns:
             A WeightStore for `rewrite`, which also takes its `folder`, as `save` does.
 
         Raises:
-            ModelFileError: Weights that are to stay in the old data file could not be referred to.
+            ModelFileError: The place is a data file of `model` itself, or weights that are to stay in the old data
+                file could not be referred to.
         """
+        data_files = data_files_of(model, folder)
+        refuse_data_files([self._file], data_files)
+        if source is not None and not self._file.is_same_place(source):
+            self._still_needed = {Path(os.path.realpath(file)) for file in data_files}
         storage = replace(self._storage, external=self._storage.external or has_external_data(model))
         self._weights = WeightFile(model, folder, self._file.target, storage)
         self._stack.callback(self._weights.discard)
         return self._weights
 
-    def save(self, model: onnx.ModelProto, folder: Path) -> SavedModel:
+    def save(self, model: onnx.ModelProto, folder: Path, *, together_with: Sequence[StagedFile] = ()) -> SavedModel:
         """Writes `model`, in two files if external data was asked for or one file cannot hold it.
 
         Args:
             model: The model. Its references to external data change if it is written in two files.
             folder: The folder that the present locations of external data start from.
+            together_with: Other files with their whole content; they appear just before the model, or not at all.
 
         Raises:
             ModelFileError: It could not be written; nothing has changed on the disk then.
@@ -145,12 +191,12 @@ class ModelOutput:
         if content is None:
             raise ModelFileError(f"cannot write '{self._path}': larger than 2 GB even without its weights")
         new = {weights.data.path} if weights.data else set[Path]()
-        superseded = own_data_files(self._file.target) - kept - new
+        superseded = own_data_files(self._file.target) - kept - new - self._still_needed
         try:
             self._file.stream.write(content)
         except OSError as error:
             raise ModelFileError(f"cannot write '{self._path}': {error.strerror}") from error
-        publish([self._file])
+        publish([*together_with, self._file])
         data = weights.hand_over()
         for file in superseded:
             with suppress(OSError):
@@ -169,3 +215,11 @@ def _serialize(model: onnx.ModelProto) -> bytes | None:
     except (ValueError, EncodeError):
         return None
     return content if len(content) <= LARGEST_MESSAGE else None
+
+
+def refuse_data_files(files: Sequence[StagedFile], data_files: Iterable[Path]) -> None:
+    """Raises ModelFileError if a file under way would take the place of a data file of the model that is read."""
+    for file in files:
+        for data in data_files:
+            if file.is_same_place(data):
+                raise ModelFileError(f"cannot write '{file.named}': the model that is read has its weights there")

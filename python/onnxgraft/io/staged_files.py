@@ -32,7 +32,11 @@ class StagedFile:
         self.named = target
         self._overwrite = overwrite
         # A link stays a link: what it points to is written.
-        self.target = Path(os.path.realpath(target))
+        try:
+            self.target = Path(os.path.realpath(target))
+        except (OSError, ValueError) as error:  # no current folder, a NUL
+            raise ModelFileError(f"cannot write '{target}': {getattr(error, 'strerror', None) or error}") from error
+        self.is_in_place = False
         self._temporary = self.target.with_name(f".onnxgraft-{secrets.token_hex(8)}.tmp")
         self._stream: BinaryIO | None = None
         self._has_name = False
@@ -72,6 +76,13 @@ class StagedFile:
         if not self._overwrite:
             raise ModelFileError(f"'{self.named}' exists already; --force overwrites it")
 
+    def is_same_place(self, path: Path) -> bool:
+        """Whether `path` leads to the file that this one will replace, by whatever name or link."""
+        try:
+            return self.target == Path(os.path.realpath(path)) or self.target.samefile(path)
+        except (OSError, ValueError):  # one of them does not exist
+            return False
+
     def seal(self) -> None:
         """Brings all bytes to the disk."""
         self.stream.flush()
@@ -79,15 +90,19 @@ class StagedFile:
             os.fchmod(self.stream.fileno(), stat.S_IMODE(self.target.stat().st_mode))
         os.fsync(self.stream.fileno())
 
-    def put_in_place(self) -> None:
-        """Gives the sealed file its name."""
+    def take_name(self) -> None:
+        """Gives the sealed file a temporary name beside its own."""
         self.check_target()
         if not self._has_name:
             handle = self.stream.fileno()
             # With a folder's handle, be it unused, Python calls the function that follows links.
             os.link(_HANDLES / str(handle), self._temporary, src_dir_fd=handle)
             self._has_name = True
+
+    def put_in_place(self) -> None:
+        """Gives the file its own name."""
         self._temporary.replace(self.target)
+        self.is_in_place = True
 
     def _open(self) -> BinaryIO:
         """A file without a name, which goes with the process, where the file system can; else under a temporary one."""
@@ -122,17 +137,15 @@ def publish(files: Sequence[StagedFile]) -> None:
     Raises:
         ModelFileError: It could not be done.
     """
-    for file in files:
-        try:
-            file.seal()
-        except OSError as error:
-            raise ModelFileError(f"cannot write '{file.named}': {error.strerror}") from error
-    for file in files:
-        try:
-            file.put_in_place()
-        except OSError as error:
-            raise ModelFileError(f"cannot write '{file.named}': {error.strerror}") from error
-        sync_folder(file.target.parent)
+    # What may fail for want of space is done for all of them before the first one appears.
+    for step in (StagedFile.seal, StagedFile.take_name, StagedFile.put_in_place):
+        for file in files:
+            try:
+                step(file)
+            except OSError as error:
+                raise ModelFileError(f"cannot write '{file.named}': {error.strerror}") from error
+    for folder in {file.target.parent for file in files}:
+        sync_folder(folder)
 
 
 def sync_folder(folder: Path) -> None:

@@ -5,7 +5,7 @@ the outer graph, as the transformations do; what nested bodies read stays define
 """
 
 from onnxgraft.errors import PreparationError
-from onnxgraft.preparation.running import prepare
+from onnxgraft.preparation.running import prepare, step_names
 from onnxgraft.preparation.steps import STEPS, Step
 
-__all__ = ["STEPS", "PreparationError", "Step", "prepare"]
+__all__ = ["STEPS", "PreparationError", "Step", "prepare", "step_names"]

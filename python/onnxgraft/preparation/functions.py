@@ -9,8 +9,9 @@ import logging
 from collections.abc import Iterable, Iterator
 from graphlib import CycleError, TopologicalSorter
 
-from onnx import FunctionProto, ModelProto, NodeProto, TypeProto, checker, helper, inliner
+from onnx import FunctionProto, ModelProto, NodeProto, TypeProto, checker, helper
 
+from onnxgraft.graph import onnx_calls
 from onnxgraft.graph.bodies import bodies
 from onnxgraft.graph.names import all_names
 from onnxgraft.preparation.workpiece import Workpiece, remove_at
@@ -41,7 +42,7 @@ def inline_functions(workpiece: Workpiece) -> int:
         return 0
     try:
         tuple(TopologicalSorter({_name(f): set(_calls(f.node)) & names for f in functions}).static_order())
-        inlined = inliner.inline_local_functions(_outline(model, functions))
+        inlined = onnx_calls.inline_local_functions(_outline(model, functions))
     except (CycleError, RuntimeError, ValueError, checker.ValidationError) as error:
         LOG.warning("functions are not called in line: %s", " ".join(str(error).split()))
         return 0

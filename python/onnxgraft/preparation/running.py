@@ -58,6 +58,16 @@ def prepare(
     return done
 
 
+def step_names(steps: Iterable[str] | None, skip: Iterable[str]) -> list[str]:
+    """The steps that `prepare` would run, in its order.
+
+    Raises:
+        PreparationError: A name is unknown.
+    """
+    chosen = _known(STEPS if steps is None else steps) - _known(skip)
+    return [name for name in STEPS if name in chosen]
+
+
 def _known(names: Iterable[str]) -> set[str]:
     if isinstance(names, str):
         names = [names]

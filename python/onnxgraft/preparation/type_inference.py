@@ -12,6 +12,7 @@ import math
 from onnx import ModelProto, TensorProto, ValueInfoProto, helper, numpy_helper, shape_inference
 from onnx.external_data_helper import uses_external_data
 
+from onnxgraft.graph.onnx_calls import infer_shapes
 from onnxgraft.graph.tensor_values import read_values
 
 LOG = logging.getLogger(__name__)
@@ -31,11 +32,11 @@ def lists_initializers(model: ModelProto) -> bool:
 def inferred_values(model: ModelProto, folder: str) -> list[ValueInfoProto]:
     """The entries that `value_info` and the outputs have or could have; those it has if the inference fails."""
     try:
-        inferred = shape_inference.infer_shapes(_outline(model, folder), data_prop=True)
+        inferred = infer_shapes(_outline(model, folder), data_prop=True)
     except (shape_inference.InferenceError, RuntimeError, ValueError) as error:
         LOG.warning("shapes are not inferred: %s", " ".join(str(error).split()))
         return list(model.graph.value_info)
-    return [*inferred.graph.value_info, *inferred.graph.output]
+    return [*inferred.value_info, *inferred.output]
 
 
 def _outline(model: ModelProto, folder: str) -> ModelProto:

@@ -9,6 +9,8 @@ from rich import box
 from rich.console import Console
 from rich.table import Table
 
+from onnxgraft.texts import one_line
+
 if TYPE_CHECKING:
     from onnxgraft.report.records import Report, Step
 
@@ -40,7 +42,8 @@ def table(report: Report) -> Table:
             continue
         number = [str(step.round)] if several_rounds else []
         counts = (step.found, step.replaced, step.refused, step.nodes_before, step.nodes_after)
-        result.add_row(step.transformation, *number, *map(str, counts), f"{step.seconds:.2f}", _remark(step))
+        cells = (step.transformation, *number, *counts, f"{step.seconds:.2f}", _remark(step))
+        result.add_row(*map(one_line, cells))
     return result
 
 
@@ -64,6 +67,6 @@ def text(report: Report) -> str:
         console.print(f"prepared: {', '.join(changes)}", soft_wrap=True)
     console.print(table(report))
     for warning in report.warnings:
-        console.print(f"warning: {warning}", soft_wrap=True)
+        console.print(f"warning: {one_line(warning)}", soft_wrap=True)
     lines = (line.rstrip() for line in stream.getvalue().splitlines())
     return "\n".join(lines).strip("\n")

@@ -10,6 +10,7 @@ import onnx
 from onnx import TensorProto
 
 from onnxgraft.graph.bodies import bodies
+from onnxgraft.graph.onnx_calls import infer_node_outputs
 from onnxgraft.tensor_types import quantized_values
 from onnxgraft.tensor_types.kinds import FLOATING, Kind
 
@@ -145,7 +146,7 @@ class TensorTypes:
         values = {name: tensor for name in node.input if (tensor := self._small(name)) is not None}
         imports = [onnx.helper.make_opsetid(domain, version) for domain, version in self._opsets.items()]
         try:
-            found = onnx.shape_inference.infer_node_outputs(schema, node, types, values, opset_imports=imports)
+            found = infer_node_outputs(schema, node, types, values, imports)
         except Exception as error:  # whatever a wrong node makes it raise
             _log.debug("nothing is inferred of %s '%s': %s", node.op_type, node.name, error)
             return

@@ -11,6 +11,8 @@ from rich.console import Console
 from rich.table import Table
 from rich.text import Text
 
+from onnxgraft.texts import one_line
+
 # As wide as the content needs: the text may go to a file.
 _WIDTH = 200
 
@@ -80,7 +82,7 @@ class Verification:
         for row in self.rows:
             numbers = (f"{value:.3g}" for value in (row.max_error, row.scale, row.relative_error))
             shape = Text(f"[{','.join(map(str, row.shape))}]")
-            table.add_row(Text(row.name), row.dtype, shape, *numbers, row.verdict)
+            table.add_row(Text(one_line(row.name)), row.dtype, shape, *numbers, row.verdict)
         return table
 
     def __str__(self) -> str:
@@ -93,4 +95,4 @@ class Verification:
             lines.append(f"first tensor {what}: {self.first_difference}")
         lines += [f"note: {note}" for note in self.notes]
         lines.append(f"{self.verdict} (run by {self.runner})")
-        return "\n".join(lines).strip("\n")
+        return "\n".join(map(one_line, lines)).strip("\n")

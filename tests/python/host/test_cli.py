@@ -3,6 +3,7 @@
 import json
 import os
 import re
+import shutil
 import signal
 import subprocess
 import sys
@@ -14,10 +15,13 @@ import onnx
 import pytest
 from onnx import numpy_helper
 
-from helpers.small_graphs import model_of
+from conftest import REPOSITORY
+from helpers.small_graphs import model_of, rename_tensors
 from onnxgraft import quant
-from onnxgraft.cli import main
+from onnxgraft.cli import main, model_output
+from onnxgraft.cli.exit_codes import ExitCode
 from onnxgraft.io import model_files
+from onnxgraft.io.staged_files import StagedFile
 
 MODEL = "model.onnx"
 OUT = "out.onnx"
@@ -140,6 +144,20 @@ def external_without_file(folder: Path) -> None:
     (folder / "weights.bin").unlink()
 
 
+def external_through_a_loop(folder: Path) -> None:
+    external_with("location", "loop/weights.bin")(folder)
+    (folder / "loop").symlink_to("loop")
+
+
+def external_as_pointer(folder: Path) -> None:
+    save_external(folder)
+    (folder / "weights.bin").write_bytes(b"version https://git-lfs.github.com/v1\n")
+
+
+def as_json(folder: Path) -> None:
+    (folder / MODEL).rename(folder / "m.json")
+
+
 def without_operator_set(folder: Path) -> None:
     model = make_model()
     del model.opset_import[:]
@@ -150,9 +168,39 @@ def nothing(_: Path) -> None:
     pass
 
 
+def starting_with(content: bytes) -> Callable[[Path], object]:
+    return write(content + bytes(range(256)))
+
+
+def as_pipe(folder: Path) -> None:
+    (folder / MODEL).unlink()
+    os.mkfifo(folder / MODEL)
+
+
+def own_data_by_another_name(make: Callable[[str, str], object]) -> Callable[[Path], None]:
+    def prepare(folder: Path) -> None:
+        save_external(folder)
+        make("weights.bin", OUT)
+
+    return prepare
+
+
+def name_in_latin_1(folder: Path) -> None:
+    content = (folder / MODEL).read_bytes()
+    (folder / MODEL).write_bytes(content.replace(b"\x0a\x01y", b"\x0a\x01\xe9", 1))
+
+
+def name_that_fakes_a_line(folder: Path) -> None:
+    model = make_model()
+    model.graph.initializer[0].name = "w\n\x1b[31monnxgraft: error: "
+    model.graph.initializer[0].data_location = onnx.TensorProto.EXTERNAL
+    (folder / MODEL).write_bytes(model.SerializeToString())
+
+
 Make = Callable[[Path], object]
 CONV = f"apply {MODEL} -t quant_conv"
 WRITE = f"{CONV} -o {OUT}"
+JSON = "apply m.json -t quant_conv --dry-run"
 BAD_INPUT: dict[str, tuple[int, str, Make, str]] = {
     # name: exit code, what the line says, how the folder is prepared, arguments
     "no command": (2, "COMMAND", nothing, ""),
@@ -179,6 +227,33 @@ BAD_INPUT: dict[str, tuple[int, str, Make, str]] = {
     "external data above": (1, "in the model's folder", external_with("location", "../weights.bin"), WRITE),
     "external data cut off": (1, "the tensor takes 99999999", external_with("length", "99999999"), WRITE),
     "external data with a bad offset": (1, "whole numbers", external_with("offset", "zero"), WRITE),
+    "location with NUL": (1, "hold a NUL", external_with("location", "a\0b"), WRITE),
+    "location too long": (1, "File name too long", external_with("location", "a" * 5000), WRITE),
+    "location that is a link to itself": (1, "loop", external_through_a_loop, WRITE),
+    "LFS pointer as data": (1, "run `git lfs pull`", external_as_pointer, WRITE),
+    "gzip": (1, "compressed with gzip", starting_with(b"\x1f\x8b\x08\x08"), WRITE),
+    "zip": (1, "zip archive", starting_with(b"PK\x03\x04" + bytes(26)), WRITE),
+    "PyTorch": (1, "a PyTorch file", starting_with(b"PK\x03\x04" + bytes(26) + b"archive/data.pkl"), WRITE),
+    "pickle": (1, "pickled", starting_with(b"\x80\x02\x8a\x0al\xfc"), WRITE),
+    "safetensors": (1, "safetensors", starting_with(b"@\0\0\0\0\0\0\0" + b'{"a": '), WRITE),
+    "TFLite": (1, "TFLite", starting_with(b"\x1c\0\0\0TFL3"), WRITE),
+    "LFS pointer": (1, "run `git lfs pull`", write(b"version https://git-lfs.github.com/v1\n"), WRITE),
+    "HTML": (1, "HTML page", write(b"\n<!DOCTYPE html><html>"), WRITE),
+    "pipe": (1, "is a pipe", as_pipe, WRITE),
+    "endless device": (1, "is a device", nothing, "find /dev/zero -t quant_conv"),
+    "standard output as model": (2, "'-' is not the name of a file", nothing, f"{CONV} -o -"),
+    "data file as output": (1, "has its weights there", save_external, f"{CONV} -o weights.bin --force"),
+    "data file as output by a link": (1, "weights there", own_data_by_another_name(os.symlink), f"{WRITE} --force"),
+    "data file as output by a hard link": (1, "weights there", own_data_by_another_name(os.link), f"{WRITE} --force"),
+    "two outputs in one file": (1, "are the same file", nothing, f"{CONV} -o r.json --report ./r.json"),
+    "report over the model": (
+        1,
+        "the model that is read",
+        as_json,
+        f"{JSON} --report m.json --force",
+    ),
+    "name that is not UTF-8": (1, "node 1 (Conv): input 0 b'\\xe9' is not UTF-8", name_in_latin_1, WRITE),
+    "name that fakes a line": (1, "'w \\x1b[31monnxgraft: error: '", name_that_fakes_a_line, WRITE),
 }
 
 
@@ -320,3 +395,141 @@ def test_verify_on_given_inputs(folder: Path, capsys: Capture) -> None:
     assert "not finite" in capsys.readouterr().err
     np.savez("data.npz", x=x + np.float32(3e38))
     assert run("verify", MODEL, MODEL, "--inputs", "data.npz") == 7
+
+
+# --- what cannot be shown
+
+
+PROCESS = [sys.executable, "-m", "onnxgraft"]
+
+
+@pytest.mark.parametrize(
+    ("where", "code", "says"),
+    [
+        (">/dev/full", 6, "No space left on device"),
+        (">&-", 6, "it is closed"),
+        (">&- 2>&-", 6, ""),
+        ("2>/dev/full", 0, ""),
+        ("| true; exit ${PIPESTATUS[0]}", 141, ""),
+    ],
+)
+def test_output_that_cannot_be_shown_changes_no_file(folder: Path, where: str, code: int, says: str) -> None:
+    command = f"{' '.join(PROCESS)} apply {MODEL} -t quant_conv -o {OUT} --seed 1 {where}"
+    done = subprocess.run(["bash", "-c", command], capture_output=True, text=True)
+    assert done.returncode == code, done.stderr
+    assert done.stderr.count("\n") == bool(says)
+    assert says in done.stderr
+    assert len(onnx.load(OUT).graph.node) == 6
+
+
+def test_an_encoding_without_frames(folder: Path) -> None:
+    environment = {**os.environ, "PYTHONIOENCODING": "ascii"}
+    for arguments in (["show", "quant_gemm"], ["apply", MODEL, "-t", "quant_conv", "--dry-run"]):
+        done = subprocess.run([*PROCESS, *arguments], capture_output=True, env=environment)
+        assert (done.returncode, done.stderr) == (0, b"")
+        assert b"---" in done.stdout
+        assert b"\\u" not in done.stdout
+
+
+def test_a_report_onto_a_full_disk_stops_the_model_too(folder: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    before = contents(folder)
+    seal = StagedFile.seal
+
+    def fail(self: StagedFile) -> None:
+        if self.named.suffix == ".json":
+            raise OSError(28, "No space left on device")
+        seal(self)
+
+    monkeypatch.setattr(StagedFile, "seal", fail)
+    assert apply("--report", "r.json") == 1
+    assert contents(folder) == before
+
+
+def test_an_error_after_writing_says_so(folder: Path, monkeypatch: pytest.MonkeyPatch, capsys: Capture) -> None:
+    def fail(saved: object) -> None:
+        raise KeyboardInterrupt if Path("again").exists() else ValueError("broken")
+
+    monkeypatch.setattr(model_output, "tell", fail)
+    assert apply() == 6
+    assert f"after writing '{OUT}': unexpected ValueError" in capsys.readouterr().err
+    Path("again").touch()
+    assert apply("--force") == 130
+    assert f"interrupted; after writing '{OUT}'" in capsys.readouterr().err
+
+
+def test_names_cannot_steer_the_terminal(folder: Path, capsys: Capture) -> None:
+    model = make_model()
+    rename_tensors(model.graph, "{}\n\x1b[2J\u202e\x9bonnxgraft: error: ")
+    for node in model.graph.node:
+        node.name += "\r\x07"
+    onnx.save_model(model, MODEL)
+    other = make_model()
+    onnx.save_model(other, "other.onnx")
+    for arguments in (
+        ["find", MODEL, "-t", "quant_conv"],
+        ["explain", MODEL, "-t", "quant_conv", "-t", "fuse_bn_quant", "-t", "replace_quant"],
+        ["diff", MODEL, "other.onnx"],
+        ["verify", MODEL, "other.onnx"],
+        ["verify", MODEL, MODEL, "-vv"],
+        ["apply", MODEL, "-t", "quant_conv", "-vv", "--dry-run"],
+        ["apply", MODEL, "-t", "\x1b[2J", "--dry-run", "-v"],
+    ):
+        run(*arguments)
+        shown = capsys.readouterr()
+        assert set(shown.out + shown.err) & set("\x1b\r\x07\u202e\x9b") == set(), arguments
+        assert not any(line.startswith("onnxgraft: error: '") for line in shown.err.splitlines())
+
+
+def test_two_outputs_of_one_run_and_data_files_of_others(folder: Path) -> None:
+    """Overwriting a model leaves data files that it does not refer to, and those of the model that is read."""
+    save_external(folder, f"res{OUT}.data")
+    Path(MODEL).rename(OUT)
+    Path(f"{OUT}.data").write_bytes(b"of another model")
+    onnx.save_model(make_model(), MODEL)
+    assert apply("--force") == 0
+    assert Path(f"{OUT}.data").read_bytes() == b"of another model"
+    Path(f"{OUT}.data").unlink()
+    save_external(folder, f"{OUT}.data")
+    shutil.copy(MODEL, OUT)
+    assert apply("--force") == 0
+    assert len(onnx.load(MODEL).graph.node) == 2
+
+
+def test_the_deleted_current_folder(folder: Path, monkeypatch: pytest.MonkeyPatch, capsys: Capture) -> None:
+    (folder / "gone").mkdir()
+    monkeypatch.chdir(folder / "gone")
+    (folder / "gone").rmdir()
+    assert apply() == 1
+    assert "unexpected" not in (shown := capsys.readouterr().err)
+    assert shown.count("\n") == 1
+
+
+def test_json_and_exit_codes(folder: Path, capsys: Capture) -> None:
+    onnx.save_model(model_of(["Relu x -> z"], inputs={"x": [1, 3, 8, 8]}, outputs=["z"]), "other.onnx")
+    for arguments, code, key in (
+        (["list"], 0, "prepared_for"),
+        (["recipes"], 0, "transformations"),
+        (["show", "quant_conv"], 0, "pairs"),
+        (["diff", MODEL, "other.onnx", "--exit-code"], 3, "regions"),
+        (["diff", MODEL, MODEL, "--exit-code"], 0, "regions"),
+    ):
+        assert run(*arguments, "--json") == code, arguments
+        found = json.loads(capsys.readouterr().out)
+        assert key in (found[0] if isinstance(found, list) else found)
+    assert run("apply", MODEL, "-t", "quant_conv", "--dry-run", "--skip-step", "infer_shapes") == 0
+    assert "infer_shapes" not in capsys.readouterr().out
+    assert run("apply", MODEL, "-t", "quant_conv", "--dry-run", "--skip-step", "nothing") == 2
+    table = dict(re.findall(r"^\| (\d+) \| (.+) \|$", (REPOSITORY / "README.md").read_text(), re.MULTILINE))
+    assert {int(code) for code in table} == set(ExitCode)
+
+
+def test_a_failure_that_is_left_out_has_a_code_of_its_own(
+    folder: Path, monkeypatch: pytest.MonkeyPatch, capsys: Capture
+) -> None:
+    def fail(*_args: object, **_options: object) -> int:
+        raise ValueError("bad weight")
+
+    monkeypatch.setattr(quant.QuantConvTransformation, "apply", fail)
+    assert apply("-q", "--keep-going", "-t", "quant_gemm") == 5
+    assert "left out, since it failed: quant_conv" in capsys.readouterr().err
+    assert Path(OUT).exists()

@@ -107,3 +107,19 @@ def test_external_data_is_told_by_its_place(tmp_path: Path) -> None:
     assert diff(first, second).is_empty
     second.graph.initializer[1].external_data[1].value = "4096"
     assert [change.name for change in diff(first, second).initializers] == ["v"]
+
+
+def test_bytes_in_two_data_files_are_compared(tmp_path: Path) -> None:
+    sides = []
+    for number, weight in enumerate((1.0, 1.0, 2.0)):
+        folder = tmp_path / str(number)
+        folder.mkdir()
+        data = f"w{number}.data"
+        onnx.save_model(
+            model(weight=weight), folder / "m.onnx", save_as_external_data=True, location=data, size_threshold=0
+        )
+        sides.append((onnx.load(folder / "m.onnx", load_external_data=False), folder))
+    (a, at_a), (b, at_b), (c, at_c) = sides
+    assert diff(a, b, folder_before=at_a, folder_after=at_b).is_empty
+    assert [change.name for change in diff(a, c, folder_before=at_a, folder_after=at_c).initializers] == ["w"]
+    assert not diff(a, b).is_empty

@@ -5,15 +5,19 @@ import multiprocessing
 import os
 import subprocess
 import sys
+import time
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
+import numpy as np
 import pytest
 from google.protobuf.internal import api_implementation
 from onnx import GraphProto
 
 from helpers.classes import CLASSES, apply, class_graph
+from helpers.small_graphs import conv_relus
 from onnxgraft import abstract_transformation
+from onnxgraft.engine import rewrite
 
 
 def digest(name: str, draws: bool = False) -> str:
@@ -66,6 +70,18 @@ def test_threads_with_a_graph_each() -> None:
                 assert found == expected[name], name
     finally:
         sys.setswitchinterval(interval)
+
+
+def test_seeded_runs_in_threads_give_what_they_give_alone() -> None:
+    def run(seed: int) -> bytes:
+        graph = conv_relus(20)
+        rewrite(graph, ["quant_conv"], seed=seed, progress=lambda _: time.sleep(0.002))
+        return graph.SerializeToString(deterministic=True)
+
+    expected, state = [run(seed) for seed in range(8)], np.random.get_state(legacy=False)
+    with ThreadPoolExecutor(4) as pool:
+        assert list(pool.map(run, range(8))) == expected
+    np.testing.assert_equal(np.random.get_state(legacy=False), state)
 
 
 @pytest.mark.filterwarnings("ignore:.*fork.*:DeprecationWarning")

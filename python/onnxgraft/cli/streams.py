@@ -1,0 +1,84 @@
+"""Standard output and standard error: writing to them never ends a command, whatever becomes of them.
+
+A stream that takes no more is given up quietly; `lost` tells the reason afterwards.
+"""
+
+from __future__ import annotations
+
+import codecs
+import os
+import sys
+from contextlib import suppress
+from typing import Any, TextIO
+
+_ASCII = str.maketrans(
+    dict.fromkeys("─═━╌", "-")
+    | dict.fromkeys("│║┃╎", "|")
+    | dict.fromkeys("┌┐└┘├┤┬┴┼╔╗╚╝┏┓┗┛", "+")
+    | {"…": "...", "·": "-", "→": "->", "▼": "v", "▲": "^"}
+)
+
+_lost: OSError | None = None
+
+
+def begin() -> None:
+    """Prepares both streams for whatever text."""
+    global _lost  # noqa: PLW0603
+    _lost = None
+    codecs.register_error("onnxgraft", _approximate)
+    streams: list[Any] = [sys.stdout, sys.stderr]
+    for stream in streams:
+        with suppress(AttributeError, ValueError):  # no stream, or one of another kind
+            stream.reconfigure(errors="onnxgraft")
+
+
+def lost() -> OSError | None:
+    """Why standard output took no more; None if it took everything."""
+    return _lost
+
+
+def write(text: str) -> None:
+    """Writes a text and a line break to standard output."""
+    global _lost  # noqa: PLW0603
+    if _lost is None:
+        _lost = OSError("it is closed") if sys.stdout is None else _write(sys.stdout, text)
+
+
+def write_error(text: str) -> None:
+    """Writes a text and a line break to standard error."""
+    if sys.stderr is not None:
+        _write(sys.stderr, text)
+
+
+def flush() -> None:
+    """Brings to standard output what is still to be brought there."""
+    global _lost  # noqa: PLW0603
+    if _lost is None and sys.stdout is not None:
+        try:
+            sys.stdout.flush()
+        except OSError as error:
+            _lost = error
+            _give_up(sys.stdout)
+
+
+def _write(stream: TextIO, text: str) -> OSError | None:
+    try:
+        print(text, file=stream, flush=True)
+    except OSError as error:
+        _give_up(stream)
+        return error
+    return None
+
+
+def _give_up(stream: TextIO) -> None:
+    """Leads the stream nowhere: what it still holds must not fail once more at exit."""
+    with suppress(OSError, ValueError), open(os.devnull, "wb") as nowhere:  # noqa: PTH123
+        os.dup2(nowhere.fileno(), stream.fileno())
+
+
+def _approximate(error: UnicodeError) -> tuple[str | bytes, int]:
+    """What the encoding lacks: frames and arrows in ASCII, other characters by number."""
+    if not isinstance(error, UnicodeEncodeError):
+        raise error
+    text = error.object[error.start : error.end].translate(_ASCII)
+    return text.encode("ascii", "backslashreplace").decode(), error.end
