@@ -44,6 +44,11 @@ SECTIONS: tuple[tuple[str, str, tuple[str, ...]], ...] = (
         "onnxgraft.calibration",
         ("read_calibration", "merged", "model_fingerprint", "Range", "WeightNumbers"),
     ),
+    (
+        "Models that another tool has quantized",
+        "onnxgraft.quantized_models",
+        ("is_quantized", "read_quantized", "calibration_for"),
+    ),
     ("Data", "onnxgraft.samples", ("open_data", "Images")),
     ("Reports", "onnxgraft.engine", ("Report", "Report.to_json", "Report.from_json", "Step", "PatternResult")),
     ("Reports, in detail", "onnxgraft.engine", ("Occurrence", "NodeText", "PreparationStep")),

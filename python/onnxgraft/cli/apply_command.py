@@ -5,10 +5,12 @@ from __future__ import annotations
 import argparse
 from collections.abc import Callable
 from contextlib import ExitStack
+from pathlib import Path
 from typing import Any, Literal
 
 import onnx
 
+from onnxgraft.calibration import Calibration
 from onnxgraft.cli import chosen, claims, consoles, model_output
 from onnxgraft.cli.exit_codes import ExitCode
 from onnxgraft.cli.interactive import asking
@@ -69,9 +71,11 @@ def _rewrite(
     details: Literal["counts", "nodes", "neighbours"] = "counts"
     if options.report is not None:
         details = "nodes" if options.report.suffix.lower() == ".json" else "neighbours"
+    folder = options.model.parent if store is None else store.folder
     report = rewrite(
         model,
         selection,
+        calibration=_own_calibration(options, model, folder),
         seed=options.seed,
         until_stable=options.until_stable,
         prepare=chosen.preparation(options),
@@ -79,12 +83,23 @@ def _rewrite(
         on_error="continue" if options.keep_going else "stop",
         skip=options.skip,
         details=details,
-        folder=options.model.parent if store is None else store.folder,
+        folder=folder,
         weight_store=store,
         finish=options.finish,
     )
     report.model = options.model.name
     return report
+
+
+def _own_calibration(options: argparse.Namespace, model: onnx.ModelProto, folder: Path | str) -> Calibration | None:
+    """The calibration that a model quantized by another tool brings along; the model becomes a float one then."""
+    from onnxgraft.quantized_models import is_quantized, read_quantized  # rarely wanted  # noqa: PLC0415
+
+    if not is_quantized(model) or not any(row.randomizes for row in chosen.rows(options)):
+        return None
+    floats, calibration = read_quantized(model, folder)
+    model.CopyFrom(floats)
+    return calibration
 
 
 def _report_text(options: argparse.Namespace, report: Report) -> str:

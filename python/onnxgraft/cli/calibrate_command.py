@@ -9,6 +9,7 @@ from onnxgraft.calibration import Calibration, calibrate, merged, read_calibrati
 from onnxgraft.cli import consoles
 from onnxgraft.cli.data_options import images_of
 from onnxgraft.cli.text_output import TextOutput
+from onnxgraft.io import model_files
 
 
 def run(options: argparse.Namespace) -> int:
@@ -20,14 +21,21 @@ def run(options: argparse.Namespace) -> int:
         seconds = time.perf_counter() - start
         result = merged([*earlier, result])
         output.write(result.to_json())
-    consoles.say(
-        f"{len(result.ranges)} ranges by {result.method} from {result.samples} samples ({result.data}), {seconds:.1f} s"
-    )
+    if options.from_qdq is None:
+        source = f"by {result.method} from {result.samples} samples ({result.data})"
+    else:
+        source = f"and the numbers of {len(result.weights)} weights from '{options.from_qdq}'"
+    consoles.say(f"{len(result.ranges)} ranges {source}, {seconds:.1f} s")
     consoles.say(f"wrote {options.output}")
     return 0
 
 
 def _collect(options: argparse.Namespace) -> Calibration:
+    if options.from_qdq is not None:
+        from onnxgraft.quantized_models import calibration_for  # rarely wanted  # noqa: PLC0415
+
+        models = model_files.load(options.model), model_files.load(options.from_qdq)
+        return calibration_for(*models, folder=options.model.parent, quantized_folder=options.from_qdq.parent)
     with consoles.countdown("calibrating") as progress:
         return calibrate(
             options.model,

@@ -22,6 +22,12 @@ def parse(arguments: Sequence[str] | None) -> argparse.Namespace:
         options.parser.error("--replacement goes with --pattern")
     if options.command == "apply" and options.pattern is not None and options.replacement is None:
         options.parser.error("--pattern needs --replacement; `onnxgraft find` shows where it matches")
+    if options.command == "calibrate":
+        if options.model is not None and options.float_model is not None:
+            options.parser.error("MODEL.onnx and --float are the same: give one of them")
+        options.model = options.model or options.float_model
+        if options.model is None:
+            options.parser.error("MODEL.onnx, the float model, is required")
     return options
 
 
@@ -99,12 +105,11 @@ def make_parser() -> argparse.ArgumentParser:
         command(
             "calibrate",
             "collect the ranges that the tensors of a float model take on data",
-            options.one_model(),
             options.seed("seed of random data (default: 0)"),
             data_options.sizes(),
             data_options.image_options(),
             epilog="DATA: an .npz or .npy file, a folder of them by input name, a folder of images, or random:N, which"
-            " says little about a trained model.",
+            " says little about a trained model. With --from-qdq the numbers come from a quantized model instead.",
         )
     )
     _add_pattern_options(
@@ -252,8 +257,17 @@ def _add_run_options(run: argparse.ArgumentParser) -> None:
 
 
 def _add_calibrate_options(calibrate: argparse.ArgumentParser) -> None:
+    calibrate.add_argument("model", type=Path, nargs="?", metavar="MODEL.onnx", help="the float model")
+    source = calibrate.add_mutually_exclusive_group(required=True)
+    source.add_argument("--data", type=data_options.data_or_random, metavar="DATA", help="the samples to compute")
+    source.add_argument(
+        "--from-qdq",
+        type=Path,
+        metavar="Q.onnx",
+        help="take ranges and INT8 weights from this model, which another tool has made of the float model",
+    )
     calibrate.add_argument(
-        "--data", type=data_options.data_or_random, required=True, metavar="DATA", help="the samples to compute"
+        "--float", dest="float_model", type=Path, metavar="F.onnx", help="the float model, to go with --from-qdq"
     )
     calibrate.add_argument("-o", "--output", type=Path, required=True, metavar="RANGES.json", help="the file to write")
     calibrate.add_argument("--force", action="store_true", help="overwrite existing files")

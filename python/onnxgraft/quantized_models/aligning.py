@@ -130,8 +130,8 @@ class _Pairs:
                 return False
         return True
 
-    def _distance(self, node: onnx.NodeProto, other: onnx.NodeProto) -> tuple[bool, float]:
-        """How unlike two nodes are that could be the same: by name, then by their weights."""
+    def _distance(self, node: onnx.NodeProto, other: onnx.NodeProto) -> tuple[float, bool]:
+        """How unlike two nodes are that could be the same: by their weights, then by name."""
         same = node.name.removesuffix("_quant") == other.name or node.output[0] == other.output[0]
         total = 0.0
         for left, right in zip(node.input, other.input, strict=False):
@@ -140,4 +140,4 @@ class _Pairs:
                 values, others = read_values(first, self._folders[0]), read_values(second, self._folders[1])
                 if values is not None and others is not None:
                     total += float(np.abs(values.astype(np.float64) - others).sum())
-        return (not same, total)
+        return (total, not same)

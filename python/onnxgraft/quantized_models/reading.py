@@ -162,8 +162,9 @@ class _Reader:
             if name in self._floats:
                 node.input[position] = self._floats[name][0]
         for position, name in enumerate(node.output):
-            floats = self._fresh(f"{name}_float")
+            floats = self._fresh(name.removesuffix("_quantized"))
             self._floats[name] = floats, parameters
+            self.ranges[floats] = parameters.range()
             node.output[position] = floats
 
     def _quantize(self, node: onnx.NodeProto) -> bool:
