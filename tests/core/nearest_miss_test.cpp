@@ -53,7 +53,11 @@ const Case cases[] = {
     {"A x -> a; B a -> b; D b -> d; A y -> c; B c -> e; B e -> f", "A:0->1 B:1->2 B:2->3", "#0 #1 #2", Reason::none, ""},
     {"B y -> e; D e -> f; A x -> a; B a -> b; D b -> d", "A:0->1 B:1->2 D:2,3->4", "#0 #1 #2", Reason::input_count,
      "2 of 3 pattern nodes matched, the last one B node 3 (writes 'b'); pattern node 2 (D): D node 4 (writes 'd') has another number of inputs than the pattern"},
-    {"A x -> a; A a -> a", "A:1->1", "#0", Reason::different_tensors, "0 of 1 pattern nodes matched; pattern node 0 (A): A node 0 (writes 'a') has another tensor than 'a' at input 0"},
+    {"A x,y -> a; D a -> d", "A:0,1->1", "#0", Reason::different_tensors, "0 of 1 pattern nodes matched; pattern node 0 (A): A node 0 (writes 'a') has another tensor than 'a' at input 1"},
+    {"A x -> a; B a -> b; D y,z -> d", "A:0->1 D:5->6 B:1->2", "#0 #1 #2", Reason::input_count,
+     "2 of 3 pattern nodes matched, the last one B node 1 (writes 'b'); pattern node 1 (D): D node 2 (writes 'd') has another number of inputs than the pattern"},
+    {"A x -> a; B a -> b; D y,z -> d", "B:1->2 D:5->6 A:0->1", "#0 #1 #2", Reason::input_count,
+     "2 of 3 pattern nodes matched, the last one A node 0 (writes 'a'); pattern node 1 (D): D node 2 (writes 'd') has another number of inputs than the pattern"},
 
 };
 // clang-format on
