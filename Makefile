@@ -9,6 +9,8 @@ BIN := .venv/bin
 # The pinned tools come first, whatever the machine has.
 TOOLS := PATH="$(CURDIR)/$(BIN):$$PATH"
 PIP := $(BIN)/python -m pip --disable-pip-version-check install --quiet --no-input
+# The same, but nobody waits for a minute without a sign.
+SHOWN_PIP := tools/show-progress $(filter-out --quiet,$(PIP)) --progress-bar off
 JOBS := $(shell nproc 2>/dev/null || echo 2)
 
 PACKAGE_FILES := CMakeLists.txt pyproject.toml README.md LICENSE \
@@ -132,7 +134,8 @@ clean: ## Remove .venv/ and build/
 .venv/tools: requirements/build.txt
 	@echo "Making .venv"
 	@test -x $(BIN)/python || $(PYTHON) -m venv .venv
-	@$(PIP) -r requirements/build.txt
+	@echo "Installing the build tools"
+	@$(SHOWN_PIP) -r requirements/build.txt
 	@touch $@
 
 .venv/%-tools: requirements/%.txt .venv/tools
@@ -141,5 +144,5 @@ clean: ## Remove .venv/ and build/
 
 .venv/installed: $(PACKAGE_FILES) .venv/tools
 	@echo "Building and installing onnxgraft"
-	@$(PIP) --no-build-isolation .
+	@$(SHOWN_PIP) --verbose --no-build-isolation .
 	@touch $@

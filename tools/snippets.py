@@ -32,13 +32,19 @@ class Block:
         padded = "\n" * (self.line - 1) + self.text
         exec(compile(padded, str(self.page), "exec"), namespace)
 
+    def lines(self) -> Iterator[tuple[str, int]]:
+        """Yields each line of a block of sh with its continuations, and the exit code that its comment tells."""
+        for line in self.text.replace("\\\n", " ").splitlines():
+            told = re.search(r"# exit code (\d+)", line)
+            if line.strip():
+                yield line, int(told[1]) if told else 0
+
     def commands(self) -> Iterator[tuple[list[str], int]]:
         """Yields the words of each command of a block of sh, and the exit code that its comment tells, 0 without."""
-        for line in self.text.replace("\\\n", " ").splitlines():
+        for line, code in self.lines():
             words = shlex.split(line, comments=True)
-            told = re.search(r"# exit code (\d+)", line)
             if words:
-                yield words, int(told[1]) if told else 0
+                yield words, code
 
 
 def blocks(page: Path) -> list[Block]:

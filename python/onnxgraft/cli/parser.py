@@ -3,11 +3,12 @@
 from __future__ import annotations
 
 import argparse
+import os
 from collections.abc import Sequence
 from importlib.metadata import version
 from pathlib import Path
 
-from onnxgraft.cli import data_options, options
+from onnxgraft.cli import completion, data_options, options
 from onnxgraft.cli.options import Parser, positive_number, whole_number
 
 _DATA_FILE = "A model whose weights are in a data file gets a new one beside OUT.onnx."
@@ -15,7 +16,10 @@ _DATA_FILE = "A model whose weights are in a data file gets a new one beside OUT
 
 def parse(arguments: Sequence[str] | None) -> argparse.Namespace:
     """Reads the arguments (those of the process for None); wrong usage ends the process."""
-    options = make_parser().parse_args(arguments)
+    parser = make_parser()
+    if "_ARGCOMPLETE" in os.environ:  # the shell asks what may come next
+        completion.answer(parser)
+    options = parser.parse_args(arguments)
     if options.command == "apply" and options.output is None and not options.dry_run:
         options.parser.error("-o/--output, the model to write, or --dry-run is required")
     if getattr(options, "replacement", None) is not None and options.pattern is None:

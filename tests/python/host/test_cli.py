@@ -533,3 +533,24 @@ def test_a_failure_that_is_left_out_has_a_code_of_its_own(
     assert apply("-q", "--keep-going", "-t", "quant_gemm") == 5
     assert "left out, since it failed: quant_conv" in capsys.readouterr().err
     assert Path(OUT).exists()
+
+
+@pytest.mark.parametrize(
+    ("line", "wanted"),
+    [
+        ("onnxgraft ver", {"verify "}),
+        ("onnxgraft apply m.onnx --keep", {"--keep-external-data", "--keep-going"}),
+        ("onnxgraft apply m.onnx -t quant_m", {"quant_matmul "}),
+        ("onnxgraft find m.onnx --recipe yolov5", {"yolov5 "}),
+        ("onnxgraft prepare m.onnx --step infer", {"infer_shapes "}),
+    ],
+)
+def test_completion(folder: Path, line: str, wanted: set[str]) -> None:
+    asked = {
+        "_ARGCOMPLETE": "1",
+        "COMP_LINE": line,
+        "COMP_POINT": str(len(line)),
+        "_ARGCOMPLETE_STDOUT_FILENAME": "said",
+    }
+    subprocess.run(PROCESS, env={**os.environ, **asked}, check=True, capture_output=True)
+    assert set(Path("said").read_text().split("\x0b")) == wanted

@@ -71,7 +71,7 @@ def test_everything_that_a_page_shows_runs(place: Path, page: str, capsys: pytes
     for block in PAGES[page]:
         if block.language == "python":
             block.run_python(namespace)
-        elif block.language == "sh":
+        elif block.language == "sh" and page != "README.md":  # it has a test of its own
             run_commands(block, capsys)
         elif name := re.match(r"# (\S+\.toml)\n", block.text):
             (place / name[1]).write_text(block.text)
