@@ -22,7 +22,7 @@ MODULES := $(addprefix onnxgraft.,abstract_transformation transform_utilities qu
 
 .DELETE_ON_ERROR:
 .DEFAULT_GOAL := help
-.PHONY: help build demo test sanitize fuzz matrix lint tidy format bench bench-docs docs docs-check wheel sdist clean
+.PHONY: help build demo test sanitize fuzz matrix lint tidy format bench bench-docs docs networks docs-check wheel sdist clean
 
 help: ## List the commands
 	@awk -F ':.*## ' '/^[a-z]+:.*## / {printf "  make %-8s %s\n", $$1, $$2}' Makefile
@@ -116,6 +116,17 @@ docs: .venv/installed ## Make the pictures, tables and API reference of docs/ an
 	@$(BIN)/python -m tools.draw_rewrites
 	@$(BIN)/python -m tools.firing_table
 	@$(BIN)/python -m tools.api_reference
+
+TORCH ?= torch==2.13.0
+networks: .venv/installed build/networks/venv/installed ## Export networks of nine families (build/networks/) and count on them (TORCH=a wheel)
+	@build/networks/venv/bin/python -m tools.networks build/networks/models
+	@$(BIN)/python -m tools.firing_table build/networks/models
+
+build/networks/venv/installed: requirements/networks.txt .venv/tools
+	@echo "Installing torch"
+	@$(BIN)/python -m venv build/networks/venv
+	@build/networks/venv/bin/python -m pip --disable-pip-version-check install --quiet --no-input $(TORCH) -r $<
+	@touch $@
 
 docs-check: .venv/installed
 	@$(BIN)/python -m tools.draw_rewrites --check

@@ -26,11 +26,19 @@ class Network:
 
 
 FAMILIES = (
-    Family("YOLO", ("yolo",)),
+    Family("YOLO", ("yolov5", "yolov7")),
     Family("U2Net", ("u2net",)),
     Family("Squeeze and excitation", ("efficientnet", "seresnet", "mobilenet")),
     Family("ResNet", ("resnet",)),
     Family("BERT", ("bert",)),
+    Family("YOLOv8", ("yolov8",)),
+    Family("YOLOX", ("yolox",)),
+    Family("DenseNet", ("densenet",)),
+    Family("GhostNet", ("ghostnet",)),
+    Family("RegNet", ("regnet",)),
+    Family("ConvNeXt and ViT", ("convnext", "vit")),
+    Family("DeepLab", ("deeplab",)),
+    Family("HRNet", ("hrnet",)),
 )
 
 # The longest prefix wins.
@@ -44,6 +52,12 @@ _NETWORKS = (
     Network("mobilenetv3", "mobilenetv3", frozenset({"mobilenetv3"})),
     Network("resnet", "resnet", frozenset({"resnet"})),
     Network("bert", "bert", frozenset({"bert"})),
+    Network("yolov8", "yolov8", frozenset({"yolo"})),
+    Network("yolox", "yolox", frozenset({"yolo"})),
+    *(
+        Network(name, name, frozenset())
+        for name in ("densenet", "ghostnet", "regnet", "convnext", "vit", "deeplab", "hrnet")
+    ),
 )
 
 

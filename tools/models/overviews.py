@@ -39,11 +39,13 @@ def recipe_table(rows: dict[str, Row]) -> str:
         "| Model | Recipe | Rounds | Nodes | Quantize nodes | Replaced, quantizing aside |",
         "|---|---|--:|--:|--:|---|",
     ]
+    equal: dict[tuple[str, ...], list[str]] = {}  # models of equal counts share a line
     for model, row in rows.items():
         run = row["recipe"]
         sizes = [" → ".join(str(size) for size in dict.fromkeys(run[key])) for key in ("nodes", "quantize_nodes")]
-        cells = [f"`{model}`", f"`{run['recipe']}`", str(run["rounds"]), *sizes, ", ".join(_done(run)) or "nothing"]
-        lines.append(f"| {' | '.join(cells)} |")
+        cells = (f"`{run['recipe']}`", str(run["rounds"]), *sizes, ", ".join(_done(run)) or "nothing")
+        equal.setdefault(cells, []).append(model)
+    lines += [f"| {' | '.join((_names(models), *cells))} |" for cells, models in equal.items()]
     return "\n".join(lines) + "\n"
 
 

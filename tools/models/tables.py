@@ -49,9 +49,12 @@ def _family(rows: dict[str, Row]) -> Iterator[str]:
 
 
 def _table(heading: str, rows: dict[str, Row], names: Sequence[str], cell: Callable[[Row, str], str]) -> str:
-    lines = [f"| {heading} | " + " | ".join(f"`{model}`" for model in rows) + " |", "|---|" + "--:|" * len(rows)]
-    for name in names:
-        cells = [cell(row, name) for row in rows.values()]
+    columns: dict[tuple[str, ...], list[str]] = {}  # models of equal counts share one
+    for model, row in rows.items():
+        columns.setdefault(tuple(cell(row, name) for name in names), []).append(f"`{model}`")
+    heads = [", ".join(models) for models in columns.values()]
+    lines = [f"| {heading} | " + " | ".join(heads) + " |", "|---|" + "--:|" * len(heads)]
+    for name, cells in zip(names, zip(*columns, strict=True), strict=True):
         if any(cells):
             lines.append(f"| `{name}` | " + " | ".join(cells) + " |")
     if len(lines) == 2:

@@ -68,5 +68,5 @@ def test_what_is_wrong_with_a_file(tmp_path: Path, text: str | None, message: st
 
 
 def test_unknown_recipes() -> None:
-    with pytest.raises(UnknownRecipeError, match=r"'yolo5': did you mean yolov5 or yolov7\?"):
+    with pytest.raises(UnknownRecipeError, match=r"'yolo5': did you mean yolov5 or yolox or yolov8\?"):
         find_recipe("yolo5")

@@ -4,6 +4,7 @@ import json
 import re
 from itertools import pairwise
 from pathlib import Path
+from typing import Any
 
 import pytest
 
@@ -43,6 +44,19 @@ def test_tables_are_those_of_the_example_models(repository: Path) -> None:
     counted = firing_table.rows_of(repository / "examples/models")
     assert len(counted) == 2
     assert {model: rows[model] for model in counted} == counted, "run make docs"
+
+
+def test_every_exporter_of_a_network_ends_with_the_same_counts(repository: Path) -> None:
+    """But for sizes that one of them has made constant itself. Names of files begin with the network's, up to a "_"."""
+    networks: dict[str, list[dict[str, Any]]] = {}
+    for model, row in json.loads((repository / "docs/firing.json").read_text()).items():
+        fired = {name: count for name, count in row["recipe"]["fired"].items() if name != "simplify_shape_v2"}
+        counts = {"fired": fired, "quantize nodes": row["recipe"]["quantize_nodes"], "failed": row["recipe"]["failed"]}
+        networks.setdefault(model.partition("_")[0], []).append(counts)
+    several = {network: files for network, files in networks.items() if len(files) > 1}
+    assert len(several) >= 12
+    for network, files in several.items():
+        assert all(each == files[0] for each in files), network
 
 
 @pytest.mark.parametrize(
