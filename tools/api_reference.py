@@ -56,6 +56,12 @@ SECTIONS: tuple[tuple[str, str, tuple[str, ...]], ...] = (
     ("Results of looking", "onnxgraft.matching", ("Match", "Explanation", "PatternText")),
     ("Results of the self-test", "onnxgraft.selfcheck", ("CheckResult", "CheckResult.raise_if_failed")),
     ("Results of verify", "onnxgraft.verification", ("Verification", "OutputRow")),
+    ("Accuracy", "onnxgraft.verification", ("measure", "Accuracy")),
+    (
+        "Accuracy, in detail",
+        "onnxgraft.verification.accuracy",
+        ("TensorAccuracy", "QuantizeNumbers", "SumNumbers", "Sensitivity"),
+    ),
     ("Results of diff", "onnxgraft.comparison", ("GraphDiff", "Region", "NodeChange", "ValueChange")),
     (
         "Model files",

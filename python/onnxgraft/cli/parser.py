@@ -162,14 +162,18 @@ def make_parser() -> argparse.ArgumentParser:
         options.two_models(),
         options.seed("seed of the random inputs (default: 0)"),
         options.as_json(),
+        data_options.image_options(),
         epilog="Ends with code 3 if the models differ, with 7 if an output has no finite element to compare.",
     )
     verify.add_argument(
         "--inputs",
-        type=Path,
+        "--data",
+        type=data_options.data_or_random,
         metavar="DATA",
-        help="compute on these values instead of random ones: an .npz file with an array for each input, or a folder",
+        help="compute on these values instead of random ones: an .npz file with an array for each input, a folder of "
+        "arrays or images, or random:N",
     )
+    _add_accuracy_options(verify)
     verify.add_argument(
         "--size",
         action="append",
@@ -196,6 +200,30 @@ def make_parser() -> argparse.ArgumentParser:
     diff.add_argument("--exit-code", action="store_true", help="end with code 3 if there is a difference")
     diff.add_argument("--force", action="store_true", help="overwrite existing files")
     return parser
+
+
+def _add_accuracy_options(verify: argparse.ArgumentParser) -> None:
+    accuracy = verify.add_argument_group(
+        "accuracy", "how close a quantized model stays to the float one; any of these replaces the tolerance"
+    )
+    accuracy.add_argument(
+        "--sqnr",
+        type=positive_number,
+        metavar="DB",
+        help="signal to quantization noise that each output has to reach over all samples, in dB",
+    )
+    accuracy.add_argument(
+        "--per-tensor",
+        action="store_true",
+        help="measure every tensor that both models have, what quantize nodes cut off and how many bits sums need",
+    )
+    accuracy.add_argument(
+        "--sensitivity", action="store_true", help="quantize each operator alone too, which takes a pass for each"
+    )
+    accuracy.add_argument(
+        "--html", type=options.path_ending_in(".html"), metavar="A.html", help="write a page with a plot as well"
+    )
+    accuracy.add_argument("--force", action="store_true", help="overwrite an existing page")
 
 
 def _add_pattern_options(pattern: argparse.ArgumentParser) -> None:

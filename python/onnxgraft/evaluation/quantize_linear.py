@@ -65,7 +65,7 @@ class _Lowering:
         self._quantized = quantized_values.find(self._graph, opsets).tensors
         self._readers = Counter(name for node in self._graph.node for name in node.input)
         self._writers = {name: node for node in self._graph.node for name in node.output}
-        self._quantizers: dict[str, tuple[np.float32, int]] = {}  # tensor -> scale of QuantizeLinear, offset
+        self._quantizers: dict[str, tuple[float, int]] = {}  # tensor -> scale of QuantizeLinear, offset
         self._scales_after = self._ends()  # sum -> the scales that it is multiplied by
         self._floats: dict[str, onnx.NodeProto] = {}  # sum -> the node that computes it in floats
         self._write = NodeWriter(self._graph)
@@ -113,7 +113,7 @@ class _Lowering:
         if offset != int(offset) or not -128 <= offset <= 127:
             raise EvaluationError(f"{label(node)}: its offset is {offset:g}, where QuantizeLinear needs a whole INT8")
         output = node.output[0]
-        inverse = np.float32(1 / scale)
+        inverse = float(np.float32(1 / scale))
         self._quantizers[output] = inverse, int(offset)
         kind = self._types.get(node.input[0])
         data = node.input[0]
@@ -198,15 +198,16 @@ class _Lowering:
         else:
             last.output[0] = output
 
-    def _step(self, name: str) -> np.float32:
+    def _step(self, name: str) -> float:
         """The scale of a quantize node that a tensor comes from; 1 if there is none."""
         while name not in self._quantizers:
             writer = self._writers.get(name)
             before = [source for source in writer.input if source in self._quantized] if writer is not None else []
             if not before:
-                return np.float32(1)
+                return 1.0
             name = before[0]
-        return self._quantizers[name][0]
+        scale, _ = self._quantizers[name]
+        return scale
 
     def _keep(self, node: onnx.NodeProto) -> None:
         if any(name in self._quantized for name in node.output) and node.op_type not in _PASSING:

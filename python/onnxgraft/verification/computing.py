@@ -14,6 +14,7 @@ import numpy.typing as npt
 import onnx
 
 from onnxgraft.evaluation import Convention, EvaluationError, evaluate
+from onnxgraft.preparation import prepare
 
 Array = npt.NDArray[Any]
 Runner = Literal["onnxruntime", "onnx.reference"]
@@ -73,3 +74,17 @@ class Computer:
             raise EvaluationError(f"the model {side.label} does not run: {error}") from error
         _log.info("computed %d tensors in %.1f s", len(names), time.perf_counter() - start)
         return result
+
+
+def sorted_model(model: onnx.ModelProto) -> onnx.ModelProto:
+    """The model, or a copy with its nodes in topological order if they are not."""
+    known: set[str] = set()
+    written = {name for node in model.graph.node for name in node.output}
+    for node in model.graph.node:
+        if any(name in written and name not in known for name in node.input):
+            copy = onnx.ModelProto()
+            copy.CopyFrom(model)
+            prepare(copy, ["sort_nodes"])
+            return copy
+        known.update(node.output)
+    return model

@@ -11,11 +11,10 @@ import onnx
 
 from onnxgraft.errors import VerificationError
 from onnxgraft.evaluation import HARDWARE, Convention, EvaluationError
-from onnxgraft.preparation import prepare
 from onnxgraft.samples.random_values import given_values, inputs_of, random_values
 from onnxgraft.verification import interface, notes
 from onnxgraft.verification.comparing import compare, worst
-from onnxgraft.verification.computing import Array, Computer, Side
+from onnxgraft.verification.computing import Array, Computer, Side, sorted_model
 from onnxgraft.verification.first_difference import find_first_difference
 from onnxgraft.verification.result import OutputRow, Verification
 
@@ -64,7 +63,10 @@ def verify(
         raise VerificationError(f"runs has to be 1 or more, not {runs}")
     if tolerance is not None and not 0 <= tolerance < math.inf:
         raise VerificationError(f"the tolerance has to be 0 or a positive number, not {tolerance}")
-    sides = [Side("before", _sorted(before), folder_before or ""), Side("after", _sorted(after), folder_after or "")]
+    sides = [
+        Side("before", sorted_model(before), folder_before or ""),
+        Side("after", sorted_model(after), folder_after or ""),
+    ]
     feeds: Iterable[Mapping[str, Array]]
     if inputs is None:
         wanted = inputs_of(before, sizes or {})
@@ -95,20 +97,6 @@ def verify(
     if computer.fallback is not None:
         result.notes.append(f"onnxruntime gave up: {computer.fallback}")
     return result
-
-
-def _sorted(model: onnx.ModelProto) -> onnx.ModelProto:
-    """The model, or a copy with its nodes in topological order if they are not."""
-    known: set[str] = set()
-    written = {name for node in model.graph.node for name in node.output}
-    for node in model.graph.node:
-        if any(name in written and name not in known for name in node.input):
-            copy = onnx.ModelProto()
-            copy.CopyFrom(model)
-            prepare(copy, ["sort_nodes"])
-            return copy
-        known.update(node.output)
-    return model
 
 
 def _compare(
