@@ -13,6 +13,7 @@ import onnx
 from onnxgraft.calibration import Calibration
 from onnxgraft.cli import chosen, claims, consoles, model_output
 from onnxgraft.cli.exit_codes import ExitCode
+from onnxgraft.cli.fill_options import filling_of
 from onnxgraft.cli.interactive import asking
 from onnxgraft.cli.text_output import TextOutput
 from onnxgraft.engine import Report, rewrite
@@ -72,10 +73,10 @@ def _rewrite(
     if options.report is not None:
         details = "nodes" if options.report.suffix.lower() == ".json" else "neighbours"
     folder = options.model.parent if store is None else store.folder
+    own = _own_calibration(options, model, folder)
     report = rewrite(
         model,
         selection,
-        calibration=_own_calibration(options, model, folder),
         seed=options.seed,
         until_stable=options.until_stable,
         prepare=chosen.preparation(options),
@@ -86,6 +87,7 @@ def _rewrite(
         folder=folder,
         weight_store=store,
         finish=options.finish,
+        calibration=filling_of(options, model, Path(folder), own, show),
     )
     report.model = options.model.name
     return report

@@ -8,7 +8,7 @@ from collections.abc import Sequence
 from importlib.metadata import version
 from pathlib import Path
 
-from onnxgraft.cli import completion, data_options, options
+from onnxgraft.cli import completion, data_options, fill_options, options
 from onnxgraft.cli.options import Parser, positive_number, whole_number
 
 _DATA_FILE = "A model whose weights are in a data file gets a new one beside OUT.onnx."
@@ -32,6 +32,8 @@ def parse(arguments: Sequence[str] | None) -> argparse.Namespace:
         options.model = options.model or options.float_model
         if options.model is None:
             options.parser.error("MODEL.onnx, the float model, is required")
+    if options.command == "apply":
+        fill_options.check(options)
     return options
 
 
@@ -99,6 +101,9 @@ def make_parser() -> argparse.ArgumentParser:
             options.chosen_transformations(),
             options.output(required=False),
             options.seed("seed of the random weights; without it each run draws others"),
+            fill_options.fill_options(),
+            data_options.sizes(),
+            data_options.image_options(),
             code,
             recipes,
             epilog=_DATA_FILE,

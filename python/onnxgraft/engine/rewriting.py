@@ -27,7 +27,6 @@ from onnxgraft.transform_utilities import external_data_folder
 if TYPE_CHECKING:
     from onnxgraft.calibration import Calibration
     from onnxgraft.filling import Filling
-    from onnxgraft.filling.filler import Filler
 
 OnError = Literal["stop", "continue"]
 
@@ -103,12 +102,18 @@ def rewrite(
     host = Host(graph, model if isinstance(model, onnx.ModelProto) else None, folder, weight_store)
     report = Report(model=graph.name or None, seed=seed, version=_version())
     with seeded(seed), _data_folder(folder):
+        filling = None if calibration is None else _filling(model, calibration, folder)
         if prepare is not False:
             steps = prepare if not isinstance(prepare, bool) else None if recipe is None else recipe.prepare
             _prepare(model, steps, folder, report, progress, weight_store)
         functions = host.model.functions if host.model is not None else ()
         foreign = ForeignOperators(graph, functions)
-        filler = None if calibration is None else _filler(model, calibration, chosen, weight_store)
+        filler = None
+        if filling is not None and host.model is not None:
+            from onnxgraft.filling.beginning import begin  # noqa: PLC0415
+
+            rows = [candidate.row for candidate in chosen]
+            filler = begin(host.model, filling, rows, folder=folder, store=weight_store, progress=progress)
         stepper = Stepper(host, details, [*followers, *finishing.followers(host, finish=finish)], filler)
         stability = None
         if until_stable or (recipe is not None and recipe.until_stable):
@@ -124,19 +129,21 @@ def rewrite(
     return report
 
 
-def _filler(
+def _filling(
     model: onnx.ModelProto | onnx.GraphProto,
     calibration: Calibration | Filling,
-    chosen: Sequence[Candidate],
-    weight_store: WeightStore | None,
-) -> Filler:
-    from onnxgraft.filling import Filling  # only where it is asked for  # noqa: PLC0415
-    from onnxgraft.filling.beginning import begin  # noqa: PLC0415
+    folder: str | os.PathLike[str] | None,
+) -> Filling:
+    """What to fill with; the model is as it was given, and a calibration of another one is refused."""
+    from onnxgraft.calibration import model_fingerprint  # only where it is asked for  # noqa: PLC0415
+    from onnxgraft.filling import Filling  # noqa: PLC0415
 
     if not isinstance(model, onnx.ModelProto):
         raise TypeError("a calibration belongs to a model: a ModelProto is wanted, not its graph")
     filling = calibration if isinstance(calibration, Filling) else Filling(calibration)
-    return begin(model, filling, [candidate.row for candidate in chosen], weight_store)
+    if filling.calibration.fingerprint:  # one that was written by hand may have none
+        filling.calibration.check_model(model_fingerprint(model, folder))
+    return filling
 
 
 def _graph(model: Any) -> onnx.GraphProto:

@@ -3,16 +3,21 @@
 from __future__ import annotations
 
 import difflib
-from collections.abc import Iterable, Sequence
+import os
+from collections.abc import Callable, Iterable, Sequence
+from dataclasses import replace
 from typing import TYPE_CHECKING
 
 import onnx
 
+from onnxgraft import quant
 from onnxgraft.filling.errors import FillingError
 from onnxgraft.filling.filler import Filler
 from onnxgraft.filling.operators import Quantizable, quantizable
+from onnxgraft.filling.origins import origin_of
 from onnxgraft.filling.plan import Plan
 from onnxgraft.filling.settings import Filling
+from onnxgraft.filling.trials import choose
 
 if TYPE_CHECKING:
     from onnxgraft.catalogue import Transformation
@@ -22,7 +27,13 @@ Shape = tuple[int | None, ...]
 
 
 def begin(
-    model: onnx.ModelProto, filling: Filling, chosen: Sequence[Transformation], store: WeightStore | None = None
+    model: onnx.ModelProto,
+    filling: Filling,
+    chosen: Sequence[Transformation],
+    *,
+    folder: str | os.PathLike[str] | None = None,
+    store: WeightStore | None = None,
+    progress: Callable[[str], object] | None = None,
 ) -> Filler:
     """The filler of a run that is about to begin.
 
@@ -30,7 +41,9 @@ def begin(
         model: The model, prepared and float.
         filling: What to fill it with.
         chosen: The transformations that will run.
+        folder: The folder that the locations of external tensors start from.
         store: Where new weights go, if not into the graph.
+        progress: Called with what is being done.
 
     Raises:
         FillingError: A transformation draws numbers in an unknown way, a tensor has no range, or an operator that is
@@ -40,17 +53,44 @@ def begin(
         Filler.check(row)
     graph = model.graph
     operators = quantizable(graph, chosen)
-    shapes = _shapes(graph)
     left = _left_float(operators, filling.leave)
-    _check_ranges(graph, operators, left, filling)
+    operators = [operator for operator in operators if operator.output not in left]
+    _check_ranges(graph, operators, filling)
     plan = Plan(
         filling.calibration,
         symmetric=filling.symmetric,
         left_float=left,
         uncentred=frozenset(operator.output for operator in operators if _hides_padding(operator.node)),
-        ranks={name: len(shape) for name, shape in shapes.items()},
+        ranks={name: len(shape) for name, shape in _shapes(graph).items()},
     )
-    return Filler(plan, store)
+    decibels: dict[str, float] = {}
+    if filling.data is not None and (filling.float_share or filling.bias_correction is not False):
+        normalized = _joined_before_normalization(graph, chosen)
+        choice = choose(
+            model,
+            operators,
+            [origin_of(plan, graph, operator) for operator in operators],
+            filling.data,
+            float_share=filling.float_share,
+            correct=filling.bias_correction,
+            may_correct=lambda operator: operator.bias is not None or operator.output not in normalized,
+            folder=folder,
+            progress=progress,
+        )
+        plan = replace(plan, left_float={**left, **choice.left_float}, corrections=choice.corrections)
+        decibels = choice.decibels
+    filler = Filler(plan, store)
+    filler.result.decibels = decibels
+    return filler
+
+
+def _joined_before_normalization(graph: onnx.GraphProto, chosen: Iterable[Transformation]) -> frozenset[str]:
+    """What `fuse_bn_quant` will look for: it wants convolutions without bias, so none may be given one."""
+    if not any(issubclass(row.cls, quant.FuseQuantBatchNormTransformation) for row in chosen):
+        return frozenset()
+    normalized = {node.input[0] for node in graph.node if node.op_type == "BatchNormalization"}
+    joined = (node for node in graph.node if node.op_type == "Concat" and node.output[0] in normalized)
+    return frozenset(name for node in joined for name in node.input)
 
 
 def _shapes(graph: onnx.GraphProto) -> dict[str, Shape]:
@@ -81,14 +121,12 @@ def _left_float(operators: Sequence[Quantizable], names: Iterable[str]) -> dict[
     return left
 
 
-def _check_ranges(
-    graph: onnx.GraphProto, operators: Sequence[Quantizable], left: Iterable[str], filling: Filling
-) -> None:
+def _check_ranges(graph: onnx.GraphProto, operators: Sequence[Quantizable], filling: Filling) -> None:
     """Refuses before anything is changed what would fail in the middle."""
-    left, constants = set(left), {tensor.name for tensor in graph.initializer}
+    constants = {tensor.name for tensor in graph.initializer}
     for operator in operators:
         tensor = operator.node.input[0]
-        if operator.output not in left and tensor not in constants and tensor not in filling.calibration.ranges:
+        if tensor not in constants and tensor not in filling.calibration.ranges:
             raise FillingError(
                 f"{operator.label} cannot be filled: the calibration has no range for tensor '{tensor}', which it reads"
             )

@@ -8,6 +8,7 @@ from typing import TYPE_CHECKING
 
 if TYPE_CHECKING:
     from onnxgraft.calibration import Calibration
+    from onnxgraft.samples import Samples
 
 
 @dataclass(frozen=True)
@@ -20,8 +21,24 @@ class Filling:
             `Conv` but one whose padding cannot be written out, and at a `Gemm` or `MatMul` with a bias along its
             output channels.
         leave: Operators that stay float, by name or by the name of the tensor that they write.
+        float_share: The share of the multiply-adds, from 0 to 1, that may stay float: those operators whose
+            quantization hurts most. Needs `data`.
+        bias_correction: Whether biases are corrected by the mean error of their operator. None: where `data` is
+            given and the correction brings the outputs nearer to the float ones on it.
+        data: Samples to try things on; the same that were calibrated with will do.
     """
 
     calibration: Calibration
     symmetric: bool = False
     leave: Iterable[str] = ()
+    float_share: float = 0.0
+    bias_correction: bool | None = None
+    data: Samples | None = None
+
+    def __post_init__(self) -> None:
+        if not 0.0 <= self.float_share < 1.0:
+            raise ValueError(f"float_share has to be at least 0 and below 1, not {self.float_share}")
+        if self.data is None and self.float_share:
+            raise ValueError("a share of float operators is chosen by trying: `data` is needed")
+        if self.data is None and self.bias_correction:
+            raise ValueError("biases are corrected by trying: `data` is needed")

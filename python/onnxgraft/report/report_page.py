@@ -95,6 +95,8 @@ def _facts(report: Report) -> list[str]:
 def _warnings(report: Report) -> Iterator[str]:
     for warning in report.warnings:
         yield f'<p class="note" role="note">{text(warning)}</p>'
+    if report.filled is not None:
+        yield "<ul>" + "".join(f"<li>{text(line)}</li>" for line in report.filled.lines()) + "</ul>"
     if any(step.random and step.replaced for step in report.steps):
         yield (
             '<p class="note" role="note">Weights, biases or scales were drawn at random: the model is fit for '

@@ -66,6 +66,8 @@ def text(report: Report) -> str:
     if changes:
         console.print(f"prepared: {', '.join(changes)}", soft_wrap=True)
     console.print(table(report))
+    for line in () if report.filled is None else report.filled.lines():
+        console.print(line, soft_wrap=True)
     for warning in report.warnings:
         console.print(f"warning: {one_line(warning)}", soft_wrap=True)
     lines = (line.rstrip() for line in stream.getvalue().splitlines())

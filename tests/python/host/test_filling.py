@@ -1,6 +1,7 @@
 """Real numbers in quantized models: evaluated against the float model, place by place and over whole recipes."""
 
 from collections.abc import Callable
+from dataclasses import replace
 from pathlib import Path
 from typing import Any
 
@@ -10,10 +11,12 @@ import pytest
 from onnx import TensorProto, helper, numpy_helper
 
 from onnxgraft import rewrite
-from onnxgraft.calibration import Calibration, Range, calibrate
+from onnxgraft.calibration import Calibration, CalibrationError, Range, calibrate
+from onnxgraft.cli import main
 from onnxgraft.evaluation import Convention, evaluate
 from onnxgraft.filling import Filling
 from onnxgraft.quant import QuantConvTransformation, _QuantTransformation
+from onnxgraft.samples import open_data
 
 EXACT = Convention(rounding=True, centred=True)
 QUANTIZING = ["quant_conv", "quant_gemm", "quant_matmul"]
@@ -246,6 +249,7 @@ def test_places_that_cannot_be_filled_are_errors(
     calibration = calibrate(model, samples(model), evaluator="reference")
     if spoil:
         spoil(model)
+        calibration = replace(calibration, fingerprint="")
     before = model.SerializeToString()
     with pytest.raises(Exception, match=message):
         rewrite(model, steps, prepare=False, calibration=Filling(calibration, **settings))
@@ -280,8 +284,79 @@ def test_whole_recipes_on_the_examples(example_models: list[Path]) -> None:
             assert 10 * np.log10(noises[1] / noises[0]) < 0.5
 
 
-def test_a_graph_alone_is_refused() -> None:
+def test_another_model_and_a_graph_alone_are_refused() -> None:
     model = make_model(*OPERATORS["conv"])
-    calibration = Calibration({"x": Range(0, 1)}, "min-max", 1, "")
+    calibration = calibrate(model, samples(model), evaluator="reference")
+    with pytest.raises(CalibrationError, match="the ranges are of another model"):
+        rewrite(make_model(*OPERATORS["conv"], seed=1), "quant_conv", calibration=calibration)
     with pytest.raises(TypeError, match="a calibration belongs to a model"):
         rewrite(model.graph, "quant_conv", calibration=calibration)
+
+
+DEEP = "a0 = Conv(x, w1, b1) a = Relu(a0) c0 = Conv<group=4>(a, w2) c = Relu(c0) d = Conv(c, w3, b3) y = Relu(d)"
+
+
+def deep() -> onnx.ModelProto:
+    """The second convolution has few multiply-adds and weights that 8 bits tell badly."""
+    weights: dict[str, Any] = {"w1": (4, 4, 3, 3), "b1": (4,), "w3": (6, 4, 3, 3), "b3": (6,)}
+    outlier = np.full((4, 1, 1, 1), 0.7)
+    return make_model(DEEP, (1, 4, 12, 12), weights | {"w2": outlier})
+
+
+def test_what_hurts_most_stays_float_within_the_share() -> None:
+    model = deep()
+    calibration = calibrate(model, samples(model))
+    wide = {**calibration.ranges, "a": Range(0.0, 40 * calibration.ranges["a"].high)}
+    calibration = Calibration(wide, "min-max", 4, "")
+    data = open_data(samples(model), model)
+    report = rewrite(model, "quant_conv", calibration=Filling(calibration, float_share=0.05, data=data))
+    assert report.filled is not None
+    assert [left.output for left in report.filled.left_float] == ["c0"]
+    assert "of the noise, at" in report.filled.left_float[0].reason
+    assert report.filled.decibels["1 operators left float"] > report.filled.decibels["all operators quantized"] + 6
+
+
+@pytest.mark.parametrize("version", [13, 17, 18])
+@pytest.mark.parametrize("name", ["conv", "conv without bias", "gemm", "product", "product of rank 3", "grouped conv"])
+def test_corrected_biases_take_the_mean_error_off(name: str, version: int) -> None:
+    """What is measured beside the float operator is what the filled model computes."""
+    model = make_model(*OPERATORS[name])
+    model.opset_import[0].version = version
+    calibration = calibrate(model, samples(model))
+    data = open_data(samples(model), model)
+    errors = []
+    for correct in (False, True):
+        result = filled(model, calibration=calibration, data=data, bias_correction=correct)
+        difference = [b - a for a, b in zip(outputs(model), outputs(result), strict=True)]
+        axes = (0, 1, 3, 4) if "conv" in name else tuple(range(np.ndim(difference) - 1))
+        errors.append(float(np.abs(np.mean(difference, axis=axes)).max()))
+    assert errors[1] < 0.5 * errors[0] or errors[1] < 1e-4
+
+
+def test_the_command_line_fills(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str]
+) -> None:
+    """In one go, and in two; what is wrong is said in one line and writes nothing."""
+    monkeypatch.chdir(tmp_path)
+    model = deep()
+    onnx.save_model(model, "m.onnx")
+    np.savez("data.npz", x=np.stack([feeds["x"] for feeds in samples(model)]))
+    base = ["apply", "m.onnx", "-t", "quant_conv", "-q"]
+    assert main([*base, "-o", "one.onnx", "--calibrate", "data.npz", "--report", "r.html"]) == 0
+    assert "filled: 3 operators" in Path("r.html").read_text(encoding="utf-8")
+    assert main(["calibrate", "m.onnx", "--data", "data.npz", "-o", "r.json", "-q"]) == 0
+    assert main([*base, "-o", "two.onnx", "--calibration", "r.json", "--data", "data.npz"]) == 0
+    assert Path("one.onnx").read_bytes() == Path("two.onnx").read_bytes()
+    assert decibels(model, onnx.load("one.onnx")) > 25
+    assert (
+        main(["apply", "m.onnx", "-t", "quant_conv", "-o", "three.onnx", "--calibration", "r.json", "--leave", "a0"])
+        == 0
+    )
+    assert "left float: Conv 'a0': asked for" in capsys.readouterr().out
+    for wrong in (["--float-macs", "5%"], ["--calibration", "r.json", "--float-macs", "5%"], ["--leave", "y"],
+                  ["--calibrate", "data.npz", "--float-macs", "150%"]):  # fmt: skip
+        assert main([*base, "-o", "bad.onnx", *wrong]) == 2
+    onnx.save_model(make_model(*OPERATORS["conv"]), "other.onnx")
+    assert main(["apply", "other.onnx", "-t", "quant_conv", "-o", "bad.onnx", "--calibration", "r.json"]) == 1
+    assert "the ranges are of another model" in capsys.readouterr().err
+    assert not Path("bad.onnx").exists()

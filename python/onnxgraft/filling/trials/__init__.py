@@ -1,0 +1,5 @@
+"""Tries on samples what quantizing costs: which operators hurt most, and whether corrected biases help."""
+
+from onnxgraft.filling.trials.choosing import Choice, choose
+
+__all__ = ["Choice", "choose"]

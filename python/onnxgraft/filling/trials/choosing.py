@@ -1,0 +1,253 @@
+"""Chooses by trying: what stays float, and whether biases are corrected."""
+
+from __future__ import annotations
+
+import itertools
+import math
+import os
+from collections.abc import Callable, Mapping, Sequence
+from dataclasses import dataclass, field
+from typing import Any
+
+import numpy as np
+import numpy.typing as npt
+import onnx
+
+from onnxgraft.evaluation.forward import ForwardRunner
+from onnxgraft.filling.errors import FillingError
+from onnxgraft.filling.operators import Quantizable
+from onnxgraft.filling.origins import Origin
+from onnxgraft.filling.trials.simulation import Simulation
+from onnxgraft.filling.trials.trial_model import error_model, feeds_of, size, switched_model
+from onnxgraft.samples import Sample, Samples
+
+Array = npt.NDArray[Any]
+Progress = Callable[[str], object]
+
+# So many samples are tried on; mean errors are those of all samples.
+_TRIED = 8
+_OLDEST_OPERATOR_SET = 11  # of Round, and of Clip with bounds as inputs
+
+
+@dataclass
+class Choice:
+    """What came out.
+
+    Attributes:
+        left_float: Operators that stay float, and why.
+        corrections: What to take off the bias of an operator, per output channel.
+        decibels: Signal to noise on the samples, by what was tried.
+    """
+
+    left_float: dict[str, str] = field(default_factory=dict)
+    corrections: dict[str, Array] = field(default_factory=dict)
+    decibels: dict[str, float] = field(default_factory=dict)
+
+
+def choose(
+    model: onnx.ModelProto,
+    operators: Sequence[Quantizable],
+    origins: Sequence[Origin],
+    data: Samples,
+    *,
+    float_share: float = 0.0,
+    correct: bool | None = None,
+    may_correct: Callable[[Quantizable], bool] = lambda _: True,
+    folder: str | os.PathLike[str] | None = None,
+    progress: Progress | None = None,
+) -> Choice:
+    """Tries quantized operators on samples.
+
+    Args:
+        model: The prepared float model.
+        operators: What can be quantized.
+        origins: What these compute with, in the same order.
+        data: The samples.
+        float_share: The share of the operators' multiply-adds that may stay float.
+        correct: Whether biases are corrected; None for where it helps on the samples.
+        may_correct: Whether an operator's bias may be corrected.
+        folder: The folder that the locations of external tensors start from.
+        progress: Called with what is being done.
+
+    Raises:
+        FillingError: The model cannot be tried: its operator set is older than 11, or an output has no signal.
+        EvaluationError: The model cannot be computed.
+    """
+    version = next((entry.version for entry in model.opset_import if entry.domain in {"", "ai.onnx"}), 0)
+    if version < _OLDEST_OPERATOR_SET:
+        raise FillingError(f"operator set {version} is too old to try things: {_OLDEST_OPERATOR_SET} is needed")
+    types = _element_types(model)
+    simulations = [
+        Simulation(operator, origin, f"onnxgraft_trial_{number}", types.get(operator.weight, onnx.TensorProto.FLOAT))
+        for number, (operator, origin) in enumerate(zip(operators, origins, strict=True))
+    ]
+    tell = progress or (lambda _: None)
+    choice = Choice()
+    if not simulations:
+        return choice
+    corrections: dict[str, Array] = {}
+    if correct is not False:
+        tell("measuring mean errors")
+        corrected = [one for one in simulations if one.is_correctable and may_correct(one.operator)]
+        corrections = _mean_errors(model, corrected, data, folder)
+    trials = _Trials(model, simulations, data, folder)
+    everything = frozenset(operator.output for operator in operators)
+    choice.decibels["all operators quantized"] = in_decibels(trials.noise(everything))
+    if float_share:
+        choice.left_float = _left_float(trials, operators, float_share, tell)
+    rest = everything - choice.left_float.keys()
+    if choice.left_float:
+        choice.decibels[f"{len(choice.left_float)} operators left float"] = in_decibels(trials.noise(rest))
+    corrections = {name: values for name, values in corrections.items() if name in rest}
+    if corrections:
+        choice.corrections = _helpful(trials, rest, corrections, choice.decibels, tell, always=correct is True)
+    return choice
+
+
+def _helpful(
+    trials: _Trials,
+    quantized: frozenset[str],
+    corrections: Mapping[str, Array],
+    decibels: dict[str, float],
+    tell: Progress,
+    *,
+    always: bool,
+) -> dict[str, Array]:
+    """All corrections, if they help together; else those that help their operator alone; else none."""
+    tell("trying corrected biases")
+    plain, better = trials.noise(quantized), trials.noise(quantized, corrections)
+    decibels["biases corrected"] = in_decibels(better)
+    if always or better < plain:
+        return dict(corrections)
+    some = {}
+    for number, (output, values) in enumerate(corrections.items(), 1):
+        tell(f"trying corrected bias {number} of {len(corrections)}")
+        alone = frozenset({output})
+        if trials.noise(alone, corrections) < trials.noise(alone):
+            some[output] = values
+    better = trials.noise(quantized, some)
+    decibels[f"{len(some)} of {len(corrections)} biases corrected"] = in_decibels(better)
+    if better < plain:
+        return some
+    decibels["no bias corrected"] = in_decibels(plain)
+    return {}
+
+
+def _element_types(model: onnx.ModelProto) -> dict[str, int]:
+    return {tensor.name: tensor.data_type for tensor in model.graph.initializer}
+
+
+def _mean_errors(
+    model: onnx.ModelProto,
+    simulations: Sequence[Simulation],
+    data: Samples,
+    folder: str | os.PathLike[str] | None,
+) -> dict[str, Array]:
+    """The mean error of each output channel of each operator, on float inputs."""
+    if not simulations:
+        return {}
+    extended, outputs = error_model(model, simulations)
+    runner = ForwardRunner(extended, outputs, folder=folder)
+    sums = [np.zeros(max(1, int(np.prod(one.channels))), np.float64) for one in simulations]
+    count = 0
+    for sample in data:
+        found = runner.run(sample)
+        sums = [total + np.asarray(found[name]).reshape(-1) for total, name in zip(sums, outputs, strict=True)]
+        count += 1
+    means = [total / max(count, 1) for total in sums]
+    return {one.operator.output: mean for one, mean in zip(simulations, means, strict=True) if np.isfinite(mean).all()}
+
+
+class _Trials:
+    """Runs of the model with some operators quantized, compared with the float one."""
+
+    def __init__(
+        self,
+        model: onnx.ModelProto,
+        simulations: Sequence[Simulation],
+        data: Samples,
+        folder: str | os.PathLike[str] | None,
+    ) -> None:
+        self._simulations = simulations
+        names = [value.name for value in model.graph.output]
+        sizes = [size(simulation) for simulation in simulations]
+        self._runner = ForwardRunner(switched_model(model, simulations), [*names, *sizes], folder=folder)
+        self._samples: list[Sample] = list(itertools.islice(data, _TRIED))
+        self._exact = [self._run(sample, frozenset(), {}) for sample in self._samples]
+        self._signal = {
+            name: sum(_energy(found[name]) for found in self._exact)
+            for name in names
+            if self._exact and self._exact[0][name].dtype.kind == "f"
+        }
+        self._signal = {name: value for name, value in self._signal.items() if value > 0 and math.isfinite(value)}
+        if not self._signal:
+            raise FillingError("no output of the float model has a signal on the samples, so nothing can be compared")
+
+    def multiply_adds(self) -> dict[str, int]:
+        """The multiply-adds of each operator on the first sample."""
+        found = self._exact[0]
+        return {one.operator.output: one.multiply_adds(int(found[size(one)])) for one in self._simulations}
+
+    def noise(self, quantized: frozenset[str], corrections: Mapping[str, Array] | None = None) -> float:
+        """Energy of the error, relative to that of the float output; the mean of all outputs."""
+        noises = dict.fromkeys(self._signal, 0.0)
+        for sample, exact in zip(self._samples, self._exact, strict=True):
+            found = self._run(sample, quantized, corrections or {})
+            for name in noises:
+                noises[name] += _energy(found[name].astype(np.float64) - exact[name])
+        values = [noises[name] / signal for name, signal in self._signal.items()]
+        mean = float(np.mean(values))
+        return mean if math.isfinite(mean) else math.inf
+
+    def _run(self, sample: Sample, quantized: frozenset[str], corrections: Mapping[str, Array]) -> dict[str, Array]:
+        return self._runner.run({**sample, **feeds_of(self._simulations, quantized, corrections)})
+
+
+def in_decibels(noise: float) -> float:
+    """Signal to noise, from the noise relative to the signal; limited to 300 dB either way."""
+    return -10 * math.log10(min(max(noise, 1e-30), 1e30))
+
+
+def _energy(values: Array) -> float:
+    return float(np.square(values, dtype=np.float64).sum())
+
+
+def _left_float(trials: _Trials, operators: Sequence[Quantizable], share: float, tell: Progress) -> dict[str, str]:
+    """The operators to leave float: of two rankings that within the share of multiply-adds which gives less noise.
+
+    Once each operator is quantized alone, once each is the only one that is not. What an operator costs by itself and
+    what leaving it out saves are the same as long as errors do not meet.
+    """
+    costs = trials.multiply_adds()
+    total = sum(costs.values())
+    room = share * total
+    everything = frozenset(costs)
+    baseline = trials.noise(everything)
+    fitting = [operator for operator in operators if costs[operator.output] <= room]
+    gains: list[dict[str, float]] = [{}, {}]
+    for number, operator in enumerate(fitting, 1):
+        tell(f"trying operator {number} of {len(fitting)}")
+        output = operator.output
+        gains[0][output] = trials.noise(frozenset({output}))
+        gains[1][output] = baseline - trials.noise(everything - {output})
+    chosen = [_within(room, costs, gain) for gain in gains]
+    noises = [trials.noise(everything - one) for one in chosen]
+    best = min(range(len(chosen)), key=lambda k: noises[k])
+    if noises[best] >= baseline:
+        return {}
+    said = ("quantized alone it makes {:.0%} of the noise", "left float it saves {:.0%} of the noise")[best]
+    return {
+        output: f"{said.format(gains[best][output] / baseline)}, at {costs[output] / total:.1%} of the multiply-adds"
+        for output in (operator.output for operator in operators)
+        if output in chosen[best]
+    }
+
+
+def _within(room: float, costs: Mapping[str, int], gains: Mapping[str, float]) -> frozenset[str]:
+    """Those that gain most for their cost, as long as there is room."""
+    chosen = set()
+    for output in sorted(gains, key=lambda name: gains[name] / max(costs[name], 1), reverse=True):
+        if gains[output] > 0 and costs[output] <= room:
+            room -= costs[output]
+            chosen.add(output)
+    return frozenset(chosen)
