@@ -91,6 +91,7 @@ bool is_utf8(std::string_view text) {
   }
   for (const char c : rest) bits |= static_cast<unsigned char>(c);
   if ((bits & 0x8080808080808080U) == 0) return true;
+  // NOLINTNEXTLINE(bugprone-suspicious-stringview-data-usage): its size goes along
   if (Ref::steal(PyUnicode_DecodeUTF8(text.data(), std::ssize(text), nullptr))) return true;
   PyErr_Clear();
   return false;
