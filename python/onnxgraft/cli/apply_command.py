@@ -83,6 +83,8 @@ def _rewrite(
         progress=show,
         on_error="continue" if options.keep_going else "stop",
         skip=options.skip,
+        exclude=options.exclude,
+        only=options.only,
         details=details,
         folder=folder,
         weight_store=store,

@@ -177,6 +177,20 @@ def chosen_transformations() -> Parser:
     return group
 
 
+def chosen_operators() -> Parser:
+    """Which operators are quantized."""
+    group = _group()
+    for option, meaning in (("exclude", "leave these operators in float"), ("only", "quantize no others than these")):
+        group.add_argument(
+            f"--{option}",
+            action="append",
+            default=[],
+            metavar="GLOB",
+            help=f"{meaning}: a glob over node names, op:Gemm, or input:TENSOR; may be given several times",
+        )
+    return group
+
+
 def skipped_steps(parser: argparse.ArgumentParser, meaning: str) -> None:
     """Adds `--skip-step`; `meaning` is the help text."""
     parser.add_argument("--skip-step", action="append", default=[], metavar="NAME", help=meaning)

@@ -99,6 +99,7 @@ def make_parser() -> argparse.ArgumentParser:
             "apply transformations to a model, in the order given",
             options.one_model(),
             options.chosen_transformations(),
+            options.chosen_operators(),
             options.output(required=False),
             options.seed("seed of the random weights; without it each run draws others"),
             fill_options.fill_options(),

@@ -8,6 +8,7 @@ from __future__ import annotations
 
 import inspect
 import logging
+import re
 from collections.abc import Callable, Iterator, Mapping, Sequence
 from contextlib import contextmanager
 from dataclasses import dataclass
@@ -32,6 +33,8 @@ Details = Literal["counts", "nodes", "neighbours"]
 _WEIGHTS = "_update_weights"
 _DEFAULT_CALLBACK = vars(AbstractTransformation)[CALLBACK]
 _REASONS = "refusal_reasons"
+_DONE = "is INT8 already"  # how the callbacks end a reason that leaves nothing to do
+_NAMES = re.compile(r"(?: node)? '[^']*'")  # what differs between refusals of one kind
 
 _log = logging.getLogger(__name__)
 
@@ -74,6 +77,7 @@ class Recorder:
         self.patterns: list[PatternResult] = []
         self.failure: Failure | None = None
         self.splices: list[Splice] = []
+        self.refused: dict[str, str] = {}  # what matched nodes write, and their names -> what the callback said
         self._keeps_splices = splices
         self._snapshot = snapshot
         self._details = details
@@ -129,7 +133,7 @@ class Recorder:
 
     def _on_replace(self, original: Any, transformation: Any, *, is_default: bool) -> MethodType:
         """A callback that asks `original`, and counts and records the answer."""
-        gives_reasons = self._details != "counts" and _takes_reasons(original)
+        gives_reasons = _takes_reasons(original)
 
         # The parameters are named as in the method that this one stands for.
         def on_replace(
@@ -155,20 +159,31 @@ class Recorder:
                 if self.failure is None:
                     self.failure = Failure(current.result.pattern, tuple(map(NodeText.of, replaced_nodes)))
                 raise
+            reason = "; ".join(reasons)
+            done = not accepted and reason.endswith(_DONE)
             current.result.found += 1
             current.result.replaced += accepted
-            current.result.refused += not accepted
+            current.result.done += done
+            if not (accepted or done):
+                self._note_refusal(current.result, replaced_nodes, reason)
             if self._keeps_splices and accepted:
                 pair = current.result.pattern, current.result.replacement
                 self.splices.append(Splice(*pair, dict(isomorphic_links_mapping), matched, graph))
             if self._details != "counts":
                 current.result.occurrences.append(
-                    self._occurrence(current, before, placed, isomorphic_links_mapping, accepted, reasons)
+                    self._occurrence(current, before, placed, isomorphic_links_mapping, accepted, reason, done)
                 )
             return accepted
 
         _hand_promise_on(on_replace, original, transformation, is_default=is_default)
         return MethodType(on_replace, transformation)
+
+    def _note_refusal(self, result: PatternResult, nodes: Sequence[onnx.NodeProto], reason: str) -> None:
+        result.refused += 1
+        words = _NAMES.sub("", reason) or "no reason given"
+        result.reasons[words] = result.reasons.get(words, 0) + 1
+        for node in nodes:
+            self.refused.update((name, reason or "no reason given") for name in (*node.output, node.name) if name)
 
     def _take_hold(
         self, current: _Pass, graph: onnx.GraphProto, nodes: Sequence[onnx.NodeProto], mapping: Mapping[int, int]
@@ -190,7 +205,8 @@ class Recorder:
         placed: list[tuple[onnx.NodeProto, int]],
         links: Mapping[str, str],
         accepted: bool,
-        reasons: list[str],
+        reason: str,
+        done: bool,
     ) -> Occurrence:
         neighbours: tuple[NodeText, ...] = ()
         tensors = list(links.values())
@@ -200,7 +216,8 @@ class Recorder:
             tensors += [name for node in neighbours for name in (*node.inputs, *node.outputs)]
         return Occurrence.of(
             accepted=accepted,
-            reason="; ".join(reasons) or None,
+            reason=reason or None,
+            done=done,
             before=before,
             after=[(keep(node), index) for node, index in placed],
             links=links,

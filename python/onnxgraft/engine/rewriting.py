@@ -12,6 +12,7 @@ from typing import TYPE_CHECKING, Any, Literal
 import onnx
 
 from onnxgraft import finishing
+from onnxgraft.accounting import Choice, RunFacts, account_of, declared_shapes
 from onnxgraft.engine.fingerprint import fingerprint
 from onnxgraft.engine.foreign_operators import ForeignOperators
 from onnxgraft.engine.recorder import Details
@@ -27,6 +28,7 @@ from onnxgraft.transform_utilities import external_data_folder
 if TYPE_CHECKING:
     from onnxgraft.calibration import Calibration
     from onnxgraft.filling import Filling
+    from onnxgraft.recipe_book import Recipe
 
 OnError = Literal["stop", "continue"]
 
@@ -50,6 +52,8 @@ def rewrite(
     finish: bool = True,
     followers: Sequence[Follower] = (),
     calibration: Calibration | Filling | None = None,
+    exclude: Iterable[str] = (),
+    only: Iterable[str] = (),
 ) -> Report:
     """Runs transformations over a model, in order and in place.
 
@@ -80,6 +84,9 @@ def rewrite(
         followers: What goes on where each transformation has ended, in order, before it is finished.
         calibration: Ranges of the model's tensors, or a `Filling` that says more. Then no number is drawn: weights,
             biases, scales and offsets are those of the model. Needs a ModelProto.
+        exclude: Operators that stay in float: globs over node names (a node without one goes by what it writes),
+            "op:Gemm" or "input:NAME".
+        only: In the same form, the operators that may be quantized; none means all.
 
     Returns:
         What was done.
@@ -88,6 +95,7 @@ def rewrite(
         TransformationError: A transformation failed. The model is as it was when that step began; the error has the
             report of the steps before.
         UnknownTransformationError: There is no transformation of a given name.
+        UnknownNameError: What `exclude` or `only` names meets no node.
         TypeError: `model` or an element of `transformations` is of another type.
         ValueError: Another argument is out of its range.
         FillingError: The model cannot be filled with the calibration; nothing but the preparation was done.
@@ -108,19 +116,21 @@ def rewrite(
             _prepare(model, steps, folder, report, progress, weight_store)
         functions = host.model.functions if host.model is not None else ()
         foreign = ForeignOperators(graph, functions)
+        facts = RunFacts(choice=_choice(graph, recipe, exclude, only))
         filler = None
         if filling is not None and host.model is not None:
             from onnxgraft.filling.beginning import begin  # noqa: PLC0415
 
             rows = [candidate.row for candidate in chosen]
             filler = begin(host.model, filling, rows, folder=folder, store=weight_store, progress=progress)
-        stepper = Stepper(host, details, [*followers, *finishing.followers(host, finish=finish)], filler)
+        stepper = Stepper(host, details, [*followers, *finishing.followers(host, finish=finish)], filler, facts)
         stability = None
         if until_stable or (recipe is not None and recipe.until_stable):
             stability = Stability(fingerprint(graph))
         while not _is_done(report, stability, max_rounds):
             _run_round(stepper, chosen, report, stability, progress, stops=on_error == "stop")
         report.warnings += foreign.warnings(report.steps)
+        report.account = account_of(graph, declared_shapes(graph), facts, functions)
     if filler is not None:
         report.filled = filler.result
         report.warnings += filler.result.warnings
@@ -144,6 +154,12 @@ def _filling(
     if filling.calibration.fingerprint:  # one that was written by hand may have none
         filling.calibration.check_model(model_fingerprint(model, folder))
     return filling
+
+
+def _choice(graph: onnx.GraphProto, recipe: Recipe | None, exclude: Iterable[str], only: Iterable[str]) -> Choice:
+    """What the caller leaves out, and what the recipe does."""
+    out, into = ([one] if isinstance(one, str) else list(one) for one in (exclude, only))
+    return Choice(graph, [*out, *(recipe.exclude if recipe else ())], [*into, *(recipe.only if recipe else ())])
 
 
 def _graph(model: Any) -> onnx.GraphProto:

@@ -14,6 +14,7 @@ from typing import TYPE_CHECKING, Any
 
 import onnx
 
+from onnxgraft.accounting import RunFacts
 from onnxgraft.engine.all_or_nothing import all_or_nothing
 from onnxgraft.engine.bias_lengths import explanation
 from onnxgraft.engine.failure import TransformationError
@@ -37,6 +38,7 @@ class Stepper:
         host: The graph and what belongs to it.
         details: How much is recorded.
         followers: What goes on where a transformation has ended, in order.
+        facts: What the account of the run needs to know, and which operators the user left out.
         filler: What puts real numbers where a transformation draws them, if anything does.
     """
 
@@ -44,6 +46,7 @@ class Stepper:
     details: Details
     followers: Sequence[Follower] = ()
     filler: Filler | None = None
+    facts: RunFacts = field(default_factory=RunFacts)
     _snapshot: Snapshot | None = field(default=None, init=False)
 
     def run(self, candidate: Candidate, round_number: int) -> tuple[Step, TransformationError | None]:
@@ -84,6 +87,7 @@ class Stepper:
             error = _error(candidate, recorder, raised, graph)
             step.error = str(error)
             _log.info("%s; put back", error)
+        self.facts.note(candidate.row, replaced=bool(step.replaced))
         step.seconds = perf_counter() - start
         step.nodes_after = len(graph.node)
         # Built-in classes touch nothing but occurrences; another's may do anything in its `apply`.
@@ -97,8 +101,11 @@ class Stepper:
 
     def _apply(self, step: Step, candidate: Candidate, recorder: Recorder, snapshot: Snapshot) -> None:
         transformation = candidate.make()
-        with self._filling(transformation), recorder.watch(transformation):
+        choice = self.facts.choice
+        choosing = nullcontext() if choice is None else choice.watch(candidate.row, transformation)
+        with self._filling(transformation), choosing, recorder.watch(transformation):
             returned = transformation.apply(self.host.graph)
+        self.facts.refused.update(recorder.refused)
         _add_unrecorded(step, returned)
         if step.replaced or not candidate.row.is_own:
             self._follow(step, candidate, recorder, snapshot)

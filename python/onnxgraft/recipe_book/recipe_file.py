@@ -18,7 +18,7 @@ from onnxgraft.preparation import STEPS
 
 tomllib: Any = importlib.import_module("tomllib" if sys.version_info >= (3, 11) else "tomli")
 
-_KEYS = ("summary", "transformations", "prepare", "until_stable")
+_KEYS = ("summary", "transformations", "prepare", "until_stable", "exclude", "only")
 
 
 @dataclass(frozen=True)
@@ -30,6 +30,8 @@ class Recipe:
     transformations: tuple[str, ...]
     prepare: tuple[str, ...] | None = None  # names of preparation steps; None: all of them
     until_stable: bool = True  # run the whole list again until the graph does not change any more
+    exclude: tuple[str, ...] = ()  # operators that stay in float: globs, as `rewrite` takes them
+    only: tuple[str, ...] = ()  # the operators that may be quantized; empty: all
     source: str = ""  # the file that it comes from
 
 
@@ -69,8 +71,17 @@ def _recipe(name: str, table: Any, source: str) -> Recipe:
         transformations=transformations,
         prepare=_names(table, "prepare", STEPS, where) if "prepare" in table else None,
         until_stable=_typed(table, "until_stable", bool, "true or false", where, default=True),
+        exclude=_globs(table, "exclude", where),
+        only=_globs(table, "only", where),
         source=source,
     )
+
+
+def _globs(table: Mapping[str, Any], key: str, where: str) -> tuple[str, ...]:
+    globs = table.get(key, [])
+    if not isinstance(globs, list) or not all(isinstance(glob, str) for glob in globs):
+        raise RecipeFileError(f"{where}, key '{key}': expected a list of globs such as [\"/head/*\"], not {globs!r}")
+    return tuple(globs)
 
 
 def _names(table: Mapping[str, Any], key: str, known: Collection[str], where: str) -> tuple[str, ...]:

@@ -12,6 +12,7 @@ from typing import TYPE_CHECKING, Any
 import onnx
 
 from onnxgraft.report import report_json
+from onnxgraft.report.account_records import Account
 from onnxgraft.report.filled_records import FillingResult
 from onnxgraft.report.lazy import Lazy
 from onnxgraft.report.node_texts import Kept, TensorKind, describe, keep, shape_text
@@ -63,6 +64,7 @@ class Occurrence(Lazy):
     links: dict[str, str] = field(default_factory=dict)  # pattern id -> tensor
     neighbours: tuple[NodeText, ...] = field(default_factory=tuple)  # producers and readers, if they were asked for
     shapes: dict[str, str] = field(default_factory=dict)  # tensor -> "float32[1,64,56,56]", where known
+    done: bool = False  # refused because the operator is INT8 already: nothing is left to do there
 
     @classmethod
     def of(
@@ -70,6 +72,7 @@ class Occurrence(Lazy):
         *,
         accepted: bool,
         reason: str | None,
+        done: bool,
         before: Iterable[Kept],
         after: Iterable[tuple[Kept, int]],
         links: Mapping[str, str],
@@ -78,7 +81,7 @@ class Occurrence(Lazy):
     ) -> Occurrence:
         """The occurrence of nodes that were kept; put in words when somebody reads it."""
         rest = (before, after, dict(links), neighbours, kinds)
-        return cls.later(_occurrence_fields, rest, accepted=accepted, reason=reason)
+        return cls.later(_occurrence_fields, rest, accepted=accepted, reason=reason, done=done)
 
 
 def _occurrence_fields(
@@ -109,6 +112,8 @@ class PatternResult:
     seconds: float = 0.0
     occurrences: list[Occurrence] = field(default_factory=list)
     nearest_miss: str | None = None  # what came closest, if nothing was found
+    done: int = 0  # declined because they are INT8 already; not counted as refused
+    reasons: dict[str, int] = field(default_factory=dict)  # of the refusals, without names -> how often
 
 
 @dataclass
@@ -144,8 +149,13 @@ class Step:
 
     @property
     def refused(self) -> int:
-        """Occurrences that the callback refused."""
+        """Occurrences that the callback refused, without those that were done already."""
         return sum(pattern.refused for pattern in self.patterns)
+
+    @property
+    def done(self) -> int:
+        """Occurrences whose operator is INT8 already."""
+        return sum(pattern.done for pattern in self.patterns)
 
 
 @dataclass(frozen=True)
@@ -169,6 +179,7 @@ class Report:
     stable: bool | None = None  # None: only one round was asked for
     warnings: list[str] = field(default_factory=list)
     version: str = ""  # of onnx-graft
+    account: Account | None = None  # which operators are INT8 now, and why the others are not
     filled: FillingResult | None = None  # with which numbers; None: those that the transformations draw
 
     @property

@@ -55,6 +55,8 @@ def _groups(report: Report) -> list[_Group]:
         for pattern in step.patterns:
             entries: dict[str, list[Occurrence]] = {kind: [] for kind in _KINDS}
             for entry in pattern.occurrences:
+                if entry.done:
+                    continue
                 place = (step.transformation, pattern.pattern, tuple(key(node) for node in entry.before))
                 if entry.accepted or place not in seen:
                     entries["replaced" if entry.accepted else "refused"].append(entry)

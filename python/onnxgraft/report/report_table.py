@@ -3,6 +3,8 @@
 from __future__ import annotations
 
 import io
+from collections import Counter
+from collections.abc import Iterator
 from typing import TYPE_CHECKING
 
 from rich import box
@@ -53,9 +55,25 @@ def _remark(step: Step) -> str:
     if step.undone is not None:
         return f"undone: {step.undone}"
     remarks = ["random weights"] if step.random and step.replaced else []
+    if step.done:
+        remarks.append(f"already INT8: {step.done}")
     if step.finished:
         remarks.append(f"{step.finished} finished")
     return "; ".join(remarks + step.remarks)
+
+
+def refusals(report: Report) -> Iterator[str]:
+    """One line for each transformation and reason. What stays refused is told once, not for each round."""
+    for name in dict.fromkeys(step.transformation for step in report.steps):
+        most: dict[str, int] = {}
+        for step in report.steps:
+            if step.transformation == name:
+                found: Counter[str] = Counter()
+                for pattern in step.patterns:
+                    found.update(pattern.reasons)
+                most = {reason: max(most.get(reason, 0), found.get(reason, 0)) for reason in {**most, **found}}
+        for reason, count in most.items():
+            yield f"{name}: {count} refused: {reason}"
 
 
 def text(report: Report) -> str:
@@ -68,7 +86,11 @@ def text(report: Report) -> str:
     console.print(table(report))
     for line in () if report.filled is None else report.filled.lines():
         console.print(line, soft_wrap=True)
+    for line in refusals(report):
+        console.print(one_line(line), soft_wrap=True)
     for warning in report.warnings:
         console.print(f"warning: {one_line(warning)}", soft_wrap=True)
+    if report.account is not None and (report.account.operators or report.account.left):
+        console.print(one_line(str(report.account)), soft_wrap=True)
     lines = (line.rstrip() for line in stream.getvalue().splitlines())
     return "\n".join(lines).strip("\n")

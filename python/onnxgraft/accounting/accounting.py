@@ -1,0 +1,212 @@
+"""`account_of`: which operators of a graph are INT8, and for each of the others the reason.
+
+The reasons follow the conditions that the patterns of the quantizing transformations have: an initializer as weight, an
+initializer as bias, one operator of the standard domain in the graph itself. What these leave open is told by the run:
+an operator that its transformation would take and that is float nevertheless was refused or turned back.
+"""
+
+from __future__ import annotations
+
+from collections.abc import Iterator, Mapping, Sequence
+from dataclasses import dataclass, field
+from itertools import chain
+
+import onnx
+from onnx import GraphProto, NodeProto, TensorProto
+
+from onnxgraft.accounting.choice import Choice
+from onnxgraft.accounting.costs import ShapeOf, multiply_adds
+from onnxgraft.accounting.quantizers import given_weights, quantized_by
+from onnxgraft.catalogue import Transformation
+from onnxgraft.graph.bodies import bodies
+from onnxgraft.graph.surroundings import Surroundings
+from onnxgraft.report.account_records import Account, FloatOperator, OperatorCount
+
+# Operators that are counted; an LSTM and its like are listed if they stay in float, which they always do.
+_COUNTED = ("Conv", "ConvTranspose", "Gemm", "MatMul")
+_RECURRENT = ("LSTM", "GRU", "RNN")
+_STANDARD = ("", "ai.onnx")
+_FLOATS = (TensorProto.FLOAT, TensorProto.FLOAT16, TensorProto.DOUBLE, TensorProto.BFLOAT16)
+_ELEMENT_BYTES: Mapping[int, int] = {
+    TensorProto.INT8: 1,
+    TensorProto.FLOAT16: 2,
+    TensorProto.BFLOAT16: 2,
+    TensorProto.DOUBLE: 8,
+}
+
+
+@dataclass
+class RunFacts:
+    """What a run knows that the graph does not tell.
+
+    Attributes:
+        ran: Short names of the transformations that ran.
+        turned_back: Transformations that replaced something, by the operators that they give new weights.
+        refused: Output or name of an operator -> what its callback said.
+        choice: What the user left out.
+    """
+
+    ran: set[str] = field(default_factory=set)
+    turned_back: dict[str, str] = field(default_factory=dict)
+    refused: dict[str, str] = field(default_factory=dict)
+    choice: Choice | None = None
+
+    def note(self, row: Transformation, *, replaced: bool) -> None:
+        """One transformation has run."""
+        self.ran.add(row.name)
+        if replaced and row.name not in quantized_by().values():
+            for op in given_weights(row):
+                self.turned_back[op] = row.name
+
+
+def account_of(
+    graph: GraphProto,
+    shape_of: ShapeOf,
+    facts: RunFacts | None = None,
+    functions: Sequence[onnx.FunctionProto] = (),
+) -> Account:
+    """Counts the operators of a graph and gives a reason for each one in float.
+
+    Args:
+        graph: The graph, after the run if there was one.
+        shape_of: The shape of a tensor, None where it is not known.
+        facts: What the run knows; None if nothing ran.
+        functions: Those of the model.
+    """
+    account = Account()
+    around = Surroundings(graph)
+    reasons = _Reasons(around, facts)
+    for node in around.nodes:
+        if node.op_type in _COUNTED and node.domain in _STANDARD:
+            _count(account, node, around.initializers, shape_of, reasons)
+        elif node.op_type in (*_COUNTED, *_RECURRENT):
+            account.left.append(_left(node, "", *reasons.foreign(node), None))
+        for inner, place in _inner(node):
+            account.left.append(_left(inner, place, "nested_body", f"is in {place}, which no pattern looks into", None))
+    for function in functions:
+        for node in function.node:
+            if node.op_type in (*_COUNTED, *_RECURRENT):
+                place = f"function '{function.name}'"
+                account.left.append(_left(node, place, "function", f"is in {place}, which no pattern looks into", None))
+    return account
+
+
+def _count(
+    account: Account,
+    node: NodeProto,
+    initializers: Mapping[str, TensorProto],
+    shape_of: ShapeOf,
+    reasons: _Reasons,
+) -> None:
+    count = account.operators.setdefault(node.op_type, OperatorCount())
+    macs = multiply_adds(node, shape_of)
+    weights = [initializers[name] for name in node.input[1:2] if name in initializers]
+    if node.op_type == "MatMul" and not weights:
+        weights = [initializers[name] for name in node.input[:1] if name in initializers]
+    size = sum(_elements(tensor) * _ELEMENT_BYTES.get(tensor.data_type, 4) for tensor in weights)
+    if any(tensor.data_type == TensorProto.INT8 for tensor in weights):
+        count.int8 += 1
+        count.int8_macs += macs or 0
+        count.int8_bytes += size
+    else:
+        count.float += 1
+        count.float_macs += macs or 0
+        count.float_bytes += size
+        account.left.append(_left(node, "", *reasons.of(node), macs))
+    count.unknown_macs += macs is None
+
+
+def _elements(tensor: TensorProto) -> int:
+    result = 1
+    for size in tensor.dims:
+        result *= size
+    return result
+
+
+def _left(node: NodeProto, place: str, reason: str, text: str, macs: int | None) -> FloatOperator:
+    return FloatOperator(node.op_type, node.name, next(iter(node.output), ""), place, reason, text, macs)
+
+
+def _inner(node: NodeProto) -> Iterator[tuple[NodeProto, str]]:
+    """The operators in the nested graphs of a node, at any depth."""
+    todo = [(body, f"a body of {_label(node)}") for body in bodies(node)]
+    while todo:
+        body, place = todo.pop()
+        for inner in body.node:
+            if inner.op_type in (*_COUNTED, *_RECURRENT):
+                yield inner, place
+            todo += [(deeper, place) for deeper in bodies(inner)]
+
+
+def _label(node: NodeProto) -> str:
+    return f"{node.op_type} '{node.name}'" if node.name else f"{node.op_type} (writes '{next(iter(node.output), '')}')"
+
+
+class _Reasons:
+    """Why an operator of the graph itself is in float: identifier and words."""
+
+    def __init__(self, around: Surroundings, facts: RunFacts | None) -> None:
+        self._around = around
+        self._facts = facts
+
+    def foreign(self, node: NodeProto) -> tuple[str, str]:
+        if node.domain not in _STANDARD:
+            return "other_domain", f"is an operator of domain '{node.domain}'"
+        return "unsupported", f"no transformation quantizes {node.op_type}"
+
+    def of(self, node: NodeProto) -> tuple[str, str]:
+        """The first reason that holds: what the user wants, what the operator is like, what the run did."""
+        for found in chain(self._chosen(node), self._operands(node), self._told_by_run(node)):
+            return found
+        return "unknown", "no reason is known: please report this model"
+
+    def _chosen(self, node: NodeProto) -> Iterator[tuple[str, str]]:
+        if node.op_type not in quantized_by():
+            yield "unsupported", f"no transformation quantizes {node.op_type}"
+        choice = None if self._facts is None else self._facts.choice
+        if choice is not None and choice.leaves_out(node):
+            yield "excluded", "the user excluded it"
+
+    def _told_by_run(self, node: NodeProto) -> Iterator[tuple[str, str]]:
+        facts, quantizer = self._facts, quantized_by()[node.op_type]
+        if facts is None or quantizer not in facts.ran:
+            yield "not_run", f"'{quantizer}' was not run"
+            return
+        for name in filter(None, (*node.output, node.name)):
+            if name in facts.refused:
+                yield "refused", facts.refused[name]
+        if node.op_type in facts.turned_back:
+            yield "turned_back", f"'{facts.turned_back[node.op_type]}' made it float again"
+
+    def _operands(self, node: NodeProto) -> Iterator[tuple[str, str]]:
+        constants = self._around.initializers
+        inputs = list(node.input)
+        while inputs and not inputs[-1]:
+            inputs.pop()
+        outputs = [name for name in node.output if name]
+        if len(inputs) < 2 or len(outputs) != 1:
+            yield "form", f"has {len(inputs)} inputs and {len(outputs)} outputs"
+            return
+        weight = inputs[1]
+        if weight not in constants:
+            if node.op_type == "MatMul" and inputs[0] in constants:
+                yield "weight_first", f"its weight '{inputs[0]}' is the first operand; the patterns want the second"
+            elif node.op_type in ("MatMul", "Gemm"):
+                yield "both_computed", f"both operands are computed: '{inputs[0]}' and {self._source(weight)}"
+            else:
+                yield "computed_weight", f"its weight {self._source(weight)}"
+        elif constants[weight].data_type not in _FLOATS:
+            name = TensorProto.DataType.Name(constants[weight].data_type)
+            yield "element_type", f"its weight '{weight}' is of type {name}"
+        elif not inputs[0]:
+            yield "form", "leaves its first input out"
+        elif len(inputs) > 2 and inputs[2] not in constants:
+            yield "computed_bias", f"its bias {self._source(inputs[2])}"
+
+    def _source(self, tensor: str) -> str:
+        if not tensor:
+            return "is left out"
+        writer = self._around.writer.get(tensor)
+        if writer is not None:
+            return f"'{tensor}' is written by {_label(writer)}"
+        return f"'{tensor}' is an input of the graph"

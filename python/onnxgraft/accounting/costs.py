@@ -1,0 +1,76 @@
+"""Multiply-adds of an operator, from the shapes of its tensors."""
+
+from __future__ import annotations
+
+import math
+from collections.abc import Callable, Mapping, Sequence
+from itertools import chain
+
+from onnx import GraphProto, NodeProto
+
+Shape = Sequence[int | None] | None
+ShapeOf = Callable[[str], Shape]
+
+
+def declared_shapes(graph: GraphProto) -> ShapeOf:
+    """The shapes that a graph declares. A symbolic first axis counts as 1: what follows is for one sample."""
+    found: dict[str, Shape] = {}
+    for value in chain(graph.value_info, graph.output, graph.input):
+        tensor = value.type.tensor_type
+        if tensor.HasField("shape"):
+            sizes = [size.dim_value if size.HasField("dim_value") else None for size in tensor.shape.dim]
+            found[value.name] = [1, *sizes[1:]] if sizes and sizes[0] is None else sizes
+    found.update((tensor.name, list(tensor.dims)) for tensor in graph.initializer)
+    return found.get
+
+
+def multiply_adds(node: NodeProto, shape_of: ShapeOf) -> int | None:
+    """How many multiply-adds one run takes; None if a size is not known.
+
+    A convolution takes output elements x weight elements per output channel, a transposed one input elements x weight
+    elements per input channel, a matrix product output elements x the inner size.
+    """
+    formula = _FORMULAS.get(node.op_type)
+    if formula is None or len(node.input) < 2 or not node.output:
+        return None
+    return formula(node, shape_of)
+
+
+def _conv(node: NodeProto, shape_of: ShapeOf) -> int | None:
+    return _product(shape_of(node.output[0]), _rest(shape_of(node.input[1])))
+
+
+def _conv_transpose(node: NodeProto, shape_of: ShapeOf) -> int | None:
+    return _product(shape_of(node.input[0]), _rest(shape_of(node.input[1])))
+
+
+def _gemm(node: NodeProto, shape_of: ShapeOf) -> int | None:
+    shape = shape_of(node.input[0])
+    if shape is None or len(shape) != 2:
+        return None
+    transposed = any(attribute.name == "transA" and attribute.i for attribute in node.attribute)
+    return _product(shape_of(node.output[0]), [shape[0 if transposed else 1]])
+
+
+def _matmul(node: NodeProto, shape_of: ShapeOf) -> int | None:
+    shape = shape_of(node.input[0])
+    return None if not shape else _product(shape_of(node.output[0]), [shape[-1]])
+
+
+_FORMULAS: Mapping[str, Callable[[NodeProto, ShapeOf], int | None]] = {
+    "Conv": _conv,
+    "ConvTranspose": _conv_transpose,
+    "Gemm": _gemm,
+    "MatMul": _matmul,
+}
+
+
+def _rest(shape: Shape) -> Shape:
+    return None if shape is None else shape[1:]
+
+
+def _product(left: Shape, right: Shape) -> int | None:
+    if left is None or right is None:
+        return None
+    sizes = [*left, *right]
+    return None if None in sizes else math.prod(size for size in sizes if size is not None)
