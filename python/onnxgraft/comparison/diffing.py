@@ -13,6 +13,7 @@ from onnxgraft.comparison.matching_nodes import NodeMatching
 from onnxgraft.comparison.outline import Outline
 from onnxgraft.comparison.regions import group, neighbours
 from onnxgraft.comparison.result import GraphDiff, NodeChange, Region, RegionSide, ValueChange
+from onnxgraft.graph.name_check import check_texts
 from onnxgraft.graph.surroundings import Surroundings
 from onnxgraft.report.node_texts import attribute_text, value_text
 from onnxgraft.report.records import NodeText
@@ -39,7 +40,11 @@ def diff(
         folder_before: Where the external data of `before` is. With both folders, tensors whose bytes are there are
             compared by them, whatever the files are; others by file name, offset and length.
         folder_after: Where that of `after` is.
+
+    Raises:
+        ModelFileError: A name in a model is not UTF-8.
     """
+    check_texts(before, after)
     has_bytes = folder_before is not None and folder_after is not None
     folders = (Path(folder) if has_bytes and folder is not None else None for folder in (folder_before, folder_after))
     first_folder, second_folder = folders

@@ -21,6 +21,7 @@ from onnxgraft.engine.selection import Candidate, Selection, candidates, recipe_
 from onnxgraft.engine.stability import Stability
 from onnxgraft.engine.stepping import Stepper
 from onnxgraft.following import Follower, Host
+from onnxgraft.graph.name_check import telling_bad_texts
 from onnxgraft.io.weight_store import WeightStore
 from onnxgraft.report.records import Report
 from onnxgraft.transform_utilities import external_data_folder
@@ -35,6 +36,7 @@ OnError = Literal["stop", "continue"]
 _log = logging.getLogger(__name__)
 
 
+@telling_bad_texts
 def rewrite(
     model: onnx.ModelProto | onnx.GraphProto,
     transformations: Selection,
@@ -108,7 +110,7 @@ def rewrite(
     recipe = recipe_of(transformations)
     chosen = candidates(transformations if recipe is None else recipe, skip)
     host = Host(graph, model if isinstance(model, onnx.ModelProto) else None, folder, weight_store)
-    report = Report(model=graph.name or None, seed=seed, version=_version())
+    report = Report(model=str(graph.name) or None, seed=seed, version=_version())
     with seeded(seed), _data_folder(folder):
         filling = None if calibration is None else _filling(model, calibration, folder)
         if prepare is not False:

@@ -4,12 +4,19 @@ from __future__ import annotations
 
 from collections.abc import Iterable, Mapping
 from itertools import islice
+from typing import Any
 
+import numpy as np
+import numpy.typing as npt
 import onnx
+from onnx import TensorProto, numpy_helper
+from onnx.checker import ValidationError
 
 from onnxgraft.errors import EvaluationError
 from onnxgraft.evaluation.operator_formulas import label
 from onnxgraft.graph.bodies import with_bodies
+
+Array = npt.NDArray[Any]
 
 OWN_OPERATORS = ("TesselQuant", "TesselDequant")
 _OLDEST_OPERATOR_SET = 11  # of Round and of Clip with bounds as inputs
@@ -43,3 +50,16 @@ def drop_unread(graph: onnx.GraphProto, names: Iterable[str]) -> None:
         for index in reversed(range(len(field))):
             if field[index].name in gone:
                 del field[index]
+
+
+def values_of(tensor: TensorProto, folder: str) -> Array:
+    """The values of a tensor.
+
+    Raises:
+        EvaluationError: They do not fit its shape or type, or cannot be read.
+    """
+    try:
+        return np.asarray(numpy_helper.to_array(tensor, folder))
+    except (ValueError, TypeError, KeyError, OSError, ValidationError) as error:
+        reason = " ".join(str(error).split())
+        raise EvaluationError(f"the values of the initializer '{tensor.name}' cannot be read: {reason}") from error

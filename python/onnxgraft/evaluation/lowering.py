@@ -24,7 +24,7 @@ from onnx import TensorProto, numpy_helper
 
 from onnxgraft.errors import EvaluationError
 from onnxgraft.evaluation.convention import Convention
-from onnxgraft.evaluation.lowered_graph import check, drop_unread, versions
+from onnxgraft.evaluation.lowered_graph import check, drop_unread, values_of, versions
 from onnxgraft.evaluation.node_writer import NodeWriter
 from onnxgraft.evaluation.operator_formulas import (
     label,
@@ -101,10 +101,10 @@ class _Lowering:
         return self._model
 
     def _array(self, name: str) -> Array:
-        return np.asarray(numpy_helper.to_array(self._tensors[name], self._folder))
+        return values_of(self._tensors[name], self._folder)
 
     def _at_hand(self, tensor: onnx.TensorProto) -> onnx.TensorProto:
-        return numpy_helper.from_array(numpy_helper.to_array(tensor, self._folder), tensor.name)
+        return numpy_helper.from_array(values_of(tensor, self._folder), tensor.name)
 
     def _operand(self, name: str) -> str:
         """The initializer with the same values in the element type of quantized values."""

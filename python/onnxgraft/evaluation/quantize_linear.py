@@ -21,7 +21,7 @@ import onnx
 from onnx import TensorProto, helper, numpy_helper
 
 from onnxgraft.errors import EvaluationError
-from onnxgraft.evaluation.lowered_graph import OWN_OPERATORS, check, drop_unread, versions
+from onnxgraft.evaluation.lowered_graph import OWN_OPERATORS, check, drop_unread, values_of, versions
 from onnxgraft.evaluation.node_writer import NodeWriter
 from onnxgraft.evaluation.operator_formulas import label, quantize_parameter, settle_resize, unpack_scales
 from onnxgraft.tensor_types import TensorTypes, quantized_values
@@ -86,7 +86,7 @@ class _Lowering:
         return self._model
 
     def _array(self, tensor: TensorProto) -> Array:
-        return np.asarray(numpy_helper.to_array(tensor, self._folder))
+        return values_of(tensor, self._folder)
 
     def _ends(self) -> dict[str, Array]:
         """Follows sums back from their `TesselDequant`, over biases that are added."""

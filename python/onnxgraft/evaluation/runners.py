@@ -56,7 +56,9 @@ def run_onnxruntime(model: onnx.ModelProto, names: list[str], feeds: dict[str, A
     if has_external_data(model):
         options.add_session_config_entry(_EXTERNAL_FOLDER, folder)
     try:
-        session = runtime.InferenceSession(model.SerializeToString(), options, providers=["CPUExecutionProvider"])
+        session = runtime.InferenceSession(
+            model.SerializeToString(), options, providers=["CPUExecutionProvider"], enable_fallback=0
+        )
         return [np.asarray(value) for value in session.run(names, feeds)]
     except MemoryError:
         raise

@@ -5,14 +5,18 @@ The format asks for UTF-8, but onnx reads such a model, and its checker passes i
 
 from __future__ import annotations
 
-from collections.abc import Iterable, Iterator
-from typing import Any
+import functools
+from collections.abc import Callable, Iterable, Iterator
+from typing import Any, TypeVar
 
 import onnx
 from google.protobuf.message import Message
 
-from onnxgraft.graph.bodies import bodies
+from onnxgraft.errors import ModelFileError
 
+_Function = TypeVar("_Function", bound=Callable[..., Any])
+
+_BODIES = frozenset({onnx.AttributeProto.GRAPH, onnx.AttributeProto.GRAPHS})
 _LISTS = ("initializer", "input", "output", "value_info")
 
 
@@ -25,23 +29,56 @@ def text_that_is_not_utf8(model: onnx.ModelProto) -> str | None:
     return None
 
 
+def check_texts(*models: onnx.ModelProto) -> None:
+    """Raises ModelFileError for the first text that is not UTF-8."""
+    for model in models:
+        if (wrong := text_that_is_not_utf8(model)) is not None:
+            raise ModelFileError(wrong)
+
+
+def telling_bad_texts(function: _Function) -> _Function:
+    """A decorator: what fails on a text that is not UTF-8 says where it stands, and does not fail somewhere else.
+
+    The arguments that are models or graphs are looked through once the function has failed, so that it costs nothing.
+    """
+
+    @functools.wraps(function)
+    def call(*arguments: Any, **named: Any) -> Any:
+        try:
+            return function(*arguments, **named)
+        except (TypeError, UnicodeError, AttributeError, ValueError) as error:
+            for given in (*arguments, *named.values()):
+                if (wrong := _wrong_text(given)) is not None:
+                    raise ModelFileError(wrong) from error
+            raise
+
+    return call  # type: ignore[return-value]
+
+
+def _wrong_text(given: object) -> str | None:
+    if isinstance(given, onnx.ModelProto):
+        return text_that_is_not_utf8(given)
+    return next(_wrong_fields(given, ""), None) if isinstance(given, onnx.GraphProto) else None
+
+
 def _read_names(model: onnx.ModelProto) -> None:
     """Reads all that is a name, quickly: a join of bytes fails."""
     "".join([entry.domain for entry in model.opset_import])
     graphs, node_lists = [model.graph], [function.node for function in model.functions]
     while graphs or node_lists:
         for node in node_lists.pop() if node_lists else ():
-            "".join((node.name, node.op_type, node.domain, *node.input, *node.output))
-            "".join([attribute.name for attribute in node.attribute])
-            graphs += bodies(node)
+            names = [node.name, node.op_type, node.domain, *node.input, *node.output]
+            for attribute in node.attribute:
+                names.append(attribute.name)
+                if attribute.type in _BODIES:
+                    graphs += (attribute.g, *attribute.graphs)
+            "".join(names)
         for graph in graphs:
             node_lists.append(graph.node)
             for field in _LISTS:
                 "".join([value.name for value in getattr(graph, field)])
             for values in (graph.input, graph.output, graph.value_info):
                 "".join([dim.dim_param for value in values for dim in value.type.tensor_type.shape.dim])
-            for tensor in graph.initializer:
-                "".join([entry.value for entry in tensor.external_data])
         graphs = []
 
 

@@ -61,8 +61,10 @@ def locate(tensor: onnx.TensorProto, folder: Path) -> Extent:
     return Extent(file, offset, length)
 
 
-def _checked_location(location: str, folder: Path, subject: str) -> str:
+def _checked_location(location: str | bytes, folder: Path, subject: str) -> str:
     """The location of a file that `folder` or a folder in it holds, whatever the file is."""
+    if isinstance(location, bytes):
+        raise ModelFileError(f"{subject}: the location {location!r} is not UTF-8")
     if not location:
         raise ModelFileError(f"{subject}: it has no location, which has to be a file in the model's folder")
     if "\0" in location:

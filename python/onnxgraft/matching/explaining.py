@@ -9,6 +9,7 @@ import onnx
 from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences, nearest_miss
 from onnxgraft.catalogue import Transformation
 from onnxgraft.catalogue.notation import read_pair
+from onnxgraft.graph.name_check import telling_bad_texts
 from onnxgraft.graph.surroundings import Surroundings
 from onnxgraft.matching import hints
 from onnxgraft.matching.subject import Lists, graph_of, subject_of
@@ -47,6 +48,7 @@ class Explanation:
 _WITH_INPUT = frozenset({"input_omitted", "not_initializer", "rest_not_initializer", "other_position"})
 
 
+@telling_bad_texts
 def explain(
     graph: onnx.ModelProto | onnx.GraphProto,
     transformation: str | type[AbstractTransformation] | AbstractTransformation | Transformation | Lists,

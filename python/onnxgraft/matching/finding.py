@@ -8,6 +8,7 @@ import onnx
 
 from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences
 from onnxgraft.catalogue import Transformation
+from onnxgraft.graph.name_check import telling_bad_texts
 from onnxgraft.graph.surroundings import node_text
 from onnxgraft.matching.subject import Lists, graph_of, subject_of
 
@@ -27,6 +28,7 @@ class Match:
         return f"{self.transformation}, pattern {self.pattern_index}: {', '.join(self.node_texts)}"
 
 
+@telling_bad_texts
 def find(
     graph: onnx.ModelProto | onnx.GraphProto,
     transformation: str | type[AbstractTransformation] | AbstractTransformation | Transformation | Lists,

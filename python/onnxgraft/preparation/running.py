@@ -12,6 +12,7 @@ from typing import TYPE_CHECKING
 from onnx import GraphProto, ModelProto
 
 from onnxgraft.errors import PreparationError
+from onnxgraft.graph.name_check import telling_bad_texts
 from onnxgraft.preparation.steps import STEPS
 from onnxgraft.preparation.workpiece import Workpiece
 from onnxgraft.report.records import PreparationStep
@@ -22,6 +23,7 @@ if TYPE_CHECKING:
 LOG = logging.getLogger(__name__)
 
 
+@telling_bad_texts
 def prepare(
     model: ModelProto | GraphProto,
     steps: Iterable[str] | None = None,

@@ -43,7 +43,7 @@ def describe(kept: Kept, index: int | None) -> dict[str, Any]:
         "name": node.name,
         "inputs": tuple(node.input[:]),
         "outputs": tuple(node.output[:]),
-        "attributes": {attribute.name: attribute_text(attribute) for attribute in node.attribute},
+        "attributes": {str(attribute.name): attribute_text(attribute) for attribute in node.attribute},
     }
 
 

@@ -136,7 +136,8 @@ def _prepared(report: Report) -> str:
 def _nothing(report: Report) -> Iterator[str]:
     """Transformations that found nothing in any round, with what came closest."""
     found = {step.transformation for step in report.steps if step.found}
-    idle = {step.transformation: step for step in reversed(report.steps) if step.transformation not in found}
+    failed = {step.transformation for step in report.steps if step.error is not None}
+    idle = {one.transformation: one for one in reversed(report.steps) if one.transformation not in found | failed}
     if not idle:
         return
     rows = []
@@ -145,7 +146,7 @@ def _nothing(report: Report) -> Iterator[str]:
         rows.append((f"<code>{text(name)}</code>", "<br>".join(misses) or "no node of the pattern"))
     content = table(("Transformation", "What came closest"), rows)
     number = "1 transformation" if len(rows) == 1 else f"{len(rows)} transformations"
-    yield f"<details><summary>{number} found nothing: what came closest</summary>{content}</details>"
+    yield f"<h2>Nothing found</h2><details><summary>{number}: what came closest</summary>{content}</details>"
 
 
 def _anchor(step: Step) -> str:

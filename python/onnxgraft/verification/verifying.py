@@ -11,6 +11,7 @@ import onnx
 
 from onnxgraft.errors import VerificationError
 from onnxgraft.evaluation import HARDWARE, Convention, EvaluationError
+from onnxgraft.graph.name_check import check_texts
 from onnxgraft.samples.random_values import given_values, inputs_of, random_values
 from onnxgraft.verification import interface, notes
 from onnxgraft.verification.comparing import compare, worst
@@ -56,9 +57,11 @@ def verify(
         another type or shape, fail as well.
 
     Raises:
+        ModelFileError: A name in a model is not UTF-8.
         VerificationError: No inputs can be made, or a wrong argument.
         EvaluationError: A model cannot be computed; the message says which one and where.
     """
+    check_texts(before, after)
     if runs < 1:
         raise VerificationError(f"runs has to be 1 or more, not {runs}")
     if tolerance is not None and not 0 <= tolerance < math.inf:
