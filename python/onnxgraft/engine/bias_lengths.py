@@ -19,6 +19,6 @@ def explanation(row: Transformation, graph: onnx.GraphProto, raised: Exception) 
             if weight and bias and f"({bias[0]},) ({weight[0]},)" in str(raised):  # as NumPy puts it
                 return (
                     f" (a bias of {bias[0]} elements for {weight[0]} output channels: fuse_bn_quant leaves it so for "
-                    "an odd number; leave fuse_bn_quant out, or go on without this transformation)"
+                    "an odd number; --skip fuse_bn_quant leaves that transformation out, --keep-going this one)"
                 )
     return ""

@@ -324,21 +324,32 @@ def test_as_a_process(folder: Path) -> None:
     assert "onnxgraft list" in done.stderr
 
 
-def test_a_terminated_process_leaves_no_temporary_file(folder: Path) -> None:
+@pytest.mark.parametrize(
+    ("number", "ignored"), [(signal.SIGTERM, False), (signal.SIGHUP, False), (signal.SIGHUP, True)]
+)
+def test_a_terminated_process_leaves_no_temporary_file(folder: Path, number: signal.Signals, ignored: bool) -> None:
     before = contents(folder)
     program = """
 import time, onnxgraft.quant
 from onnxgraft.__main__ import run
-onnxgraft.quant.QuantConvTransformation.apply = lambda self, graph: (print("begun", flush=True), time.sleep(60))
+def wait(self, graph):
+    print("begun", flush=True)
+    time.sleep(SECONDS)
+    return 0
+onnxgraft.quant.QuantConvTransformation.apply = wait
 run()
 """
+    if ignored:  # as by `nohup`
+        program = "import signal; signal.signal(signal.SIGHUP, signal.SIG_IGN)" + program
+    program = program.replace("SECONDS", "1" if ignored else "60")
     arguments = ["apply", MODEL, "-t", "quant_conv", "-o", OUT]
     with subprocess.Popen([sys.executable, "-c", program, *arguments], stdout=subprocess.PIPE, text=True) as process:
         assert process.stdout is not None
         assert process.stdout.readline() == "begun\n"
-        process.send_signal(signal.SIGTERM)
-    assert process.returncode == 128 + signal.SIGTERM
-    assert contents(folder) == before
+        process.send_signal(number)
+        process.communicate()
+    assert process.returncode == (0 if ignored else 128 + number)
+    assert (contents(folder) == before) is not ignored
 
 
 # --- the other commands
