@@ -22,7 +22,7 @@ from onnxgraft.graph.tensor_values import read_values
 _FLOATS = (onnx.TensorProto.FLOAT, onnx.TensorProto.FLOAT16, onnx.TensorProto.DOUBLE, onnx.TensorProto.BFLOAT16)
 # Smaller constants come and go with the form that an exporter writes.
 _SMALLEST = 8
-_BLOCK = 1 << 20
+_BLOCK = 1 << 16
 _FIRST_FACTOR, _SECOND_FACTOR = np.uint64(0x9E3779B97F4A7C15), np.uint64(0xBF58476D1CE4E5B9)
 
 

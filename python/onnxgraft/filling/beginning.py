@@ -81,6 +81,8 @@ def begin(
         decibels = choice.decibels
     filler = Filler(plan, store)
     filler.result.decibels = decibels
+    if before := sum(node.op_type == "TesselQuant" for node in graph.node):
+        filler.warn(f"{before} quantize nodes were there before: their numbers, real or random, are as they were")
     return filler
 
 

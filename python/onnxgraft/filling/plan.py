@@ -28,7 +28,6 @@ class Plan:
         left_float: What is not quantized, and why.
         corrections: What to take off the bias of an operator, per output channel.
         uncentred: Operators whose input gets no offset: their padding is not written out.
-        renamed: Tensors that stand for one of the calibrated model: name here -> name there.
         ranks: Ranks of the tensors for which they are known.
     """
 
@@ -37,7 +36,6 @@ class Plan:
     left_float: Mapping[str, str] = field(default_factory=dict)
     corrections: Mapping[str, npt.NDArray[Any]] = field(default_factory=dict)
     uncentred: frozenset[str] = frozenset()
-    renamed: Mapping[str, str] = field(default_factory=dict)
     ranks: Mapping[str, int] = field(default_factory=dict)
 
     def activation(self, graph: onnx.GraphProto, tensor: str, *, symmetric: bool) -> Activation:
@@ -46,7 +44,7 @@ class Plan:
         Raises:
             FillingError: There is no range for the tensor, or one that is not finite.
         """
-        found = self.calibration.ranges.get(self.renamed.get(tensor, tensor))
+        found = self.calibration.ranges.get(tensor)
         if found is not None:
             low, high = found.low, found.high
         elif any(tensor == one.name for one in graph.initializer):

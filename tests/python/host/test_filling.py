@@ -181,7 +181,9 @@ def test_merging_unequal_parameters_warns_and_keeps_the_function() -> None:
     before, after = copy(model), copy(model)
     rewrite(before, ["quant_conv"], calibration=calibration)
     report = rewrite(after, ["quant_conv", "replace_quant_any"], calibration=calibration)
-    assert [warning for warning in report.warnings if "merging quantize nodes changes numbers at Conv" in warning]
+    assert len(report.warnings) == 2
+    assert "1 quantize nodes were there before" in report.warnings[0]
+    assert "merging quantize nodes changes numbers at Conv" in report.warnings[1]
     feeds = {"x": np.random.default_rng(0).uniform(-20000, 90000, IMAGE).astype(np.float32)}
     first, second = (evaluate(one, feeds, EXACT)["y"] for one in (before, after))
     assert 0 < np.abs(first - second).max() < 0.02 * np.abs(first).max()
@@ -360,3 +362,21 @@ def test_the_command_line_fills(
     assert main(["apply", "other.onnx", "-t", "quant_conv", "-o", "bad.onnx", "--calibration", "r.json"]) == 1
     assert "the ranges are of another model" in capsys.readouterr().err
     assert not Path("bad.onnx").exists()
+
+
+@pytest.mark.parametrize("steps", [["quant_conv"], ["quant_conv", "change_gap_conv"]])
+def test_models_of_16_bit_floats_stay_so(steps: list[str]) -> None:
+    weights = {"w1": (3, 4, 1, 1), "b1": (3,), "w2": (4, 3, 1, 1), "b2": (4,)}
+    model = make_model(GATE, IMAGE, weights)
+    for tensor in model.graph.initializer:
+        tensor.CopyFrom(numpy_helper.from_array(numpy_helper.to_array(tensor).astype(np.float16), tensor.name))
+    for value in (*model.graph.input, *model.graph.output):
+        value.type.tensor_type.elem_type = TensorProto.FLOAT16
+    feeds = [{"x": one["x"].astype(np.float16)} for one in samples(model)]
+    calibration = calibrate(model, feeds)
+    result = copy(model)
+    rewrite(result, steps, calibration=Filling(calibration, data=open_data(feeds, model), float_share=0.3))
+    for one in feeds:
+        first, second = evaluate(model, one)["y"], evaluate(result, one, EXACT, evaluator="onnxruntime")["y"]
+        assert second.dtype == np.float16
+        np.testing.assert_allclose(second, first, atol=0.02)
