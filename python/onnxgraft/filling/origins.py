@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from collections.abc import Sequence
 from dataclasses import dataclass, replace
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 import numpy as np
 import numpy.typing as npt
@@ -17,6 +17,9 @@ from onnxgraft.filling.operator_numbers import FloatOperator, OperatorNumbers, n
 from onnxgraft.filling.operators import Quantizable
 from onnxgraft.filling.plan import Plan
 from onnxgraft.transform_utilities import get_init
+
+if TYPE_CHECKING:
+    from onnxgraft.calibration import WeightNumbers
 
 Array = npt.NDArray[Any]
 
@@ -67,7 +70,7 @@ def origin_of(plan: Plan, graph: onnx.GraphProto, operator: Quantizable) -> Orig
     rank = _output_rank(operator, arrays, plan)
     described = float_operator(
         operator.node, arrays[0], arrays[1] if operator.bias is not None else None, rank,
-        None if given is None else (given.values, given.scales, given.axis),
+        None if given is None or not _stands_for(given, arrays[0]) else (given.values, given.scales, given.axis),
     )  # fmt: skip
     symmetric = plan.symmetric or not described.can_be_asymmetric or operator.output in plan.uncentred
     try:
@@ -75,6 +78,13 @@ def origin_of(plan: Plan, graph: onnx.GraphProto, operator: Quantizable) -> Orig
     except FillingError as error:
         raise FillingError(f"{operator.label} cannot be filled: {error}") from error
     return Origin(operator.label, operator.output, described, activation, plan.corrections.get(operator.output))
+
+
+def _stands_for(given: WeightNumbers, weight: Array) -> bool:
+    """Whether INT8 numbers are those of this weight still: preparation may have folded something into it."""
+    if given.values.shape != weight.shape:
+        return False
+    return float(np.abs(given.floats() - weight).mean()) <= float(given.scales.mean())
 
 
 def _output_rank(operator: Quantizable, arrays: Sequence[Array], plan: Plan) -> int | None:

@@ -11,7 +11,7 @@ import pytest
 from onnx import TensorProto, helper, numpy_helper
 
 from onnxgraft import rewrite
-from onnxgraft.calibration import Calibration, CalibrationError, Range, calibrate
+from onnxgraft.calibration import Calibration, CalibrationError, Range, WeightNumbers, calibrate
 from onnxgraft.cli import main
 from onnxgraft.evaluation import Convention, evaluate
 from onnxgraft.filling import Filling
@@ -106,6 +106,23 @@ def test_operators_keep_their_function(name: str, symmetric: bool) -> None:
     cannot |= name in {"product of batches", "product with a vector"}
     assert any(offset != 0 for offset in offsets) != cannot
     assert decibels(model, result) > 35
+
+
+def test_given_weights_come_out_again() -> None:
+    """INT8 numbers that the model was trained with, along either axis of a `Gemm`, and not those of another weight."""
+    rng = np.random.default_rng(5)
+    values, scales = rng.integers(-128, 128, (16, 8), np.int8), rng.uniform(0.01, 0.1, 8).astype(np.float32)
+    numbers = WeightNumbers(values, scales, 1)
+    for transposed in (0, 1):
+        given = WeightNumbers(values.T.copy(), scales, 0) if transposed else numbers
+        text = f"y = Gemm<transB={transposed}, alpha=2.0>(x, w, b)"
+        for weight, is_same in ((given.floats(), True), (given.floats() * 3, False)):
+            model = make_model(text, ROWS, {"w": weight, "b": (8,)})
+            calibration = replace(calibrate(model, samples(model), evaluator="reference"), weights={"w": given})
+            result = filled(model, calibration=calibration)
+            assert decibels(model, result) > 35
+            found = [numpy_helper.to_array(one) for one in result.graph.initializer if one.data_type == 3]
+            assert np.array_equal(found[0], values) == is_same
 
 
 def test_one_word_for_each_channel_is_worth_decibels() -> None:
@@ -310,7 +327,7 @@ def test_what_hurts_most_stays_float_within_the_share() -> None:
     calibration = calibrate(model, samples(model))
     wide = {**calibration.ranges, "a": Range(0.0, 40 * calibration.ranges["a"].high)}
     calibration = Calibration(wide, "min-max", 4, "")
-    data = open_data(samples(model), model)
+    data = open_data(iter(samples(model)), model)
     report = rewrite(model, "quant_conv", calibration=Filling(calibration, float_share=0.05, data=data))
     assert report.filled is not None
     assert [left.output for left in report.filled.left_float] == ["c0"]

@@ -5,7 +5,7 @@ from __future__ import annotations
 import itertools
 import math
 import os
-from collections.abc import Callable, Mapping, Sequence
+from collections.abc import Callable, Iterable, Mapping, Sequence
 from dataclasses import dataclass, field
 from typing import Any
 
@@ -70,7 +70,7 @@ def choose(
         progress: Called with what is being done.
 
     Raises:
-        FillingError: The model cannot be tried: its operator set is older than 11, or an output has no signal.
+        FillingError: The operator set is older than 11, there are no samples, or no output has a signal on them.
         EvaluationError: The model cannot be computed.
     """
     version = next((entry.version for entry in model.opset_import if entry.domain in {"", "ai.onnx"}), 0)
@@ -85,12 +85,16 @@ def choose(
     choice = Choice()
     if not simulations:
         return choice
+    stream = iter(data)  # which may give its samples only once
+    tried = list(itertools.islice(stream, _TRIED))
+    if not tried:
+        raise FillingError(f"there are no samples to try things on in {data.label}")
     corrections: dict[str, Array] = {}
     if correct is not False:
         tell("measuring mean errors")
         corrected = [one for one in simulations if one.is_correctable and may_correct(one.operator)]
-        corrections = _mean_errors(model, corrected, data, folder)
-    trials = _Trials(model, simulations, data, folder)
+        corrections = _mean_errors(model, corrected, itertools.chain(tried, stream), folder)
+    trials = _Trials(model, simulations, tried, folder)
     everything = frozenset(operator.output for operator in operators)
     choice.decibels["all operators quantized"] = in_decibels(trials.noise(everything))
     if float_share:
@@ -140,7 +144,7 @@ def _element_types(model: onnx.ModelProto) -> dict[str, int]:
 def _mean_errors(
     model: onnx.ModelProto,
     simulations: Sequence[Simulation],
-    data: Samples,
+    data: Iterable[Sample],
     folder: str | os.PathLike[str] | None,
 ) -> dict[str, Array]:
     """The mean error of each output channel of each operator, on float inputs."""
@@ -165,14 +169,14 @@ class _Trials:
         self,
         model: onnx.ModelProto,
         simulations: Sequence[Simulation],
-        data: Samples,
+        samples: Sequence[Sample],
         folder: str | os.PathLike[str] | None,
     ) -> None:
         self._simulations = simulations
         names = [value.name for value in model.graph.output]
         sizes = [size(simulation) for simulation in simulations]
         self._runner = ForwardRunner(switched_model(model, simulations), [*names, *sizes], folder=folder)
-        self._samples: list[Sample] = list(itertools.islice(data, _TRIED))
+        self._samples = samples
         self._exact = [self._run(sample, frozenset(), {}) for sample in self._samples]
         self._signal = {
             name: sum(_energy(found[name]) for found in self._exact)
