@@ -50,6 +50,10 @@ class TensorTypes:
         self._constants |= {name: tensor for node in graph.node for name, tensor in _constant(node)}
         for name, tensor in self._constants.items():
             self._kinds[name] = Kind(tensor.data_type, tuple(map(abs, tensor.dims)))
+        # A dequantize node hands the shape on, which is mostly declared: so nothing has to be inferred before it.
+        self._handed_on = {
+            node.input[0]: self._dims(node.output[0]) for node in graph.node if node.op_type == "TesselDequant"
+        }
         for index, node in enumerate(graph.node):
             self._visit(index, node)
 
@@ -85,13 +89,13 @@ class TensorTypes:
         """An operator on quantized values: a sum, or one that hands the element type of its data on."""
         operands = [name for name in node.input if name in self._sources]
         source = self._sources[operands[0]] if operands else _floating(self._kinds.get(node.input[0]))
-        is_known = all(self._dims(name) is not None for name in node.output if name)
-        inferred = {} if is_known else dict(self._inferred(node, index))
+        known = {name: self._dims(name) or self._handed_on.get(name) for name in node.output if name}
+        inferred = {} if None not in known.values() else dict(self._inferred(node, index))
         for name in node.output:
             if name in self._quantized:
                 self._sources[name] = source
                 element = max((self._kinds[operand].element_type for operand in operands), default=TensorProto.INT32)
-                dims = inferred[name].dims if name in inferred else self._dims(name)
+                dims = inferred[name].dims if name in inferred else known[name]
                 self._kinds[name] = Kind(
                     TensorProto.INT32 if node.op_type in quantized_values.INTEGER_OPERATORS else element, dims
                 )

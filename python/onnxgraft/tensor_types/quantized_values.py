@@ -40,8 +40,9 @@ def find(graph: onnx.GraphProto, opsets: Mapping[str, int]) -> QuantizedValues:
 def _follow(
     index: int, node: onnx.NodeProto, opsets: Mapping[str, int], narrow: set[str], found: QuantizedValues
 ) -> None:
-    starts = found.tensors | narrow if node.op_type in INTEGER_OPERATORS else found.tensors
-    if found.tensors.isdisjoint(node.input) and starts.isdisjoint(node.input):
+    more = narrow if node.op_type in INTEGER_OPERATORS else ()
+    starts = {name for name in node.input if name in found.tensors or name in more}
+    if not starts:
         return
     domain = "" if node.domain == "ai.onnx" else node.domain
     try:
