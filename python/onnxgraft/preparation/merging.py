@@ -5,7 +5,7 @@ from __future__ import annotations
 import math
 from collections.abc import Iterable, Mapping
 
-from onnx import AttributeProto, GraphProto, NodeProto, TensorProto, defs
+from onnx import AttributeProto, GraphProto, NodeProto, defs
 
 from onnxgraft.graph.bodies import bodies
 from onnxgraft.preparation.workpiece import STANDARD_DOMAINS, Workpiece
@@ -30,26 +30,42 @@ def merge_equal_nodes(workpiece: Workpiece) -> int:
     written = [name for node in graph.node for name in node.output if name]
     if len(written) > len(set(written)):
         return 0
-    merged = 0
-    while changed := _merge_once(workpiece):
+    merged = changed = _merge_once(workpiece, _suspects(workpiece))
+    while changed:  # what reads merged nodes may be equal now
+        changed = _merge_once(workpiece, range(len(graph.node)))
         merged += changed
     return merged
 
 
-def _merge_once(workpiece: Workpiece) -> int:
+def _suspects(workpiece: Workpiece) -> list[int]:
+    """Nodes that share operator and first input with another, as the first nodes to be merged do."""
+    constants = workpiece.constants()
+    groups: dict[tuple[str, str], list[int]] = {}
+    for index, node in enumerate(workpiece.graph.node):
+        if node.input:
+            source = node.input[0]
+            groups.setdefault((node.op_type, "" if source in constants else source), []).append(index)
+    return sorted(index for group in groups.values() if len(group) > 1 for index in group)
+
+
+def _merge_once(workpiece: Workpiece, positions: Iterable[int]) -> int:
     graph, kept, numbers = workpiece.graph, workpiece.kept_names(), _Numbers(workpiece)
-    first: dict[tuple[object, ...], list[NodeProto]] = {}
+    first: dict[tuple[object, ...], NodeProto] = {}
+    exact: dict[tuple[object, ...], NodeProto] = {}
     new_names: dict[str, str] = {}
     gone: set[int] = set()
     unread: set[str] = set()
-    for index, node in enumerate(graph.node):
+    for index in positions:
+        node = graph.node[index]
         if not _may_be_merged(node):
             continue
-        key = (node.op_type, numbers.of(node.input), tuple(map(bool, node.output)))
-        equal_so_far = first.setdefault(key, [])
-        twin = next((other for other in equal_so_far if _attributes(other) == _attributes(node)), None)
-        if twin is None:
-            equal_so_far.append(node)
+        rough = (node.op_type, numbers.rough(node.input), tuple(map(bool, node.output)))
+        similar = first.setdefault(rough, node)
+        if similar is node:
+            continue
+        exact.setdefault((rough, *_exact(similar, numbers)), similar)
+        twin = exact.setdefault((rough, *_exact(node, numbers)), node)
+        if twin is node:
             continue
         old, new = list(node.output), list(twin.output)
         numbers.equate(old, new)
@@ -81,21 +97,31 @@ class _Numbers:
         """The numbers of tensors, given to those that have none yet."""
         return tuple(self._of_name[name] if name in self._of_name else self._new(name) for name in names)
 
+    def rough(self, names: Iterable[str]) -> tuple[object, ...]:
+        """The same for equal tensors, and without reading a constant."""
+        return tuple(self._kind(name) or self.of((name,)) for name in names)
+
     def equate(self, names: Iterable[str], others: Iterable[str]) -> None:
         """Gives tensors the numbers of others."""
         self._of_name.update(zip(names, self.of(others), strict=True))
 
     def _new(self, name: str) -> int:
         fresh = len(self._of_name)
-        contents = self._contents(self._constants[name]) if name in self._constants else None
+        contents = self._contents(name)
         self._of_name[name] = fresh if contents is None else self._of_contents.setdefault(contents, fresh)
         return self._of_name[name]
 
-    def _contents(self, tensor: TensorProto) -> tuple[object, ...] | None:
-        if math.prod(tensor.dims) > _LARGEST_COMPARED:
+    def _kind(self, name: str) -> tuple[object, ...] | None:
+        """Element type and dimensions of a constant that is compared by contents."""
+        tensor = self._constants.get(name)
+        if tensor is None or math.prod(tensor.dims) > _LARGEST_COMPARED:
             return None
-        array = self._workpiece.values(tensor)
-        return None if array is None else (tensor.data_type, *tensor.dims, array.tobytes())
+        return (tensor.data_type, *tensor.dims)
+
+    def _contents(self, name: str) -> tuple[object, ...] | None:
+        kind = self._kind(name)
+        array = None if kind is None else self._workpiece.values(self._constants[name])
+        return None if array is None else (kind, array.tobytes())
 
 
 def _may_be_merged(node: NodeProto) -> bool:
@@ -103,15 +129,15 @@ def _may_be_merged(node: NodeProto) -> bool:
     return known and any(node.input) and not any(True for _ in bodies(node))
 
 
-def _attributes(node: NodeProto) -> list[bytes]:
-    """What the attributes say, whatever their order."""
+def _exact(node: NodeProto, numbers: _Numbers) -> tuple[object, ...]:
+    """The values that a node reads, and what its attributes say, whatever their order."""
     texts = []
     for attribute in node.attribute:
         bare = AttributeProto()
         bare.CopyFrom(attribute)
         bare.ClearField("doc_string")
         texts.append(bare.SerializeToString(deterministic=True))
-    return sorted(texts)
+    return (numbers.of(node.input), *sorted(texts))
 
 
 def _rename(graph: GraphProto, new_names: Mapping[str, str]) -> None:
