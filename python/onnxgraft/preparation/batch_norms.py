@@ -39,14 +39,16 @@ def fold_batch_norms(workpiece: Workpiece) -> int:
     if not workpiece.opset or not any(is_standard(node, "BatchNormalization") for node in graph.node):
         return 0
     folder = _Folder(workpiece)
-    producers = {node.output[0]: node for node in graph.node if len(node.output) == 1}
+    producers: dict[str, NodeProto] = {}
+    for node in graph.node:
+        producers.setdefault(node.output[0] if len(node.output) == 1 else "", node)  # the first one counts
     uses = Counter(name for node in graph.node for name in node.input)
     kept = workpiece.kept_names()
     folded, gone = [], set()
     for index, norm in enumerate(graph.node):
         name = input_of(norm, 0)
         conv = producers.get(name)
-        if conv is None or uses[name] != 1 or name in kept or not _is_foldable(norm, workpiece.opset):
+        if conv is None or not name or uses[name] != 1 or name in kept or not _is_foldable(norm, workpiece.opset):
             continue
         old = [*conv.input[1:], *norm.input[1:]]
         if folder.fold(conv, norm):
