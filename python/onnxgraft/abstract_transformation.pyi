@@ -1,4 +1,4 @@
-from collections.abc import Sequence
+from collections.abc import Callable, Sequence
 from typing import Any, TypedDict
 
 from onnx import GraphProto, NodeProto
@@ -39,3 +39,4 @@ _Node = tuple[str, tuple[tuple[str, bool], ...], str, bool]
 def parse(
     subgraph: Sequence[str], replacement: Sequence[str]
 ) -> tuple[tuple[_Node, ...], tuple[tuple[_Node, int | None, bool], ...]]: ...
+def observed(original: Callable[..., Any], watch: Callable[..., Any]) -> Callable[..., Any]: ...

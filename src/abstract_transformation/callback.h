@@ -22,25 +22,14 @@ class Callback {
   /// True if the transformation has the default callback, which need not be called.
   [[nodiscard]] bool is_default() const { return is_default_; }
 
-  /// True if the callback promises to leave the node list alone (see `keeps_nodes`): the transformation is, unchanged,
-  /// a class of the module that its callback comes from, and the callback makes the promise.
-  [[nodiscard]] bool keeps_nodes() const { return keeps_nodes_; }
+  /// What the callbacks of all rounds so far change of the graph, at most.
+  [[nodiscard]] Changes changes() const { return changes_; }
+  [[nodiscard]] bool keeps_nodes() const { return changes_ != Changes::anything; }
 
-  /// True if it keeps nodes and promises to leave their names, inputs and outputs alone.
-  [[nodiscard]] bool keeps_links() const { return keeps_links_; }
-
-  /// True if it keeps links too and looks only at the nodes that it is given, wherever they stand.
-  [[nodiscard]] bool is_local() const { return is_local_; }
-
-  /// What the calls of one round share, for a callback that keeps nodes; to be held until the last of them.
-  [[nodiscard]] Ref begin_round() const;
-  /// Does what the calls of the round have put off; to be called while what `begin_round` gave is held.
-  void end_round() const;
-
-  /// True if the callback says that it will refuse the occurrence, of which only the pattern's links are bound yet.
-  /// False where it does not tell such things in advance.
-  [[nodiscard]] bool foresees_refusal(const core::OccurrenceList& occurrences, std::size_t index,
-                                      const core::GraphTable& table) const;
+  /// Begins a session of the callback, if it has any; between it and `end_round` nobody else may edit the node list.
+  void begin_round();
+  /// Does what the calls of the round have put off.
+  void end_round();
 
   /// What a callback gets for one occurrence. Making it raises RuntimeError if a node of the occurrence is gone.
   struct Arguments {
@@ -58,19 +47,15 @@ class Callback {
   [[nodiscard]] Ref node_mapping(std::span<const core::NodeIndex> nodes, const core::SplicePlan& plan,
                                  std::size_t index, const core::GraphTable& table, GraphWriter& writer) const;
 
-  [[nodiscard]] Ref sharing_function() const;
-
   PyObject* transformation_;
   PyObject* graph_;
   const core::Rule& rule_;
   Ref keyword_names_;  // tuple
   std::vector<Ref> keyword_values_;
   std::vector<Ref> link_ids_;  // `str` per link of the rule
-  Ref foresees_refusal_;       // empty if it tells nothing in advance
   bool is_default_ = false;
-  bool keeps_nodes_ = false;
-  bool keeps_links_ = false;
-  bool is_local_ = false;
+  Changes changes_ = Changes::contents;
+  Ref session_;  // called in the callback's place; empty outside of a round, and where nothing is promised
 };
 
 }  // namespace onnxgraft::py

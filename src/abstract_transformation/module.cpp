@@ -14,6 +14,7 @@
 #include "py/message_list.h"
 #include "py/module_entry.h"
 #include "py/objects.h"
+#include "py/session.h"
 
 namespace onnxgraft::py {
 
@@ -74,7 +75,8 @@ Ref replace_all(const Call& call) {
   const auto rule = compiled_rule(call[2], call[3]);
   const bool debug = truth(call[4]);
   const auto start = std::chrono::steady_clock::now();
-  Pass pass(call[0], call[1], call.keywords, rule);
+  auto* run = static_cast<Run*>(call.sharing);
+  Pass pass(call[0], call[1], call.keywords, rule, run != nullptr && run->graph() == call[1] ? run : nullptr);
   const std::size_t count = pass.run();
   if (debug) {
     write_debug_line(call[0], call[1], call[2], *rule, pass.counts(), std::chrono::steady_clock::now() - start);
@@ -116,7 +118,9 @@ const std::array base_methods{
         .body = replace_all,
         .result_annotation = "int",
         .collects_keywords = true,
-        .begin_sharing = begin_run,
+        // What its calls change otherwise, the run knows.
+        .changes = Changes::contents,
+        .share = [](PyObject*, PyObject* graph) -> std::unique_ptr<Sharing> { return std::make_unique<Run>(graph); },
         .doc = replace_doc,
     },
     FunctionRow{
@@ -125,6 +129,7 @@ const std::array base_methods{
         .body = [](const Call&) { return boolean(true); },
         .result_annotation = "bool",
         .collects_keywords = true,
+        .changes = Changes::contents,
         .doc = callback_doc,
     },
 };
@@ -167,6 +172,31 @@ const FunctionRow is_fast_row{
     .doc = "Whether the container is known as protobuf's own list of messages, which is read and written as a whole.",
 };
 
+/// The type belongs to the process: what stands in the module's dict, anybody may replace.
+Ref observed(const Call& call) {
+  static PyObject* const type = make_observed_type(call.module).release();
+  return make_observed(type, call[0], call[1]);
+}
+
+constexpr const char* observed_doc = R"(Something in front of a method of a transformation that only looks on.
+
+Put it on the instance in the method's place: vars(transformation)[name] = observed(original, watch). A call of it
+calls watch(original, ...) with the arguments of the call. Where the method promises to leave nodes alone, it is still
+believed, so watch must not edit the graph. It has to call the `original` that it is given, which may differ from call
+to call.)";
+
+constexpr std::array observed_parameters{
+    Parameter{"original"},
+    Parameter{"watch"},
+};
+
+const FunctionRow observed_row{
+    .name = "observed",
+    .parameters = observed_parameters,
+    .body = observed,
+    .doc = observed_doc,
+};
+
 void fill(PyObject* module) {
   const Ref function_type = make_function_type(module);
   add_class(module, function_type.get(), base_class);
@@ -174,6 +204,7 @@ void fill(PyObject* module) {
   add_function(module, function_type.get(), nearest_miss_row);
   add_function(module, function_type.get(), parse_row);
   add_function(module, function_type.get(), is_fast_row);
+  add_function(module, function_type.get(), observed_row);
 }
 
 int execute(PyObject* module) {

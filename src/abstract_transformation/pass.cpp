@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "abstract_transformation/run.h"
 #include "core/node_order.h"
 #include "py/bad_names.h"
 #include "py/graph_fields.h"
@@ -11,11 +10,12 @@
 
 namespace onnxgraft::py {
 
-Pass::Pass(PyObject* transformation, PyObject* graph, PyObject* extra, std::shared_ptr<const core::Rule> rule)
-    : transformation_(transformation),
-      graph_(graph),
+Pass::Pass(PyObject* transformation, PyObject* graph, PyObject* extra, std::shared_ptr<const core::Rule> rule, Run* run)
+    : graph_(graph),
+      run_(run),
+      call_(graph, run == nullptr ? nullptr : &run->call()),
       rule_(std::move(rule)),
-      reading_(take_reading(transformation, graph)),
+      reading_(run == nullptr ? std::make_unique<GraphReading>() : run->take_reading()),
       table_(reading_->table),
       reader_(graph, *reading_),
       callback_(transformation, graph, extra, *rule_),
@@ -23,13 +23,13 @@ Pass::Pass(PyObject* transformation, PyObject* graph, PyObject* extra, std::shar
 
 std::size_t Pass::run() {
   const std::size_t count = with_places(graph_, [&] { return search_and_replace(); });
-  if (callback_.keeps_nodes()) keep_reading_for_next();
+  if (run_ != nullptr && callback_.keeps_nodes()) keep_reading_for_next();
   return count;
 }
 
 void Pass::keep_reading_for_next() {
-  if (writer_.has_begun()) reading_->list_is(writer_.order(), callback_.keeps_links());
-  keep_reading(transformation_, graph_, std::move(reading_));
+  if (writer_.has_begun()) reading_->list_is(writer_.order(), callback_.changes() == Changes::contents);
+  run_->keep_reading(std::move(reading_));
 }
 
 std::size_t Pass::search_and_replace() {
@@ -48,7 +48,9 @@ std::size_t Pass::search_and_replace() {
     // Only a refusal makes room for others, and only where occurrences stand in each other's way at all.
     if (counts_.refused == refused_before || !rule_->removes) break;
   }
-  if (counts_.replaced != 0) clean_up(graph_, table_, writer_, clean_up_names_, callback_.keeps_nodes());
+  if (counts_.replaced != 0) {
+    clean_up(graph_, table_, writer_, clean_up_names_, callback_.changes() == Changes::contents);
+  }
   return counts_.replaced;
 }
 
@@ -61,106 +63,52 @@ void Pass::for_each_removed(const core::OccurrenceList& occurrences, std::size_t
 }
 
 void Pass::prepare_writing() {
-  if (writer_.has_begun()) return;
-  reader_.read_names();
-  initializers_ = attribute(graph_, field::initializer);
-  writer_.begin();
+  if (!writer_.has_begun()) {
+    reader_.read_names();
+    initializers_ = attribute(graph_, field::initializer);
+    writer_.begin();
+  }
   // A callback may change the list; what it did can be told only from the nodes' identities.
   if (!callback_.keeps_nodes()) writer_.hold_all();
 }
 
-/// How many of the first occurrences are refused for sure. At the first other one asking ends: what it would cost for
-/// occurrences that are accepted is more than it spares.
-std::size_t Pass::count_foreseen(const core::OccurrenceList& occurrences) const {
-  std::size_t count = 0;
-  while (count < occurrences.size() && callback_.foresees_refusal(occurrences, count, table_)) {
-    check(PyErr_CheckSignals());
-    ++count;
-  }
-  return count;
-}
-
 void Pass::run_round(core::OccurrenceList& occurrences) {
-  const std::size_t first = count_foreseen(occurrences);
-  std::vector<bool> chosen(occurrences.size(), true);
-  std::fill_n(chosen.begin(), first, false);
-  if (first == occurrences.size()) {
-    record(occurrences, chosen);
-    unplanned_.push_back(std::move(occurrences));
-    return;
-  }
+  callback_.begin_round();
   prepare_writing();
-  // Names are given out as if the refused had been spliced, so that they do not depend on when a refusal was known.
-  for (core::OccurrenceList& refused : unplanned_) const core::SplicePlan named(table_, *rule_, refused);
-  unplanned_.clear();
   const core::SplicePlan plan(table_, *rule_, occurrences);
+  first_added_ = table_.node_count();
   for (core::NodeIndex node = plan.first_new_node(); node < table_.node_count(); ++node) {
     writer_.set_source(node, plan.copied_from(node));
   }
-  if (callback_.is_local()) {
-    ask_and_replace(occurrences, plan, first, chosen);
-  } else {
-    replace_and_ask(occurrences, plan, first, chosen);
-  }
-  record(occurrences, chosen);
-}
-
-void Pass::replace_and_ask(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::size_t first,
-                           std::vector<bool>& chosen) {
   const std::vector<core::NodeIndex> before(writer_.order().begin(), writer_.order().end());
   if (!callback_.is_default()) {
-    for (std::size_t index = first; index < occurrences.size(); ++index)
+    for (std::size_t index = 0; index < occurrences.size(); ++index)
       for_each_removed(occurrences, index, [&](core::NodeIndex node) { writer_.hold(node); });
   }
+  std::vector<bool> chosen(occurrences.size(), true);
   const std::vector<core::NodeIndex> spliced = plan.arrange(before, chosen);
   if (!callback_.is_default()) chosen.assign(occurrences.size(), false);
   try {
     writer_.rearrange(spliced);
-    if (!callback_.is_default()) ask(occurrences, plan, first, chosen);
+    if (!callback_.is_default()) ask(occurrences, plan, chosen);
   } catch (...) {
     clean_up_after_error([&] { take_back(occurrences, plan, before, chosen); });
     throw;
   }
   take_back(occurrences, plan, before, chosen);
-}
-
-/// For a callback that cannot tell: the new nodes stand at the end of the list, and the old ones where they were, until
-/// all answers are known. That takes one reordering, and none where all is refused.
-void Pass::ask_and_replace(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::size_t first,
-                           std::vector<bool>& chosen) {
-  const std::vector<core::NodeIndex> before(writer_.order().begin(), writer_.order().end());
-  std::vector<core::NodeIndex> both = before;
-  for (std::size_t index = first; index < occurrences.size(); ++index) {
-    for (std::size_t entry = 0; entry < rule_->entries.size(); ++entry) {
-      if (rule_->entries[entry].kind != core::EntryKind::keep) both.push_back(plan.entry_node(index, entry));
-    }
-  }
-  writer_.rearrange(both);
-  try {
-    ask(occurrences, plan, first, chosen);
-    writer_.rearrange(plan.arrange(before, chosen));
-  } catch (...) {
-    const SavedError saved;
-    if (guarded_status([&] { writer_.rearrange(plan.arrange(before, chosen)); }) != 0) {
-      guarded_status([&] { writer_.rearrange(before); });
-    }
-    PyErr_Clear();
-    throw;
-  }
+  record(occurrences, chosen);
 }
 
 void Pass::follow_list() {
   if (!callback_.keeps_nodes()) writer_.follow(attribute(graph_, field::node));
 }
 
-/// Calls back once per occurrence from `first` on. On an error, `chosen` holds what has to stay: the accepted ones and
-/// the one whose callback raised.
-void Pass::ask(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::size_t first,
-               std::vector<bool>& chosen) {
-  chosen.assign(occurrences.size(), false);
-  const Ref round = callback_.begin_round();
+/// Calls back once per occurrence. On an error, `chosen` holds what has to stay: the accepted ones and the one whose
+/// callback raised.
+void Pass::ask(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::vector<bool>& chosen) {
+  call_.keep_out_others(callback_.keeps_nodes());
   try {
-    for (std::size_t index = first; index < occurrences.size(); ++index) {
+    for (std::size_t index = 0; index < occurrences.size(); ++index) {
       check(PyErr_CheckSignals());
       follow_list();
       const Callback::Arguments arguments = callback_.arguments(occurrences, plan, index, table_, writer_);
@@ -171,8 +119,10 @@ void Pass::ask(const core::OccurrenceList& occurrences, const core::SplicePlan& 
     callback_.end_round();
   } catch (...) {
     clean_up_after_error([&] { callback_.end_round(); });
+    call_.keep_out_others(false);
     throw;
   }
+  call_.keep_out_others(false);
 }
 
 void Pass::take_back(const core::OccurrenceList& occurrences, const core::SplicePlan& plan,
@@ -194,7 +144,7 @@ void Pass::take_back(const core::OccurrenceList& occurrences, const core::Splice
   }
   std::vector<bool> is_written(table_.names.size(), false);
   for (const core::NodeIndex node : writer_.order()) {
-    if (goes[node]) continue;
+    if (node < first_added_) continue;
     for (const core::NameId name : table_.outputs(node)) is_written[name] = true;
   }
   std::vector<bool> comes_back(table_.node_count(), false);
@@ -202,7 +152,7 @@ void Pass::take_back(const core::OccurrenceList& occurrences, const core::Splice
     if (chosen[index]) continue;
     const auto nodes = occurrences.nodes(index);
     for (std::size_t role = 0; role < nodes.size(); ++role) {
-      // A tensor that a callback has given another writer needs the old one no more.
+      // A tensor to which a callback of this round has given another writer needs the old one no more.
       if (!rule_->nodes[role].removed() || is_written[table_.outputs(nodes[role])[0]]) continue;
       comes_back[nodes[role]] = true;
     }

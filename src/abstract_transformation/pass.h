@@ -3,7 +3,6 @@
 //
 //   find -> splice all -> call back one by one -> restore the refused -> again with what these had kept out
 //
-// The first occurrences of a round are not spliced at all where the callback can say before that it will refuse them.
 // The graph is complete and in order before the first callback. Matching and planning are the core's, writing is
 // the writer's; this file only says what happens when.
 #pragma once
@@ -13,6 +12,8 @@
 
 #include "abstract_transformation/callback.h"
 #include "abstract_transformation/clean_up.h"
+#include "abstract_transformation/one_call.h"
+#include "abstract_transformation/run.h"
 #include "core/candidates.h"
 #include "core/graph_table.h"
 #include "core/rule.h"
@@ -24,8 +25,9 @@ namespace onnxgraft::py {
 
 class Pass {
  public:
-  /// `transformation`, `graph` and `extra` are borrowed and must outlive the pass.
-  Pass(PyObject* transformation, PyObject* graph, PyObject* extra, std::shared_ptr<const core::Rule> rule);
+  /// `transformation`, `graph` and `extra` are borrowed and must outlive the pass, and so must the run that it is part
+  /// of, if there is one.
+  Pass(PyObject* transformation, PyObject* graph, PyObject* extra, std::shared_ptr<const core::Rule> rule, Run* run);
 
   /// Runs the pass; the number of accepted occurrences. If anything raises, the occurrences accepted so far
   /// and the one whose callback raised stay, all others are taken back.
@@ -47,19 +49,14 @@ class Pass {
   void for_each_removed(const core::OccurrenceList& occurrences, std::size_t index, Visit visit) const;
   /// Sees to it that the writer has the graph's own list, whatever a callback did to the graph.
   void follow_list();
-  void replace_and_ask(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::size_t first,
-                       std::vector<bool>& chosen);
-  void ask_and_replace(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::size_t first,
-                       std::vector<bool>& chosen);
-  [[nodiscard]] std::size_t count_foreseen(const core::OccurrenceList& occurrences) const;
-  void ask(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::size_t first,
-           std::vector<bool>& chosen);
+  void ask(const core::OccurrenceList& occurrences, const core::SplicePlan& plan, std::vector<bool>& chosen);
   void take_back(const core::OccurrenceList& occurrences, const core::SplicePlan& plan,
                  const std::vector<core::NodeIndex>& before, const std::vector<bool>& chosen);
   void record(const core::OccurrenceList& occurrences, const std::vector<bool>& chosen);
 
-  PyObject* transformation_;
   PyObject* graph_;
+  Run* run_;  // null outside of one
+  OneCall call_;
   std::shared_ptr<const core::Rule> rule_;
   std::unique_ptr<GraphReading> reading_;
   core::GraphTable& table_;  // of the reading
@@ -69,7 +66,7 @@ class Pass {
   GraphWriter writer_;
   core::Claims claims_{0};  // of accepted occurrences
   core::RefusedSet refused_;
-  std::vector<core::OccurrenceList> unplanned_;  // refused before anything was planned for them
+  core::NodeIndex first_added_ = 0;  // from here on nodes that callbacks have added since the round began
   CleanUpNames clean_up_names_;
   Counts counts_;
 };

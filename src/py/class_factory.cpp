@@ -60,6 +60,9 @@ void add_class(PyObject* module, PyObject* function_type, const ClassRow& row) {
                             ? reinterpret_cast<PyObject*>(&PyType_Type)
                             : reinterpret_cast<PyObject*>(Py_TYPE(PyTuple_GET_ITEM(bases.get(), 0)));
   const Ref made = call(metaclass, {text(row.name).get(), bases.get(), names.get()});
+  for (const FunctionRow& method : row.methods) {
+    set_owner(PyDict_GetItemString(names.get(), method.name), made.get());
+  }
   check(PyObject_SetAttrString(module, row.name, made.get()));
 }
 

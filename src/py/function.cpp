@@ -2,12 +2,15 @@
 
 #include <array>
 #include <cstddef>
-#include <string>
+#include <iterator>
+#include <memory>
+#include <utility>
 #include <vector>
 
 #include "py/argument_binding.h"
 #include "py/function_reflection.h"
 #include "py/guard.h"
+#include "py/session.h"
 
 namespace onnxgraft::py {
 
@@ -17,7 +20,8 @@ PyObject* call_function(PyObject* self, PyObject* const* stack, std::size_t flag
   return guarded([&] {
     const auto* function = reinterpret_cast<const FunctionObject*>(self);
     const BoundArguments bound(*function->row, stack, PyVectorcall_NARGS(flagged_count), keyword_names);
-    return function->row->body(Call{function->module, bound.values(), bound.keywords()});
+    return function->row->body(
+        Call{function->module, bound.values(), bound.keywords(), function->owner, function->sharing.get()});
   });
 }
 
@@ -25,6 +29,7 @@ int traverse(PyObject* self, visitproc visit, void* arg) {
   auto* function = reinterpret_cast<FunctionObject*>(self);
   Py_VISIT(Py_TYPE(self));
   Py_VISIT(function->module);
+  Py_VISIT(function->owner);
   Py_VISIT(function->dict);
   return 0;
 }
@@ -32,7 +37,9 @@ int traverse(PyObject* self, visitproc visit, void* arg) {
 /// The module stays, as finalizers may call the function while its cycle is taken apart; the module's own dict is what
 /// breaks the cycle.
 int clear(PyObject* self) {
-  Ref::steal(std::exchange(reinterpret_cast<FunctionObject*>(self)->dict, nullptr));
+  auto* function = reinterpret_cast<FunctionObject*>(self);
+  Ref::steal(std::exchange(function->dict, nullptr));
+  Ref::steal(std::exchange(function->owner, nullptr));
   return 0;
 }
 
@@ -41,6 +48,7 @@ void deallocate(PyObject* self) {
   auto* function = reinterpret_cast<FunctionObject*>(self);
   if (function->weak_references != nullptr) PyObject_ClearWeakRefs(self);
   clear(self);
+  std::destroy_at(&function->sharing);
   Ref::steal(std::exchange(function->module, nullptr));
   Ref::steal(std::exchange(function->qualified_name, nullptr));
   const Ref type = Ref::steal(reinterpret_cast<PyObject*>(Py_TYPE(self)));
@@ -86,7 +94,7 @@ Ref make_function_type(PyObject* module) {
       {0, nullptr},
   }};
   PyType_Spec description{
-      "onnxgraft.builtin_function",
+      function_type_name.data(),
       static_cast<int>(sizeof(FunctionObject)),
       0,
       Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL | Py_TPFLAGS_METHOD_DESCRIPTOR |
@@ -96,25 +104,65 @@ Ref make_function_type(PyObject* module) {
   return checked(PyType_FromModuleAndSpec(module, &description, nullptr));
 }
 
-Ref make_function(PyObject* function_type, PyObject* module, const FunctionRow& row, std::string_view qualified_name) {
-  Ref name = text(qualified_name);
-  auto* type = reinterpret_cast<PyTypeObject*>(function_type);
+namespace {
+
+Ref allocate(PyTypeObject* type, PyObject* module, const FunctionRow& row, Ref qualified_name) {
   auto* function = PyObject_GC_New(FunctionObject, type);
   if (function == nullptr) throw PythonError{};
   function->vectorcall = call_function;
   function->row = &row;
   function->module = Ref::borrow(module).release();
-  function->qualified_name = name.release();
+  function->owner = nullptr;
+  function->qualified_name = qualified_name.release();
   function->dict = nullptr;
   function->weak_references = nullptr;
+  function->changes = row.changes;
+  std::construct_at(&function->sharing);
   Ref result = Ref::steal(reinterpret_cast<PyObject*>(function));
   PyObject_GC_Track(result.get());
   return result;
 }
 
+}  // namespace
+
+Ref make_function(PyObject* function_type, PyObject* module, const FunctionRow& row, std::string_view qualified_name) {
+  return allocate(reinterpret_cast<PyTypeObject*>(function_type), module, row, text(qualified_name));
+}
+
+Ref copy_function(PyObject* function) {
+  const auto* original = reinterpret_cast<const FunctionObject*>(function);
+  Ref copy = allocate(Py_TYPE(function), original->module, *original->row, Ref::borrow(original->qualified_name));
+  if (original->owner != nullptr) set_owner(copy.get(), original->owner);
+  return copy;
+}
+
+void set_owner(PyObject* function, PyObject* owner) {
+  auto* object = reinterpret_cast<FunctionObject*>(function);
+  Ref::steal(std::exchange(object->owner, Ref::borrow(owner).release()));
+}
+
 const FunctionRow* row_of(PyObject* object) noexcept {
   if (Py_TYPE(object)->tp_dealloc != deallocate) return nullptr;
   return reinterpret_cast<const FunctionObject*>(object)->row;
+}
+
+Ref call_sharing(PyObject* method, std::initializer_list<PyObject*> arguments, PyObject* keywords, Sharing* sharing) {
+  if (PyMethod_Check(method) == 0 || row_of(PyMethod_Function(method)) == nullptr) {
+    return checked(PyObject_Call(method, tuple(arguments).get(), keywords));
+  }
+  std::vector<PyObject*> stack{PyMethod_Self(method)};
+  stack.insert(stack.end(), arguments.begin(), arguments.end());
+  const auto positional = std::ssize(stack);
+  const Ref names = checked(PyTuple_New(keywords == nullptr ? 0 : PyDict_Size(keywords)));
+  PyObject* name = nullptr;
+  PyObject* value = nullptr;
+  for (Py_ssize_t at = 0; keywords != nullptr && PyDict_Next(keywords, &at, &name, &value) != 0;) {
+    PyTuple_SET_ITEM(names.get(), std::ssize(stack) - positional, Ref::borrow(name).release());
+    stack.push_back(value);
+  }
+  const auto* function = reinterpret_cast<const FunctionObject*>(PyMethod_Function(method));
+  const BoundArguments bound(*function->row, stack.data(), positional, names.get());
+  return function->row->body(Call{function->module, bound.values(), bound.keywords(), function->owner, sharing});
 }
 
 }  // namespace onnxgraft::py

@@ -5,6 +5,9 @@
 // and `pickle` like a function written in Python.
 #pragma once
 
+#include <cstdint>
+#include <initializer_list>
+#include <memory>
 #include <span>
 
 #include "py/objects.h"
@@ -26,12 +29,34 @@ struct Parameter {
   ArgumentType type = ArgumentType::any;
 };
 
+/// What a function changes of the graph that it is given, beyond what it was asked to: from all to least.
+enum class Changes : std::uint8_t {
+  anything,
+  bias_inputs,  // attributes and initializers, and new initializers become inputs of `Conv` nodes
+  contents,     // attributes and initializers only
+};
+
+/// What the calls of one session share.
+class Sharing {
+ public:
+  Sharing() = default;
+  virtual ~Sharing() = default;
+  Sharing(const Sharing&) = delete;
+  Sharing& operator=(const Sharing&) = delete;
+  /// Does what was put off; called after the last call, and once more after an error.
+  virtual void finish() {}
+};
+
 /// One call: `arguments` in the order of the row's parameters (borrowed, defaults filled in), `keywords` the
-/// dict of further keyword arguments (null unless the row collects them), `module` the defining module.
+/// dict of further keyword arguments (null unless the row collects them), `module` the defining module, `owner` the
+/// class that the function was made for (null outside of classes), `sharing` what the session shares (null outside of
+/// one).
 struct Call {
   PyObject* module;
   std::span<PyObject* const> arguments;
-  PyObject* keywords;
+  PyObject* keywords = nullptr;
+  PyObject* owner = nullptr;
+  Sharing* sharing = nullptr;
 
   PyObject* operator[](std::size_t index) const { return arguments[index]; }
 };
@@ -43,26 +68,16 @@ struct FunctionRow {
   const char* result_annotation = nullptr;
   bool collects_keywords = false;  // has `**kwargs`
   bool is_abstract = false;
-  /// A promise of a callback, shown as the attribute `keeps_nodes`: it adds, removes and moves no node and, but for
-  /// initializers that are new, does not change what nodes read.
-  bool keeps_nodes = false;
-  /// The same, `keeps_links`, of one that leaves names, inputs and outputs of all nodes alone.
-  bool keeps_links = false;
-  /// The same, `is_local`, of one that keeps links and looks at no other nodes than those it is given, nor at where
-  /// they stand.
-  bool is_local = false;
-  /// What calls that follow each other share, made before the first of them and given up behind the last; in between,
-  /// nobody else changes the graph. For a callback that keeps nodes these are the calls of one round, for the method
-  /// that runs a pass those of one `apply`. Null if they share nothing.
-  Ref (*begin_sharing)(PyObject* transformation, PyObject* graph) = nullptr;
-  /// To be called behind the last of these calls, and again if it raised: does what was put off until then.
-  void (*end_sharing)(PyObject* graph) = nullptr;
-  /// Of a callback that keeps nodes: whether it will refuse an occurrence, told from (self, graph, the dict of the
-  /// pattern's links) before anything is replaced. Null if only the callback itself can tell.
-  bool (*foresees_refusal)(const Call& call) = nullptr;
-  /// Of a look-up of initializers that answers alike when asked again before anything changed: what it would say of
-  /// (graph, name), told without making an array, as (code of the element type, shape); None where it cannot tell.
-  /// `repeatable` shows whether a function has it.
+  /// What it changes behind the back of a session (see session.h); functions that may change anything have none.
+  Changes changes = Changes::anything;
+  /// Methods of `self` that it calls: whoever overrides one withdraws the promise.
+  std::span<const char* const> calls = {};
+  /// It calls the method of its own name that `super()` finds, and promises no more than that one does.
+  bool calls_inherited = false;
+  /// What the calls of a session share; null if they share nothing.
+  std::unique_ptr<Sharing> (*share)(PyObject* module, PyObject* graph) = nullptr;
+  /// Of a look-up of initializers: what it would say of (graph, name), told without making an array, as (code of the
+  /// element type, shape); None where it cannot tell.
   Ref (*describe)(const Call& call) = nullptr;
   const char* doc = nullptr;
 };
@@ -73,8 +88,15 @@ Ref make_function_type(PyObject* module);
 /// Makes a function object from a row that outlives it. `qualified_name` is "Class.method" for a method.
 Ref make_function(PyObject* function_type, PyObject* module, const FunctionRow& row, std::string_view qualified_name);
 
+/// Tells a method whose class it is of, for `super()`; once the class is made.
+void set_owner(PyObject* function, PyObject* owner);
+
 /// The row behind a function object of this module, null for any other object: lets a caller see whether
 /// a class still has the built-in implementation of a method.
 const FunctionRow* row_of(PyObject* object) noexcept;
+
+/// Calls a method with positional arguments and a dict of further ones (or null). A function of this module gets what
+/// the calls of the session share.
+Ref call_sharing(PyObject* method, std::initializer_list<PyObject*> arguments, PyObject* keywords, Sharing* sharing);
 
 }  // namespace onnxgraft::py

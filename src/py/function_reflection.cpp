@@ -4,6 +4,7 @@
 
 #include "py/argument_binding.h"
 #include "py/guard.h"
+#include "py/session.h"
 
 namespace onnxgraft::py {
 
@@ -97,49 +98,26 @@ PyObject* get_signature(PyObject* self, void* /*closure*/) {
   });
 }
 
-PyObject* get_keeps_nodes(PyObject* self, void* /*closure*/) {
-  return boolean(function_of(self).row->keeps_nodes).release();
-}
-
-PyObject* get_keeps_links(PyObject* self, void* /*closure*/) {
-  return boolean(function_of(self).row->keeps_links).release();
-}
-
-PyObject* get_is_local(PyObject* self, void* /*closure*/) { return boolean(function_of(self).row->is_local).release(); }
-
-PyObject* get_repeatable(PyObject* self, void* /*closure*/) {
-  return boolean(function_of(self).row->describe != nullptr).release();
+PyObject* get_changes(PyObject* self, void* /*closure*/) {
+  return guarded([&] { return text(changes_name(function_of(self).changes)); });
 }
 
 /// A function is pickled as its qualified name, like one written in Python.
 PyObject* reduce(PyObject* self, PyObject* /*unused*/) { return get_qualified_name(self, nullptr); }
 
-PyObject* begin_sharing(PyObject* self, PyObject* arguments) {
+PyObject* session(PyObject* self, PyObject* arguments) {
   return guarded([&] {
     PyObject* transformation = nullptr;
     PyObject* graph = nullptr;
-    if (PyArg_UnpackTuple(arguments, "begin_sharing", 2, 2, &transformation, &graph) == 0) throw PythonError{};
-    const auto begin = function_of(self).row->begin_sharing;
-    return begin == nullptr ? none() : begin(transformation, graph);
+    if (PyArg_UnpackTuple(arguments, "session", 2, 2, &transformation, &graph) == 0) throw PythonError{};
+    return make_session(self, transformation, graph);
   });
 }
 
-PyObject* end_sharing(PyObject* self, PyObject* graph) {
+PyObject* finish(PyObject* self, PyObject* /*unused*/) {
   return guarded([&] {
-    if (const auto end = function_of(self).row->end_sharing; end != nullptr) end(graph);
+    if (Sharing* sharing = function_of(self).sharing.get(); sharing != nullptr) sharing->finish();
     return none();
-  });
-}
-
-PyObject* foresees_refusal(PyObject* self, PyObject* arguments) {
-  return guarded([&] {
-    std::array<PyObject*, 3> values{};
-    if (PyArg_UnpackTuple(arguments, "foresees_refusal", 3, 3, values.data(), &values[1], &values[2]) == 0) {
-      throw PythonError{};
-    }
-    const FunctionObject& function = function_of(self);
-    return boolean(function.row->foresees_refusal != nullptr &&
-                   function.row->foresees_refusal(Call{function.module, values, nullptr}));
   });
 }
 
@@ -148,24 +126,19 @@ PyObject* describe(PyObject* self, PyObject* arguments) {
     std::array<PyObject*, 2> values{};
     if (PyArg_UnpackTuple(arguments, "describe", 2, 2, values.data(), &values[1]) == 0) throw PythonError{};
     const FunctionObject& function = function_of(self);
-    return function.row->describe == nullptr ? none() : function.row->describe(Call{function.module, values, nullptr});
+    return function.row->describe == nullptr ? none() : function.row->describe(Call{function.module, values});
   });
 }
 
-PyObject* get_foresees(PyObject* self, void* /*closure*/) {
-  return boolean(function_of(self).row->foresees_refusal != nullptr).release();
-}
-
-std::array<PyMethodDef, 6> methods{{
+std::array<PyMethodDef, 5> methods{{
     {"__reduce__", reduce, METH_NOARGS, "Pickled by name."},
-    {"begin_sharing", begin_sharing, METH_VARARGS, "For our own classes alone: what calls on (self, graph) share."},
-    {"end_sharing", end_sharing, METH_O, "For our own classes alone: called with the graph behind the last such call."},
-    {"describe", describe, METH_VARARGS, "For our own classes alone: (graph, name) -> (type, shape) or None."},
-    {"foresees_refusal", foresees_refusal, METH_VARARGS, "For the pass alone: (self, graph, links), before a round."},
+    {"session", session, METH_VARARGS, "(self, graph) -> this function for calls with nobody else's edits in between."},
+    {"finish", finish, METH_NOARGS, "Ends a session."},
+    {"describe", describe, METH_VARARGS, "(graph, name) -> (element type, shape) of an initializer, or None."},
     {nullptr, nullptr, 0, nullptr},
 }};
 
-std::array<PyGetSetDef, 14> attributes{{
+std::array<PyGetSetDef, 10> attributes{{
     {"__name__", get_name, nullptr, nullptr, nullptr},
     {"__qualname__", get_qualified_name, nullptr, nullptr, nullptr},
     {"__module__", get_module, nullptr, nullptr, nullptr},
@@ -173,11 +146,7 @@ std::array<PyGetSetDef, 14> attributes{{
     {"__annotations__", get_annotations, nullptr, nullptr, nullptr},
     {"__defaults__", get_defaults, nullptr, nullptr, nullptr},
     {"__signature__", get_signature, nullptr, nullptr, nullptr},
-    {"keeps_nodes", get_keeps_nodes, nullptr, nullptr, nullptr},
-    {"keeps_links", get_keeps_links, nullptr, nullptr, nullptr},
-    {"foresees", get_foresees, nullptr, nullptr, nullptr},
-    {"is_local", get_is_local, nullptr, nullptr, nullptr},
-    {"repeatable", get_repeatable, nullptr, nullptr, nullptr},
+    {"changes", get_changes, nullptr, nullptr, nullptr},
     {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 }};

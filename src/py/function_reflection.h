@@ -9,14 +9,18 @@
 
 namespace onnxgraft::py {
 
-/// Layout of a function object; only function.cpp and function_reflection.cpp know it.
+/// Layout of a function object; only function*.cpp and session.cpp know it.
 struct FunctionObject {
   PyObject_HEAD vectorcallfunc vectorcall;
   const FunctionRow* row;
   PyObject* module;           // owned
+  PyObject* owner;            // owned; the class, null outside of one
   PyObject* qualified_name;   // owned
   PyObject* dict;             // owned; null until something is set
   PyObject* weak_references;  // kept by the interpreter
+  // Of the function of a session:
+  Changes changes;                   // what is promised; else what the row says
+  std::unique_ptr<Sharing> sharing;  // null elsewhere
 };
 
 PyMethodDef* reflection_methods();

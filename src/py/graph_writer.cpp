@@ -75,6 +75,7 @@ void GraphWriter::release(NodeIndex node) {
 }
 
 void GraphWriter::hold_all() {
+  if (holds_all_) return;
   const Ref elements = iterator(nodes_.get());
   for (const NodeIndex node : order_) {
     Ref message = next(elements.get());

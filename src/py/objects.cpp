@@ -122,14 +122,6 @@ bool is_written_in(PyObject* function, const char* module) {
   return name != nullptr && PyUnicode_Check(name) != 0 && PyUnicode_CompareWithASCIIString(name, module) == 0;
 }
 
-bool defines_class_of(PyObject* module, PyObject* object) {
-  static const InternedName name_attribute("__name__");
-  auto* type = reinterpret_cast<PyObject*>(Py_TYPE(object));
-  const Ref found = Ref::steal(PyObject_GetAttr(module, attribute(type, name_attribute).get()));
-  if (!found) PyErr_Clear();
-  return found.get() == type;
-}
-
 std::pair<Ref, Ref> unpack_pair(PyObject* iterable) {
   std::array<Ref, 2> parts;
   unpack(iterable, parts.data(), 2);

@@ -68,14 +68,13 @@ Ref integer(std::int64_t value);
 /// Value of a Python integer that fits into 64 bits (OverflowError otherwise).
 std::int64_t integer_value(PyObject* object);
 Ref tuple(std::initializer_list<PyObject*> elements);
+/// True as in Python's `left == right`.
+inline bool equal(PyObject* left, PyObject* right) { return check(PyObject_RichCompareBool(left, right, Py_EQ)) != 0; }
 /// True as in Python's `bool(object)`.
 inline bool truth(PyObject* object) { return check(PyObject_IsTrue(object)) != 0; }
 
 /// Whether `function` is written in Python in the module of that name: not where something else was put in its place.
 bool is_written_in(PyObject* function, const char* module);
-
-/// True if `module` holds the class of `object`, under the class's own name.
-bool defines_class_of(PyObject* module, PyObject* object);
 
 /// Unpacks exactly two elements, with the interpreter's own texts for a wrong number ("too many values to
 /// unpack (expected 2)", "need more than 1 value to unpack"), both ValueError.

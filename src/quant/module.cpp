@@ -7,7 +7,7 @@
 #include "py/class_factory.h"
 #include "py/module_entry.h"
 #include "py/objects.h"
-#include "quant/catalogue.h"
+#include "quant/catalogue/catalogue.h"
 
 namespace onnxgraft::quant {
 

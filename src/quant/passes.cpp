@@ -1,7 +1,8 @@
 #include "quant/passes.h"
 
 #include "py/name_index.h"
-#include "quant/names.h"
+#include "py/session.h"
+#include "quant/numpy/names.h"
 
 namespace onnxgraft::quant {
 
@@ -10,25 +11,34 @@ using py::Ref;
 
 namespace {
 
-Ref run_pass(const Call& call, const Pass& pass) {
-  PyObject* self = call[0];
-  const Ref pattern = py::attribute(self, pass.pattern);
-  const Ref replacement = py::attribute(self, pass.replacement);
-  return py::call_method(self, names::replace_all, {call[1], pattern.get(), replacement.get()},
-                         {{names::debug, call[2]}});
-}
+/// The method that runs a pass, for all passes of one `apply`. Where nothing comes between two passes, not even a debug
+/// line, they share what they read.
+class PassMethod {
+ public:
+  PassMethod(const Call& call, bool nothing_between) : self_(call[0]) {
+    if (!nothing_between || call[2] != Py_False) return;
+    session_ = py::begin_session(py::attribute(self_, names::replace_all).get(), call[1]);
+  }
 
-/// What the passes of one `apply` share: nothing where other code would run in between, be it a subclass's or that of
-/// the stream which gets the debug lines.
-Ref begin_run(const Call& call) {
-  if (call[2] != Py_False || !py::defines_class_of(call.module, call[0])) return {};
-  const Ref method = py::attribute(call[0], names::replace_all);
-  PyObject* function = PyMethod_Check(method.get()) != 0 ? PyMethod_Function(method.get()) : method.get();
-  const Ref begin = py::optional_attribute(function, names::begin_sharing);
-  return begin ? py::call(begin.get(), {call[0], call[1]}) : Ref{};
-}
+  /// `keywords`: a dict.
+  Ref operator()(PyObject* graph, const Ref& pattern, const Ref& replacement, const Ref& keywords) const {
+    const Ref method = session_ ? Ref::borrow(session_.get()) : py::attribute(self_, names::replace_all);
+    return py::checked(
+        PyObject_Call(method.get(), py::tuple({graph, pattern.get(), replacement.get()}).get(), keywords.get()));
+  }
+
+ private:
+  PyObject* self_;
+  Ref session_;
+};
 
 Ref sum(const Ref& left, const Ref& right) { return py::checked(PyNumber_Add(left.get(), right.get())); }
+
+Ref keywords(const Call& call) {
+  Ref made = py::checked(PyDict_New());
+  py::check(PyDict_SetItem(made.get(), names::debug.get(), call[2]));
+  return made;
+}
 
 Ref checked_count(Ref count) {
   if (count.get() == Py_None || PyLong_Check(count.get()) != 0) return count;
@@ -39,26 +49,30 @@ Ref checked_count(Ref count) {
 
 Ref run_passes(const Call& call, std::span<const Pass> passes, Counting counting) {
   py::forget_names();
-  const Ref run = begin_run(call);
-  Ref total = run_pass(call, passes.front());
-  for (const Pass& pass : passes.subspan(1)) total = sum(total, run_pass(call, pass));
+  const PassMethod run(call, true);
+  Ref total;
+  for (const Pass& pass : passes) {
+    const Ref pattern = py::attribute(call[0], pass.pattern);
+    const Ref replacement = py::attribute(call[0], pass.replacement);
+    Ref count = run(call[1], pattern, replacement, keywords(call));
+    total = total ? sum(total, count) : std::move(count);
+  }
   return counting == Counting::checked ? checked_count(std::move(total)) : std::move(total);
 }
 
 Ref apply_listed_pairs(const Call& call) {
   py::forget_names();
-  const Ref run = begin_run(call);
-  PyObject* self = call[0];
   const Ref updated = py::checked(PySet_New(nullptr));
-  const Ref pairs = py::call_method(self, names::get_subgraphs_to_replace);
+  const Ref pairs = py::call_method(call[0], names::get_subgraphs_to_replace);
+  const PassMethod run(call, PyList_CheckExact(pairs.get()) != 0 || PyTuple_CheckExact(pairs.get()) != 0);
   const Ref elements = py::iterator(pairs.get());
   Ref total = py::integer(0);
   while (const Ref element = py::next(elements.get())) {
     const auto [pattern, replacement] = py::unpack_pair(element.get());
-    // Keywords go through the call, so each pass sees a dict of its own and all see the same set.
-    const Ref count = py::call_method(self, names::replace_all, {call[1], pattern.get(), replacement.get()},
-                                      {{names::debug, call[2]}, {names::conv_bias_updated, updated.get()}});
-    total = sum(total, count);
+    // Each pass gets a dict of its own, and all of them the same set.
+    const Ref extra = keywords(call);
+    py::check(PyDict_SetItem(extra.get(), names::conv_bias_updated.get(), updated.get()));
+    total = sum(total, run(call[1], pattern, replacement, extra));
   }
   return checked_count(std::move(total));
 }

@@ -13,12 +13,11 @@ from collections.abc import Callable, Iterator, Mapping, Sequence
 from contextlib import contextmanager
 from dataclasses import dataclass
 from time import perf_counter
-from types import MethodType
 from typing import Any, Literal
 
 import onnx
 
-from onnxgraft.abstract_transformation import AbstractTransformation, nearest_miss
+from onnxgraft.abstract_transformation import AbstractTransformation, nearest_miss, observed
 from onnxgraft.catalogue import CALLBACK, REPLACE, intercepted
 from onnxgraft.engine.shapes import Shapes
 from onnxgraft.engine.snapshot import Snapshot
@@ -88,56 +87,52 @@ class Recorder:
     @contextmanager
     def watch(self, transformation: Any) -> Iterator[None]:
         """Records what `transformation` does inside of the `with` block."""
-        replaced = {REPLACE: self._replace_all(getattr(transformation, REPLACE))}
+        replaced = {REPLACE: observed(getattr(transformation, REPLACE), self._replace_all)}
         callback = getattr(transformation, CALLBACK)
         is_default = getattr(callback, "__func__", None) is _DEFAULT_CALLBACK
         # The default callback accepts everything: for counts alone it need not be called.
         if not is_default or self._details != "counts" or self._keeps_splices:
-            replaced[CALLBACK] = self._on_replace(callback, transformation, is_default=is_default)
+            replaced[CALLBACK] = self._on_replace(callback)
         if self._store is not None and hasattr(transformation, _WEIGHTS):
-            replaced[_WEIGHTS] = _storing(getattr(transformation, _WEIGHTS), self._store)
+            replaced[_WEIGHTS] = observed(getattr(transformation, _WEIGHTS), _storing(self._store))
         with intercepted(transformation, replaced):
             yield
 
-    def _replace_all(self, original: Callable[..., int]) -> Callable[..., int]:
-        def replace_all(graph: Any, subgraph: Any, replacement: Any, *more: Any, **named: Any) -> int:
-            self._snapshot.include(graph)
-            result = PatternResult(_strings(subgraph), _strings(replacement))
-            self.patterns.append(result)
-            outer, self._pass = self._pass, _Pass(result)
-            start = perf_counter()
-            try:
-                count = original(graph, subgraph, replacement, *more, **named)
-            except BaseException:
-                self.failure = self.failure or Failure(result.pattern)
-                raise
-            finally:
-                result.seconds = perf_counter() - start
-                self._pass = outer
-            if not result.found:  # the default callback was not called: it accepted everything
-                result.found = result.replaced = count
-            if self._misses and not result.found:
-                miss = nearest_miss(graph, subgraph, replacement)
-                result.nearest_miss = miss["text"] if miss else None
-            _log.debug(
-                "%s: found %d, replaced %d, refused %d in %.3f s%s", list(result.pattern), result.found,
-                result.replaced, result.refused, result.seconds,
-                f"; nearest miss: {result.nearest_miss}" if result.nearest_miss else "",
-            )  # fmt: skip
-            return count
+    def _replace_all(
+        self, original: Callable[..., int], graph: Any, subgraph: Any, replacement: Any, *more: Any, **named: Any
+    ) -> int:
+        self._snapshot.include(graph)
+        result = PatternResult(_strings(subgraph), _strings(replacement))
+        self.patterns.append(result)
+        outer, self._pass = self._pass, _Pass(result)
+        start = perf_counter()
+        try:
+            count = original(graph, subgraph, replacement, *more, **named)
+        except BaseException:
+            self.failure = self.failure or Failure(result.pattern)
+            raise
+        finally:
+            result.seconds = perf_counter() - start
+            self._pass = outer
+        if not result.found:  # the default callback was not called: it accepted everything
+            result.found = result.replaced = count
+        if self._misses and not result.found:
+            miss = nearest_miss(graph, subgraph, replacement)
+            result.nearest_miss = miss["text"] if miss else None
+        _log.debug(
+            "%s: found %d, replaced %d, refused %d in %.3f s%s", list(result.pattern), result.found,
+            result.replaced, result.refused, result.seconds,
+            f"; nearest miss: {result.nearest_miss}" if result.nearest_miss else "",
+        )  # fmt: skip
+        return count
 
-        # Passes of one `apply` share what they read of the graph, with a function in front that only looks on too.
-        if begin := getattr(getattr(original, "__func__", None), "begin_sharing", None):
-            vars(replace_all)["begin_sharing"] = begin
-        return replace_all
-
-    def _on_replace(self, original: Any, transformation: Any, *, is_default: bool) -> MethodType:
-        """A callback that asks `original`, and counts and records the answer."""
-        gives_reasons = _takes_reasons(original)
+    def _on_replace(self, callback: Any) -> Callable[..., Any]:
+        """Something in front of the callback that counts and records its answers."""
+        gives_reasons = _takes_reasons(callback)
 
         # The parameters are named as in the method that this one stands for.
         def on_replace(
-            _self: Any,
+            original: Any,
             graph: Any,
             replaced_nodes: Any,
             isomorphic_node_mapping: Any,
@@ -175,8 +170,7 @@ class Recorder:
                 )
             return accepted
 
-        _hand_promise_on(on_replace, original, transformation, is_default=is_default)
-        return MethodType(on_replace, transformation)
+        return observed(callback, on_replace)
 
     def _note_refusal(self, result: PatternResult, nodes: Sequence[onnx.NodeProto], reason: str) -> None:
         result.refused += 1
@@ -226,20 +220,6 @@ class Recorder:
         )
 
 
-def _hand_promise_on(wrapper: Callable[..., Any], original: Any, transformation: Any, *, is_default: bool) -> None:
-    """Gives the wrapper the promises `keeps_nodes` and `keeps_links` of the callback that it calls.
-
-    They are believed only if the class of the transformation is one of the module that the callback comes from,
-    so that a subclass elsewhere, which may override what the callback calls, does not inherit it. The wrapper keeps the
-    callback's module and with it that rule. The default callback does nothing at all, for whatever class.
-    """
-    function = getattr(original, "__func__", None)
-    if is_default or getattr(function, "keeps_nodes", False):
-        vars(wrapper)["keeps_nodes"] = True
-        vars(wrapper)["keeps_links"] = is_default or getattr(function, "keeps_links", False)
-        wrapper.__module__ = type(transformation).__module__ if is_default else function.__module__
-
-
 def _takes_reasons(callback: Callable[..., object]) -> bool:
     try:
         parameters = inspect.signature(callback).parameters
@@ -248,8 +228,8 @@ def _takes_reasons(callback: Callable[..., object]) -> bool:
     return _REASONS in parameters or any(p.kind == p.VAR_KEYWORD for p in parameters.values())
 
 
-def _storing(original: Callable[..., Any], store: WeightStore) -> Callable[..., Any]:
-    def update_weights(*arguments: Any, **named: Any) -> tuple[onnx.TensorProto, Any]:
+def _storing(store: WeightStore) -> Callable[..., Any]:
+    def update_weights(original: Callable[..., Any], *arguments: Any, **named: Any) -> tuple[onnx.TensorProto, Any]:
         tensor, shape = original(*arguments, **named)
         return store.store(tensor), shape
 

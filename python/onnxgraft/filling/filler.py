@@ -162,9 +162,6 @@ class Filler:
             arguments = (graph, replaced_nodes, isomorphic_node_mapping, isomorphic_links_mapping)
             return handler(self, Call(transformation, *arguments, reasons, lambda: bool(original(*arguments, **named))))
 
-        function = getattr(original, "__func__", original)
-        vars(on_replace)["keeps_nodes"] = getattr(function, "keeps_nodes", False)
-        on_replace.__module__ = function.__module__
         return MethodType(on_replace, transformation)
 
 

@@ -2,8 +2,8 @@
 // Every pattern ends with the concatenation and its quantize node, whose output is 99 in pattern and replacement.
 #pragma once
 
-#include "quant/callbacks.h"
 #include "quant/catalogue/rows.h"
+#include "quant/families/callbacks.h"
 
 namespace onnxgraft::quant::rows {
 

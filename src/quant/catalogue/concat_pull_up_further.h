@@ -2,9 +2,9 @@
 // Every pattern ends with the concatenation and its quantize node, whose output is 99 in pattern and replacement.
 #pragma once
 
-#include "quant/callbacks.h"
 #include "quant/catalogue/concat_pull_up.h"
 #include "quant/catalogue/rows.h"
+#include "quant/families/callbacks.h"
 
 namespace onnxgraft::quant::rows {
 
@@ -111,7 +111,8 @@ inline const std::array passes{
     pass("subgraph", "subgraph_replacement"),
 };
 inline constexpr std::array methods{name_row<"replace_concat_quant_v10">,
-                                    callback_row(require_dequantized_products, Links::change), pairs_row<passes>};
+                                    extending_callback_row<require_dequantized_products, Changes::bias_inputs>,
+                                    pairs_row<passes>};
 inline constexpr ClassRow row{"ReplaceConcatQuantTransformationV10", pull_up_base, doc<"YOLOV7X">, lists, methods};
 
 }  // namespace concat_v10

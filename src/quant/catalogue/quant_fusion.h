@@ -2,8 +2,8 @@
 //   Quant(x), Op(Quant(x)) -> q = Quant(x), Op(q)
 #pragma once
 
-#include "quant/callbacks.h"
 #include "quant/catalogue/rows.h"
+#include "quant/families/callbacks.h"
 
 namespace onnxgraft::quant::rows {
 
@@ -39,7 +39,8 @@ inline constexpr ClassRow row{"FuseTesselQuantAnyTransformation", framework_base
 namespace change_quant {
 
 inline constexpr std::array bases{"FuseTesselQuantAnyTransformation"};
-inline constexpr std::array methods{name_row<"replace_quant">, callback_row(accept_equal_parameters, Links::own)};
+inline constexpr std::array methods{name_row<"replace_quant">,
+                                    callback_row<accept_equal_parameters, Changes::contents>};
 inline constexpr ClassRow row{
     "ChangeTesselQuantTransformation", bases, doc<"ResNet, YOLO, MobileNetv3, BERT">, {}, methods};
 

@@ -2,8 +2,8 @@
 //   Quant(Concat(x1 .. xk)) -> Concat(Quant(x1) .. Quant(xk))
 #pragma once
 
-#include "quant/callbacks.h"
 #include "quant/catalogue/rows.h"
+#include "quant/families/callbacks.h"
 
 namespace onnxgraft::quant::rows {
 
@@ -19,7 +19,7 @@ inline constexpr std::array methods{
         .result_annotation = pairs_annotation,
         .is_abstract = true,
     },
-    callback_row(correct_conv_biases, Links::change),
+    callback_row<correct_conv_biases, Changes::bias_inputs>,
 };
 inline constexpr ClassRow row{"AbstractPullUpTesselQuantTransformation", bases, nullptr, {}, methods};
 

@@ -2,8 +2,8 @@
 //   Quant_a(x), Concat(.., x, ..) -> Quant_b  becomes  Quant_b(x), Concat(.., x, ..) -> Quant_b
 #pragma once
 
-#include "quant/callbacks.h"
 #include "quant/catalogue/rows.h"
+#include "quant/families/callbacks.h"
 
 namespace onnxgraft::quant::rows::update_quant {
 
@@ -36,7 +36,7 @@ inline const std::array passes{
 inline constexpr std::array methods{
     apply_row(apply_passes<passes, Counting::unchecked>, nullptr),
     name_row<"update_tesselquant">,
-    callback_row(rescale_for_new_parameters, Links::own),
+    callback_row<rescale_for_new_parameters, Changes::contents>,
 };
 inline constexpr ClassRow row{"UpdateTesselQuantTransformation", framework_base, doc<"YOLOv7">, lists, methods};
 

@@ -2,9 +2,9 @@
 //   Op(x, w, b) -> Dequant(Op(Quant(x), w8, b32), scale)
 #pragma once
 
-#include "quant/callbacks.h"
 #include "quant/catalogue/rows.h"
-#include "quant/quantized_operators.h"
+#include "quant/families/callbacks.h"
+#include "quant/families/quantized_operators.h"
 
 namespace onnxgraft::quant::rows {
 
@@ -31,16 +31,30 @@ inline constexpr std::array operators_parameters{
 };
 
 inline constexpr std::array methods{
-    FunctionRow{"_update_tesselquant", attributes_parameters, update_quantize_node},
-    FunctionRow{"_update_weights", weights_parameters, draw_weights},
-    FunctionRow{"_update_bias", bias_parameters, draw_bias},
+    FunctionRow{"_update_tesselquant", attributes_parameters, with_view<update_quantize_node>},
+    FunctionRow{"_update_weights", weights_parameters, with_view<draw_weights>},
+    FunctionRow{"_update_bias", bias_parameters, with_view<draw_bias>},
     FunctionRow{"_update_tesseldequant", scale_parameters, draw_scales},
-    FunctionRow{"_check_current_precision", precision_parameters, needs_quantizing},
-    FunctionRow{"_update_quant_weights_operators", operators_parameters, add_quantized_initializers},
+    FunctionRow{"_check_current_precision", precision_parameters, with_view<needs_quantizing>},
+    FunctionRow{"_update_quant_weights_operators", operators_parameters, with_view<add_quantized_initializers>},
 };
 inline constexpr ClassRow row{"_QuantTransformation", framework_base, doc<"any Neural Network">, {}, methods};
 
+inline constexpr auto names = [] {
+  std::array<const char*, methods.size()> all{};
+  std::ranges::transform(methods, all.begin(), &FunctionRow::name);
+  return all;
+}();
+
 }  // namespace quantize_base
+
+/// A callback that calls the methods of the base.
+template <ViewBody body>
+inline constexpr FunctionRow quantizing_row = [] {
+  FunctionRow row = callback_row<body, Changes::contents>;
+  row.calls = quantize_base::names;
+  return row;
+}();
 
 inline constexpr std::array quantize_bases{"_QuantTransformation", "AbstractTransformation"};
 // `Conv` and `Gemm` become the same chains: node 0 of the pattern stands for either.
@@ -64,7 +78,7 @@ inline constexpr std::array lists{
     PatternList{"subgraph_replacement_2", quantized},
 };
 inline constexpr std::array methods{apply_row(apply_passes<with_bias_first>), name_row<"quant_conv">,
-                                    callback_row(quantize_conv, Links::own, has_quantized_weight)};
+                                    quantizing_row<quantize_conv>};
 inline constexpr ClassRow row{"QuantConvTransformation", quantize_bases, doc<"any CV model">, lists, methods};
 
 }  // namespace quant_conv
@@ -91,7 +105,7 @@ inline const std::array passes{
     pass("subgraph_3", "subgraph_replacement_2"),
 };
 inline constexpr std::array methods{apply_row(apply_passes<passes>), name_row<"quant_matmul">,
-                                    callback_row(quantize_matmul, Links::own, has_quantized_weight)};
+                                    quantizing_row<quantize_matmul>};
 inline constexpr ClassRow row{"QuantMatMulTransformation", quantize_bases, doc<"NLP and CV models">, lists, methods};
 
 }  // namespace quant_matmul
@@ -108,7 +122,7 @@ inline constexpr std::array lists{
     PatternList{"subgraph_replacement_2", quantized},
 };
 inline constexpr std::array methods{apply_row(apply_passes<with_bias_first>), name_row<"quant_gemm">,
-                                    callback_row(quantize_gemm, Links::own, has_quantized_weight)};
+                                    quantizing_row<quantize_gemm>};
 inline constexpr ClassRow row{"QuantGemmTransformation", quantize_bases, doc<"NLP and CV models">, lists, methods};
 
 }  // namespace quant_gemm

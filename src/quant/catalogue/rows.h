@@ -3,14 +3,16 @@
 
 #include <algorithm>
 #include <array>
+#include <memory>
 
 #include "py/class_factory.h"
+#include "quant/graph_view/graph_view.h"
 #include "quant/passes.h"
-#include "quant/round.h"
 
 namespace onnxgraft::quant::rows {
 
 using py::Call;
+using py::Changes;
 using py::ClassRow;
 using py::Default;
 using py::FunctionRow;
@@ -79,32 +81,31 @@ inline constexpr FunctionRow name_row{"get_simple_name", self_alone, simple_name
 template <const auto& passes>
 inline constexpr FunctionRow pairs_row{"_get_subgraphs_to_replace", self_alone, listed_pairs<passes>, pairs_annotation};
 
-/// What a callback changes of names, inputs and outputs of nodes.
-enum class Links {
-  own,  // none, and it looks at no other nodes than those it is given
-  stay,
-  change,
+inline std::unique_ptr<py::Sharing> round_view(PyObject* module, PyObject* graph) {
+  return std::make_unique<GraphView>(module, graph, GraphView::Lasts::round);
+}
+
+using ViewBody = py::Ref (*)(const Call&, GraphView&);
+
+/// What a callback promises is proved on random graphs by tests/python.
+template <ViewBody body, Changes changes, py::ArgumentType links_type = py::ArgumentType::dict>
+inline constexpr FunctionRow callback_row{
+    .name = "_on_replace_subgraph",
+    .parameters = callback_parameters<links_type>,
+    .body = with_view<body>,
+    .result_annotation = "bool",
+    .collects_keywords = true,
+    .changes = changes,
+    .share = round_view,
 };
 
-/// Our callbacks write attributes and initializers; those that change links, a new initializer's name as a further
-/// input.
-template <py::ArgumentType links_type = py::ArgumentType::dict>
-constexpr FunctionRow callback_row(Body body, Links links = Links::stay,
-                                   bool (*foresees_refusal)(const Call&) = nullptr) {
-  return {
-      .name = "_on_replace_subgraph",
-      .parameters = callback_parameters<links_type>,
-      .body = body,
-      .result_annotation = "bool",
-      .collects_keywords = true,
-      .keeps_nodes = true,
-      .keeps_links = links != Links::change,
-      .is_local = links == Links::own,
-      .begin_sharing = begin_round,
-      .end_sharing = finish_round,
-      .foresees_refusal = foresees_refusal,
-  };
-}
+/// The same of one that calls the callback that its class inherits.
+template <ViewBody body, Changes changes>
+inline constexpr FunctionRow extending_callback_row = [] {
+  FunctionRow row = callback_row<body, changes>;
+  row.calls_inherited = true;
+  return row;
+}();
 
 inline constexpr std::array framework_base{"AbstractTransformation"};
 inline constexpr std::array pull_up_base{"AbstractPullUpTesselQuantTransformation"};

@@ -2,8 +2,8 @@
 // nodes.
 #pragma once
 
-#include "quant/callbacks.h"
 #include "quant/catalogue/rows.h"
+#include "quant/families/callbacks.h"
 
 namespace onnxgraft::quant::rows {
 
@@ -28,7 +28,7 @@ inline constexpr std::array lists{
 };
 inline const std::array passes{pass("subgraph_1", "subgraph_rep_1"), pass("subgraph_2", "subgraph_rep_2")};
 inline constexpr std::array methods{apply_row(apply_passes<passes>), name_row<"change_gap_conv">,
-                                    callback_row(make_float_convolutions)};
+                                    callback_row<make_float_convolutions, Changes::contents>};
 inline constexpr ClassRow row{"ChangeGAPCONVTransformation", framework_base, doc<"EfficientNetB0, SeResNet">, lists,
                               methods};
 
@@ -63,7 +63,7 @@ inline constexpr std::array folded{"#0",         "#1:1,2i,101i->3", "#2:3,4i->10
 inline constexpr std::array lists{PatternList{"subgraph", normalized}, PatternList{"subgraph_replacement", folded}};
 inline const std::array passes{pass("subgraph", "subgraph_replacement")};
 inline constexpr std::array methods{apply_row(apply_passes<passes>), name_row<"fuse_bn_quant">,
-                                    callback_row<py::ArgumentType::dict_or_none>(add_folded_biases)};
+                                    callback_row<add_folded_biases, Changes::contents, py::ArgumentType::dict_or_none>};
 inline constexpr ClassRow row{"FuseQuantBatchNormTransformation", framework_base, doc<"YOLO, YOLO5s1">, lists, methods};
 
 }  // namespace fuse_normalization
@@ -75,7 +75,8 @@ inline constexpr std::array pulled{"#1:2->100", "Resize:100,3i,9i,10i->8"};
 
 inline constexpr std::array lists{PatternList{"subgraph", resized}, PatternList{"subgraph_replacement", pulled}};
 inline const std::array passes{pass("subgraph", "subgraph_replacement")};
-inline constexpr std::array methods{name_row<"replace_resize_quant">, callback_row(give_resize_attributes),
+inline constexpr std::array methods{name_row<"replace_resize_quant">,
+                                    extending_callback_row<give_resize_attributes, Changes::bias_inputs>,
                                     pairs_row<passes>};
 inline constexpr ClassRow row{"ReplaceResizeQuantTransformation", pull_up_base, doc<"U2Net">, lists, methods};
 
@@ -90,7 +91,7 @@ inline constexpr std::array constant{"#3:1,11i,12i,101i->14"};
 inline constexpr std::array lists{PatternList{"subgraph_1", computed}, PatternList{"subgraph_replacement", constant}};
 inline const std::array passes{pass("subgraph_1", "subgraph_replacement")};
 inline constexpr std::array methods{apply_row(apply_passes<passes>), name_row<"simplify_shape_v2">,
-                                    callback_row(make_constant_sizes)};
+                                    callback_row<make_constant_sizes, Changes::contents>};
 inline constexpr ClassRow row{"SimplifyShapeV2Transformation", framework_base, doc<"U2Net">, lists, methods};
 
 }  // namespace simplify_shape

@@ -33,11 +33,15 @@ def class_graph(name: str, seed: int) -> GraphProto:
     return furnished_graph(rng, rng.choice(patterns(name)), products=name.endswith("v10"))
 
 
-def apply(name: str, graph: Any) -> int | Exception:
-    """What `apply` gives: a number, or what it raises where initializers or attributes are not as it needs them."""
+def apply(transformation: Any, graph: Any) -> int | Exception:
+    """What `apply` of an object or of the class of that name gives.
+
+    A number, or what it raises where initializers or attributes are not as it needs them.
+    """
     np.random.seed(7)
     with np.errstate(all="ignore"):
         try:
-            return CLASSES[name]().apply(graph)  # type: ignore[no-any-return]
+            made = CLASSES[transformation]() if isinstance(transformation, str) else transformation
+            return made.apply(graph)  # type: ignore[no-any-return]
         except Exception as error:
             return error.with_traceback(None)

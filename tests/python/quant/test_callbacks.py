@@ -99,6 +99,12 @@ def test_everything_is_looked_up_when_it_is_used(monkeypatch: pytest.MonkeyPatch
     assert Own()._on_replace_subgraph(graph, [], {0: 0}, LINKS)
     assert asked == [("w",), ("w",)]
     assert [(t.name, t.data_type) for t in graph.initializer[2:]] == [("w8", 5), ("b/b32", 0), ("s", 13)]
+
+    class Fewer(quant.QuantConvTransformation):
+        def _update_quant_weights_operators(self, graph: Any, links: Any, input_names: Any, mode: str) -> None:  # type: ignore[override]
+            assert mode == "conv"
+
+    assert Fewer()._on_replace_subgraph(graph, [], {0: 0}, LINKS), "the default of transpose is the method's own"
     monkeypatch.setattr(quant, "np", None)
     with pytest.raises(AttributeError, match="random"):
         quant.QuantConvTransformation()._on_replace_subgraph(graph, [], {0: 0}, LINKS)
@@ -118,8 +124,12 @@ def quantized(*reading: tuple[str, ...]) -> GraphProto:
 
 
 @pytest.mark.parametrize(
-    "taken", ["", "initializer", "equal initializer", "input", "node", "body", "value_info", "sparse"]
-)
+    "taken",
+    [
+        "", "initializer", "equal initializer", "input", "node", "node's name", "read", "body", "custom body", "value_info",
+        "sparse",
+    ],
+)  # fmt: skip
 def test_the_name_of_a_new_bias_is_new(taken: str) -> None:
     graph = quantized(("w",))
     if "initializer" in taken:
@@ -131,7 +141,9 @@ def test_the_name_of_a_new_bias_is_new(taken: str) -> None:
     elif taken:
         body = GraphProto(node=[NodeProto(op_type="Constant", output=["w_bias"])])
         node = graph.node.add(op_type="If", output=["w_bias" if taken == "node" else "i"])
-        set_attributes(node, **({"then_branch": body} if taken == "body" else {}))
+        set_attributes(node, **({"then_branch": body} if "body" in taken else {}))
+        node.input.extend(["w_bias"] * (taken == "read"))
+        node.name, node.domain = "w_bias" * (taken == "node's name"), "custom" * (taken == "custom body")
     assert PULL_UP().apply(graph) == 1
     name = "w_bias_1" if taken else "w_bias"
     assert [list(node.input) for node in graph.node if node.op_type == "Conv"] == [["t99", "w", name]]
