@@ -126,8 +126,8 @@ def quantized(*reading: tuple[str, ...]) -> GraphProto:
 @pytest.mark.parametrize(
     "taken",
     [
-        "", "initializer", "equal initializer", "input", "node", "node's name", "read", "body", "custom body", "value_info",
-        "sparse",
+        "", "initializer", "equal initializer", "input", "node", "node's name", "read", "body", "custom body",
+        "value_info", "sparse",
     ],
 )  # fmt: skip
 def test_the_name_of_a_new_bias_is_new(taken: str) -> None:

@@ -1,6 +1,7 @@
 """What each callback promises not to change, on random graphs, and who is believed."""
 
 from collections.abc import Callable
+from functools import partial
 from typing import Any
 from unittest.mock import MagicMock
 
@@ -27,7 +28,7 @@ def broken(changes: str, before: State, graph: GraphProto) -> str | None:
         return "the node list"
     held = {tensor.name for tensor in graph.initializer}
     for old, new in zip(before, after, strict=True):
-        given = old[:3] + ([*new[3][:2], *new[3][3:]],) + old[4:]
+        given = (*old[:3], [*new[3][:2], *new[3][3:]], *old[4:])
         new_bias = old[1] == "Conv" and new[3][2:3] and old[3] in (new[3][:2], [*new[3][:2], "", *new[3][3:]])
         if old == new or (changes == "bias inputs" and new_bias and (new == given or new[3][2] in held | WAITING)):
             continue
@@ -143,7 +144,7 @@ def test_who_is_believed(cls: Any, believed: str | None) -> None:
     del vars(transformation)[CALLBACK]
     if cls is quant.QuantConvTransformation:
         original = transformation._update_weights
-        vars(transformation)["_update_weights"] = lambda *a, **k: original(*a, **k)
+        vars(transformation)["_update_weights"] = partial(original)
         assert session(transformation) is None
         vars(transformation)["_update_weights"] = observed(original, lambda ask, *a, **k: ask(*a, **k))
         assert session(transformation) == believed

@@ -1,6 +1,6 @@
-"""Calls that nobody else's edits come between share what they read: the passes of an apply, the callbacks of a round.
+"""Calls that nobody else's edits come between share what they read: passes of an apply, callbacks of a round.
 
-They leave the same bytes as without: after refusals, in one apply after the other, and inside of each other's callbacks.
+They leave the same bytes as without: after refusals, in one apply after the other, inside of each other's callbacks.
 """
 
 import random
