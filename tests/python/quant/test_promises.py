@@ -116,7 +116,7 @@ class Inheriting(quant.ReplaceResizeQuantTransformation, Between):
 def session(transformation: Any) -> str | None:
     """What is believed of the transformation's callback."""
     callback = getattr(transformation, CALLBACK)
-    function = getattr(callback, "__func__", None)
+    function: Any = getattr(callback, "__func__", None)
     if type(function).__name__ != "builtin_function":
         return None
     begun = function.session(transformation, GraphProto())
