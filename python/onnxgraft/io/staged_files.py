@@ -100,7 +100,8 @@ class StagedFile:
             self._has_name = True
 
     def put_in_place(self) -> None:
-        """Gives the file its own name."""
+        """Gives the sealed file its own name."""
+        self.take_name()
         self._temporary.replace(self.target)
         self.is_in_place = True
 
@@ -137,8 +138,10 @@ def publish(files: Sequence[StagedFile]) -> None:
     Raises:
         ModelFileError: It could not be done.
     """
-    # What may fail for want of space is done for all of them before the first one appears.
-    for step in (StagedFile.seal, StagedFile.take_name, StagedFile.put_in_place):
+    # What may fail for want of space is done for all of them before the first one appears. One alone has no temporary
+    # name for longer than it takes to rename it: a killed process must not leave it behind.
+    steps = [StagedFile.seal, StagedFile.take_name, StagedFile.put_in_place]
+    for step in steps if len(files) > 1 else (steps[0], steps[-1]):
         for file in files:
             try:
                 step(file)
