@@ -104,5 +104,5 @@ def _silent(rows: dict[str, Row]) -> Iterator[str]:
 
 
 def _reason(text: str) -> str:
-    """The part behind the count, which has a column of its own."""
+    """The part after the count, which has a column of its own."""
     return re.sub(r"^\d+ of \d+ pattern nodes matched[^;]*; ", "", text).replace("|", "\\|")

@@ -18,7 +18,7 @@ _SIZES = 3
 
 
 def fill_resize_inputs(workpiece: Workpiece) -> int:
-    """Fills in front of the last given input, in the operator's form with a region (operator set 11 and later).
+    """Fills before the last given input, in the operator's form with a region (operator set 11 and later).
 
     An omitted `sizes` stays omitted, since nothing follows it. A `Resize` that crops by its region needs a real one.
     """
@@ -40,7 +40,7 @@ def fill_resize_inputs(workpiece: Workpiece) -> int:
 
 
 def split_resize_sizes(workpiece: Workpiece) -> int:
-    """Splits the constant height and width behind a sliced shape into two constants of one element."""
+    """Splits the constant height and width after a sliced shape into two constants of one element."""
     graph = workpiece.graph
     if not any(is_standard(node, "Resize") for node in graph.node):
         return 0

@@ -1,4 +1,4 @@
-"""Nodes in any order -> each behind the producers of what it reads."""
+"""Nodes in any order -> each after the producers of what it reads."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ def sort_nodes(workpiece: Workpiece) -> int:
     """Sorts stably: of the nodes that may come next, the one that stood first does.
 
     Returns:
-        How many nodes stood in front of one of their producers. A graph with a cycle, or with two producers of one
+        How many nodes stood before one of their producers. A graph with a cycle, or with two producers of one
         tensor, stays as it is.
     """
     nodes = workpiece.graph.node
@@ -45,7 +45,7 @@ def sort_nodes(workpiece: Workpiece) -> int:
 
 
 def _order(needs: list[set[int]]) -> list[int]:
-    """Indices in topological order, without those on or behind a cycle."""
+    """Indices in topological order, without those on or after a cycle."""
     waiting = [len(wanted) for wanted in needs]
     readers: list[list[int]] = [[] for _ in needs]
     for index, wanted in enumerate(needs):

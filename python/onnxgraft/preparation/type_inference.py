@@ -20,7 +20,7 @@ LOG = logging.getLogger(__name__)
 # Before this version of the file format an initializer had to be listed among the graph's inputs.
 _FIRST_IR_WITHOUT_LISTING = 4
 
-# Larger initializers are no shapes.
+# Larger initializers are not shapes.
 _LARGEST_SHAPE = 1024
 
 

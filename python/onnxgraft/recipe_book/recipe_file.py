@@ -39,7 +39,7 @@ def load_recipes(path: str | os.PathLike[str]) -> Mapping[str, Recipe]:
     """The recipes of a file, by name.
 
     Raises:
-        RecipeFileError: The file cannot be read, is not TOML, or one of its tables is no recipe.
+        RecipeFileError: The file cannot be read, is not TOML, or one of its tables is not a recipe.
     """
     try:
         with Path(path).open("rb") as stream:

@@ -183,7 +183,7 @@ def test_weights_of_a_quantized_model(opset: int) -> None:
 
 
 def test_weights_in_a_file_are_read_where_they_are_folded(tmp_path: Path, caplog: pytest.LogCaptureFixture) -> None:
-    """Without its file a weight stays, and is no error; nothing reads the one without a normalization."""
+    """Without its file a weight stays, and is not an error; nothing reads the one without a normalization."""
     maker = Maker()
     maker.node("Conv", ["x", maker.weight("alone", 3, 4, 3, 3)], "d")
     maker.node("Conv", ["x", maker.weight("w", 3, 4, 3, 3)], "c")
