@@ -1,0 +1,91 @@
+"""What the models are fed with: the packages' own pipelines run on drawn pages and made sounds, and are listened to."""
+
+from __future__ import annotations
+
+import sys
+from collections.abc import Callable, Mapping
+from pathlib import Path
+from typing import Any
+
+import numpy as np
+
+from bench.accuracy import pages, sounds
+from bench.accuracy.networks import BY_NAME, OCR, WHEELS, Network
+
+CALIBRATION_PAGES, TEST_PAGES = range(100, 108), range(13)
+CALIBRATION_SOUNDS, TEST_SOUNDS = range(100, 104), range(4)
+# Enough of them; the recognizer is fed in batches of lines of like length.
+_MOST = {"det": 8, "rec": 16, "cls": 16, "vad": 240}
+
+
+def pipeline(models: Mapping[str, Path]) -> Any:
+    """The OCR package's own pipeline, with models in place of its own."""
+    sys.path.insert(0, str(WHEELS))
+    from rapidocr_onnxruntime import RapidOCR  # noqa: PLC0415
+
+    sys.path.remove(str(WHEELS))
+    return RapidOCR(**{f"{name}_model_path": str(path) for name, path in models.items()})
+
+
+def collect() -> None:
+    """Writes what each model is fed with to files, once."""
+    for part, numbers in (("calibration", CALIBRATION_PAGES), ("test", TEST_PAGES)):
+        if all(list(BY_NAME[name].data(part).glob("*.npz")) for name in OCR):
+            continue
+        engine = pipeline({name: BY_NAME[name].path for name in OCR})
+        sessions = {"det": engine.text_det.infer, "rec": engine.text_rec.session, "cls": engine.text_cls.infer}
+        for name, session in sessions.items():
+            session.session = _Listening(session.session, _writer(BY_NAME[name], part))
+        for number in numbers:
+            engine(pages.page(number)[0])
+    for part, numbers in (("calibration", CALIBRATION_SOUNDS), ("test", TEST_SOUNDS)):
+        network = BY_NAME["vad"]
+        if not list(network.data(part).glob("*.npz")):
+            write = _writer(network, part)
+            for number in numbers:
+                listen(_session(network.path), number, write)
+
+
+def listen(session: Any, number: int, write: Callable[[Mapping[str, Any]], None]) -> list[float]:
+    """Runs the voice detector over one sound; returns how likely each piece is speech."""
+    state, found = np.zeros((2, 1, 128), np.float32), []
+    for chunk in sounds.chunks(sounds.sound(number)):
+        feeds = {"input": chunk, "state": state, "sr": np.array(16000, np.int64)}
+        write(feeds)
+        likely, state = session.run(["output", "stateN"], feeds)
+        found.append(float(likely[0, 0]))
+    return found
+
+
+def _session(path: Path) -> Any:
+    import onnxruntime  # noqa: PLC0415
+
+    return onnxruntime.InferenceSession(path, providers=["CPUExecutionProvider"])
+
+
+def _writer(network: Network, part: str) -> Callable[[Mapping[str, Any]], None]:
+    folder = network.data(part)
+    folder.mkdir(parents=True, exist_ok=True)
+    count = 0
+
+    def write(feeds: Mapping[str, Any]) -> None:
+        nonlocal count
+        if count < _MOST[network.name]:
+            np.savez(folder / f"{count:04}.npz", **feeds)
+        count += 1
+
+    return write
+
+
+class _Listening:
+    """A session that tells what it is given."""
+
+    def __init__(self, session: Any, write: Callable[[Mapping[str, Any]], None]) -> None:
+        self._session, self._write = session, write
+
+    def run(self, names: list[str], feeds: Mapping[str, Any]) -> Any:
+        self._write(feeds)
+        return self._session.run(names, feeds)
+
+    def __getattr__(self, name: str) -> Any:
+        return getattr(self._session, name)

@@ -1,0 +1,59 @@
+"""onnxruntime's own quantization, on the same data."""
+
+from __future__ import annotations
+
+from typing import Any
+
+import onnx
+
+from bench.accuracy.networks import Network
+from onnxgraft.samples import open_data
+
+_OPERATORS = ["Conv", "Gemm", "MatMul"]
+# What is asked of `quantize_static` beyond its defaults; all with pairs of QuantizeLinear and DequantizeLinear.
+VARIANTS: dict[str, dict[str, Any]] = {
+    "ort_all": {"per_channel": True},
+    "ort_same": {"per_channel": True, "op_types_to_quantize": _OPERATORS},
+    "ort_tensor": {"per_channel": False, "op_types_to_quantize": _OPERATORS},
+    "ort_symmetric": {
+        "per_channel": True,
+        "op_types_to_quantize": _OPERATORS,
+        "activation": "QInt8",
+        "extra_options": {"ActivationSymmetric": True},
+    },
+}
+
+
+def quantize(network: Network, variant: str) -> dict[str, Any]:
+    """One quantized model, or why there is none."""
+    from onnxruntime.quantization import QuantFormat, QuantType, quantize_static, shape_inference  # noqa: PLC0415
+
+    settings = dict(VARIANTS[variant])
+    activation = getattr(QuantType, settings.pop("activation", "QUInt8"))
+    ready = network.made("ort_ready")
+    if not ready.exists():
+        shape_inference.quant_pre_process(str(network.path), str(ready), skip_symbolic_shape=True)
+    reader = _Reader(network)
+    try:
+        quantize_static(
+            str(ready),
+            str(network.made(variant)),
+            reader,
+            quant_format=QuantFormat.QDQ,
+            activation_type=activation,
+            weight_type=QuantType.QInt8,
+            **settings,
+        )
+    except Exception as error:
+        return {"failed": f"{type(error).__name__}: {' '.join(str(error).split())[:200]}"}
+    return {}
+
+
+class _Reader:
+    """Samples as onnxruntime wants to be given them."""
+
+    def __init__(self, network: Network) -> None:
+        self._samples = iter(open_data(network.data("calibration"), onnx.load(network.path)))
+
+    def get_next(self) -> Any:
+        return next(self._samples, None)
