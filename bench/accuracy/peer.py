@@ -5,10 +5,12 @@ from __future__ import annotations
 from typing import Any
 
 import onnx
+import onnx.version_converter
 
 from bench.accuracy.networks import Network
 from onnxgraft.samples import open_data
 
+_FIRST_WITH_AXIS = 13
 _OPERATORS = ["Conv", "Gemm", "MatMul"]
 # What is asked of `quantize_static` beyond its defaults; all with pairs of QuantizeLinear and DequantizeLinear.
 VARIANTS: dict[str, dict[str, Any]] = {
@@ -32,7 +34,11 @@ def quantize(network: Network, variant: str) -> dict[str, Any]:
     activation = getattr(QuantType, settings.pop("activation", "QUInt8"))
     ready = network.made("ort_ready")
     if not ready.exists():
-        shape_inference.quant_pre_process(str(network.path), str(ready), skip_symbolic_shape=True)
+        model = onnx.load(network.path)
+        if model.opset_import[0].version < _FIRST_WITH_AXIS:  # else its own result does not load
+            model = onnx.version_converter.convert_version(model, _FIRST_WITH_AXIS)
+        onnx.save(model, ready)
+        shape_inference.quant_pre_process(str(ready), str(ready), skip_symbolic_shape=True)
     reader = _Reader(network)
     try:
         quantize_static(

@@ -40,7 +40,7 @@ def samples(network: Network, part: str) -> Iterator[Sample]:
 
 
 def forward(network: Network) -> dict[str, Any]:
-    """The float model over the calibration data, with onnxruntime's optimizations; writes what it answers to the test."""
+    """The float model over the calibration data, with all of onnxruntime's optimizations."""
     model = onnx.load(network.path)
     feeds = list(samples(network, "calibration"))
     runner = ForwardRunner(model, evaluator="onnxruntime", optimize=True)

@@ -90,8 +90,6 @@ class Calibration:
         prepared: Of the prepared model.
         data: What messages call the samples.
         weights: By initializer: numbers of weights that the calibrated model held quantized already.
-        means: By tensor that a Conv, ConvTranspose, Gemm or MatMul reads or writes: the mean of each channel over all
-            samples, along axis 1 next to a convolution and along the last axis else.
     """
 
     ranges: Mapping[str, Range]
@@ -101,7 +99,6 @@ class Calibration:
     prepared: str = ""
     data: str = ""
     weights: Mapping[str, WeightNumbers] = field(default_factory=dict)
-    means: Mapping[str, tuple[float, ...]] = field(default_factory=dict)
 
     def check_model(self, fingerprint: str, label: str = "the model") -> None:
         """Raises CalibrationError unless the fingerprint is that of the model, as it was or prepared."""
@@ -124,17 +121,9 @@ class Calibration:
         ranges = dict(self.ranges)
         for name, found in other.ranges.items():
             ranges[name] = ranges[name].union(found) if name in ranges else found
-        means = dict(self.means)
-        total = self.samples + other.samples
-        for name, values in other.means.items():
-            if name in means and total:
-                mixed = np.asarray(means[name]) * self.samples + np.asarray(values) * other.samples
-                means[name] = tuple((mixed / total).tolist())
-            else:
-                means[name] = values
         weights = {**self.weights, **other.weights}
         data = ", ".join(dict.fromkeys(name for name in (self.data, other.data) if name))
-        return replace(self, ranges=ranges, samples=total, data=data, weights=weights, means=means)
+        return replace(self, ranges=ranges, samples=self.samples + other.samples, data=data, weights=weights)
 
     def to_json(self) -> str:
         """One JSON object; `from_json` reads it back without loss."""
@@ -148,8 +137,6 @@ class Calibration:
             "data": self.data,
             "ranges": {name: [found.low, found.high] for name, found in self.ranges.items()},
         }
-        if self.means:
-            content["means"] = {name: list(values) for name, values in self.means.items()}
         if self.weights:
             content["weights"] = {name: _weight_to_json(numbers) for name, numbers in self.weights.items()}
         text = json.dumps(content, allow_nan=False)
@@ -179,7 +166,6 @@ class Calibration:
             prepared=_typed(content, "prepared", str),
             data=_typed(content, "data", str),
             weights={name: _weight(name, numbers) for name, numbers in _entries(content, "weights", {})},
-            means={name: _numbers(name, values) for name, values in _entries(content, "means", {})},
         )
 
 

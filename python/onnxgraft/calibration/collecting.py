@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import itertools
 import logging
-import math
 import os
 from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
 from pathlib import Path
@@ -43,6 +42,7 @@ def calibrate(
     prepare: bool | Iterable[str] = True,
     folder: str | os.PathLike[str] | None = None,
     evaluator: Evaluator = "auto",
+    all_tensors: bool = False,
     memory: int = 512 * 2**20,
     progress: Progress | None = None,
 ) -> Calibration:
@@ -65,14 +65,15 @@ def calibrate(
         folder: The folder that the locations of external tensors start from; None is the model file's, or the current
             one.
         evaluator: "auto" takes onnxruntime where it is installed, else onnx's own evaluator, which is far slower.
+        all_tensors: Whether to look at every tensor, not only at what quantized operators read and the graph's inputs
+            and outputs.
         memory: The most bytes of inner tensors to hold at a time. A model with more is computed in parts, which takes
             a forward run each.
         progress: Called with the number of samples done, and that of all, if it is known.
 
     Returns:
-        The ranges of all tensors of floating-point numbers that the outer graph computes or is given, and means of the
-        channels at convolutions and matrix products. A tensor without elements, or with values that are not finite,
-        has no range; a warning names it.
+        The ranges of tensors of floating-point numbers that the outer graph computes or is given. A tensor without
+        elements, or with values that are not finite, has no range; a warning names it.
 
     Raises:
         CalibrationError: There are no samples, no tensors to look at, or the method is unknown.
@@ -96,7 +97,7 @@ def calibrate(
     first = next(feeds, None)
     if first is None:
         raise CalibrationError(f"there are no samples in {samples.label}")
-    watched = watched_tensors(own, first, os.fspath(folder) if folder is not None else ".")
+    watched = watched_tensors(own, first, os.fspath(folder) if folder is not None else ".", everything=all_tensors)
     runners = [
         ForwardRunner(own, block, folder=folder, evaluator=evaluator) for block in _blocks(watched.computed, memory)
     ]
@@ -117,7 +118,7 @@ def calibrate(
     for alias, source in watched.aliases.items():
         if source in ranges:
             ranges[alias] = ranges[source]
-    return Calibration(ranges, name, done, fingerprint, prepared, samples.label, means=collector.means())
+    return Calibration(ranges, name, done, fingerprint, prepared, samples.label)
 
 
 def _blocks(sizes: Mapping[str, int], memory: int) -> list[list[str]]:
@@ -138,8 +139,6 @@ class _Collector:
         self._watched = watched
         self._counts_values = counts_values
         self._seen: dict[str, Statistics] = {}
-        self._sums: dict[str, Array] = {}
-        self._samples: dict[str, int] = {}
 
     def add(self, sample: Sample, runners: Sequence[ForwardRunner]) -> None:
         """Computes one sample and takes in what its tensors are."""
@@ -157,16 +156,6 @@ class _Collector:
         if name not in self._seen:
             self._seen[name] = Statistics(counts_values=self._counts_values)
         self._seen[name].add(values)
-        axis = self._watched.channel_axes.get(name)
-        if axis is None or not values.size or not -values.ndim <= axis < values.ndim:
-            return
-        others = tuple(other for other in range(values.ndim) if other != axis % values.ndim)
-        mean = values.mean(axis=others, dtype=np.float32 if others == () else None).astype(np.float64)
-        if name not in self._sums:
-            self._sums[name], self._samples[name] = mean, 1
-        elif self._sums[name].shape == mean.shape:
-            self._sums[name] += mean
-            self._samples[name] += 1
 
     def usable(self) -> Iterator[tuple[str, Statistics]]:
         """What has a range, in the order of the graph."""
@@ -178,8 +167,3 @@ class _Collector:
                 yield name, seen
             else:
                 _log.warning("tensor '%s' took values that are not finite, so it gets no range", name)
-
-    def means(self) -> dict[str, tuple[float, ...]]:
-        """Of each channel, over all samples, each of which counts the same."""
-        found = {name: total / self._samples[name] for name, total in self._sums.items()}
-        return {name: tuple(values.tolist()) for name, values in found.items() if all(map(math.isfinite, values))}

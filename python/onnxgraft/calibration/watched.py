@@ -20,8 +20,8 @@ _FLOATS = {
 }
 # Their output has the values of their first input.
 _VIEWS = {"Dropout", "Flatten", "Identity", "Reshape", "Squeeze", "Transpose", "Unsqueeze"}
-_CONVOLUTIONS = {"Conv", "ConvTranspose"}
-_PRODUCTS = {"Gemm", "MatMul"}
+# What can compute on quantized values, and which of its operands are no weights.
+_QUANTIZABLE = {"Conv": 1, "ConvTranspose": 1, "Gemm": 2, "MatMul": 2}
 _BYTES = 4
 
 
@@ -33,45 +33,47 @@ class Watched:
         inputs: Graph inputs.
         computed: Tensors that nodes write, in order, with an estimate of their bytes.
         aliases: Tensors with the values of another one that is looked at.
-        channel_axes: Tensors at convolutions and matrix products: the axis of their channels.
     """
 
     inputs: list[str] = field(default_factory=list)
     computed: dict[str, int] = field(default_factory=dict)
     aliases: dict[str, str] = field(default_factory=dict)
-    channel_axes: dict[str, int] = field(default_factory=dict)
 
 
-def watched_tensors(model: onnx.ModelProto, sample: Mapping[str, npt.NDArray[Any]], folder: str) -> Watched:
-    """Chooses the tensors of a sorted model; `sample` tells the sizes of its inputs."""
+def watched_tensors(
+    model: onnx.ModelProto, sample: Mapping[str, npt.NDArray[Any]], folder: str, *, everything: bool
+) -> Watched:
+    """Chooses the tensors of a sorted model.
+
+    Args:
+        model: The model.
+        sample: Tells the sizes of its inputs.
+        folder: The folder that the locations of external tensors start from.
+        everything: Whether to look at all tensors, not only at those that a quantized operator would read.
+    """
     graph = model.graph
     constants = {tensor.name for tensor in graph.initializer}
-    found = Watched(inputs=list(sample), channel_axes=_channel_axes(graph, constants))
+    wanted = {name for node in graph.node for name in node.input[: _QUANTIZABLE.get(node.op_type, 0)]}
+    wanted |= {value.name for value in graph.output}
+    found = Watched(inputs=list(sample))
     values = _values(model, sample, folder)
+    sources: dict[str, str] = {}  # tensor -> the one with the same values that is computed first
     largest = 0
     for node in graph.node:
+        source = node.input[0] if node.op_type in _VIEWS and node.input else ""
         for position, name in enumerate(node.output):
-            if not name or not _may_be_float(values.get(name)):
+            sources[name] = sources.get(source, source) if source and position == 0 else name
+            if not name or source in constants or not _may_be_float(values.get(name)):
                 continue
-            source = node.input[0] if node.op_type in _VIEWS and position == 0 else ""
-            if source in found.computed or source in found.aliases or source in sample:
-                if name not in found.channel_axes:
-                    found.aliases[name] = found.aliases.get(source, source)
-                    continue
-            elif source in constants:
+            if not everything and name not in wanted:
                 continue
-            largest = max(largest, _size(values.get(name)))
-            found.computed[name] = _size(values.get(name)) or largest
+            origin = sources[name]
+            if origin not in sample and origin not in found.computed:
+                largest = max(largest, _size(values.get(origin)))
+                found.computed[origin] = _size(values.get(origin)) or largest
+            if origin != name:
+                found.aliases[name] = origin
     return found
-
-
-def _channel_axes(graph: onnx.GraphProto, constants: set[str]) -> dict[str, int]:
-    axes: dict[str, int] = {}
-    for kinds, axis in ((_PRODUCTS, -1), (_CONVOLUTIONS, 1)):
-        for node in graph.node:
-            if node.op_type in kinds:
-                axes.update({name: axis for name in [*node.input[:2], *node.output] if name not in constants})
-    return axes
 
 
 def _values(

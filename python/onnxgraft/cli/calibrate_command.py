@@ -47,5 +47,6 @@ def _collect(options: argparse.Namespace) -> Calibration:
             seed=options.seed or 0,
             prepare=options.prepare,
             evaluator=options.evaluator,
+            all_tensors=options.all_tensors,
             progress=progress,
         )

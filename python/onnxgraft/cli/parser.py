@@ -331,6 +331,11 @@ def _add_calibrate_options(calibrate: argparse.ArgumentParser) -> None:
         metavar="OTHER.json",
         help="join these ranges of the same model to the new ones; may be given several times",
     )
+    calibrate.add_argument(
+        "--all-tensors",
+        action="store_true",
+        help="look at every tensor, not only at what quantized operators would read",
+    )
     _add_evaluator(calibrate)
     calibrate.add_argument(
         "--no-prepare",
