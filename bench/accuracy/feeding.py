@@ -15,7 +15,7 @@ from bench.accuracy.networks import BY_NAME, OCR, WHEELS, Network
 CALIBRATION_PAGES, TEST_PAGES = range(100, 108), range(13)
 CALIBRATION_SOUNDS, TEST_SOUNDS = range(100, 104), range(4)
 # Enough of them; the recognizer is fed in batches of lines of like length.
-_MOST = {"det": 8, "rec": 16, "cls": 16, "vad": 240}
+_MOST = {"det": 4, "rec": 12, "cls": 12, "vad": 240}
 
 
 def pipeline(models: Mapping[str, Path]) -> Any:

@@ -1,0 +1,4 @@
+"""Writes docs/accuracy.md."""
+from typing import Any
+def write(results: dict[str, Any]) -> None:
+    """Later."""
