@@ -22,7 +22,7 @@ MODULES := $(addprefix onnxgraft.,abstract_transformation transform_utilities qu
 
 .DELETE_ON_ERROR:
 .DEFAULT_GOAL := help
-.PHONY: help build demo test sanitize fuzz matrix lint tidy format bench bench-docs docs networks docs-check wheel sdist clean
+.PHONY: help build demo test sanitize fuzz matrix lint tidy format bench bench-docs accuracy docs networks docs-check wheel sdist clean
 
 help: ## List the commands
 	@awk -F ':.*## ' '/^[a-z]+:.*## / {printf "  make %-8s %s\n", $$1, $$2}' Makefile
@@ -110,6 +110,26 @@ build/bench/venv/installed: requirements/bench.txt .venv/tools
 	@$(BIN)/python -c 'import sysconfig; print(sysconfig.get_path("purelib"))' \
 	  >"$$(build/bench/venv/bin/python -c 'import sysconfig; print(sysconfig.get_path("purelib"))')/measured.pth"
 	@build/bench/venv/bin/python -m pip --disable-pip-version-check install --quiet --no-input -r $<
+	@touch $@
+
+accuracy: .venv/installed build/accuracy/venv/installed build/accuracy/wheels/unpacked ## Measure what quantized networks answer (half an hour); writes docs/accuracy.md
+	@build/accuracy/venv/bin/python -m bench.accuracy
+
+build/accuracy/venv/installed: requirements/accuracy.txt .venv/tools
+	@echo "Installing what computes and draws"
+	@$(BIN)/python -m venv build/accuracy/venv
+	@$(BIN)/python -c 'import sysconfig; print(sysconfig.get_path("purelib"))' \
+	  >"$$(build/accuracy/venv/bin/python -c 'import sysconfig; print(sysconfig.get_path("purelib"))')/measured.pth"
+	@build/accuracy/venv/bin/python -m pip --disable-pip-version-check install --quiet --no-input -r $<
+	@touch $@
+
+# Their pipelines are imported from where they are unpacked; what they need is in the list above.
+build/accuracy/wheels/unpacked: requirements/accuracy-models.txt .venv/tools
+	@echo "Downloading trained models"
+	@mkdir -p build/accuracy/wheels
+	@$(BIN)/python -m pip --disable-pip-version-check download --quiet --no-input --no-deps --ignore-requires-python \
+	  --only-binary=:all: -d build/accuracy/downloaded -r $<
+	@for wheel in build/accuracy/downloaded/*.whl; do $(BIN)/python -m zipfile -e "$$wheel" build/accuracy/wheels; done
 	@touch $@
 
 docs: .venv/installed ## Make the pictures, tables and API reference of docs/ anew

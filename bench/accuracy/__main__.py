@@ -52,9 +52,7 @@ def _keep(results: dict[str, Any]) -> None:
 
 
 def _work(task: str, network: str) -> dict[str, Any]:
-    done = subprocess.run(
-        [sys.executable, "-m", "bench.accuracy.work", task, network], capture_output=True, text=True
-    )
+    done = subprocess.run([sys.executable, "-m", "bench.accuracy.work", task, network], capture_output=True, text=True)
     lines = done.stdout.splitlines()
     found: dict[str, Any] = (
         json.loads(lines[-1]) if lines and not done.returncode else {"failed": done.stderr.strip()[-300:]}
@@ -79,7 +77,9 @@ def _read_pages(name: str, results: dict[str, Any]) -> dict[str, Any]:
 def _variant(name: str, results: dict[str, Any]) -> str:
     if name != "ort":
         return name
-    made = {task: found["decibels"] for task, found in results.items() if task.startswith("ort") and "decibels" in found}
+    made = {
+        task: found["decibels"] for task, found in results.items() if task.startswith("ort") and "decibels" in found
+    }
     return max(made, key=lambda task: made[task])
 
 

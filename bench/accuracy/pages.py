@@ -2,9 +2,11 @@
 
 from __future__ import annotations
 
+import importlib.util
+from pathlib import Path
+
 import numpy as np
 import numpy.typing as npt
-from matplotlib import get_data_path
 from PIL import Image, ImageDraw, ImageFilter, ImageFont
 
 Picture = npt.NDArray[np.uint8]
@@ -28,7 +30,7 @@ def page(number: int) -> tuple[Picture, list[str]]:
     draw = ImageDraw.Draw(image)
     lines = [_line(rng) for _ in range(_LINES)]
     for row, text in enumerate(lines):
-        font = ImageFont.truetype(f"{get_data_path()}/fonts/ttf/{rng.choice(_FONTS)}.ttf", int(rng.integers(22, 34)))
+        font = ImageFont.truetype(f"{_font_folder()}/{rng.choice(_FONTS)}.ttf", int(rng.integers(22, 34)))
         ink = tuple(int(value) for value in rng.integers(0, 90, 3))
         draw.text((int(rng.integers(15, 60)), 20 + row * _STEP), text, fill=ink, font=font)
     if number % 3 == 1:
@@ -42,3 +44,11 @@ def page(number: int) -> tuple[Picture, list[str]]:
 def _line(rng: np.random.Generator) -> str:
     words = [str(rng.choice(choices.split("|"))) for choices in (_SUBJECTS, _VERBS, _OBJECTS, _TAILS)]
     return " ".join(words).format(a=rng.integers(1, 24), b=rng.integers(10, 60))
+
+
+def _font_folder() -> Path:
+    """The fonts that come with matplotlib."""
+    found = importlib.util.find_spec("matplotlib")
+    if found is None or found.origin is None:
+        raise RuntimeError("matplotlib, whose fonts the pages are drawn in, is not installed")
+    return Path(found.origin).parent / "mpl-data/fonts/ttf"

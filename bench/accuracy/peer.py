@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import importlib
 from typing import Any
 
 import onnx
@@ -28,26 +29,26 @@ VARIANTS: dict[str, dict[str, Any]] = {
 
 def quantize(network: Network, variant: str) -> dict[str, Any]:
     """One quantized model, or why there is none."""
-    from onnxruntime.quantization import QuantFormat, QuantType, quantize_static, shape_inference  # noqa: PLC0415
-
+    tool: Any = importlib.import_module("onnxruntime.quantization")
+    shapes: Any = importlib.import_module("onnxruntime.quantization.shape_inference")
     settings = dict(VARIANTS[variant])
-    activation = getattr(QuantType, settings.pop("activation", "QUInt8"))
+    activation = getattr(tool.QuantType, settings.pop("activation", "QUInt8"))
     ready = network.made("ort_ready")
     if not ready.exists():
         model = onnx.load(network.path)
         if model.opset_import[0].version < _FIRST_WITH_AXIS:  # else its own result does not load
             model = onnx.version_converter.convert_version(model, _FIRST_WITH_AXIS)
         onnx.save(model, ready)
-        shape_inference.quant_pre_process(str(ready), str(ready), skip_symbolic_shape=True)
+        shapes.quant_pre_process(str(ready), str(ready), skip_symbolic_shape=True)
     reader = _Reader(network)
     try:
-        quantize_static(
+        tool.quantize_static(
             str(ready),
             str(network.made(variant)),
             reader,
-            quant_format=QuantFormat.QDQ,
+            quant_format=tool.QuantFormat.QDQ,
             activation_type=activation,
-            weight_type=QuantType.QInt8,
+            weight_type=tool.QuantType.QInt8,
             **settings,
         )
     except Exception as error:

@@ -12,6 +12,7 @@ import sys
 import time
 import warnings
 from collections.abc import Callable, Iterator
+from functools import partial
 from pathlib import Path
 from typing import Any
 
@@ -117,8 +118,8 @@ def main() -> None:
         "forward": lambda: forward(network),
         "calibrate": lambda: calibrate(network),
         "random_apply": lambda: random_apply(network),
-        **{variant: (lambda variant=variant: ours(network, variant)) for variant in OURS},
-        **{variant: (lambda variant=variant: peer.quantize(network, variant)) for variant in peer.VARIANTS},
+        **{variant: partial(ours, network, variant) for variant in OURS},
+        **{variant: partial(peer.quantize, network, variant) for variant in peer.VARIANTS},
     }
     start = time.perf_counter()
     found = tasks[task]()
