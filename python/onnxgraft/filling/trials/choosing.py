@@ -26,6 +26,7 @@ Progress = Callable[[str], object]
 
 # So many samples are tried on; mean errors are those of all samples.
 _TRIED = 8
+_LEAST_NOISE = 1e-15  # less is the rounding of floats, and 0 has no logarithm
 _OLDEST_OPERATOR_SET = 11  # of Round, and of Clip with bounds as inputs
 
 
@@ -175,16 +176,18 @@ class _Trials:
         self._simulations = simulations
         names = [value.name for value in model.graph.output]
         sizes = [size(simulation) for simulation in simulations]
-        self._runner = ForwardRunner(switched_model(model, simulations), [*names, *sizes], folder=folder)
+        self._runner = ForwardRunner(switched_model(model, simulations), [*names, *sizes], folder=folder, optimize=True)
         self._samples = samples
         self._exact = [self._run(sample, frozenset(), {}) for sample in self._samples]
-        self._signal = {
-            name: sum(_energy(found[name]) for found in self._exact)
-            for name in names
-            if self._exact and self._exact[0][name].dtype.kind == "f"
-        }
-        self._signal = {name: value for name, value in self._signal.items() if value > 0 and math.isfinite(value)}
-        if not self._signal:
+        self._signals = [
+            {
+                name: energy
+                for name in names
+                if found[name].dtype.kind == "f" and 0 < (energy := _energy(found[name])) < math.inf
+            }
+            for found in self._exact
+        ]
+        if not any(self._signals):
             raise FillingError("no output of the float model has a signal on the samples, so nothing can be compared")
 
     def multiply_adds(self) -> dict[str, int]:
@@ -193,23 +196,27 @@ class _Trials:
         return {one.operator.output: one.multiply_adds(int(found[size(one)])) for one in self._simulations}
 
     def noise(self, quantized: frozenset[str], corrections: Mapping[str, Array] | None = None) -> float:
-        """Energy of the error, relative to that of the float output; the mean of all outputs."""
-        noises = dict.fromkeys(self._signal, 0.0)
-        for sample, exact in zip(self._samples, self._exact, strict=True):
-            found = self._run(sample, quantized, corrections or {})
-            for name in noises:
-                noises[name] += _energy(found[name].astype(np.float64) - exact[name])
-        values = [noises[name] / signal for name, signal in self._signal.items()]
-        mean = float(np.mean(values))
-        return mean if math.isfinite(mean) else math.inf
+        """Energy of the error, relative to that of the float output, of a typical sample.
+
+        That is the mean over the outputs, and the geometric mean over the samples: in the sum of all, one sample that
+        falls to the other side of a decision would outweigh the rest.
+        """
+        logarithms = []
+        for sample, exact, signals in zip(self._samples, self._exact, self._signals, strict=True):
+            if signals:
+                found = self._run(sample, quantized, corrections or {})
+                noises = [_energy(found[name] - exact[name].astype(np.float64)) / signals[name] for name in signals]
+                mean = float(np.nan_to_num(np.mean(noises), nan=math.inf))
+                logarithms.append(math.log(min(max(mean, _LEAST_NOISE), 1 / _LEAST_NOISE)))
+        return math.exp(sum(logarithms) / len(logarithms))
 
     def _run(self, sample: Sample, quantized: frozenset[str], corrections: Mapping[str, Array]) -> dict[str, Array]:
         return self._runner.run({**sample, **feeds_of(self._simulations, quantized, corrections)})
 
 
 def in_decibels(noise: float) -> float:
-    """Signal to noise, from the noise relative to the signal; limited to 300 dB either way."""
-    return -10 * math.log10(min(max(noise, 1e-30), 1e30))
+    """Signal to noise, from the noise relative to the signal."""
+    return -10 * math.log10(noise)
 
 
 def _energy(values: Array) -> float:
