@@ -132,6 +132,8 @@ def rewrite(
         while not _is_done(report, stability, max_rounds):
             _run_round(stepper, chosen, report, stability, progress, stops=on_error == "stop")
         report.warnings += foreign.warnings(report.steps)
+        if details != "counts":
+            report.numbers = list(finishing.operator_numbers(host))
         report.account = account_of(graph, declared_shapes(graph), facts, functions)
     if filler is not None:
         report.filled = filler.result

@@ -5,6 +5,7 @@ The classes write what their patterns say and no more: `delete_concat` gives bot
 `onnxgraft apply` goes on from there, so that its result can be computed.
 """
 
+from onnxgraft.finishing.operator_numbers import operator_numbers
 from onnxgraft.finishing.order import followers
 
-__all__ = ["followers"]
+__all__ = ["followers", "operator_numbers"]

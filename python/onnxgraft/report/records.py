@@ -16,6 +16,7 @@ from onnxgraft.report.account_records import Account
 from onnxgraft.report.filled_records import FillingResult
 from onnxgraft.report.lazy import Lazy
 from onnxgraft.report.node_texts import Kept, TensorKind, describe, keep, shape_text
+from onnxgraft.report.operator_numbers import OperatorNumbers
 
 if TYPE_CHECKING:
     from rich.table import Table
@@ -181,6 +182,7 @@ class Report:
     version: str = ""  # of onnx-graft
     account: Account | None = None  # which operators are INT8 now, and why the others are not
     filled: FillingResult | None = None  # with which numbers; None: those that the transformations draw
+    numbers: list[OperatorNumbers] = field(default_factory=list)  # what quantized operators work with in the end
 
     @property
     def replaced(self) -> int:

@@ -9,6 +9,7 @@ from onnxgraft.drawing.node_cards import State
 from onnxgraft.report.page import page, table, text
 from onnxgraft.report.pictures import LEGEND, NodeKey, figure, key, listing
 from onnxgraft.report.records import NodeText, Occurrence, PatternResult, Report, Step
+from onnxgraft.report.report_table import remark
 
 MOST_CARDS = 300
 _KINDS = ("replaced", "refused")
@@ -41,7 +42,14 @@ def report_page(report: Report, *, most: int = MOST_CARDS) -> str:
             cards.append(_card(report, group, entry, "" if anchor in linked else anchor))
             linked.add(anchor)
     title = f"Rewriting of {report.model}" if report.model else "Rewriting"
-    parts = [*_warnings(report), _summary(report, linked), _prepared(report), *_nothing(report), LEGEND]
+    parts = [
+        *_warnings(report),
+        _summary(report, linked),
+        _prepared(report),
+        *_nothing(report),
+        _numbers(report),
+        LEGEND,
+    ]
     parts += _left_out(groups, shares)
     kinds = [kind for kind in _KINDS if any(group.kind == kind for group in groups)]
     return page(title, _facts(report), "\n".join(parts), "occurrences", kinds, cards)
@@ -110,19 +118,48 @@ def _summary(report: Report, linked: set[str]) -> str:
     several = report.rounds > 1
     rows = []
     for step in report.steps:
-        if not step.found and step.error is None:
+        if not step.found and step.error is None and step.undone is None:
             continue
         counts = (step.found, step.replaced, step.refused, step.nodes_before, step.nodes_after)
-        remark = f"failed, put back: {step.error}" if step.error else "random weights" if step.random else ""
         name = f"<code>{text(step.transformation)}</code>"
         if _anchor(step) in linked:
             name = f'<a href="#{_anchor(step)}">{name}</a>'
         rows.append(
-            (name, *([str(step.round)] if several else []), *map(str, counts), f"{step.seconds:.2f}", text(remark))
+            (
+                name,
+                *([str(step.round)] if several else []),
+                *map(str, counts),
+                f"{step.seconds:.2f}",
+                text(remark(step)),
+            )
         )
     headings = ("Found", "Replaced", "Refused", "Nodes before", "Nodes after", "Seconds", "")
     columns = ("Transformation", *(["Round"] if several else []), *headings)
     return f"<h2>Transformations</h2>{table(columns, rows, range(1, len(columns) - 1))}"
+
+
+def _numbers(report: Report) -> str:
+    """Folded up, since networks have many."""
+    if not report.numbers:
+        return ""
+    rows = [
+        (
+            f"<code>{text(one.name)}</code>",
+            f"<code>{text(one.output)}</code>",
+            f"{one.scale:.6g}",
+            f"{one.offset:g}",
+            f"{one.low:.4g} … {one.high:.4g}",
+            "" if one.saturated is None else f"{one.saturated:.2%}",
+            str(one.bits) if one.bits else "",
+        )
+        for one in report.numbers
+    ]
+    headings = ("Operator", "Writes", "Scale", "Offset", "Not cut off", "Cut off", "Bits of sums")
+    return (
+        f"<details><summary>Quantized operators: {len(rows)}</summary>{table(headings, rows, range(2, 7))}"
+        '<p class="what">Bits: the most that sums can need, whatever the inputs are. '
+        "<code>onnxgraft verify --data … --per-tensor</code> measures what they need on data.</p></details>"
+    )
 
 
 def _prepared(report: Report) -> str:

@@ -44,12 +44,13 @@ def table(report: Report) -> Table:
             continue
         number = [str(step.round)] if several_rounds else []
         counts = (step.found, step.replaced, step.refused, step.nodes_before, step.nodes_after)
-        cells = (step.transformation, *number, *counts, f"{step.seconds:.2f}", _remark(step))
+        cells = (step.transformation, *number, *counts, f"{step.seconds:.2f}", remark(step))
         result.add_row(*map(one_line, cells))
     return result
 
 
-def _remark(step: Step) -> str:
+def remark(step: Step) -> str:
+    """What there is to know of a step besides its counts; empty if nothing is."""
     if step.error is not None:
         return f"failed, put back: {step.error}"
     if step.undone is not None:

@@ -12,6 +12,7 @@ from helpers.small_graphs import Array, model_of
 from onnxgraft import rewrite
 from onnxgraft.engine import Report
 from onnxgraft.evaluation import Convention, evaluate, lower
+from onnxgraft.report.report_page import report_page
 
 EXACT = Convention(rounding=True, element_type="float64", centred=True)
 
@@ -165,3 +166,22 @@ def test_remarks_on_changed_functions_and_warnings_of_other_operators() -> None:
     assert report.steps[0].remarks == ["1 Resize of mode linear became nearest: the function changes"]
     assert report.warnings == ["1 node is of com.example::Conv, which patterns take for the standard Conv"]
     assert "the whole weight" in str(run(joined(KNOWN), "delete_concat", finish=False))
+
+
+def test_reports_tell_the_numbers_of_each_operator() -> None:
+    lines = ["TesselQuant:scale=4:offset=-3 x -> q", "Conv q w b -> y", "TesselDequant y s -> d"]
+    lines += ["TesselQuant d -> r", "Concat:axis=1 r r -> j", "Conv j v -> z", "TesselDequant z s -> e"]
+    tensors: dict[str, Array] = {
+        "w": np.array([[[[-128]]], [[[1]]]], np.int8),
+        "b": np.array([7, -9], np.int32),
+        "v": np.full((1, 4, 1, 1), 2, np.int8),
+        "s": packed(np.ones(1, np.float32)),
+    }
+    report = run(model_of(lines, inputs={"x": (1, 1, 3, 3)}, outputs=["e"], tensors=tensors), [])
+    first, second = report.numbers
+    assert (first.scale, first.offset, first.low, first.high) == (4, -3, -31.25, 32.5)
+    assert (first.bits, second.bits) == (16, 12)  # 131 * 128 + 7 = 16775 and 128 * 8 = 1024, each with a sign
+    page = report_page(run(joined(KNOWN), "delete_concat"))
+    assert "1 finished; weights split between the branches" in page
+    assert "Quantized operators: 2" in page
+    assert "undone: Conv" in report_page(run(joined((None, None)), "delete_concat"))
