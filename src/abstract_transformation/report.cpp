@@ -90,7 +90,7 @@ Ref find_occurrences(PyObject* graph, const core::Rule& rule) {
   Ref result = checked(PyList_New(0));
   core::Candidates candidates(table, rule);
   core::Claims claims(table.original_count());
-  const core::RefusedSet refused;
+  core::RefusedSet refused;
   const core::OccurrenceList found = core::Search(table, rule, candidates, claims, refused).run();
   for (std::size_t index = 0; index < found.size(); ++index) {
     const Ref nodes = checked(PyList_New(0));

@@ -7,16 +7,20 @@
 #include <vector>
 
 #include "core/graph_table.h"
+#include "core/refused_choices.h"
 #include "core/rule.h"
 
 namespace onnxgraft::core {
 
 /// What identifies an assignment are the nodes of node 0's part; parts that share no tensor with it make no new one.
-/// All of one set are of one rule.
+/// All of one set are of one rule, and the searches that it is given to are of one `Candidates`.
 class RefusedSet {
  public:
   void add(const Rule& rule, std::span<const NodeIndex> nodes);
   [[nodiscard]] bool contains(const Rule& rule, std::span<const NodeIndex> nodes) const;
+
+  /// What searches found out about them.
+  RefusedChoices choices;
 
  private:
   static std::vector<NodeIndex> key_of(const Rule& rule, std::span<const NodeIndex> nodes);

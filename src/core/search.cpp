@@ -4,8 +4,7 @@
 
 namespace onnxgraft::core {
 
-Search::Search(const GraphTable& table, const Rule& rule, Candidates& candidates, Claims& claims,
-               const RefusedSet& refused)
+Search::Search(const GraphTable& table, const Rule& rule, Candidates& candidates, Claims& claims, RefusedSet& refused)
     : table_(table),
       rule_(rule),
       candidates_(candidates),
@@ -35,7 +34,7 @@ OccurrenceList Search::run() {
     if (open != no_node) {
       push_frame(open);
     } else if (refused_.contains(rule_, node_of_)) {
-      leave_other_parts();
+      leave_refused();
     } else if (!cycle_check_.needed() || !cycle_check_.closes_cycle(node_of_, name_of_)) {
       accept(found);
     }
@@ -62,13 +61,24 @@ void Search::accept(OccurrenceList& found) {
   }
 }
 
-/// Other choices in parts that share no tensor with node 0's part make no new assignment of a refused one.
-void Search::leave_other_parts() {
+/// Other choices in parts that share no tensor with node 0's part make no new assignment of a refused one. The last
+/// choice in its own part is not to be made again after the ones before it.
+void Search::leave_refused() {
   while (!frames_.empty() && rule_.nodes[frames_.back().role].part != 0) frames_.pop_back();
+  if (frames_.empty() || frames_.back().is_explicit) return;
+  RefusedChoices::Prefix prefix = RefusedChoices::none;
+  for (std::size_t frame = 0; frame + 1 < frames_.size(); ++frame) {
+    prefix = refused_.choices.add_after(prefix, node_of_[frames_[frame].role]);
+  }
+  Frame& last = frames_.back();
+  last.prefix = prefix;
+  refused_.choices.refuse(prefix, last.range.list, last.position - 1);
 }
 
 void Search::push_frame(std::uint32_t role) {
-  Frame frame{role, {}, {}, false, 0, bound_roles_.size(), bound_links_.size()};
+  RefusedChoices::Prefix prefix = RefusedChoices::none;
+  if (!frames_.empty()) prefix = refused_.choices.after(frames_.back().prefix, node_of_[frames_.back().role]);
+  Frame frame{role, {}, {}, false, 0, bound_roles_.size(), bound_links_.size(), prefix};
   constexpr std::size_t few = 8;
   bool direct = false;
   frame.range = best_direct(role, direct);
@@ -86,7 +96,12 @@ void Search::push_frame(std::uint32_t role) {
 NodeIndex Search::next_candidate(Frame& frame) {
   const PatternNode& role = rule_.nodes[frame.role];
   if (!frame.is_explicit) {
-    frame.position = skip_unusable(frame.range, frame.position, role);
+    while (true) {
+      frame.position = skip_unusable(frame.range, frame.position, role);
+      const std::size_t open = refused_.choices.skip(frame.prefix, frame.range.list, frame.position);
+      if (open == frame.position || frame.position >= frame.range.end) break;
+      frame.position = open;
+    }
     if (frame.position >= frame.range.end) return no_index;
     return candidates_.at(frame.range.list, frame.position++);
   }

@@ -19,7 +19,7 @@ namespace onnxgraft::core {
 
 class Search {
  public:
-  Search(const GraphTable& table, const Rule& rule, Candidates& candidates, Claims& claims, const RefusedSet& refused);
+  Search(const GraphTable& table, const Rule& rule, Candidates& candidates, Claims& claims, RefusedSet& refused);
 
   /// All occurrences that the claims still allow, in order; claims their nodes.
   OccurrenceList run();
@@ -34,6 +34,7 @@ class Search {
     std::size_t position;
     std::size_t role_mark;  // what was bound before this choice
     std::size_t link_mark;
+    RefusedChoices::Prefix prefix;  // the choices before this one
   };
 
   void push_frame(std::uint32_t role);
@@ -45,7 +46,7 @@ class Search {
   bool propagate(std::size_t from_link);
   bool propagate_link(LinkId id);
   void accept(OccurrenceList& found);
-  void leave_other_parts();
+  void leave_refused();
   [[nodiscard]] std::uint32_t lowest_open_role() const;
 
   Candidates::Range best_direct(std::uint32_t role, bool& found);
@@ -57,7 +58,7 @@ class Search {
   const Rule& rule_;
   Candidates& candidates_;
   Claims& claims_;
-  const RefusedSet& refused_;
+  RefusedSet& refused_;
   CycleCheck cycle_check_;
   Interruptible work_;
 

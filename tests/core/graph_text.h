@@ -123,14 +123,15 @@ inline std::vector<NodeIndex> all_nodes(const GraphTable& table) {
   return nodes;
 }
 
-inline OccurrenceList search(const GraphTable& table, const Rule& rule, Claims& claims, const RefusedSet& refused) {
+inline OccurrenceList search(const GraphTable& table, const Rule& rule, Claims& claims, RefusedSet& refused) {
   Candidates candidates(table, rule);
   return Search(table, rule, candidates, claims, refused).run();
 }
 
 inline OccurrenceList search(const GraphTable& table, const Rule& rule) {
   Claims claims(table.original_count());
-  return search(table, rule, claims, {});
+  RefusedSet refused;
+  return search(table, rule, claims, refused);
 }
 
 inline std::vector<Assignment> assignments(const OccurrenceList& found) {

@@ -79,5 +79,23 @@ TEST(SearchScale, ManyRefusedBesideASeparatePart) {
   EXPECT_TRUE(search(table, rule, claims, refused).empty());
 }
 
+/// Each round finds about as many as there are nodes, and all are refused: what was refused is not visited again.
+TEST(SearchScale, PairsRefusedRoundAfterRound) {
+  constexpr NodeIndex pairs_of = 600;
+  const GraphTable table = make_graph(repeated(pairs_of, "Quant x -> q@; Conv q@ -> c@"));
+  const Rule rule = make_rule("Quant:0->1 Conv:1->2 Quant:0->3", "#2 #1:3->2");
+  Candidates candidates(table, rule);
+  RefusedSet refused;
+  std::size_t count = 0;
+  while (true) {
+    Claims claims(table.original_count());
+    const OccurrenceList found = Search(table, rule, candidates, claims, refused).run();
+    if (found.empty()) break;
+    for (std::size_t index = 0; index < found.size(); ++index) refused.add(rule, found.nodes(index));
+    count += found.size();
+  }
+  EXPECT_EQ(count, pairs_of * (pairs_of - 1));
+}
+
 }  // namespace
 }  // namespace onnxgraft::core
