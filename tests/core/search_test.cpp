@@ -71,7 +71,7 @@ const Case cycle_cases[] = {
     {"a dependence that was there before is none", "A x -> a; B a -> b", "A:0->1 B:1->2", "#0 #1:0,1->2", {{0, 1}}},
     {"what is no cycle by itself is judged alone", "A x -> a; A y -> b; G a -> g; G b -> h", "A:0->1 G:2->3", "#0:0,3->1 #1", {{0, 3}, {1, 2}}},
     {"what had no input", "K -> a; B a -> b; G b -> g", "K:->0 G:2->3", "#0:3->0 #1", {}},
-    {"over one of several bodies", "A x -> a; If p -> q reads z; If p -> b reads a; G b -> g", "A:0->1 G:2->3", "#0:0,3->1 #1", {}},
+    {"over one of several bodies", "A x -> a; If x -> b reads a; If x -> q reads x; If x -> r reads x; G b -> g", "A:0->1 G:2->3", "#0:0,3->1 #1", {}},
     {"the input itself is the output", "A x -> a; G a -> g", "A:0->1 G:2->3", "#0:0,2->1 #1", {}},
 };
 // clang-format on
