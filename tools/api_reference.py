@@ -97,6 +97,7 @@ SECTIONS: tuple[tuple[str, str, tuple[str, ...]], ...] = (
             "AbstractTransformation._on_replace_subgraph",
             "find_occurrences",
             "nearest_miss",
+            "trace_nodes",
         ),
     ),
     ("Values of initializers", "onnxgraft.transform_utilities", ("get_init", "external_data_folder")),

@@ -1,4 +1,4 @@
-from collections.abc import Callable, Sequence
+from collections.abc import Callable, Iterable, Sequence
 from typing import Any, TypedDict
 
 from onnx import GraphProto, NodeProto
@@ -31,8 +31,18 @@ class _NearestMiss(TypedDict):
     reader: int | None
     text: str
 
+class _Trace(TypedDict):
+    pair: int
+    node: int
+    pattern_node: int
+    occurrence: list[int] | None
+    miss: _NearestMiss | None
+
 def find_occurrences(graph: GraphProto, subgraph: Sequence[str], replacement: Sequence[str]) -> list[_Occurrence]: ...
 def nearest_miss(graph: GraphProto, subgraph: Sequence[str], replacement: Sequence[str]) -> _NearestMiss | None: ...
+def trace_nodes(
+    graph: GraphProto, pairs: Iterable[tuple[Sequence[str], Sequence[str]]], nodes: Iterable[int]
+) -> list[_Trace]: ...
 
 _Node = tuple[str, tuple[tuple[str, bool], ...], str, bool]
 

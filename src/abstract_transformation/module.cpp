@@ -3,6 +3,8 @@
 
 #include <array>
 #include <chrono>
+#include <memory>
+#include <vector>
 
 #include "abstract_transformation/callback.h"
 #include "abstract_transformation/parsing.h"
@@ -63,6 +65,18 @@ Returns None if the pattern fits somewhere, else a dict: "matched" (number of pa
 "input" (input position, where the reason has one), "tensor" (name, or None), "reader" (index of another node
 that reads the tensor, or None) and "text" (a sentence).)";
 
+constexpr const char* trace_doc =
+    R"(Whether single nodes have a place in patterns, and if not, how near each came to it.
+
+graph: the GraphProto; it is not changed.
+pairs: sequence of (subgraph, replacement).
+nodes: indices in graph.node (IndexError for one that it does not have).
+
+Returns a list of dicts, for each pair and node one per pattern node of the node's operator, in order: "pair", "node" and
+"pattern_node", "occurrence" (the indices of the first occurrence that has the node there, in pattern order, whatever
+other occurrences a pass would prefer; None if there is none) and "miss" (None, or a dict as `nearest_miss` returns it:
+the attempt from that node that got furthest).)";
+
 constexpr const char* parse_doc = R"(A (pattern, replacement) pair, taken apart.
 
 Returns two tuples. Pattern nodes are (operator, inputs, output, rest): an input is (id, whether the pattern wants an
@@ -104,6 +118,12 @@ constexpr std::array pair_parameters{
     Parameter{"graph"},
     Parameter{"subgraph"},
     Parameter{"replacement"},
+};
+
+constexpr std::array trace_parameters{
+    Parameter{"graph"},
+    Parameter{"pairs"},
+    Parameter{"nodes"},
 };
 
 constexpr std::array parse_parameters{
@@ -157,6 +177,23 @@ const FunctionRow nearest_miss_row{
     .doc = nearest_miss_doc,
 };
 
+Ref trace_of_pairs(const Call& call) {
+  std::vector<std::shared_ptr<const core::Rule>> rules;
+  const Ref pairs = iterator(call[1]);
+  while (const Ref pair = next(pairs.get())) {
+    const auto [pattern, replacement] = unpack_pair(pair.get());
+    rules.push_back(compiled_rule(pattern.get(), replacement.get()));
+  }
+  return trace_nodes(call[0], rules, call[2]);
+}
+
+const FunctionRow trace_row{
+    .name = "trace_nodes",
+    .parameters = trace_parameters,
+    .body = trace_of_pairs,
+    .doc = trace_doc,
+};
+
 const FunctionRow parse_row{
     .name = "parse",
     .parameters = parse_parameters,
@@ -202,6 +239,7 @@ void fill(PyObject* module) {
   add_class(module, function_type.get(), base_class);
   add_function(module, function_type.get(), find_row);
   add_function(module, function_type.get(), nearest_miss_row);
+  add_function(module, function_type.get(), trace_row);
   add_function(module, function_type.get(), parse_row);
   add_function(module, function_type.get(), is_fast_row);
   add_function(module, function_type.get(), observed_row);

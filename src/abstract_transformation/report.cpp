@@ -2,8 +2,11 @@
 
 #include <array>
 #include <cstdio>
+#include <optional>
+#include <span>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "core/nearest_miss.h"
 #include "py/bad_names.h"
@@ -47,6 +50,41 @@ std::string milliseconds(std::chrono::steady_clock::duration time) {
   return {buffer.data(), static_cast<std::size_t>(size)};
 }
 
+Ref numbers(std::span<const core::NodeIndex> nodes) {
+  Ref result = checked(PyList_New(0));
+  for (const core::NodeIndex node : nodes) check(PyList_Append(result.get(), integer(node).get()));
+  return result;
+}
+
+/// IndexError for one that the graph does not have.
+std::vector<core::NodeIndex> node_numbers(PyObject* nodes, core::NodeIndex count) {
+  std::vector<core::NodeIndex> result;
+  const Ref elements = iterator(nodes);
+  while (const Ref element = next(elements.get())) {
+    const std::int64_t number = integer_value(element.get());
+    if (number < 0 || number >= static_cast<std::int64_t>(count)) {
+      raise(PyExc_IndexError, "there is no node %lld: the graph has %lld nodes", static_cast<long long>(number),
+            static_cast<long long>(count));
+    }
+    result.push_back(static_cast<core::NodeIndex>(number));
+  }
+  return result;
+}
+
+Ref miss_as_dict(const core::GraphTable& table, const core::Rule& rule, const core::NearestMiss& miss) {
+  Ref result = checked(PyDict_New());
+  set(result, "matched", integer(miss.matched));
+  set(result, "last_node", node_number(miss.last));
+  set(result, "pattern_node", integer(miss.role));
+  set(result, "node", node_number(miss.candidate));
+  set(result, "reason", text(core::reason_name(miss.reason)));
+  set(result, "input", integer(miss.slot));
+  set(result, "tensor", miss.tensor == core::no_name ? none() : text(table.names.text(miss.tensor)));
+  set(result, "reader", node_number(miss.reader));
+  set(result, "text", text(core::describe(table, rule, miss)));
+  return result;
+}
+
 }  // namespace
 
 void write_debug_line(PyObject* transformation, PyObject* graph, PyObject* pattern, const core::Rule& rule,
@@ -71,17 +109,33 @@ void write_debug_line(PyObject* transformation, PyObject* graph, PyObject* patte
 Ref nearest_miss(PyObject* graph, const core::Rule& rule) {
   const core::GraphTable table = read_table(graph, rule);
   const auto miss = core::find_nearest_miss(table, rule);
-  if (!miss) return none();
-  Ref result = checked(PyDict_New());
-  set(result, "matched", integer(miss->matched));
-  set(result, "last_node", node_number(miss->last));
-  set(result, "pattern_node", integer(miss->role));
-  set(result, "node", node_number(miss->candidate));
-  set(result, "reason", text(core::reason_name(miss->reason)));
-  set(result, "input", integer(miss->slot));
-  set(result, "tensor", miss->tensor == core::no_name ? none() : text(table.names.text(miss->tensor)));
-  set(result, "reader", node_number(miss->reader));
-  set(result, "text", text(core::describe(table, rule, *miss)));
+  return miss ? miss_as_dict(table, rule, *miss) : none();
+}
+
+Ref trace_nodes(PyObject* graph, const std::vector<std::shared_ptr<const core::Rule>>& rules, PyObject* nodes) {
+  if (rules.empty()) return checked(PyList_New(0));
+  const core::GraphTable table = read_table(graph, *rules.front());
+  const std::vector<core::NodeIndex> asked = node_numbers(nodes, table.original_count());
+  Ref result = checked(PyList_New(0));
+  for (std::size_t pair = 0; pair < rules.size(); ++pair) {
+    const core::Rule& rule = *rules[pair];
+    std::optional<core::NodeTrace> trace;  // made for the first node that the pattern has an operator for
+    for (const core::NodeIndex node : asked) {
+      for (std::uint32_t role = 0; role < rule.nodes.size(); ++role) {
+        if (table.ops.text(table.op(node)) != rule.nodes[role].op) continue;
+        check(PyErr_CheckSignals());
+        if (!trace) trace.emplace(table, rule);
+        const std::vector<core::NodeIndex> assignment = trace->assignment(role, node);
+        const Ref one = checked(PyDict_New());
+        set(one, "pair", integer(static_cast<std::int64_t>(pair)));
+        set(one, "node", integer(node));
+        set(one, "pattern_node", integer(role));
+        set(one, "occurrence", assignment.empty() ? none() : numbers(assignment));
+        set(one, "miss", assignment.empty() ? miss_as_dict(table, rule, trace->miss(role, node)) : none());
+        check(PyList_Append(result.get(), one.get()));
+      }
+    }
+  }
   return result;
 }
 
@@ -93,8 +147,7 @@ Ref find_occurrences(PyObject* graph, const core::Rule& rule) {
   core::RefusedSet refused;
   const core::OccurrenceList found = core::Search(table, rule, candidates, claims, refused).run();
   for (std::size_t index = 0; index < found.size(); ++index) {
-    const Ref nodes = checked(PyList_New(0));
-    for (const core::NodeIndex node : found.nodes(index)) check(PyList_Append(nodes.get(), integer(node).get()));
+    const Ref nodes = numbers(found.nodes(index));
     const Ref links = checked(PyDict_New());
     for (std::size_t link = 0; link < rule.links.size(); ++link) {
       if (!rule.links[link].in_pattern) continue;

@@ -1,18 +1,24 @@
 #include "core/nearest_miss.h"
 
 #include <algorithm>
+#include <span>
 #include <vector>
 
+#include "core/candidates.h"
 #include "core/cycle_check.h"
+#include "core/occurrence.h"
+#include "core/refused_set.h"
+#include "core/search.h"
 
 namespace onnxgraft::core {
 
 namespace {
 
-constexpr std::size_t step_limit = 200'000;  // attempts judged in all; the answer is best effort beyond
+constexpr std::size_t step_limit = 200'000;   // attempts judged in all; the answer is best effort beyond
+constexpr std::size_t node_step_limit = 500;  // the same for a walk from one node
 
-/// Pattern nodes in an order in which each touches one before it, part after part.
-std::vector<std::uint32_t> connected_order(const Rule& rule) {
+/// Pattern nodes in an order in which each touches one before it, part after part, that of `first` first.
+std::vector<std::uint32_t> connected_order(const Rule& rule, std::uint32_t first) {
   std::vector<std::uint32_t> order;
   std::vector<bool> seen(rule.nodes.size(), false);
   const auto visit = [&](std::uint32_t role) {
@@ -20,19 +26,21 @@ std::vector<std::uint32_t> connected_order(const Rule& rule) {
     seen[role] = true;
     order.push_back(role);
   };
-  for (std::uint32_t root = 0; root < rule.nodes.size(); ++root) {
+  const auto visit_link = [&](LinkId link) {
+    visit(rule.links[link].writer);
+    for (const LinkReader& reader : rule.links[link].readers) visit(reader.node);
+  };
+  const auto visit_part = [&](std::uint32_t root) {
     std::size_t at = order.size();
     visit(root);
     for (; at < order.size(); ++at) {
-      const auto visit_link = [&](LinkId link) {
-        visit(rule.links[link].writer);
-        for (const LinkReader& reader : rule.links[link].readers) visit(reader.node);
-      };
       const PatternNode& node = rule.nodes[order[at]];
       visit_link(node.output);
       for (const LinkUse& use : node.inputs) visit_link(use.link);
     }
-  }
+  };
+  visit_part(first);
+  for (std::uint32_t root = 0; root < rule.nodes.size(); ++root) visit_part(root);
   return order;
 }
 
@@ -41,7 +49,6 @@ class MissFinder {
   MissFinder(const GraphTable& table, const Rule& rule)
       : table_(table),
         rule_(rule),
-        order_(connected_order(rule)),
         node_of_(rule.nodes.size(), no_index),
         name_of_(rule.links.size(), no_name),
         cycle_check_(table, rule) {}
@@ -51,18 +58,33 @@ class MissFinder {
       if (graph_has(rule_.nodes[role].op)) continue;
       return NearestMiss{.role = role, .reason = Reason::missing_operator};
     }
+    order_ = connected_order(rule_, 0);
     if (attempt(0)) return std::nullopt;
     return best_;
   }
 
+  /// The same from one node on; only to be asked where no assignment has `node` in that role.
+  NearestMiss run_from(std::uint32_t role, NodeIndex node) {
+    order_ = connected_order(rule_, role);
+    best_ = {};
+    noted_ = false;
+    steps_ = step_limit - node_step_limit;
+    start_ = node;
+    attempt(0);
+    if (best_.reason == Reason::wrong_operator && best_.candidate == no_index) best_.reason = Reason::missing_operator;
+    return best_;
+  }
+
  private:
-  [[nodiscard]] bool graph_has(const std::string& op) const {
-    const std::optional<NameId> id = table_.ops.find(op);
-    if (!id) return false;
-    for (NodeIndex node = 0; node < table_.original_count(); ++node) {
-      if (table_.op(node) == *id) return true;
+  [[nodiscard]] bool graph_has(const std::string& op) { return !nodes_of(op).empty(); }
+
+  std::span<const NodeIndex> nodes_of(const std::string& op) {
+    if (by_op_.empty()) {
+      by_op_.resize(table_.ops.size());
+      for (NodeIndex node = 0; node < table_.original_count(); ++node) by_op_[table_.op(node)].push_back(node);
     }
-    return false;
+    const std::optional<NameId> id = table_.ops.find(op);
+    return id && *id < by_op_.size() ? std::span<const NodeIndex>(by_op_[*id]) : std::span<const NodeIndex>();
   }
 
   /// Tries to match the pattern nodes from order_[depth] on; true if an assignment fits.
@@ -75,11 +97,9 @@ class MissFinder {
     const std::uint32_t role = order_[depth];
     bool tried = false;
     LocalResult none_found{Reason::wrong_operator};
-    for (const NodeIndex node : candidates(role, none_found)) {
+    NodeIndex single = no_index;
+    for (const NodeIndex node : candidates(depth, single, none_found)) {
       if (++steps_ > step_limit) return false;
-      if (none_found.reason == Reason::wrong_operator && table_.ops.text(table_.op(node)) != rule_.nodes[role].op) {
-        continue;
-      }
       tried = true;
       const LocalResult result = judge(role, node);
       if (result.reason != Reason::none) {
@@ -97,25 +117,26 @@ class MissFinder {
     return false;
   }
 
-  /// Nodes to try for `role`: over a tensor bound already, else all. `none_found` says what it means if
-  /// there is none.
-  std::vector<NodeIndex> candidates(std::uint32_t role, LocalResult& none_found) const {
-    const PatternNode& pattern = rule_.nodes[role];
+  /// Nodes to try for the pattern node at `depth`: the one to start from, else over a tensor bound already, else all of
+  /// the operator. `none_found` says what it means if there is none; a lone node is put into `single`.
+  std::span<const NodeIndex> candidates(std::size_t depth, NodeIndex& single, LocalResult& none_found) {
+    const PatternNode& pattern = rule_.nodes[order_[depth]];
+    if (depth == 0 && start_ != no_index) {
+      single = start_;
+      return {&single, 1};
+    }
     if (const NameId name = name_of_[pattern.output]; name != no_name) {
       none_found = {Reason::no_producer, 0, name};
-      const NodeIndex producer = table_.producer(name);
-      return producer == no_index ? std::vector<NodeIndex>{} : std::vector{producer};
+      single = table_.producer(name);
+      return {&single, single == no_index ? 0U : 1U};
     }
     for (std::uint32_t slot = 0; slot < pattern.inputs.size(); ++slot) {
       const NameId name = name_of_[pattern.inputs[slot].link];
       if (name == no_name) continue;
       none_found = {Reason::no_reader, slot, name};
-      const auto readers = table_.readers(name);
-      return {readers.begin(), readers.end()};
+      return table_.readers(name);
     }
-    std::vector<NodeIndex> all(table_.original_count());
-    for (NodeIndex node = 0; node < all.size(); ++node) all[node] = node;
-    return all;
+    return nodes_of(pattern.op);
   }
 
   [[nodiscard]] LocalResult judge(std::uint32_t role, NodeIndex node) const {
@@ -201,6 +222,8 @@ class MissFinder {
   std::vector<NodeIndex> node_of_;
   std::vector<NameId> name_of_;
   CycleCheck cycle_check_;
+  std::vector<std::vector<NodeIndex>> by_op_;
+  NodeIndex start_ = no_index;  // the only candidate of the first pattern node, if there is one
   NearestMiss best_;
   bool noted_ = false;
   std::size_t steps_ = 0;
@@ -211,5 +234,28 @@ class MissFinder {
 std::optional<NearestMiss> find_nearest_miss(const GraphTable& table, const Rule& rule) {
   return MissFinder(table, rule).run();
 }
+
+struct NodeTrace::Parts {
+  Parts(const GraphTable& table, const Rule& rule)
+      : finder(table, rule),
+        candidates(table, rule),
+        claims(table.original_count()),
+        search(table, rule, candidates, claims, refused) {}
+
+  MissFinder finder;
+  Candidates candidates;
+  Claims claims;
+  RefusedSet refused;
+  Search search;
+};
+
+NodeTrace::NodeTrace(const GraphTable& table, const Rule& rule) : parts_(std::make_unique<Parts>(table, rule)) {}
+NodeTrace::~NodeTrace() = default;
+
+std::vector<NodeIndex> NodeTrace::assignment(std::uint32_t role, NodeIndex node) {
+  return parts_->search.first_with(role, node);
+}
+
+NearestMiss NodeTrace::miss(std::uint32_t role, NodeIndex node) { return parts_->finder.run_from(role, node); }
 
 }  // namespace onnxgraft::core

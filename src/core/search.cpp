@@ -19,6 +19,28 @@ OccurrenceList Search::run() {
   OccurrenceList found(rule_);
   if (!candidates_.possible()) return found;
   push_frame(0);
+  while (next_assignment()) accept(found);
+  return found;
+}
+
+std::vector<NodeIndex> Search::first_with(std::uint32_t role, NodeIndex node) {
+  if (!candidates_.possible() || !candidates_.contains(role, node)) return {};
+  frames_.push_back({.role = role,
+                     .range = {},
+                     .explicit_nodes = {node},
+                     .is_explicit = true,
+                     .position = 0,
+                     .role_mark = 0,
+                     .link_mark = 0});
+  std::vector<NodeIndex> found;
+  if (next_assignment()) found = node_of_;
+  frames_.clear();
+  undo(0, 0);
+  return found;
+}
+
+/// Goes on to the next complete assignment and leaves it bound; false after the last one.
+bool Search::next_assignment() {
   while (!frames_.empty()) {
     work_.step();
     Frame& frame = frames_.back();
@@ -36,10 +58,10 @@ OccurrenceList Search::run() {
     } else if (refused_.contains(rule_, node_of_)) {
       leave_refused();
     } else if (!cycle_check_.needed() || !cycle_check_.closes_cycle(node_of_, name_of_)) {
-      accept(found);
+      return true;
     }
   }
-  return found;
+  return false;
 }
 
 std::uint32_t Search::lowest_open_role() const {

@@ -24,6 +24,9 @@ class Search {
   /// All occurrences that the claims still allow, in order; claims their nodes.
   OccurrenceList run();
 
+  /// The first assignment in which `node` plays `role`; empty if there is none. It claims nothing.
+  std::vector<NodeIndex> first_with(std::uint32_t role, NodeIndex node);
+
  private:
   /// One choice: the candidates left for one pattern node.
   struct Frame {
@@ -37,6 +40,7 @@ class Search {
     RefusedChoices::Prefix prefix;  // the choices before this one
   };
 
+  bool next_assignment();
   void push_frame(std::uint32_t role);
   NodeIndex next_candidate(Frame& frame);
   std::size_t skip_unusable(Candidates::Range range, std::size_t position, const PatternNode& role);

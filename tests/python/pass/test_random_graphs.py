@@ -23,7 +23,7 @@ from helpers.graphs import random_graph
 from helpers.pairs import random_pair
 from helpers.small_graphs import graph_of
 from onnxgraft import catalogue
-from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences, nearest_miss
+from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences, nearest_miss, trace_nodes
 from onnxgraft.catalogue.notation import read_pair
 from onnxgraft.graph.names import all_names, reads
 from onnxgraft.selfcheck.soundness import problems
@@ -134,6 +134,25 @@ def _acyclic(graph: GraphProto) -> bool:
     return True
 
 
+def check_traces(graph: GraphProto, pattern: list[str], replacement: list[str], head: str) -> None:
+    """A node has a place in the pattern just if some assignment has it there."""
+    assignments = {found.nodes for found in all_assignments(Table(graph), parse_pair(pattern, replacement))}
+    places = {(node, role) for nodes in assignments for role, node in enumerate(nodes)}
+    traces = trace_nodes(graph, [(pattern, replacement)], range(len(graph.node)))
+    fitting = {(one["node"], one["pattern_node"]) for one in traces if one["occurrence"] is not None}
+    assert fitting == places, f"{head}places of single nodes"
+    for one in traces:
+        if (found := one["occurrence"]) is not None:
+            assert tuple(found) in assignments, head
+            assert found[one["pattern_node"]] == one["node"], head
+            continue
+        miss = one["miss"]
+        assert miss is not None
+        # The walk ends at something that is wrong, before all pattern nodes have found theirs or at a cycle.
+        assert miss["reason"] != "none", f"{head}{one}"
+        assert miss["matched"] < len(pattern) or miss["reason"] == "closes_cycle", f"{head}{one}"
+
+
 def check(seed: int) -> tuple[int, int]:
     """One random graph; the numbers of calls and of accepted occurrences."""
     return check_drawn(random.Random(seed), f"seed {seed} ")
@@ -150,6 +169,7 @@ def check_drawn(rng: random.Random, head: str = "") -> tuple[int, int]:
     graphs = [GraphProto.FromString(before.SerializeToString()) for _ in range(2)]
     head += f"{policy}\npattern {pattern}\nreplacement {replacement}\n{to_text(before)}\n"
 
+    check_traces(before, pattern, replacement, head)
     expected = Pass(graphs[0], pattern, replacement)
     expected_result = _run(lambda: expected.run(sides[0]))
     assert (nearest_miss(before, pattern, replacement) is None) == bool(sides[0].calls), f"{head}why nothing matched"
@@ -219,6 +239,7 @@ def test_small_patterns_on_small_graphs(block: int) -> None:
         expected = [list(chosen.nodes) for chosen in choose(pair, all_assignments(Table(graph), pair), [])]
         assert matches == expected, f"seed {seed}: {pattern} {replacement} {to_text(graph)}"
         assert (nearest_miss(graph, pattern, replacement) is None) == bool(matches), f"seed {seed}"
+        check_traces(graph, pattern, replacement, f"seed {seed}: {pattern} {replacement} {to_text(graph)}")
         found, tried = found + len(matches), tried + 1
     assert found > tried / 50
 

@@ -17,7 +17,7 @@ from helpers.classes import CLASSES, apply, class_graph
 from helpers.failing import Uses
 from helpers.small_graphs import SWAP, conv_relus
 from onnxgraft import quant
-from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences, nearest_miss
+from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences, nearest_miss, trace_nodes
 from onnxgraft.transform_utilities import external_data_folder, get_init
 
 REPEATS = 25
@@ -106,6 +106,7 @@ ENTRIES: dict[str, Callable[[], object]] = {
     "no list of nodes": lambda: find(None, *SWAP),
     "default callback": lambda: AbstractTransformation()._replace_all_isomorphic_sub_graphs(conv_relus(), *SWAP),
     "find": lambda: find(conv_relus(), *SWAP),
+    "trace": lambda: trace_nodes(conv_relus(), [(["Conv:0,1i->2", "Neg:2->3"], SWAP[1]), SWAP], range(4)),
     "miss": lambda: nearest_miss(conv_relus(), ["Conv:0,1i->2", "Neg:2->3"], SWAP[1]),
     "too few": lambda: find(conv_relus()),
     "unknown keyword": lambda: find(conv_relus(), *SWAP, other=1),
