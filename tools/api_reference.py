@@ -44,6 +44,7 @@ SECTIONS: tuple[tuple[str, str, tuple[str, ...]], ...] = (
         "onnxgraft.calibration",
         ("read_calibration", "merged", "model_fingerprint", "Range", "WeightNumbers"),
     ),
+    ("Filling", "onnxgraft.filling", ("Filling", "FillingResult", "FilledOperator", "LeftFloat")),
     (
         "Models that another tool has quantized",
         "onnxgraft.quantized_models",
