@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import math
 from collections.abc import Iterable, Mapping
 from itertools import islice
 from typing import Any
@@ -11,6 +12,7 @@ import numpy.typing as npt
 import onnx
 from onnx import TensorProto, numpy_helper
 from onnx.checker import ValidationError
+from onnx.external_data_helper import load_external_data_for_tensor, uses_external_data
 
 from onnxgraft.errors import EvaluationError
 from onnxgraft.evaluation.operator_formulas import label
@@ -19,6 +21,7 @@ from onnxgraft.graph.bodies import with_bodies
 Array = npt.NDArray[Any]
 
 OWN_OPERATORS = ("TesselQuant", "TesselDequant")
+_LARGEST_SHAPE = 1024  # elements
 _OLDEST_OPERATOR_SET = 11  # of Round and of Clip with bounds as inputs
 
 
@@ -36,6 +39,16 @@ def check(graph: onnx.GraphProto, opsets: Mapping[str, int]) -> None:
         for node in body.node:
             if node.op_type in OWN_OPERATORS:
                 raise EvaluationError(f"{label(node)} is inside a nested body, where it cannot be evaluated")
+
+
+def take_in_small_tensors(graph: onnx.GraphProto, folder: str) -> None:
+    """Brings shapes, axes and bounds from their files into the graph: onnxruntime does not look for them elsewhere."""
+    for tensor in graph.initializer:
+        if uses_external_data(tensor) and math.prod(tensor.dims) <= _LARGEST_SHAPE:
+            values_of(tensor, folder)  # says what is wrong with a file
+            load_external_data_for_tensor(tensor, folder)
+            tensor.data_location = TensorProto.DEFAULT
+            del tensor.external_data[:]
 
 
 def drop_unread(graph: onnx.GraphProto, names: Iterable[str]) -> None:

@@ -24,7 +24,7 @@ from onnx import TensorProto, numpy_helper
 
 from onnxgraft.errors import EvaluationError
 from onnxgraft.evaluation.convention import Convention
-from onnxgraft.evaluation.lowered_graph import check, drop_unread, values_of, versions
+from onnxgraft.evaluation.lowered_graph import check, drop_unread, take_in_small_tensors, values_of, versions
 from onnxgraft.evaluation.node_writer import NodeWriter
 from onnxgraft.evaluation.operator_formulas import (
     label,
@@ -76,6 +76,7 @@ class _Lowering:
 
     def run(self) -> onnx.ModelProto:
         check(self._graph, self._opsets)
+        take_in_small_tensors(self._graph, self._folder)
         quantized = quantized_values.find(self._graph, self._opsets)
         types = TensorTypes(self._graph, self._opsets, self._at_hand)
         for index, node in enumerate(self._graph.node):

@@ -21,7 +21,14 @@ import onnx
 from onnx import TensorProto, helper, numpy_helper
 
 from onnxgraft.errors import EvaluationError
-from onnxgraft.evaluation.lowered_graph import OWN_OPERATORS, check, drop_unread, values_of, versions
+from onnxgraft.evaluation.lowered_graph import (
+    OWN_OPERATORS,
+    check,
+    drop_unread,
+    take_in_small_tensors,
+    values_of,
+    versions,
+)
 from onnxgraft.evaluation.node_writer import NodeWriter
 from onnxgraft.evaluation.operator_formulas import label, quantize_parameter, settle_resize, unpack_scales
 from onnxgraft.tensor_types import TensorTypes, quantized_values
@@ -60,6 +67,7 @@ class _Lowering:
         self._model, self._graph, self._folder = model, model.graph, folder
         opsets = versions(model)
         check(self._graph, opsets)
+        take_in_small_tensors(self._graph, folder)
         self._tensors = {tensor.name: tensor for tensor in reversed(self._graph.initializer)}
         self._types = TensorTypes(self._graph, opsets, lambda tensor: numpy_helper.from_array(self._array(tensor)))
         self._quantized = quantized_values.find(self._graph, opsets).tensors

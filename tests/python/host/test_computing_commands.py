@@ -11,13 +11,14 @@ from helpers.small_graphs import model_of
 from onnxgraft.cli import main
 from onnxgraft.evaluation import HARDWARE, evaluate
 
-LINES = ["TesselQuant:scale=2:offset=1 x -> q", "Conv q w -> c", "TesselDequant c s -> y"]
+LINES = ["TesselQuant:scale=2:offset=1 x -> q", "Conv q w -> c", "TesselDequant c s -> d", "Reshape d shape -> y"]
 
 
 @pytest.fixture
 def quantized(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> onnx.ModelProto:
     monkeypatch.chdir(tmp_path)
     weights = {"w": np.arange(-32, 32, dtype=np.int8).reshape(4, 4, 2, 2), "s": packed(np.full(4, 0.25, "f"))}
+    weights["shape"] = np.array([-1, 4, 4])  # in a file too, where onnxruntime does not look for it
     model = model_of(LINES, inputs={"x": ("n", 4, 3, 3)}, outputs=["y"], tensors=weights)
     onnx.save(model, "q.onnx", save_as_external_data=True, location="q.data", size_threshold=0)
     return model
