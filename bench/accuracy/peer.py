@@ -17,7 +17,6 @@ _OPERATORS = ["Conv", "Gemm", "MatMul"]
 VARIANTS: dict[str, dict[str, Any]] = {
     "ort_all": {"per_channel": True},
     "ort_same": {"per_channel": True, "op_types_to_quantize": _OPERATORS},
-    "ort_tensor": {"per_channel": False, "op_types_to_quantize": _OPERATORS},
     "ort_symmetric": {
         "per_channel": True,
         "op_types_to_quantize": _OPERATORS,
