@@ -35,7 +35,11 @@ In `onnxgraft`. Each message is one line that says what was wrong and what would
 # Heading, module, names; a name with a dot is a method that is shown too.
 SECTIONS: tuple[tuple[str, str, tuple[str, ...]], ...] = (
     ("Rewriting", "onnxgraft", ("rewrite", "prepare", "transformations", "register", "recipes")),
-    ("Looking without rewriting", "onnxgraft", ("find", "explain", "pattern_of", "check_transformation", "check_rule")),
+    (
+        "Looking without rewriting",
+        "onnxgraft",
+        ("find", "explain", "pattern_of", "check_transformation", "check_rule", "inspect"),
+    ),
     ("Rules", "onnxgraft", ("load_rule_file", "load_rules", "Rule")),
     ("Comparing models", "onnxgraft", ("verify", "diff")),
     ("Calibrating", "onnxgraft", ("calibrate", "Calibration", "Calibration.merge", "Calibration.to_json")),
@@ -55,6 +59,7 @@ SECTIONS: tuple[tuple[str, str, tuple[str, ...]], ...] = (
     ("Reports, in detail", "onnxgraft.engine", ("Occurrence", "NodeText", "PreparationStep")),
     ("Recipes", "onnxgraft.recipe_book", ("Recipe", "find_recipe", "load_recipes")),
     ("Results of looking", "onnxgraft.matching", ("Match", "Explanation", "PatternText")),
+    ("Results of inspect", "onnxgraft.inspection", ("Inspection", "RecipeScore")),
     ("Results of the self-test", "onnxgraft.selfcheck", ("CheckResult", "CheckResult.raise_if_failed")),
     ("Results of verify", "onnxgraft.verification", ("Verification", "OutputRow")),
     ("Accuracy", "onnxgraft.verification", ("measure", "Accuracy")),

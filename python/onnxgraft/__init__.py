@@ -14,6 +14,7 @@ Each name is loaded when it is first used, so that importing the package costs n
 from __future__ import annotations
 
 import importlib
+import importlib.metadata
 import logging
 from typing import TYPE_CHECKING, Any
 
@@ -33,6 +34,7 @@ if TYPE_CHECKING:
         UnknownTransformationError,
         WrongUsageError,
     )
+    from onnxgraft.inspection import Inspection, inspect
     from onnxgraft.matching import PatternText, explain, find, pattern_of
     from onnxgraft.preparation import PreparationError, prepare
     from onnxgraft.recipe_book import Recipe, RecipeFileError, UnknownRecipeError, recipes
@@ -45,6 +47,7 @@ __all__ = [
     "CalibrationError",
     "DataError",
     "HostError",
+    "Inspection",
     "ModelFileError",
     "PatternText",
     "PreparationError",
@@ -66,6 +69,7 @@ __all__ = [
     "diff",
     "explain",
     "find",
+    "inspect",
     "load_rule_file",
     "load_rules",
     "pattern_of",
@@ -94,6 +98,7 @@ _HOMES = {
         "UnknownTransformationError",
         "WrongUsageError",
     ),
+    "inspection": ("Inspection", "inspect"),
     "matching": ("PatternText", "explain", "find", "pattern_of"),
     "preparation": ("PreparationError", "prepare"),
     "recipe_book": ("Recipe", "RecipeFileError", "UnknownRecipeError", "recipes"),
@@ -108,6 +113,8 @@ _HOME_OF = {name: home for home, names in _HOMES.items() for name in names}
 
 
 def __getattr__(name: str) -> Any:
+    if name == "__version__":
+        return importlib.metadata.version("onnx-graft")
     if name not in _HOME_OF:
         raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
     value = getattr(importlib.import_module(f"{__name__}.{_HOME_OF[name]}"), name)

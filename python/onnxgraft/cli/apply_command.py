@@ -17,13 +17,18 @@ from onnxgraft.cli.fill_options import filling_of
 from onnxgraft.cli.interactive import asking
 from onnxgraft.cli.text_output import TextOutput
 from onnxgraft.engine import Report, rewrite
+from onnxgraft.errors import WrongUsageError
 from onnxgraft.io import model_files
 from onnxgraft.io.staged_files import publish
 from onnxgraft.io.weight_files import WeightFile
 
+_BEST = "auto"
+
 
 def run(options: argparse.Namespace) -> int:
     """Applies the transformations; nothing is written unless all went well."""
+    if options.recipe == _BEST:
+        _choose_recipe(options)
     names = [row.name for row in chosen.rows(options)]  # unknown names end here
     saved = None
     with ExitStack() as stack:
@@ -50,6 +55,17 @@ def run(options: argparse.Namespace) -> int:
     if page.is_wanted:
         consoles.say(f"wrote {options.report}")
     return _code(report)
+
+
+def _choose_recipe(options: argparse.Namespace) -> None:
+    """Puts the name of the best recipe in the place of "auto"."""
+    from onnxgraft.inspection import inspect  # rarely wanted  # noqa: PLC0415
+
+    scores = inspect(options.model).recipes
+    if not scores:
+        raise WrongUsageError("--recipe auto: no recipe replaces anything in this model; name one, or use -t")
+    options.recipe = scores[0].name
+    consoles.say(f"recipe: {options.recipe} (the first of {', '.join(score.name for score in scores)})")
 
 
 def _code(report: Report) -> ExitCode:
@@ -109,6 +125,7 @@ def _own_calibration(options: argparse.Namespace, model: onnx.ModelProto, folder
 def _report_text(options: argparse.Namespace, report: Report) -> str:
     if options.report.suffix.lower() == ".json":
         return report.to_json()
-    from onnxgraft.report.report_page import report_page  # only where a page is wanted  # noqa: PLC0415
+    from onnxgraft.report.report_page import MOST_CARDS, report_page  # only where a page is wanted  # noqa: PLC0415
 
-    return report_page(report)
+    most = MOST_CARDS if options.report_cards is None else options.report_cards
+    return report_page(report, most=most)

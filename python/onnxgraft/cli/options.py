@@ -153,7 +153,11 @@ def chosen_transformations() -> Parser:
         metavar="NAME",
         help="short name of a transformation (see `onnxgraft list`); may be given several times",
     )
-    choice.add_argument("--recipe", metavar="NAME", help="the transformations of a recipe (see `onnxgraft recipes`)")
+    choice.add_argument(
+        "--recipe",
+        metavar="NAME",
+        help="the transformations of a recipe (see `onnxgraft recipes`); `apply` takes auto for the best one",
+    )
     choice.add_argument(
         "--pattern", nargs="+", metavar="NODE", help='a pattern, one string a node: "Conv:0,1i,2i->3" "Relu:3->4"'
     )

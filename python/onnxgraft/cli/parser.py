@@ -111,6 +111,17 @@ def make_parser() -> argparse.ArgumentParser:
         )
     )
 
+    inspect = command(
+        "inspect",
+        "show what one wants to know first about a model, or two models beside each other",
+        options.one_model(),
+        options.as_json(),
+        epilog="The recipes are found by running each of them in memory.",
+    )
+    inspect.add_argument(
+        "after", nargs="?", type=Path, metavar="AFTER.onnx", help="a second model, to show what is different"
+    )
+    inspect.add_argument("--no-recipes", dest="recipes", action="store_false", help="do not try recipes")
     _add_calibrate_options(
         command(
             "calibrate",
@@ -346,6 +357,12 @@ def _add_calibrate_options(calibrate: argparse.ArgumentParser) -> None:
 
 
 def _add_apply_options(apply: argparse.ArgumentParser) -> None:
+    apply.add_argument(
+        "--report-cards",
+        type=whole_number(0),
+        metavar="N",
+        help="how many occurrences the report's page draws (default: 300)",
+    )
     apply.add_argument(
         "--interactive", action="store_true", help="show each occurrence and ask whether to replace it (y, n, a, q)"
     )

@@ -15,6 +15,7 @@ from onnxgraft.comparison.regions import group, neighbours
 from onnxgraft.comparison.result import GraphDiff, NodeChange, Region, RegionSide, ValueChange
 from onnxgraft.graph.name_check import check_texts
 from onnxgraft.graph.surroundings import Surroundings
+from onnxgraft.io.given import folder_of, opened_model
 from onnxgraft.report.node_texts import attribute_text, value_text
 from onnxgraft.report.records import NodeText
 
@@ -23,8 +24,8 @@ _MOST_NEIGHBOURS = 24
 
 
 def diff(
-    before: onnx.ModelProto,
-    after: onnx.ModelProto,
+    before: onnx.ModelProto | str | PathLike[str],
+    after: onnx.ModelProto | str | PathLike[str],
     *,
     folder_before: str | PathLike[str] | None = None,
     folder_after: str | PathLike[str] | None = None,
@@ -35,7 +36,7 @@ def diff(
     `Constant` nodes are compared as initializers, nested bodies as a whole.
 
     Args:
-        before: A model; it is not changed. Its external data need not be there.
+        before: A model, or the path of one; it is not changed. Its external data need not be there.
         after: Another one; likewise.
         folder_before: Where the external data of `before` is. With both folders, tensors whose bytes are there are
             compared by them, whatever the files are; others by file name, offset and length.
@@ -44,6 +45,8 @@ def diff(
     Raises:
         ModelFileError: A name in a model is not UTF-8.
     """
+    folder_before, folder_after = folder_of(before, folder_before), folder_of(after, folder_after)
+    before, after = opened_model(before), opened_model(after)
     check_texts(before, after)
     has_bytes = folder_before is not None and folder_after is not None
     folders = (Path(folder) if has_bytes and folder is not None else None for folder in (folder_before, folder_after))

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import html
 from dataclasses import dataclass, field
 
 from onnxgraft.report.records import NodeText
@@ -59,7 +60,7 @@ class Region:
         return tuple(node for node in self.after.nodes if node.index not in kept)
 
 
-@dataclass
+@dataclass(repr=False)
 class GraphDiff:
     """The result of `diff`. Printed, it is a summary."""
 
@@ -83,6 +84,16 @@ class GraphDiff:
         from onnxgraft.comparison.diff_page import diff_page  # noqa: PLC0415
 
         return diff_page(self)
+
+    def __bool__(self) -> bool:
+        return not self.is_empty
+
+    def __repr__(self) -> str:
+        changed = f"{len(self.regions)} regions, {len(self.initializers)} initializers" if self else "no difference"
+        return f"<GraphDiff: {self.nodes_before} -> {self.nodes_after} nodes, {changed}>"
+
+    def _repr_html_(self) -> str:
+        return f"<pre>{html.escape(str(self))}</pre>"
 
     def __str__(self) -> str:
         from onnxgraft.comparison.summary import summary  # noqa: PLC0415

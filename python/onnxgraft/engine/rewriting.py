@@ -7,6 +7,7 @@ import os
 from collections.abc import Callable, Iterable, Sequence
 from contextlib import AbstractContextManager, nullcontext
 from importlib.metadata import PackageNotFoundError, version
+from pathlib import Path
 from typing import TYPE_CHECKING, Any, Literal
 
 import onnx
@@ -22,6 +23,7 @@ from onnxgraft.engine.stability import Stability
 from onnxgraft.engine.stepping import Stepper
 from onnxgraft.following import Follower, Host
 from onnxgraft.graph.name_check import telling_bad_texts
+from onnxgraft.io.model_files import ModelOutput, load
 from onnxgraft.io.weight_store import WeightStore
 from onnxgraft.report.records import Report
 from onnxgraft.transform_utilities import external_data_folder
@@ -33,12 +35,15 @@ if TYPE_CHECKING:
 
 OnError = Literal["stop", "continue"]
 
+# What `rewrite` does not hand on where it works from file to file.
+_OF_FILES = ("model", "transformations", "output", "overwrite", "folder", "weight_store")
+
 _log = logging.getLogger(__name__)
 
 
 @telling_bad_texts
 def rewrite(
-    model: onnx.ModelProto | onnx.GraphProto,
+    model: onnx.ModelProto | onnx.GraphProto | str | os.PathLike[str],
     transformations: Selection,
     *,
     seed: int | None = None,
@@ -56,6 +61,8 @@ def rewrite(
     calibration: Calibration | Filling | None = None,
     exclude: Iterable[str] = (),
     only: Iterable[str] = (),
+    output: str | os.PathLike[str] | None = None,
+    overwrite: bool = False,
 ) -> Report:
     """Runs transformations over a model, in order and in place.
 
@@ -63,7 +70,7 @@ def rewrite(
     proportion to what the step touched; what a user's callback edited in the content of an initializer stays.
 
     Args:
-        model: The model, or its graph alone.
+        model: The model, or its graph alone; or the path of a model, with `output`.
         transformations: Short names, classes or instances, one or several, or a recipe or its name.
         seed: Seeds NumPy's global generator for this run, from 0 to 2**32 - 1; afterwards it is as it was. Without a
             seed the generator is used as it is. Runs in several threads take turns, so that each draws what it would
@@ -89,6 +96,9 @@ def rewrite(
         exclude: Operators that stay in float: globs over node names (a node without one goes by what it writes),
             "op:Gemm" or "input:NAME".
         only: In the same form, the operators that may be quantized; none means all.
+        output: The file to write, for a model given as a path. Weights in a data file are written to a new data file
+            beside it, and never loaded as a whole. Nothing is written if the run fails.
+        overwrite: Whether `output` may exist.
 
     Returns:
         What was done.
@@ -98,10 +108,14 @@ def rewrite(
             report of the steps before.
         UnknownTransformationError: There is no transformation of a given name.
         UnknownNameError: What `exclude` or `only` names meets no node.
+        ModelFileError: A file cannot be read or written.
         TypeError: `model` or an element of `transformations` is of another type.
         ValueError: Another argument is out of its range.
         FillingError: The model cannot be filled with the calibration; nothing but the preparation was done.
     """
+    if isinstance(model, str | os.PathLike) or output is not None:
+        options = {name: value for name, value in locals().items() if name not in _OF_FILES}
+        return _rewrite_file(model, transformations, output, overwrite=overwrite, options=options)
     graph = _graph(model)
     _check(on_error, ("stop", "continue"), "on_error")
     _check(details, ("counts", "nodes", "neighbours"), "details")
@@ -160,6 +174,29 @@ def _filling(
     return filling
 
 
+def _rewrite_file(
+    model: Any,
+    transformations: Selection,
+    output: str | os.PathLike[str] | None,
+    *,
+    overwrite: bool,
+    options: dict[str, Any],
+) -> Report:
+    """From file to file, as `onnxgraft apply` does."""
+    if not isinstance(model, str | os.PathLike):
+        raise TypeError("output= belongs to a model given as a path; save another one with onnx.save")
+    if output is None:
+        raise TypeError("a model given as a path needs output=, the file to write")
+    source = Path(model)
+    with ModelOutput(Path(output), overwrite=overwrite) as target:
+        loaded = load(source)
+        store = target.weights_for(loaded, source.parent, source)
+        report = rewrite(loaded, transformations, **(options | {"folder": store.folder, "weight_store": store}))
+        target.save(loaded, source.parent)
+    report.model = source.name
+    return report
+
+
 def _choice(graph: onnx.GraphProto, recipe: Recipe | None, exclude: Iterable[str], only: Iterable[str]) -> Choice:
     """What the caller leaves out, and what the recipe does."""
     out, into = ([one] if isinstance(one, str) else list(one) for one in (exclude, only))
@@ -171,7 +208,12 @@ def _graph(model: Any) -> onnx.GraphProto:
         return model.graph
     if isinstance(model, onnx.GraphProto):
         return model
-    raise TypeError(f"a ModelProto or a GraphProto is wanted, not {type(model).__name__}")
+    if isinstance(getattr(model, "model_proto", None), onnx.ModelProto):
+        raise TypeError(
+            f"{type(model).__name__} holds a copy of its model, in which changes would be lost: pass its "
+            "`model_proto`, and make it anew from that afterwards"
+        )
+    raise TypeError(f"a ModelProto, a GraphProto or a path is wanted, not {type(model).__name__}")
 
 
 def _check(value: str, known: Iterable[str], name: str) -> None:

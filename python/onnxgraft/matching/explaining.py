@@ -11,6 +11,7 @@ from onnxgraft.catalogue import Transformation
 from onnxgraft.catalogue.notation import read_pair
 from onnxgraft.graph.name_check import telling_bad_texts
 from onnxgraft.graph.surroundings import Surroundings
+from onnxgraft.io.given import Readable, opened
 from onnxgraft.matching import hints
 from onnxgraft.matching.subject import Lists, graph_of, subject_of
 
@@ -50,7 +51,7 @@ _WITH_INPUT = frozenset({"input_omitted", "not_initializer", "rest_not_initializ
 
 @telling_bad_texts
 def explain(
-    graph: onnx.ModelProto | onnx.GraphProto,
+    graph: Readable,
     transformation: str | type[AbstractTransformation] | AbstractTransformation | Transformation | Lists,
 ) -> list[Explanation]:
     """Tells for every pattern of a transformation how often it matches, or why it does not.
@@ -59,7 +60,7 @@ def explain(
     up in the report of a run, with the reason.
 
     Args:
-        graph: The graph, or a model for its graph.
+        graph: The graph; or a model, or the path of one, for its graph.
         transformation: A short name, a class, an instance or a row of the catalogue; a pattern, such as
             `["Conv:0,1i->2", "Relu:2->3"]`; or a pattern and its replacement, two lists.
 
@@ -70,6 +71,7 @@ def explain(
         UnknownTransformationError: No transformation has that short name.
         ValueError: A pattern or replacement of the transformation does not follow the notation.
     """
+    graph = opened(graph)
     searched, subject = graph_of(graph), subject_of(transformation)
     surroundings = Surroundings(searched)
     functions = list(graph.functions) if isinstance(graph, onnx.ModelProto) else []

@@ -4,12 +4,11 @@ from __future__ import annotations
 
 from dataclasses import dataclass
 
-import onnx
-
 from onnxgraft.abstract_transformation import AbstractTransformation, find_occurrences
 from onnxgraft.catalogue import Transformation
 from onnxgraft.graph.name_check import telling_bad_texts
 from onnxgraft.graph.surroundings import node_text
+from onnxgraft.io.given import Readable
 from onnxgraft.matching.subject import Lists, graph_of, subject_of
 
 
@@ -30,7 +29,7 @@ class Match:
 
 @telling_bad_texts
 def find(
-    graph: onnx.ModelProto | onnx.GraphProto,
+    graph: Readable,
     transformation: str | type[AbstractTransformation] | AbstractTransformation | Transformation | Lists,
 ) -> list[Match]:
     """The occurrences of every pattern of a transformation, without replacing anything.
@@ -40,7 +39,7 @@ def find(
     transformation would refuse in its callback is listed too.
 
     Args:
-        graph: The graph, or a model for its graph; nested bodies are not searched.
+        graph: The graph; or a model, or the path of one, for its graph; nested bodies are not searched.
         transformation: A short name, a class, an instance or a row of the catalogue; a pattern, such as
             `["Conv:0,1i->2", "Relu:2->3"]`; or a pattern and its replacement, two lists.
 

@@ -6,11 +6,11 @@ import difflib
 from collections.abc import Iterable, Sequence
 from dataclasses import dataclass, field
 
-import onnx
 from onnx import GraphProto, NodeProto
 
 from onnxgraft.errors import UnknownNameError, WrongUsageError
 from onnxgraft.graph.surroundings import Surroundings, node_text
+from onnxgraft.io.given import Readable
 from onnxgraft.matching.subject import graph_of
 
 
@@ -32,7 +32,7 @@ class PatternText:
 
 
 def pattern_of(
-    model: onnx.ModelProto | GraphProto,
+    model: Readable,
     nodes: Iterable[str] = (),
     *,
     start: str | None = None,
@@ -41,7 +41,7 @@ def pattern_of(
     """Writes the pattern of some nodes of a graph, in the order in which they stand there.
 
     Args:
-        model: The model, or its graph.
+        model: The model, its graph, or the path of one.
         nodes: Names of the nodes. A node without a name goes by the name of the tensor that it writes.
         start: A tensor; with `end`, the nodes on all ways from the one to the other are taken too.
         end: A tensor that is computed from `start`.

@@ -12,6 +12,7 @@ import onnx
 
 from onnxgraft.abstract_transformation import AbstractTransformation
 from onnxgraft.catalogue import Pair, Transformation, find_row, pairs_of
+from onnxgraft.io.given import Readable, opened
 
 # A pattern; or a pattern and its replacement.
 Lists: TypeAlias = "Sequence[str] | tuple[Sequence[str], Sequence[str]]"
@@ -55,13 +56,10 @@ def _pair_of_lists(lists: Sequence[Any]) -> Pair:
     return tuple(lists), tuple(f"#{number}" for number in range(len(lists)))
 
 
-def graph_of(graph: onnx.ModelProto | onnx.GraphProto) -> onnx.GraphProto:
-    """The graph of a model; a graph is returned as it is."""
-    if isinstance(graph, onnx.ModelProto):
-        return graph.graph
-    if isinstance(graph, onnx.GraphProto):
-        return graph
-    raise TypeError(f"a ModelProto or a GraphProto is wanted, not {type(graph).__name__}")
+def graph_of(graph: Readable) -> onnx.GraphProto:
+    """The graph of a model, which may be a path; a graph is returned as it is."""
+    found = opened(graph)
+    return found.graph if isinstance(found, onnx.ModelProto) else found
 
 
 def _name(instance: Any) -> str:

@@ -5,6 +5,7 @@ A report outlives its model: holding a node would keep its whole graph in memory
 
 from __future__ import annotations
 
+import html
 from collections.abc import Iterable, Mapping
 from dataclasses import dataclass, field
 from typing import TYPE_CHECKING, Any
@@ -17,6 +18,7 @@ from onnxgraft.report.filled_records import FillingResult
 from onnxgraft.report.lazy import Lazy
 from onnxgraft.report.node_texts import Kept, TensorKind, describe, keep, shape_text
 from onnxgraft.report.operator_numbers import OperatorNumbers
+from onnxgraft.texts import one_line
 
 if TYPE_CHECKING:
     from rich.table import Table
@@ -168,7 +170,7 @@ class PreparationStep:
     seconds: float = 0.0
 
 
-@dataclass
+@dataclass(repr=False)
 class Report:
     """All of a run. Printed, it is a table."""
 
@@ -215,6 +217,13 @@ class Report:
             ReportError: The text is not a report, or one of another schema version.
         """
         return report_json.loads(text, cls, SCHEMA_VERSION)
+
+    def __repr__(self) -> str:
+        name = f" of '{one_line(self.model)}'" if self.model else ""
+        return f"<Report{name}: {len(self.steps)} steps, {self.replaced} replaced, {self.refused} refused>"
+
+    def _repr_html_(self) -> str:
+        return f"<pre>{html.escape(str(self))}</pre>"
 
     def __rich__(self) -> Table:
         from onnxgraft.report import report_table  # noqa: PLC0415

@@ -62,6 +62,9 @@ class Verification:
     seed: int | None = 0  # None: the inputs were given
     runs: int = 1
 
+    def __bool__(self) -> bool:
+        return self.passed
+
     @property
     def differs(self) -> bool:
         """Whether a difference was found. If not, and it did not pass, outputs without any finite element are why."""

@@ -12,6 +12,7 @@ import onnx
 from onnxgraft.errors import VerificationError
 from onnxgraft.evaluation import HARDWARE, Convention, EvaluationError
 from onnxgraft.graph.name_check import check_texts
+from onnxgraft.io.given import folder_of, opened_model
 from onnxgraft.samples.random_values import given_values, inputs_of, random_values
 from onnxgraft.verification import interface, notes
 from onnxgraft.verification.comparing import compare, worst
@@ -21,8 +22,8 @@ from onnxgraft.verification.result import OutputRow, Verification
 
 
 def verify(
-    before: onnx.ModelProto,
-    after: onnx.ModelProto,
+    before: onnx.ModelProto | str | PathLike[str],
+    after: onnx.ModelProto | str | PathLike[str],
     *,
     seed: int = 0,
     sizes: Mapping[str, int] | None = None,
@@ -38,7 +39,7 @@ def verify(
     Integers have to be equal, floating-point numbers within `tolerance` times the largest absolute value of the output.
 
     Args:
-        before: The model to compare with; it is not changed.
+        before: The model to compare with, or its path; it is not changed.
         after: What was made of it; it is not changed.
         seed: Of the inputs of the first run; run k takes `seed + k`.
         sizes: Sizes of symbolic dimensions by name, or of any unknown one as "input[axis]". Without: what a weight
@@ -61,6 +62,8 @@ def verify(
         VerificationError: No inputs can be made, or a wrong argument.
         EvaluationError: A model cannot be computed; the message says which one and where.
     """
+    folder_before, folder_after = folder_of(before, folder_before), folder_of(after, folder_after)
+    before, after = opened_model(before), opened_model(after)
     check_texts(before, after)
     if runs < 1:
         raise VerificationError(f"runs has to be 1 or more, not {runs}")

@@ -11,7 +11,7 @@ from onnx import GraphProto, TensorProto, helper, numpy_helper
 from helpers.small_graphs import graph_of
 from onnxgraft.abstract_transformation import AbstractTransformation, nearest_miss
 from onnxgraft.catalogue import find_row
-from onnxgraft.errors import UnknownTransformationError
+from onnxgraft.errors import ModelFileError, UnknownTransformationError
 from onnxgraft.matching import explain, find
 
 CONV = ["Conv:0,1i->2"]
@@ -164,7 +164,8 @@ def test_find_and_explain_take_models_graphs_names_classes_rows(repository: Path
     [
         (GraphProto(), "quant_con", UnknownTransformationError),
         (GraphProto(), 3, TypeError),
-        ("model.onnx", "quant_conv", TypeError),
+        ("none.onnx", "quant_conv", ModelFileError),
+        (3, "quant_conv", TypeError),
         (GraphProto(), Own((["Relu 0->1"], [])), ValueError),
     ],
 )
