@@ -27,6 +27,7 @@ Progress = Callable[[str], object]
 # So many samples are tried on; mean errors are those of all samples.
 _TRIED = 8
 _LEAST_NOISE = 1e-15  # less is the rounding of floats, and 0 has no logarithm
+_LEAST_GAIN = 0.005  # of the noise; what makes less is not worth a float operator
 _OLDEST_OPERATOR_SET = 11  # of Round, and of Clip with bounds as inputs
 
 
@@ -98,14 +99,16 @@ def choose(
     trials = _Trials(model, simulations, tried, folder)
     everything = frozenset(operator.output for operator in operators)
     choice.decibels["all operators quantized"] = in_decibels(trials.noise(everything))
-    if float_share:
-        choice.left_float = _left_float(trials, operators, float_share, tell)
-    rest = everything - choice.left_float.keys()
-    if choice.left_float:
-        choice.decibels[f"{len(choice.left_float)} operators left float"] = in_decibels(trials.noise(rest))
-    corrections = {name: values for name, values in corrections.items() if name in rest}
     if corrections:
-        choice.corrections = _helpful(trials, rest, corrections, choice.decibels, tell, always=correct is True)
+        choice.corrections = _helpful(trials, everything, corrections, choice.decibels, tell, always=correct is True)
+    if float_share:
+        choice.left_float = _left_float(trials, operators, float_share, choice.corrections, tell)
+    if choice.left_float:
+        for output in choice.left_float:
+            choice.corrections.pop(output, None)
+        rest = everything - choice.left_float.keys()
+        said = f"{len(choice.left_float)} operators left float"
+        choice.decibels[said] = in_decibels(trials.noise(rest, choice.corrections))
     return choice
 
 
@@ -223,7 +226,9 @@ def _energy(values: Array) -> float:
     return float(np.square(values, dtype=np.float64).sum())
 
 
-def _left_float(trials: _Trials, operators: Sequence[Quantizable], share: float, tell: Progress) -> dict[str, str]:
+def _left_float(
+    trials: _Trials, operators: Sequence[Quantizable], share: float, corrections: Mapping[str, Array], tell: Progress
+) -> dict[str, str]:
     """The operators to leave float: of two rankings that within the share of multiply-adds which gives less noise.
 
     Once each operator is quantized alone, once each is the only one that is not. What an operator costs by itself and
@@ -233,16 +238,16 @@ def _left_float(trials: _Trials, operators: Sequence[Quantizable], share: float,
     total = sum(costs.values())
     room = share * total
     everything = frozenset(costs)
-    baseline = trials.noise(everything)
+    baseline = trials.noise(everything, corrections)
     fitting = [operator for operator in operators if costs[operator.output] <= room]
     gains: list[dict[str, float]] = [{}, {}]
     for number, operator in enumerate(fitting, 1):
         tell(f"trying operator {number} of {len(fitting)}")
         output = operator.output
-        gains[0][output] = trials.noise(frozenset({output}))
-        gains[1][output] = baseline - trials.noise(everything - {output})
-    chosen = [_within(room, costs, gain) for gain in gains]
-    noises = [trials.noise(everything - one) for one in chosen]
+        gains[0][output] = trials.noise(frozenset({output}), corrections)
+        gains[1][output] = baseline - trials.noise(everything - {output}, corrections)
+    chosen = [_within(room, costs, gain, least=_LEAST_GAIN * baseline) for gain in gains]
+    noises = [trials.noise(everything - one, corrections) for one in chosen]
     best = min(range(len(chosen)), key=lambda k: noises[k])
     if noises[best] >= baseline:
         return {}
@@ -254,11 +259,11 @@ def _left_float(trials: _Trials, operators: Sequence[Quantizable], share: float,
     }
 
 
-def _within(room: float, costs: Mapping[str, int], gains: Mapping[str, float]) -> frozenset[str]:
+def _within(room: float, costs: Mapping[str, int], gains: Mapping[str, float], *, least: float) -> frozenset[str]:
     """Those that gain most for their cost, as long as there is room."""
     chosen = set()
     for output in sorted(gains, key=lambda name: gains[name] / max(costs[name], 1), reverse=True):
-        if gains[output] > 0 and costs[output] <= room:
+        if gains[output] > least and costs[output] <= room:
             room -= costs[output]
             chosen.add(output)
     return frozenset(chosen)
