@@ -19,7 +19,7 @@ Nodes readers(const GraphTable& table, const char* name) {
 
 TEST(GraphTable, KnowsWritersAndReaders) {
   GraphTable table = make_graph("init w,v; A x,x,w -> a,b; B a,,b -> a; If c -> d reads a,x; output d,a");
-  const auto id = [&](const char* name) { return *table.names.find(name); };
+  const auto id = [&](const char* name) { return table.names.intern(name); };
   EXPECT_EQ(readers(table, "x"), Nodes{0});
   EXPECT_EQ(readers(table, "a"), Nodes{1});
   EXPECT_EQ(readers(table, "b"), Nodes{1});
@@ -46,7 +46,7 @@ TEST(GraphTable, IsListedAnew) {
   EXPECT_EQ(node_line(table, 1), "p: A x -> a");
   EXPECT_EQ(readers(table, "b"), Nodes{0});
   EXPECT_EQ(readers(table, "a"), Nodes{});
-  const std::vector<NameId> others{*table.names.find("q")};
+  const std::vector<NameId> others{table.names.intern("q")};
   table.vacate_all_but(others);
   Texts vacant;
   for (NameId name = 1; name < table.names.size(); ++name) {
