@@ -41,7 +41,8 @@ def _random_weights(before: Outline, after: Outline) -> str | None:
     more = f" and {len(new) - _EXAMPLES} more" if len(new) > _EXAMPLES else ""
     return (
         f"the model after has INT8 weights where the one before has none ({', '.join(new[:_EXAMPLES])}{more}): the "
-        "weights were drawn at random: outputs cannot agree; compare the quantized model with what was made of it"
+        "weights were drawn at random, or rounded to 8 bits if it was filled from a calibration: then `--sqnr` says "
+        "how close it is"
     )
 
 
