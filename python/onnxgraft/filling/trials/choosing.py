@@ -27,7 +27,7 @@ Progress = Callable[[str], object]
 # So many samples are tried on; mean errors are those of all samples.
 _TRIED = 8
 _LEAST_NOISE = 1e-15  # less is the rounding of floats, and 0 has no logarithm
-_LEAST_GAIN = 0.005  # of the noise; what makes less is not worth a float operator
+_LEAST_GAIN = 0.0005  # of the noise with all quantized; what makes less is not worth a float operator
 _OLDEST_OPERATOR_SET = 11  # of Round, and of Clip with bounds as inputs
 
 
