@@ -15,11 +15,23 @@ class Sizes:
     per_transformation: tuple[int, int] = (1_000, 10_000)
     looks: int = 400
     without: int = 30_000  # nodes of a graph without occurrences
+    subclass: int = 4_000
+    details: int = 3_000
+    processes: int = 10
     rounds: int = 7
     patience: float = 15.0  # seconds; no further round begins after that
     longest: float = 30.0  # seconds; work that would take longer is not begun
 
 
 TINY = Sizes(
-    chains=(5, 10, 20), resnet_width=4, bert_layers=1, per_transformation=(3, 6), looks=4, without=50, rounds=1
+    chains=(5, 10, 20),
+    resnet_width=4,
+    bert_layers=1,
+    per_transformation=(3, 6),
+    looks=4,
+    without=50,
+    subclass=5,
+    details=5,
+    processes=1,
+    rounds=1,
 )

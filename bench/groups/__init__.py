@@ -13,6 +13,8 @@ Group = Callable[[Sizes], Iterator[Figure | Contest]]
 # Name: module and what it answers.
 GROUPS = {
     "floors": ("against_floors", "What the library adds to what nobody can leave out"),
+    "cold": ("cold", "The first rewrite of a fresh process"),
+    "road": ("one_road", "Subclasses and reports beside the bare class"),
     "peers": ("against_peers", "The same rewrites by other tools"),
     "growth": ("growth", "Ten times as many occurrences"),
     "memory": ("memory", "Peak memory over the model and its new tensors"),

@@ -71,7 +71,7 @@ struct FunctionRow {
   /// What it changes behind the back of a session (see session.h); functions that may change anything have none.
   Changes changes = Changes::anything;
   /// Methods of `self` that it calls: whoever overrides one withdraws the promise.
-  std::span<const char* const> calls = {};
+  std::span<const char* const> calls;
   /// It calls the method of its own name that `super()` finds, and promises no more than that one does.
   bool calls_inherited = false;
   /// What the calls of a session share; null if they share nothing.

@@ -14,7 +14,7 @@ from bench.program import run
 from bench.sizes import TINY
 from bench.workloads import chain_model, copy_of
 
-FIGURES = {"floors": 7, "peers": 0, "growth": 7, "models": 2}
+FIGURES = {"floors": 7, "cold": 3, "road": 3, "peers": 0, "growth": 7, "models": 2}
 
 
 def test_a_tiny_run_fills_the_page(tmp_path: Path, repository: Path, monkeypatch: pytest.MonkeyPatch) -> None:
