@@ -34,8 +34,9 @@ if TYPE_CHECKING:
         UnknownTransformationError,
         WrongUsageError,
     )
+    from onnxgraft.explaining import explain
     from onnxgraft.inspection import Inspection, inspect
-    from onnxgraft.matching import PatternText, explain, find, pattern_of
+    from onnxgraft.matching import PatternText, find, pattern_of
     from onnxgraft.preparation import PreparationError, prepare
     from onnxgraft.recipe_book import Recipe, RecipeFileError, UnknownRecipeError, recipes
     from onnxgraft.rules import Rule, RuleFileError, load_rules
@@ -98,8 +99,9 @@ _HOMES = {
         "UnknownTransformationError",
         "WrongUsageError",
     ),
+    "explaining": ("explain",),
     "inspection": ("Inspection", "inspect"),
-    "matching": ("PatternText", "explain", "find", "pattern_of"),
+    "matching": ("PatternText", "find", "pattern_of"),
     "preparation": ("PreparationError", "prepare"),
     "recipe_book": ("Recipe", "RecipeFileError", "UnknownRecipeError", "recipes"),
     "rules": ("Rule", "RuleFileError", "load_rules"),

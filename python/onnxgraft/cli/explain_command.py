@@ -15,8 +15,12 @@ import onnx
 from onnxgraft.catalogue import Transformation
 from onnxgraft.cli import chosen, consoles, found_model, json_output
 from onnxgraft.engine import rewrite
-from onnxgraft.matching import Explanation, explain
+from onnxgraft.errors import WrongUsageError
+from onnxgraft.explaining import NodeExplanation, explain, explain_in_turn
+from onnxgraft.matching import Explanation
 from onnxgraft.texts import one_line
+
+_BEST = 3  # answers shown for a node
 
 
 @dataclass(frozen=True)
@@ -30,8 +34,14 @@ class _Turn:
 
 def run(options: argparse.Namespace) -> int:
     """Shows for each pattern how far the best attempt got and what stopped it, and why matches were refused."""
+    if not (options.node or options.transformation or options.recipe or options.pattern):
+        raise WrongUsageError("what to explain is missing: -t, --recipe or --pattern, or --node for single nodes")
+    if options.all and not options.node:
+        raise WrongUsageError("--all belongs to --node")
     rows = chosen.rows(options)
     model = found_model.read(options)
+    if options.node:
+        return _explain_nodes(model, rows, options)
     turns = [_take(model, row, options) for row in rows]
     if options.json:
         json_output.show(turns)
@@ -44,6 +54,37 @@ def run(options: argparse.Namespace) -> int:
         if turn.error is not None:
             consoles.say(f"  fails: {one_line(turn.error)}")
     return 0
+
+
+def _explain_nodes(model: onnx.ModelProto, rows: list[Transformation], options: argparse.Namespace) -> int:
+    best, folder = None if options.all else _BEST, options.model.parent
+    if rows:
+        nodes = explain_in_turn(model, rows, options.node, best=best, folder=folder)
+    else:
+        nodes = explain(model, node=options.node, best=best, folder=folder)
+    if options.json:
+        json_output.show(nodes)
+        return 0
+    for node in nodes:
+        consoles.say(_node_text(node))
+    return 0
+
+
+def _node_text(node: NodeExplanation) -> str:
+    lines = [f"{one_line(node.label)}, node {node.node}:"]
+    if node.in_float is not None:
+        lines.append(f"  stays in float: {one_line(node.in_float)}")
+    if not node.answers:
+        lines.append(f"  no pattern that was asked about has an operator {one_line(node.op_type)}")
+    for answer in node.answers:
+        lines.append(f"  {answer.transformation}, pattern {answer.pattern_index} {list(answer.pattern)}:")
+        place = f"as node {answer.pattern_node} of it: " if len(answer.pattern) > 1 else ""
+        lines.append(f"    {place}{one_line(answer.text)}")
+        if answer.hint:
+            lines.append(f"    hint: {one_line(answer.hint)}")
+    if node.left_out:
+        lines.append(f"  {node.left_out} more: --all")
+    return "\n".join(lines)
 
 
 def _take(model: onnx.ModelProto, row: Transformation, options: argparse.Namespace) -> _Turn:

@@ -141,10 +141,10 @@ def two_models() -> Parser:
     return group
 
 
-def chosen_transformations() -> Parser:
+def chosen_transformations(*, required: bool = True) -> Parser:
     """Which transformations, in which form of the model."""
     group = _group()
-    choice = group.add_mutually_exclusive_group(required=True)
+    choice = group.add_mutually_exclusive_group(required=required)
     choice.add_argument(
         "-t",
         "--transformation",

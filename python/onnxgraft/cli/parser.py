@@ -83,16 +83,25 @@ def make_parser() -> argparse.ArgumentParser:
     )
     find.add_argument("--count", action="store_true", help="print the number of matches only")
     find.add_argument("--fail-if-none", action="store_true", help="end with code 4 if nothing matches")
-    command(
+    explain = command(
         "explain",
-        "say why patterns do not match, or matches are refused",
+        "say why patterns do not match, or matches are refused; with --node, what became of single nodes",
         options.one_model(),
-        options.chosen_transformations(),
+        options.chosen_transformations(required=False),
         options.as_json(),
         code,
         recipes,
-        epilog="Each transformation is looked for in what the ones before leave; nothing is written.",
+        epilog="Each transformation is looked for in what the ones before leave; nothing is written. With --node alone"
+        " all of the catalogue are asked, each on the prepared model.",
     )
+    explain.add_argument(
+        "--node",
+        action="append",
+        default=[],
+        metavar="NAME",
+        help="ask about this node, or the node that writes this tensor; a glob; may be given several times",
+    )
+    explain.add_argument("--all", action="store_true", help="with --node: show all answers, not the nearest three")
     _add_apply_options(
         command(
             "apply",

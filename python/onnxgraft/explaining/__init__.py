@@ -1,0 +1,6 @@
+"""Why something was not replaced: for patterns over the whole graph, and for single nodes."""
+
+from onnxgraft.explaining.asking import explain, explain_in_turn
+from onnxgraft.explaining.node_answers import NodeAnswer, NodeExplanation
+
+__all__ = ["NodeAnswer", "NodeExplanation", "explain", "explain_in_turn"]

@@ -1,0 +1,76 @@
+"""A nearest miss in a sentence with the names of nodes: one form for each reason."""
+
+from __future__ import annotations
+
+from collections.abc import Callable, Mapping
+
+from onnx import NodeProto
+
+from onnxgraft.matching.hints import Miss
+
+# {node}: the node tried, {input}: "input 1 'w'", {source}: where that comes from, {op}: the operator wanted.
+_FORMS: Mapping[str, str] = {
+    "missing_operator": "the graph has no {op}",
+    "wrong_operator": "{node} stands where the pattern wants a {op}",
+    "output_count": "{node} has several outputs, the pattern wants one",
+    "second_producer": "an earlier node writes '{tensor}' too",
+    "input_count": "{node} has {inputs}, the pattern wants {wanted}",
+    "input_omitted": "input {slot} of {node} is left out, the pattern wants a tensor",
+    "not_initializer": "{input} of {node} {source}, the pattern wants an initializer",
+    "rest_not_initializer": "{input} of {node} {source}, the pattern wants initializers from there on",
+    "different_tensors": "input {slot} of {node} is not '{tensor}', as the pattern wants",
+    "other_position": "{node} reads '{tensor}', but not as input {slot}",
+    "graph_output": "'{tensor}' is an output of the graph, and the replacement takes it away",
+    "read_by_body": "'{tensor}' is read inside a nested graph, and the replacement takes it away",
+    "read_elsewhere": "'{tensor}' is also read by {reader}, and the replacement takes it away",
+    "too_few_readers": "'{tensor}' has fewer readers than the pattern wants",
+    "same_tensor": "'{tensor}' would stand for two ids of the pattern, and the replacement takes it away",
+    "node_used_twice": "{node} is another node of the pattern already",
+    "no_producer": "'{tensor}' {source}, the pattern wants the output of a {op}",
+    "no_reader": "nothing reads '{tensor}', the pattern wants a {op} there",
+    "closes_cycle": "all nodes fit, but the replacement would close a cycle",
+}
+
+
+def label(node: NodeProto) -> str:
+    """Operator and name, or what it writes if it has no name."""
+    return f"{node.op_type} '{node.name}'" if node.name else f"{node.op_type} (writes '{next(iter(node.output), '')}')"
+
+
+def sentence(miss: Miss) -> str:
+    """How far the attempt got, and what ended it."""
+    around = miss.around
+    words: Mapping[str, Callable[[], str]] = {
+        "node": lambda: "a node" if miss.node is None else label(miss.node),
+        "op": lambda: miss.wanted.op,
+        "tensor": lambda: miss.tensor,
+        "slot": lambda: str(miss.slot),
+        "input": lambda: f"input {miss.slot} '{miss.tensor}'",
+        "inputs": lambda: _count(0 if miss.node is None else len(_given(miss.node))),
+        "wanted": lambda: f"{len(miss.wanted.inputs)}{' or more' if miss.wanted.rest else ''}",
+        "source": lambda: _source(miss),
+        "reader": lambda: label(around.nodes[miss.data["reader"]]),
+    }
+    form = _FORMS[miss.reason]
+    text = form.format_map({name: word() for name, word in words.items() if f"{{{name}}}" in form})
+    matched, of = miss.data["matched"], len(miss.pattern)
+    return f"{matched} of {of} pattern nodes fit; {text}" if matched else text
+
+
+def _given(node: NodeProto) -> list[str]:
+    inputs = list(node.input)
+    while inputs and not inputs[-1]:
+        inputs.pop()
+    return inputs
+
+
+def _count(number: int) -> str:
+    return f"{number} input{'s'[: number != 1]}"
+
+
+def _source(miss: Miss) -> str:
+    if miss.writer is not None:
+        return f"is written by {label(miss.writer)}"
+    if miss.tensor in miss.around.initializers:
+        return "is an initializer"
+    return "is an input of the graph" if miss.tensor in miss.around.inputs else "is written by no node of the graph"

@@ -1,0 +1,159 @@
+"""Single nodes against the patterns of one transformation."""
+
+from __future__ import annotations
+
+import dataclasses
+from collections import Counter
+from collections.abc import Iterable, Sequence
+from dataclasses import dataclass
+from typing import TYPE_CHECKING, Any
+
+from onnx import FunctionProto, NodeProto
+
+from onnxgraft.abstract_transformation import trace_nodes
+from onnxgraft.catalogue.notation import read_pair
+from onnxgraft.explaining.fates import Fates
+from onnxgraft.explaining.miss_texts import sentence
+from onnxgraft.explaining.node_answers import OUTCOMES, NodeAnswer
+from onnxgraft.graph.surroundings import Surroundings
+from onnxgraft.matching import Subject, hints
+
+if TYPE_CHECKING:
+    from onnxgraft.abstract_transformation import _Trace
+
+# The order in which conditions are tested: what fails late is nearer to a match than what fails early.
+_LATENESS = {
+    reason: number
+    for number, reason in enumerate(
+        (
+            "missing_operator",
+            "wrong_operator",
+            "no_reader",
+            "no_producer",
+            "input_count",
+            "input_omitted",
+            "not_initializer",
+            "rest_not_initializer",
+            "output_count",
+            "second_producer",
+            "node_used_twice",
+            "different_tensors",
+            "other_position",
+            "same_tensor",
+            "too_few_readers",
+            "read_by_body",
+            "graph_output",
+            "read_elsewhere",
+            "closes_cycle",
+        )
+    )
+}
+_WITH_INPUT = frozenset({"input_omitted", "not_initializer", "rest_not_initializer", "other_position"})
+
+
+@dataclass(frozen=True)
+class Place:
+    """A node in one place of a pattern: an answer, or what an answer needs once a run has told the rest.
+
+    Attributes:
+        node: Index in graph.node.
+        rank: How near it came; the smallest is the nearest.
+        answer: For one that fits, without what became of it.
+        nodes: Those that fit, as they were; none for a miss.
+    """
+
+    node: int
+    rank: tuple[int, ...]
+    answer: NodeAnswer
+    nodes: tuple[NodeProto, ...] = ()
+
+    def settled(self, fates: Fates) -> tuple[tuple[int, ...], NodeAnswer]:
+        """With what became of it."""
+        if not self.nodes:
+            return self.rank, self.answer
+        fate = fates.of(self.answer.pattern, self.answer.pattern_node, self.nodes)
+        rank = (0, OUTCOMES.index(fate.outcome))
+        return rank, dataclasses.replace(self.answer, outcome=fate.outcome, text=fate.text)
+
+
+class Tracer:
+    """Asks the search about nodes of a graph as it is now, for one transformation after the other.
+
+    Args:
+        around: The graph.
+        functions: Those of its model, for hints.
+        best: How many misses of a node are put in words; None for all.
+    """
+
+    def __init__(self, around: Surroundings, functions: Sequence[FunctionProto], best: int | None) -> None:
+        self._around = around
+        self._functions = functions
+        self._best = best
+        self._told: dict[object, str | None] = {}  # hints that do not depend on the node
+
+    def places(self, subject: Subject, nodes: Iterable[int]) -> tuple[list[Place], Counter[int]]:
+        """The places that nodes have or miss in the patterns, and by node how many further misses there are."""
+        misses: dict[int, list[_Trace]] = {}
+        found = []
+        for one in trace_nodes(self._around.graph, subject.pairs, nodes):
+            if one["miss"] is None:
+                found.append(self._fitting(subject, one))
+            else:
+                misses.setdefault(one["node"], []).append(one)
+        more: Counter[int] = Counter()
+        for node, missed in misses.items():
+            nearest = sorted(missed, key=lambda one: _rank(subject, one))[: self._best]
+            found += [self._missed(subject, one) for one in nearest]
+            more[node] = len(missed) - len(nearest)
+        return found, more
+
+    def _fitting(self, subject: Subject, one: _Trace) -> Place:
+        pattern = subject.pairs[one["pair"]][0]
+        size, occurrence = len(pattern), tuple(one["occurrence"] or ())
+        answer = NodeAnswer(
+            subject.name, one["pair"], pattern, one["pattern_node"], "fits", size, size, "", occurrence=occurrence
+        )
+        nodes = []
+        for index in occurrence:  # a run may change the node
+            nodes.append(NodeProto())
+            nodes[-1].CopyFrom(self._around.nodes[index])
+        return Place(one["node"], (0,), answer, tuple(nodes))
+
+    def _missed(self, subject: Subject, one: _Trace) -> Place:
+        pattern, replacement = subject.pairs[one["pair"]]
+        miss: Any = one["miss"]
+        tried = None if miss["node"] is None else self._around.nodes[miss["node"]]
+        material = hints.Miss(self._around, read_pair(pattern, replacement)[0], self._functions, tried, miss)
+        answer = NodeAnswer(
+            subject.name,
+            one["pair"],
+            pattern,
+            one["pattern_node"],
+            "miss",
+            miss["matched"],
+            len(pattern),
+            sentence(material),
+            reason=miss["reason"],
+            failed_pattern_node=miss["pattern_node"],
+            other=miss["node"],
+            input=miss["input"] if miss["reason"] in _WITH_INPUT else None,
+            tensor=miss["tensor"],
+            reader=miss["reader"],
+            hint=self._hint(pattern, material),
+        )
+        return Place(one["node"], _rank(subject, one), answer)
+
+    def _hint(self, pattern: tuple[str, ...], material: hints.Miss) -> str | None:
+        if material.reason != "missing_operator":
+            return hints.on_miss(material)
+        key = (pattern, material.role)
+        if key not in self._told:
+            self._told[key] = hints.on_miss(material)
+        return self._told[key]
+
+
+def _rank(subject: Subject, one: _Trace) -> tuple[int, ...]:
+    """Few pattern nodes left, many that fit, a condition tested late."""
+    miss: Any = one["miss"]
+    of = len(subject.pairs[one["pair"]][0])
+    return 1, of - miss["matched"], -miss["matched"], -_LATENESS[miss["reason"]]
