@@ -59,11 +59,8 @@ SECTIONS: tuple[tuple[str, str, tuple[str, ...]], ...] = (
     ("Reports, in detail", "onnxgraft.engine", ("Occurrence", "NodeText", "PreparationStep")),
     ("Recipes", "onnxgraft.recipe_book", ("Recipe", "find_recipe", "load_recipes")),
     ("Results of looking", "onnxgraft.matching", ("Match", "Explanation", "PatternText")),
-<<<<<<< HEAD
     ("Results of inspect", "onnxgraft.inspection", ("Inspection", "RecipeScore")),
-=======
     ("Results of explain for nodes", "onnxgraft.explaining", ("NodeExplanation", "NodeAnswer")),
->>>>>>> d1405fc (explain --node: what became of single nodes, and why)
     ("Results of the self-test", "onnxgraft.selfcheck", ("CheckResult", "CheckResult.raise_if_failed")),
     ("Results of verify", "onnxgraft.verification", ("Verification", "OutputRow")),
     ("Accuracy", "onnxgraft.verification", ("measure", "Accuracy")),

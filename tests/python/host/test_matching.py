@@ -12,6 +12,7 @@ from helpers.small_graphs import graph_of
 from onnxgraft.abstract_transformation import AbstractTransformation, nearest_miss
 from onnxgraft.catalogue import find_row
 from onnxgraft.errors import ModelFileError, UnknownTransformationError
+from onnxgraft.explaining import explain as explain_nodes
 from onnxgraft.matching import explain, find
 
 CONV = ["Conv:0,1i->2"]
@@ -129,6 +130,12 @@ def test_a_hint_says_what_would_help(pattern: list[str], lines: str, reason: str
     for form in FACTS:
         fact = form.format(explanation)
         assert reason == "missing_operator" or "None" in fact or fact in explanation.text
+    # From a single node it is said too, with nothing left out; no node has a place in the pattern.
+    nodes = explain_nodes(graph, Own((pattern, [f"New:{outside}->{last}"])), node="*", best=None)
+    answers = [answer for node in nodes for answer in node.answers]
+    assert {answer.outcome for answer in answers} <= {"miss"}
+    assert reason == "missing_operator" or reason in {answer.reason for answer in answers}
+    assert not any({"{", "}"} & set(answer.text) for answer in answers)
     assert graph.SerializeToString() == before
 
 
