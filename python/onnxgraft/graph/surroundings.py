@@ -48,6 +48,15 @@ class Surroundings:
         return found
 
     @cached_property
+    def input_counts(self) -> dict[str, set[int]]:
+        """The numbers of inputs that the nodes of each operator have, those left out at the end not counted."""
+        found: dict[str, set[int]] = {}
+        for node in self.nodes:
+            last = max((place for place, name in enumerate(node.input) if name), default=-1)
+            found.setdefault(node.op_type, set()).add(last + 1)
+        return found
+
+    @cached_property
     def writer(self) -> dict[str, NodeProto]:
         """The node that writes a tensor; the first one, should there be two."""
         return {name: self.nodes[index] for name, index in self._writers.items()}

@@ -38,7 +38,7 @@ def missing_bias(miss: Miss) -> str | None:
     if (count, wanted) not in ((2, 3), (3, 2)):
         return None
     state = "without bias" if count == 2 else "with bias"
-    all_same = all(len(_stripped(list(n.input))) == count for n in miss.around.operators[node.op_type])
+    all_same = miss.around.input_counts[node.op_type] == {count}
     who = f"every {node.op_type} of the graph is one" if all_same else f"this {node.op_type} is one"
     return f"{who} {state} ({count} inputs), the pattern wants {wanted}"
 
@@ -48,7 +48,7 @@ def other_count(miss: Miss) -> str | None:
     if miss.node is None:
         return None
     count = len(_stripped(list(miss.node.input)))
-    counts = sorted({len(_stripped(list(node.input))) for node in miss.around.operators[miss.node.op_type]})
+    counts = sorted(miss.around.input_counts[miss.node.op_type])
     text = f"the {miss.node.op_type} has {count} input{'s'[: count != 1]}, the pattern wants {len(miss.wanted.inputs)}"
     if len(counts) > 1 and len(miss.wanted.inputs) not in counts:
         text += f"; those of this graph have {', '.join(map(str, counts))}"
