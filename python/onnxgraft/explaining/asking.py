@@ -199,7 +199,9 @@ def _step(
         return None
     rewritten = given if in_place else copy.deepcopy(given)
     one: Any = transformation
-    return rewrite(rewritten, [one], prepare=False, seed=0, on_error="continue", folder=folder).steps[0]
+    # What finishing adds matters to later transformations only.
+    report = rewrite(rewritten, [one], prepare=False, seed=0, on_error="continue", folder=folder, finish=in_place)
+    return report.steps[0]
 
 
 def _changes_nothing(pair: Pair) -> bool:

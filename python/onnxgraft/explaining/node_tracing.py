@@ -6,12 +6,13 @@ import dataclasses
 from collections import Counter
 from collections.abc import Iterable, Sequence
 from dataclasses import dataclass
-from typing import TYPE_CHECKING, Any
+from typing import TYPE_CHECKING, Any, cast
 
 from onnx import FunctionProto, NodeProto
 
 from onnxgraft.abstract_transformation import trace_nodes
-from onnxgraft.catalogue.notation import read_pair
+from onnxgraft.catalogue import Pair
+from onnxgraft.catalogue.notation import PatternNode, read_pair
 from onnxgraft.explaining.fates import Fates
 from onnxgraft.explaining.miss_texts import sentence
 from onnxgraft.explaining.node_answers import OUTCOMES, NodeAnswer
@@ -89,6 +90,7 @@ class Tracer:
         self._around = around
         self._functions = functions
         self._best = best
+        self._read: dict[Pair, tuple[PatternNode, ...]] = {}
         self._told: dict[object, str | None] = {}  # hints that do not depend on the node
 
     def places(self, subject: Subject, nodes: Iterable[int]) -> tuple[list[Place], Counter[int]]:
@@ -120,10 +122,12 @@ class Tracer:
         return Place(one["node"], (0,), answer, tuple(nodes))
 
     def _missed(self, subject: Subject, one: _Trace) -> Place:
-        pattern, replacement = subject.pairs[one["pair"]]
-        miss: Any = one["miss"]
+        pair = subject.pairs[one["pair"]]
+        if pair not in self._read:
+            self._read[pair] = read_pair(*pair)[0]
+        pattern, miss = pair[0], cast("Any", one["miss"])
         tried = None if miss["node"] is None else self._around.nodes[miss["node"]]
-        material = hints.Miss(self._around, read_pair(pattern, replacement)[0], self._functions, tried, miss)
+        material = hints.Miss(self._around, self._read[pair], self._functions, tried, miss)
         answer = NodeAnswer(
             subject.name,
             one["pair"],
