@@ -75,7 +75,7 @@ void finish_session(PyObject* session) { call_method(session, finish); }
 
 Changes changes_of(PyObject* session) {
   const Ref name = attribute(session, changes_attribute);
-  const auto found = std::ranges::find(changes_names, utf8(name.get()));
+  const auto* const found = std::ranges::find(changes_names, utf8(name.get()));
   return found == changes_names.end() ? Changes::anything : static_cast<Changes>(found - changes_names.begin());
 }
 

@@ -71,7 +71,7 @@ class Holder:
 def test_what_is_taken_as_a_model(repository: Path, tmp_path: Path) -> None:
     path = repository / "examples/models/resnet18_timm_c11.onnx"
     model = onnx.load(path)
-    assert onnxgraft.explain(Holder(model), "quant_gemm")[0].matches == 1  # type: ignore[arg-type]
+    assert onnxgraft.explain(Holder(model), "quant_gemm")[0].matches == 1  # type: ignore[call-overload]
     wrong: list[tuple[Any, dict[str, Any], type[Exception], str]] = [
         (Holder(model), {}, TypeError, "changes would be lost"),
         (path, {}, TypeError, "needs output="),
