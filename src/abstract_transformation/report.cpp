@@ -62,7 +62,7 @@ std::vector<core::NodeIndex> node_numbers(PyObject* nodes, core::NodeIndex count
   const Ref elements = iterator(nodes);
   while (const Ref element = next(elements.get())) {
     const std::int64_t number = integer_value(element.get());
-    if (number < 0 || number >= static_cast<std::int64_t>(count)) {
+    if (std::cmp_less(number, 0) || std::cmp_greater_equal(number, count)) {
       raise(PyExc_IndexError, "there is no node %lld: the graph has %lld nodes", static_cast<long long>(number),
             static_cast<long long>(count));
     }

@@ -94,7 +94,7 @@ Ref make_function_type(PyObject* module) {
       {0, nullptr},
   }};
   PyType_Spec description{
-      function_type_name.data(),
+      function_type_name,
       static_cast<int>(sizeof(FunctionObject)),
       0,
       Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL | Py_TPFLAGS_METHOD_DESCRIPTOR |

@@ -97,7 +97,7 @@ Ref make_observed_type(PyObject* module) {
       {0, nullptr},
   }};
   PyType_Spec description{
-      observed_type_name.data(),
+      observed_type_name,
       static_cast<int>(sizeof(ObservedObject)),
       0,
       Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL | Py_TPFLAGS_DISALLOW_INSTANTIATION,

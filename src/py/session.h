@@ -15,8 +15,8 @@
 
 namespace onnxgraft::py {
 
-inline constexpr std::string_view function_type_name = "onnxgraft.builtin_function";
-inline constexpr std::string_view observed_type_name = "onnxgraft.observed_function";
+inline constexpr const char* function_type_name = "onnxgraft.builtin_function";
+inline constexpr const char* observed_type_name = "onnxgraft.observed_function";
 
 /// What is to be called in the place of `method`; empty where there is no promise to believe.
 Ref begin_session(PyObject* method, PyObject* graph);

@@ -54,8 +54,8 @@ Ref run_passes(const Call& call, std::span<const Pass> passes, Counting counting
   for (const Pass& pass : passes) {
     const Ref pattern = py::attribute(call[0], pass.pattern);
     const Ref replacement = py::attribute(call[0], pass.replacement);
-    Ref count = run(call[1], pattern, replacement, keywords(call));
-    total = total ? sum(total, count) : std::move(count);
+    const Ref count = run(call[1], pattern, replacement, keywords(call));
+    total = total ? sum(total, count) : Ref::borrow(count.get());
   }
   return counting == Counting::checked ? checked_count(std::move(total)) : std::move(total);
 }

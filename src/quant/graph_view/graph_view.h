@@ -94,7 +94,7 @@ class GraphView : public py::Sharing {
   const py::GraphReading& reading();
   [[nodiscard]] bool is_indexed(PyObject* tensor) const;
   bool is_taken(const std::string& name) { return reading().table.names.find(name).has_value(); }
-  bool package_looks_up();
+  bool package_looks_up() const;
   struct Told {
     py::Ref type;   // code of the element type
     py::Ref shape;  // tuple

@@ -125,7 +125,7 @@ void GraphView::replace(std::span<const InitializerChange> changes) {
 
 /// Not where somebody put a function of his own in the place of `get_init`, who does not know what waits and may want
 /// to see every call.
-bool GraphView::package_looks_up() {
+bool GraphView::package_looks_up() const {
   return py::is_our_function(member(module(), names::transform_utilities, names::get_init).get());
 }
 
