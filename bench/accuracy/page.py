@@ -20,6 +20,11 @@ _COLUMNS = {
     "float5": "5 % float",
 }
 _PEER = "onnxruntime, best"
+_PEERS = {
+    "ort_same": "Conv, Gemm and MatMul per channel",
+    "ort_all": "all operators per channel",
+    "ort_symmetric": "the former without offsets",
+}
 _HEAD = """# Accuracy
 
 What do quantized networks answer? Four trained models that come inside other packages are quantized here with real
@@ -29,15 +34,15 @@ pictures and sounds are made or downloaded by it and are in `build/accuracy/` af
 - **Models**: text detector, recognizer and angle of rapidocr-onnxruntime {rapidocr}, and the voice detector of
   silero-vad {silero}.
 - **Data**: pages of eight lines of text, drawn in eleven fonts, some blurred or turned, and made sounds like speech.
-  What the packages' own pipelines feed to the models was kept: {calibration} for calibration, {test} others for the
-  test.
+  What the packages' own pipelines feed to the models was kept, in files or batches of six lines:
+  {calibration} for calibration, and as many others for the test.
 - **Ours**: ranges by the least mean square error, in one column by their extremes. *Quantized* is `quant_conv`,
   `quant_gemm` and `quant_matmul`; the *whole recipe* merges and moves quantize nodes after that ({count}
   transformations). *Biases corrected* adds what `rewrite` does if it has samples to try on; *float* leaves those
   operators float as well that hurt most, within a share of the multiply-adds. All of that is chosen on calibration
   data. Results are lowered to standard operators that compute what integer hardware would, and run by onnxruntime.
-- **onnxruntime**: `quantize_static` with pairs of QuantizeLinear and DequantizeLinear on the same data, in three
-  ways: all operators, or the three above, per channel, with offsets or without. The best counts.
+- **onnxruntime**: `quantize_static` with pairs of QuantizeLinear and DequantizeLinear on the same data: {peers}.
+  The best counts.
 """
 _DECIBELS = """
 ## Signal to noise
@@ -51,7 +56,8 @@ _PIPELINE = """
 
 {pages} pages with {lines} lines go through the OCR package's own pipeline, with our lowered models in place of all
 three of its own. *Boxes* are lines that were found again where the float models find them, *equal* lines read exactly
-as in float, *characters* the share of float's characters that came out.
+as in float, *but for spaces* those that are equal without their spaces, *characters* the share of float's characters
+that came out. *As drawn* are the lines that were read as they were drawn, spaces aside.
 
 """
 _TIME = """
@@ -68,7 +74,11 @@ def write(results: dict[str, Any]) -> None:
     """Writes the page."""
     counted = {part: _counts(part) for part in ("calibration", "test")}
     text = _HEAD.format(
-        rapidocr=_version("rapidocr_onnxruntime"), silero=_version("silero_vad"), count=len(WHOLE), **counted
+        rapidocr=_version("rapidocr_onnxruntime"),
+        silero=_version("silero_vad"),
+        count=len(WHOLE),
+        peers=_peers(results),
+        **counted,
     )
     text += _DECIBELS + _table(_decibels(results))
     if failures := list(_failures(results)):
@@ -77,12 +87,15 @@ def write(results: dict[str, Any]) -> None:
         pages = found["float"]["drawn"]
         text += _PIPELINE.format(pages=len(pages), lines=sum(map(len, pages))) + _table(_readings(found))
         if examples := list(_examples(found)):
-            text += (
-                "\nLines that ours, with corrected biases, reads otherwise than float, at most eight of them:\n\n"
-                + _table(examples)
+            text += "\nLines that ours, all INT8, reads otherwise than float, at most eight of them:\n\n" + _table(
+                examples
             )
     text += _TIME.format(processors=os.cpu_count()) + _table(_times(results))
     PAGE.write_text(text)
+
+
+def _peers(results: dict[str, Any]) -> str:
+    return "; ".join(title for task, title in _PEERS.items() if any(task in found for found in results.values()))
 
 
 def _version(package: str) -> str:
@@ -91,7 +104,7 @@ def _version(package: str) -> str:
 
 
 def _counts(part: str) -> str:
-    return ", ".join(f"{len(list(network.data(part).glob('*.npz')))} {network.name}" for network in NETWORKS)
+    return ", ".join(f"{len(list(network.data(part).glob('*.npz')))} for {network.name}" for network in NETWORKS)
 
 
 def _table(rows: Sequence[Sequence[str]]) -> str:
@@ -101,11 +114,12 @@ def _table(rows: Sequence[Sequence[str]]) -> str:
 
 
 def _decibels(results: dict[str, Any]) -> list[list[str]]:
-    rows = [["model", *_COLUMNS.values(), _PEER]]
+    columns = {task: title for task, title in _COLUMNS.items() if any(task in found for found in results.values())}
+    rows = [["model", *columns.values(), _PEER]]
     for network in NETWORKS:
         found = results.get(network.name, {})
         peers = [value["decibels"] for task, value in found.items() if task.startswith("ort_") and "decibels" in value]
-        cells = [_number(found.get(task, {}).get("decibels")) for task in _COLUMNS]
+        cells = [_number(found.get(task, {}).get("decibels")) for task in columns]
         rows.append([network.title, *cells, _number(max(peers, default=None))])
     return rows
 
@@ -125,18 +139,25 @@ def _failures(results: dict[str, Any]) -> Iterator[str]:
 
 def _readings(found: dict[str, Any]) -> list[list[str]]:
     titles = {"float": "float", **_COLUMNS, "ort": _PEER}
-    rows = [["models", "boxes", "equal", "characters", "as drawn", "seconds"]]
+    rows = [["models", "boxes", "equal", "but for spaces", "characters", "as drawn", "seconds"]]
     for name, reading in found.items():
         pairs = list(_pairs(found["float"], reading))
         boxes = sum(other is not None for _, other in pairs)
         equal = sum(text == other for text, other in pairs)
+        alike = sum(other is not None and _bare(text) == _bare(other) for text, other in pairs)
         kept = sum(_common(text, other or "") for text, other in pairs)
         total = sum(len(text) for text, _ in pairs)
         drawn = [text for lines in reading["drawn"] for text in lines]
-        read = [text.replace(" ", "") for lines in reading["found"] for _, text in lines]
-        right = sum(text.replace(" ", "") in read for text in drawn)
+        read = [_bare(text) for lines in reading["found"] for _, text in lines]
+        right = sum(_bare(text) in read for text in drawn)
         share = f"{100 * kept / max(total, 1):.1f} %"
-        cells = [f"{boxes} of {len(pairs)}", f"{equal} of {len(pairs)}", share, f"{right} of {len(drawn)}"]
+        cells = [
+            f"{boxes} of {len(pairs)}",
+            f"{equal} of {len(pairs)}",
+            f"{alike} of {len(pairs)}",
+            share,
+            f"{right} of {len(drawn)}",
+        ]
         rows.append([titles[name], *cells, f"{reading['seconds']:.0f}"])
     return rows
 
@@ -147,6 +168,10 @@ def _pairs(floats: dict[str, Any], other: dict[str, Any]) -> Iterator[tuple[str,
         for box, text in before:
             near = [candidate for candidate in after if _overlap(box, candidate[0]) > 0.5]
             yield text, max(near, key=lambda candidate: _overlap(box, candidate[0]))[1] if near else None
+
+
+def _bare(text: str) -> str:
+    return text.replace(" ", "")
 
 
 def _overlap(first: Sequence[Sequence[float]], second: Sequence[Sequence[float]]) -> float:
@@ -167,9 +192,10 @@ def _common(first: str, second: str) -> int:
 
 
 def _examples(found: dict[str, Any]) -> Iterator[list[str]]:
-    if "corrected" not in found:
+    ours = "corrected" if "corrected" in found else "recipe"
+    if ours not in found:
         return
-    different = [pair for pair in _pairs(found["float"], found["corrected"]) if pair[0] != pair[1]]
+    different = [pair for pair in _pairs(found["float"], found[ours]) if pair[0] != pair[1]]
     if different:
         yield ["float", "ours"]
     for text, other in different[:8]:
@@ -177,26 +203,20 @@ def _examples(found: dict[str, Any]) -> Iterator[list[str]]:
 
 
 def _times(results: dict[str, Any]) -> list[list[str]]:
-    head = [
-        "model",
-        "forward",
-        "collecting",
-        "ratio",
-        "memory, MB",
-        "random",
-        "filled",
-        "corrected",
-        "5 % float",
-        "onnxruntime",
-    ]
-    rows = [head]
+    titles = {
+        "random_apply": "random",
+        "plain": "filled",
+        "corrected": "corrected",
+        "float5": "5 % float",
+        "ort_same": "onnxruntime",
+    }
+    titles = {task: title for task, title in titles.items() if any(task in found for found in results.values())}
+    rows = [["model", "forward", "collecting", "ratio", "memory, MB", *titles.values()]]
     for network in NETWORKS:
         found = results.get(network.name, {})
         forward, collecting = (found.get(task, {}).get("busy") for task in ("forward", "calibrate"))
         ratio = f"{collecting / forward:.1f}" if forward and collecting else "-"
-        names = ("random_apply", "plain", "corrected", "float5", "ort_same")
-        rest = [_number(found.get(task, {}).get("seconds")) for task in names]
         memory = found.get("calibrate", {}).get("megabytes")
         cells = [_number(forward), _number(collecting), ratio, "-" if memory is None else f"{memory:.0f}"]
-        rows.append([network.title, *cells, *rest])
+        rows.append([network.title, *cells, *(_number(found.get(task, {}).get("seconds")) for task in titles)])
     return rows
