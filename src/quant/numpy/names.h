@@ -73,7 +73,6 @@ inline const InternedName view("view");
 
 // Methods of the transformations.
 inline const InternedName get_subgraphs_to_replace("_get_subgraphs_to_replace");
-inline const InternedName on_replace_subgraph("_on_replace_subgraph");
 inline const InternedName replace_all("_replace_all_isomorphic_sub_graphs");
 
 // Keywords.
