@@ -112,7 +112,7 @@ build/bench/venv/installed: requirements/bench.txt .venv/tools
 	@build/bench/venv/bin/python -m pip --disable-pip-version-check install --quiet --no-input -r $<
 	@touch $@
 
-accuracy: .venv/installed build/accuracy/venv/installed build/accuracy/wheels/unpacked ## Measure what quantized networks answer (half an hour); writes docs/accuracy.md
+accuracy: .venv/installed build/accuracy/venv/installed build/accuracy/wheels/unpacked ## Measure what quantized networks answer (half an hour); writes docs/use/accuracy.md
 	@build/accuracy/venv/bin/python -m bench.accuracy
 
 build/accuracy/venv/installed: requirements/accuracy.txt .venv/tools

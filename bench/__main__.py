@@ -1,4 +1,4 @@
-"""`make bench`, or `make bench GROUP=peers` for some groups; `make bench-docs` for all, and for the page in docs/."""
+"""`make bench`, or `make bench GROUP=peers` for some groups; `make bench-docs` for all, and the page about speed."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""The measured part of docs/speed.md: tables in Markdown between two marks, and a picture beside the page.
+"""The measured part of docs/development/speed.md: tables in Markdown between two marks, and a picture beside the page.
 
 python -m bench.page    takes them from build/bench.json, which has to be that of a whole run
 """
@@ -84,14 +84,14 @@ def picture(contests: list[Contest]) -> str:
 
 
 def main() -> int:
-    """Renews docs/; returns the exit code."""
+    """Renews docs/development/; returns the exit code."""
     source = Path("build/bench.json")
     results = Results.read(source)
     if results.facts["tiny"] or (missing := GROUPS.keys() - results.figures.keys()):
         what = "of tiny sizes" if results.facts["tiny"] else f"without {', '.join(sorted(missing))}"
         print(f"{source} holds a run {what}: run make bench-docs", file=sys.stderr)
         return 1
-    renew(results, Path("docs"))
+    renew(results, Path("docs/development"))
     return 0
 
 

@@ -1,4 +1,4 @@
-"""Writes docs/api.md: the public functions, classes and errors, from their signatures and docstrings.
+"""Writes docs/reference/api.md: the public functions, classes and errors, from their signatures and docstrings.
 
 python -m tools.api_reference [--check]
 """
@@ -17,7 +17,7 @@ from typing import Any
 import onnxgraft
 from tools.docstrings import render
 
-PAGE = Path(__file__).resolve().parents[1] / "docs/api.md"
+PAGE = Path(__file__).resolve().parents[1] / "docs/reference/api.md"
 INTRODUCTION = """# API reference
 
 Made from the code by `make docs`. The functions in front are what most programs need; all of them take part of the
@@ -189,7 +189,7 @@ def _annotation(annotation: Any) -> str:
 def main(arguments: Sequence[str] | None = None) -> int:
     """Runs the command line; returns the exit code."""
     parser = argparse.ArgumentParser(prog="python -m tools.api_reference")
-    parser.add_argument("--check", action="store_true", help="only say whether docs/api.md is out of date")
+    parser.add_argument("--check", action="store_true", help="only say whether docs/reference/api.md is out of date")
     check = parser.parse_args(arguments).check
     text = page()
     if PAGE.exists() and PAGE.read_text() == text:

@@ -1,10 +1,10 @@
-"""Which transformation fires how often on exported models: counts them and writes the tables of docs/models.md.
+"""Counts which transformation fires how often on exported models; writes the tables of docs/development/models.md.
 
     python -m tools.firing_table [FOLDER] [--check]
 
-The counts are kept in docs/firing.json, a row per file. A run replaces the rows of the files in FOLDER (default
-examples/models) and leaves the others, so the tables can hold models that do not ship. `--check` writes nothing and
-ends with 1 if something is out of date.
+The counts are kept in docs/development/firing.json, a row per file. A run replaces the rows of the files in FOLDER
+(default examples/models) and leaves the others, so the tables can hold models that do not ship. `--check` writes
+nothing and ends with 1 if something is out of date.
 """
 
 from __future__ import annotations
@@ -20,8 +20,8 @@ from typing import Any
 from tools.models.firing import losses, measure, run_recipe
 from tools.models.tables import render
 
-DATA = Path("docs/firing.json")
-PAGE = Path("docs/models.md")
+DATA = Path("docs/development/firing.json")
+PAGE = Path("docs/development/models.md")
 BEGIN, END = "<!-- tables: begin (made by make docs) -->", "<!-- tables: end -->"
 
 Rows = dict[str, Any]

@@ -1,4 +1,4 @@
-"""Measures what quantized networks answer, and writes docs/accuracy.md.
+"""Measures what quantized networks answer, and writes docs/use/accuracy.md.
 
 python -m bench.accuracy [--only NETWORK ...]    what is in build/accuracy/results.json already is not measured again
 """

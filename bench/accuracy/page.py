@@ -1,4 +1,4 @@
-"""Writes docs/accuracy.md from what was measured."""
+"""Writes docs/use/accuracy.md from what was measured."""
 
 from __future__ import annotations
 
@@ -10,7 +10,7 @@ from typing import Any
 
 from bench.accuracy.networks import FOLDER, NETWORKS, WHOLE
 
-PAGE = Path(__file__).resolve().parents[2] / "docs/accuracy.md"
+PAGE = Path(__file__).resolve().parents[2] / "docs/use/accuracy.md"
 _COLUMNS = {
     "extremes": "quantized, by extremes",
     "plain": "quantized",

@@ -16,7 +16,7 @@ from onnxgraft import quant, rewrite
 
 
 class Documented(quant.AbstractPullUpTesselQuantTransformation):
-    """As docs/transformations/quant-pull-up.md tells users to derive."""
+    """As docs/reference/transformations/quant-pull-up.md tells users to derive."""
 
     def _get_subgraphs_to_replace(self) -> Any:
         return quant.ChangeTesselQuantTransformationV2()._get_subgraphs_to_replace()

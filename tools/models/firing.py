@@ -22,7 +22,7 @@ from tools.models.families import network_of
 
 QUANTIZING = ("quant_conv", "quant_gemm", "quant_matmul")
 
-# All recipes in one: docs/recipes.md gives the reasons.
+# All recipes in one: docs/use/recipes.md gives the reasons.
 ORDER = (
     "fuse_bn_quant",
     "change_gap_conv",

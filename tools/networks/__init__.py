@@ -1,4 +1,4 @@
-"""Thin networks of well-known families with random weights, and their exports: what docs/models.md is counted on.
+"""Thin networks of well-known families with random weights, and their exports; docs/development/models.md counts them.
 
 Widths and depths are cut down as far as the structure allows; how layers are joined is that of the published networks.
 """

@@ -2,7 +2,7 @@
 
 No public evaluator knows `TesselQuant` and `TesselDequant`, and none computes INT8 `Conv` with wide sums. So a model
 is first *lowered*: the copy holds standard operators on floating-point tensors only, whose values are the integers
-that the quantized operators would work on. docs/evaluation.md lists the formulas.
+that the quantized operators would work on. docs/use/evaluation.md lists the formulas.
 """
 
 from onnxgraft.errors import EvaluationError

@@ -1,7 +1,8 @@
 """Brings the forms in which exporters write a network into those that the patterns name.
 
 Each step keeps the computed function, counts what it changes, and finds nothing to do on its own result. Steps rewrite
-the outer graph, as the transformations do; what nested bodies read stays defined. docs/preparation.md describes them.
+the outer graph, as the transformations do; what nested bodies read stays defined. docs/use/preparation.md
+describes them.
 """
 
 from onnxgraft.errors import PreparationError

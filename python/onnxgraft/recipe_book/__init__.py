@@ -1,4 +1,4 @@
-"""Recipes: the transformations for a family of networks, in the order that works. docs/recipes.md describes them."""
+"""Recipes: transformations for a family of networks, in the order that works. docs/use/recipes.md describes them."""
 
 from __future__ import annotations
 

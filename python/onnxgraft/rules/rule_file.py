@@ -1,4 +1,4 @@
-"""Reads rules from TOML: one table per rule. docs/rules.md explains the keys."""
+"""Reads rules from TOML: one table per rule. docs/use/rules.md explains the keys."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""The tables of docs/accuracy.md say what was measured."""
+"""The tables of docs/use/accuracy.md say what was measured."""
 
 from typing import Any
 

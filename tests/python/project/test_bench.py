@@ -26,7 +26,7 @@ def test_a_tiny_run_fills_the_page(tmp_path: Path, repository: Path, monkeypatch
     results = Results.read(tmp_path / "bench.json")
     assert {group: len(figures) for group, figures in results.figures.items()} == FIGURES
     assert all(entry.checked for contest in results.contests for entry in contest.entries)
-    (tmp_path / "speed.md").write_text((repository / "docs/speed.md").read_text())
+    (tmp_path / "speed.md").write_text((repository / "docs/development/speed.md").read_text())
     page.renew(results, tmp_path)
     text, drawn = (tmp_path / "speed.md").read_text(), ElementTree.parse(tmp_path / "speed.svg").getroot()
     assert text.count("\n| plain Python |") == len(results.contests) == 5

@@ -19,8 +19,8 @@ PAIRS = [pair for transformation in rows().values() for pair in transformation.p
 def test_every_pair_has_its_picture_on_a_page(repository: Path) -> None:
     made, folder = draw_rewrites.pictures(), repository / "docs/pictures"
     assert {path.name: path.read_text() for path in folder.iterdir()} == made, "run make docs"
-    pages = (repository / "docs/transformations").glob("[!R]*.md")
-    shown = [name for page in pages for name in re.findall(r"\(\.\./pictures/(\S+)\)", page.read_text())]
+    pages = (repository / "docs/reference/transformations").glob("[!R]*.md")
+    shown = [name for page in pages for name in re.findall(r"\(\.\./\.\./pictures/(\S+)\)", page.read_text())]
     assert sorted(shown) == sorted(made)
 
 
@@ -38,8 +38,8 @@ def _headings(path: Path) -> list[str]:
 
 
 def test_tables_are_those_of_the_example_models(repository: Path) -> None:
-    rows = json.loads((repository / "docs/firing.json").read_text())
-    page = (repository / "docs/models.md").read_text()
+    rows = json.loads((repository / "docs/development/firing.json").read_text())
+    page = (repository / "docs/development/models.md").read_text()
     assert firing_table.page_with(page, rows) == page, "run make docs"
     counted = firing_table.rows_of(repository / "examples/models")
     assert len(counted) == 2
@@ -49,7 +49,7 @@ def test_tables_are_those_of_the_example_models(repository: Path) -> None:
 def test_every_exporter_of_a_network_ends_with_the_same_counts(repository: Path) -> None:
     """But for sizes that one of them has made constant itself. Names of files begin with the network's, up to a "_"."""
     networks: dict[str, list[dict[str, Any]]] = {}
-    for model, row in json.loads((repository / "docs/firing.json").read_text()).items():
+    for model, row in json.loads((repository / "docs/development/firing.json").read_text()).items():
         fired = {name: count for name, count in row["recipe"]["fired"].items() if name != "simplify_shape_v2"}
         counts = {"fired": fired, "quantize nodes": row["recipe"]["quantize_nodes"], "failed": row["recipe"]["failed"]}
         networks.setdefault(model.partition("_")[0], []).append(counts)
