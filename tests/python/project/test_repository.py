@@ -6,6 +6,7 @@ from pathlib import Path
 
 import pytest
 
+import onnxgraft
 from onnxgraft import abstract_transformation, quant, transform_utilities
 
 
@@ -21,3 +22,13 @@ def test_an_extension_file_exports_its_entry_only(module: object) -> None:
     path, name = str(vars(module)["__file__"]), str(vars(module)["__name__"]).rpartition(".")[2]
     listing = subprocess.run(["nm", "-D", "--defined-only", path], capture_output=True, text=True, check=True).stdout
     assert [line.split()[-1] for line in listing.splitlines()] == [f"PyInit_{name}"]
+
+
+def test_every_place_has_the_same_version(repository: Path) -> None:
+    declared = {
+        "pyproject.toml": r'^version = "([\d.]+)"',
+        "CMakeLists.txt": r"^project\(onnxgraft VERSION ([\d.]+)",
+        "CHANGELOG.md": r"\A# Changelog\n\n## ([\d.]+) \(\d{4}-\d\d-\d\d\)\n",
+    }
+    found = {name: re.findall(each, (repository / name).read_text(), re.MULTILINE) for name, each in declared.items()}
+    assert found == {name: [onnxgraft.__version__] for name in declared}
