@@ -9,7 +9,7 @@ import numpy.typing as npt
 import onnx
 from onnx.reference import ReferenceEvaluator
 from onnx.reference.op_run import OpRun
-from onnx.reference.ops import op_conv_transpose
+from onnx.reference.ops import op_conv_transpose, op_resize
 
 Array = npt.NDArray[Any]
 
@@ -45,9 +45,20 @@ class ConvTranspose(op_conv_transpose.ConvTranspose):
         return (np.concatenate([one_group(*part, group=1, **options)[0] for part in parts], 1),)
 
 
+class Resize(op_resize.Resize):
+    """Treats an empty input as one that is left out, as operator sets 11 and 12 write it; onnx 1.16 indexes into it."""
+
+    op_domain = ""
+
+    def _run(self, x: Array, *inputs: Array | None, **options: Any) -> Any:  # type: ignore[override]
+        compute: Any = super()._run
+        given = [None if tensor is None or not tensor.size else tensor for tensor in (*inputs, *[None] * 3)][:3]
+        return compute(x, *given, **options)
+
+
 def evaluator(model: onnx.ModelProto) -> ReferenceEvaluator:
     """The evaluator of a model, with these operators where it needs them."""
     version = max((entry.version for entry in model.opset_import if entry.domain in {"", "ai.onnx"}), default=0)
     training = any(node.op_type == "BatchNormalization" and len(node.output) > 1 for node in model.graph.node)
     normalization = [] if version >= _FIRST_WITH_TRAINING_MODE or training else [BatchNormalization]
-    return ReferenceEvaluator(model, new_ops=[ConvTranspose, *normalization])
+    return ReferenceEvaluator(model, new_ops=[ConvTranspose, Resize, *normalization])
