@@ -1,7 +1,7 @@
-"""Functions in front of the methods of one transformation: the only way in which a tool looks on or takes part.
+"""Calls given functions instead of methods of one transformation: the only way for a tool to observe or take part.
 
-They stand on the object and not in a subclass: `isinstance`, `super()` and whatever else a class does work as ever, and
-making a subclass may have effects that its author meant for his own subclasses.
+The functions are set on the object, not in a subclass. So `isinstance`, `super()` and everything else that a class does
+work as before, and no subclass hook of the author runs.
 """
 
 from __future__ import annotations
@@ -20,7 +20,7 @@ Pair = tuple[tuple[str, ...], tuple[str, ...]]
 
 @contextmanager
 def intercepted(instance: Any, functions: Mapping[str, Callable[..., Any]]) -> Iterator[None]:
-    """Has `functions` called in place of the methods of these names inside of the `with` block."""
+    """Calls `functions` instead of the methods of these names inside the `with` block."""
     own = vars(instance)
     before = {name: own[name] for name in functions if name in own}
     own.update(functions)
@@ -33,10 +33,10 @@ def intercepted(instance: Any, functions: Mapping[str, Callable[..., Any]]) -> I
 
 
 def pairs_of(instance: Any) -> tuple[Pair, ...]:
-    """The (pattern, replacement) pairs in the order in which `apply` takes them, told by a run over an empty graph."""
+    """The (pattern, replacement) pairs in the order in which `apply` takes them, recorded on an empty graph."""
     taken: list[Pair] = []
 
-    # The parameters are named as in the method that this one stands for.
+    # The parameters have the names of the replaced method.
     def take_note(graph: object, subgraph: Any, replacement: Any, *_: object, **_named: object) -> int:
         taken.append((tuple(subgraph), tuple(replacement)))
         return 0

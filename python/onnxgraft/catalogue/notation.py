@@ -1,4 +1,4 @@
-"""Pattern and replacement lists as records, for tools that look at them. The matcher itself takes the strings apart."""
+"""Pattern and replacement lists as records, for tools that look at them. The matcher parses the strings itself."""
 
 from __future__ import annotations
 
@@ -9,7 +9,7 @@ from onnxgraft.abstract_transformation import parse
 
 
 class Input(NamedTuple):
-    """One input of a node: the id of a tensor, and whether the pattern wants an initializer there."""
+    """One input of a node: the id of a tensor, and whether the pattern requires an initializer there."""
 
     id: str
     initializer: bool
@@ -25,7 +25,7 @@ class PatternNode(NamedTuple):
 
 
 class Entry(NamedTuple):
-    """One string of a replacement, filled in from the pattern where it only names a number.
+    """One string of a replacement, completed from the pattern if it only gives a number.
 
     `source` is the number of the pattern node that stays (`kept`) or is copied; None for a new node.
     """

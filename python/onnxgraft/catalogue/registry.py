@@ -1,7 +1,7 @@
 """The transformations that can be run, as data: short name, class, purpose, (pattern, replacement) pairs.
 
-Everything is asked of the classes themselves, so that a transformation added to `onnxgraft.quant` appears here at once,
-and one that a user registers is no different from a built-in one.
+All data comes from the classes themselves. A transformation added to `onnxgraft.quant` therefore appears here at once,
+and one that a user registers is treated like a built-in one.
 """
 
 from __future__ import annotations
@@ -75,7 +75,7 @@ def _is_runnable(value: object) -> bool:
 
 @functools.cache
 def _registry() -> dict[str, Transformation]:
-    """The built-in transformations in the order of their definition; what is registered is added behind."""
+    """The built-in transformations in the order of their definition; registered ones are added after them."""
     classes: list[type[Any]] = [value for value in vars(quant).values() if _is_runnable(value)]
     own = (Transformation(cls().get_simple_name(), cls, is_own=True) for cls in classes)
     return {row.name: row for row in own}
@@ -83,7 +83,7 @@ def _registry() -> dict[str, Transformation]:
 
 @functools.cache
 def _load_entry_points() -> None:
-    """Registers what installed packages offer; one that cannot be loaded is only mentioned."""
+    """Registers what installed packages offer. One that cannot be loaded is only logged."""
     for entry in entry_points(group=ENTRY_POINT_GROUP):
         try:
             value = entry.load()
@@ -126,10 +126,10 @@ def find_row(name: str) -> Transformation:
 
 
 def register(cls: _Class) -> _Class:
-    """Adds a user's transformation to the catalogue, so that it can be named wherever a built-in one can.
+    """Adds a user's transformation to the catalogue, so that its name works wherever a built-in one does.
 
-    Usable as a class decorator. Registering a class of the same module and name again replaces it, as when a
-    notebook's cell is run twice.
+    Usable as a class decorator. Registering a class of the same module and name again replaces it, for example when a
+    notebook cell runs twice.
 
     Returns:
         `cls`.
@@ -164,9 +164,9 @@ def load_rule_file(path: str | os.PathLike[str]) -> tuple[str, ...]:
 
 
 def load_user_code(path_or_module: str) -> tuple[str, ...]:
-    """Imports a `.py` file or a module of a user's, so that its `register` calls run.
+    """Imports a user's `.py` file or module, so that its `register` calls run.
 
-    A file finds modules beside it, a module is looked for in the current folder too.
+    A file can import modules from its own folder. A module is also looked for in the current folder.
 
     Returns:
         The short names of the transformations that it registered.
@@ -183,22 +183,24 @@ def _checked_name(cls: Any) -> str:
     """The short name of a class that can be run."""
     label = _label(cls)
     if not (inspect.isclass(cls) and AbstractTransformation in cls.__mro__):
-        raise RegistrationError(f"{label} has to be a subclass of {_place(AbstractTransformation)}")
+        raise RegistrationError(f"{label} must be a subclass of {_place(AbstractTransformation)}")
     if inspect.isabstract(cls):
         missing = ", ".join(sorted(getattr(cls, "__abstractmethods__", ())))
-        raise RegistrationError(f"{label} is abstract: it has to define {missing}")
+        raise RegistrationError(f"{label} is abstract: it must define {missing}")
     for method, purpose in (
         ("apply", "`apply(self, graph, debug=False)` that returns the number of replaced occurrences"),
         ("get_simple_name", "`get_simple_name(self)` that returns its short name"),
     ):
         if not callable(getattr(cls, method, None)):
-            raise RegistrationError(f"{label} has to have a method {purpose}")
+            raise RegistrationError(f"{label} must have a method {purpose}")
     try:
         name: object = getattr(cls(), "get_simple_name")()  # noqa: B009
     except Exception as error:  # whatever foreign code raises
-        raise RegistrationError(f"{label}: cannot be made and asked for its name: {error}") from error
+        raise RegistrationError(
+            f"{label}: the class cannot be instantiated or does not return its name: {error}"
+        ) from error
     if not isinstance(name, str) or name.split() != [name]:
-        raise RegistrationError(f"{label}: get_simple_name() has to return one word, not {name!r}")
+        raise RegistrationError(f"{label}: get_simple_name() must return one word, not {name!r}")
     return name
 
 

@@ -1,4 +1,4 @@
-"""Imports a Python file or module of a user's, wherever it stands."""
+"""Imports a user's Python file or module from any folder."""
 
 from __future__ import annotations
 
@@ -35,7 +35,7 @@ def import_user_code(path_or_module: str) -> None:
 
 
 def _run(path: Path) -> None:
-    # The whole path makes the name: files of the same name in two folders are two modules.
+    # The name comes from the whole path: files of the same name in two folders are two modules.
     name = "onnxgraft_loaded" + re.sub(r"\W", "_", str(path.with_suffix("")))
     loader = importlib.machinery.SourceFileLoader(name, str(path))
     module = importlib.util.module_from_spec(importlib.machinery.ModuleSpec(name, loader, origin=str(path)))
