@@ -18,9 +18,10 @@ from onnxgraft.matching.subject import Lists, graph_of, subject_of
 
 @dataclass(frozen=True)
 class Explanation:
-    """How a pattern fares in a graph: the number of its matches, or the attempt that got furthest.
+    """The result of a pattern on a graph: the number of its matches, or the attempt that got furthest.
 
-    Where the pattern matches, `reason` is "matches", `matched` equals `of`, and what belongs to a failure is None.
+    If the pattern matches, `reason` is "matches", `matched` equals `of`, and the fields that describe a failure are
+    None.
     """
 
     transformation: str
@@ -28,18 +29,18 @@ class Explanation:
     pattern: tuple[str, ...]
     replacement: tuple[str, ...]
     matches: int
-    matched: int  # pattern nodes that fitted
+    matched: int  # pattern nodes that matched
     of: int  # nodes of the pattern
     last_node: int | None  # index in graph.node of the node matched last
     pattern_node: int | None  # number of the pattern node that could not be matched
     node: int | None  # index of the node that was tried for it
     node_name: str | None
     reason: str  # identifier, such as "not_initializer"
-    input: int | None  # input position, where the reason has one
+    input: int | None  # input position, if the reason has one
     tensor: str | None
     reader: int | None  # index of another node that reads the tensor
     text: str
-    hint: str | None  # what it means or what would help, where that is known
+    hint: str | None  # what it means or what would help, if that is known
 
     def __str__(self) -> str:
         text = f"{self.transformation}, pattern {self.pattern_index}: {self.text}"
@@ -54,10 +55,10 @@ def explain(
     graph: Readable,
     transformation: str | type[AbstractTransformation] | AbstractTransformation | Transformation | Lists,
 ) -> list[Explanation]:
-    """Tells for every pattern of a transformation how often it matches, or why it does not.
+    """Reports for every pattern of a transformation how often it matches, or why it does not.
 
-    Like `find`, it judges all patterns on the graph as it is, and asks no callback: one that refuses its matches shows
-    up in the report of a run, with the reason.
+    Like `find`, it checks all patterns on the graph as it is and runs no callback. If a callback refuses a match, the
+    report of a run shows it with the reason.
 
     Args:
         graph: The graph; or a model, or the path of one, for its graph.
@@ -84,7 +85,7 @@ def explain(
             nodes = [searched.node[index] for match in found for index in match["nodes"]]
             hint = hints.on_matches(surroundings, subject.name, nodes)
             size, times = len(pattern), "once" if len(found) == 1 else f"{len(found)} times"
-            text = f"matches {times}; whether the transformation accepts a match is told when it runs"
+            text = f"matches {times}; a run shows whether the transformation accepts each match"
             explanations.append(
                 Explanation(*head, size, size, None, None, None, None, "matches", None, None, None, text, hint)
             )

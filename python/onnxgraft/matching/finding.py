@@ -32,11 +32,11 @@ def find(
     graph: Readable,
     transformation: str | type[AbstractTransformation] | AbstractTransformation | Transformation | Lists,
 ) -> list[Match]:
-    """The occurrences of every pattern of a transformation, without replacing anything.
+    """Finds the occurrences of every pattern of a transformation, without replacing anything.
 
-    All patterns are looked for in the graph as it is. When the transformation runs, its later patterns see what the
-    earlier ones have left, so one operator may be listed under several patterns here and be replaced once. What the
-    transformation would refuse in its callback is listed too.
+    All patterns are searched for in the graph as it is. When the transformation runs, later patterns see the result of
+    earlier ones. So this function can list one operator under several patterns although a run replaces it once. It also
+    lists matches that the transformation's callback would refuse.
 
     Args:
         graph: The graph; or a model, or the path of one, for its graph; nested bodies are not searched.

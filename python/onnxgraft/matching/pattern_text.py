@@ -1,4 +1,4 @@
-"""`pattern_of`: the pattern of nodes that a graph has, in the notation."""
+"""`pattern_of`: writes some nodes of a graph as a pattern, in the notation."""
 
 from __future__ import annotations
 
@@ -15,12 +15,12 @@ from onnxgraft.matching.subject import graph_of
 
 
 class NoPatternError(WrongUsageError):
-    """Nodes that the notation cannot describe; the message says which and why."""
+    """Nodes that the notation cannot describe; the message names the node and the reason."""
 
 
 @dataclass(frozen=True)
 class PatternText:
-    """A pattern that finds the nodes it was made from."""
+    """A pattern that finds the nodes that it was made from."""
 
     pattern: tuple[str, ...]
     nodes: tuple[int, ...]  # indices in graph.node, in the order of the pattern
@@ -38,27 +38,27 @@ def pattern_of(
     start: str | None = None,
     end: str | None = None,
 ) -> PatternText:
-    """Writes the pattern of some nodes of a graph, in the order in which they stand there.
+    """Writes the pattern of some nodes of a graph, in their order in the graph.
 
     Args:
         model: The model, its graph, or the path of one.
         nodes: Names of the nodes. A node without a name goes by the name of the tensor that it writes.
-        start: A tensor; with `end`, the nodes on all ways from the one to the other are taken too.
+        start: A tensor. With `end`, all nodes on paths from `start` to `end` are included too.
         end: A tensor that is computed from `start`.
 
     Returns:
-        The pattern, the nodes and a name for each id. The warnings tell which tensors between the nodes are used
-        elsewhere too, so that a replacement cannot remove them.
+        The pattern, the nodes and a name for each id. The warnings list the tensors between the nodes that are also
+        used elsewhere, so that a replacement cannot remove them.
 
     Raises:
-        UnknownNameError: There is no node or tensor of a name.
-        NoPatternError: The notation has no form for a node, for instance one with two outputs; or no node was named.
+        UnknownNameError: No node or tensor has that name.
+        NoPatternError: The notation cannot express a node, for instance one with two outputs; or no node was named.
     """
     graph = graph_of(model)
     surroundings = Surroundings(graph)
     chosen = {_index(graph, name) for name in nodes}
     if (start is None) != (end is None):
-        raise NoPatternError("a way between tensors needs both its start and its end")
+        raise NoPatternError("nodes between two tensors need both the start and the end")
     if start is not None and end is not None:
         chosen |= _between(graph, surroundings, start, end)
     if not chosen:
@@ -79,10 +79,12 @@ class _Writer:
         for index, node in zip(self._chosen, nodes, strict=True):
             output = _output(self._graph, index)
             if output in self._written:
-                raise NoPatternError(f"two of the nodes write tensor '{output}': a pattern has one writer of each")
+                raise NoPatternError(
+                    f"two of the nodes write tensor '{output}': in a pattern each tensor has one writer"
+                )
             self._written.add(output)
             if not node.op_type or ":" in node.op_type or node.op_type.split() != [node.op_type]:
-                raise NoPatternError(f"{node_text(self._graph, index)}: its operator has no form in the notation")
+                raise NoPatternError(f"{node_text(self._graph, index)}: the notation cannot express its operator")
         strings = tuple(self._string(node, index) for node, index in zip(nodes, self._chosen, strict=True))
         links = {number: name for name, number in self._ids.items()}
         return PatternText(strings, tuple(self._chosen), links, tuple(self._warnings(nodes, surroundings)))
@@ -99,8 +101,8 @@ class _Writer:
             for later in inputs[position:]:
                 if later and not self._is_constant(later):
                     raise NoPatternError(
-                        f"{node_text(self._graph, index)} leaves input {position} out and reads '{later}' after it: "
-                        "'~i' stands for initializers and inputs left out, to the end"
+                        f"{node_text(self._graph, index)} omits input {position} and reads '{later}' after it: '~i' "
+                        "matches initializers and omitted inputs, to the end"
                     )
             words.append("~i")
             break
@@ -123,7 +125,7 @@ class _Writer:
             if name in surroundings.outputs:
                 where.append("the outputs of the graph")
             if where:
-                yield f"tensor {self._ids[name]} ('{name}') is used by {' and '.join(where)} too: keep it"
+                yield f"tensor {self._ids[name]} ('{name}') is also used by {' and '.join(where)}: keep it"
 
 
 def _output(graph: GraphProto, index: int) -> str:

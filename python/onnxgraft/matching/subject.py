@@ -1,4 +1,4 @@
-"""What the tools take as "a transformation" and as "a graph": names, classes, instances, rows, models."""
+"""What the tools accept as "a transformation" and as "a graph": names, classes, instances, rows, models."""
 
 from __future__ import annotations
 
@@ -20,14 +20,14 @@ Lists: TypeAlias = "Sequence[str] | tuple[Sequence[str], Sequence[str]]"
 
 @dataclass(frozen=True)
 class Subject:
-    """A transformation as far as matching needs it: its name and its (pattern, replacement) pairs."""
+    """The name and the (pattern, replacement) pairs of a transformation: all that matching needs."""
 
     name: str
     pairs: tuple[Pair, ...]
 
 
 def subject_of(transformation: str | type[Any] | AbstractTransformation | Transformation | Sequence[Any]) -> Subject:
-    """The name and the pairs of a short name, a class, an instance or a row of the catalogue; or of lists as they are.
+    """The name and the pairs of a short name, a class, an instance or a row of the catalogue; or of lists.
 
     Raises:
         UnknownTransformationError: No transformation has that short name.
@@ -44,12 +44,12 @@ def subject_of(transformation: str | type[Any] | AbstractTransformation | Transf
     if inspect.isclass(transformation) and issubclass(transformation, AbstractTransformation):
         return Subject(_name(transformation()), Transformation("", transformation).pairs)
     raise TypeError(
-        f"a short name, a class or an instance of AbstractTransformation is wanted, not {type(transformation).__name__}"
+        f"expected a short name, a class or an instance of AbstractTransformation, not {type(transformation).__name__}"
     )
 
 
 def _pair_of_lists(lists: Sequence[Any]) -> Pair:
-    """A pattern, whose replacement keeps every node, so that all that matches counts; or both lists."""
+    """Both lists; a pattern alone gets a replacement that keeps every node, so that every match counts."""
     if len(lists) == 2 and not any(isinstance(one, str) for one in lists):
         pattern, replacement = lists
         return tuple(pattern), tuple(replacement)
@@ -63,6 +63,6 @@ def graph_of(graph: Readable) -> onnx.GraphProto:
 
 
 def _name(instance: Any) -> str:
-    """Its short name, else that of its class."""
+    """Its short name, or the name of its class."""
     method = getattr(instance, "get_simple_name", None)
     return str(method()) if callable(method) else type(instance).__name__

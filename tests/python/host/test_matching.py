@@ -35,27 +35,27 @@ MISSES: list[tuple[list[str], str, str, str]] = [
     (CONV, "Neg w -> c; Abs c -> d; Conv x d -> y", "not_initializer", "computed from constants by an Abs"),
     (CONV, "Conv x x1 -> y", "not_initializer", "'x1' is an input of the graph without a value"),
     (CONV, "Conv x w w1 -> y", "input_count",
-     "every Conv of the graph is one with bias (3 inputs), the pattern wants 2"),
+     "every Conv of the graph is one with bias (3 inputs), the pattern expects 2"),
     (CONV, "QLinearConv x w -> y", "missing_operator", "already quantized: the graph has QLinearConv nodes"),
     (["MatMul:0,1i->2"], "MatMul x x1 -> y", "not_initializer", "'x1' is an input"),
     (["MatMul:0,1i->2"], "Relu x -> a; Neg x -> b; MatMul a b -> y", "not_initializer", "both inputs of this MatMul"),
-    (["Add:0,1i->2"], "Add w x -> y", "not_initializer", "inputs swapped: 'w' is input 0, the pattern wants it at 1"),
+    (["Add:0,1i->2"], "Add w x -> y", "not_initializer", "inputs swapped: 'w' is input 0, the pattern expects it at 1"),
     (["Sub:0,1i->2"], "Sub w x -> y", "not_initializer", "the initializer 'w' is input 0 of the Sub"),
     (JOIN, "Relu x -> a; Sigmoid x -> b; Mul b a -> y", "other_position", "inputs swapped: 'a' is input 1 of the Mul"),
     (PAIR, "Relu x -> a; Sigmoid x -> b; Concat b a -> y", "wrong_operator",
-     "has the Relu at input 1, the pattern wants"),
+     "has the Relu at input 1, the pattern expects"),
     (TWO, "Conv x w -> a; Neg a -> y1; Relu a -> y", "read_elsewhere", "'a' is also read by Neg node 1 (writes 'y1')"),
     (TWO, "Conv x w -> ya; Relu ya -> y", "graph_output", "'ya' is a graph output"),
     (TWO, "Conv x w -> a; Relu a -> y; If x a -> y1", "read_by_body",
      "a nested graph of If node 2 (writes 'y1') reads 'a'"),
-    (TWO, "Conv x w -> a; Identity a -> b; Relu b -> y", "wrong_operator", "the Identity stands between"),
+    (TWO, "Conv x w -> a; Identity a -> b; Relu b -> y", "wrong_operator", "the Identity is between"),
     (TWO, "Conv x w -> a; LeakyRelu a -> y; Relu x -> y1", "wrong_operator", "the activation here is LeakyRelu"),
-    (TWO, "Conv x w -> a; LeakyRelu a -> y", "missing_operator", "the activations of this graph are others: LeakyRelu"),
+    (TWO, "Conv x w -> a; LeakyRelu a -> y", "missing_operator", "this graph has other activations: LeakyRelu"),
     (QUANTS, "Conv x w -> y", "missing_operator", "nothing is quantized yet: run quant_conv first"),
     (QUANTS, "Relu x -> y", "missing_operator", "the graph has no Conv either"),
-    (QUANTS, "TesselQuant x -> a; Conv a w -> b", "node_used_twice", "'x' has one TesselQuant reader only"),
-    (RESIZE, "Resize x   w -> y", "input_omitted", "leaves 'roi' out beside its sizes: prepare"),
-    (RESIZE, "Resize x  w -> y", "input_count", "this Resize is given scales, the pattern wants one with sizes"),
+    (QUANTS, "TesselQuant x -> a; Conv a w -> b", "node_used_twice", "'x' has only one TesselQuant reader"),
+    (RESIZE, "Resize x   w -> y", "input_omitted", "omits 'roi' next to its sizes: prepare"),
+    (RESIZE, "Resize x  w -> y", "input_count", "this Resize has scales, the pattern expects sizes"),
     (POOLS, "MaxPool x -> a; MaxPool x -> b; Concat x a b -> y", "too_few_readers", "stand side by side on 'x'"),
     (SIZES, "Slice x w -> a; Concat a w2 -> y", "input_count", "one constant of two elements"),
     (POOL, "ReduceMean x w_axes -> y", "missing_operator", "a ReduceMean over height and width does the same"),
@@ -162,7 +162,10 @@ def test_find_and_explain_take_models_graphs_names_classes_rows(repository: Path
     assert (with_bias.matches, with_bias.reason, with_bias.hint) == (21, "matches", None)
     assert (without.matches, without.reason, without.node, without.input) == (0, "input_count", 0, None)
     row.apply(model.graph)
-    assert explain(model, "quant_conv")[0].hint == "already quantized: 21 of 21 weights are INT8, and these are refused"
+    assert (
+        explain(model, "quant_conv")[0].hint
+        == "already quantized: 21 of 21 weights are INT8, so these matches are refused"
+    )
     assert [e.pattern_index for e in explain(model, Own((["Cos:0->1"], []), (["Sin:0->1"], [])))] == [0, 1]
 
 

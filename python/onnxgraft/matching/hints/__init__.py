@@ -1,6 +1,6 @@
-"""What a nearest miss means and what would help: one table from reason to small functions, the first answer counts.
+"""What a nearest miss means and what would help: a table from each reason to small functions. The first answer counts.
 
-Each function says something only where it is sure; where none does, there is no hint.
+A function answers only if it is sure. If none is, there is no hint.
 """
 
 from __future__ import annotations
@@ -78,10 +78,12 @@ def on_miss(miss: Miss) -> str | None:
 
 
 def on_matches(surroundings: Surroundings, transformation: str, nodes: Sequence[NodeProto]) -> str | None:
-    """What is known beforehand about matches: quantizing an operator again is refused."""
+    """A hint about matches that are certain to be refused: those that quantize an operator again."""
     if transformation not in ("quant_conv", "quant_gemm", "quant_matmul"):
         return None
     operands = [node for node in nodes if node.op_type in ("Conv", "Gemm", "MatMul")]
     weights = [surroundings.initializers.get(node.input[1]) for node in operands]
     done = sum(weight is not None and weight.data_type == TensorProto.INT8 for weight in weights)
-    return f"already quantized: {done} of {len(operands)} weights are INT8, and these are refused" if done else None
+    return (
+        f"already quantized: {done} of {len(operands)} weights are INT8, so these matches are refused" if done else None
+    )

@@ -1,4 +1,4 @@
-"""Hints about an input that has to be an initializer and is none. `miss.tensor` is that input's tensor."""
+"""Hints about an input that must be an initializer and is not. `miss.tensor` is the tensor of that input."""
 
 from __future__ import annotations
 
@@ -9,14 +9,14 @@ from onnxgraft.matching.hints.miss import Miss
 
 
 def constant_node(miss: Miss) -> str | None:
-    """The value stands in a `Constant` node."""
+    """A `Constant` node holds the value."""
     if miss.writer is None or miss.writer.op_type != "Constant":
         return None
     return f"{_what(miss)} is the output of a Constant node: prepare turns it into an initializer (make_initializers)"
 
 
 def identity(miss: Miss) -> str | None:
-    """One or several `Identity` nodes stand between."""
+    """One or several `Identity` nodes separate the two."""
     if miss.writer is None or miss.writer.op_type != "Identity":
         return None
     source, node = miss.tensor, miss.writer
@@ -37,7 +37,7 @@ def transpose(miss: Miss) -> str | None:
 
 
 def dequantized(miss: Miss) -> str | None:
-    """The model came with quantized weights of ONNX's own kind."""
+    """The model was already quantized by ONNX's own operators."""
     if miss.writer is None or miss.writer.op_type != "DequantizeLinear":
         return None
     return f"already quantized: {_what(miss)} is dequantized by a DequantizeLinear; start from the float model"
@@ -52,23 +52,23 @@ def sizes_from_shape(miss: Miss) -> str | None:
     if not any(part is not None and part.op_type in ("Slice", "Gather", "Unsqueeze", "Cast") for part in parts):
         return None
     return (
-        f"the sizes, '{miss.tensor}', are computed from a shape: where its height and width are constants, "
-        "prepare (split_resize_sizes) and then simplify_shape_v2 make an initializer of them"
+        f"the sizes, '{miss.tensor}', are computed from a shape: if height and width are constants there, prepare "
+        "(split_resize_sizes) and then simplify_shape_v2 make it an initializer"
     )
 
 
 def computed_from_constants(miss: Miss) -> str | None:
-    """Everything that leads to the tensor is constant."""
+    """The tensor is computed from constants only."""
     if miss.writer is None or not _is_constant(miss.around, miss.writer):
         return None
     return (
         f"{_what(miss)} is computed from constants by {_article(miss.writer.op_type)}: export with constant folding, "
-        "or fold it beforehand"
+        "or fold it first"
     )
 
 
 def fed_from_outside(miss: Miss) -> str | None:
-    """A graph input is no constant, and a sparse one is none that the patterns know."""
+    """A graph input is not a constant, and patterns do not match a sparse initializer."""
     if miss.tensor in {sparse.values.name for sparse in miss.around.graph.sparse_initializer}:
         return f"{_what(miss)} is a sparse initializer: store it as a dense one"
     if miss.tensor not in miss.around.inputs:
@@ -96,7 +96,7 @@ def _article(op: str) -> str:
 
 
 def _is_constant(around: Surroundings, node: NodeProto) -> bool:
-    """True if nothing but constants leads to the node; False for long ways too."""
+    """True if the node is computed from constants only; False if the chain is too long to check."""
     todo, seen = [node], 0
     while todo:
         seen += 1

@@ -1,4 +1,4 @@
-"""The material of a hint: a nearest miss with the pattern and the graph around it."""
+"""The input of a hint: a nearest miss with the pattern and the graph around it."""
 
 from __future__ import annotations
 
@@ -56,11 +56,11 @@ class Miss:
         return self.around.writer.get(self.tensor)
 
     def text(self, index: int) -> str:
-        """A node of the graph in words."""
+        """A node of the graph, described for a reader."""
         return node_text(self.around.graph, index)
 
     def neighbours(self) -> list[tuple[PatternNode, int, int]]:
-        """Nodes that read what the tried node writes, at a place where the pattern has `wanted`.
+        """Nodes that read the output of the tried node, where the pattern has `wanted`.
 
         Each with the pattern node that it would be, its index and the input position.
         """

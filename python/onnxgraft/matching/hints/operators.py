@@ -1,4 +1,4 @@
-"""Hints about an operator that is not there, in the whole graph or at the place where the pattern wants it."""
+"""Hints about a missing operator, in the whole graph or at the place where the pattern expects it."""
 
 from __future__ import annotations
 
@@ -29,7 +29,7 @@ def mean_instead_of_pool(miss: Miss) -> str | None:
 
 
 def nothing_quantized(miss: Miss) -> str | None:
-    """Most patterns are about quantized operators."""
+    """Most patterns match quantized operators."""
     if miss.wanted.op not in ("TesselQuant", "TesselDequant"):
         return None
     wanted = [op for op in _QUANTIZING if op in {node.op for node in miss.pattern}]
@@ -42,7 +42,7 @@ def nothing_quantized(miss: Miss) -> str | None:
 
 
 def quantized_form(miss: Miss) -> str | None:
-    """The model came quantized in ONNX's own way."""
+    """The model was already quantized by ONNX's own operators."""
     there = [op for op in _QUANTIZED_FORMS if op in miss.around.operators]
     if miss.wanted.op not in _QUANTIZING or not there:
         return None
@@ -58,7 +58,7 @@ def inside_functions(miss: Miss) -> str | None:
 
 
 def inside_bodies(miss: Miss) -> str | None:
-    """Nor are nested graphs."""
+    """Nested graphs are not searched either."""
     for index, node in enumerate(miss.around.graph.node):
         if any(inner.op_type == miss.wanted.op for body in all_bodies(node) for inner in body.node):
             return f"only a nested graph has one (in {miss.text(index)}), and these are not rewritten"
@@ -69,7 +69,7 @@ def folded_normalization(miss: Miss) -> str | None:
     """Exporters fold normalizations into convolutions."""
     if miss.wanted.op != "BatchNormalization" or "Conv" not in miss.around.operators:
         return None
-    return "exporters fold a BatchNormalization into the Conv in front of it unless told not to"
+    return "by default, exporters fold a BatchNormalization into the Conv before it"
 
 
 def other_activation(miss: Miss) -> str | None:
@@ -82,18 +82,18 @@ def other_activation(miss: Miss) -> str | None:
     there = [op for op in _ACTIVATIONS if op in miss.around.operators]
     if "Sigmoid" in there and "Mul" in miss.around.operators:
         there[there.index("Sigmoid")] = "Sigmoid with Mul"
-    return f"the activations of this graph are others: {', '.join(there)}" if there else None
+    return f"this graph has other activations: {', '.join(there)}" if there else None
 
 
 def sizes_known(miss: Miss) -> str | None:
-    """There is no shape computation to simplify."""
+    """The graph has no shape computation to simplify."""
     if miss.wanted.op not in ("Shape", "Slice") or "Shape" in miss.around.operators:
         return None
     return "the graph computes nothing from shapes: there is nothing to simplify"
 
 
 def not_quantized(miss: Miss) -> str | None:
-    """A quantize or dequantize node is wanted and the operator has float weights."""
+    """The pattern expects a quantize or dequantize node, and the operator has float weights."""
     node = miss.node
     if node is None or miss.wanted.op not in ("TesselQuant", "TesselDequant"):
         return None
@@ -109,7 +109,7 @@ def not_quantized(miss: Miss) -> str | None:
 
 
 def stands_between(miss: Miss) -> str | None:
-    """Something that only passes data on stands where the wanted operator is looked for."""
+    """A node that only passes data on is where the pattern expects the operator."""
     node = miss.node
     if node is None or node.op_type not in _PASSED_BY:
         return None
@@ -117,7 +117,7 @@ def stands_between(miss: Miss) -> str | None:
     front = [miss.around.writer[name] for name in node.input if name in miss.around.writer]
     if not any(other.op_type == miss.wanted.op for other in (*behind, *front)):
         return None
-    return f"the {node.op_type} stands between it and the next {miss.wanted.op}"
+    return f"the {node.op_type} is between it and the next {miss.wanted.op}"
 
 
 def _is_pool(around: Surroundings, node: NodeProto) -> bool:

@@ -1,4 +1,4 @@
-"""Hints about who else uses a tensor that the replacement would take away, and who does not use it."""
+"""Hints about other readers of a tensor that the replacement would remove, and about missing readers."""
 
 from __future__ import annotations
 
@@ -6,7 +6,7 @@ from onnxgraft.matching.hints.miss import Miss
 
 
 def two_writers(miss: Miss) -> str | None:
-    """Not a valid graph."""
+    """The graph is not valid."""
     return f"two nodes write '{miss.tensor}': the model is not valid ONNX"
 
 
@@ -22,7 +22,7 @@ def read_by_body(miss: Miss) -> str | None:
 
 
 def read_elsewhere(miss: Miss) -> str | None:
-    """And tensors with a reader outside the occurrence."""
+    """So do tensors with a reader outside the occurrence."""
     reader = miss.data["reader"]
     if reader is None:
         return None
@@ -34,16 +34,16 @@ def read_elsewhere(miss: Miss) -> str | None:
 
 
 def chained_pools(miss: Miss) -> str | None:
-    """Pools one behind the other instead of side by side, or the other way round."""
+    """Pools in sequence instead of side by side, or the other way round."""
     node = miss.node
     if node is None or node.op_type != "MaxPool":
         return None
     before = miss.around.writer.get(node.input[0])
     readers = [miss.around.graph.node[index] for index in miss.around.readers(node.input[0])]
     if sum(reader.op_type == "MaxPool" for reader in readers) > 1:
-        return f"the MaxPool nodes stand side by side on '{node.input[0]}', the pattern has them one behind the other"
+        return f"the MaxPool nodes are side by side on '{node.input[0]}', the pattern has them in sequence"
     if before is not None and before.op_type == "MaxPool":
-        return "the MaxPool nodes stand one behind the other, the pattern wants another arrangement"
+        return "the MaxPool nodes are in sequence, the pattern expects another arrangement"
     return None
 
 
@@ -56,30 +56,32 @@ def too_few_readers(miss: Miss) -> str | None:
 
 
 def only_one(miss: Miss) -> str | None:
-    """The pattern wants two nodes of a kind where there is one."""
+    """The pattern expects two nodes of a kind, and there is one."""
     if miss.node is None or not miss.node.input:
         return None
     name, op = miss.node.input[0], miss.wanted.op
     count = sum(miss.around.graph.node[index].op_type == op for index in miss.around.readers(name))
-    return f"'{name}' has one {op} reader only, the pattern wants several" if count == 1 else None
+    return f"'{name}' has only one {op} reader, the pattern expects several" if count == 1 else None
 
 
 def no_producer(miss: Miss) -> str | None:
-    """What comes from outside has no writer."""
+    """Graph inputs and initializers have no writer."""
     if miss.tensor in miss.around.initializers:
-        return f"'{miss.tensor}' is an initializer, the pattern wants the output of a {miss.wanted.op}"
+        return f"'{miss.tensor}' is an initializer, the pattern expects the output of a {miss.wanted.op}"
     if miss.tensor in miss.around.inputs:
-        return f"'{miss.tensor}' is a graph input, the pattern wants the output of a {miss.wanted.op}"
+        return f"'{miss.tensor}' is a graph input, the pattern expects the output of a {miss.wanted.op}"
     return None
 
 
 def no_reader(miss: Miss) -> str | None:
-    """Nothing follows."""
+    """No node follows."""
     if miss.tensor in miss.around.outputs:
-        return f"'{miss.tensor}' is a graph output and nothing reads it, the pattern wants a {miss.wanted.op} behind it"
+        return (
+            f"'{miss.tensor}' is a graph output and nothing reads it, the pattern expects a {miss.wanted.op} after it"
+        )
     return None
 
 
 def closes_cycle(_miss: Miss) -> str | None:
-    """The replacement joins what other nodes keep in order."""
+    """The replacement would join parts whose order other nodes fix."""
     return "the nodes fit, but other nodes lead from one part of the match to another"
