@@ -7,6 +7,9 @@ repeats it alone.
 import os
 import random
 from collections.abc import Callable
+from functools import partial
+from itertools import groupby
+from typing import Any
 
 import numpy as np
 import pytest
@@ -14,10 +17,11 @@ from onnx import GraphProto, NodeProto
 from onnx.printer import to_text
 
 from helpers.furnished import furnished_graph
-from onnxgraft import catalogue
+from onnxgraft import catalogue, transform_utilities
 from onnxgraft.graph.names import all_names
+from oracle import callbacks
 from oracle.callbacks import CALLBACKS
-from oracle.compare import difference, serialized
+from oracle.compare import Renaming, difference, serialized
 from oracle.matching import Table, all_assignments
 from oracle.notation import parse_pair
 from oracle.rewriting import Pass
@@ -54,12 +58,20 @@ def outcome(run: Callable[[], int]) -> tuple[int | type[Exception], float]:
 _ALIVE: list[GraphProto] = []
 
 
-def check(name: str, seed: int) -> int | type[Exception] | None:
-    """What `apply` gave on one random graph; None if the graph would take the slow model too long."""
+def random_graph(name: str, seed: int) -> GraphProto | None:
+    """The same graph for the same seed; None if it would take the slow model too long."""
     rng = random.Random(f"{name} {seed}")
     pairs = catalogue.find_row(name).pairs
-    before = furnished_graph(rng, rng.choice(pairs)[0], products=name.endswith("v10"))
-    if any(len(all_assignments(Table(before), parse_pair(*pair))) > MOST_ASSIGNMENTS for pair in pairs):
+    graph = furnished_graph(rng, rng.choice(pairs)[0], products=name.endswith("v10"))
+    if any(len(all_assignments(Table(graph), parse_pair(*pair))) > MOST_ASSIGNMENTS for pair in pairs):
+        return None
+    return graph
+
+
+def check(name: str, seed: int) -> int | type[Exception] | None:
+    """What `apply` gave on one random graph; None if the graph would take the slow model too long."""
+    before = random_graph(name, seed)
+    if before is None:
         return None
     graphs = [GraphProto.FromString(before.SerializeToString()) for _ in range(2)]
     _ALIVE.extend(graphs)
@@ -87,3 +99,39 @@ def test_random_graphs(name: str) -> None:
 
 def test_every_class_has_its_model() -> None:
     assert CALLBACKS.keys() == catalogue.rows().keys()
+
+
+@pytest.mark.parametrize("name", ["quant_conv", "quant_gemm", "quant_matmul", "update_tesselquant"])
+def test_a_replaced_look_up_sees_the_graph_after_the_splice(name: str, monkeypatch: pytest.MonkeyPatch) -> None:
+    """As in the model: all occurrences of the round are replaced, and no old node is in the list beside a new one."""
+    known: set[str] = set()
+    seen: dict[Any, list[Any]] = {}
+
+    def watched(module: Any, look_up: Callable[..., Any]) -> Callable[..., Any]:
+        def watch(graph: GraphProto, names: Any) -> Any:
+            nodes = Renaming(graph, known).form.node
+            seen[module].append([(node.op_type, node.name, list(node.input), list(node.output)) for node in nodes])
+            return look_up(graph, names)
+
+        return watch
+
+    monkeypatch.setattr(callbacks, "record", watched(callbacks, callbacks.record))
+    monkeypatch.setattr(transform_utilities, "get_init", watched(transform_utilities, transform_utilities.get_init))
+    runs: dict[Any, Callable[[GraphProto], int]] = {
+        callbacks: partial(expected_apply, name),
+        transform_utilities: catalogue.find_row(name).apply,
+    }
+    rounds = 0
+    for seed in range(GRAPHS):
+        before = random_graph(name, seed)
+        if before is None:
+            continue
+        known = all_names(before)
+        for module, run in runs.items():
+            seen[module] = []
+            _ALIVE.append(GraphProto.FromString(before.SerializeToString()))
+            outcome(partial(run, _ALIVE[-1]))
+        expected, actual = ([state for state, _ in groupby(states)] for states in seen.values())
+        assert actual == expected, (name, seed)
+        rounds += len(expected)
+    assert rounds > GRAPHS / 2
