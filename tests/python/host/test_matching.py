@@ -56,7 +56,7 @@ MISSES: list[tuple[list[str], str, str, str]] = [
     (QUANTS, "TesselQuant x -> a; Conv a w -> b", "node_used_twice", "'x' has only one TesselQuant reader"),
     (RESIZE, "Resize x   w -> y", "input_omitted", "omits 'roi' next to its sizes: prepare"),
     (RESIZE, "Resize x  w -> y", "input_count", "this Resize has scales, the pattern expects sizes"),
-    (POOLS, "MaxPool x -> a; MaxPool x -> b; Concat x a b -> y", "too_few_readers", "stand side by side on 'x'"),
+    (POOLS, "MaxPool x -> a; MaxPool x -> b; Concat x a b -> y", "too_few_readers", "are side by side on 'x'"),
     (SIZES, "Slice x w -> a; Concat a w2 -> y", "input_count", "one constant of two elements"),
     (POOL, "ReduceMean x w_axes -> y", "missing_operator", "a ReduceMean over height and width does the same"),
     (["Relu:0->1", "Relu:1->2"], "Relu x -> y", "graph_output", "'y' is a graph output"),
