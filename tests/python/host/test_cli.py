@@ -339,8 +339,9 @@ def wait(self, graph):
 onnxgraft.quant.QuantConvTransformation.apply = wait
 run()
 """
-    if ignored:  # as by `nohup`
-        program = "import signal; signal.signal(signal.SIGHUP, signal.SIG_IGN)" + program
+    # `nohup` ignores SIGHUP, for the tests as well if they run under it.
+    way = "SIG_IGN" if ignored else "SIG_DFL"
+    program = f"import signal; signal.signal(signal.SIGHUP, signal.{way})" + program
     program = program.replace("SECONDS", "1" if ignored else "60")
     arguments = ["apply", MODEL, "-t", "quant_conv", "-o", OUT]
     with subprocess.Popen([sys.executable, "-c", program, *arguments], stdout=subprocess.PIPE, text=True) as process:
