@@ -1,4 +1,4 @@
-"""`auto_pad` of a `Conv`, `MaxPool` or `AveragePool` -> `pads` of the same numbers, which transformations look at.
+"""`auto_pad` of a `Conv`, `MaxPool` or `AveragePool` -> explicit `pads`, which transformations read.
 
 SAME keeps n = ceil(length / stride) elements. It pads (n - 1) * stride + (kernel - 1) * dilation + 1 - length, half of
 that on either side, and the odd one after the data (UPPER) or before it (LOWER). VALID pads nothing.
@@ -15,10 +15,10 @@ _VALID, _UPPER, _LOWER = b"VALID", b"SAME_UPPER", b"SAME_LOWER"
 
 
 def write_pads(workpiece: Workpiece) -> int:
-    """Writes those out whose numbers are known: from the lengths of the input's axes, or with stride 1 without them.
+    """Writes out the pads whose numbers are known: from the lengths of the input's axes, or with stride 1 without them.
 
-    Left as they are, since runtimes do not agree on them: a pool that rounds its output up (`ceil_mode`) or has
-    dilations, and a kernel so much smaller than its stride that the sum above is negative.
+    Two cases stay as they are, since runtimes do not agree on them: a pool that rounds its output up (`ceil_mode`) or
+    has dilations, and a kernel so much smaller than its stride that the sum above is negative.
     """
     nodes = [node for node in workpiece.graph.node if _mode(node) is not None]
     if not nodes:
@@ -37,7 +37,7 @@ def write_pads(workpiece: Workpiece) -> int:
 
 
 def _mode(node: NodeProto) -> bytes | None:
-    """What `auto_pad` says, where it says something that can be written out."""
+    """The value of `auto_pad`, if it is one that can be written out."""
     if node.op_type not in _OPERATORS or not is_standard(node, node.op_type):
         return None
     rounds_up = any(attribute.name == "ceil_mode" and attribute.i for attribute in node.attribute)

@@ -21,19 +21,19 @@ LOG = logging.getLogger(__name__)
 _WEIGHT, _BIAS = 1, 2
 _PARAMETERS = slice(1, 5)  # scale, B, mean, variance
 _EPSILON = 1e-5
-# From this operator set on a normalization is one of inference unless it says otherwise.
+# From this operator set on, a normalization is for inference unless it says otherwise.
 _INFERENCE_BY_DEFAULT = 7
-# What rounding may change, relative to the largest weight of a filter: half precision loses more where all get small.
+# Rounding may change this much, relative to the largest weight of a filter. Half precision loses more if all get small.
 _LARGEST_LOSS = 2.0**-10
 _ELEMENT_TYPES = {TensorProto.FLOAT, TensorProto.FLOAT16, TensorProto.DOUBLE}
 
 
 def fold_batch_norms(workpiece: Workpiece) -> int:
-    """Folds those that alone read the output of a convolution with constant weights.
+    """Folds normalizations that are the only reader of a convolution with constant weights.
 
-    Weights and parameters that others read too stay for them; convolutions that share weights and the parameters of
-    their normalization share the new weights. One of training stays, one over each element (`spatial` 0), and one whose
-    weights would overflow or lose precision.
+    Weights and parameters with other readers stay for them. Convolutions that share weights and normalization
+    parameters share the new weights. A normalization stays if it is for training, normalizes each element (`spatial`
+    0), or if the new weights would overflow or lose precision.
     """
     graph = workpiece.graph
     if not workpiece.opset or not any(is_standard(node, "BatchNormalization") for node in graph.node):
@@ -77,7 +77,7 @@ def _is_foldable(norm: NodeProto, opset: int) -> bool:
 
 
 class _Folder:
-    """Makes the new initializers, one pair for equal reasons."""
+    """Creates the new initializers, one pair for each distinct set of inputs."""
 
     def __init__(self, workpiece: Workpiece) -> None:
         self._workpiece = workpiece
@@ -87,7 +87,7 @@ class _Folder:
         self.replaced: set[str] = set()
 
     def fold(self, conv: NodeProto, norm: NodeProto) -> bool:
-        """Gives the convolution its new weight and bias; False, and nothing is changed, if there are none."""
+        """Gives the convolution its new weight and bias; returns False, and changes nothing, if there are none."""
         if not (is_standard(conv, "Conv") or is_standard(conv, "ConvTranspose")):
             return False
         names = [input_of(conv, _WEIGHT), input_of(conv, _BIAS), *norm.input[_PARAMETERS]]
@@ -103,15 +103,15 @@ class _Folder:
             self._made[key] = self._make(names, epsilon, transposed_groups)
         made = self._made[key]
         if made is None:
-            LOG.warning("BatchNormalization '%s' is not folded: the weights would not keep their precision or their "
-                        "shapes do not fit", norm.output[0])  # fmt: skip
+            LOG.warning("BatchNormalization '%s' is not folded: its shapes do not fit, or the weights would "
+                        "lose precision", norm.output[0])  # fmt: skip
             return False
         conv.input[_WEIGHT] = made[0]
         conv.input[_BIAS:] = [made[1]]
         return True
 
     def _make(self, names: Sequence[str], epsilon: float, transposed_groups: int) -> tuple[str, str] | None:
-        """Names of a new weight and bias; None if a value cannot be read or fits badly."""
+        """Names of a new weight and bias; None if a value cannot be read or does not fit."""
         arrays = [self._workpiece.values(self._constants[name]) if name else None for name in names]
         weight, bias, *parameters = arrays
         numbers = [array.astype(np.float64) for array in parameters if array is not None]
@@ -140,7 +140,7 @@ class _Folder:
 
 
 def _filters(shape: tuple[int, ...], transposed_groups: int) -> tuple[int, int, int, int] | None:
-    """The shape of a weight whose axes 0 and 2 together count its output channels; None for one that has none.
+    """The shape of a weight whose axes 0 and 2 together count its output channels; None if it has no such shape.
 
     A `Conv` has them first; a `ConvTranspose` has those of one group second, and the groups one after the other.
     """

@@ -30,7 +30,7 @@ def make_initializers(workpiece: Workpiece) -> int:
 
 
 def _value(node: NodeProto) -> TensorProto | None:
-    """What a `Constant` holds; None for a sparse tensor, or if it does not hold one thing."""
+    """The value of a `Constant`; None for a sparse tensor, or if it does not have exactly one value."""
     if len(node.attribute) != 1:
         return None
     attribute = node.attribute[0]

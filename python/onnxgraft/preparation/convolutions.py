@@ -1,4 +1,4 @@
-"""`Conv` without `group` -> `Conv` with `group` 1, the default: `change_gap_conv` asks for it."""
+"""`Conv` without `group` -> `Conv` with `group` 1, the default: `change_gap_conv` reads the attribute."""
 
 from __future__ import annotations
 

@@ -1,8 +1,8 @@
-"""A node that reads constants only -> an initializer of what it writes.
+"""A node that reads constants only -> an initializer with its output.
 
 Exporters compute on weights what they could have stored: a `Cast` of half-precision weights, a `DequantizeLinear` of
 INT8 ones, a `Mul` by the gain of a weight normalization, a `Reshape` for a `Conv` that was a matrix product. Patterns
-want an initializer there. onnx's own evaluator computes each node.
+expect an initializer there. onnx's own evaluator computes each node.
 """
 
 from __future__ import annotations
@@ -19,19 +19,19 @@ from onnxgraft.preparation.workpiece import Workpiece, input_of, is_standard
 
 LOG = logging.getLogger(__name__)
 
-# What exporters do to weights. All are exact, or rounded once, in every runtime alike.
+# Operators that exporters apply to weights. All are exact, or rounded once, in every runtime alike.
 _FOLDED = frozenset(
     {"Add", "Cast", "CastLike", "Clip", "DequantizeLinear", "Div", "Expand", "Flatten", "Mul", "QuantizeLinear",
      "Reshape", "Shape", "Squeeze", "Sub", "Transpose", "Unsqueeze"}
 )  # fmt: skip
-# What an `Expand` may make: a bias of one number for all channels, not a whole weight.
+# The largest result of an `Expand`: a bias from one number for all channels, not a whole weight.
 _LARGEST_EXPANDED = 2**16
 
-# onnx's evaluator knows these two from here on; earlier forms mean the same here.
+# onnx's evaluator knows these two from this operator set on; earlier forms mean the same here.
 _QUANTIZED = frozenset({"DequantizeLinear", "QuantizeLinear"})
 _QUANTIZED_SINCE = 19
 
-# What an element of an integer type is at least, and what it is less than.
+# The smallest value of an integer type, and the first one beyond its largest.
 _LIMITS = {
     getattr(TensorProto, f"{sign}INT{bits}"): (0.0, 2.0**bits) if sign else (-(2.0 ** (bits - 1)), 2.0 ** (bits - 1))
     for sign in ("", "U")
@@ -70,7 +70,7 @@ def fold_constants(workpiece: Workpiece) -> int:
 
 
 def _value(node: NodeProto, workpiece: Workpiece, constants: Mapping[str, TensorProto], opset: int) -> Array | None:
-    """What the node writes, if that is known without a value for the graph's inputs."""
+    """The output of the node, if it is known without a value for the graph's inputs."""
     if node.op_type == "CastLike":
         like = input_of(node, 1)
         if input_of(node, 0) not in constants:
@@ -89,7 +89,7 @@ def _value(node: NodeProto, workpiece: Workpiece, constants: Mapping[str, Tensor
 
 
 def _computed(node: NodeProto, values: Sequence[Array | None], opset: int) -> Array | None:
-    """What the node writes; None if that is not known, or is not a plain array of numbers."""
+    """The output of the node; None if it is not known, or is not a plain array of numbers."""
     arrays = [value for value in values if value is not None]
     if len(arrays) < len(values) or not _same_everywhere(node, arrays):
         return None
@@ -106,7 +106,7 @@ def _computed(node: NodeProto, values: Sequence[Array | None], opset: int) -> Ar
     try:
         with np.errstate(all="ignore"):
             value = np.asarray(next(iter(ReferenceEvaluator(model).run(None, feeds))))
-    except Exception as error:  # whatever the evaluator raises: the node stays as it is
+    except Exception as error:  # any error of the evaluator: the node stays as it is
         LOG.warning("%s '%s' is not folded: %s", node.op_type, node.output[0], " ".join(str(error).split()))
         return None
     most = _LARGEST_EXPANDED if node.op_type == "Expand" else max(array.size for array in arrays)
@@ -116,7 +116,7 @@ def _computed(node: NodeProto, values: Sequence[Array | None], opset: int) -> Ar
 
 
 def _same_everywhere(node: NodeProto, arrays: Sequence[Array]) -> bool:
-    """Whether the standard says what comes out: not of a quotient of integers, nor of a cast that they cannot hold."""
+    """Whether the standard defines the result: it does not for a quotient of integers, nor for a cast out of range."""
     kind = arrays[0].dtype.kind
     if node.op_type == "Div":
         return kind == "f"

@@ -1,6 +1,6 @@
 """A node that calls a function of the model -> the nodes of that function, by onnx's inliner.
 
-Exporters write a module, or an operator that they compose of others, as a function; patterns name the operators inside.
+Exporters write a module, or an operator composed of others, as a function. Patterns name the operators inside.
 """
 
 from __future__ import annotations
@@ -20,17 +20,17 @@ LOG = logging.getLogger(__name__)
 
 Name = tuple[str, str]  # domain and name
 
-# A model may carry functions for these, so that tools which do not know them can compute it.
+# A model may carry functions for these operators, so that tools without them can still compute it.
 _OWN_OPERATORS = frozenset({"TesselQuant", "TesselDequant"})
 
 
 def inline_functions(workpiece: Workpiece) -> int:
-    """Calls those in line that the outer graph and nested bodies call, and removes those that nothing calls any more.
+    """Inlines the functions that the outer graph and nested bodies call, and removes functions without a caller.
 
-    A function for another version of an operator set than the model's stays, and so do all if one calls itself.
+    A function for another version of an operator set than the model's stays. All functions stay if one calls itself.
 
     Returns:
-        How many calls are gone.
+        The number of calls that were inlined.
     """
     model = workpiece.model
     if model is None or not model.functions:
@@ -44,7 +44,7 @@ def inline_functions(workpiece: Workpiece) -> int:
         tuple(TopologicalSorter({_name(f): set(_calls(f.node)) & names for f in functions}).static_order())
         inlined = onnx_calls.inline_local_functions(_outline(model, functions))
     except (CycleError, RuntimeError, ValueError, checker.ValidationError) as error:
-        LOG.warning("functions are not called in line: %s", " ".join(str(error).split()))
+        LOG.warning("functions are not inlined: %s", " ".join(str(error).split()))
         return 0
     calls -= sum(name in names for name in _calls(inlined.graph.node))
     if calls:
@@ -58,7 +58,7 @@ def inline_functions(workpiece: Workpiece) -> int:
 
 
 def _fitting(model: ModelProto) -> tuple[list[FunctionProto], dict[str, int]]:
-    """The functions that the model's operator sets, and their own where it has none, suit; and all these sets."""
+    """The functions whose operator sets agree with the model's, and the operator sets of all of them together."""
     versions = {_domain(entry.domain): entry.version for entry in model.opset_import}
     fitting = []
     for function in model.functions:
@@ -66,7 +66,7 @@ def _fitting(model: ModelProto) -> tuple[list[FunctionProto], dict[str, int]]:
         if function.name in _OWN_OPERATORS:
             continue
         if any(versions.get(domain, version) != version for domain, version in own.items()):
-            LOG.warning("function '%s' is not called in line: it is for another version of an operator set than the "
+            LOG.warning("function '%s' is not inlined: it is for another version of an operator set than the "
                         "model", function.name)  # fmt: skip
             continue
         versions.update(own)
@@ -75,7 +75,7 @@ def _fitting(model: ModelProto) -> tuple[list[FunctionProto], dict[str, int]]:
 
 
 def _drop_uncalled(model: ModelProto, candidates: set[Name]) -> None:
-    """Removes the candidates that neither the graph nor a function that stays calls."""
+    """Removes the candidates that neither the graph nor a remaining function calls."""
     bodies_of = {_name(function): function.node for function in model.functions}
     called: set[Name] = set()
     pending = [*_calls(model.graph.node)]
@@ -92,7 +92,7 @@ def _drop_uncalled(model: ModelProto, candidates: set[Name]) -> None:
 
 
 def _outline(model: ModelProto, functions: list[FunctionProto]) -> ModelProto:
-    """The nodes and the functions; of everything else the names, which new ones have to differ from."""
+    """The nodes and the functions, and all other names, so that new names differ from them."""
     outline = ModelProto(ir_version=model.ir_version, opset_import=model.opset_import, functions=functions)
     outline.graph.name = model.graph.name
     outline.graph.node.extend(model.graph.node)

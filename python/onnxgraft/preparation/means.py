@@ -1,6 +1,6 @@
 """`ReduceMean` over the two spatial axes of an image that keeps them -> `GlobalAveragePool`.
 
-Equal but for the rounding of the sum.
+The results differ only by the rounding of the sum.
 """
 
 from __future__ import annotations
@@ -11,7 +11,7 @@ from onnxgraft.preparation.workpiece import Workpiece, input_of, is_standard
 
 _IMAGE_RANK = 4
 _SPATIAL_AXES = [2, 3]
-# What GlobalAveragePool takes in every operator set.
+# The element types that GlobalAveragePool accepts in every operator set.
 _ELEMENT_TYPES: set[int] = {TensorProto.FLOAT, TensorProto.FLOAT16, TensorProto.DOUBLE}
 
 

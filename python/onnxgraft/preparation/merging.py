@@ -1,4 +1,4 @@
-"""Nodes that compute the same from the same -> one of them, which all readers read."""
+"""Nodes that compute the same from the same inputs -> one of them, which all readers read."""
 
 from __future__ import annotations
 
@@ -10,35 +10,35 @@ from onnx import AttributeProto, GraphProto, NodeProto, defs
 from onnxgraft.graph.bodies import bodies
 from onnxgraft.preparation.workpiece import STANDARD_DOMAINS, Workpiece
 
-# These compute something else each time, or belong to one reader each: runtimes fuse a dequantize node with what reads
-# it, and patterns want the shape of a tensor for one `Resize` alone.
+# These differ with each run, or belong to one reader each: runtimes fuse a dequantize node with its reader, and
+# patterns expect the shape of a tensor for one `Resize` alone.
 _LEFT_ALONE = frozenset(
     {"Bernoulli", "Constant", "DequantizeLinear", "Dropout", "Multinomial", "QuantizeLinear", "RandomNormal",
      "RandomNormalLike", "RandomUniform", "RandomUniformLike", "Shape"}
 )  # fmt: skip
-# Larger constants are equal only if they are one.
+# Larger constants count as equal only if they are the same initializer.
 _LARGEST_COMPARED = 1024
 
 
 def merge_equal_nodes(workpiece: Workpiece) -> int:
-    """Merges nodes of standard operators that agree in operator, attributes and inputs, and what then agrees.
+    """Merges nodes of standard operators with equal operator, attributes and inputs, and then nodes that became equal.
 
     Small constants of equal contents count as one input. A tensor that the graph returns or a nested body reads keeps
-    its name; of two nodes that both write such a tensor, both stay.
+    its name; if two nodes both write such a tensor, both stay.
     """
     graph = workpiece.graph
     written = [name for node in graph.node for name in node.output if name]
     if len(written) > len(set(written)):
         return 0
     merged = changed = _merge_once(workpiece, _suspects(workpiece))
-    while changed:  # what reads merged nodes may be equal now
+    while changed:  # readers of merged nodes may be equal now
         changed = _merge_once(workpiece, range(len(graph.node)))
         merged += changed
     return merged
 
 
 def _suspects(workpiece: Workpiece) -> list[int]:
-    """Nodes that share operator and first input with another, as the first nodes to be merged do."""
+    """Nodes that share operator and first input with another one: the first nodes to merge are among them."""
     constants = workpiece.constants()
     groups: dict[tuple[str, str], list[int]] = {}
     for index, node in enumerate(workpiece.graph.node):
@@ -85,7 +85,7 @@ def _merge_once(workpiece: Workpiece, positions: Iterable[int]) -> int:
 
 
 class _Numbers:
-    """A number for each value: tensors that are known to be equal have the same."""
+    """A number for each value: tensors that are known to be equal have the same number."""
 
     def __init__(self, workpiece: Workpiece) -> None:
         self._workpiece = workpiece
@@ -94,15 +94,15 @@ class _Numbers:
         self._of_contents: dict[tuple[object, ...], int] = {}
 
     def of(self, names: Iterable[str]) -> tuple[int, ...]:
-        """The numbers of tensors, given to those that have none yet."""
+        """The numbers of tensors; a tensor without one gets one now."""
         return tuple(self._of_name[name] if name in self._of_name else self._new(name) for name in names)
 
     def rough(self, names: Iterable[str]) -> tuple[object, ...]:
-        """The same for equal tensors, and without reading a constant."""
+        """The same number for equal tensors, and without reading a constant."""
         return tuple(self._kind(name) or self.of((name,)) for name in names)
 
     def equate(self, names: Iterable[str], others: Iterable[str]) -> None:
-        """Gives tensors the numbers of others."""
+        """Gives tensors the numbers of other tensors."""
         self._of_name.update(zip(names, self.of(others), strict=True))
 
     def _new(self, name: str) -> int:
@@ -112,7 +112,7 @@ class _Numbers:
         return self._of_name[name]
 
     def _kind(self, name: str) -> tuple[object, ...] | None:
-        """Element type and dimensions of a constant that is compared by contents."""
+        """Element type and dimensions of a constant whose contents are compared."""
         tensor = self._constants.get(name)
         if tensor is None or math.prod(tensor.dims) > _LARGEST_COMPARED:
             return None
@@ -130,7 +130,7 @@ def _may_be_merged(node: NodeProto) -> bool:
 
 
 def _exact(node: NodeProto, numbers: _Numbers) -> tuple[object, ...]:
-    """The values that a node reads, and what its attributes say, whatever their order."""
+    """The values that a node reads, and its attributes, in any order."""
     texts = []
     for attribute in node.attribute:
         bare = AttributeProto()
@@ -141,7 +141,7 @@ def _exact(node: NodeProto, numbers: _Numbers) -> tuple[object, ...]:
 
 
 def _rename(graph: GraphProto, new_names: Mapping[str, str]) -> None:
-    """Makes all nodes read the new names; a new name may itself have a newer one."""
+    """Makes all nodes read the new names. A new name may itself have been replaced."""
     if not new_names:
         return
     for node in graph.node:

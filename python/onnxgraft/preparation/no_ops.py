@@ -1,9 +1,9 @@
-"""A node that hands its input on as it is -> its readers read that input.
+"""A node that passes its input on unchanged -> its readers read that input.
 
 - `Slice` from the first to the last element of each axis that it names.
 - `Pad` by nothing.
 - `Cast` to the type that its input has.
-- `Dropout` of inference, where its mask is not read.
+- `Dropout` in inference, if its mask is not read.
 - `Concat` of one tensor.
 """
 
@@ -18,9 +18,9 @@ from onnx import NodeProto, TensorProto, TypeProto
 from onnxgraft.preparation.redirecting import bypass
 from onnxgraft.preparation.workpiece import Workpiece, input_of, is_standard, known_lengths
 
-# "To the end" where the length is unknown: the largest number of either type of index, as exporters write it.
+# "To the end" if the length is unknown: the largest number of either index type, as exporters write it.
 _TO_THE_END = np.iinfo(np.int32).max
-# From this operator set on a `Dropout` trains only where it is told to.
+# From this operator set on, a `Dropout` trains only if its input says so.
 _DROPOUT_OF_INFERENCE = 7
 
 
@@ -32,7 +32,7 @@ def drop_no_ops(workpiece: Workpiece) -> int:
 
 
 class _Facts:
-    """What is known of the tensors, looked up once and only if asked for."""
+    """Facts about the tensors, looked up once and only on demand."""
 
     def __init__(self, workpiece: Workpiece) -> None:
         self._workpiece = workpiece

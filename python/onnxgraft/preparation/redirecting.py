@@ -1,4 +1,4 @@
-"""Takes nodes that hand on one of their inputs out of the data flow."""
+"""Removes nodes that pass on one of their inputs from the data flow."""
 
 from __future__ import annotations
 
@@ -10,7 +10,7 @@ from onnxgraft.preparation.workpiece import Workpiece
 def bypass(workpiece: Workpiece, sources: Mapping[str, str]) -> int:
     """Makes the readers of each key read its value instead, and removes the nodes that write the keys.
 
-    A node stays where the graph returns its output or a nested body reads it; its other readers are redirected.
+    A node stays if the graph returns its output or a nested body reads it; its other readers are redirected.
 
     Returns:
         How many keys lost a reader or their node.
@@ -37,7 +37,7 @@ def bypass(workpiece: Workpiece, sources: Mapping[str, str]) -> int:
 
 
 def _end(sources: Mapping[str, str], name: str) -> str | None:
-    """Where a chain begins; None for a ring."""
+    """The start of a chain; None for a ring."""
     seen = {name}
     while name in sources:
         name = sources[name]

@@ -1,8 +1,8 @@
 """`Resize`: the inputs that patterns name.
 
 - An omitted region or scales -> an initializer without elements, which means the same.
-- sizes = Concat(Slice(Shape(x)), [h, w]) -> Concat(Slice(Shape(x)), [h], [w]), the form of `simplify_shape_v2`; so is
-  one whose `Shape` has a start and an end, which become the `Slice`.
+- sizes = Concat(Slice(Shape(x)), [h, w]) -> Concat(Slice(Shape(x)), [h], [w]), the form of `simplify_shape_v2`. The
+  same for a `Shape` with a start and an end, which become the `Slice`.
 """
 
 from __future__ import annotations
@@ -18,7 +18,7 @@ _SIZES = 3
 
 
 def fill_resize_inputs(workpiece: Workpiece) -> int:
-    """Fills before the last given input, in the operator's form with a region (operator set 11 and later).
+    """Fills the omitted inputs before the last given one, in the form with a region (operator set 11 and later).
 
     An omitted `sizes` stays omitted, since nothing follows it. A `Resize` that crops by its region needs a real one.
     """
@@ -70,7 +70,7 @@ def split_resize_sizes(workpiece: Workpiece) -> int:
 
 
 def _slice_shapes(workpiece: Workpiece, producers: dict[str, NodeProto], fresh: Callable[[str], str]) -> None:
-    """Takes the start and end of a `Shape` for the sizes of a `Resize` out of it; its node becomes the `Slice`."""
+    """Moves the start and end of a `Shape` for the sizes of a `Resize` into a `Slice`; the node becomes the `Slice`."""
     graph, constants = workpiece.graph, workpiece.constants()
     ready = set()
     for node in graph.node:

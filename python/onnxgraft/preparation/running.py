@@ -1,4 +1,4 @@
-"""Runs the steps that a caller chose, in the order in which they help each other."""
+"""Runs the steps that a caller chose, in the order in which one step prepares the next."""
 
 from __future__ import annotations
 
@@ -32,18 +32,18 @@ def prepare(
     folder: str | os.PathLike[str] | None = None,
     weight_store: WeightStore | None = None,
 ) -> list[PreparationStep]:
-    """Prepares a model for the transformations, in place; its function stays.
+    """Prepares a model for the transformations, in place. Its function does not change.
 
     Args:
-        model: The model, or its graph alone: then no shapes are inferred, since a graph does not say which operator
-            set it uses.
+        model: The model, or its graph alone: then no shapes are inferred, since a graph does not say which operator set
+            it uses.
         steps: Names of the steps to run, None for all. They run in the order of `STEPS`, whatever order is given.
         skip: Names of steps to leave out.
         folder: The folder that the locations of external tensors start from; None is the current one.
-        weight_store: Where new weights go, if not into the graph.
+        weight_store: Where to put new weights, if not into the graph.
 
     Returns:
-        What each step that ran changed.
+        The changes of each step that ran.
 
     Raises:
         PreparationError: A name in `steps` or `skip` is unknown; the model is unchanged then.

@@ -1,4 +1,4 @@
-"""Nodes in any order -> each after the producers of what it reads."""
+"""Nodes in any order -> each after the producers of its inputs."""
 
 from __future__ import annotations
 
@@ -12,11 +12,11 @@ LOG = logging.getLogger(__name__)
 
 
 def sort_nodes(workpiece: Workpiece) -> int:
-    """Sorts stably: of the nodes that may come next, the one that stood first does.
+    """Sorts stably: among the nodes that may come next, the one that was first comes first.
 
     Returns:
-        How many nodes stood before one of their producers. A graph with a cycle, or with two producers of one
-        tensor, stays as it is.
+        How many nodes came before one of their producers. A graph with a cycle, or with two producers of one tensor,
+        stays as it is.
     """
     nodes = workpiece.graph.node
     producers: dict[str, int] = {}
@@ -34,7 +34,7 @@ def sort_nodes(workpiece: Workpiece) -> int:
         return 0
     order = _order(needs)
     if len(order) < len(needs):
-        LOG.warning("nodes are not sorted: %d of them form a cycle or follow one", len(needs) - len(order))
+        LOG.warning("nodes are not sorted: %d of them form a cycle or depend on one", len(needs) - len(order))
         return 0
     places = [0] * len(order)
     for place, index in enumerate(order):
@@ -45,7 +45,7 @@ def sort_nodes(workpiece: Workpiece) -> int:
 
 
 def _order(needs: list[set[int]]) -> list[int]:
-    """Indices in topological order, without those on or after a cycle."""
+    """Indices in topological order, without the nodes on a cycle or after one."""
     waiting = [len(wanted) for wanted in needs]
     readers: list[list[int]] = [[] for _ in needs]
     for index, wanted in enumerate(needs):

@@ -1,4 +1,4 @@
-"""THE table of steps, in the order in which they run: what one makes, a later one may need."""
+"""THE table of steps, in the order in which they run: a later step may need the result of an earlier one."""
 
 from __future__ import annotations
 
@@ -33,12 +33,12 @@ class Step:
 
 
 _ALL = (
-    Step("inline_functions", "calls of the model's functions become the nodes of these", inline_functions),
-    Step("sort_nodes", "nodes stand after the producers of what they read", sort_nodes),
+    Step("inline_functions", "calls of the model's functions become the nodes of these functions", inline_functions),
+    Step("sort_nodes", "nodes come after the producers of what they read", sort_nodes),
     Step("make_initializers", "outputs of Constant nodes become initializers", make_initializers),
     Step("resolve_identities", "readers of an Identity read what it reads", resolve_identities),
     Step("fold_transposes", "a Transpose of an initializer becomes an initializer", fold_transposes),
-    Step("fold_constants", "what is computed from initializers alone becomes an initializer", fold_constants),
+    Step("fold_constants", "nodes that read only initializers become an initializer", fold_constants),
     Step("drop_no_ops", "readers of a Slice, Pad, Cast, Dropout or Concat without effect read its input", drop_no_ops),
     Step("write_conv_group", "a Conv without group gets the default, 1, written out", write_conv_group),
     Step("write_pads", "auto_pad becomes pads, where the lengths are known", write_pads),

@@ -1,7 +1,7 @@
-"""Types and shapes of a model's tensors, without handing the weights to the inference.
+"""Types and shapes of a model's tensors, without passing the weights to the inference.
 
-Inference takes the model as bytes, and one message cannot exceed 2 GB. So it gets an outline: all nodes, and of the
-initializers only those that may be shapes, axes or bounds. The others are described as inputs.
+Inference takes the model as bytes, and one message cannot exceed 2 GB. So it gets an outline: all nodes, and only those
+initializers that may be shapes, axes or bounds. The others are described as inputs.
 """
 
 from __future__ import annotations
@@ -17,7 +17,7 @@ from onnxgraft.graph.tensor_values import read_values
 
 LOG = logging.getLogger(__name__)
 
-# Before this version of the file format an initializer had to be listed among the graph's inputs.
+# Before this version of the file format, every initializer had to be listed among the graph's inputs.
 _FIRST_IR_WITHOUT_LISTING = 4
 
 # Larger initializers are not shapes.
@@ -25,12 +25,12 @@ _LARGEST_SHAPE = 1024
 
 
 def lists_initializers(model: ModelProto) -> bool:
-    """Whether the file format asks for each initializer as an input; otherwise a caller may set those that are."""
+    """Whether the file format lists each initializer as an input. If not, callers may override listed ones."""
     return 0 < model.ir_version < _FIRST_IR_WITHOUT_LISTING
 
 
 def inferred_values(model: ModelProto, folder: str) -> list[ValueInfoProto]:
-    """The entries that `value_info` and the outputs have or could have; those it has if the inference fails."""
+    """The entries of `value_info` and the outputs, completed by inference unless inference fails."""
     try:
         inferred = infer_shapes(_outline(model, folder), data_prop=True)
     except (shape_inference.InferenceError, RuntimeError, ValueError) as error:
@@ -59,14 +59,14 @@ def _outline(model: ModelProto, folder: str) -> ModelProto:
             described = helper.make_tensor_value_info(tensor.name, tensor.data_type, list(tensor.dims))
             outline.graph.input.append(described)
     for node in outline.graph.node:
-        if node.op_type == "TesselDequant":  # hands the shape on
+        if node.op_type == "TesselDequant":  # passes the shape on
             node.op_type, node.domain = "Identity", ""
             del node.input[1:], node.attribute[:]
     return outline
 
 
 def _small_copy(tensor: TensorProto, folder: str) -> TensorProto | None:
-    """The tensor with its values at hand; None if it is large or cannot be read."""
+    """The tensor with its values included; None if it is large or cannot be read."""
     if math.prod(tensor.dims) > _LARGEST_SHAPE:
         return None
     if not uses_external_data(tensor):

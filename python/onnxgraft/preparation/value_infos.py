@@ -8,7 +8,7 @@ from onnxgraft.preparation.workpiece import Workpiece
 
 
 def infer_shapes(workpiece: Workpiece) -> int:
-    """Adds entries, and completes those that lack their shape; none that says something is overruled."""
+    """Adds entries, and completes those without a shape. It does not overrule given information."""
     graph = workpiece.graph
     inner = {name for node in graph.node for name in node.output} - workpiece.defined_names()
     inner -= {value.name for value in graph.output}

@@ -1,7 +1,7 @@
 """The graph that the steps work on, and the few edits that they make.
 
-Invariant: after each edit every name that is read is still defined. What others refer to by name (graph outputs,
-nested bodies) is never renamed or removed.
+Invariant: after each edit every name that is read is still defined. Names that others refer to (graph outputs, nested
+bodies) are never renamed or removed.
 """
 
 from __future__ import annotations
@@ -30,10 +30,10 @@ class Workpiece:
     Args:
         model: The model, or its graph alone. A graph does not say which operator set it uses, so nothing is inferred.
         folder: The folder that the locations of external tensors start from; None is the current one.
-        weight_store: Where new tensors go, if not into the graph.
+        weight_store: Where to put new tensors, if not into the graph.
 
     Attributes:
-        lists_initializers: Whether initializers have to be among the graph's inputs as well.
+        lists_initializers: Whether the file format also lists initializers among the graph's inputs.
     """
 
     def __init__(
@@ -52,17 +52,17 @@ class Workpiece:
         self._inferred: list[ValueInfoProto] | None = None
 
     def constants(self) -> dict[str, TensorProto]:
-        """The initializers that are constant: a caller can give those among the inputs another value."""
+        """The initializers that are constant: a caller can override those among the inputs."""
         inputs = set() if self._inputs_are_constant else {value.name for value in self.graph.input}
         return {tensor.name: tensor for tensor in self.graph.initializer if tensor.name not in inputs}
 
     def values(self, tensor: TensorProto) -> Array | None:
-        """The values of a tensor; None if they cannot be read or would not come back as the same element type."""
+        """The values of a tensor; None if they cannot be read or NumPy has no equal element type."""
         return read_values(tensor, self.folder)
 
     @property
     def opset(self) -> int:
-        """The version of the standard operator set; 0 for a graph alone, which does not say it."""
+        """The version of the standard operator set; 0 for a graph alone, which does not state it."""
         imports = self.model.opset_import if self.model is not None else ()
         return max((entry.version for entry in imports if entry.domain in STANDARD_DOMAINS), default=0)
 
@@ -71,17 +71,17 @@ class Workpiece:
         return {value.name for value in self.graph.input} | {tensor.name for tensor in self.graph.initializer}
 
     def kept_names(self) -> set[str]:
-        """Names that have to go on existing: graph outputs and what nested bodies read."""
+        """Names that must stay: graph outputs and tensors that nested bodies read."""
         return {value.name for value in self.graph.output} | body_reads(self.graph)
 
     def inferred(self) -> list[ValueInfoProto]:
-        """Types and shapes of the graph's tensors, inferred once: few steps change what is known."""
+        """Types and shapes of the graph's tensors, inferred once, since few steps change them."""
         if self._inferred is None:
             self._inferred = inferred_values(self.model, self.folder) if self.model else list(self.graph.value_info)
         return self._inferred
 
     def infer_again(self) -> None:
-        """To be called after a change that lets the inference find more, or nodes that it has not seen."""
+        """Call this after a change that lets inference find more, or that adds nodes."""
         self._inferred = None
 
     def types(self) -> dict[str, TypeProto.Tensor]:
@@ -90,12 +90,12 @@ class Workpiece:
         return {value.name: value.type.tensor_type for value in values if value.type.HasField("tensor_type")}
 
     def element_type(self, name: str) -> int:
-        """Of a tensor that a node writes or a caller gives; 0 if it is not known."""
+        """The element type of a tensor that a node writes or a caller gives; 0 if it is not known."""
         tensor = self.types().get(name)
         return TensorProto.UNDEFINED if tensor is None else tensor.elem_type
 
     def fresh_names(self) -> Callable[[str], str]:
-        """A function that makes a name nothing has out of the one wished for."""
+        """A function that returns an unused name close to the one asked for."""
         taken: set[str] = set()
 
         def fresh(wanted: str) -> str:
@@ -110,7 +110,7 @@ class Workpiece:
         return fresh
 
     def add(self, tensor: TensorProto) -> None:
-        """Adds an initializer, where the file format asks for it as an input too."""
+        """Adds an initializer, and an input of its name if the file format requires one."""
         self.graph.initializer.append(tensor)
         if self.lists_initializers:
             value = helper.make_tensor_value_info(tensor.name, tensor.data_type, list(tensor.dims))
@@ -122,16 +122,16 @@ class Workpiece:
         self.add(tensor if self._weight_store is None else self._weight_store.store(tensor))
 
     def remove_nodes(self, positions: Collection[int]) -> None:
-        """Takes the nodes at these positions out of the graph."""
+        """Removes the nodes at these positions from the graph."""
         remove_at(self.graph.node, positions)
 
     def forget_values(self, names: Collection[str]) -> None:
-        """Removes what `value_info` says of tensors that are gone."""
+        """Removes the `value_info` entries of tensors that no longer exist."""
         values = self.graph.value_info
         remove_at(values, [index for index, value in enumerate(values) if value.name in names])
 
     def drop_unread(self, names: Collection[str]) -> None:
-        """Removes those of the constants that nothing reads any more."""
+        """Removes those of the constants that have no reader any more."""
         if not names:
             return
         read = {name for node in self.graph.node for name in node.input} | self.kept_names()
@@ -141,7 +141,7 @@ class Workpiece:
             remove_at(field, [index for index, value in enumerate(field) if value.name in unread])
 
     def _all_listed(self) -> bool:
-        """A graph alone does not say its file format; one that lists all its initializers may be an old one."""
+        """A graph alone does not state its file format. One that lists all its initializers may be an old one."""
         inputs = {value.name for value in self.graph.input}
         return bool(self.graph.initializer) and all(tensor.name in inputs for tensor in self.graph.initializer)
 
@@ -167,7 +167,7 @@ def known_lengths(tensor: TypeProto.Tensor | None) -> list[int | None] | None:
 
 
 def remove_at(field: Any, positions: Iterable[int]) -> None:
-    """Removes items of a repeated field: they go to the end by a stable sort and leave in one piece, in linear time."""
+    """Removes items of a repeated field: a stable sort moves them to the end, one deletion removes them."""
     gone = set(positions)
     if not gone:
         return

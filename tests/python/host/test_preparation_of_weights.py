@@ -248,4 +248,4 @@ def test_functions_that_stay(body: str, reason: str, caplog: pytest.LogCaptureFi
     with caplog.at_level(logging.WARNING):
         assert prepare(model, ["inline_functions"])[0].changed == 0
     assert model.SerializeToString() == text
-    assert ("not called in line" in caplog.text) == bool(reason)
+    assert ("not inlined" in caplog.text) == bool(reason)
