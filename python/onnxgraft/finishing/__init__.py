@@ -1,8 +1,8 @@
 """Completes what the transformations leave open, after each step of a run.
 
-The classes write what their patterns say and no more: `delete_concat` gives both branches the whole weight,
-`fuse_bn_quant` a bias that may be too short, and none says of which type its tensors are. A run with `rewrite` or
-`onnxgraft apply` goes on from there, so that its result can be computed.
+The classes write what their patterns state and no more: `delete_concat` gives both branches the whole weight,
+`fuse_bn_quant` writes a bias that may be too short, and none records the types of its tensors. A run with `rewrite` or
+`onnxgraft apply` completes this, so that its result can be computed.
 """
 
 from onnxgraft.finishing.operator_numbers import operator_numbers

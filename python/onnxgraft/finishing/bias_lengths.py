@@ -1,7 +1,7 @@
 """Biases of `fuse_bn_quant` -> one element for each channel of their own convolution.
 
-The class draws them in pairs, as many as the first convolution has channels, so that an odd number leaves one out and
-a second convolution of another width gets the length of the first. Missing elements become 0, surplus ones are cut off.
+The class draws them in pairs, as many as the first convolution has channels. So an odd number drops one, and a second
+convolution of another width gets the length of the first. Missing elements become 0, surplus ones are cut off.
 """
 
 from __future__ import annotations
@@ -25,7 +25,7 @@ class BringBiasesToLength:
         return issubclass(transformation.cls, FuseQuantBatchNormTransformation)
 
     def follow(self, step: DoneStep) -> None:
-        """Brings each new bias to its length; those that have it already do not count."""
+        """Brings each new bias to its length; biases that already have it do not count."""
         tensors = {tensor.name: tensor for tensor in step.graph.initializer}
         changed = 0
         for splice in step.splices_of(FuseQuantBatchNormTransformation):

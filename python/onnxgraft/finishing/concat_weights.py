@@ -1,13 +1,13 @@
 """Weights after `delete_concat` -> one part for each branch.
 
-Before, one convolution read the joined tensor. Its weight W of shape [M, C1 + C2, ...] falls into W1 and W2 along the
+Before, one convolution read the joined tensor. Its weight W of shape [M, C1 + C2, ...] splits into W1 and W2 along the
 input channels, where the first branch has C1 of them:
 
     Conv([x1, x2], W) + b  =  (Conv(x1, W1) + b) + (Conv(x2, W2) + 0)
 
-A convolution that reads a quantize node itself takes that node's offset o out of its input, which the joined one could
-not; so each branch's bias gets trunc(o * sum(Wi)) more, the inverse of what moving a quantize node across a `Concat`
-takes away. Padding stands for the value 0 before and for o afterwards, so with padding an offset has no exact result.
+A convolution that reads a quantize node itself subtracts that node's offset o from its input, which the joined one
+could not. So each branch's bias gets trunc(o * sum(Wi)) more, the inverse of what moving a quantize node across a
+`Concat` subtracts. Padding means the value 0 before and o afterwards, so with padding an offset has no exact result.
 """
 
 from __future__ import annotations
@@ -25,7 +25,7 @@ from onnxgraft.quant import DeleteConcatTransformation
 
 Array = npt.NDArray[Any]
 
-# Ids of the class's pattern and replacement: quantized branch and the convolution's output on it.
+# Ids of the class's pattern and replacement: the quantized branch and the output of the convolution on it.
 _BRANCHES = (("2", "100"), ("4", "101"))
 _WEIGHT, _BIAS = "6", "7"
 
@@ -90,7 +90,7 @@ class _Work:
         return values
 
     def _channels(self, splice: Splice, total: int, place: str) -> tuple[int, int]:
-        """How many channels each branch has; one is told by the other."""
+        """The number of channels of each branch; one follows from the other."""
         kinds = [self._types.get(splice.links[branch]) for branch, _ in _BRANCHES]
         known = [kind.channels if kind is not None else None for kind in kinds]
         first, second = known

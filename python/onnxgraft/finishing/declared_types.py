@@ -1,6 +1,6 @@
 """Tensors that a run made or changed -> with their element type and shape in `value_info`, as far as both are known.
 
-Entries of weights that are gone go too: some exporters list initializers in `value_info` as well.
+Entries of removed weights are removed too: some exporters also list initializers in `value_info`.
 """
 
 from __future__ import annotations
@@ -13,7 +13,7 @@ from onnxgraft.preparation.workpiece import remove_at
 class DeclareTypes:
     """Runs after every step.
 
-    A tensor of the caller's that had no entry before gets none, unless it holds quantized values now.
+    A tensor of the caller's without an entry gets none, unless it holds quantized values now.
     """
 
     def __init__(self, host: Host) -> None:

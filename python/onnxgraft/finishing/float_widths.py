@@ -1,4 +1,4 @@
-"""Float weights after `change_gap_conv` -> in the floating-point type of the tensor that they are computed with.
+"""Float weights after `change_gap_conv` -> the floating-point type of the tensor that they are computed with.
 
 The class writes float32. In a float16 model the convolutions read float16, and no operator takes both.
 """
@@ -25,7 +25,7 @@ class MatchFloatWidths:
         return issubclass(transformation.cls, ChangeGAPCONVTransformation)
 
     def follow(self, step: DoneStep) -> None:
-        """Casts the new weights and biases where the input is known to be of another floating-point type."""
+        """Casts the new weights and biases if the input is known to be of another floating-point type."""
         splices = step.splices_of(ChangeGAPCONVTransformation)
         if not splices:
             return
@@ -38,7 +38,7 @@ class MatchFloatWidths:
                 continue
             dtype = helper.tensor_dtype_to_np_dtype(kind.element_type)
             for tensor in (tensors[splice.links[operand]] for operand in _OPERANDS):
-                # New in this step, so that undoing the step removes the record that changes here.
+                # New in this step, so undoing the step removes the record that changes here.
                 values = np.asarray(numpy_helper.to_array(tensor)).astype(dtype)
                 tensor.CopyFrom(numpy_helper.from_array(values, tensor.name))
                 changed += 1

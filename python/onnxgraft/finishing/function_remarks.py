@@ -1,4 +1,4 @@
-"""Says where a step changed the function of the model though nothing failed."""
+"""Reports where a step changed the function of the model although nothing failed."""
 
 from __future__ import annotations
 
@@ -10,7 +10,7 @@ from onnxgraft.quant import DeleteConcatTransformation, ReplaceResizeQuantTransf
 
 
 class RemarkOnFunction:
-    """Runs after the transformations that do so by definition.
+    """Runs after the transformations that change the function by definition.
 
     Args:
         finish: Whether `delete_concat` has been finished: then it keeps the function.
@@ -20,7 +20,7 @@ class RemarkOnFunction:
         self._finish = finish
 
     def wants(self, transformation: Transformation) -> bool:
-        """It looks at the modes of `Resize` nodes as they were."""
+        """It looks at the modes of the `Resize` nodes before the step."""
         return issubclass(transformation.cls, ReplaceResizeQuantTransformation)
 
     def follow(self, step: DoneStep) -> None:
@@ -29,7 +29,7 @@ class RemarkOnFunction:
         if issubclass(cls, DeleteConcatTransformation) and not self._finish:
             step.remarks.append("both branches have the whole weight: shapes do not fit")
         elif issubclass(cls, SimplifyShapeV2Transformation):
-            step.remarks.append("-1 in the sizes of Resize stands for the input's own size")
+            step.remarks.append("-1 in the sizes of Resize means the input's own size")
         elif issubclass(cls, ReplaceResizeQuantTransformation):
             resizes = [node for splice in step.splices for node in splice.matched if node.op_type == "Resize"]
             others = [mode for mode in map(_mode, resizes) if mode != "nearest"]

@@ -1,4 +1,4 @@
-"""Files of IR version 3 and older: every initializer is listed among the graph's inputs, new ones too."""
+"""Files of IR version 3 and older list every initializer among the graph's inputs, so new ones are listed too."""
 
 from __future__ import annotations
 
@@ -9,9 +9,9 @@ from onnxgraft.following import DoneStep, Host
 
 
 class ListInitializers:
-    """Lists what a step added, if the format asks for it.
+    """Lists the initializers that a step added, if the format requires it.
 
-    A graph without its model does not tell its format; one that lists all its initializers is taken for an old one.
+    A graph without its model does not state its format. One that lists all its initializers is treated as an old one.
     """
 
     def __init__(self, host: Host) -> None:

@@ -1,4 +1,4 @@
-"""The numbers that quantized operators work with, read from a finished graph."""
+"""The numbers that quantized operators compute with, read from a finished graph."""
 
 from __future__ import annotations
 
@@ -29,7 +29,7 @@ def operator_numbers(host: Host) -> Iterator[OperatorNumbers]:
 
         max over output channels of (m * sum(|w|) + |b|)
 
-    where m is 128, and 128 + |offset| for a `Conv` that takes the offset of its own quantize node out.
+    where m is 128, or 128 + |offset| for a `Conv` that subtracts the offset of its own quantize node.
     """
     quantized = quantized_values.find(host.graph, host.opsets).tensors
     tensors = {tensor.name: tensor for tensor in reversed(host.graph.initializer)}
@@ -59,7 +59,7 @@ def operator_numbers(host: Host) -> Iterator[OperatorNumbers]:
 
 
 def _largest_sum(node: onnx.NodeProto, weight: Array) -> float:
-    """The largest sum of |w| over what goes into one output element."""
+    """The largest sum of |w| over the weights of one output element."""
     if not weight.size:
         return 0.0
     if weight.ndim < 2:

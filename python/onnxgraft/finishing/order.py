@@ -12,11 +12,11 @@ from onnxgraft.following import Follower, Host
 
 
 def followers(host: Host, *, finish: bool) -> list[Follower]:
-    """The followers of a run that is about to begin.
+    """The followers of a run that is about to start.
 
     Args:
         host: The graph, prepared.
-        finish: Whether weights and biases are finished; the others describe what is there and always run.
+        finish: Whether to finish weights and biases; the other followers only describe the graph and always run.
     """
     completing: list[Follower] = [SplitWeights(), BringBiasesToLength(), MatchFloatWidths()] if finish else []
     return [*completing, RemarkOnFunction(finish=finish), DeclareTypes(host), ListInitializers(host)]
