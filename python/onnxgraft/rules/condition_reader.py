@@ -47,7 +47,7 @@ def _node(number: int, value: Any, place: Place, known: Known) -> NodeCondition:
     without = place.at("without").texts(table.get("without", []), "names of attributes")
     domain = table.get("domain")
     if domain is not None:
-        place.at("domain").typed(domain, str, 'a domain such as ""')
+        place.at("domain").typed(domain, str, 'the name of a domain, such as ""')
     return NodeCondition(number, attributes, without, domain)
 
 
@@ -58,12 +58,12 @@ def _tensor(tensor: str, value: Any, place: Place, known: Known) -> TensorCondit
     place.keys(table, _TENSOR_KEYS)
     asked = _numbers(table, place)
     if asked.asks and tensor not in known.initializers:
-        place.error(f"only an initializer has values to ask for: write '{tensor}i' in the pattern")
+        place.error(f"only an initializer has values to check: write '{tensor}i' in the pattern")
     types = table.get("type", [])
     ranks = table.get("rank", [])
     for rank in ranks if isinstance(ranks, list) else [ranks]:
         if place.at("rank").typed(rank, int, "a whole number, or a list of them") < 0:
-            place.at("rank").error(f"a rank is 0 or more, not {rank}")
+            place.at("rank").error(f"expected a rank of 0 or more, not {rank}")
     fits = table.get("fits")
     if fits is not None and fits not in known.tensors:
         place.at("fits").error(f"there is no tensor {fits} in the pattern")
@@ -78,7 +78,7 @@ def _tensor(tensor: str, value: Any, place: Place, known: Known) -> TensorCondit
 
 
 def _shapes(value: Any, place: Place) -> tuple[Shape, ...]:
-    """One shape, or a list of shapes of which one has to be met."""
+    """One shape, or a list of shapes of which one must match."""
     if not isinstance(value, list):
         place.error(f'expected a shape such as [1, "*", 1, 1], not {value!r}')
     listed = value if value and all(isinstance(item, list) for item in value) else [value]
@@ -95,6 +95,6 @@ def _numbers(table: Any, place: Place) -> Numbers:
             place.at(key).typed(table[key], (int, float), "a number")
     elements = table.get("elements")
     if elements is not None and place.at("elements").typed(elements, int, "a whole number") < 0:
-        place.at("elements").error(f"a number of elements is 0 or more, not {elements}")
+        place.at("elements").error(f"expected 0 or more elements, not {elements}")
     value = numbers(table["value"], place.at("value")) if "value" in table else None
     return Numbers(elements, value, table.get("not"), table.get("min"), table.get("max"))

@@ -1,4 +1,4 @@
-"""What a rule asks of the nodes and tensors that its pattern matched, beyond operators and links."""
+"""The conditions of a rule on the nodes and tensors that its pattern matched, beyond operators and links."""
 
 from __future__ import annotations
 
@@ -17,7 +17,7 @@ Shape = tuple[int | None, ...]
 
 @dataclass(frozen=True)
 class Kind:
-    """What is known of a tensor: element type and shape, each None where it is not known."""
+    """The known facts of a tensor: element type and shape, each None if unknown."""
 
     type: str | None
     shape: Shape | None
@@ -27,10 +27,10 @@ class Matched(Protocol):
     """One occurrence, as conditions see it."""
 
     def constant(self, tensor: str) -> Array:
-        """The values of the initializer that an id stands for."""
+        """The values of the initializer that an id names."""
 
     def kind(self, tensor: str) -> Kind:
-        """Element type and shape of the tensor that an id stands for."""
+        """Element type and shape of the tensor that an id names."""
 
     def name(self, tensor: str) -> str:
         """The tensor's name in the graph."""
@@ -41,7 +41,7 @@ class Matched(Protocol):
 
 @dataclass(frozen=True)
 class Numbers:
-    """A condition on values; what is None is not asked."""
+    """A condition on values; a field that is None is not checked."""
 
     elements: int | None = None
     value: Any = None  # a number that every element has, or the list of all of them
@@ -50,12 +50,12 @@ class Numbers:
     max: float | None = None
 
     def objections(self, array: Array) -> Iterator[str]:
-        """What does not hold, in words that follow a subject."""
+        """The first condition that fails, as the rest of a sentence after the subject."""
         if self.elements is not None and array.size != self.elements:
             yield f"has {array.size} elements, not {self.elements}"
         if self.value is not None:
             wanted = np.asarray(self.value)
-            # As the element type stores it: 0.1 in float32 is not 0.1 in float64.
+            # Compared in the element type of the tensor: 0.1 in float32 is not 0.1 in float64.
             stored = wanted.astype(array.dtype) if array.dtype.kind == "f" else wanted
             if (wanted.ndim and array.shape != wanted.shape) or array.size == 0 or not (array == stored).all():
                 yield f"is not {wanted.tolist()}"
@@ -68,23 +68,23 @@ class Numbers:
 
     @property
     def asks(self) -> bool:
-        """Whether it asks anything."""
+        """Whether any field is set."""
         return self != Numbers()
 
 
 @dataclass(frozen=True)
 class TensorCondition:
-    """What must hold of the tensor that an id stands for."""
+    """The conditions on the tensor that an id names."""
 
     tensor: str
     numbers: Numbers = field(default_factory=Numbers)
     types: tuple[str, ...] = ()
     ranks: tuple[int, ...] = ()
     shapes: tuple[Shape, ...] = ()  # one of these
-    fits: str | None = None  # broadcast with the tensor of this id, it leaves that one's shape as it is
+    fits: str | None = None  # broadcasting with the tensor of this id must keep that tensor's shape
 
     def objections(self, matched: Matched) -> Iterator[str]:
-        """What does not hold, as sentences."""
+        """The conditions that fail, as sentences."""
         subject = f"tensor '{matched.name(self.tensor)}'"
         if self.types or self.ranks or self.shapes or self.fits is not None:
             kind = matched.kind(self.tensor)
@@ -111,7 +111,7 @@ class TensorCondition:
 
 @dataclass(frozen=True)
 class NodeCondition:
-    """What must hold of the node that matched a string."""
+    """The conditions on the node that matched a string."""
 
     node: int
     attributes: Mapping[str, Numbers | str] = field(default_factory=dict)
@@ -119,7 +119,7 @@ class NodeCondition:
     domain: str | None = None
 
     def objections(self, matched: Matched) -> Iterator[str]:
-        """What does not hold, as sentences."""
+        """The conditions that fail, as sentences."""
         node = matched.node(self.node)
         subject = describe(node)
         if self.domain is not None and _plain_domain(node.domain) != _plain_domain(self.domain):
@@ -137,7 +137,7 @@ class NodeCondition:
                     yield f"attribute '{name}' of {subject} is {text!r}, not '{wanted}'"
             else:
                 array = np.asarray(found)
-                # An attribute holds 32-bit numbers, which read as 64-bit ones.
+                # An attribute stores 32-bit numbers, and Python reads them as 64-bit ones.
                 array = array.astype(np.float32) if array.dtype.kind == "f" else array
                 if array.dtype.kind not in "fi":
                     yield f"attribute '{name}' of {subject} is not a number"
@@ -147,7 +147,7 @@ class NodeCondition:
 
 
 def shape_text(shape: Shape) -> str:
-    """A shape as a rule writes it."""
+    """A shape in the notation of rules."""
     return "[" + ", ".join("*" if size is None else str(size) for size in shape) + "]"
 
 

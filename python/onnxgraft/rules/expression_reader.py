@@ -21,21 +21,21 @@ from onnxgraft.rules.values import (
     Named,
 )
 
-_NEEDS_A_CLASS = "what these functions cannot say needs a transformation class"
+_NEEDS_A_CLASS = "for more than these functions, write a transformation class"
 
 
 @dataclass(frozen=True)
 class Known:
-    """What expressions of one pair can refer to."""
+    """The names that expressions of one pair can refer to."""
 
     tensors: Collection[str]  # ids of the pattern
-    initializers: Collection[str]  # those of them that have to be initializers
+    initializers: Collection[str]  # those of them that must be initializers
     named: Collection[str]  # of `let`, so far
     nodes: int  # strings of the pattern
 
 
 def read_expression(value: Any, place: Place, known: Known) -> Expression:
-    """The expression that a value of a rule file stands for."""
+    """The expression that a value of a rule file denotes."""
     if isinstance(value, str):
         return _reference(value, place, known)
     if isinstance(value, dict):
@@ -68,7 +68,7 @@ def _reference(text: str, place: Place, known: Known) -> Expression:
     if text in known.named:
         return Named(text)
     if text in known.tensors:
-        place.error(f"tensor {text} is not an initializer: write '{text}i' in the pattern to ask for one")
+        place.error(f"tensor {text} is not an initializer: write '{text}i' in the pattern to require one")
     if text.isdecimal():
         place.error(f"there is no tensor {text} in the pattern")
     place.error(f"'{text}' is neither the id of a matched initializer nor a name of 'let'")

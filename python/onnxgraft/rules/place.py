@@ -1,4 +1,4 @@
-"""Where something stands in a rule file, and the errors that name it."""
+"""A position in a rule file, and the errors that name it."""
 
 from __future__ import annotations
 
@@ -11,7 +11,7 @@ from onnxgraft.errors import HostError
 
 
 class RuleFileError(HostError):
-    """A rule file that cannot be read, or says something that is not a rule."""
+    """A rule file that cannot be read, or that contains something that is not a rule."""
 
 
 @dataclass(frozen=True)
@@ -23,7 +23,7 @@ class Place:
     key: str = ""
 
     def at(self, key: object) -> Place:
-        """A key below this one."""
+        """A key inside this one."""
         return Place(self.file, self.rule, f"{self.key}.{key}" if self.key else str(key))
 
     def error(self, message: str) -> NoReturn:
@@ -38,7 +38,7 @@ class Place:
         return value
 
     def keys(self, table: Mapping[str, Any], known: Collection[str]) -> None:
-        """Refuses keys that are not known."""
+        """Refuses unknown keys."""
         for key in table:
             if key not in known:
                 similar = difflib.get_close_matches(key, known, n=1, cutoff=0.7)

@@ -1,4 +1,4 @@
-"""A rule as data: what a rule file says, checked and with its sugar expanded."""
+"""A rule as data: the contents of a rule file, checked and with shorthand expanded."""
 
 from __future__ import annotations
 
@@ -23,7 +23,7 @@ class RulePair:
 
     @property
     def is_plain(self) -> bool:
-        """Whether the lists say all: no occurrence has to be looked at."""
+        """Whether the lists define the pair completely, so that no occurrence has to be checked."""
         return not (self.nodes or self.tensors or self.initializers or self.attributes)
 
 

@@ -20,7 +20,7 @@ from onnxgraft.transform_utilities import get_init
 
 
 class RuleTransformation(AbstractTransformation):
-    """What the classes of all rules have in common. One is made by `class_of`, not by hand."""
+    """The base of the classes of all rules. `class_of` makes them; do not derive by hand."""
 
     rule: Rule
 
@@ -41,7 +41,7 @@ class RuleTransformation(AbstractTransformation):
 
 
 class _CheckedRuleTransformation(RuleTransformation):
-    """One with conditions or values: a rule of lists alone needs no callback, and is as fast as that."""
+    """A rule with conditions or values. A rule of lists alone needs no callback and runs without one, at full speed."""
 
     def _on_replace_subgraph(
         self,
@@ -59,7 +59,7 @@ class _CheckedRuleTransformation(RuleTransformation):
             return True
         occurrence = _Occurrence(graph, pair, replaced_nodes, isomorphic_links_mapping, kinds)
         try:
-            # All of it before anything is written: a refusal leaves no trace.
+            # Compute everything before the first write: a refusal leaves no trace.
             occurrence.check()
             tensors = [
                 numpy_helper.from_array(np.ascontiguousarray(occurrence.evaluate(value).stored()), name)
@@ -94,7 +94,7 @@ def class_of(rule: Rule) -> type[RuleTransformation]:
 
 @dataclass
 class _Kinds:
-    """Element types and shapes of a graph's tensors, as it stood when the first one was asked for."""
+    """Element types and shapes of a graph's tensors, at the time when the first one was asked for."""
 
     graph: GraphProto
     _known: dict[str, Kind] | None = None

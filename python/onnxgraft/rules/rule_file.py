@@ -26,7 +26,7 @@ tomllib: Any = importlib.import_module("tomllib" if sys.version_info >= (3, 11) 
 
 _OF_A_PAIR = ("pattern", "replacement", "commutative", "where", "let", "initializers", "attributes")
 _OF_A_RULE = ("summary", "keeps_function", "pairs")
-_MOST_PAIRS = 200  # that sugar may expand to
+_MOST_PAIRS = 200  # that shorthand may expand to
 
 
 def load_rules(path: str | os.PathLike[str]) -> Mapping[str, Rule]:
@@ -50,16 +50,16 @@ def load_rules(path: str | os.PathLike[str]) -> Mapping[str, Rule]:
 
 
 def rule_of_lists(pattern: Sequence[str], replacement: Sequence[str]) -> Rule:
-    """The rule named "pattern" that two lists are, without conditions.
+    """Two lists as a rule named "pattern", without conditions.
 
     Raises:
-        WrongUsageError: They do not follow the notation, or new initializers would have no contents.
+        WrongUsageError: The lists do not follow the notation, or new initializers would have no contents.
     """
     try:
         return Rule("pattern", "", (_pair(tuple(pattern), tuple(replacement), {}, Place("", "pattern")),))
     except RuleFileError as error:
         reason = str(error).partition(": ")[2]
-        hint = "; values of new initializers are given in a rule file" if "holds" in reason else ""
+        hint = "; only a rule file can give values of new initializers" if "holds" in reason else ""
         raise WrongUsageError(reason + hint) from None
 
 
@@ -67,7 +67,7 @@ def _rule(value: Any, place: Place) -> Rule:
     if not isinstance(value, dict):
         place.error("expected a table; write keys below a line such as [fold_scale]")
     if not re.fullmatch(r"[A-Za-z]\w*", place.rule):
-        place.error("the name of a rule begins with a letter and has letters, digits and '_' only")
+        place.error("the name of a rule starts with a letter and has only letters, digits and '_'")
     place.keys(value, (*_OF_A_RULE, *_OF_A_PAIR))
     summary = place.at("summary").typed(value.get("summary", ""), str, "a text")
     keeps = place.at("keeps_function").typed(value.get("keeps_function", False), bool, "true or false")
@@ -75,7 +75,7 @@ def _rule(value: Any, place: Place) -> Rule:
     for table, here in _pair_tables(value, place):
         pairs += _pairs(table, here)
     if len(pairs) > _MOST_PAIRS:
-        place.error(f"it expands to {len(pairs)} pairs; {_MOST_PAIRS} is the most")
+        place.error(f"it expands to {len(pairs)} pairs; the limit is {_MOST_PAIRS}")
     if keeps:
         pairs = [_with_standard_domain(pair) for pair in pairs]
     return Rule(place.rule, summary, tuple(pairs), keeps, place.file)
@@ -87,7 +87,7 @@ def _pair_tables(value: dict[str, Any], place: Place) -> Iterator[tuple[Mapping[
         return
     for key in _OF_A_PAIR:
         if key in value:
-            place.at(key).error("it stands beside 'pairs'; write it in each of them")
+            place.at(key).error("not allowed next to 'pairs'; write it in each of them")
     listed = value["pairs"]
     if not isinstance(listed, list) or not listed:
         place.at("pairs").error(f"expected tables [[{place.rule}.pairs]], not {listed!r}")
@@ -98,7 +98,7 @@ def _pair_tables(value: dict[str, Any], place: Place) -> Iterator[tuple[Mapping[
 
 
 def _pairs(table: Mapping[str, Any], place: Place) -> Iterator[RulePair]:
-    """One pair of lists, or those that its sugar stands for."""
+    """One pair of lists, or those that its shorthand expands to."""
     for key in ("pattern", "replacement"):
         if key not in table:
             place.error(f"the key '{key}' is missing")
@@ -110,7 +110,7 @@ def _pairs(table: Mapping[str, Any], place: Place) -> Iterator[RulePair]:
             place.at("replacement").error(f"'{text}': a new node has one operator; only patterns have alternatives")
     variants = expanded(pattern, commutative=commutative)
     if len(variants) > _MOST_PAIRS:
-        place.at("pattern").error(f"it expands to {len(variants)} patterns; {_MOST_PAIRS} is the most")
+        place.at("pattern").error(f"it expands to {len(variants)} patterns; the limit is {_MOST_PAIRS}")
     for variant in variants:
         yield _pair(variant, replacement, table, place)
 
@@ -120,7 +120,7 @@ def _pair(pattern: tuple[str, ...], replacement: tuple[str, ...], table: Mapping
         old, new = parse(pattern, replacement)
     except ValueError as error:
         place.error(str(error))
-    links = dict(link for _, inputs, _, _ in old for link in inputs)  # id -> whether it has to be an initializer
+    links = dict(link for _, inputs, _, _ in old for link in inputs)  # id -> whether it must be an initializer
     constants = {tensor for tensor, is_constant in links.items() if is_constant}
     known = Known({*links, *(output for _, _, output, _ in old)}, constants, {}, len(old))
     nodes, tensors = read_conditions(table.get("where", {}), place.at("where"), known)
@@ -128,7 +128,7 @@ def _pair(pattern: tuple[str, ...], replacement: tuple[str, ...], table: Mapping
     for name, value in place.at("let").table(table.get("let", {})).items():
         here = place.at("let").at(name)
         if not re.fullmatch(r"[A-Za-z_]\w*", name):
-            here.error("a name begins with a letter and has letters, digits and '_' only")
+            here.error("a name starts with a letter and has only letters, digits and '_'")
         let[name] = read_expression(value, here, known)
         known = replace(known, named=let)
     return RulePair(
@@ -148,9 +148,9 @@ def _initializers(table: Mapping[str, Any], place: Place, known: Known, new: Seq
     given = place.table(table.get("initializers", {}))
     for tensor in given:
         if tensor not in wanted:
-            place.at(tensor).error(f"the replacement does not ask for a new initializer {tensor}i")
+            place.at(tensor).error(f"the replacement does not use a new initializer {tensor}i")
     for tensor in sorted(wanted - given.keys()):
-        place.error(f"nothing says what the new initializer {tensor} holds")
+        place.error(f"no value is given for the new initializer {tensor}")
     return {tensor: read_expression(value, place.at(tensor), known) for tensor, value in given.items()}
 
 
@@ -171,7 +171,7 @@ def _attributes(
 
 
 def _with_standard_domain(pair: RulePair) -> RulePair:
-    """What a rule knows of a function, it knows of the standard operators only."""
+    """Functions of a rule exist for the standard operators only."""
     asked = {condition.node: condition for condition in pair.nodes}
     conditions = (asked.get(number, NodeCondition(number)) for number in range(len(pair.pattern)))
     return replace(pair, nodes=tuple(one if one.domain is not None else replace(one, domain="") for one in conditions))

@@ -1,4 +1,4 @@
-"""What a rule file may write short: `A|B` for either operator, and both orders of commutative ones."""
+"""Shorthand in rule files: `A|B` for either operator, and both orders of commutative ones."""
 
 from __future__ import annotations
 
@@ -10,7 +10,7 @@ COMMUTATIVE = frozenset({"Add", "Mul", "Max", "Min", "Sum", "Mean", "And", "Or",
 
 
 def expanded(pattern: Sequence[str], *, commutative: bool) -> list[tuple[str, ...]]:
-    """The patterns that one stands for, each once: the last string varies fastest, the order written comes first."""
+    """The patterns that one expands to, each once. The last string varies fastest, the written order comes first."""
     choices = [_choices(text, commutative=commutative) for text in pattern]
     return list(dict.fromkeys(itertools.product(*choices)))
 

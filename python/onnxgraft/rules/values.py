@@ -1,7 +1,7 @@
 """Contents of new initializers and attributes, as data: a literal, a matched constant, or a function of these.
 
 Arithmetic is done in float64 for floating-point types and in int64 for integers, and rounded once, to the element type
-of the operands. A literal has no type of its own: it takes that of what it meets.
+of the operands. A literal has no type of its own: it takes the type of the other operand.
 """
 
 from __future__ import annotations
@@ -17,7 +17,7 @@ from onnx import TensorProto, helper
 
 Array: TypeAlias = npt.NDArray[Any]
 
-# The element types that a rule can name, with what NumPy calls them.
+# The element types that a rule can name, with their NumPy types.
 ELEMENT_TYPES: Mapping[str, np.dtype[Any]] = {
     name: np.dtype(name)
     for name in (
@@ -28,12 +28,12 @@ ELEMENT_TYPES: Mapping[str, np.dtype[Any]] = {
 
 
 class RefusedError(Exception):
-    """What a rule asks for does not fit this occurrence; the message is the reason."""
+    """A rule does not fit this occurrence; the message is the reason."""
 
 
 @dataclass(frozen=True)
 class Value:
-    """A number or an array. `dtype` is the element type that it will be stored in; None while it has none."""
+    """A number or an array. `dtype` is the element type in which it will be stored; None while it has none."""
 
     array: Array
     dtype: np.dtype[Any] | None
@@ -57,7 +57,8 @@ class Value:
         if dtype.kind == "f":
             fits = np.isfinite(result) | ~np.isfinite(self.array)
         else:
-            # As floating-point numbers: the largest integers lose their last bits, and stay on their side of a bound.
+            # Compared as floating-point numbers: the largest integers lose their last bits, and stay on their side of a
+            # bound.
             fits = (self.array == result) & (np.signbit(self.array) == np.signbit(result.astype(np.float64)))
         if not fits.all():
             raise RefusedError(f"{self.array[~fits].flat[0]!r} cannot be stored as {dtype}")
@@ -65,10 +66,10 @@ class Value:
 
 
 class Scope:
-    """What expressions refer to in one occurrence."""
+    """The names that expressions refer to in one occurrence."""
 
     def constant(self, tensor: str) -> Array:
-        """The values of the initializer that an id of the pattern stands for."""
+        """The values of the initializer that an id of the pattern names."""
         raise NotImplementedError
 
     def node(self, number: int) -> onnx.NodeProto:
@@ -166,7 +167,7 @@ Expression: TypeAlias = Literal | Constant | Named | AttributeOf | Call
 
 @dataclass(frozen=True)
 class Function:
-    """One function: how many operands it takes, and its other keys; one without a default has to be given."""
+    """One function: its number of operands and its other keys. A key without a default is required."""
 
     least: int
     most: int | None
@@ -175,7 +176,7 @@ class Function:
 
 
 def attribute_value(node: onnx.NodeProto, name: str) -> Any:
-    """The value of the first attribute of that name, else the default of the operator's schema, else None."""
+    """The value of the first attribute of that name, or the default of the operator's schema, or None."""
     for attribute in node.attribute:
         if attribute.name == name:
             return helper.get_attribute_value(attribute)
@@ -188,7 +189,7 @@ def attribute_value(node: onnx.NodeProto, name: str) -> Any:
 
 
 def describe(node: onnx.NodeProto) -> str:
-    """A node in words."""
+    """A node, described for a reader."""
     name = f"'{node.name}'" if node.name else f"that writes '{node.output[0] if node.output else ''}'"
     return f"{node.op_type} {name}"
 
@@ -220,21 +221,21 @@ def _combined(
 ) -> Array:
     whole = left.dtype.kind == right.dtype.kind == "i"
     if dtype is not None and dtype.kind in "iu" and not whole:
-        raise RefusedError(f"{name}: {dtype} and a number that is not whole")
+        raise RefusedError(f"{name}: cannot combine {dtype} with a number that is not whole")
     try:
         shape = np.broadcast_shapes(left.shape, right.shape)
     except ValueError:
         shape = None
-    # A result larger than both operands is what nobody meant.
+    # A result larger than both operands is almost certainly a mistake.
     if shape not in (left.shape, right.shape):
         raise RefusedError(f"{name}: shapes {list(left.shape)} and {list(right.shape)} do not fit")
     with np.errstate(all="ignore"):
         result = compute(left, right)
     if not np.isfinite(result).all() and np.isfinite(left).all() and np.isfinite(right).all():
-        raise RefusedError(f"{name}: a result is not finite")
+        raise RefusedError(f"{name}: the result is not finite")
     if whole and result.dtype.kind == "f":
         if (result != np.rint(result)).any():
-            raise RefusedError(f"{name}: integers that do not divide without remainder")
+            raise RefusedError(f"{name}: the integers do not divide without remainder")
         result = result.astype(np.int64)
     return result
 
@@ -298,7 +299,7 @@ def _take(operands: Sequence[Value], indices: Any, axis: int) -> Value:
     shape = value.array.shape
     size = shape[axis] if -len(shape) <= axis < len(shape) else 0
     if chosen.dtype.kind != "i" or (chosen >= size).any() or (chosen < 0).any():
-        raise RefusedError(f"take: {chosen.tolist()} are not places along axis {axis} of {list(shape)}")
+        raise RefusedError(f"take: {chosen.tolist()} are not positions along axis {axis} of {list(shape)}")
     return Value(value.array.take(chosen, axis), value.dtype)
 
 
@@ -321,7 +322,7 @@ FUNCTIONS: Mapping[str, Function] = {
 
 
 def element_type_name(code: int) -> str:
-    """What a rule calls an element type of onnx."""
+    """The name that a rule uses for an element type of onnx."""
     return {"FLOAT": "float32", "DOUBLE": "float64"}.get(
         TensorProto.DataType.Name(code), TensorProto.DataType.Name(code).lower()
     )
