@@ -1,4 +1,4 @@
-"""A self-test for transformations: random graphs around the patterns of a class, and what must hold after it ran."""
+"""A self-test for transformations: random graphs around the patterns of a class, and checks of every result."""
 
 from onnxgraft.selfcheck.checking import check_transformation
 from onnxgraft.selfcheck.result import CheckResult, SelfCheckError

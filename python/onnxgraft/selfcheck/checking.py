@@ -19,10 +19,10 @@ from onnxgraft.selfcheck.result import CheckResult
 from onnxgraft.selfcheck.rules import Runs, broken
 from onnxgraft.selfcheck.shrinking import shrunk
 
-_VALUES = re.compile(r"\{[^{}\n]{40,}\}")  # of tensors, where they are too many to read
-_HARMLESS = ("unread",)  # problems worth a note only
-_ENOUGH = 20  # graphs after which a pattern should have occurred
-_ENOUGH_RAISED = 5  # graphs with an occurrence after which a callback should not always have raised
+_VALUES = re.compile(r"\{[^{}\n]{40,}\}")  # of tensors, if they are too many to read
+_HARMLESS = ("unread",)  # problems that only deserve a note
+_ENOUGH = 20  # after this many graphs, a pattern should have occurred
+_ENOUGH_RAISED = 5  # after this many graphs with an occurrence, a callback should have returned at least once
 
 
 def check_transformation(
@@ -32,20 +32,22 @@ def check_transformation(
     seed: int = 0,
     examples: Iterable[onnx.ModelProto | GraphProto] = (),
 ) -> CheckResult:
-    """Runs a transformation on random graphs around its patterns and checks what it leaves.
+    """Runs a transformation on random graphs around its patterns and checks the results.
 
-    The graphs hold occurrences, some of them overlapping, near misses, further readers of inner tensors, graph outputs
-    and nested graphs. Initializers and attributes of operators that are known have plausible shapes and types. After
-    each run the nodes have to be in topological order, every tensor to have one writer, nothing to dangle, inputs and
-    outputs to be kept, other nodes to be the same objects in the same order, and the result to be the number of
-    occurrences that the callback accepted. A refusal has to leave no trace. The same graph and seed have to give the
-    same result. An exception of the callback is a fault only if the graph is broken by it, or if it always comes.
+    The graphs hold occurrences (some of them overlapping), near misses, other readers of inner tensors, graph outputs
+    and nested graphs. Initializers and attributes of known operators have plausible shapes and types.
+
+    After each run these conditions must hold: the nodes are in topological order, every tensor has one writer, every
+    input exists, the graph keeps its inputs and outputs, other nodes are the same objects in the same order, and the
+    result is the number of occurrences that the callback accepted. A refusal must leave no trace. The same graph and
+    seed must give the same result. An exception of the callback is a fault only if it breaks the graph or is always
+    raised.
 
     Args:
         cls: The class; it is made without arguments.
         graphs: How many random graphs.
-        seed: Their seed. The generators of NumPy and `random` are left as they were.
-        examples: Graphs to check besides, such as a small model that the transformation was written for. They are not
+        seed: Their seed. The generators of NumPy and `random` keep their state.
+        examples: More graphs to check, such as a small model that the transformation was written for. They are not
             changed.
 
     Returns:
@@ -56,9 +58,9 @@ def check_transformation(
         ValueError: `graphs` is negative.
     """
     if graphs < 0:
-        raise ValueError(f"graphs has to be 0 or more, not {graphs}")
+        raise ValueError(f"graphs must be 0 or more, not {graphs}")
     if not inspect.isclass(cls) or not issubclass(cls, AbstractTransformation):
-        raise TypeError(f"a subclass of AbstractTransformation is wanted, not {cls!r}")
+        raise TypeError(f"expected a subclass of AbstractTransformation, not {cls!r}")
     try:
         subject = subject_of(cls)
         for pattern, replacement in subject.pairs:
@@ -79,7 +81,7 @@ class _Check:
         self._runner = Runner(cls)
         self._subject = subject
         self._result = CheckResult(subject.name)
-        self._faults: dict[str, tuple[str, GraphProto, str]] = {}  # identifier -> sentence, graph, where from
+        self._faults: dict[str, tuple[str, GraphProto, str]] = {}  # identifier -> sentence, graph, origin
         self._occurred: Counter[int] = Counter()
         self._errors: Counter[str] = Counter()
         self._messages: dict[str, str] = {}
@@ -92,7 +94,7 @@ class _Check:
         for number in range(graphs):
             self._judge(random_graph(random.Random(f"{seed} {number}"), patterns), f"random graph {number}")
             if "endless" in self._faults:
-                graphs = 0  # of any other graph it would be the same
+                graphs = 0  # it would be the same for any other graph
                 break
         for number, example in enumerate(examples):
             self._judge(example, f"example {number}")
@@ -151,7 +153,7 @@ class _Check:
         self._result.add(_text(identifier, sentence, smallest, where), smallest)
 
     def _judge_all(self, graphs: int, *, enough: int) -> None:
-        """What only all graphs together tell."""
+        """Findings that need all graphs together."""
         result, pairs = self._result, self._subject.pairs
         if graphs >= _ENOUGH * len(pairs):
             for number, (pattern, _) in enumerate(pairs):
@@ -165,7 +167,7 @@ class _Check:
             sentence = f"every run that found something raised, the first {kind}: {message}"
             result.add(_text("always raises", sentence, graph, "random graphs"), graph)
         if result.found and not result.accepted and not result.raised:
-            result.notes.append("every occurrence was refused: nothing is known of what it does when it accepts one")
+            result.notes.append("every occurrence was refused: its behaviour after accepting one is unknown")
         if self._changed_again:
             result.notes.append(f"a second apply changed {self._changed_again} of {result.graphs} graphs again")
 

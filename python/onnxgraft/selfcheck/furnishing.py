@@ -1,7 +1,7 @@
 """Initializers and attributes that make sense to the operators that read them, as tables.
 
-Quantized operators have INT8 weights and INT32 biases, `TesselDequant` has packed scales. What the tables do not know
-is taken from the operator's ONNX schema, so that callbacks find element types and attributes that they may expect.
+Quantized operators have INT8 weights and INT32 biases, `TesselDequant` has packed scales. For everything else the
+operator's ONNX schema decides, so that callbacks find the element types and attributes that they may expect.
 """
 
 from __future__ import annotations
@@ -41,7 +41,7 @@ class Furnisher:
         return make(self, quantized, inputs) if make else self._by_schema(op, slot)
 
     def attributes(self, op: str) -> dict[str, Any]:
-        """Attributes of a node, those that its schema requires at least."""
+        """Attributes of a node, at least those that its schema requires."""
         if op in _ATTRIBUTES:
             return _ATTRIBUTES[op](self)
         schema = _schema(op)
@@ -126,7 +126,7 @@ def _index(f: Furnisher, _quantized: bool, _inputs: int) -> Array:
     return f.integers(np.int64, 0, 2, 1)
 
 
-# By operator and input; -1 stands for all others.
+# By operator and input; -1 means all others.
 _CONTENTS: Mapping[tuple[str, int], Callable[[Furnisher, bool, int], Array]] = {
     ("Conv", 1): _weight,
     ("Conv", 2): _bias,

@@ -1,7 +1,7 @@
-"""Random graphs around patterns: occurrences that overlap, near misses, further readers, nested bodies, outputs.
+"""Random graphs around patterns: occurrences that overlap, near misses, other readers, nested bodies, outputs.
 
-Every graph is valid as far as names go: each tensor has one writer, the nodes are in topological order, and each input
-is there. Names do not follow the order, and the nodes of several occurrences are mixed.
+The names in every graph are valid: each tensor has one writer, the nodes are in topological order, and each input
+exists. Names do not follow the order, and the nodes of several occurrences are mixed.
 """
 
 from __future__ import annotations
@@ -20,7 +20,7 @@ _WORDS = ("conv", "layer", "x", "out", "act", "block")
 
 
 class GraphBuilder:
-    """One graph. `spoil` is how often a node of an occurrence is made differently from its pattern."""
+    """One graph. `spoil` is how often a node of an occurrence differs from its pattern."""
 
     def __init__(self, rng: random.Random) -> None:
         self.rng = rng
@@ -60,7 +60,7 @@ class GraphBuilder:
         return helper.make_tensor_value_info(name, TensorProto.FLOAT, [1, sizes.channels, sizes.image, sizes.image])
 
     def _tensor(self) -> str:
-        """Something computed, mostly lately, or a new graph input."""
+        """A computed tensor, usually a recent one, or a new graph input."""
         if self.rng.random() < self.products:
             source = self._input()
             gate = self._add("TesselDequant", [source, self._constant("TesselDequant", 1, source, 2)])
@@ -70,7 +70,7 @@ class GraphBuilder:
         return self.rng.choice(self._tensors[-self.rng.randint(1, len(self._tensors)) :])
 
     def _constant(self, op: str, slot: int, first: str, count: int) -> str:
-        """An initializer for that input; now and then one that a node of the kind reads already."""
+        """An initializer for that input; sometimes one that a node of the kind already reads."""
         quantized = self._writer.get(first) == "TesselQuant" and self.rng.random() < 0.95
         key = (op, slot, quantized, count)
         there = self._constants.setdefault(key, [])
@@ -93,7 +93,7 @@ class GraphBuilder:
         return node
 
     def _body(self) -> GraphProto:
-        """Reads tensors of the graph around it; an inner name may be taken by nothing else."""
+        """Reads tensors of the outer graph; an inner name differs from all other names."""
         local, result = self._name("local"), self._name("result")
         nodes = [helper.make_node("Identity", [self._tensor()], [local])]
         nodes.append(helper.make_node("Sum", [local, self._tensor()], [result]))
@@ -110,7 +110,7 @@ class GraphBuilder:
             links[node.output] = self._play(node, links)
 
     def _play(self, node: PatternNode, links: dict[str, str]) -> str:
-        """Adds a node for one of the pattern, or takes one that is there; returns what it writes."""
+        """Adds a node for one of the pattern, or uses an existing one; returns its output."""
         if self.rng.random() < self.overlap:
             for there in self.rng.sample(list(self.graph.node), len(self.graph.node)):
                 fits = zip(node.inputs, there.input, strict=False)
@@ -158,7 +158,7 @@ class GraphBuilder:
         self._add("Conv", [source, weight, *bias])
 
     def _read_results(self) -> None:
-        """Readers of what the occurrences write at their ends: convolutions behind quantize nodes."""
+        """Readers of the outputs of the occurrences: convolutions after quantize nodes."""
         read = {name for node in self.graph.node for name in reads(node)}
         for name in [name for name in self._tensors if name not in read]:
             if self._writer.get(name) == "TesselQuant":
@@ -183,7 +183,7 @@ class GraphBuilder:
 
 
 def _mix(rng: random.Random, graph: GraphProto) -> None:
-    """Another topological order of the nodes, by chance."""
+    """Another topological order of the nodes, at random."""
     todo, order = list(graph.node), []
     while todo:
         pending = {name for node in todo for name in node.output}
@@ -196,6 +196,6 @@ def _mix(rng: random.Random, graph: GraphProto) -> None:
 
 
 def random_graph(rng: random.Random, patterns: Sequence[Sequence[str]]) -> GraphProto:
-    """A graph around one pattern, sometimes with a second one beside it."""
+    """A graph around one pattern, sometimes with a second one."""
     chosen = rng.sample(list(patterns), min(len(patterns), rng.choice((1, 1, 2))))
     return GraphBuilder(rng).build(chosen)

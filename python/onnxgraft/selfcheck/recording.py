@@ -1,6 +1,6 @@
-"""Runs a transformation on a graph and writes down what it did: passes, callbacks, result, error.
+"""Runs a transformation on a graph and records what it did: passes, callbacks, result, error.
 
-Functions in front of its methods listen, and where they are told to, refuse or raise in its place.
+Functions intercept its methods and record the calls. On request they refuse or raise instead of calling.
 """
 
 from __future__ import annotations
@@ -19,25 +19,25 @@ from onnxgraft.abstract_transformation import AbstractTransformation
 from onnxgraft.catalogue import CALLBACK, REPLACE, intercepted
 from onnxgraft.catalogue.notation import read_pair
 
-# What one `apply` may need at most on graphs of some tens of nodes: callbacks and passes, and growth.
+# What one `apply` may need at most on graphs with tens of nodes: callbacks and passes, and growth.
 _MOST_EVENTS = 1_000
 _LARGEST_GROWTH = 20
 
 
 class EndlessError(BaseException):
-    """Ends an `apply` that goes on and on; no `Exception`, so that the transformation does not catch it."""
+    """Ends an endless `apply`; not an `Exception`, so that the transformation does not catch it."""
 
 
 class ForcedError(Exception):
-    """Raised in place of a callback."""
+    """Raised instead of calling a callback."""
 
 
 @dataclass(frozen=True)
 class Call:
-    """One callback: what it said, and whether it wrote to the graph and refused nevertheless."""
+    """One callback: its answer, and whether it wrote to the graph before it refused."""
 
     accepted: bool
-    said_nothing: bool  # it returned None, as a function without `return` does
+    said_nothing: bool  # it returned None, like a function without `return`
     wrote_and_refused: bool
     disturbed: tuple[NodeProto, ...]  # matched nodes that the replacement does not keep
 
@@ -53,7 +53,7 @@ class PassRecord:
 
 @dataclass
 class Run:
-    """One `apply`. `graph` is as it was left."""
+    """One `apply`. `graph` is its state afterwards."""
 
     before: GraphProto
     graph: GraphProto
@@ -74,7 +74,7 @@ class Run:
 
 
 class Runner:
-    """Runs one class again and again."""
+    """Runs one class repeatedly."""
 
     def __init__(self, cls: type[AbstractTransformation]) -> None:
         self._cls: type[Any] = cls
@@ -127,7 +127,7 @@ class Runner:
         return int(count)
 
     def _ask(self, instance: Any, graph: GraphProto, nodes: list[NodeProto], *rest: Any, **keywords: Any) -> bool:
-        """Lets the class decide, unless it was told otherwise."""
+        """Lets the class decide, unless the caller set an answer."""
         self._count()
         current = self._run.passes[-1]
         self._asked += 1
@@ -156,7 +156,7 @@ class Runner:
 
 @contextmanager
 def _seeded() -> Iterator[None]:
-    """The process-wide generators begin anew and are put back behind."""
+    """Seeds the process-wide generators and restores their state afterwards."""
     state, numpy_state = random.getstate(), np.random.get_state()
     random.seed(0)
     np.random.seed(0)

@@ -1,4 +1,4 @@
-"""What a self-test found."""
+"""The findings of a self-test."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ class SelfCheckError(AssertionError):
 class CheckResult:
     """Findings are faults, each with the smallest graph that shows it; notes are worth knowing.
 
-    `counterexamples` holds those graphs, one per finding; None where a finding is not about one graph.
+    `counterexamples` holds those graphs, one per finding; None if a finding is not about one graph.
     """
 
     name: str
@@ -34,7 +34,7 @@ class CheckResult:
         return not self.findings
 
     def add(self, finding: str, graph: GraphProto | None = None) -> None:
-        """One more finding."""
+        """Adds a finding."""
         self.findings.append(finding)
         self.counterexamples.append(graph)
 

@@ -1,4 +1,4 @@
-"""`check_rule`: the self-test of a rule, and its numbers before and after where it is said to keep the function."""
+"""`check_rule`: the self-test of a rule, and numbers before and after if the rule claims to keep the function."""
 
 from __future__ import annotations
 
@@ -17,11 +17,11 @@ from onnxgraft.selfcheck.checking import check_transformation
 from onnxgraft.selfcheck.result import CheckResult
 from onnxgraft.selfcheck.rule_example import RuleExample
 
-# As on the accelerator; and exact sums, so that what differs is the rule's doing.
+# As on the accelerator, with exact sums, so that every difference comes from the rule.
 _CONVENTION = Convention(rounding=True)
 _TOLERANCE = 1e-4  # of the largest value of an output
 _EXAMPLES = 3  # graphs that meet the conditions, for each pair
-_ATTEMPTS = 30  # models for one that can be evaluated
+_ATTEMPTS = 30  # attempts to make a model that can be evaluated
 
 
 @dataclass(frozen=True)
@@ -43,12 +43,12 @@ class Comparison:
 def check_rule(rule: Rule, *, graphs: int = 200, seed: int = 0) -> CheckResult:
     """Runs `check_transformation` on a rule and, if it keeps the function, compares numbers.
 
-    For each pair of the rule small models are made that meet its conditions, evaluated with random inputs, rewritten
-    and evaluated again. An output may differ by 1e-4 of its largest value.
+    For each pair of the rule it makes small models that meet its conditions, evaluates them with random inputs,
+    rewrites them and evaluates them again. An output may differ by 1e-4 of its largest value.
 
     Args:
         rule: The rule.
-        graphs: How many random graphs, and as many attempts to make models to evaluate as that for each pair.
+        graphs: How many random graphs; also the number of attempts to make models to evaluate, for each pair.
         seed: Their seed.
 
     Returns:
@@ -94,16 +94,16 @@ def _compare_pair(rule: Rule, number: int, pair: RulePair, graphs: int, seed: in
         if compared == wanted:
             return
     if not compared:
-        most = max(set(reasons), key=reasons.count) if reasons else "no model could be made"
+        most = max(set(reasons), key=reasons.count) if reasons else "could not make a model"
         result.notes.append(f"pair {number}, {list(pair.pattern)}: its numbers were not compared: {most}")
 
 
 def compare(cls: type, model: onnx.ModelProto, inputs: Mapping[str, Array], reasons: list[str]) -> Comparison | None:
-    """Evaluates a model, rewrites a copy and evaluates that; None if nothing was replaced.
+    """Evaluates a model, rewrites a copy and evaluates the copy; None if nothing was replaced.
 
     Raises:
-        EvaluationError: The model cannot be evaluated as it is. If only the result cannot be, the comparison has an
-            infinite difference.
+        EvaluationError: The model cannot be evaluated before the rewrite. If it cannot be evaluated afterwards, the
+            comparison has an infinite difference.
     """
     with np.errstate(all="ignore"):
         before = evaluate(model, inputs, _CONVENTION)
@@ -136,7 +136,7 @@ def compare(cls: type, model: onnx.ModelProto, inputs: Mapping[str, Array], reas
 
 
 def _apply(cls: type, graph: onnx.GraphProto, reasons: list[str]) -> int:
-    """Runs the class; collects why it refuses."""
+    """Runs the class and collects the reasons of its refusals."""
     instance = cls()
     run = instance._replace_all_isomorphic_sub_graphs
     vars(instance)["_replace_all_isomorphic_sub_graphs"] = lambda *given, **named: run(

@@ -20,7 +20,7 @@ _IR_VERSION = 8
 
 
 class RuleExample:
-    """One model. Not every one can be evaluated: sizes that no condition names are drawn by chance."""
+    """One model. Not every one can be evaluated: sizes that no condition names are random."""
 
     def __init__(self, pair: RulePair, rng: random.Random) -> None:
         self._rng = rng

@@ -1,4 +1,4 @@
-"""What must hold of the runs of a transformation on one graph: a table of rules, each yielding sentences."""
+"""Conditions on the runs of a transformation on one graph: a table of rules, each yielding sentences."""
 
 from __future__ import annotations
 
@@ -16,8 +16,8 @@ from onnxgraft.selfcheck.soundness import new_problems
 class Runs:
     """All runs on one graph.
 
-    `same` is a second run of the same object on the same graph; `refused` has every callback answered with False,
-    `raised` one of them with an exception; `again` continues on the graph that `plain` left.
+    `same` is a second run of the same object on the same graph. In `refused` every callback is answered with False, in
+    `raised` one of them with an exception. `again` continues on the graph that `plain` left.
     """
 
     plain: Run
@@ -28,9 +28,9 @@ class Runs:
 
 
 def broken(runs: Runs) -> Iterator[tuple[str, str]]:
-    """Identifier and sentence for everything that does not hold."""
+    """Identifier and sentence for every condition that does not hold."""
     if any(isinstance(run.error, EndlessError) for run in (runs.plain, runs.same, runs.refused, runs.again) if run):
-        yield "endless", "apply goes on without end"
+        yield "endless", "apply does not end"
         return
     for identifier, rule in _RULES.items():
         for sentence in rule(runs):
@@ -38,7 +38,7 @@ def broken(runs: Runs) -> Iterator[tuple[str, str]]:
     for run, when in ((runs.plain, ""), (runs.again, " after a second apply"), (runs.raised, " after an exception")):
         if run is not None:
             for identifier, sentence in new_problems(run.before, run.graph, faulted=run.error is not None):
-                # Whatever an exception left over is no fault of its own.
+                # After an exception, leftovers are a consequence and not another fault.
                 if run.error is None or identifier not in ("unread", "node names"):
                     yield identifier, sentence + when
 
@@ -59,7 +59,7 @@ def _refusal(runs: Runs) -> Iterator[str]:
     for run, which in ((runs.plain, "refused all occurrences"), (runs.refused, "had all occurrences refused")):
         if run.error is None and not run.accepted and _bytes(run.graph) != _bytes(run.before):
             found = "found nothing" if not run.calls else which
-            yield f"apply {found} and changed the graph all the same"
+            yield f"apply {found} and changed the graph anyway"
 
 
 def _answer(runs: Runs) -> Iterator[str]:
@@ -75,9 +75,9 @@ def _others(runs: Runs) -> Iterator[str]:
 
 
 def _moved(one: PassRecord, after: list[NodeProto]) -> Iterator[str]:
-    """Nodes that no replacement took away have to be there, as the same objects in the same order.
+    """Nodes that no replacement removed must still be there, as the same objects in the same order.
 
-    Only producers of what new nodes read may have been moved up.
+    Only producers of inputs of new nodes may have been moved up.
     """
     touched = {id(node) for call in one.calls for node in call.disturbed}
     place = {id(node): k for k, node in enumerate(after)}
@@ -105,8 +105,8 @@ def _moved(one: PassRecord, after: list[NodeProto]) -> Iterator[str]:
 def _determinism(runs: Runs) -> Iterator[str]:
     if _bytes(runs.plain.graph) != _bytes(runs.same.graph) or runs.plain.result != runs.same.result:
         yield (
-            "the same object gave another result for the same graph and seed: it keeps something between calls, or "
-            "takes names or values from elsewhere than the graph and the seeded generators"
+            "the same object gave another result for the same graph and seed: it keeps state between calls, or takes "
+            "names or values from elsewhere than the graph and the seeded generators"
         )
 
 

@@ -12,7 +12,7 @@ _MOST_TRIALS = 200
 
 
 def shrunk(graph: GraphProto, fails: Callable[[GraphProto], bool]) -> GraphProto:
-    """The smallest graph found that `fails`; what a node that is left out wrote becomes a graph input."""
+    """The smallest graph found that `fails`. The outputs of a removed node become graph inputs."""
     trials = 0
     size = max(1, len(graph.node) // 2)
     while True:

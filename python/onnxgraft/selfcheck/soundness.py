@@ -1,6 +1,7 @@
-"""What is wrong with a graph, whoever made it: double writers, dangling inputs, order, names.
+"""Faults of a graph, independent of who made it: double writers, dangling inputs, order, names.
 
-A problem is an identifier and a sentence. Comparing the problems before and after a run tells what the run brought.
+A problem is an identifier and a sentence. The difference of the problems before and after a run is the effect of the
+run.
 """
 
 from __future__ import annotations
@@ -25,10 +26,10 @@ def problems(graph: GraphProto) -> dict[str, list[str]]:
 
 
 def new_problems(before: GraphProto, after: GraphProto, *, faulted: bool = False) -> Iterator[Problem]:
-    """What `after` has and `before` has not.
+    """The problems that `after` has and `before` has not.
 
-    After an exception of a callback, initializers that it had not made yet may be missing: `faulted` lets names pass
-    that `before` did not have.
+    After an exception of a callback, initializers that it had not made yet may be missing: `faulted` accepts names that
+    `before` did not have.
     """
     old = problems(before)
     known = {name for node in before.node for name in (*node.input, *node.output)} | sources(before)
@@ -44,7 +45,7 @@ def _changed_signature(before: GraphProto, after: GraphProto) -> Iterator[Proble
     outputs = [[value.SerializeToString() for value in graph.output] for graph in (before, after)]
     if outputs[0] != outputs[1]:
         yield "signature", "the outputs of the graph were changed"
-    # An input of the same name goes with an initializer that nothing reads any more.
+    # When an initializer has no reader any more, an input of the same name goes with it.
     optional = {tensor.name for tensor in before.initializer}
     inputs = [
         [value.SerializeToString() for value in graph.input if value.name not in optional] for graph in (before, after)
@@ -73,7 +74,7 @@ def _dangling(graph: GraphProto) -> Iterator[str]:
     there = sources(graph) | {name for node in graph.node for name in node.output}
     for node in graph.node:
         for name in sorted(reads(node) - there):
-            yield f"{node.op_type} '{node.name}' reads '{name}', which nothing provides"
+            yield f"{node.op_type} '{node.name}' reads '{name}', which does not exist"
     for value in graph.output:
         if value.name not in there:
             yield f"nothing computes the graph output '{value.name}'"
@@ -83,7 +84,7 @@ def _order(graph: GraphProto) -> Iterator[str]:
     later = {name for node in graph.node for name in node.output if name}
     for node in graph.node:
         for name in sorted(reads(node) & later):
-            yield f"{node.op_type} '{node.name}' stands in front of the node that writes its input '{name}'"
+            yield f"{node.op_type} '{node.name}' comes before the node that writes its input '{name}'"
         later -= set(node.output)
 
 
