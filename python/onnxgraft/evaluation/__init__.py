@@ -1,8 +1,8 @@
 """Evaluates models with quantized operators through public evaluators.
 
-No public evaluator knows `TesselQuant` and `TesselDequant`, and none computes INT8 `Conv` with wide sums. So a model
-is first *lowered*: the copy holds standard operators on floating-point tensors only, whose values are the integers
-that the quantized operators would work on. docs/use/evaluation.md lists the formulas.
+No public evaluator knows `TesselQuant` and `TesselDequant`, and none computes INT8 `Conv` with wide sums. So a model is
+first *lowered*: the copy holds only standard operators on floating-point tensors, whose values are the integers that
+the quantized operators would compute with. docs/evaluation.md lists the formulas.
 """
 
 from onnxgraft.errors import EvaluationError

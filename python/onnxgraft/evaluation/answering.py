@@ -1,4 +1,4 @@
-"""What a model, quantized or not, answers to samples."""
+"""The outputs of a model, quantized or not, for given samples."""
 
 from __future__ import annotations
 
@@ -35,9 +35,9 @@ def answer(
         samples: An array for each input, by name.
         outputs: The tensors to compute, inner ones too; empty for the graph's outputs.
         convention: How quantized operators are read.
-        evaluator: "auto" takes onnxruntime where it is installed.
+        evaluator: "auto" chooses onnxruntime if it is installed.
         folder: The folder that the locations of external tensors start from; None is the current one.
-        progress: Called with the number of each sample that is done.
+        progress: Called with the number of each finished sample.
 
     Returns:
         The tensors by name. For one sample, each as it is; for several, stacked along a new first axis.
@@ -57,12 +57,12 @@ def answer(
             first = (results[name] or [values])[0]
             if first.shape != values.shape:
                 raise EvaluationError(
-                    f"'{name}' is of shape {list(values.shape)} for sample {number}, {list(first.shape)} for those "
-                    "before: they cannot be stacked, compute them one by one"
+                    f"'{name}' has shape {list(values.shape)} for sample {number} and {list(first.shape)} for earlier "
+                    "ones, so they cannot be stacked: compute the samples one by one"
                 )
             results[name].append(values)
         if progress is not None:
             progress(number)
     if not all(results.values()):
-        raise EvaluationError("there is not a single sample to compute")
+        raise EvaluationError("there are no samples to compute")
     return {name: found[0] if len(found) == 1 else np.stack(found) for name, found in results.items()}

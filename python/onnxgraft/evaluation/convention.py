@@ -15,10 +15,10 @@ class Convention:
 
     Attributes:
         rounding: Whether a quantize node rounds (half to even) and clips to -128 .. 127, or only multiplies and adds.
-        element_type: What holds the quantized values. Sums of integers are exact below 2**24 in "float32" and below
-            2**53 in "float64".
-        centred: Whether a `Conv` that reads the output of a `TesselQuant` itself takes that node's offset out of it
-            again. A `Conv` that reads it through another operator never does.
+        element_type: The type that holds the quantized values. Sums of integers are exact below 2**24 in "float32" and
+            below 2**53 in "float64".
+        centred: Whether a `Conv` that reads the output of a `TesselQuant` directly subtracts that node's offset again.
+            A `Conv` that reads it through another operator never does.
     """
 
     rounding: bool = False
@@ -27,14 +27,14 @@ class Convention:
 
     @property
     def onnx_type(self) -> int:
-        """The element type as onnx counts it."""
+        """The element type as an onnx number."""
         return TensorProto.DOUBLE if self.element_type == "float64" else TensorProto.FLOAT
 
     @property
     def dtype(self) -> np.dtype[Any]:
-        """The element type as NumPy has it."""
+        """The element type as a NumPy type."""
         return np.dtype(self.element_type)
 
 
-# As integer hardware does: quantize nodes round and clip, a convolution takes their offset out again.
+# As in integer hardware: quantize nodes round and clip, a convolution subtracts their offset.
 HARDWARE = Convention(rounding=True, centred=True)

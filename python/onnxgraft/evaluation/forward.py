@@ -1,4 +1,4 @@
-"""Runs a standard model many times: onnxruntime where it is installed, onnx's own evaluator else."""
+"""Runs a standard model many times: with onnxruntime if it is installed, otherwise with onnx's own evaluator."""
 
 from __future__ import annotations
 
@@ -31,17 +31,17 @@ class _Runner(Protocol):
 
 
 class ForwardRunner:
-    """A model that is loaded once and computed as often as wanted.
+    """A model that is loaded once and computed any number of times.
 
     Args:
         model: A model of standard operators; it is not changed.
         outputs: Names of the tensors to compute, inner ones too; None for the graph's outputs.
         folder: The folder that the locations of external tensors start from; None is the current one.
-        evaluator: "auto" takes onnxruntime where it is installed.
+        evaluator: "auto" chooses onnxruntime if it is installed.
         optimize: Whether onnxruntime may fuse operators. Values then differ in the last bits.
 
     Raises:
-        EvaluationError: onnxruntime was asked for and is missing, or refuses the model.
+        EvaluationError: onnxruntime is requested and missing, or refuses the model.
     """
 
     def __init__(
@@ -63,7 +63,9 @@ class ForwardRunner:
         else:
             self.evaluator = "onnx.reference"
             if evaluator == "auto":
-                _log.info("onnxruntime is not installed: onnx's own evaluator computes, which takes much longer")
+                _log.info(
+                    "onnxruntime is not installed: onnx's own evaluator computes instead, which takes much longer"
+                )
             self._runner = _WithReference(model, place)
 
     def run(self, feeds: Mapping[str, Array]) -> dict[str, Array]:
@@ -86,7 +88,7 @@ class _WithOnnxruntime:
         options = runtime.SessionOptions()
         level = runtime.GraphOptimizationLevel
         options.graph_optimization_level = level.ORT_ENABLE_ALL if optimize else level.ORT_DISABLE_ALL
-        options.log_severity_level = 4  # what goes wrong is raised as well
+        options.log_severity_level = 4  # errors are raised as well
         # Samples differ in shape: memory planned for one shape would be kept for each.
         options.enable_mem_pattern = False
         options.enable_cpu_mem_arena = False
@@ -137,7 +139,7 @@ class _WithReference:
 
 
 def _with_outputs(model: onnx.ModelProto, names: Sequence[str]) -> bytes:
-    """The model's bytes with these outputs, without a copy of its weights: the output list is put back."""
+    """The model's bytes with these outputs, without copying its weights. The output list is restored afterwards."""
     graph = model.graph
     declared = {value.name for value in graph.output}
     kept = len(graph.output)
@@ -150,6 +152,6 @@ def _with_outputs(model: onnx.ModelProto, names: Sequence[str]) -> bytes:
 
 
 def in_one_line(error: BaseException) -> str:
-    """What an evaluator said, short."""
+    """The message of an evaluator, shortened."""
     text = " ".join(str(error).split())
     return text if len(text) <= _LONGEST_REASON else text[:_LONGEST_REASON] + " ..."

@@ -1,4 +1,4 @@
-"""What both kinds of lowering have in common: which models they take, and what they clear away."""
+"""The common part of both kinds of lowering: which models they accept, and what they remove."""
 
 from __future__ import annotations
 
@@ -42,17 +42,17 @@ def check(graph: onnx.GraphProto, opsets: Mapping[str, int]) -> None:
 
 
 def take_in_small_tensors(graph: onnx.GraphProto, folder: str) -> None:
-    """Brings shapes, axes and bounds from their files into the graph: onnxruntime does not look for them elsewhere."""
+    """Loads shapes, axes and bounds from their files into the graph: onnxruntime does not look for them elsewhere."""
     for tensor in graph.initializer:
         if uses_external_data(tensor) and math.prod(tensor.dims) <= _LARGEST_SHAPE:
-            values_of(tensor, folder)  # says what is wrong with a file
+            values_of(tensor, folder)  # reports a broken file
             load_external_data_for_tensor(tensor, folder)
             tensor.data_location = TensorProto.DEFAULT
             del tensor.external_data[:]
 
 
 def drop_unread(graph: onnx.GraphProto, names: Iterable[str]) -> None:
-    """Removes those of the initializers that nothing reads any more, and their entries among the inputs."""
+    """Removes those of the initializers that have no reader any more, and their entries among the inputs."""
     used: set[str] = set()
     for current in with_bodies(graph):
         used.update(value.name for value in current.output)

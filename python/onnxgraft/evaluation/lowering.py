@@ -1,14 +1,13 @@
 """Rewrites a copy of a model so that public evaluators can compute it.
 
-    TesselQuant(x)       ->  x * scale + offset        [-> round half to even -> clip to -128 .. 127]
-    TesselDequant(x, w)  ->  x * scales(w), along axis 1; scales(w) are the low 32 bits of each word as a float; cast to
-                             the floating type that is declared for the result, else to that of what was quantized
-    INT8, INT32 operands ->  floating-point initializers of the same values
-    Resize(sizes)        ->  -1 becomes the input's own size; empty roi, scales and sizes become omitted ones, but for
-                             roi and scales in operator sets 11 and 12, which want them
+    TesselQuant(x)       ->  x * scale + offset        [-> round half to even -> clip to -128 .. 127] TesselDequant(x,
+    w)  ->  x * scales(w), along axis 1; scales(w) are the low 32 bits of each word as a float; cast to the floating
+    type that is declared for the result, else to that of what was quantized INT8, INT32 operands ->  floating-point
+    initializers of the same values Resize(sizes)        ->  -1 becomes the input's own size; empty roi, scales and
+    sizes become omitted ones, but for roi and scales in operator sets 11 and 12, which want them
 
-What is computed on quantized values carries `Convention.element_type`; everything else is left as it is. Nested
-bodies are not rewritten, so a quantize node inside one is refused.
+Everything that is computed on quantized values has the type `Convention.element_type`; the rest is left as it is.
+Nested bodies are not rewritten, so a quantize node inside one is refused.
 """
 
 from __future__ import annotations
@@ -44,7 +43,7 @@ _OPERAND_TYPES = (TensorProto.INT8, TensorProto.UINT8, TensorProto.INT32, Tensor
 def lower(
     model: onnx.ModelProto, convention: Convention | None = None, *, folder: str | PathLike[str] = ""
 ) -> onnx.ModelProto:
-    """A copy of `model` that holds standard operators on floating-point tensors only.
+    """A copy of `model` with only standard operators on floating-point tensors.
 
     Args:
         model: The model; it is not changed. Its nodes must be in topological order.
@@ -55,8 +54,8 @@ def lower(
         The copy. Tensors keep their names; tensors of quantized values are of `convention.element_type` there.
 
     Raises:
-        EvaluationError: A `TesselDequant` without constant scales, a quantize node in a nested body, or an operator
-            set older than 11.
+        EvaluationError: A `TesselDequant` without constant scales, a quantize node in a nested body, or an operator set
+            older than 11.
     """
     return _Lowering(model, convention or Convention(), fspath(folder)).run()
 
@@ -132,13 +131,13 @@ class _Lowering:
         write_dequantize(self._write, node, self._array(node.input[1]), types.get(node.output[0]), self._convention)
 
     def _install(self) -> None:
-        """Puts what was written so far into the graph."""
+        """Moves the nodes and initializers written so far into the graph."""
         _replace(self._graph.node, self._write.nodes)
         self._graph.initializer.extend(self._write.initializers)
         self._write.nodes, self._write.initializers = [], []
 
     def _settle_declarations(self, quantized: set[str], types: TensorTypes) -> None:
-        """Takes away what is not read any more, or no longer true; says of outputs what is known of them."""
+        """Removes entries that have no reader or are no longer true, and records the known types of outputs."""
         graph = self._graph
         drop_unread(graph, self._tensors)
         for value in graph.output:

@@ -1,4 +1,4 @@
-"""Builds a node list with names that are new to the graph it belongs to."""
+"""Builds a node list with names that are new to its graph."""
 
 from __future__ import annotations
 
@@ -13,7 +13,7 @@ from onnxgraft.graph.names import all_names
 
 
 class NodeWriter:
-    """Collects nodes and initializers; tensors that it invents are named after the tensor that they serve."""
+    """Collects nodes and initializers. New tensors are named after the tensor that they serve."""
 
     def __init__(self, graph: onnx.GraphProto) -> None:
         self.nodes: list[onnx.NodeProto] = []
@@ -21,7 +21,7 @@ class NodeWriter:
         self._taken = all_names(graph)
 
     def fresh(self, stem: str) -> str:
-        """A name that nothing in the graph has yet."""
+        """A name that the graph does not contain yet."""
         name, number = stem, 0
         while name in self._taken:
             number += 1

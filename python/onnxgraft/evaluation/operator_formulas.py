@@ -27,7 +27,7 @@ def unpack_scales(words: Array) -> npt.NDArray[np.float32]:
 
 
 def quantize_parameter(node: onnx.NodeProto, name: str, default: float) -> float:
-    """The first attribute of that name as a number; `default` if there is none or it is no number."""
+    """The first attribute of that name as a number; `default` if it is missing or not a number."""
     for attribute in node.attribute:
         if attribute.name == name:
             if attribute.type == onnx.AttributeProto.INT:
@@ -37,7 +37,7 @@ def quantize_parameter(node: onnx.NodeProto, name: str, default: float) -> float
 
 
 def label(node: onnx.NodeProto) -> str:
-    """The node as messages name it."""
+    """The name of a node in messages."""
     return f"{node.op_type} '{node.name or node.output[0]}'"
 
 
@@ -61,7 +61,7 @@ def write_quantize(write: NodeWriter, node: onnx.NodeProto, convention: Conventi
 def write_dequantize(
     write: NodeWriter, node: onnx.NodeProto, words: Array, result: Kind | None, convention: Convention
 ) -> None:
-    """X * scales along axis 1, as a tensor of kind `result`; float32 if nothing is known of it."""
+    """X * scales along axis 1, as a tensor of kind `result`; float32 if the kind is unknown."""
     rank = None if result is None or result.dims is None else len(result.dims)
     element_type = TensorProto.FLOAT if result is None else result.element_type
     output = node.output[0]
@@ -82,7 +82,7 @@ def write_dequantize(
 
 
 def _scales_of_any_rank(write: NodeWriter, data: str, scales: Array, stem: str) -> str:
-    """Scales of shape [C, 1, ..., 1], with as many ones as `data` has axes behind axis 1."""
+    """Scales of shape [C, 1, ..., 1], with as many ones as `data` has axes after axis 1."""
     bounds = [write.constant(f"{stem}_bounds", np.array([bound], np.int64)) for bound in (2, 2**31 - 1)]
     tail = write.inner("Slice", [write.inner("Shape", [data], stem), *bounds], stem)
     one = numpy_helper.from_array(np.ones(1, np.int64))
@@ -95,13 +95,13 @@ def _scales_of_any_rank(write: NodeWriter, data: str, scales: Array, stem: str) 
 def settle_resize(
     write: NodeWriter, node: onnx.NodeProto, constants: Mapping[str, Array], *, needs_empty: bool
 ) -> None:
-    """Settles the inputs of a `Resize`: empty ones are omitted, -1 in constant sizes is the input's own size.
+    """Completes the inputs of a `Resize`: empty ones are omitted, -1 in constant sizes is the input's own size.
 
     Args:
-        write: Takes new nodes and constants.
+        write: Receives new nodes and constants.
         node: The node, which is changed.
         constants: Its constant inputs by name.
-        needs_empty: Whether roi and scales must be there: operator sets 11 and 12 want an empty tensor.
+        needs_empty: Whether roi and scales must be there: operator sets 11 and 12 require an empty tensor.
     """
     for position, name in enumerate(node.input):
         is_needed = needs_empty and 0 < position < _SIZES_INPUT

@@ -1,12 +1,12 @@
 """Rewrites a copy of a model to `QuantizeLinear` and `DequantizeLinear`, the form that other quantizing tools write.
 
-    TesselQuant(x), scale s, offset o   ->  QuantizeLinear(x, 1 / s, o)
-    Conv(q, w, b), then TesselDequant   ->  Conv(D(q, 1 / s, o), D(w, f * s), D(b, f)) on floats, D = DequantizeLinear
-    TesselDequant(q, w) by itself       ->  D(q, f), along axis 1
+    TesselQuant(x), scale s, offset o   ->  QuantizeLinear(x, 1 / s, o) Conv(q, w, b), then TesselDequant   ->
+    Conv(D(q, 1 / s, o), D(w, f * s), D(b, f)) on floats, D = DequantizeLinear TesselDequant(q, w) by itself       ->
+    D(q, f), along axis 1
 
 with f the scales in the words. Since (1 / s) * (f * s) = f, the sums are those of the quantized operator times f, up to
-the rounding of floats. A convolution that reads a quantize node itself takes its offset out, all others do not: their
-D has zero point 0. `QuantizeLinear` rounds before it adds the zero point, so ties may fall to the other side.
+the rounding of floats. A convolution that reads a quantize node directly subtracts its offset; for all others, D has
+zero point 0. `QuantizeLinear` rounds before it adds the zero point, so ties may round the other way.
 """
 
 from __future__ import annotations
@@ -36,8 +36,8 @@ from onnxgraft.tensor_types import TensorTypes, quantized_values
 Array = npt.NDArray[Any]
 
 _FIRST_WITH_AXES = 13  # of DequantizeLinear
-_DOMAIN = "onnxgraft.quantized"  # of our operators while the operator set is converted
-# These hand INT8 values on as they are.
+_DOMAIN = "onnxgraft.quantized"  # of our operators during the conversion of the operator set
+# These pass INT8 values on unchanged.
 _PASSING = frozenset((
     "Concat", "MaxPool", "Resize", "Reshape", "Transpose", "Slice", "Squeeze", "Unsqueeze", "Flatten", "Identity",
     "Split", "Gather", "Expand", "Tile", "DepthToSpace", "SpaceToDepth",
@@ -56,8 +56,8 @@ def lower_to_qdq(model: onnx.ModelProto, *, folder: str | PathLike[str] = "") ->
         The copy. Weights and biases stay INT8 and INT32.
 
     Raises:
-        EvaluationError: Something has no such form: an offset that is no INT8, sums that no `TesselDequant` ends, an
-            operator that computes with quantized values. `lower` has no such limits.
+        EvaluationError: A part of the model has no such form: an offset that is not an INT8 value, sums without a
+            `TesselDequant` at their end, an operator that computes with quantized values. `lower` has no such limits.
     """
     return _Lowering(_converted(model), fspath(folder)).run()
 
@@ -97,7 +97,7 @@ class _Lowering:
         return values_of(tensor, self._folder)
 
     def _ends(self) -> dict[str, Array]:
-        """Follows sums back from their `TesselDequant`, over biases that are added."""
+        """Follows sums back from their `TesselDequant`, through added biases."""
         found: dict[str, Array] = {}
         for node in reversed(self._graph.node):
             if node.op_type == "TesselDequant":
@@ -107,7 +107,7 @@ class _Lowering:
                     )
                 scales = unpack_scales(self._array(self._tensors[node.input[1]]))
                 if not np.array_equal(found.setdefault(node.input[0], scales), scales):
-                    raise EvaluationError(f"{label(node)}: its input is dequantized by other scales as well")
+                    raise EvaluationError(f"{label(node)}: its input is also dequantized by other scales")
             elif node.op_type == "Add" and node.output[0] in found:
                 for name in node.input:
                     if name in self._quantized:
@@ -143,7 +143,7 @@ class _Lowering:
         """An integer operator, on floats."""
         scales = self._scales_after.get(node.output[0])
         if scales is None:
-            raise EvaluationError(f"{label(node)}: no TesselDequant ends its sums")
+            raise EvaluationError(f"{label(node)}: its sums do not end in a TesselDequant")
         weight = self._tensors.get(node.input[1])
         if weight is None or weight.data_type != TensorProto.INT8 or node.input[0] not in self._quantized:
             raise EvaluationError(f"{label(node)}: only a quantized input and an INT8 weight have this form")
@@ -152,7 +152,7 @@ class _Lowering:
         centre = offset if node.op_type == "Conv" else 0
         axis = _output_axis(node, len(weight.dims))
         if factor.ndim and (axis is None or weight.dims[axis] != factor.size):
-            raise EvaluationError(f"{label(node)}: {factor.size} scales do not go along the channels of its weight")
+            raise EvaluationError(f"{label(node)}: {factor.size} scales do not match the channels of its weight")
         inputs = [
             self._as_float(node.input[0], step, np.int8(centre)),
             self._as_float(node.input[1], (factor / step).astype(np.float32), np.int8(0), axis or 0),
@@ -163,9 +163,9 @@ class _Lowering:
     def _bias(self, name: str, factor: Array, axis: int) -> str:
         bias = self._tensors.get(name)
         if bias is None or bias.data_type != TensorProto.INT32:
-            raise EvaluationError(f"'{name}' is added to sums of integers and is no INT32 initializer")
+            raise EvaluationError(f"'{name}' is added to sums of integers and is not an INT32 initializer")
         dims = tuple(bias.dims)
-        if factor.ndim and dims != factor.shape:  # one value for all channels, or axes of one around them
+        if factor.ndim and dims != factor.shape:  # one value for all channels, or axes of length one around them
             values = self._array(bias).astype(np.float32) * factor
             return self._write.constant(f"{name}_as_float", values)
         return self._as_float(name, factor, np.int32(0), axis)
@@ -181,7 +181,7 @@ class _Lowering:
         self._emit(node, [self._floats[sums[0]].output[0], *(self._bias(name, factor, 0) for name in others)])
 
     def _emit(self, node: onnx.NodeProto, inputs: list[str]) -> None:
-        """The node on floats; it writes a new tensor until the dequantize node is met."""
+        """The node on floats; it writes a new tensor until the dequantize node follows."""
         copy = onnx.NodeProto()
         copy.CopyFrom(node)
         copy.input[:] = inputs
@@ -243,7 +243,7 @@ class _Lowering:
 
 
 def _output_axis(node: onnx.NodeProto, rank: int) -> int | None:
-    """The axis of a weight along which the channels of the result go; None if no single one does."""
+    """The axis of a weight that holds the channels of the result; None if it is not a single axis."""
     numbers = {entry.name: entry.i for entry in node.attribute}
     match node.op_type:
         case "Conv":
@@ -257,7 +257,7 @@ def _output_axis(node: onnx.NodeProto, rank: int) -> int | None:
 
 
 def _converted(model: onnx.ModelProto) -> onnx.ModelProto:
-    """A copy, in an operator set that has scales per channel."""
+    """A copy in an operator set with scales per channel."""
     copy = onnx.ModelProto()
     copy.CopyFrom(model)
     version = versions(model).get("", 0)
@@ -269,7 +269,7 @@ def _converted(model: onnx.ModelProto) -> onnx.ModelProto:
     copy.opset_import.append(helper.make_opsetid(_DOMAIN, 1))
     try:
         converted = onnx.version_converter.convert_version(copy, _FIRST_WITH_AXES)
-    except Exception as error:  # whatever a wrong model makes it raise
+    except Exception as error:  # any error that a wrong model causes
         reason = " ".join(str(error).split())
         raise EvaluationError(f"operator set {version} cannot be converted to {_FIRST_WITH_AXES}: {reason}") from error
     for node in converted.graph.node:

@@ -1,4 +1,4 @@
-"""Operators that onnx's reference evaluator gets wrong, as the standard defines them."""
+"""Correct versions of operators that onnx's reference evaluator gets wrong."""
 
 from __future__ import annotations
 
@@ -13,14 +13,14 @@ from onnx.reference.ops import op_conv_transpose, op_resize
 
 Array = npt.NDArray[Any]
 
-# From this operator set on the evaluator tells training from inference.
+# From this operator set on, the evaluator distinguishes training from inference.
 _FIRST_WITH_TRAINING_MODE = 14
 
 
 class BatchNormalization(OpRun):
-    """Of inference: y = (x - mean) / sqrt(variance + epsilon) * scale + shift, channels along axis 1.
+    """For inference: y = (x - mean) / sqrt(variance + epsilon) * scale + shift, channels along axis 1.
 
-    The evaluator computes those of operator sets 7 to 13 with statistics of x itself, as in training.
+    For operator sets 7 to 13, the evaluator uses the statistics of x itself, as in training.
     """
 
     op_domain = ""
@@ -33,7 +33,7 @@ class BatchNormalization(OpRun):
 
 
 class ConvTranspose(op_conv_transpose.ConvTranspose):
-    """Group by group: the evaluator's own mixes up more than one."""
+    """Group by group: the evaluator's own version mixes up several groups."""
 
     op_domain = ""
 
@@ -46,7 +46,7 @@ class ConvTranspose(op_conv_transpose.ConvTranspose):
 
 
 class Resize(op_resize.Resize):
-    """Treats an empty input as one that is left out, as operator sets 11 and 12 write it; onnx 1.16 indexes into it."""
+    """The evaluator of a model, with these operators if it needs them."""
 
     op_domain = ""
 

@@ -1,4 +1,4 @@
-"""The two evaluators of standard models, behind one signature; what they raise becomes one line that names the node.
+"""The two evaluators of standard models, with one signature. Their errors become one line that names the node.
 
 Both get the lowered copy, which they may change.
 """
@@ -26,7 +26,7 @@ _EXTERNAL_FOLDER = "session.model_external_initializers_file_folder_path"
 
 
 def run_reference(model: onnx.ModelProto, names: list[str], feeds: dict[str, Array], folder: str) -> list[Array]:
-    """By onnx's own evaluator, which wants external tensors loaded. Overflows become infinities without a warning."""
+    """With onnx's own evaluator, which needs external tensors loaded. Overflows become infinities without a warning."""
     try:
         if has_external_data(model):
             load_external_data_for_model(model, folder)
@@ -41,7 +41,7 @@ def run_reference(model: onnx.ModelProto, names: list[str], feeds: dict[str, Arr
 
 
 def run_onnxruntime(model: onnx.ModelProto, names: list[str], feeds: dict[str, Array], folder: str) -> list[Array]:
-    """By onnxruntime, without its optimizations: they reorder arithmetic."""
+    """With onnxruntime, without its optimizations: they reorder arithmetic."""
     try:
         runtime: Any = importlib.import_module("onnxruntime")
     except ImportError as error:
@@ -52,7 +52,7 @@ def run_onnxruntime(model: onnx.ModelProto, names: list[str], feeds: dict[str, A
     model.graph.output.extend(onnx.ValueInfoProto(name=name) for name in names if name not in declared)
     options = runtime.SessionOptions()
     options.graph_optimization_level = runtime.GraphOptimizationLevel.ORT_DISABLE_ALL
-    options.log_severity_level = 4  # what goes wrong is raised as well
+    options.log_severity_level = 4  # errors are raised as well
     if has_external_data(model):
         options.add_session_config_entry(_EXTERNAL_FOLDER, folder)
     try:
@@ -67,7 +67,7 @@ def run_onnxruntime(model: onnx.ModelProto, names: list[str], feeds: dict[str, A
 
 
 def _node_at_work(error: BaseException) -> onnx.NodeProto | None:
-    """The node that the reference evaluator was at: the first one that a frame of the traceback calls `node`."""
+    """The node where the reference evaluator failed: the first one that a frame of the traceback calls `node`."""
     trace = error.__traceback__
     while trace is not None:
         found = trace.tb_frame.f_locals.get("node")

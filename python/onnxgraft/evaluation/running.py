@@ -34,7 +34,7 @@ def evaluate(
         inputs: A value for each graph input without initializer, in the element type and shape that it declares.
         convention: How the quantized operators are read; None for the defaults.
         outputs: Names of tensors to compute; empty for the graph's outputs.
-        evaluator: onnx's own reference evaluator, or onnxruntime: much faster, to be installed separately, and without
+        evaluator: onnx's own reference evaluator, or onnxruntime: much faster, installed separately, and without
             convolutions in "float64".
         folder: The folder that the locations of external tensors start from.
 
@@ -42,7 +42,7 @@ def evaluate(
         The tensors by name. A tensor of quantized values holds them as floating-point numbers.
 
     Raises:
-        EvaluationError: The model cannot be lowered, or the evaluator failed; the message names the node, where it is
+        EvaluationError: The model cannot be lowered, or the evaluator failed; the message names the node, if it is
             known, and gives the reason.
     """
     lowered = lower(model, convention, folder=folder)
@@ -58,7 +58,7 @@ def evaluate(
 
 
 def _check_order(graph: onnx.GraphProto) -> None:
-    """Raises EvaluationError for the first node that reads what is not there yet."""
+    """Raises EvaluationError for the first node that reads a tensor before it exists."""
     later = {name for node in graph.node for name in node.output}
     known = {tensor.name for tensor in graph.initializer} | {tensor.values.name for tensor in graph.sparse_initializer}
     known |= {value.name for value in graph.input} | {""}

@@ -1,1 +1,1 @@
-"""What is asked of a graph as it stands: names, nested bodies, values of tensors; nothing of transformations."""
+"""Facts about a graph as it is: names, nested bodies, values of tensors. Nothing here knows transformations."""

@@ -1,6 +1,6 @@
-"""Finds texts of a model that are not UTF-8, which protobuf hands out as bytes where a text is expected.
+"""Finds strings of a model that are not UTF-8, which protobuf returns as bytes where a str is expected.
 
-The format asks for UTF-8, but onnx reads such a model, and its checker passes it.
+The format requires UTF-8, but onnx reads such a model, and its checker accepts it.
 """
 
 from __future__ import annotations
@@ -21,7 +21,7 @@ _LISTS = ("initializer", "input", "output", "value_info")
 
 
 def text_that_is_not_utf8(model: onnx.ModelProto) -> str | None:
-    """Says where the first such text stands and what it holds; None if all are UTF-8."""
+    """The position and contents of the first such string; None if all are UTF-8."""
     try:
         _read_names(model)
     except (TypeError, UnicodeDecodeError):
@@ -30,16 +30,16 @@ def text_that_is_not_utf8(model: onnx.ModelProto) -> str | None:
 
 
 def check_texts(*models: onnx.ModelProto) -> None:
-    """Raises ModelFileError for the first text that is not UTF-8."""
+    """Raises ModelFileError for the first string that is not UTF-8."""
     for model in models:
         if (wrong := text_that_is_not_utf8(model)) is not None:
             raise ModelFileError(wrong)
 
 
 def telling_bad_texts(function: _Function) -> _Function:
-    """A decorator: what fails on a text that is not UTF-8 says where it stands, and does not fail somewhere else.
+    """A decorator: a failure caused by a string that is not UTF-8 becomes an error that names its position.
 
-    The arguments that are models or graphs are looked through once the function has failed, so that it costs nothing.
+    The arguments that are models or graphs are searched only after the function has failed, so success costs nothing.
     """
 
     @functools.wraps(function)
@@ -62,7 +62,7 @@ def _wrong_text(given: object) -> str | None:
 
 
 def _read_names(model: onnx.ModelProto) -> None:
-    """Reads all that is a name, quickly: a join of bytes fails."""
+    """Reads all names, quickly: joining them with bytes among them fails."""
     "".join([entry.domain for entry in model.opset_import])
     graphs, node_lists = [model.graph], [function.node for function in model.functions]
     while graphs or node_lists:
@@ -100,7 +100,7 @@ def _wrong_fields(message: Message, place: str) -> Iterator[str]:
 
 
 def _is_repeated(field: Any) -> bool:
-    # `label` is what protobuf had before `is_repeated`.
+    # protobuf had `label` before `is_repeated`.
     return bool(field.is_repeated if hasattr(field, "is_repeated") else field.label == field.LABEL_REPEATED)
 
 

@@ -1,7 +1,7 @@
 """Names in a graph and in the bodies nested in it.
 
-A body reads tensors of the graphs around it by name. Whoever rewrites the outer graph alone has to leave those names
-in existence; these functions tell which ones they are.
+A body reads tensors of the outer graphs by name. Code that rewrites only the outer graph must keep those names; these
+functions find them.
 """
 
 from __future__ import annotations
@@ -20,12 +20,12 @@ def outer_reads(node: NodeProto) -> set[str]:
 
 
 def reads(node: NodeProto) -> set[str]:
-    """All that has to be computed before the node."""
+    """Everything that must be computed before the node."""
     return outer_reads(node).union(filter(None, node.input))
 
 
 def sources(graph: GraphProto) -> set[str]:
-    """Tensors that are there without being computed."""
+    """Tensors that exist without being computed."""
     names = {value.name for value in graph.input} | {tensor.name for tensor in graph.initializer}
     return names | {sparse.values.name for sparse in graph.sparse_initializer}
 
@@ -49,7 +49,7 @@ def body_reads(graph: GraphProto) -> set[str]:
 
 
 def all_names(graph: GraphProto) -> set[str]:
-    """Every name of a tensor or node, nested bodies included: what a fresh name has to differ from."""
+    """Every name of a tensor or node, nested bodies included. A fresh name must differ from all of them."""
     names: set[str] = set()
     for current in with_bodies(graph):
         for values in (current.input, current.output, current.value_info, current.initializer):
@@ -61,7 +61,7 @@ def all_names(graph: GraphProto) -> set[str]:
 
 
 def _free_names(body: GraphProto) -> set[str]:
-    """A node reads the outer tensor of a name up to where the body defines its own."""
+    """A node reads the outer tensor of a name until the body defines its own."""
     known, taken = sources(body), set()
     for node in body.node:
         taken |= reads(node) - known

@@ -1,8 +1,8 @@
-"""The one door to onnx's C++ functions, which end the process on some models that onnx itself loads.
+"""The only door to onnx's C++ functions, which end the process on some models that onnx itself loads.
 
 Its inference of `Slice` asserts that no size is negative, and that of `GatherND` reads beyond an array for a negative
-`batch_dims`. So they get a copy in which negative sizes are unknown ones, without the nodes that would bring such sizes
-forth. What is left out is not inferred; the rest is.
+`batch_dims`. So they get a copy in which negative sizes are unknown ones, without the nodes that would produce such
+sizes. Omitted nodes are not inferred; the rest is.
 """
 
 from __future__ import annotations
@@ -16,7 +16,7 @@ from onnx import AttributeProto, GraphProto, NodeProto, TensorProto, TypeProto, 
 # Sizes are computed in 64 bits from these attributes; larger values overflow.
 _LARGEST = 2**31
 _MEASURES = frozenset({"kernel_shape", "strides", "dilations", "pads", "output_padding", "output_shape"})
-# Operators whose output has a negative size where one of these inputs, or an attribute `pads`, is negative.
+# Operators whose output has a negative size if one of these inputs, or an attribute `pads`, is negative.
 _SIZED_BY = {"Pad": (1,), "CenterCropPad": (1,), "DFT": (1,), "STFT": (1, 3)}
 
 _BODIES = frozenset({AttributeProto.GRAPH, AttributeProto.GRAPHS})
@@ -25,7 +25,7 @@ _TYPES = frozenset({AttributeProto.TYPE_PROTO, AttributeProto.TYPE_PROTOS})
 
 
 def infer_shapes(model: onnx.ModelProto, *, data_prop: bool = False) -> GraphProto:
-    """What onnx's inference makes of a model.
+    """The result of onnx's inference for a model.
 
     Args:
         model: The model; it is not changed.
@@ -50,17 +50,17 @@ def infer_node_outputs(
     values: Mapping[str, TensorProto],
     opset_imports: list[onnx.OperatorSetIdProto],
 ) -> dict[str, TypeProto]:
-    """What onnx's inference makes of one node: type and shape by output.
+    """The result of onnx's inference for one node: type and shape by output.
 
     Args:
-        schema: Of the node's operator.
+        schema: The schema of the node's operator.
         node: The node.
         types: Types of its inputs; negative sizes in them become unknown ones.
         values: Values of constant inputs.
         opset_imports: The operator sets of the model.
 
     Raises:
-        Exception: Whatever onnx raises for a wrong node.
+        Exception: Anything that onnx raises for a wrong node.
     """
     for type_ in types.values():
         _clear_type(type_)
@@ -74,24 +74,24 @@ def infer_node_outputs(
 
 
 def inline_local_functions(model: onnx.ModelProto) -> onnx.ModelProto:
-    """A copy of the model with calls of its own functions written out.
+    """A copy of the model with calls of its own functions inlined.
 
     Raises:
-        Exception: Whatever onnx raises for functions that it cannot inline.
+        Exception: Anything that onnx raises for functions that it cannot inline.
     """
     inlined: onnx.ModelProto = inliner.inline_local_functions(model)
     return inlined
 
 
 def make_harmless(model: onnx.ModelProto, *, remove: bool = True) -> list[str]:
-    """Clears negative sizes in place, and removes what would bring such sizes forth.
+    """Clears negative sizes in place, and removes nodes and initializers that would produce such sizes.
 
     Args:
         model: The model, which changes.
         remove: Whether to remove nodes and initializers; False leaves them.
 
     Returns:
-        What had to be removed, in words; nothing of it may reach the C++ functions.
+        Descriptions of what had to be removed, none of which may reach the C++ functions.
     """
     cleaning = _Cleaning(remove=remove)
     for function in model.functions:

@@ -1,4 +1,4 @@
-"""Who writes and reads each tensor of a graph: an index for looking around a node, built once, never updated."""
+"""The writer and the readers of each tensor of a graph: an index that is built once and never updated."""
 
 from __future__ import annotations
 
@@ -49,7 +49,7 @@ class Surroundings:
 
     @cached_property
     def input_counts(self) -> dict[str, set[int]]:
-        """The numbers of inputs that the nodes of each operator have, those left out at the end not counted."""
+        """The numbers of inputs that the nodes of each operator have, not counting omitted ones at the end."""
         found: dict[str, set[int]] = {}
         for node in self.nodes:
             last = max((place for place, name in enumerate(node.input) if name), default=-1)
@@ -58,7 +58,7 @@ class Surroundings:
 
     @cached_property
     def writer(self) -> dict[str, NodeProto]:
-        """The node that writes a tensor; the first one, should there be two."""
+        """The node that writes a tensor; the first one if there are two."""
         return {name: self.nodes[index] for name, index in self._writers.items()}
 
     def readers(self, tensor: str) -> list[int]:
@@ -99,7 +99,7 @@ class Surroundings:
 
 
 def node_text(graph: GraphProto, index: int) -> str:
-    """A node in words, as the matcher's messages have it: "Conv node 3 (writes 'y')"."""
+    """A description of a node, as in the matcher's messages: "Conv node 3 (writes 'y')"."""
     node = graph.node[index]
     written = next((name for name in node.output if name), None)
     return f"{node.op_type} node {index}" + (f" (writes '{written}')" if written else "")

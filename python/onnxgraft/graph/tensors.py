@@ -1,4 +1,4 @@
-"""Every tensor that a model stores, wherever it stands, and the bytes of its values."""
+"""Every tensor that a model stores, in any place, and the bytes of its values."""
 
 from __future__ import annotations
 
@@ -12,11 +12,11 @@ from onnx import TensorProto, numpy_helper
 
 from onnxgraft.graph.bodies import all_bodies, with_bodies
 
-# Where a tensor may hold its values, texts excepted.
+# Fields in which a tensor may hold its values, except strings.
 ValueField = Literal["raw_data", "float_data", "double_data", "int32_data", "int64_data", "uint64_data"]
 VALUE_FIELDS: tuple[ValueField, ...] = get_args(ValueField)
 
-# Types whose values have one stored form: as many bytes for each as NumPy takes.
+# Types whose values have one stored form: as many bytes for each as NumPy uses.
 _PLAIN_TYPES: dict[int, str] = {
     TensorProto.FLOAT: "<f4",
     TensorProto.DOUBLE: "<f8",
@@ -66,7 +66,7 @@ def raw_values(tensor: onnx.TensorProto, smallest: int = 0) -> bytes | None:
     """The bytes that `tensor` would have in a data file.
 
     Returns:
-        None if they are fewer than `smallest`, or if its values are text, packed or not in the tensor.
+        None if they are fewer than `smallest`, or if its values are strings, packed or not in the tensor.
     """
     if tensor.HasField("raw_data"):
         return tensor.raw_data if len(tensor.raw_data) >= smallest else None

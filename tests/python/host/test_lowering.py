@@ -180,10 +180,10 @@ def test_pairs_of_quantize_linear_compute_the_same(lines: list[onnx.NodeProto], 
     [
         ([node("TesselQuant", "x", offset=0.5)], "its offset is 0.5, where QuantizeLinear needs a whole INT8"),
         ([node("TesselQuant", "x", scale=-1.0)], "its scale is -1, where QuantizeLinear needs a positive one"),
-        ([node("TesselQuant", "x", "q"), node("Conv", "q w")], "Conv 'y': no TesselDequant ends its sums"),
+        ([node("TesselQuant", "x", "q"), node("Conv", "q w")], "Conv 'y': its sums do not end in a TesselDequant"),
         ([node("TesselQuant", "x", "q"), node("LeakyRelu", "q")], "LeakyRelu 'y' computes with quantized values"),
         ([node("TesselQuant", "x", "q"), node("Conv", "q w", "c"), node("TesselDequant", "c s", "d"),
-          node("TesselDequant", "c one")], "its input is dequantized by other scales as well"),
+          node("TesselDequant", "c one")], "its input is also dequantized by other scales"),
     ],
 )  # fmt: skip
 def test_what_has_no_form_with_quantize_linear(lines: list[onnx.NodeProto], message: str) -> None:
