@@ -1,4 +1,4 @@
-"""Recipes, and how they are read from TOML: a table each. Built-in ones and users' own pass through the same checks."""
+"""Recipes, and how they are read from TOML: one table each. Built-in and user recipes pass the same checks."""
 
 from __future__ import annotations
 
@@ -29,7 +29,7 @@ class Recipe:
     summary: str
     transformations: tuple[str, ...]
     prepare: tuple[str, ...] | None = None  # names of preparation steps; None: all of them
-    until_stable: bool = True  # run the whole list again until the graph does not change any more
+    until_stable: bool = True  # run the whole list again until the graph stops changing
     exclude: tuple[str, ...] = ()  # operators that stay in float: globs, as `rewrite` takes them
     only: tuple[str, ...] = ()  # the operators that may be quantized; empty: all
     source: str = ""  # the file that it comes from
@@ -57,7 +57,7 @@ def load_recipes(path: str | os.PathLike[str]) -> Mapping[str, Recipe]:
 def _recipe(name: str, table: Any, source: str) -> Recipe:
     where = f"'{source}', recipe '{name}'"
     if not isinstance(table, dict):
-        raise RecipeFileError(f"'{source}': '{name}' stands outside of a recipe; write it below a line such as [mynet]")
+        raise RecipeFileError(f"'{source}': '{name}' is outside of a recipe; write it below a line such as [mynet]")
     for key in table.keys() - set(_KEYS):
         raise RecipeFileError(f"{where}: unknown key '{key}'; {_instead(key, _KEYS, 'the keys are')}")
     if "transformations" not in table:
@@ -87,7 +87,7 @@ def _globs(table: Mapping[str, Any], key: str, where: str) -> tuple[str, ...]:
 def _names(table: Mapping[str, Any], key: str, known: Collection[str], where: str) -> tuple[str, ...]:
     names = table[key]
     if not isinstance(names, list) or not all(isinstance(name, str) for name in names):
-        raise RecipeFileError(f"{where}, key '{key}': wanted a list of names such as [\"{next(iter(known))}\"]")
+        raise RecipeFileError(f"{where}, key '{key}': expected a list of names such as [\"{next(iter(known))}\"]")
     for name in names:
         if name not in known:
             listed = "`onnxgraft list` shows the names of" if key == "transformations" else "the steps are"
@@ -98,7 +98,7 @@ def _names(table: Mapping[str, Any], key: str, known: Collection[str], where: st
 def _typed(table: Mapping[str, Any], key: str, kind: type, wanted: str, where: str, *, default: Any) -> Any:
     value = table.get(key, default)
     if not isinstance(value, kind):
-        raise RecipeFileError(f"{where}, key '{key}': wanted {wanted}, not {value!r}")
+        raise RecipeFileError(f"{where}, key '{key}': expected {wanted}, not {value!r}")
     return value
 
 
