@@ -96,7 +96,7 @@ def given_values(
     checked = (_checked(declared, sample, number) for number, sample in enumerate(samples, 1))
     first = next(checked, None)
     if first is None:
-        raise VerificationError("no inputs were given: there is not a single sample")
+        raise VerificationError("no inputs were given: there are no samples")
     return chain([first], checked), {name: Input(name, v.dtype, v.shape, None) for name, v in first.items()}
 
 

@@ -1,6 +1,6 @@
 """Do two models compute the same? Both are evaluated on the same random inputs, and their outputs compared.
 
-docs/use/verify-and-diff.md says how, and what a failure means.
+docs/verify-and-diff.md describes the method and the meaning of a failure.
 """
 
 from onnxgraft.errors import VerificationError

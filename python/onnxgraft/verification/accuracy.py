@@ -1,4 +1,4 @@
-"""How close a model stays to another one, in decibels; as data.
+"""How close a model is to another one, in decibels; as data.
 
 Signal to quantization noise ratio of a tensor, over all elements of all samples, x before and y after:
 
@@ -20,7 +20,7 @@ class TensorAccuracy:
         writer: Operator and name of the node that computes it in the model after.
         sqnr: In dB; infinite if nothing differs, minus infinity if it cannot be compared (another shape, or not finite
             where the model before is), NaN if the model before has no finite element.
-        exact: Whether nothing differs.
+        exact: Whether all elements are equal.
         max_error: The largest difference of two elements.
         scale: The largest absolute value in the model before.
     """
@@ -38,8 +38,8 @@ class QuantizeNumbers:
     """One quantize node of the model after.
 
     Attributes:
-        name: The node, or what it writes.
-        tensor: What it reads.
+        name: The node, or its output.
+        tensor: Its input.
         scale: Quantized steps per unit.
         offset: The quantized value of 0.
         saturated: The share of elements that are cut off, 0 to 1.
@@ -58,7 +58,7 @@ class SumNumbers:
 
     Attributes:
         name: Operator and name.
-        tensor: What it writes.
+        tensor: Its output.
         largest: The largest absolute value of its sums, bias included.
         bits: How many bits a signed integer needs for them.
     """
@@ -71,11 +71,11 @@ class SumNumbers:
 
 @dataclass(frozen=True)
 class Sensitivity:
-    """What quantizing one operator alone does to the outputs.
+    """The effect of quantizing one operator alone on the outputs.
 
     Attributes:
         name: Operator and name.
-        tensor: What it writes.
+        tensor: Its output.
         sqnr: Of the output that suffers most, in dB; infinite if none changes.
     """
 
@@ -92,7 +92,7 @@ class Accuracy:
     wanted: float | None = None  # the least SQNR of each output, in dB
     samples: int = 0
     runner: str = ""
-    tensors: list[TensorAccuracy] = field(default_factory=list)  # in the order of computation
+    tensors: list[TensorAccuracy] = field(default_factory=list)  # in computation order
     skipped: list[str] = field(default_factory=list)  # of the same name, but computed by another kind of operator
     quantize_nodes: list[QuantizeNumbers] = field(default_factory=list)
     sums: list[SumNumbers] = field(default_factory=list)
@@ -101,12 +101,12 @@ class Accuracy:
 
     @property
     def compared(self) -> bool:
-        """Whether each output has something to compare."""
+        """Whether each output could be compared."""
         return bool(self.outputs) and not any(math.isnan(row.sqnr) for row in self.outputs)
 
     @property
     def passed(self) -> bool:
-        """Whether each output is as close as wanted."""
+        """Whether each output reaches the wanted SQNR."""
         least = -math.inf if self.wanted is None else self.wanted
         return (
             self.compared and not self.notes and all(row.sqnr > -math.inf and row.sqnr >= least for row in self.outputs)
@@ -116,7 +116,7 @@ class Accuracy:
     def verdict(self) -> str:
         """The outcome in one sentence."""
         if not self.outputs:
-            return "there is no output that both models have"
+            return "the models have no output in common"
         if not self.compared:
             return "nothing was compared in an output without any finite element"
         worst = min(self.outputs, key=lambda row: row.sqnr)
@@ -124,11 +124,11 @@ class Accuracy:
         if self.wanted is None:
             return f"{found}, over {self.samples} samples"
         relation = "at least" if self.passed else "not"
-        return f"{found}, over {self.samples} samples: {relation} the {self.wanted:g} dB that are wanted"
+        return f"{found}, over {self.samples} samples: {relation} the required {self.wanted:g} dB"
 
 
 def decibels(value: float) -> str:
-    """A ratio as people read it."""
+    """A ratio as text."""
     if math.isnan(value):
         return "not compared"
     if math.isinf(value):

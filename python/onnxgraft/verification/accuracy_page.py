@@ -1,4 +1,4 @@
-"""An accuracy as a page: where along the network it is lost, as a plot, then the tables."""
+"""An accuracy as a page: a plot that shows where in the network it is lost, then the tables."""
 
 from __future__ import annotations
 
@@ -10,7 +10,7 @@ from onnxgraft.verification.accuracy import Accuracy, TensorAccuracy, decibels
 from onnxgraft.verification.accuracy_text import sections
 
 _WIDTH, _HEIGHT, _LEFT, _BOTTOM, _TOP = 1100, 260, 46, 24, 10
-_HIGHEST = 80.0  # what is closer than this stands at the upper edge
+_HIGHEST = 80.0  # higher values are drawn at the upper edge
 _BETWEEN_LINES = 20
 
 
@@ -18,9 +18,9 @@ def accuracy_page(accuracy: Accuracy, *, before: str = "before", after: str = "a
     """The accuracy as one HTML file.
 
     Args:
-        accuracy: What `measure` returned.
-        before: What the page calls the model before.
-        after: What it calls the one after.
+        accuracy: The result of `measure`.
+        before: The page's name for the model before.
+        after: Its name for the model after.
     """
     facts = [f"{before} → {after}", f"{accuracy.samples} samples", accuracy.verdict]
     parts = [_plot(accuracy.tensors, accuracy.wanted)] if accuracy.tensors else []
@@ -52,7 +52,7 @@ def _plot(tensors: Sequence[TensorAccuracy], wanted: float | None) -> str:
     if wanted is not None and 0 <= wanted <= _HIGHEST:
         marks.append(
             f'<line x1="{_LEFT}" x2="{_WIDTH - 10}" y1="{y(wanted):.1f}" y2="{y(wanted):.1f}" '
-            f'stroke="var(--removed-line)" stroke-dasharray="6 4"><title>{wanted:g} dB are wanted</title></line>'
+            f'stroke="var(--removed-line)" stroke-dasharray="6 4"><title>required: {wanted:g} dB</title></line>'
         )
     line = " ".join(f"{x(place):.1f},{y(value):.1f}" for place, value in enumerate(values))
     marks.append(f'<polyline points="{line}" fill="none" stroke="var(--kept-line)"/>')
@@ -69,7 +69,7 @@ def _plot(tensors: Sequence[TensorAccuracy], wanted: float | None) -> str:
 
 
 def _card(row: TensorAccuracy) -> str:
-    what = f"{row.writer}: off by {row.max_error:.3g} where values go up to {row.scale:.3g}"
+    what = f"{row.writer}: differs by {row.max_error:.3g}, with values up to {row.scale:.3g}"
     return (
         f'<article data-kind="tensor" tabindex="-1"><h3><span class="badge region">{text(decibels(row.sqnr))}</span>'
         f'<code>{text(row.name)}</code></h3><p class="what">{text(what)}</p></article>'

@@ -1,4 +1,4 @@
-"""An accuracy as tables for people."""
+"""An accuracy as tables of text."""
 
 from __future__ import annotations
 
@@ -17,7 +17,7 @@ _WIDTH = 200
 
 
 def accuracy_text(accuracy: Accuracy) -> str:
-    """Tables of what was measured, then notes and the verdict."""
+    """Tables of the measurements, then notes and the verdict."""
     stream = io.StringIO()
     console = Console(file=stream, width=_WIDTH, markup=False, highlight=False, emoji=False, color_system=None)
     for title, headings, rows in sections(accuracy):

@@ -1,7 +1,7 @@
 """How two values of one tensor are compared: integers exactly, floating-point numbers relative to their scale.
 
-Elements that are both NaN, or the same infinity, are equal; a tensor without any finite element passes nothing, though.
-Where one element is finite and the other is not, the difference is infinite.
+Elements that are both NaN, or the same infinity, are equal, but a tensor without any finite element never passes. If
+one element is finite and the other is not, the difference is infinite.
 """
 
 from __future__ import annotations
@@ -18,7 +18,7 @@ from onnxgraft.verification.result import OutputRow
 
 Array = npt.NDArray[Any]
 
-# Room for sums in another order, in networks of hundreds of layers.
+# Allows for sums in another order, in networks of hundreds of layers.
 DEFAULT_TOLERANCE = 1e-4
 _STEPS = 16  # of a narrow floating-point type, whose resolution is coarser than the tolerance
 
@@ -37,7 +37,7 @@ def worst(rows: Iterable[OutputRow]) -> OutputRow:
     """One row for several runs of the same output."""
     rows = list(rows)
     chosen = max(rows, key=lambda row: (row.compared and not row.passed, row.relative_error))
-    # A difference in one run counts, whatever another run had to compare.
+    # A difference in one run counts, whatever the other runs found.
     differs, passed = chosen.compared and not chosen.passed, all(row.passed for row in rows)
     return replace(chosen, passed=passed, compared=differs or all(row.compared for row in rows))
 
@@ -62,19 +62,19 @@ def _difference(before: Array, after: Array) -> tuple[float, float]:
         return math.inf, scale
     if np.array_equal(before, after):
         return 0.0, scale
-    if not (_is_number(before.dtype) and _is_number(after.dtype)):  # texts, complex numbers
+    if not (_is_number(before.dtype) and _is_number(after.dtype)):  # strings, complex numbers
         return math.inf, scale
     first, second = before.astype(np.float64), after.astype(np.float64)
     same = (first == second) | (np.isnan(first) & np.isnan(second))
     with np.errstate(invalid="ignore"):
         distance = np.where(same, 0.0, np.abs(first - second))
     error = float(np.where(np.isnan(distance), np.inf, distance).max())
-    # Integers that differ beyond the 53 bits of a double differ all the same.
+    # Integers that differ beyond the 53 bits of a double still differ.
     return error if _is_floating(before.dtype) else max(error, 1.0), scale
 
 
 def _is_lost(values: Array) -> bool:
-    """Whether nothing finite is left that could be compared."""
+    """Whether there is no finite element to compare."""
     return bool(values.size) and _is_floating(values.dtype) and not np.isfinite(values).any()
 
 

@@ -1,4 +1,4 @@
-"""Computes tensors of both models, with onnxruntime where it is installed and able to."""
+"""Computes tensors of both models, with onnxruntime if it is installed and can run them."""
 
 from __future__ import annotations
 
@@ -24,7 +24,7 @@ _log = logging.getLogger(__name__)
 
 @dataclass(frozen=True)
 class Side:
-    """One of the two models. `label` is what messages call it."""
+    """One of the two models. `label` names it in messages."""
 
     label: Literal["before", "after"]
     model: onnx.ModelProto
@@ -36,21 +36,21 @@ class Computer:
 
     def __init__(self) -> None:
         self.runner: Runner = "onnxruntime" if importlib.util.find_spec("onnxruntime") else "onnx.reference"
-        self.fallback: str | None = None  # why onnxruntime was given up
+        self.fallback: str | None = None  # why onnxruntime is no longer used
 
     def compute(
         self, sides: Sequence[Side], names: Sequence[str], convention: Convention, values: Mapping[str, Array]
     ) -> list[dict[str, Array]]:
-        """The tensors `names` of every side, on inputs of these values.
+        """The tensors `names` of both models, on inputs of these values.
 
         Raises:
-            EvaluationError: A model does not run; the message says which one and, where known, at which node.
+            EvaluationError: A model does not run; the message names the model and, if known, the node.
         """
         if self.runner == "onnxruntime":
             try:
                 return [self._evaluate(side, values, names, convention) for side in sides]
             except EvaluationError as error:
-                _log.info("onnxruntime cannot compute it, onnx.reference takes over: %s", error)
+                _log.info("onnxruntime cannot compute it, onnx.reference is used instead: %s", error)
                 self.fallback = str(error)
                 self.runner = "onnx.reference"
         return [self._evaluate(side, values, names, convention) for side in sides]

@@ -1,4 +1,4 @@
-"""Which tensors of one name mean the same in two models."""
+"""Finds the tensors of one name that mean the same in two models."""
 
 from __future__ import annotations
 
@@ -17,10 +17,10 @@ def writers_of(graph: onnx.GraphProto) -> dict[str, onnx.NodeProto]:
 
 
 def is_counterpart(before: onnx.NodeProto, after: onnx.NodeProto) -> bool:
-    """Whether what both nodes write means the same.
+    """Whether the outputs of both nodes mean the same.
 
-    The name alone does not tell: a transformation may let another operator write a tensor of an old name. A quantized
-    operator ends in a dequantize node, and a sum of two branches stands for the convolution that was split.
+    The name alone does not decide: a transformation may let another operator write a tensor of an old name. A quantized
+    operator ends in a dequantize node, and a sum of two branches replaces the convolution that was split.
     """
     if after.op_type in {before.op_type, "TesselDequant"}:
         return True

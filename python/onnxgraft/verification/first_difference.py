@@ -1,4 +1,4 @@
-"""Finds where two models part: the first tensor of the same name, in the order of computation, that differs."""
+"""Finds where two models diverge: the first tensor of the same name, in computation order, that differs."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ def find_first_difference(
     values: Mapping[str, Array],
     tolerance: float | None,
 ) -> str | None:
-    """The tensor with its writer and the size of the difference; None if only what has no common name differs.
+    """The tensor with its writer and the size of the difference; None if only tensors without a common name differ.
 
     If none differs, the first one without any finite element.
     """
@@ -34,7 +34,7 @@ def find_first_difference(
         try:
             first, second = computer.compute(sides, names, convention, values)
         except EvaluationError:
-            return lost  # the outputs could be computed: an evaluator that does not give out every tensor
+            return lost  # the outputs could be computed, but this evaluator does not return every tensor
         for name in names:
             row = compare(name, first[name], second[name], tolerance)
             node = after[name]
@@ -43,8 +43,8 @@ def find_first_difference(
                 lost = lost or title
             elif not row.passed:
                 if first[name].shape != second[name].shape:
-                    return f"{title}: of shape {list(first[name].shape)} before, {list(second[name].shape)} after"
-                return f"{title}: off by {row.max_error:.3g} where values go up to {row.scale:.3g}"
+                    return f"{title}: has shape {list(first[name].shape)} before, {list(second[name].shape)} after"
+                return f"{title}: differs by {row.max_error:.3g}, with values up to {row.scale:.3g}"
     return lost
 
 

@@ -11,7 +11,7 @@ from onnxgraft.samples.random_values import Input
 
 
 def input_problems(inputs: Mapping[str, Input], after: onnx.GraphProto) -> list[str]:
-    """Why the inputs of the one model cannot be given to the other; nothing if they can."""
+    """The reasons why inputs of one model do not fit the other; empty if they fit."""
     problems = []
     constants = {tensor.name for tensor in after.initializer}
     for value in after.input:
@@ -19,7 +19,7 @@ def input_problems(inputs: Mapping[str, Input], after: onnx.GraphProto) -> list[
             continue
         tensor = value.type.tensor_type
         if value.name not in inputs:
-            problems.append(f"the model after has an input '{value.name}' that the one before lacks")
+            problems.append(f"the model after has an input '{value.name}' that the model before does not have")
             continue
         wanted = inputs[value.name]
         if helper.tensor_dtype_to_np_dtype(tensor.elem_type or onnx.TensorProto.FLOAT) != wanted.dtype:
@@ -40,10 +40,10 @@ def common_outputs(before: onnx.GraphProto, after: onnx.GraphProto) -> list[str]
 
 
 def lost_outputs(before: onnx.GraphProto, after: onnx.GraphProto) -> list[str]:
-    """A note for what keeps the outputs from being compared; each of them is a failure."""
+    """A note for everything that keeps the outputs from being compared; each of them is a failure."""
     common = common_outputs(before, after)
     lost = [value.name for value in before.output if value.name not in common]
-    notes = [f"the model after lacks the output '{name}'" for name in lost]
+    notes = [f"the model after does not have the output '{name}'" for name in lost]
     return notes if notes or common else ["the models have no outputs to compare"]
 
 
@@ -53,6 +53,6 @@ def other_remarks(before: onnx.GraphProto, after: onnx.GraphProto) -> list[str]:
     constants = {tensor.name for tensor in before.initializer}
     new = [value.name for value in after.output if value.name not in outputs]
     gone = [value.name for value in before.input if value.name not in inputs and value.name not in constants]
-    return [f"the model after has a further output '{name}', which is not compared" for name in new] + [
+    return [f"the model after has another output '{name}', which is not compared" for name in new] + [
         f"the model after has no input '{name}'" for name in gone
     ]

@@ -1,4 +1,4 @@
-"""`measure`: two models on the same samples, in decibels, tensor by tensor if that is wanted."""
+"""`measure`: compares two models on the same samples, in decibels, on request tensor by tensor."""
 
 from __future__ import annotations
 
@@ -32,7 +32,7 @@ Progress = Callable[[int, int | None], object]
 # Tensors of one sample that are held in memory at a time, for each model.
 _AT_ONCE = 32
 _WITHOUT_ONE_ARRAY = ("Sequence", "SplitToSequence", "Optional")
-_LOWEST, _HIGHEST = -128.5, 127.5  # what lies beyond is cut off when it is rounded
+_LOWEST, _HIGHEST = -128.5, 127.5  # values beyond it are cut off by rounding
 
 
 def measure(
@@ -48,17 +48,17 @@ def measure(
     convention: Convention = HARDWARE,
     progress: Progress | None = None,
 ) -> Accuracy:
-    """Computes both models on samples and sums signal and noise up.
+    """Computes both models on samples and accumulates signal and noise.
 
     SQNR = 10 * log10(sum(x^2) / sum((x - y)^2)) in dB, over all elements of all samples; x before, y after.
 
     Args:
         before: The model to compare with, usually the float one; it is not changed.
-        after: What was made of it; it is not changed.
-        samples: An array for each input of `before` by name, again and again: more than one pass is made.
+        after: The model made from it; it is not changed.
+        samples: An array for each input of `before` by name. It must be iterable repeatedly: there are several passes.
         wanted: The least SQNR of each output, in dB; None for no limit.
-        per_tensor: Whether to measure every tensor that both models have, and what quantize nodes and sums do. That
-            takes a pass over the samples for each 32 tensors.
+        per_tensor: Whether to measure every tensor that both models have, and the effect of quantize nodes and sums.
+            That takes a pass over the samples for each 32 tensors.
         sensitivity: Whether to quantize each operator alone as well, which takes a pass for each.
         folder_before: Where the external data of `before` is; None for the current folder.
         folder_after: Where the external data of `after` is; None for the current folder.
@@ -70,7 +70,7 @@ def measure(
 
     Raises:
         VerificationError: There is no sample.
-        EvaluationError: A model cannot be computed; the message says which one and why.
+        EvaluationError: A model cannot be computed; the message names the model and the reason.
     """
     again = list(samples) if isinstance(samples, Iterator) else samples
     first, second = _Side("before", before, folder_before, convention), _Side("after", after, folder_after, convention)
@@ -96,7 +96,7 @@ def measure(
             for name, noise in noises.items():
                 noise.add(expected[name], found[name])
         if not result.samples:
-            raise VerificationError("no inputs were given: there is not a single sample")
+            raise VerificationError("no inputs were given: there are no samples")
         result.runner = one.evaluator
         rows += [noise.row(name, second.label(name)) for name, noise in noises.items()]
         step.done()
@@ -172,7 +172,7 @@ class _Side:
 
 
 def _common(first: _Side, second: _Side) -> tuple[list[str], list[str]]:
-    """The tensors to compare, in the order of computation, and those of one name that mean something else."""
+    """The tensors to compare, in computation order, and the tensors of one name that mean something else."""
     found: list[str] = []
     skipped: list[str] = []
     for name, node in first.writers.items():
@@ -185,7 +185,7 @@ def _common(first: _Side, second: _Side) -> tuple[list[str], list[str]]:
 
 
 class _Watched:
-    """What quantize nodes cut off, and how large sums get."""
+    """The share that quantize nodes cut off, and the size of sums."""
 
     def __init__(self, side: _Side) -> None:
         nodes = side.model.graph.node
@@ -235,5 +235,5 @@ def _parameters(node: onnx.NodeProto) -> tuple[float, float]:
 
 
 def _bits(value: float) -> int:
-    """Of a signed integer that holds value and -value."""
+    """The bits of a signed integer that holds value and -value."""
     return math.ceil(math.log2(value + 1)) + 1 if math.isfinite(value) else 0

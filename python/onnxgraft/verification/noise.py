@@ -1,4 +1,4 @@
-"""Sums signal and noise of one tensor over samples."""
+"""Accumulates signal and noise of one tensor over samples."""
 
 from __future__ import annotations
 
@@ -16,7 +16,7 @@ Array = npt.NDArray[Any]
 
 @dataclass
 class Noise:
-    """What was seen of one tensor so far. Elements that are not finite before are left out of all sums."""
+    """The sums over one tensor so far. Elements that are not finite in the model before are left out of all sums."""
 
     signal: float = 0.0
     noise: float = 0.0
@@ -25,7 +25,7 @@ class Noise:
     elements: int = 0
 
     def add(self, before: Array, after: Array) -> None:
-        """Takes one sample in."""
+        """Adds one sample."""
         if before.shape != after.shape:
             self.noise = self.max_error = math.inf
             self.elements += before.size

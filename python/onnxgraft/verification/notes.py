@@ -1,4 +1,4 @@
-"""What two models tell by themselves of why their outputs cannot agree."""
+"""What two models reveal, without being computed, about why their outputs cannot agree."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ _EXAMPLES = 3
 
 @dataclass(frozen=True)
 class Outline:
-    """What the notes are told from."""
+    """The facts that the notes are based on."""
 
     operators: Counter[str]
     int8_weights: dict[str, str]  # label of the node -> the weight that it reads
@@ -51,8 +51,8 @@ def _lost_normalization(before: Outline, after: Outline) -> str | None:
     if lost <= 0 or not before.int8_weights:
         return None
     return (
-        f"{lost} BatchNormalization nodes are gone from a quantized model: fuse_bn_quant draws the biases that stand "
-        "for them at random: outputs cannot agree"
+        f"{lost} BatchNormalization nodes are gone from a quantized model: fuse_bn_quant draws the biases that "
+        "replace them at random, so outputs cannot agree"
     )
 
 
@@ -62,8 +62,8 @@ def _split_concat(before: Outline, after: Outline) -> str | None:
     if lost <= 0 or grown <= 0:
         return None
     return (
-        f"{lost} Concat nodes are gone and {grown} Conv nodes are new: delete_concat, where it is not finished, gives "
-        "both branches the whole weight and adds the bias twice: outputs cannot agree"
+        f"{lost} Concat nodes are gone and {grown} Conv nodes are new: delete_concat, unless it is finished, gives "
+        "both branches the whole weight and adds the bias twice, so outputs cannot agree"
     )
 
 
@@ -73,8 +73,8 @@ def _no_more_rounding(before: Outline, after: Outline) -> str | None:
         return None
     more = f" and {len(lost) - _EXAMPLES} more" if len(lost) > _EXAMPLES else ""
     return (
-        f"{', '.join(lost[:_EXAMPLES])}{more} read no INT8 weights any more: change_gap_conv takes the quantize nodes "
-        "in front of them away, and with them their rounding and clipping: outputs agree only without either"
+        f"{', '.join(lost[:_EXAMPLES])}{more} no longer read INT8 weights: change_gap_conv removes the quantize nodes "
+        "before them, and with them their rounding and clipping, so outputs agree only without rounding"
     )
 
 
@@ -87,7 +87,7 @@ _RULES: tuple[Callable[[Outline, Outline], str | None], ...] = (
 
 
 def notes_on_failure(before: onnx.GraphProto, after: onnx.GraphProto) -> list[str]:
-    """The transformations that left their mark and change the function by definition."""
+    """The transformations that left traces and change the function by definition."""
     first, second = Outline.of(before), Outline.of(after)
     return [note for rule in _RULES if (note := rule(first, second)) is not None]
 

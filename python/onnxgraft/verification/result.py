@@ -1,4 +1,4 @@
-"""What a comparison found, as data; printed, it is a table."""
+"""The result of a comparison, as data; printed, it is a table."""
 
 from __future__ import annotations
 
@@ -24,13 +24,13 @@ class OutputRow:
     Attributes:
         name: The output.
         dtype: The element type that was compared; quantized values are floating-point numbers here.
-        shape: The shape that the model before gives it.
+        shape: Its shape in the model before.
         max_error: The largest difference of two elements over all runs; infinite if they cannot be compared.
         scale: The largest absolute value among the finite elements of both.
         relative_error: `max_error / scale`; 0 if nothing differs.
         passed: Whether that is within the tolerance.
-        compared: Whether there was anything to compare; where both models give the same elements and none of them is
-            finite, nothing was, and the row does not pass.
+        compared: Whether there was anything to compare. If both models give the same elements and none of them is
+            finite, nothing was compared, and the row does not pass.
     """
 
     name: str
@@ -44,7 +44,7 @@ class OutputRow:
 
     @property
     def verdict(self) -> str:
-        """The word for it."""
+        """One word for the result."""
         return "same" if self.passed else "DIFFERENT" if self.compared else "NOT COMPARED"
 
 
@@ -53,7 +53,7 @@ class Verification:
     """The result of `verify`."""
 
     rows: list[OutputRow] = field(default_factory=list)
-    # The first tensor, in the order of computation, that differs, or else the first without any finite element.
+    # The first tensor, in computation order, that differs, or else the first without any finite element.
     first_difference: str | None = None
     notes: list[str] = field(default_factory=list)
     passed: bool = False
@@ -67,7 +67,7 @@ class Verification:
 
     @property
     def differs(self) -> bool:
-        """Whether a difference was found. If not, and it did not pass, outputs without any finite element are why."""
+        """Whether a difference was found. If not, and it did not pass, an output has no finite element."""
         return not self.passed and (not self.rows or any(row.compared and not row.passed for row in self.rows))
 
     @property

@@ -1,7 +1,7 @@
-"""The float model with one operator quantized at a time: which one costs how much.
+"""The float model with one operator quantized at a time, which shows the cost of each.
 
-What computes a tensor in the quantized model, from tensors that the float model has as well, takes the place of the
-node that computes it there.
+The nodes that compute a tensor in the quantized model, from tensors that the float model also has, replace the node
+that computes it there.
 """
 
 from __future__ import annotations
@@ -36,8 +36,8 @@ class Hybrid:
 
     Attributes:
         name: That operator.
-        tensor: What it writes.
-        model: The model; it shares nothing with the two that it was made of.
+        tensor: Its output.
+        model: The model; it shares nothing with the two models that it was made from.
         folder: The folder that the locations of its external tensors start from.
     """
 
@@ -56,7 +56,7 @@ class Runner(Protocol):
 
 
 def hybrids(before: onnx.ModelProto, after: onnx.ModelProto, folder_before: str, folder_after: str) -> Iterator[Hybrid]:
-    """One for each tensor of both models that the one after dequantizes."""
+    """One for each common tensor that the model after dequantizes."""
     quantized = quantized_values.find(after.graph, versions(after)).tensors
     first, second = writers_of(before.graph), writers_of(after.graph)
     known = {name for name, node in first.items() if name in second and is_counterpart(node, second[name])} - quantized
@@ -107,7 +107,7 @@ class _Join:
         self._tensors = {tensor.name: tensor for tensor in reversed(after.graph.initializer)}
 
     def model(self, place: int, name: str, nodes: Sequence[onnx.NodeProto]) -> onnx.ModelProto:
-        """The copy in which `nodes` compute the tensor instead of the node at `place`."""
+        """A copy in which `nodes` compute the tensor instead of the node at `place`."""
         result = onnx.ModelProto()
         result.CopyFrom(self._before)
         graph = result.graph

@@ -36,39 +36,39 @@ def verify(
 ) -> Verification:
     """Evaluates both models on the same inputs and compares each output.
 
-    Integers have to be equal, floating-point numbers within `tolerance` times the largest absolute value of the output.
+    Integers must be equal, floating-point numbers within `tolerance` times the largest absolute value of the output.
 
     Args:
         before: The model to compare with, or its path; it is not changed.
-        after: What was made of it; it is not changed.
-        seed: Of the inputs of the first run; run k takes `seed + k`.
-        sizes: Sizes of symbolic dimensions by name, or of any unknown one as "input[axis]". Without: what a weight
-            asks for, 1 for the batch, 64 for height and width, 16 for others.
-        runs: How many different inputs are tried.
+        after: The model made from it; it is not changed.
+        seed: The seed of the inputs of the first run; run k uses `seed + k`.
+        sizes: Sizes of symbolic dimensions by name, or of any unknown one as "input[axis]". Default: the size that a
+            weight requires, 1 for the batch, 64 for height and width, 16 for others.
+        runs: How many different inputs to try.
         tolerance: None for 1e-4, or what narrower floating-point types can hold.
-        inputs: Samples to compute on instead of random ones, one run each: an array for each input of `before` by
-            name, in its element type and shape. `onnxgraft.samples.open_data` reads them from files. `seed`,
-            `sizes` and `runs` have to be left as they are then.
+        inputs: Samples to compute on instead of random ones, one run each: an array for each input of `before` by name,
+            in its element type and shape. `onnxgraft.samples.open_data` reads them from files. `seed`, `sizes` and
+            `runs` must then keep their defaults.
         folder_before: Where the external data of `before` is; None for the current folder.
         folder_after: Where the external data of `after` is; None for the current folder.
         convention: How quantized operators are read.
 
     Returns:
-        The rows, and notes on what the models themselves tell of a failure. Outputs that `after` lacks, or inputs of
-        another type or shape, fail as well.
+        The rows, and notes about a failure that follow from the models themselves. Outputs that `after` does not have,
+        or inputs of another type or shape, fail as well.
 
     Raises:
         ModelFileError: A name in a model is not UTF-8.
         VerificationError: No inputs can be made, or a wrong argument.
-        EvaluationError: A model cannot be computed; the message says which one and where.
+        EvaluationError: A model cannot be computed; the message names the model and the node.
     """
     folder_before, folder_after = folder_of(before, folder_before), folder_of(after, folder_after)
     before, after = opened_model(before), opened_model(after)
     check_texts(before, after)
     if runs < 1:
-        raise VerificationError(f"runs has to be 1 or more, not {runs}")
+        raise VerificationError(f"runs must be 1 or more, not {runs}")
     if tolerance is not None and not 0 <= tolerance < math.inf:
-        raise VerificationError(f"the tolerance has to be 0 or a positive number, not {tolerance}")
+        raise VerificationError(f"the tolerance must be 0 or a positive number, not {tolerance}")
     sides = [
         Side("before", sorted_model(before), folder_before or ""),
         Side("after", sorted_model(after), folder_after or ""),
@@ -79,7 +79,7 @@ def verify(
         feeds = (random_values(wanted, seed + run) for run in range(runs))
     else:
         if seed or sizes or runs != 1:
-            raise VerificationError("where inputs are given, seed, sizes and runs have no use: leave them out")
+            raise VerificationError("given inputs replace random ones: do not set seed, sizes or runs as well")
         feeds, wanted = given_values(before, inputs)
     result = Verification(inputs={name: str(value) for name, value in wanted.items()}, runs=runs)
     result.seed = seed if inputs is None else None
@@ -101,7 +101,7 @@ def verify(
         result.notes += _without_rounding(sides, names, computer, convention, failed, tolerance)
     result.runner = computer.runner
     if computer.fallback is not None:
-        result.notes.append(f"onnxruntime gave up: {computer.fallback}")
+        result.notes.append(f"onnxruntime failed: {computer.fallback}")
     return result
 
 
@@ -122,7 +122,7 @@ def _compare(
         for name in names:
             rows[name].append(compare(name, first[name], second[name], tolerance))
         latest = [found[-1] for found in rows.values()]
-        # A run that differs tells more than one with nothing to compare.
+        # A run that differs says more than one with nothing to compare.
         if not differs and not all(row.passed for row in latest):
             differs = any(row.compared and not row.passed for row in latest)
             if failed is None or differs:
@@ -131,10 +131,10 @@ def _compare(
 
 
 def _remarks(rows: Sequence[OutputRow]) -> list[str]:
-    """What a row of the table does not say."""
+    """Facts that a row of the table does not show."""
     silent = [row.name for row in rows if row.passed and row.scale == 0 and 0 not in row.shape and row.max_error == 0]
     lost = [row.name for row in rows if not row.compared]
-    found = [f"{', '.join(silent)}: no finite element but 0, so that agreement proves little"] if silent else []
+    found = [f"{', '.join(silent)}: the only finite element is 0, so agreement proves little"] if silent else []
     return found + [f"output '{name}' has no finite element: nothing was compared" for name in lost]
 
 
@@ -146,7 +146,7 @@ def _without_rounding(
     values: Mapping[str, Array],
     tolerance: float | None,
 ) -> list[str]:
-    """Whether it is but the resolution of quantized values in which two quantized models differ."""
+    """Whether two quantized models differ only in the resolution of their quantized values."""
     if not convention.rounding or not notes.are_quantized(*(side.model.graph for side in sides)):
         return []
     try:
@@ -157,6 +157,6 @@ def _without_rounding(
     if not all(row.passed and row.scale > 0 for row in rows):
         return []
     return [
-        "with quantize nodes that only scale, neither round nor clip, the outputs agree: it is the resolution of "
-        "quantized values that changed, as update_tesselquant and change_gap_conv change it"
+        "with quantize nodes that only scale, without rounding or clipping, the outputs agree: only the resolution of "
+        "quantized values changed, as update_tesselquant and change_gap_conv change it"
     ]

@@ -87,7 +87,7 @@ def other_shape(model: onnx.ModelProto) -> None:
 @pytest.mark.parametrize(
     ("change", "note"),
     [
-        (output_gone, "lacks the output 'masked'"),
+        (output_gone, "does not have the output 'masked'"),
         (other_shape, "'ids' is int64"),
         (lambda model: model.graph.input.add(name="further"), "'further'"),
     ],
@@ -160,7 +160,7 @@ def test_outputs_without_a_finite_element_have_a_verdict_of_their_own() -> None:
     half = {"x": np.full(2, 0.5, np.float32)}
     assert verify(model, other, inputs=[negative, half]).rows[0].verdict == "DIFFERENT"
     for wrong, message in (
-        ([], "not a single sample"),
+        ([], "there are no samples"),
         ([{}], "sample 1 has no array for the input 'x'"),
         ([half, {"y": half["x"]}], "sample 2: the model before has no input 'y', but x"),
         ([{"x": np.ones(3, np.float32)}], r"of shape \[2\], its array of shape \[3\]"),
