@@ -1,5 +1,4 @@
-// The sentences of nearest_miss.h.
-
+// The sentences of nearest_miss.h, as a table. A new reason needs a row here, or it reads as a match.
 #include <array>
 #include <string>
 
@@ -12,35 +11,35 @@ namespace {
 struct ReasonText {
   Reason reason;
   const char* name;
-  const char* sentence;  // {node}: the node tried, {tensor}, {slot}, {op}: operator wanted, {reader}
+  const char* sentence;  // {node}: the node tried, {tensor}, {slot}, {an op}: operator wanted, {reader}
 };
 
 constexpr std::array reason_texts{
     ReasonText{Reason::none, "none", "it matches"},
     ReasonText{Reason::missing_operator, "missing_operator", "the graph has no {op} node"},
-    ReasonText{Reason::wrong_operator, "wrong_operator", "{node} is no {op}"},
+    ReasonText{Reason::wrong_operator, "wrong_operator", "{node} is not {an op}"},
     ReasonText{Reason::output_count, "output_count", "{node} does not have exactly one output"},
-    ReasonText{Reason::second_producer, "second_producer", "an earlier node writes {tensor} too"},
-    ReasonText{Reason::input_count, "input_count", "{node} has another number of inputs than the pattern"},
+    ReasonText{Reason::second_producer, "second_producer", "an earlier node also writes {tensor}"},
+    ReasonText{Reason::input_count, "input_count", "the number of inputs of {node} differs from the pattern"},
     ReasonText{Reason::input_omitted, "input_omitted", "input {slot} of {node} is omitted"},
     ReasonText{Reason::not_initializer, "not_initializer",
                "input {slot} of {node}, {tensor}, is not an initializer of the graph"},
     ReasonText{Reason::rest_not_initializer, "rest_not_initializer",
-               "input {slot} of {node}, {tensor}, is computed: all inputs from there on must be initializers"},
+               "input {slot} of {node}, {tensor}, is computed: all inputs from this one on must be initializers"},
     ReasonText{Reason::different_tensors, "different_tensors",
-               "{node} has another tensor than {tensor} at input {slot}"},
+               "{node} has a tensor other than {tensor} at input {slot}"},
     ReasonText{Reason::other_position, "other_position", "{node} reads {tensor}, but not at input {slot}"},
     ReasonText{Reason::graph_output, "graph_output", "{tensor} is an output of the graph"},
     ReasonText{Reason::read_by_body, "read_by_body", "{tensor} is read inside a nested graph"},
     ReasonText{Reason::read_elsewhere, "read_elsewhere", "{tensor} is also read by {reader}"},
     ReasonText{Reason::too_few_readers, "too_few_readers", "too few nodes read {tensor}"},
     ReasonText{Reason::same_tensor, "same_tensor",
-               "{tensor} would stand for two ids of the pattern, and the node that writes it is removed"},
-    ReasonText{Reason::node_used_twice, "node_used_twice", "{node} plays another node of the pattern already"},
+               "two ids of the pattern would both be {tensor}, and the replacement removes the node that writes it"},
+    ReasonText{Reason::node_used_twice, "node_used_twice", "{node} already matches another node of the pattern"},
     ReasonText{Reason::no_producer, "no_producer", "no node writes {tensor}"},
     ReasonText{Reason::no_reader, "no_reader", "no node reads {tensor}"},
     ReasonText{Reason::closes_cycle, "closes_cycle", "the replacement would close a cycle"},
-    ReasonText{Reason::claimed, "claimed", "an earlier occurrence has {node}"},
+    ReasonText{Reason::claimed, "claimed", "an earlier occurrence uses {node}"},
     ReasonText{Reason::refused, "refused", "the transformation refused it"},
 };
 
@@ -61,6 +60,11 @@ std::string node_text(const GraphTable& table, NodeIndex node) {
   return text;
 }
 
+std::string with_article(const std::string& op) {
+  const bool vowel = std::string_view("AEIOU").find(op.front()) != std::string_view::npos;
+  return (vowel ? "an " : "a ") + op;
+}
+
 void replace_all(std::string& text, std::string_view from, const std::string& to) {
   for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
     text.replace(at, from.size(), to);
@@ -78,6 +82,7 @@ std::string describe(const GraphTable& table, const Rule& rule, const NearestMis
   replace_all(sentence, "{tensor}", quoted(table.names.text(miss.tensor)));
   replace_all(sentence, "{slot}", std::to_string(miss.slot));
   replace_all(sentence, "{op}", op);
+  replace_all(sentence, "{an op}", with_article(op));
   replace_all(sentence, "{reader}", node_text(table, miss.reader));
   if (miss.reason == Reason::missing_operator) return sentence;
   std::string text =

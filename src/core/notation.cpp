@@ -25,18 +25,17 @@ class Parser {
     }
     parse_inputs(result);
     result.output_column = column();
-    result.output = digits("a tensor id (decimal digits) behind '->'");
-    if (at_ < text_.size()) fail("nothing behind the output id: a node has exactly one output");
+    result.output = digits("a tensor id (decimal digits) after '->'");
+    if (at_ < text_.size()) fail("nothing after the output id: a node has exactly one output");
     return result;
   }
 
  private:
   void parse_source(ParsedString& result) {
-    if (place_.list == StringPlace::List::pattern)
-      fail("an operator name: '#' refers to the pattern from a replacement");
+    if (place_.list == StringPlace::List::pattern) fail("an operator name: '#' is allowed in replacements only");
     ++at_;
     result.source_column = column();
-    const std::string_view number = digits("the number of a pattern node behind '#'");
+    const std::string_view number = digits("the number of a pattern node after '#'");
     std::size_t value = 0;
     const auto parsed = std::from_chars(number.data(), number.data() + number.size(), value);
     // A number too large for the machine is too large for any pattern: rule.cpp reports the range.
@@ -45,7 +44,7 @@ class Parser {
       result.bare = true;
       return;
     }
-    if (peek() != ':') fail("':' or the end behind '#" + std::string(number) + "'");
+    if (peek() != ':') fail("':' or the end of the string after '#" + std::string(number) + "'");
     ++at_;
   }
 
@@ -53,7 +52,7 @@ class Parser {
     const std::size_t begin = at_;
     while (at_ < text_.size() && text_[at_] != ':' && !is_blank(text_[at_])) ++at_;
     if (at_ == begin) fail("an operator name");
-    if (peek() != ':') fail("':' behind the operator name");
+    if (peek() != ':') fail("':' after the operator name");
     result.op = text_.substr(begin, at_ - begin);
     ++at_;
   }
@@ -71,17 +70,17 @@ class Parser {
       if (initializer) ++at_;
       result.inputs.push_back({id, initializer, where});
       if (take_arrow()) return;
-      if (peek() != ',') fail("',' or '->' behind an input");
+      if (peek() != ',') fail("',' or '->' after an input");
       ++at_;
     }
   }
 
   void parse_rest(ParsedString& result) {
-    if (place_.list == StringPlace::List::replacement) fail("a tensor id: '~i' stands in patterns only");
+    if (place_.list == StringPlace::List::replacement) fail("a tensor id: '~i' is allowed in patterns only");
     ++at_;
-    if (peek() != 'i') fail("'i' behind '~'");
+    if (peek() != 'i') fail("'i' after '~'");
     ++at_;
-    if (!take_arrow()) fail("'->' behind '~i', which is the last input");
+    if (!take_arrow()) fail("'->' after '~i', which must be the last input");
     result.rest = true;
   }
 

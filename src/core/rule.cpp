@@ -62,8 +62,8 @@ class Compiler {
     Link& written = rule_.links[node.output];
     if (written.writer != no_node) {
       fail_at(place, parsed.output_column,
-              "tensor " + written.id + " is written by string " + std::to_string(written.writer) +
-                  " already: a tensor has one writer");
+              "tensor " + written.id + " is already written by string " + std::to_string(written.writer) +
+                  ": a tensor has one writer");
     }
     written.writer = number;
     rule_.nodes.push_back(std::move(node));
@@ -83,7 +83,7 @@ class Compiler {
                                                     std::size_t writer) {
     fail_at(place, input.column,
             "'" + std::string(input.id) + "i' asks for an initializer, but string " + std::to_string(writer) +
-                " writes tensor " + std::string(input.id) + ": leave the 'i' out");
+                " writes tensor " + std::string(input.id) + ": remove the 'i'");
   }
 
   void add_entry(const StringPlace& place) {
@@ -119,9 +119,8 @@ class Compiler {
       const LinkId id = link(input.id);
       const Link& read = rule_.links[id];
       if (input.initializer && read.in_pattern && !read.initializer) {
-        fail_at(
-            place, input.column,
-            "'" + read.id + "i' asks for an initializer, but tensor " + read.id + " stands in the pattern without 'i'");
+        fail_at(place, input.column,
+                "'" + read.id + "i' asks for an initializer, but tensor " + read.id + " is in the pattern without 'i'");
       }
       entry.inputs.push_back({id, input.initializer});
     }
@@ -140,8 +139,8 @@ class Compiler {
     if (output >= written_by_.size()) written_by_.resize(rule_.links.size(), nothing);
     if (written_by_[output] != nothing) {
       fail_at(place, column,
-              "tensor " + rule_.links[output].id + " is written by replacement string " +
-                  std::to_string(written_by_[output]) + " already: a tensor has one writer");
+              "tensor " + rule_.links[output].id + " is already written by replacement string " +
+                  std::to_string(written_by_[output]) + ": a tensor has one writer");
     }
     written_by_[output] = place.index;
   }
@@ -178,7 +177,7 @@ class Compiler {
     if (outside || new_initializer || written_by_[id] != nothing) return;
     fail_at(place, column,
             "nothing provides tensor " + read.id +
-                ": an input of a replacement is an outside input of the pattern, an initializer (\"" + read.id +
+                ": an input of a replacement must be an outside input of the pattern, an initializer (\"" + read.id +
                 "i\"), or the output of a node that the replacement keeps, copies or adds");
   }
 

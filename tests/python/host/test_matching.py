@@ -66,12 +66,12 @@ MISSES: list[tuple[list[str], str, str, str]] = [
 # Pattern, replacement, nodes, the end of the sentence: what the hints say nothing of.
 SENTENCES: list[tuple[list[str], list[str], str, str]] = [
     (["MaxPool:0->1"], [], "MaxPool x -> a b", "MaxPool node 0 (writes 'a') does not have exactly one output"),
-    (["Relu:0->1"], [], "Neg x -> a; Relu x -> a", "(Relu): an earlier node writes 'a' too"),
+    (["Relu:0->1"], [], "Neg x -> a; Relu x -> a", "(Relu): an earlier node also writes 'a'"),
     (["Resize:0,~i->3"], [], "Resize x r -> b", "input 1 of Resize node 0 (writes 'b'), 'r', is computed: all inputs "
-     "from there on must be initializers"),
-    (["Mul:1,1->3"], [], "Mul x x1 -> b", "Mul node 0 (writes 'b') has another tensor than 'x1' at input 1"),
+     "from this one on must be initializers"),
+    (["Mul:1,1->3"], [], "Mul x x1 -> b", "Mul node 0 (writes 'b') has a tensor other than 'x1' at input 1"),
     (["Relu:0->1", "Mul:1,2->3"], ["#1:0,2->3"], "Relu x -> a; Mul a a -> b",
-     "'a' would stand for two ids of the pattern, and the node that writes it is removed"),
+     "two ids of the pattern would both be 'a', and the replacement removes the node that writes it"),
     (["Relu:0->1", "Mul:1,2->3"], ["#1:0,2->3"], "Relu x -> a; Mul x a -> b",
      "Mul node 1 (writes 'b') reads 'a', but not at input 0"),
     (["Conv:1,2i->3", "Relu:0->1"], ["#0:0,2i->3"], "Conv x w -> b; Relu b -> c", "(Relu): no node writes 'x'"),
