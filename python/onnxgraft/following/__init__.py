@@ -1,8 +1,8 @@
-"""What the host does after a step: the seam between the engine and those who finish, fill or describe its result.
+"""Work after each step of a run: the seam between the engine and the packages that finish, fill or describe its result.
 
-A transformation leaves the graph as its class defines it. A `Follower` then sees where it replaced something and may
-go on from there: bring a bias to its length, put calibrated numbers in place of random ones, note types. It works
-inside of the step, so that whatever it raises undoes the step as a whole.
+A transformation leaves the graph as its class defines it. A `Follower` then sees where it replaced something and can
+complete the result: extend a bias, put calibrated numbers in place of random ones, record types. It runs inside the
+step, so that an error in it undoes the step as a whole.
 """
 
 from onnxgraft.following.done_step import DoneStep, Follower, Host, Splice, UndoStepError

@@ -1,4 +1,4 @@
-"""A step whose transformation has run, and those who go on from there."""
+"""A step whose transformation has run, and the followers that complete it."""
 
 from __future__ import annotations
 
@@ -20,7 +20,7 @@ from onnxgraft.tensor_types import TensorTypes
 
 
 class UndoStepError(HostError):
-    """Raised by a follower that cannot do its part: the step is undone, the report says why, the run goes on."""
+    """Raised by a follower that cannot do its part: the report gives the reason, the step is undone."""
 
 
 @dataclass(frozen=True)
@@ -29,10 +29,10 @@ class Splice:
 
     Attributes:
         pattern: The strings of the pattern.
-        replacement: Those of the replacement.
-        links: Id in either list -> tensor. Tensors are what to find nodes by: positions change with every splice.
-        matched: Copies of the matched nodes as they were, in the order of the pattern.
-        graph: The graph that it happened in: the model's own, or a nested body.
+        replacement: The strings of the replacement.
+        links: Id in either list -> tensor. Find nodes by tensors: positions change with every splice.
+        matched: Copies of the matched nodes before the step, in the order of the pattern.
+        graph: The graph with the occurrence: the model's own, or a nested body.
     """
 
     pattern: tuple[str, ...]
@@ -44,13 +44,13 @@ class Splice:
 
 @dataclass(frozen=True)
 class Host:
-    """What stays the same from step to step.
+    """Facts that stay the same from step to step.
 
     Attributes:
         graph: The graph that the run works on.
         model: Its model; None if the caller gave a graph alone.
         folder: The folder that the locations of external tensors start from.
-        store: Where new weights go, if not into the graph.
+        store: Where to put new weights, if not into the graph.
     """
 
     graph: onnx.GraphProto
@@ -63,7 +63,7 @@ class Host:
         return Workpiece(self.graph if self.model is None else self.model, self.folder, self.store)
 
     def tensor_types(self) -> TensorTypes:
-        """Element types and shapes of the graph as it is now, those that are not declared included."""
+        """Element types and shapes of the graph as it is now, including tensors without a declaration."""
         return TensorTypes(self.graph, self.opsets, self._at_hand)
 
     def _at_hand(self, tensor: onnx.TensorProto) -> onnx.TensorProto | None:
@@ -83,7 +83,7 @@ class Before(Protocol):
     """The graph as a step found it."""
 
     def initializer(self, name: str) -> onnx.TensorProto | None:
-        """The initializer of that name, also if it has been removed since."""
+        """The initializer of that name, even if it has been removed since."""
         ...
 
 
@@ -92,11 +92,11 @@ class DoneStep:
     """A step whose transformation has run; the graph is complete and in topological order.
 
     Attributes:
-        host: The graph and what belongs to it.
-        transformation: What ran.
-        splices: What it replaced, in order; empty if no follower asked for them (`Follower.wants`).
+        host: The graph and the facts about it.
+        transformation: The transformation that ran.
+        splices: Its replacements, in order; empty if no follower asked for them (`Follower.wants`).
         finished: How many places followers have completed.
-        remarks: What they have to say of it, shown in the report.
+        remarks: Remarks of followers, shown in the report.
     """
 
     host: Host
@@ -121,27 +121,27 @@ class DoneStep:
         return self.host.tensor_types()
 
     def splices_of(self, cls: type[AbstractTransformation]) -> list[Splice]:
-        """Those with a pattern and a replacement of this class; a subclass may have its own as well."""
+        """The splices with a pattern and a replacement of this class; a subclass may have its own as well."""
         known = next((row.pairs for row in rows().values() if row.cls is cls), ())
         return [splice for splice in self.splices if (splice.pattern, splice.replacement) in known]
 
     def old_initializer(self, name: str) -> onnx.TensorProto | None:
-        """An initializer as the step found it, also if it has been removed since."""
+        """An initializer as the step found it, even if it has been removed since."""
         return self.before.initializer(name)
 
 
 class Follower(Protocol):
-    """Goes on where a transformation has ended. Followers run in order, each on what the one before left."""
+    """Completes the result of a transformation. Followers run in order, each on the result of the one before."""
 
     def wants(self, transformation: Transformation) -> bool:
         """Whether the splices of this transformation are to be recorded."""
         ...
 
     def follow(self, step: DoneStep) -> None:
-        """Called after a step that replaced something, or that may have changed the graph unseen.
+        """Called after a step that replaced something, or that may have changed the graph unrecorded.
 
         Raises:
             UndoStepError: It cannot do its part. The step is undone with this reason and the run goes on.
-            Exception: Any other one makes the step fail, as if the transformation had raised it.
+            Exception: Any other exception makes the step fail, as if the transformation had raised it.
         """
         ...
