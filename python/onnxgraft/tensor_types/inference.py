@@ -1,4 +1,4 @@
-"""Follows element types and shapes through a graph, node by node, and fills in what is not declared."""
+"""Follows element types and shapes through a graph, node by node, and completes missing declarations."""
 
 from __future__ import annotations
 
@@ -21,12 +21,13 @@ _log = logging.getLogger(__name__)
 
 
 class TensorTypes:
-    """What is known of a graph's tensors, those that are not declared included.
+    """The known types of a graph's tensors, including those without a declaration.
 
     Args:
         graph: The graph; its nodes must be in topological order.
         opsets: Operator set version by domain, "" for the standard one.
-        read: The tensor with its values at hand; None if they cannot be read. Asked for small initializers only.
+        read: Returns the tensor with its values included; None if they cannot be read. Called for small initializers
+            only.
     """
 
     def __init__(
@@ -50,7 +51,7 @@ class TensorTypes:
         self._constants |= {name: tensor for node in graph.node for name, tensor in _constant(node)}
         for name, tensor in self._constants.items():
             self._kinds[name] = Kind(tensor.data_type, tuple(map(abs, tensor.dims)))
-        # A dequantize node hands the shape on, which is mostly declared: so nothing has to be inferred before it.
+        # A dequantize node passes on the shape, which is usually declared: so nothing must be inferred before it.
         self._handed_on = {
             node.input[0]: self._dims(node.output[0]) for node in graph.node if node.op_type == "TesselDequant"
         }
@@ -61,7 +62,7 @@ class TensorTypes:
         return self._kinds[name]
 
     def get(self, name: str) -> Kind | None:
-        """What is known of a tensor; None if nothing is."""
+        """The known type of a tensor; None if nothing is known."""
         return self._kinds.get(name)
 
     def is_quantized(self, name: str) -> bool:
@@ -86,7 +87,7 @@ class TensorTypes:
             self._kinds[name] = Kind(TensorProto.INT8, kind.dims if kind is not None else self._dims(name))
 
     def _compute(self, index: int, node: onnx.NodeProto) -> None:
-        """An operator on quantized values: a sum, or one that hands the element type of its data on."""
+        """An operator on quantized values: a sum, or one that passes on the element type of its data."""
         operands = [name for name in node.input if name in self._sources]
         source = self._sources[operands[0]] if operands else _floating(self._kinds.get(node.input[0]))
         known = {name: self._dims(name) or self._handed_on.get(name) for name in node.output if name}
@@ -103,7 +104,7 @@ class TensorTypes:
                 self._complete(name, inferred[name])
 
     def _dequantize(self, node: onnx.NodeProto) -> None:
-        """A floating type that is declared holds; else it is that of what was quantized. The shape is handed on."""
+        """A declared floating type wins, otherwise the type of the quantized tensor counts. The shape is passed on."""
         data = node.input[0] if node.input else ""
         for name in node.output:
             known = self._kinds.get(name)
@@ -114,7 +115,7 @@ class TensorTypes:
                 self._kinds[data] = Kind(self._kinds[data].element_type, dims)
 
     def _complete(self, name: str, kind: Kind) -> None:
-        """What is declared holds."""
+        """Declarations win over inference."""
         known = self._kinds.get(name)
         if known is None:
             self._kinds[name] = kind
@@ -133,10 +134,10 @@ class TensorTypes:
             return None
 
     def _inferred(self, node: onnx.NodeProto, index: int = -1) -> Iterator[tuple[str, Kind]]:
-        """What onnx's inference makes of the inputs, as far as they are known.
+        """The result of onnx's inference on the inputs, as far as they are known.
 
-        It refuses integers where the operator is defined for floats: quantized operands of the node at `index` are
-        floats to it, so that only the shape of the result is of use.
+        It refuses integers if the operator is defined for floats. So quantized operands of the node at `index` are
+        passed as floats, and only the shape of the result is used.
         """
         schema = self._schema(node)
         if schema is None or any(bodies(node)) or not schema.has_type_and_shape_inference_function:
@@ -151,8 +152,8 @@ class TensorTypes:
         imports = [onnx.helper.make_opsetid(domain, version) for domain, version in self._opsets.items()]
         try:
             found = infer_node_outputs(schema, node, types, values, imports)
-        except Exception as error:  # whatever a wrong node makes it raise
-            _log.debug("nothing is inferred of %s '%s': %s", node.op_type, node.name, error)
+        except Exception as error:  # any error that a wrong node causes
+            _log.debug("cannot infer the outputs of %s '%s': %s", node.op_type, node.name, error)
             return
         for name, type_ in found.items():
             if name and (result := Kind.of(type_)) is not None:

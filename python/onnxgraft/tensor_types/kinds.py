@@ -1,4 +1,4 @@
-"""What is known of one tensor: its element type and, if known, its shape."""
+"""The known facts of one tensor: its element type and, if known, its shape."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ class Kind:
 
     @classmethod
     def of(cls, type_: TypeProto) -> Kind | None:
-        """What a declaration says; None if it is not that of a tensor, or says nothing of the element type."""
+        """The kind that a declaration states; None if it is not that of a tensor, or states no element type."""
         tensor = type_.tensor_type
         if not type_.HasField("tensor_type") or not tensor.elem_type:
             return None
@@ -43,12 +43,12 @@ class Kind:
 
     @property
     def sizes(self) -> list[int | str | None] | None:
-        """The dims as onnx's helpers take them."""
+        """The dims in the form of onnx's helpers."""
         return None if self.dims is None else [None if size == "" else size for size in self.dims]
 
 
 def _size(size: onnx.TensorShapeProto.Dimension) -> int | str:
-    # A negative size is a wrong one, which inference functions do not survive.
+    # Negative sizes are wrong, and onnx's inference functions crash on them.
     if size.HasField("dim_value"):
         return size.dim_value if size.dim_value >= 0 else ""
     return size.dim_param

@@ -1,8 +1,8 @@
 """Which tensors hold quantized values, and which initializers are computed with them.
 
-A tensor is quantized if a `TesselQuant` writes it, or an operator that hands the element type of a quantized input
-on. That is asked of the operators' schemas: the indices of a `Gather` or the bounds of a `Slice` are of another type
-than the data and stay integers.
+A tensor is quantized if a `TesselQuant` writes it, or an operator that passes on the element type of a quantized input.
+The operators' schemas decide: the indices of a `Gather` or the bounds of a `Slice` have another type than the data and
+stay integers.
 """
 
 from __future__ import annotations
@@ -12,16 +12,16 @@ from dataclasses import dataclass, field
 
 import onnx
 
-# Reading an INT8 initializer is enough to make these quantized, whatever feeds them.
+# Reading an INT8 initializer is enough to make these quantized, whatever their data input.
 INTEGER_OPERATORS = ("Conv", "ConvTranspose", "Gemm", "MatMul")
 
 
 @dataclass
 class QuantizedValues:
-    """What of one graph is computed on quantized values."""
+    """The parts of one graph that are computed on quantized values."""
 
     tensors: set[str] = field(default_factory=set)
-    # (node index, input position) of every operand that is of the same type as a quantized one
+    # (node index, input position) of every operand with the same type as a quantized one
     operands: set[tuple[int, int]] = field(default_factory=set)
 
 
@@ -58,7 +58,7 @@ def _follow(
 
 
 def _spread(parameters: Iterable[onnx.defs.OpSchema.FormalParameter]) -> Iterator[str]:
-    """The type of each position; a variadic parameter stands for all that follow."""
+    """The type of each position; a variadic parameter covers all that follow."""
     variadic = onnx.defs.OpSchema.FormalParameterOption.Variadic
     for parameter in parameters:
         yield parameter.type_str
