@@ -1,7 +1,7 @@
-"""A new file of weights beside a model that is being written.
+"""A new file of weights next to a model that is being written.
 
-It has a name that was not taken, so nobody else maps or reads it, and it only ever grows: what was appended can be
-mapped at once. No model refers to it before it is sealed.
+Its name was free, so no other process maps or reads it, and it only ever grows: appended bytes can be mapped at once.
+No model refers to it before it is sealed.
 """
 
 from __future__ import annotations
@@ -46,7 +46,7 @@ def own_data_files(model: Path) -> set[Path]:
 
 
 class DataFile:
-    """The first of the data files' names that is not taken, taken.
+    """A data file under the first free name.
 
     Args:
         model: The place of the model; if it exists, the data file gets its permissions.
@@ -69,7 +69,7 @@ class DataFile:
             shutil.copymode(model, self.path)
 
     def append(self, content: bytes) -> int:
-        """Writes `content` and returns its offset: a multiple of the page size from a page on, of 64 below."""
+        """Writes `content` and returns its offset: a multiple of the page size for a page or more, of 64 below."""
         start = self._skip_to_boundary(len(content))
         with self._failures():
             self._stream.write(content)
@@ -81,7 +81,7 @@ class DataFile:
         """Copies the bytes of another file, by the system if it can, and returns their offset.
 
         Raises:
-            ModelFileError: One of the files fails, or the source is shorter than it was.
+            ModelFileError: One of the files fails, or the source became shorter.
         """
         start = self._skip_to_boundary(extent.length)
         with _open_source(extent.file) as source, self._failures():
@@ -98,14 +98,14 @@ class DataFile:
         return start
 
     def seal(self, in_place_of: DataFile | None = None) -> None:
-        """Brings all bytes and the name to the disk and closes the file.
+        """Writes all bytes and the name to disk and closes the file.
 
         Args:
             in_place_of: Another new file, whose name this one takes.
         """
         with self._failures():
             self._stream.flush()
-            # A last tensor of no bytes still lies inside of the file.
+            # A last tensor without bytes must still lie inside the file.
             self._stream.truncate(self.size)
             os.fsync(self._stream.fileno())
             self._stream.close()

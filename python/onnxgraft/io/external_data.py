@@ -1,4 +1,4 @@
-"""Tensors whose bytes are in a file beside the model: where they are, and whether they are there."""
+"""Tensors whose bytes are in a file next to the model: where they are, and whether they exist."""
 
 from __future__ import annotations
 
@@ -43,7 +43,7 @@ def locate(tensor: onnx.TensorProto, folder: Path) -> Extent:
     try:
         reference = ExternalDataInfo(tensor)
     except ValueError as error:
-        raise ModelFileError(f"{subject}: offset and length have to be whole numbers ({error})") from None
+        raise ModelFileError(f"{subject}: offset and length must be whole numbers ({error})") from None
     file = folder / _checked_location(reference.location, folder, subject)
     try:
         status = file.stat()
@@ -62,24 +62,22 @@ def locate(tensor: onnx.TensorProto, folder: Path) -> Extent:
 
 
 def _checked_location(location: str | bytes, folder: Path, subject: str) -> str:
-    """The location of a file that `folder` or a folder in it holds, whatever the file is."""
+    """The location of a file in `folder` or a folder below it, of whatever kind."""
     if isinstance(location, bytes):
         raise ModelFileError(f"{subject}: the location {location!r} is not UTF-8")
     if not location:
-        raise ModelFileError(f"{subject}: it has no location, which has to be a file in the model's folder")
+        raise ModelFileError(f"{subject}: it has no location, which must be a file in the model's folder")
     if "\0" in location:
-        raise ModelFileError(f"{subject}: the location '{location}' must not hold a NUL")
+        raise ModelFileError(f"{subject}: the location '{location}' must not contain a NUL")
     file = folder / location
     try:
         is_inside = file.resolve().is_relative_to(folder.resolve()) and not file.is_symlink()
-    except (OSError, RuntimeError, ValueError) as error:  # too long, a link to itself, not to be encoded
+    except (OSError, RuntimeError, ValueError) as error:  # too long, a link to itself, not encodable
         shown = location if len(location) <= _LONGEST_SHOWN else f"{location[:_LONGEST_SHOWN]}..."
         reason = getattr(error, "strerror", None) or error
         raise ModelFileError(f"{subject}: the location '{shown}' cannot be followed: {reason}") from None
     if not is_inside:
-        raise ModelFileError(
-            f"{subject}: the location '{location}' has to be a file in the model's folder, and no link"
-        )
+        raise ModelFileError(f"{subject}: the location '{location}' must be a file in the model's folder, not a link")
     return location
 
 
@@ -92,7 +90,7 @@ def _is_pointer(file: Path) -> bool:
 
 
 def data_files_of(model: onnx.ModelProto, folder: Path) -> set[Path]:
-    """The files that the model refers to; they need not be there."""
+    """The files that the model refers to, whether they exist or not."""
     locations = {
         entry.value
         for tensor in stored_tensors(model)
@@ -104,7 +102,7 @@ def data_files_of(model: onnx.ModelProto, folder: Path) -> set[Path]:
 
 
 def digest_of_extent(extent: Extent) -> str:
-    """A text that is the same for the same bytes, in whatever file; read block by block.
+    """A text that is equal for equal bytes, in any file; read block by block.
 
     Raises:
         ModelFileError: The file cannot be read.

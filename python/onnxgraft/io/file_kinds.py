@@ -1,11 +1,11 @@
-"""Tells by its first bytes what a file is that was taken for a model."""
+"""Recognises by its first bytes a file that was given as a model and is something else."""
 
 from __future__ import annotations
 
 import re
 from dataclasses import dataclass
 
-# As many bytes are enough for all of them.
+# This many bytes are enough for all of them.
 HEAD = 4096
 
 _LFS = b"version https://git-lfs"
@@ -54,7 +54,7 @@ _PATTERNS = (
 
 
 def kind_of(head: bytes) -> str | None:
-    """What the file is, and what to do about it; None if it is nothing that is known.
+    """What the file is, and what to do about it; None if it is of no known kind.
 
     Args:
         head: Its first bytes, `HEAD` of them or all.
@@ -66,5 +66,5 @@ def kind_of(head: bytes) -> str | None:
 
 
 def is_lfs_pointer(head: bytes) -> bool:
-    """Whether it stands for a file that Git LFS has not fetched."""
+    """Whether it is a placeholder for a file that Git LFS has not fetched."""
     return head.startswith(_LFS)

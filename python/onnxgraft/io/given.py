@@ -1,4 +1,4 @@
-"""What the functions of the package take as a model: the protobuf itself, a path, or an object that holds one."""
+"""What the functions of the package accept as a model: the protobuf itself, a path, or an object that holds one."""
 
 from __future__ import annotations
 
@@ -31,11 +31,11 @@ def opened(model: Any) -> onnx.ModelProto | onnx.GraphProto:
     held = getattr(model, "model_proto", None)
     if isinstance(held, onnx.ModelProto):
         return held
-    raise TypeError(f"a ModelProto, a GraphProto or a path is wanted, not {type(model).__name__}")
+    raise TypeError(f"expected a ModelProto, a GraphProto or a path, not {type(model).__name__}")
 
 
 def opened_model(model: Any) -> onnx.ModelProto:
-    """The same where a graph alone will not do.
+    """Like `opened`, for callers that need a model.
 
     Raises:
         ModelFileError: The file cannot be read.
@@ -43,12 +43,12 @@ def opened_model(model: Any) -> onnx.ModelProto:
     """
     found = opened(model)
     if not isinstance(found, onnx.ModelProto):
-        raise TypeError("a ModelProto or a path is wanted, not a GraphProto: it does not tell its operator sets")
+        raise TypeError("expected a ModelProto or a path, not a GraphProto: it does not state its operator sets")
     return found
 
 
 def folder_of(model: Any, folder: str | os.PathLike[str] | None) -> str | os.PathLike[str] | None:
-    """Where external data is: the folder given, else that of the path."""
+    """Where external data is: the given folder, or that of the path."""
     if folder is None and isinstance(model, str | os.PathLike):
         return Path(model).parent
     return folder

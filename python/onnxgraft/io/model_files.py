@@ -1,6 +1,6 @@
-"""Reading and writing model files. A model whose weights are in an external file stays so.
+"""Reading and writing model files. A model with weights in an external file keeps them there.
 
-A model that is written appears under its name last, in one step, when its data file is complete.
+A written model appears under its name last, in one step, when its data file is complete.
 """
 
 from __future__ import annotations
@@ -38,7 +38,7 @@ _KINDS = {
 
 @dataclass(frozen=True)
 class SavedModel:
-    """What was written."""
+    """The result of writing."""
 
     path: Path
     size: int
@@ -46,15 +46,15 @@ class SavedModel:
     data_size: int = 0
     # The model had no external data before, but is too large for one file now.
     outgrew_one_file: bool = False
-    # Data files that were there before and are referred to.
+    # Data files that existed before and are referred to.
     kept: tuple[Path, ...] = ()
 
 
 def load(path: Path) -> onnx.ModelProto:
-    """Reads the model at `path`; external tensors are looked for, but not read.
+    """Reads the model at `path`; external tensors must exist, but are not read.
 
     Raises:
-        ModelFileError: There is no such file, it is no ONNX model, is broken, or lacks external data.
+        ModelFileError: There is no such file, it is not an ONNX model, is broken, or lacks external data.
     """
     data = _read(path)
     if not data:
@@ -63,16 +63,16 @@ def load(path: Path) -> onnx.ModelProto:
         model = onnx.load_model_from_string(data)
     except (DecodeError, SystemError) as error:  # the C++ implementation of protobuf 3.20 raises the second
         kind = kind_of(data[:HEAD])
-        what = f"not an ONNX model, but {kind}" if kind else "not an ONNX model, or broken or cut off"
+        what = f"not an ONNX model, but {kind}" if kind else "not an ONNX model, or broken or incomplete"
         raise ModelFileError(f"'{path}' is {what}") from error
-    # Any bytes may happen to be a message without known fields.
+    # Any bytes can happen to be a message without known fields.
     if not model.ir_version or not model.HasField("graph"):
         kind = kind_of(data[:HEAD])
         raise ModelFileError(
             f"'{path}' is not an ONNX model" + (f", but {kind}" if kind else ": it has no graph or no IR version")
         )
     if model.ir_version >= 3 and not model.opset_import:
-        raise ModelFileError(f"'{path}' is not a whole ONNX model: it does not say which operator set it uses")
+        raise ModelFileError(f"'{path}' is not a complete ONNX model: it does not state which operator set it uses")
     if (wrong := text_that_is_not_utf8(model)) is not None:
         raise ModelFileError(f"'{path}': {wrong}")
     try:
@@ -83,7 +83,7 @@ def load(path: Path) -> onnx.ModelProto:
 
 
 def _read(path: Path) -> bytes:
-    """The bytes of a regular file; others may have no end, or none that comes."""
+    """The bytes of a regular file; other files may never end, or never deliver anything."""
     try:
         handle = os.open(path, os.O_RDONLY | os.O_NONBLOCK | os.O_CLOEXEC)
         with os.fdopen(handle, "rb") as stream:
@@ -94,7 +94,7 @@ def _read(path: Path) -> bytes:
             data = stream.read(_LARGEST_READ + 1)
     except IsADirectoryError:
         raise ModelFileError(f"'{path}' is a folder, not a model file") from None
-    except (OSError, ValueError) as error:  # a NUL in the path is the second
+    except (OSError, ValueError) as error:  # the second is a NUL in the path
         raise ModelFileError(f"cannot read '{path}': {getattr(error, 'strerror', None) or error}") from error
     if len(data) > _LARGEST_READ:
         raise ModelFileError(f"'{path}' is larger than 2 GB, the most that a model file can have")
@@ -102,14 +102,14 @@ def _read(path: Path) -> bytes:
 
 
 class ModelOutput:
-    """The place that a model will be written to, claimed before the long work begins.
+    """The place that a model will be written to, claimed before the long work starts.
 
-    A context manager: leaving it without `save` leaves the disk as it was. A data file gets a name that is not taken:
-    out.onnx.data for out.onnx, else out.onnx-2.data and so on.
+    A context manager: leaving it without `save` leaves the disk as it was. A data file gets a free name: out.onnx.data
+    for out.onnx, else out.onnx-2.data and so on.
 
     Args:
         path: The model file.
-        overwrite: Whether it may exist. Its own data file goes with it.
+        overwrite: Whether it may exist. Its own data file is removed with it.
         save_as_external_data: Put the weights into a data file even if the model has none.
         keep_external_data: Refer to the present data file for weights that do not change, instead of copying them.
         external_data_threshold: Tensors of fewer bytes stay in the model file; None: 1024.
@@ -137,7 +137,7 @@ class ModelOutput:
 
     @property
     def file(self) -> StagedFile:
-        """The model file under way."""
+        """The model file being written."""
         return self._file
 
     def __enter__(self) -> ModelOutput:
@@ -147,7 +147,7 @@ class ModelOutput:
         self._stack.close()
 
     def weights_for(self, model: onnx.ModelProto, folder: Path, source: Path | None = None) -> WeightFile:
-        """Where the weights go that are made while `model` is rewritten: straight to the data file, if there is one.
+        """The store for weights that are made while `model` is rewritten: straight to the data file, if there is one.
 
         Args:
             model: The model. Its locations of external data start from `folder` of the result after this.
@@ -158,8 +158,8 @@ class ModelOutput:
             A WeightStore for `rewrite`, which also takes its `folder`, as `save` does.
 
         Raises:
-            ModelFileError: The place is a data file of `model` itself, or weights that are to stay in the old data
-                file could not be referred to.
+            ModelFileError: The place is a data file of `model` itself, or the model could not refer to weights that are
+                to stay in the old data file.
         """
         data_files = data_files_of(model, folder)
         refuse_data_files([self._file], data_files)
@@ -203,13 +203,13 @@ class ModelOutput:
                 file.unlink()
         if data is None:
             return SavedModel(self._path, len(content), kept=tuple(sorted(kept)))
-        # Behind a link, the data is beside the real file.
+        # For a link, the data is next to the real file.
         data_path = data.path if self._path.is_symlink() else self._path.with_name(data.path.name)
         return SavedModel(self._path, len(content), data_path, data.size, outgrew, tuple(sorted(kept)))
 
 
 def _serialize(model: onnx.ModelProto) -> bytes | None:
-    """The bytes of `model`, or None if they would be too many for one message."""
+    """The bytes of `model`, or None if they are too many for one message."""
     try:
         content: bytes = model.SerializeToString()
     except (ValueError, EncodeError):
@@ -218,7 +218,7 @@ def _serialize(model: onnx.ModelProto) -> bytes | None:
 
 
 def refuse_data_files(files: Sequence[StagedFile], data_files: Iterable[Path]) -> None:
-    """Raises ModelFileError if a file under way would take the place of a data file of the model that is read."""
+    """Raises ModelFileError if a file being written would replace a data file of the model that was read."""
     for file in files:
         for data in data_files:
             if file.is_same_place(data):

@@ -1,7 +1,7 @@
 """Files that appear whole or not at all.
 
-A StagedFile is written without a name in the folder of its target; `publish` brings it to the disk and gives it its
-name. What had the name before stays whole until then.
+A StagedFile is written without a name in the folder of its target; `publish` writes it to disk and gives it its name.
+An older file of that name stays whole until then.
 """
 
 from __future__ import annotations
@@ -17,12 +17,12 @@ from typing import BinaryIO
 
 from onnxgraft.errors import ModelFileError
 
-# Where the system shows the open files of this process.
+# Where the system lists the open files of this process.
 _HANDLES = Path("/proc/self/fd")
 
 
 class StagedFile:
-    """A file under way to `target`. Leaving the context removes what is temporary.
+    """A file being written for `target`. Leaving the context removes temporary files.
 
     Raises:
         ModelFileError: The target cannot be written, or exists and `overwrite` is false.
@@ -31,7 +31,7 @@ class StagedFile:
     def __init__(self, target: Path, *, overwrite: bool) -> None:
         self.named = target
         self._overwrite = overwrite
-        # A link stays a link: what it points to is written.
+        # A link stays a link: the file that it points to is written.
         try:
             self.target = Path(os.path.realpath(target))
         except (OSError, ValueError) as error:  # no current folder, a NUL
@@ -41,16 +41,16 @@ class StagedFile:
         self._stream: BinaryIO | None = None
         self._has_name = False
         self.check_target()
-        # Whether the folder takes files is tried out now; a killed process must not leave one behind.
+        # Tests now whether the folder accepts files; a killed process must not leave one behind.
         with self.stream:
             self._forget()
 
     @property
     def stream(self) -> BinaryIO:
-        """Where the content is written to.
+        """The file to which the content is written.
 
         Raises:
-            ModelFileError: The folder takes no more files.
+            ModelFileError: The folder accepts no more files.
         """
         if self._stream is None:
             try:
@@ -60,7 +60,7 @@ class StagedFile:
         return self._stream
 
     def check_target(self) -> None:
-        """Raises ModelFileError if the file must not take its place."""
+        """Raises ModelFileError if the file must not replace the target."""
         try:
             mode = self.target.stat().st_mode
         except FileNotFoundError:
@@ -77,25 +77,25 @@ class StagedFile:
             raise ModelFileError(f"'{self.named}' exists already; --force overwrites it")
 
     def is_same_place(self, path: Path) -> bool:
-        """Whether `path` leads to the file that this one will replace, by whatever name or link."""
+        """Whether `path` leads to the file that this one will replace, by any name or link."""
         try:
             return self.target == Path(os.path.realpath(path)) or self.target.samefile(path)
         except (OSError, ValueError):  # one of them does not exist
             return False
 
     def seal(self) -> None:
-        """Brings all bytes to the disk."""
+        """Writes all bytes to disk."""
         self.stream.flush()
         with suppress(FileNotFoundError):
             os.fchmod(self.stream.fileno(), stat.S_IMODE(self.target.stat().st_mode))
         os.fsync(self.stream.fileno())
 
     def take_name(self) -> None:
-        """Gives the sealed file a temporary name beside its own."""
+        """Gives the sealed file a temporary name next to its own."""
         self.check_target()
         if not self._has_name:
             handle = self.stream.fileno()
-            # With a folder's handle, be it unused, Python calls the function that follows links.
+            # Given a folder's handle, even an unused one, Python calls the function that follows links.
             os.link(_HANDLES / str(handle), self._temporary, src_dir_fd=handle)
             self._has_name = True
 
@@ -106,7 +106,7 @@ class StagedFile:
         self.is_in_place = True
 
     def _open(self) -> BinaryIO:
-        """A file without a name, which goes with the process, where the file system can; else under a temporary one."""
+        """A file without a name, which disappears with the process, if supported; otherwise a temporary name."""
         with suppress(OSError):
             _HANDLES.stat()
             return os.fdopen(os.open(self.target.parent, os.O_TMPFILE | os.O_WRONLY, 0o666), "wb")
@@ -133,13 +133,13 @@ class StagedFile:
 
 
 def publish(files: Sequence[StagedFile]) -> None:
-    """Gives complete files their names, in order, when all of them are on the disk.
+    """Gives complete files their names, in order, when all of them are on disk.
 
     Raises:
         ModelFileError: It could not be done.
     """
-    # What may fail for want of space is done for all of them before the first one appears. One alone has no temporary
-    # name for longer than it takes to rename it: a killed process must not leave it behind.
+    # Everything that may fail for want of space is done for all of them before the first one appears. A single file has
+    # a temporary name only while it is renamed: a killed process must not leave it behind.
     steps = [StagedFile.seal, StagedFile.take_name, StagedFile.put_in_place]
     for step in steps if len(files) > 1 else (steps[0], steps[-1]):
         for file in files:
@@ -152,7 +152,7 @@ def publish(files: Sequence[StagedFile]) -> None:
 
 
 def sync_folder(folder: Path) -> None:
-    """Brings the names in `folder` to the disk, where the file system can."""
+    """Writes the names in `folder` to disk, if the file system can."""
     with suppress(OSError):
         handle = os.open(folder, os.O_RDONLY)
         try:

@@ -1,4 +1,4 @@
-"""The data of a model that is being written: new weights as they are made, unchanged ones file to file.
+"""The data of a model that is being written: new weights as they are made, unchanged ones copied from file to file.
 
 Locations in a model are relative to one folder and may not lead out of it. While a model is rewritten, its old weights
 and its new ones are looked up together, so the locations start from a folder that holds both.
@@ -19,7 +19,7 @@ from onnxgraft.graph.tensors import raw_values, stored_tensors
 from onnxgraft.io.data_file import DataFile
 from onnxgraft.io.external_data import Extent, locate, refer
 
-# Unused bytes that a data file may always have: what lies between its tensors.
+# Unused bytes that a data file may always have between its tensors.
 _SLACK = 1 << 20
 
 
@@ -29,7 +29,7 @@ class Storage:
 
     Args:
         external: Whether there may be one; otherwise tensors stay in the model file.
-        keep: Whether tensors that are in another data file stay there.
+        keep: Whether tensors in another data file stay there.
         threshold: Tensors of fewer bytes stay in the model file if they are there.
     """
 
@@ -39,12 +39,12 @@ class Storage:
 
 
 class WeightFile:
-    """Takes new tensors while a model is rewritten, and the rest of its weights in the end.
+    """Receives new tensors while a model is rewritten, and the rest of its weights at the end.
 
-    A WeightStore. The data file is made when the first tensor comes.
+    A WeightStore. The data file is made for the first tensor.
 
     Attributes:
-        folder: What the locations of the model start from while it is rewritten.
+        folder: The folder that the locations of the model start from while it is rewritten.
         data: The data file; None before the first tensor.
     """
 
@@ -58,10 +58,10 @@ class WeightFile:
             storage: Which tensors go to the data file.
 
         Raises:
-            ModelFileError: Tensors are to stay where a model at `target` cannot refer to.
+            ModelFileError: A model at `target` cannot refer to tensors that are to stay where they are.
         """
         self.data: DataFile | None = None
-        self._replaced: DataFile | None = None  # one with gaps, while its tensors go to another
+        self._replaced: DataFile | None = None  # one with gaps, while its tensors move to another
         self._target = target
         self._storage = storage
         real = Path(os.path.realpath(folder))
@@ -80,7 +80,7 @@ class WeightFile:
         return self._storage.external
 
     def store(self, tensor: onnx.TensorProto) -> onnx.TensorProto:
-        """Writes the values of a new tensor to the data file, to which it refers then; a small one stays as it is.
+        """Writes the values of a new tensor to the data file and makes it refer to them; a small one stays as it is.
 
         Raises:
             ModelFileError: They could not be written.
@@ -93,7 +93,7 @@ class WeightFile:
         return tensor
 
     def finish(self, model: onnx.ModelProto) -> frozenset[Path]:
-        """Brings the rest of the weights to the data file and makes `model` fit for its place.
+        """Moves the rest of the weights to the data file and adapts the locations in `model` to its place.
 
         The model changes only after all bytes are written.
 
@@ -119,7 +119,7 @@ class WeightFile:
                     location = self._kept_location(extent)
                     kept.add(extent.file)
                 else:
-                    # Tensors with the same bytes go on sharing them.
+                    # Tensors with the same bytes keep sharing them.
                     if extent not in copied:
                         copied[extent] = self._open().append_extent(extent)
                     start = copied[extent]
@@ -129,7 +129,7 @@ class WeightFile:
         if self.data is not None:
             self.data.seal(in_place_of=replaced)
         elif replaced is not None:
-            replaced.discard()  # nothing in it is used
+            replaced.discard()  # no tensor in it is used
         for tensor, location, start, length in places:
             refer(tensor, location or self._open().path.name, start, length)
         return frozenset(kept)
@@ -146,7 +146,7 @@ class WeightFile:
                 data.discard()
 
     def _has_gaps(self, model: onnx.ModelProto) -> bool:
-        """Whether an eighth of the data file or more is of tensors that were dropped again."""
+        """Whether an eighth of the data file or more belongs to tensors that were dropped again."""
         if self.data is None:
             return False
         extents = {locate(tensor, self.folder) for tensor in _external(model)}
@@ -162,8 +162,8 @@ class WeightFile:
         file = Path(os.path.realpath(extent.file))
         if not file.is_relative_to(self._target.parent):
             raise ModelFileError(
-                f"the weights cannot stay in '{extent.file}': a model refers only to files in its own folder or below; "
-                f"write the output to '{file.parent}', or leave --keep-external-data out, which copies them"
+                f"the weights cannot stay in '{extent.file}': a model refers only to files in its own folder or "
+                f"below; write the output to '{file.parent}', or omit --keep-external-data, so that they are copied"
             )
         return str(file.relative_to(self._target.parent))
 
