@@ -1,4 +1,4 @@
-"""Values for the inputs of a model: a user's data in whatever form, or random numbers."""
+"""Values for the inputs of a model: a user's data in any supported form, or random numbers."""
 
 from onnxgraft.errors import DataError
 from onnxgraft.samples.data import Data, Sample, Samples, open_data

@@ -1,7 +1,7 @@
-"""Where samples come from: `open_data` makes one iterable of feeds out of whatever a user has.
+"""The source of samples: `open_data` turns any supported form of user data into one iterable of feeds.
 
-A sample is a dictionary of arrays by input name, checked against what the model declares. Nothing but the sample at
-hand is in memory, except for arrays of a compressed `.npz`, of which one is read at a time.
+A sample is a dictionary of arrays by input name, checked against the model's declarations. Only the current sample is
+in memory, except for arrays of a compressed `.npz`, of which one is read at a time.
 """
 
 from __future__ import annotations
@@ -49,29 +49,29 @@ def open_data(
     sizes: Mapping[str, int] | None = None,
     seed: int = 0,
 ) -> Samples:
-    """Finds out what `data` is; samples are read while they are iterated over.
+    """Recognises the form of `data`; samples are read during iteration.
 
     Args:
         data: One of these:
             - an `.npz` file, or an `.npy` file for a model with one input;
             - a folder of `.npz` files (each with an array per input), of `.npy` files named after the inputs, of
-              folders named after the inputs with `.npy` files in them, or, for a model with one input, of `.npy`
-              files with any names;
+              folders named after the inputs with `.npy` files in them, or, for a model with one input, of `.npy` files
+              with any names;
             - a folder of images, for a model with one input of rank 4;
             - "random:N": N samples of random numbers, which say little about a trained model;
             - an iterable of samples: mappings by input name, or arrays in the order of the inputs.
 
-            An array with one axis more than its input declares holds samples along the first axis. So does one whose
-            first axis is longer than the input's: it is cut into batches as long as declared, or of 1. An input that
-            has one value only keeps it for all samples.
+            An array with one more axis than its input declares holds samples along the first axis. So does one whose
+            first axis is longer than the input's: it is cut into batches of the declared length, or of 1. An input with
+            only one value keeps it for all samples.
         model: The model, which declares inputs.
         images: How images become arrays.
         sizes: Sizes of symbolic dimensions of random samples, by name or as "input[axis]".
-        seed: Of random samples.
+        seed: The seed of random samples.
 
     Raises:
-        DataError: There is no such data, or it does not fit the model's inputs. What is wrong in a later sample
-            is raised when it is reached.
+        DataError: There is no such data, or it does not fit the model's inputs. An error in a later sample is raised
+            when that sample is reached.
     """
     inputs = declared_inputs(model)
     if isinstance(data, str) and data.startswith(_RANDOM):
@@ -82,12 +82,12 @@ def open_data(
     if path.is_dir():
         return _open_folder(path, inputs, images)
     if not path.exists():
-        raise DataError(f"there is no file or folder '{path}' to take data from")
+        raise DataError(f"there is no file or folder '{path}' to read data from")
     if path.suffix.lower() in {".npz", ".npy"}:
         return _StoredSamples(path.name, [path], inputs)
     if path.suffix.lower() in IMAGE_ENDINGS:
         return ImageFolder(path, [path], inputs, images or Images())
-    raise DataError(f"'{path}' is no data: an .npz or .npy file, or a folder of .npy, .npz or image files is wanted")
+    raise DataError(f"'{path}' is not data: expected an .npz or .npy file, or a folder of .npy, .npz or image files")
 
 
 def _open_folder(folder: Path, inputs: Mapping[str, DeclaredInput], images: Images | None) -> Samples:
@@ -112,12 +112,12 @@ class _RandomSamples:
     def __init__(self, text: str, model: onnx.ModelProto, sizes: Mapping[str, int], seed: int) -> None:
         number = text.removeprefix(_RANDOM)
         if not number.isascii() or not number.isdigit() or int(number) == 0:
-            raise DataError(f"'{text}' is not random:N with a whole number N of at least 1")
+            raise DataError(f"'{text}' must be random:N with a whole number N of at least 1")
         self.count: int | None = int(number)
         self.label = text
         self._inputs = inputs_of(model, sizes)
         self._seed = seed
-        _log.warning("the data are random numbers: what is made with them says little about a trained model")
+        _log.warning("the data are random numbers: results from them say little about a trained model")
 
     def __iter__(self) -> Iterator[Sample]:
         return (random_values(self._inputs, self._seed + run) for run in range(cast("int", self.count)))
@@ -129,7 +129,7 @@ class _GivenSamples:
         self.count: int | None = len(data) if isinstance(data, Sized) else None
         self.label = "the given samples"
         if isinstance(data, Mapping):
-            raise DataError("one sample was given where an iterable of samples is wanted: put it into a list")
+            raise DataError("expected an iterable of samples, not one sample: put it into a list")
 
     def __iter__(self) -> Iterator[Sample]:
         for number, sample in enumerate(self._data, 1):
@@ -204,11 +204,11 @@ class _StoredFolders:
 
 def _load(file: Path) -> Any:
     try:
-        # np.load goes by the content, and leaves a broken file open.
+        # np.load decides by the content, and leaves a broken file open.
         if file.suffix.lower() == ".npy":
             return np.lib.format.open_memmap(file, mode="r")
         if not is_zipfile(file):
-            raise ValueError("it is broken or cut off")
+            raise ValueError("it is broken or incomplete")
         return np.load(file, allow_pickle=False)
     except (OSError, ValueError, EOFError, BadZipFile) as error:
         reason = " ".join(str(error).split())
@@ -222,7 +222,7 @@ def _read(file: Path, inputs: Mapping[str, DeclaredInput]) -> dict[str, Array]:
             return {file.stem: loaded}
         if len(inputs) == 1:
             return {next(iter(inputs)): loaded}
-        raise DataError(f"'{file}' is named after no input: {_known(file.stem, inputs)}")
+        raise DataError(f"'{file}' does not have the name of an input: {_known(file.stem, inputs)}")
     try:
         with loaded:
             return {name: loaded[name] for name in loaded.files}
@@ -231,7 +231,7 @@ def _read(file: Path, inputs: Mapping[str, DeclaredInput]) -> dict[str, Array]:
 
 
 def _cut(arrays: Mapping[str, Array], inputs: Mapping[str, DeclaredInput], place: str) -> Iterator[Sample]:
-    """Samples out of arrays that may be stacks of them."""
+    """Samples from arrays that may be stacks of samples."""
     check_names(arrays, inputs, place)
     stacks: dict[str, _Stack] = {}
     for name, values in arrays.items():
@@ -248,7 +248,7 @@ def _cut(arrays: Mapping[str, Array], inputs: Mapping[str, DeclaredInput], place
 
 
 def check_names(arrays: Mapping[str, Any], inputs: Mapping[str, DeclaredInput], place: str) -> None:
-    """Raises DataError unless there is an array for each input and none besides."""
+    """Raises DataError unless there is an array for each input and no other."""
     for name in arrays:
         if name not in inputs:
             raise DataError(f"{place}: the model has no input '{name}': {_known(name, inputs)}")
@@ -260,7 +260,7 @@ def checked(sample: Mapping[str, Any], inputs: Mapping[str, DeclaredInput], plac
     """The sample, in memory, in the inputs' own element types.
 
     Raises:
-        DataError: A name, a type or a shape is not what the model declares, or a value is not finite.
+        DataError: A name, a type or a shape differs from the model's declaration, or a value is not finite.
     """
     check_names(sample, inputs, place)
     return {name: wanted.checked(np.asarray(sample[name]), place) for name, wanted in inputs.items()}

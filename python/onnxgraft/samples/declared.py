@@ -1,4 +1,4 @@
-"""What a model declares of its inputs, and whether an array fits."""
+"""The model's declarations of its inputs, and whether an array fits them."""
 
 from __future__ import annotations
 
@@ -28,7 +28,7 @@ class DeclaredInput:
         return f"{self.dtype.name}[{sizes}]"
 
     def fits(self, shape: Sequence[int]) -> bool:
-        """Whether a value of this shape can be fed."""
+        """Whether the input accepts a value of this shape."""
         if self.dims is None:
             return True
         same_rank = len(shape) == len(self.dims)
@@ -39,7 +39,7 @@ class DeclaredInput:
 
         Returns:
             The rows of one sample; 0 if the first axis counts samples; None if the array is a sample itself. An array
-            that fits in no way is taken for one sample.
+            that does not fit at all is treated as one sample.
         """
         if self.dims is None:
             return None
@@ -59,9 +59,9 @@ class DeclaredInput:
         """
         if not self.fits(values.shape):
             found = ",".join(map(str, values.shape))
-            raise DataError(f"{place}: the input '{self.name}' is {self}, but the array is of shape [{found}]")
+            raise DataError(f"{place}: the input '{self.name}' is {self}, but the array has shape [{found}]")
         if not _convertible(values.dtype, self.dtype):
-            raise DataError(f"{place}: the input '{self.name}' is {self}, but the array is of {values.dtype.name}")
+            raise DataError(f"{place}: the input '{self.name}' is {self}, but the array has type {values.dtype.name}")
         result = np.ascontiguousarray(values, self.dtype).reshape(values.shape)
         if result.dtype.kind == "f" and not np.isfinite(result).all():
             position = tuple(int(axis[0]) for axis in np.nonzero(~np.isfinite(result)))
@@ -74,7 +74,7 @@ def declared_inputs(model: onnx.ModelProto) -> dict[str, DeclaredInput]:
     """The inputs without initializer, in order.
 
     Raises:
-        DataError: One is no tensor of numbers.
+        DataError: One is not a tensor of numbers.
     """
     constants = {tensor.name for tensor in model.graph.initializer}
     return {value.name: _declared(value) for value in model.graph.input if value.name not in constants}
@@ -83,7 +83,7 @@ def declared_inputs(model: onnx.ModelProto) -> dict[str, DeclaredInput]:
 def _declared(value: onnx.ValueInfoProto) -> DeclaredInput:
     tensor = value.type.tensor_type
     if value.type.WhichOneof("value") != "tensor_type" or tensor.elem_type in {onnx.TensorProto.STRING, 0}:
-        raise DataError(f"the input '{value.name}' is no tensor of numbers, for which there is no data")
+        raise DataError(f"the input '{value.name}' is not a tensor of numbers, so no data can be given for it")
     dims = None
     if tensor.HasField("shape"):
         dims = tuple(dim.dim_value if dim.dim_value > 0 else None for dim in tensor.shape.dim)
@@ -91,5 +91,5 @@ def _declared(value: onnx.ValueInfoProto) -> DeclaredInput:
 
 
 def _convertible(found: np.dtype[Any], wanted: np.dtype[Any]) -> bool:
-    """Floats of any width, and integers for integers; integers are no floats, since their scale is not known."""
+    """Floats of any width, and integers for integers. Integers are not accepted for floats: their scale is unknown."""
     return found == wanted or (found.kind in "f" and wanted.kind == "f") or (found.kind in "iu" and wanted.kind in "iu")

@@ -1,4 +1,4 @@
-"""Images as samples: read with Pillow, brought to one size, scaled."""
+"""Images as samples: read with Pillow, resized, scaled."""
 
 from __future__ import annotations
 
@@ -28,11 +28,11 @@ class Images:
     A pixel p of 0 .. 255 becomes (p * scale - mean) / std, channel by channel.
 
     Attributes:
-        size: Height and width; None takes the model's, or the image's own where the model leaves it open.
+        size: Height and width; None uses the model's, or the image's own if the model leaves it open.
         mean: For each channel, or one for all.
         std: For each channel, or one for all.
-        scale: What pixels are multiplied by first.
-        layout: "auto" looks where the model has 1 or 3 channels.
+        scale: The factor that is applied to pixels first.
+        layout: "auto" finds the axis on which the model has 1 or 3 channels.
         fit: "stretch" changes the ratio of the sides, "letterbox" keeps it and fills the rest with grey.
         color: The order of the channels.
     """
@@ -48,21 +48,23 @@ class Images:
     def __post_init__(self) -> None:
         for name, numbers in (("mean", self.mean), ("std", self.std)):
             if len(numbers) not in {1, 3} or not np.isfinite(numbers).all():
-                raise DataError(f"{name} of images has to be 1 or 3 finite numbers, not {list(numbers)}")
+                raise DataError(f"{name} of images must be 1 or 3 finite numbers, not {list(numbers)}")
         if 0.0 in self.std:
             raise DataError("std of images must not be 0: pixels are divided by it")
         if self.size is not None and min(self.size) < 1:
-            raise DataError(f"the size of images has to be a height and a width above 0, not {list(self.size)}")
+            raise DataError(f"the size of images must be a height and a width above 0, not {list(self.size)}")
 
 
 class ImageFolder:
-    """Samples out of image files, each a batch of the model's length."""
+    """Samples from image files, each a batch of the model's length."""
 
     def __init__(self, place: Path, files: Sequence[Path], inputs: Mapping[str, DeclaredInput], images: Images) -> None:
         self.label = place.name
         self._files, self._images = files, images
         if len(inputs) != 1:
-            raise DataError(f"images are for a model with one input; this one has {', '.join(inputs) or 'none'}")
+            raise DataError(
+                f"images are for a model with one input; the inputs of this one: {', '.join(inputs) or 'none'}"
+            )
         (self._input,) = inputs.values()
         self._channels_last = self._find_layout()
         self._batch = (self._input.dims or (1,))[0] or 1
@@ -81,7 +83,7 @@ class ImageFolder:
     def _find_layout(self) -> bool:
         dims = self._input.dims
         if dims is None or len(dims) != 4 or self._input.dtype.kind not in "fu":
-            raise DataError(f"the input '{self._input.name}' is {self._input}, which takes no images")
+            raise DataError(f"the input '{self._input.name}' is {self._input}, which does not accept images")
         if self._images.layout != "auto":
             return self._images.layout == "NHWC"
         return dims[1] not in {1, 3} and dims[3] in {1, 3}
@@ -104,7 +106,7 @@ class ImageFolder:
         if self._input.dtype.kind == "f":
             mean, std = np.asarray(self._images.mean, np.float32), np.asarray(self._images.std, np.float32)
             if channels == 1 and len(mean) + len(std) > 2:
-                raise DataError("the model takes grey images: mean and std have to be one number each")
+                raise DataError("the model takes grey images: mean and std must be one number each")
             pixels = ((pixels.astype(np.float32) * np.float32(self._images.scale) - mean) / std).astype(
                 self._input.dtype
             )

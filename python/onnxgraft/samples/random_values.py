@@ -1,7 +1,7 @@
 """Random values for the inputs of a graph: the same for the same seed, name and shape.
 
-Floating-point numbers are of the standard normal distribution. Integers are valid for what reads them: row numbers of
-the table that they are looked up in, else 0 and 1; a mask is ones, then zeros. Eight-bit integers take the full range.
+Floating-point numbers have the standard normal distribution. Integers are valid for their readers: row numbers of the
+table in which they are looked up, otherwise 0 and 1; a mask is ones, then zeros. Eight-bit integers use the full range.
 """
 
 from __future__ import annotations
@@ -31,7 +31,7 @@ _COUNTED_IN_BITS = {"int8", "uint8"}
 
 @dataclass(frozen=True)
 class Input:
-    """One graph input. `rows` is the size of the table that its values are looked up in, if there is one."""
+    """One graph input. `rows` is the size of the table in which its values are looked up, if there is one."""
 
     name: str
     dtype: np.dtype[Any]
@@ -50,7 +50,7 @@ def inputs_of(model: onnx.ModelProto, sizes: Mapping[str, int]) -> dict[str, Inp
         sizes: Sizes of symbolic dimensions by name, or of any unknown one as "input[axis]".
 
     Raises:
-        VerificationError: An input without a shape or of a type that has no random values, or a size of no use.
+        VerificationError: An input has no shape or a type without random values, or a size is wrong or unused.
     """
     graph = model.graph
     constants = {tensor.name for tensor in graph.initializer}
@@ -60,7 +60,7 @@ def inputs_of(model: onnx.ModelProto, sizes: Mapping[str, int]) -> dict[str, Inp
         if name not in symbols:
             raise VerificationError(f"no dimension is called '{name}': {_known(name, symbols)}")
         if size < 1:
-            raise VerificationError(f"the size of '{name}' has to be 1 or more, not {size}")
+            raise VerificationError(f"the size of '{name}' must be 1 or more, not {size}")
     readers = Readers(graph)
     chosen = dict(sizes)
     return {value.name: _input(value, readers, chosen) for value in values}
@@ -78,18 +78,18 @@ def random_values(inputs: Mapping[str, Input], seed: int) -> dict[str, Array]:
 def given_values(
     model: onnx.ModelProto, samples: Iterable[Mapping[str, Array]]
 ) -> tuple[Iterator[Mapping[str, Array]], dict[str, Input]]:
-    """Checks samples as they come.
+    """Checks samples one by one.
 
     Args:
         model: The model that declares the inputs.
         samples: For each run an array for every input without initializer.
 
     Returns:
-        The samples, and what the first of them says of the inputs.
+        The samples, and a description of the inputs from the first one.
 
     Raises:
-        VerificationError: There is no sample, or one lacks an input or does not fit it. For those after the first it
-            is raised when they are reached.
+        VerificationError: There is no sample, or a sample does not have an input or does not fit it. An error in a
+            later sample is raised when that sample is reached.
     """
     constants = {tensor.name for tensor in model.graph.initializer}
     declared = {value.name: value.type.tensor_type for value in model.graph.input if value.name not in constants}
@@ -111,13 +111,13 @@ def _checked(declared: Mapping[str, TypeProto.Tensor], sample: Mapping[str, Arra
         dtype, shape = sample[name].dtype, sample[name].shape
         if dtype != helper.tensor_dtype_to_np_dtype(tensor.elem_type):
             wanted = TensorProto.DataType.Name(tensor.elem_type).lower()
-            raise VerificationError(f"sample {number}: the input '{name}' is of type {wanted}, its array {dtype.name}")
+            raise VerificationError(f"sample {number}: the input '{name}' has type {wanted}, its array {dtype.name}")
         sizes = [dim.dim_value for dim in tensor.shape.dim]
         fits = len(sizes) == len(shape) and all(a <= 0 or a == b for a, b in zip(sizes, shape, strict=True))
         if tensor.HasField("shape") and not fits:
             described = ",".join(str(dim.dim_param or dim.dim_value or "?") for dim in tensor.shape.dim)
             raise VerificationError(
-                f"sample {number}: the input '{name}' is of shape [{described}], its array of shape {list(shape)}"
+                f"sample {number}: the input '{name}' has shape [{described}], its array {list(shape)}"
             )
     return sample
 
@@ -159,12 +159,12 @@ def _known(name: str, symbols: list[str]) -> str:
 
 
 def _input(value: onnx.ValueInfoProto, readers: Readers, chosen: dict[str, int]) -> Input:
-    """Sizes that are made up are added to `chosen`, so that a symbol stands for one size everywhere."""
+    """Chosen sizes are added to `chosen`, so that a symbol has one size everywhere."""
     tensor = value.type.tensor_type
     if value.type.WhichOneof("value") != "tensor_type" or tensor.elem_type in {TensorProto.STRING, 0}:
-        raise VerificationError(f"input '{value.name}' has no random values: only tensors of numbers have")
+        raise VerificationError(f"input '{value.name}' has no random values: only tensors of numbers have them")
     if not tensor.HasField("shape"):
-        raise VerificationError(f"input '{value.name}' has no shape: the model has to declare it, symbolic or not")
+        raise VerificationError(f"input '{value.name}' has no shape: the model must declare one, symbolic or not")
     dtype = np.dtype(helper.tensor_dtype_to_np_dtype(tensor.elem_type))
     shape: list[int] = []
     dims = tensor.shape.dim

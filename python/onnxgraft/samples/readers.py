@@ -1,4 +1,4 @@
-"""What reads a graph input, through operators that hand its values on: from that follows what it may hold."""
+"""The readers of a graph input, through operators that pass its values on: they decide which values are valid."""
 
 from __future__ import annotations
 
@@ -10,9 +10,9 @@ from onnx import helper
 
 from onnxgraft.graph.surroundings import Surroundings
 
-# These hand the elements of their first input on.
+# These pass on the elements of their first input.
 _PASSING = {"Cast", "Identity", "Reshape", "Flatten", "Unsqueeze", "Squeeze", "Transpose", "Slice", "Expand", "Dropout"}
-# These keep the shape as well.
+# These also keep the shape.
 _SHAPE_KEEPING = {"Cast", "Identity", "TesselQuant", "Dropout"}
 
 
@@ -31,7 +31,7 @@ class Readers:
                 self._dims[node.output[0]] = tuple(dims[axis] for axis in order)
 
     def number_of_rows(self, name: str) -> int | None:
-        """The size of the smallest table that the values of a tensor are looked up in; None if there is none."""
+        """The size of the smallest table in which the values of a tensor are looked up; None if there is none."""
         sizes = []
         for tensor, node in self._follow(name, _PASSING):
             if node.op_type in {"Gather", "GatherElements"} and len(node.input) == 2 and node.input[1] == tensor:
@@ -41,7 +41,7 @@ class Readers:
         return min(sizes, default=None)
 
     def needed_size(self, name: str, axis: int, rank: int) -> int | None:
-        """The size that a weight asks of an axis of a tensor; None if no weight does."""
+        """The size that a weight requires of an axis of a tensor; None if no weight does."""
         for tensor, node in self._follow(name, _SHAPE_KEEPING):
             if len(node.input) < 2 or node.input[0] != tensor:
                 continue

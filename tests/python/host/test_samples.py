@@ -83,17 +83,17 @@ X = PICTURES[0]
 BAD: dict[str, tuple[Any, str]] = {
     "name": ([{"y": X}], "sample 1: the model has no input 'y': it has x"),
     "missing": ([{}], "there is no array for the input 'x'"),
-    "shape": ([X, X[:, :1]], r"sample 2: the input 'x' is float32\[1,2,\?,4\], but the array is of shape \[1,1,4,4\]"),
-    "type": ([X.astype(np.uint8)], "is float32.*but the array is of uint8"),
+    "shape": ([X, X[:, :1]], r"sample 2: the input 'x' is float32\[1,2,\?,4\], but the array has shape \[1,1,4,4\]"),
+    "type": ([X.astype(np.uint8)], "is float32.*but the array has type uint8"),
     "nan": ([np.where(X[0, 1, 2, 3] == X, np.nan, X)], r"not finite: nan at \[0, 1, 2, 3\]"),
     "mapping": ({"x": X}, "put it into a list"),
     "arrays": ([[X, X]], "sample 1 has 2 arrays, but the model has the inputs x"),
-    "random": ("random:few", "not random:N"),
+    "random": ("random:few", "must be random:N"),
     "nowhere": ("nowhere.npz", "there is no file or folder 'nowhere.npz'"),
     "empty": (".", "the folder '.' has no data"),
     "broken.npz": ("broken.npz", "cannot read 'broken.npz' as .npz data"),
     "broken.npy": ("broken.npy", "cannot read 'broken.npy' as .npy data"),
-    "broken.txt": ("broken.txt", "'broken.txt' is no data"),
+    "broken.txt": ("broken.txt", "'broken.txt' is not data"),
 }
 
 
@@ -136,5 +136,5 @@ def test_images(tmp_path: Path) -> None:
     (tmp_path / "b.png").write_bytes(b"no image")
     with pytest.raises(DataError, match=r"cannot read the image .*b\.png"):
         list(open_data(tmp_path, one_input(1, 3, 6, 6)))
-    with pytest.raises(DataError, match="takes no images"):
+    with pytest.raises(DataError, match="does not accept images"):
         open_data(tmp_path, one_input(1, 3))

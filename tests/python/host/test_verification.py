@@ -163,8 +163,8 @@ def test_outputs_without_a_finite_element_have_a_verdict_of_their_own() -> None:
         ([], "there are no samples"),
         ([{}], "sample 1 has no array for the input 'x'"),
         ([half, {"y": half["x"]}], "sample 2: the model before has no input 'y', but x"),
-        ([{"x": np.ones(3, np.float32)}], r"of shape \[2\], its array of shape \[3\]"),
-        ([{"x": np.ones(2)}], "of type float, its array float64"),
+        ([{"x": np.ones(3, np.float32)}], r"has shape \[2\], its array \[3\]"),
+        ([{"x": np.ones(2)}], "has type float, its array float64"),
     ):
         with pytest.raises(VerificationError, match=message):
             verify(model, model, inputs=wrong)
