@@ -55,7 +55,7 @@ class Simulation:
         return self._origin.operator.bias is not None or self.operator.node.op_type != "MatMul"
 
     def write(self, correction: str = "") -> tuple[list[onnx.NodeProto], str]:
-        """The nodes, and what they write.
+        """The nodes, and what they write; `constants` holds afterwards what these nodes read, each once.
 
         Args:
             correction: A tensor of shape `channels` to take off the result.
@@ -63,6 +63,7 @@ class Simulation:
         node, numbers, activation = self.operator.node, self._numbers, self._origin.activation
         is_convolution = node.op_type == "Conv"
         nodes: list[onnx.NodeProto] = []
+        self.constants = []
 
         def add(op_type: str, *inputs: str, **attributes: Any) -> str:
             output = f"{self.name}_{len(nodes)}"
