@@ -9,7 +9,7 @@ import numpy.typing as npt
 import onnx
 from onnx.reference import ReferenceEvaluator
 from onnx.reference.op_run import OpRun
-from onnx.reference.ops import op_conv_transpose, op_resize
+from onnx.reference.ops import op_conv, op_conv_transpose, op_resize
 
 Array = npt.NDArray[Any]
 
@@ -30,6 +30,25 @@ class BatchNormalization(OpRun):
         scale, shift, mean, variance = (parameter.reshape(along) for parameter in parameters)
         factor = scale / np.sqrt(variance + (1e-5 if epsilon is None else epsilon))
         return (((x - mean) * factor + shift).astype(x.dtype),)
+
+
+class Conv(op_conv.Conv):
+    """Writes `auto_pad` out, as n = ceil(length / stride) elements need it; onnx 1.16 pads wrongly if it strides."""
+
+    op_domain = ""
+
+    def _run(self, x: Array, w: Array, b: Any = None, **options: Any) -> Any:  # type: ignore[override]
+        mode = options.get("auto_pad")
+        if mode in {"SAME_UPPER", "SAME_LOWER", "VALID"}:
+            strides, dilations = (options[name] or [1] * (x.ndim - 2) for name in ("strides", "dilations"))
+            steps = zip(x.shape[2:], w.shape[2:], strides, dilations, strict=True)
+            needed = [(-(-n // step) - 1) * step + (k - 1) * dilation + 1 - n for n, k, step, dilation in steps]
+            totals = [0 if mode == "VALID" else max(0, total) for total in needed]
+            smaller, larger = [total // 2 for total in totals], [total - total // 2 for total in totals]
+            pads = smaller + larger if mode == "SAME_UPPER" else larger + smaller
+            options |= {"auto_pad": "NOTSET", "pads": pads}
+        compute: Any = super()._run
+        return compute(x, w, b, **options)
 
 
 class ConvTranspose(op_conv_transpose.ConvTranspose):
@@ -61,4 +80,4 @@ def evaluator(model: onnx.ModelProto) -> ReferenceEvaluator:
     version = max((entry.version for entry in model.opset_import if entry.domain in {"", "ai.onnx"}), default=0)
     training = any(node.op_type == "BatchNormalization" and len(node.output) > 1 for node in model.graph.node)
     normalization = [] if version >= _FIRST_WITH_TRAINING_MODE or training else [BatchNormalization]
-    return ReferenceEvaluator(model, new_ops=[ConvTranspose, Resize, *normalization])
+    return ReferenceEvaluator(model, new_ops=[Conv, ConvTranspose, Resize, *normalization])
