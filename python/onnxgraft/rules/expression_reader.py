@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import warnings
 from collections.abc import Collection
 from dataclasses import dataclass
 from typing import Any
@@ -46,8 +47,10 @@ def read_expression(value: Any, place: Place, known: Known) -> Expression:
 def numbers(value: Any, place: Place) -> Any:
     """A number or nested lists of numbers of one shape."""
     try:
-        array = np.asarray(value)
-    except ValueError:
+        with warnings.catch_warnings():
+            warnings.simplefilter("error")  # NumPy before 1.24 only warns
+            array = np.asarray(value)
+    except (ValueError, Warning):
         place.error(f"the lists in {value!r} have different lengths")
     if array.dtype.kind not in "fib" or (array.size == 0 and not isinstance(value, list)):
         wanted = "a number, a list of numbers, the id of a matched initializer or a function"

@@ -6,6 +6,7 @@ from itertools import pairwise
 from pathlib import Path
 from typing import Any
 
+import onnx
 import pytest
 
 from onnxgraft.catalogue import rows
@@ -37,6 +38,7 @@ def _headings(path: Path) -> list[str]:
     return re.findall(r"^#+ (.+)$", path.read_text(), re.MULTILINE) if path.suffix == ".md" else []
 
 
+@pytest.mark.skipif(onnx.__version__.startswith("1.16."), reason="infers fewer shapes, so weights cannot be split")
 def test_tables_are_those_of_the_example_models(repository: Path) -> None:
     rows = json.loads((repository / "docs/development/firing.json").read_text())
     page = (repository / "docs/development/models.md").read_text()
