@@ -13,10 +13,10 @@ import numpy as np
 from bench.accuracy import pages, sounds
 from bench.accuracy.networks import BY_NAME, OCR, WHEELS, Network
 
-CALIBRATION_PAGES, TEST_PAGES = range(100, 108), range(13)
-CALIBRATION_SOUNDS, TEST_SOUNDS = range(100, 104), range(4)
-# Enough of them; the recognizer is fed in batches of lines of like length.
-_MOST = {"det": 4, "rec": 12, "cls": 12, "vad": 240}
+READ_PAGES = range(13)
+# What each model is given: pages, pages whose lines it is given one by one, both ways up, and recordings.
+_NUMBERS = {"calibration": range(100, 132), "test": range(200, 232)}
+_DETECTOR_PAGES, _RECOGNIZER_LINES, _SOUNDS = 4, 24, 4
 
 
 def pipeline(models: Mapping[str, Path]) -> Any:
@@ -28,22 +28,25 @@ def pipeline(models: Mapping[str, Path]) -> Any:
 
 
 def collect() -> None:
-    """Writes what each model is fed with to files, once."""
-    for part, numbers in (("calibration", CALIBRATION_PAGES), ("test", TEST_PAGES)):
-        if all(list(BY_NAME[name].data(part).glob("*.npz")) for name in OCR):
+    """Writes the inputs of each model to files, once."""
+    for part, numbers in _NUMBERS.items():
+        if all(list(BY_NAME[name].data(part).glob("*.npz")) for name in BY_NAME):
             continue
         engine = pipeline({name: BY_NAME[name].path for name in OCR})
         sessions = {"det": engine.text_det.infer, "rec": engine.text_rec.session, "cls": engine.text_cls.infer}
         for name, session in sessions.items():
             session.session = _Listening(session.session, _writer(BY_NAME[name], part))
-        for number in numbers:
-            engine(pages.page(number)[0])
-    for part, numbers in (("calibration", CALIBRATION_SOUNDS), ("test", TEST_SOUNDS)):
+        for number in numbers[:_DETECTOR_PAGES]:
+            engine.text_det(pages.page(number)[0])
+        lines = [picture for number in numbers for picture in pages.line_pictures(number)]
+        # Some of each page.
+        for picture in lines[:: len(lines) // _RECOGNIZER_LINES][:_RECOGNIZER_LINES]:
+            engine.text_rec([picture])
+        engine.text_cls([turned for picture in lines for turned in (picture, picture[::-1, ::-1].copy())])
         network = BY_NAME["vad"]
-        if not list(network.data(part).glob("*.npz")):
-            write = _writer(network, part)
-            for number in numbers:
-                listen(_session(network.path), number, write)
+        write = _writer(network, part)
+        for number in numbers[:_SOUNDS]:
+            listen(_session(network.path), number, write)
 
 
 def listen(session: Any, number: int, write: Callable[[Mapping[str, Any]], None]) -> list[float]:
@@ -69,8 +72,7 @@ def _writer(network: Network, part: str) -> Callable[[Mapping[str, Any]], None]:
 
     def write(feeds: Mapping[str, Any]) -> None:
         nonlocal count
-        if count < _MOST[network.name]:
-            np.savez(folder / f"{count:04}.npz", **feeds)
+        np.savez(folder / f"{count:04}.npz", **feeds)
         count += 1
 
     return write

@@ -16,6 +16,7 @@ _FONTS = (
     *("DejaVuSansMono", "DejaVuSansMono-Bold", "STIXGeneral", "STIXGeneralBol", "STIXGeneralItalic"),
 )
 _WIDTH, _LINES, _STEP = 900, 8, 66
+_INK = 150  # darker than any paper
 _SUBJECTS = "The ferry|A grey heron|Our neighbour|The last train|Every second lamp|Her notebook|The baker|A thin wire"
 _VERBS = "waits for|crosses|forgets|paints|follows|measures|sells|repairs"
 _OBJECTS = "the north pier|an empty hall|two wooden boats|the winter timetable|a box of screws|the market square"
@@ -39,6 +40,19 @@ def page(number: int) -> tuple[Picture, list[str]]:
         image = image.rotate(float(rng.uniform(-1.2, 1.2)), Image.Resampling.BICUBIC, fillcolor=image.getpixel((2, 2)))
     noise = rng.normal(0, 4, (image.height, image.width, 1))
     return np.clip(np.asarray(image, np.float32) + noise, 0, 255).astype(np.uint8)[:, :, ::-1].copy(), lines
+
+
+def line_pictures(number: int) -> list[Picture]:
+    """The lines of a page, each cut out where it is drawn; none of a page that is turned."""
+    if number % 4 == 2:
+        return []
+    picture = page(number)[0]
+    strips = [picture[14 + row * _STEP : 20 + row * _STEP + 44] for row in range(_LINES)]
+    pictures = []
+    for strip in strips:
+        ink = np.flatnonzero(strip.min(axis=(0, 2)) < _INK)
+        pictures.append(strip[:, max(ink[0] - 6, 0) : ink[-1] + 7])
+    return pictures
 
 
 def _line(rng: np.random.Generator) -> str:

@@ -90,6 +90,7 @@ class Calibration:
         prepared: Of the prepared model.
         data: What messages call the samples.
         weights: By initializer: numbers of weights that the calibrated model held quantized already.
+        outside: By tensor: the share of the values that its range leaves out, 0 to 1, where values were seen.
     """
 
     ranges: Mapping[str, Range]
@@ -99,6 +100,7 @@ class Calibration:
     prepared: str = ""
     data: str = ""
     weights: Mapping[str, WeightNumbers] = field(default_factory=dict)
+    outside: Mapping[str, float] = field(default_factory=dict)
 
     def check_model(self, fingerprint: str, label: str = "the model") -> None:
         """Raises CalibrationError unless the fingerprint is that of the model, as it was or prepared."""
@@ -122,8 +124,13 @@ class Calibration:
         for name, found in other.ranges.items():
             ranges[name] = ranges[name].union(found) if name in ranges else found
         weights = {**self.weights, **other.weights}
+        samples = self.samples + other.samples
+        # The joined range leaves out less than either; what both left out is the most that it can be.
+        outside = {**self.outside, **other.outside}
+        for name in self.outside.keys() & other.outside.keys():
+            outside[name] = (self.outside[name] * self.samples + other.outside[name] * other.samples) / max(samples, 1)
         data = ", ".join(dict.fromkeys(name for name in (self.data, other.data) if name))
-        return replace(self, ranges=ranges, samples=self.samples + other.samples, data=data, weights=weights)
+        return replace(self, ranges=ranges, samples=samples, data=data, weights=weights, outside=outside)
 
     def to_json(self) -> str:
         """One JSON object; `from_json` reads it back without loss."""
@@ -137,6 +144,8 @@ class Calibration:
             "data": self.data,
             "ranges": {name: [found.low, found.high] for name, found in self.ranges.items()},
         }
+        if self.outside:
+            content["outside"] = dict(self.outside)
         if self.weights:
             content["weights"] = {name: _weight_to_json(numbers) for name, numbers in self.weights.items()}
         text = json.dumps(content, allow_nan=False)
@@ -165,6 +174,7 @@ class Calibration:
             fingerprint=_typed(content, "fingerprint", str),
             prepared=_typed(content, "prepared", str),
             data=_typed(content, "data", str),
+            outside={name: _share(name, share) for name, share in _entries(content, "outside", {})},
             weights={name: _weight(name, numbers) for name, numbers in _entries(content, "weights", {})},
         )
 
@@ -224,6 +234,12 @@ def _range(name: str, pair: Any) -> Range:
     if len(values) != 2 or values[0] > values[1]:
         raise CalibrationError(f"not a calibration: the range of tensor '{name}' has to be two numbers in order")
     return Range(*values)
+
+
+def _share(name: str, share: Any) -> float:
+    if isinstance(share, int | float) and 0 <= share <= 1:
+        return float(share)
+    raise CalibrationError(f"not a calibration: the share outside the range of tensor '{name}' has to be from 0 to 1")
 
 
 def _weight_to_json(numbers: WeightNumbers) -> dict[str, Any]:

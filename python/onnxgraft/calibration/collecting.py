@@ -14,7 +14,7 @@ import numpy.typing as npt
 import onnx
 
 from onnxgraft import preparation
-from onnxgraft.calibration.calibration import Calibration
+from onnxgraft.calibration.calibration import Calibration, Range
 from onnxgraft.calibration.fingerprinting import model_fingerprint
 from onnxgraft.calibration.histograms import Statistics
 from onnxgraft.calibration.methods import chooser
@@ -114,11 +114,15 @@ def calibrate(
             raise EvaluationError(f"sample {done} of {samples.label}: {error}") from error
         if progress is not None:
             progress(done, samples.count)
-    ranges = {tensor: choose(seen) for tensor, seen in collector.usable()}
+    ranges: dict[str, Range] = {}
+    outside: dict[str, float] = {}
+    for tensor, seen in collector.usable():
+        found = choose(seen)
+        ranges[tensor], outside[tensor] = found, seen.share_outside(found.low, found.high)
     for alias, source in watched.aliases.items():
         if source in ranges:
-            ranges[alias] = ranges[source]
-    return Calibration(ranges, name, done, fingerprint, prepared, samples.label)
+            ranges[alias], outside[alias] = ranges[source], outside[source]
+    return Calibration(ranges, name, done, fingerprint, prepared, samples.label, outside=outside)
 
 
 def _blocks(sizes: Mapping[str, int], memory: int) -> list[list[str]]:

@@ -46,6 +46,16 @@ class Statistics:
             for start in range(0, halves.size, _BLOCK):
                 self._counts += np.bincount(halves[start : start + _BLOCK], minlength=_BINS)
 
+    def share_outside(self, low: float, high: float) -> float:
+        """The share of the values below `low` or above `high`, 0 to 1; values are spread evenly within a bin."""
+        if low <= self.low and high >= self.high:
+            return 0.0
+        lower, upper, counts = self.histogram()
+        width = np.where(upper > lower, upper - lower, 1.0)
+        below = np.where(upper > lower, np.clip((low - lower) / width, 0, 1), lower < low)
+        above = np.where(upper > lower, np.clip((upper - high) / width, 0, 1), lower > high)
+        return float(np.dot(np.minimum(below + above, 1), counts) / counts.sum())
+
     def histogram(self) -> tuple[Array, Array, Array]:
         """The bins that have values, in order: lower edges, upper edges, counts."""
         if self._counts is None:

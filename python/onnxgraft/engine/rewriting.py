@@ -6,6 +6,7 @@ import logging
 import os
 from collections.abc import Callable, Iterable, Sequence
 from contextlib import AbstractContextManager, nullcontext
+from dataclasses import replace
 from importlib.metadata import PackageNotFoundError, version
 from pathlib import Path
 from typing import TYPE_CHECKING, Any, Literal
@@ -148,6 +149,8 @@ def rewrite(
         report.warnings += foreign.warnings(report.steps)
         if details != "counts":
             report.numbers = list(finishing.operator_numbers(host))
+            if filler is not None:
+                report.numbers = [replace(one, saturated=filler.share_cut_off(one)) for one in report.numbers]
         report.account = account_of(graph, declared_shapes(graph), facts, functions)
     if filler is not None:
         report.filled = filler.result

@@ -17,15 +17,15 @@ from typing import Any
 
 import onnx
 
-from onnxgraft.catalogue import Transformation
+from onnxgraft.catalogue import CALLBACK, Transformation, intercepted
 from onnxgraft.filling.errors import FillingError
 from onnxgraft.filling.origins import Origin
 from onnxgraft.filling.plan import Plan
 from onnxgraft.graph.names import all_names
 from onnxgraft.io.weight_store import WeightStore
 from onnxgraft.report.filled_records import FillingResult, LeftFloat
+from onnxgraft.report.operator_numbers import OperatorNumbers
 
-_CALLBACK = "_on_replace_subgraph"
 _REASONS = "refusal_reasons"
 
 
@@ -86,18 +86,14 @@ class Filler:
         if handler is None:
             yield
             return
-        own = vars(transformation)
-        before = {name: own[name] for name in (_CALLBACK,) if name in own}
-        own[_CALLBACK] = self._in_front(handler, getattr(transformation, _CALLBACK), transformation)
+        front = self._in_front(handler, getattr(transformation, CALLBACK), transformation)
         origins, result = dict(self.origins), copy.deepcopy(self.result)
         try:
-            yield
+            with intercepted(transformation, {CALLBACK: front}):
+                yield
         except BaseException:  # the step is undone, so nothing of it was filled
             self.origins, self.result = origins, result
             raise
-        finally:
-            del own[_CALLBACK]
-            own.update(before)
 
     def origin(self, weight: str) -> Origin:
         """What the operator with this INT8 weight was.
@@ -109,6 +105,13 @@ class Filler:
         if found is None:
             raise FillingError(f"the float values of INT8 weight '{weight}' are not known: it was quantized before")
         return found
+
+    def share_cut_off(self, numbers: OperatorNumbers) -> float | None:
+        """The share of the calibrated values that an operator's quantize node cuts off; None if that is not known."""
+        origin = self.origins.get(numbers.weight)
+        if origin is None or (origin.activation.scale, origin.activation.offset) != (numbers.scale, numbers.offset):
+            return None
+        return self.plan.calibration.outside.get(origin.tensor)
 
     def fresh_name(self, graph: onnx.GraphProto, wanted: str) -> str:
         """A name that nothing in the graph has, made from the one wished for."""

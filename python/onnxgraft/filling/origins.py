@@ -33,6 +33,7 @@ class Origin:
         output: The tensor that it wrote.
         operator: Its float weight and bias.
         activation: The parameters of the tensor that it reads.
+        tensor: That tensor, in the float model.
         correction: What is taken off its bias, per output channel; None for nothing.
     """
 
@@ -40,6 +41,7 @@ class Origin:
     output: str
     operator: FloatOperator
     activation: Activation
+    tensor: str
     correction: Array | None = None
 
     def numbers(self) -> OperatorNumbers:
@@ -77,7 +79,8 @@ def origin_of(plan: Plan, graph: onnx.GraphProto, operator: Quantizable) -> Orig
         activation = plan.activation(graph, operator.node.input[0], symmetric=symmetric)
     except FillingError as error:
         raise FillingError(f"{operator.label} cannot be filled: {error}") from error
-    return Origin(operator.label, operator.output, described, activation, plan.corrections.get(operator.output))
+    correction = plan.corrections.get(operator.output)
+    return Origin(operator.label, operator.output, described, activation, operator.node.input[0], correction)
 
 
 def _stands_for(given: WeightNumbers, weight: Array) -> bool:

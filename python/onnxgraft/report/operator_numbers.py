@@ -18,7 +18,8 @@ class OperatorNumbers:
         low: The least value that the node does not cut off.
         high: The greatest one.
         bits: How many bits a signed integer needs for the sums, whatever the inputs are; 0 if that is not known.
-        saturated: The share of the values that the node cuts off, 0 to 1, where samples were computed; else None.
+        saturated: The share of the calibrated values that the node cuts off, 0 to 1; None if that is not known.
+        weight: The INT8 weight.
     """
 
     name: str
@@ -29,3 +30,4 @@ class OperatorNumbers:
     high: float
     bits: int
     saturated: float | None = None
+    weight: str = ""

@@ -66,6 +66,8 @@ def test_methods_on_streams_that_grow(draw: Any) -> None:
         found = chooser("percentile", percent)[1](seen)
         ends = np.percentile(values, [(100 - percent) / 2, (100 + percent) / 2])
         assert (found.low, found.high) == pytest.approx(ends, rel=0.01, abs=1e-6)
+        outside = float(((values < found.low) | (values > found.high)).mean())
+        assert seen.share_outside(found.low, found.high) == pytest.approx(outside, abs=0.002)
     least = chooser("mse", 0)[1](seen)
 
     def error(low: float, high: float) -> float:
@@ -108,6 +110,7 @@ def test_files_come_back_and_merge() -> None:
     whole, first, second = (calibrate(model, part) for part in (SAMPLES, SAMPLES[:1], SAMPLES[1:]))
     joined = first.merge(second)
     assert joined.ranges == whole.ranges
+    assert set(joined.outside.values()) == {0.0}
     numbers = WeightNumbers(np.arange(-3, 3, dtype=np.int8).reshape(2, 3), np.array([0.1, 0.25], "f"), 0)
     assert numbers.floats()[1].tolist() == [0, 0.25, 0.5]
     kept = replace(joined, weights={'a "strange"], "name': numbers})
@@ -127,6 +130,7 @@ def test_files_come_back_and_merge() -> None:
         ({"ranges": []}, '"ranges" has to be an object'),
         ({"ranges": {"x": [1, 0]}}, "the range of tensor 'x' has to be two numbers in order"),
         ({"ranges": {"x": [0, None]}}, "tensor 'x' has to have finite numbers"),
+        ({"outside": {"x": 2}}, "the share outside the range of tensor 'x' has to be from 0 to 1"),
         ({"weights": {"w": {"int8": "!"}}}, "the numbers of weight 'w' are broken"),
     ],
 )

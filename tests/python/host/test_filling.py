@@ -147,6 +147,15 @@ def test_a_bias_that_does_not_fit_widens_its_channel_and_dead_channels_stay_exac
         np.testing.assert_allclose(second[:, 1:], first[:, 1:], atol=1e-6 * 50)
 
 
+def test_the_report_says_what_share_is_cut_off() -> None:
+    """Values are uniform: the range of 90 percent leaves a tenth out. Ranges without counts say nothing."""
+    model = make_model("y = Conv(x, w)", IMAGE, {"w": (6, 4, 3, 3)})
+    found = calibrate(model, samples(model, 50), method="percentile", percentile=90.0, evaluator="reference")
+    for calibration, share in ((found, pytest.approx(0.1, abs=0.005)), (replace(found, outside={}), None)):
+        report = rewrite(copy(model), "quant_conv", calibration=calibration)
+        assert [one.saturated for one in report.numbers] == [share]
+
+
 @pytest.mark.parametrize(("low", "high"), [(0.0, 0.0), (0.0, 1e-40), (2.0, 2.0), (-5.0, -1.0), (0.0, 1e5)])
 def test_ranges_at_the_edge(low: float, high: float) -> None:
     """Always zero, next to nothing, one value, one sign, huge: 0 stays 0, and nothing overflows."""

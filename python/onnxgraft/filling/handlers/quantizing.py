@@ -5,6 +5,7 @@ from __future__ import annotations
 import onnx
 from onnx import helper
 
+from onnxgraft.catalogue import intercepted
 from onnxgraft.filling import graph_edits
 from onnxgraft.filling.filler import Call, Filler
 from onnxgraft.filling.operators import Quantizable
@@ -25,13 +26,8 @@ def quantize(filler: Filler, call: Call) -> bool:
         call.reasons.append(reason)
         return False
     # What the class draws with is replaced for the time of the call, so nothing is drawn.
-    own = vars(call.transformation)
-    own[_SET_QUANTIZE] = lambda *_arguments, **_named: None
-    own[_SET_NUMBERS] = lambda *_arguments, **_named: None
-    try:
+    with intercepted(call.transformation, dict.fromkeys((_SET_QUANTIZE, _SET_NUMBERS), lambda *_, **_named: None)):
         accepted = call.proceed()
-    finally:
-        del own[_SET_QUANTIZE], own[_SET_NUMBERS]
     if accepted:
         _fill(filler, call, node)
     return accepted
