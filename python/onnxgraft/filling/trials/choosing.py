@@ -24,8 +24,9 @@ from onnxgraft.samples import Sample, Samples
 Array = npt.NDArray[Any]
 Progress = Callable[[str], object]
 
-# So many samples are tried on; mean errors are those of all samples.
-_TRIED = 8
+# So many samples are tried on, and so many of them to rank operators; mean errors are those of all samples.
+_TRIED, _RANKED = 8, 2
+_TRIED_BOTH_WAYS = 16  # operators
 _LEAST_NOISE = 1e-15  # less is the rounding of floats, and 0 has no logarithm
 _LEAST_GAIN = 0.0005  # of the noise with all quantized; what makes less is not worth a float operator
 _OLDEST_OPERATOR_SET = 11  # of Round, and of Clip with bounds as inputs
@@ -198,15 +199,17 @@ class _Trials:
         found = self._exact[0]
         return {one.operator.output: one.multiply_adds(int(found[size(one)])) for one in self._simulations}
 
-    def noise(self, quantized: frozenset[str], corrections: Mapping[str, Array] | None = None) -> float:
+    def noise(
+        self, quantized: frozenset[str], corrections: Mapping[str, Array] | None = None, *, most: int | None = None
+    ) -> float:
         """Energy of the error, relative to that of the float output, of a typical sample.
 
         That is the mean over the outputs, and the geometric mean over the samples: in the sum of all, one sample that
-        falls to the other side of a decision would outweigh the rest.
+        falls to the other side of a decision would outweigh the rest. At most the first `most` samples are computed.
         """
-        logarithms = []
+        logarithms: list[float] = []
         for sample, exact, signals in zip(self._samples, self._exact, self._signals, strict=True):
-            if signals:
+            if signals and (most is None or len(logarithms) < most):
                 found = self._run(sample, quantized, corrections or {})
                 noises = [_energy(found[name] - exact[name].astype(np.float64)) / signals[name] for name in signals]
                 mean = float(np.nan_to_num(np.mean(noises), nan=math.inf))
@@ -229,41 +232,51 @@ def _energy(values: Array) -> float:
 def _left_float(
     trials: _Trials, operators: Sequence[Quantizable], share: float, corrections: Mapping[str, Array], tell: Progress
 ) -> dict[str, str]:
-    """The operators to leave float: of two rankings that within the share of multiply-adds which gives less noise.
+    """The operators to leave float, within the share of multiply-adds.
 
-    Once each operator is quantized alone, once each is the only one that is not. What an operator costs by itself and
-    what leaving it out saves are the same as long as errors do not meet.
+    Each operator is quantized alone on a few samples: what the outputs lose then is what it costs. For those that cost
+    most, what leaving them float saves is measured as well, since errors can cancel or enlarge each other. Of the
+    choices that these two figures lead to, the one with the least noise on all tried samples counts.
     """
     costs = trials.multiply_adds()
     total = sum(costs.values())
     room = share * total
     everything = frozenset(costs)
-    baseline = trials.noise(everything, corrections)
-    fitting = [operator for operator in operators if costs[operator.output] <= room]
-    gains: list[dict[str, float]] = [{}, {}]
-    for number, operator in enumerate(fitting, 1):
+    baseline, quick = trials.noise(everything, corrections), trials.noise(everything, corrections, most=_RANKED)
+    alone: dict[str, float] = {}
+    fitting = [operator.output for operator in operators if costs[operator.output] <= room]
+    for number, output in enumerate(fitting, 1):
         tell(f"trying operator {number} of {len(fitting)}")
-        output = operator.output
-        gains[0][output] = trials.noise(frozenset({output}), corrections)
-        gains[1][output] = baseline - trials.noise(everything - {output}, corrections)
-    chosen = [_within(room, costs, gain, least=_LEAST_GAIN * baseline) for gain in gains]
-    noises = [trials.noise(everything - one, corrections) for one in chosen]
-    best = min(range(len(chosen)), key=lambda k: noises[k])
-    if noises[best] >= baseline:
+        alone[output] = trials.noise(frozenset({output}), corrections, most=_RANKED) / quick
+    worst = sorted(alone, key=lambda output: alone[output], reverse=True)[:_TRIED_BOTH_WAYS]
+    saved: dict[str, float] = {}
+    for number, output in enumerate(worst, 1):
+        tell(f"trying without operator {number} of {len(worst)}")
+        saved[output] = 1 - trials.noise(everything - {output}, corrections, most=_RANKED) / quick
+    mixed = {output: (gain + max(saved.get(output, gain), 0)) / 2 for output, gain in alone.items()}
+    chosen = {
+        _within(room, costs, gains, by_cost=by_cost): None
+        for gains in (alone, {**alone, **saved}, mixed)
+        for by_cost in (True, False)
+    }
+    tell(f"comparing {len(chosen)} choices")
+    noises = {choice: trials.noise(everything - choice, corrections) for choice in chosen}
+    best = min(noises, key=lambda choice: noises[choice], default=frozenset())
+    if not best or noises[best] >= baseline:
         return {}
-    said = ("quantized alone it makes {:.0%} of the noise", "left float it saves {:.0%} of the noise")[best]
     return {
-        output: f"{said.format(gains[best][output] / baseline)}, at {costs[output] / total:.1%} of the multiply-adds"
-        for output in (operator.output for operator in operators)
-        if output in chosen[best]
+        output: f"quantized alone it makes {alone[output]:.0%} of the noise, at {costs[output] / total:.1%} of the "
+        "multiply-adds"
+        for output in fitting
+        if output in best
     }
 
 
-def _within(room: float, costs: Mapping[str, int], gains: Mapping[str, float], *, least: float) -> frozenset[str]:
-    """Those that gain most for their cost, as long as there is room."""
+def _within(room: float, costs: Mapping[str, int], gains: Mapping[str, float], *, by_cost: bool) -> frozenset[str]:
+    """Those that gain most, for their cost or by themselves, as long as there is room."""
     chosen = set()
-    for output in sorted(gains, key=lambda name: gains[name] / max(costs[name], 1), reverse=True):
-        if gains[output] > least and costs[output] <= room:
+    for output in sorted(gains, key=lambda name: gains[name] / max(costs[name], 1) ** by_cost, reverse=True):
+        if gains[output] > _LEAST_GAIN and costs[output] <= room:
             room -= costs[output]
             chosen.add(output)
     return frozenset(chosen)
