@@ -55,9 +55,7 @@ def operator_numbers(host: Host) -> Iterator[OperatorNumbers]:
         values = work.values(weight)
         bias = work.values(tensors[node.input[2]]) if len(node.input) > 2 and node.input[2] in tensors else None
         bits = 0 if values is None else _bits(_largest_sum(node, values) * largest, bias)
-        yield OperatorNumbers(
-            label(node), node.output[0], scale, offset, ends[0], ends[1], bits, weight=node.input[1]
-        )
+        yield OperatorNumbers(label(node), node.output[0], scale, offset, ends[0], ends[1], bits, weight=node.input[1])
 
 
 def _largest_sum(node: onnx.NodeProto, weight: Array) -> float:
