@@ -20,6 +20,14 @@ from onnxgraft.abstract_transformation import AbstractTransformation
 from onnxgraft.engine.all_or_nothing import all_or_nothing
 
 
+@pytest.fixture(autouse=True)
+def ctrl_c_interrupts() -> Iterator[None]:
+    """A shell starts background jobs with SIGINT ignored; the tests run in those as well."""
+    before = signal.signal(signal.SIGINT, signal.default_int_handler)
+    yield
+    signal.signal(signal.SIGINT, before)
+
+
 @contextmanager
 def interrupted_after(seconds: float) -> Iterator[None]:
     """Of this process's own time, so that it comes at the same place on a busy machine."""
