@@ -7,6 +7,7 @@ an operator that its transformation would take and that is float nevertheless wa
 
 from __future__ import annotations
 
+import functools
 from collections.abc import Iterator, Mapping, Sequence
 from dataclasses import dataclass, field
 from itertools import chain
@@ -18,13 +19,13 @@ from onnxgraft.accounting.choice import Choice
 from onnxgraft.accounting.costs import ShapeOf, multiply_adds
 from onnxgraft.accounting.quantizers import given_weights, quantized_by
 from onnxgraft.catalogue import Transformation
-from onnxgraft.graph.bodies import bodies
-from onnxgraft.graph.surroundings import Surroundings
+from onnxgraft.graph.bodies import bodies, can_hold_bodies
 from onnxgraft.report.account_records import Account, FloatOperator, OperatorCount
 
 # Operators that are counted; an LSTM and its like are listed if they stay in float, which they always do.
 _COUNTED = ("Conv", "ConvTranspose", "Gemm", "MatMul")
 _RECURRENT = ("LSTM", "GRU", "RNN")
+_LISTED = frozenset((*_COUNTED, *_RECURRENT))
 _STANDARD = ("", "ai.onnx")
 _FLOATS = (TensorProto.FLOAT, TensorProto.FLOAT16, TensorProto.DOUBLE, TensorProto.BFLOAT16)
 _ELEMENT_BYTES: Mapping[int, int] = {
@@ -74,18 +75,20 @@ def account_of(
         functions: Those of the model.
     """
     account = Account()
-    around = Surroundings(graph)
-    reasons = _Reasons(around, facts)
-    for node in around.nodes:
-        if node.op_type in _COUNTED and node.domain in _STANDARD:
-            _count(account, node, around.initializers, shape_of, reasons)
-        elif node.op_type in (*_COUNTED, *_RECURRENT):
-            account.left.append(_left(node, "", *reasons.foreign(node), None))
-        for inner, place in _inner(node):
+    initializers = {tensor.name: tensor for tensor in graph.initializer}
+    reasons = _Reasons(graph, initializers, facts)
+    for node in graph.node:
+        op = node.op_type
+        if op in _LISTED:
+            if op in _COUNTED and node.domain in _STANDARD:
+                _count(account, node, initializers, shape_of, reasons)
+            else:
+                account.left.append(_left(node, "", *reasons.foreign(node), None))
+        for inner, place in _inner(node) if can_hold_bodies(op, node.domain) else ():
             account.left.append(_left(inner, place, "nested_body", f"is in {place}, which no pattern looks into", None))
     for function in functions:
         for node in function.node:
-            if node.op_type in (*_COUNTED, *_RECURRENT):
+            if node.op_type in _LISTED:
                 place = f"function '{function.name}'"
                 account.left.append(_left(node, place, "function", f"is in {place}, which no pattern looks into", None))
     return account
@@ -133,7 +136,7 @@ def _inner(node: NodeProto) -> Iterator[tuple[NodeProto, str]]:
     while todo:
         body, place = todo.pop()
         for inner in body.node:
-            if inner.op_type in (*_COUNTED, *_RECURRENT):
+            if inner.op_type in _LISTED:
                 yield inner, place
             todo += [(deeper, place) for deeper in bodies(inner)]
 
@@ -145,9 +148,15 @@ def _label(node: NodeProto) -> str:
 class _Reasons:
     """Why an operator of the graph itself is in float: identifier and words."""
 
-    def __init__(self, around: Surroundings, facts: RunFacts | None) -> None:
-        self._around = around
+    def __init__(self, graph: GraphProto, constants: Mapping[str, TensorProto], facts: RunFacts | None) -> None:
+        self._graph = graph
+        self._constants = constants
         self._facts = facts
+
+    @functools.cached_property
+    def _writers(self) -> Mapping[str, NodeProto]:
+        """Who writes each tensor, the first one counts; wanted only for weights that are computed."""
+        return {name: node for node in reversed(self._graph.node) for name in reversed(node.output)}
 
     def foreign(self, node: NodeProto) -> tuple[str, str]:
         if node.domain not in _STANDARD:
@@ -179,7 +188,7 @@ class _Reasons:
             yield "turned_back", f"'{facts.turned_back[node.op_type]}' made it float again"
 
     def _operands(self, node: NodeProto) -> Iterator[tuple[str, str]]:
-        constants = self._around.initializers
+        constants = self._constants
         inputs = list(node.input)
         while inputs and not inputs[-1]:
             inputs.pop()
@@ -206,7 +215,7 @@ class _Reasons:
     def _source(self, tensor: str) -> str:
         if not tensor:
             return "is left out"
-        writer = self._around.writer.get(tensor)
+        writer = self._writers.get(tensor)
         if writer is not None:
             return f"'{tensor}' is written by {_label(writer)}"
         return f"'{tensor}' is an input of the graph"

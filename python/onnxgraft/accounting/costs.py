@@ -2,11 +2,12 @@
 
 from __future__ import annotations
 
+import functools
 import math
 from collections.abc import Callable, Mapping, Sequence
 from itertools import chain
 
-from onnx import GraphProto, NodeProto
+from onnx import GraphProto, NodeProto, TypeProto
 
 Shape = Sequence[int | None] | None
 ShapeOf = Callable[[str], Shape]
@@ -14,14 +15,24 @@ ShapeOf = Callable[[str], Shape]
 
 def declared_shapes(graph: GraphProto) -> ShapeOf:
     """The shapes that a graph declares. A symbolic first axis counts as 1: what follows is for one sample."""
-    found: dict[str, Shape] = {}
-    for value in chain(graph.value_info, graph.output, graph.input):
-        tensor = value.type.tensor_type
-        if tensor.HasField("shape"):
-            sizes = [size.dim_value if size.HasField("dim_value") else None for size in tensor.shape.dim]
-            found[value.name] = [1, *sizes[1:]] if sizes and sizes[0] is None else sizes
-    found.update((tensor.name, list(tensor.dims)) for tensor in graph.initializer)
-    return found.get
+    declared = chain(graph.value_info, graph.output, graph.input)
+    values = {value.name: value for value in declared if value.type.tensor_type.HasField("shape")}
+    tensors = {tensor.name: tensor for tensor in graph.initializer}
+
+    def shape_of(name: str) -> Shape:
+        if name in tensors:
+            return tensors[name].dims[:]
+        return _sizes(values[name].type.SerializeToString()) if name in values else None
+
+    return shape_of
+
+
+@functools.lru_cache(maxsize=1024)
+def _sizes(content: bytes) -> Shape:
+    """Of a serialized type; few types are those of many tensors."""
+    dims = TypeProto.FromString(content).tensor_type.shape.dim
+    sizes = [size.dim_value if size.HasField("dim_value") else None for size in dims]
+    return [1, *sizes[1:]] if sizes and sizes[0] is None else sizes
 
 
 def multiply_adds(node: NodeProto, shape_of: ShapeOf) -> int | None:

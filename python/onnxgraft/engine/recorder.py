@@ -206,8 +206,11 @@ class Recorder:
         tensors = list(links.values())
         if around := current.around:
             indices = around.neighbours(tensors, {index for _, index in placed})
-            neighbours = tuple([NodeText.of(around.nodes[index], index) for index in indices])
-            tensors += [name for node in neighbours for name in (*node.inputs, *node.outputs)]
+            nodes = [around.nodes[index] for index in indices]
+            neighbours = tuple(map(NodeText.of, nodes, indices))
+            for node in nodes:
+                tensors += node.input
+                tensors += node.output
         return Occurrence.of(
             accepted=accepted,
             reason=reason or None,

@@ -10,7 +10,7 @@ from collections.abc import Iterable
 
 import onnx
 
-from onnxgraft.report.node_texts import TensorKind, value_text
+from onnxgraft.report.node_texts import TensorKind
 
 
 class Shapes:
@@ -41,5 +41,5 @@ class Shapes:
             if name in tensors:
                 found[name] = (tensors[name].data_type, tensors[name].dims[:])
             elif name in values:
-                found[name] = value_text(values[name])
+                found[name] = values[name].type.SerializeToString()
         return found

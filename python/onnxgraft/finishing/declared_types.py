@@ -31,18 +31,24 @@ class DeclareTypes:
         """Adds, corrects and removes entries."""
         graph = step.graph
         types = step.tensor_types()
+        quantized = types.quantized
         entries = {value.name: value for value in graph.value_info}
         known = {value.name for values in (graph.input, graph.output) for value in values}
         known.update(tensor.name for tensor in graph.initializer)
+        # What is declared already, and what the caller left undeclared, is looked at only if it is quantized now.
+        settled = known | self._undeclared | entries.keys()
         for name in (name for node in graph.node for name in node.output):
+            if name not in quantized and name in settled:
+                continue
             kind = types.get(name)
             if kind is None or name in known:
                 continue
             known.add(name)
             if name in entries:
-                if types.is_quantized(name):
-                    entries[name].type.tensor_type.elem_type = kind.element_type
-            elif kind.dims is not None and (types.is_quantized(name) or name not in self._undeclared):
+                entries[name].type.tensor_type.elem_type = kind.element_type
+            elif kind.dims is not None:
                 graph.value_info.append(kind.declare(name))
-        stale = self._initializers & entries.keys() - known
-        remove_at(graph.value_info, [index for index, value in enumerate(graph.value_info) if value.name in stale])
+        stale = self._initializers & (entries.keys() - known)
+        if stale:
+            stale -= {name for node in graph.node for name in node.output if types.get(name) is not None}
+            remove_at(graph.value_info, [index for index, value in enumerate(graph.value_info) if value.name in stale])

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import math
 from collections.abc import Iterator
-from typing import Any
+from typing import Any, NamedTuple
 
 import numpy as np
 import numpy.typing as npt
@@ -31,31 +31,48 @@ def operator_numbers(host: Host) -> Iterator[OperatorNumbers]:
 
     where m is 128, or 128 + |offset| for a `Conv` that subtracts the offset of its own quantize node.
     """
-    quantized = quantized_values.find(host.graph, host.opsets).tensors
     tensors = {tensor.name: tensor for tensor in reversed(host.graph.initializer)}
+    if not any(tensor.data_type == TensorProto.INT8 for tensor in tensors.values()):
+        return
+    quantized = quantized_values.find(host.graph, host.opsets).tensors
     work = host.workpiece()
-    quantizers: dict[str, onnx.NodeProto] = {}  # quantized tensor -> the node that it comes from
+    quantizers: dict[str, _Quantizer] = {}  # quantized tensor -> the node that it comes from
     for node in host.graph.node:
-        if not node.output:
+        op, outputs = node.op_type, node.output[:1]
+        if not outputs:
             continue
-        sources = [name for name in node.input if name in quantizers]
-        if node.op_type == "TesselQuant":
-            quantizers[node.output[0]] = node
-        elif sources and node.output[0] in quantized:
-            quantizers[node.output[0]] = quantizers[sources[0]]
-        weight = tensors.get(node.input[1]) if len(node.input) > 1 else None
-        is_integer = weight is not None and weight.data_type == TensorProto.INT8 and sources
-        if weight is None or not is_integer or node.op_type not in quantized_values.INTEGER_OPERATORS:
+        inputs = node.input[:]
+        sources = [name for name in inputs if name in quantizers]
+        if op == "TesselQuant":
+            quantizers[outputs[0]] = _quantizer(node)
+        elif sources and outputs[0] in quantized:
+            quantizers[outputs[0]] = quantizers[sources[0]]
+        weight = tensors.get(inputs[1]) if sources and len(inputs) > 1 else None
+        if weight is None or weight.data_type != TensorProto.INT8 or op not in quantized_values.INTEGER_OPERATORS:
             continue
-        quantizer = quantizers[sources[0]]
-        scale, offset = quantize_parameter(quantizer, "scale", 1.0), quantize_parameter(quantizer, "offset", 0.0)
-        ends = sorted((step - offset) / scale for step in (_LOWEST, _HIGHEST)) if scale else [-math.inf, math.inf]
-        is_centred = node.op_type == "Conv" and quantizer.output[0] == node.input[0]
-        largest = -_LOWEST + (abs(offset) if is_centred else 0)
+        fed = quantizers[sources[0]]
+        is_centred = op == "Conv" and fed.output == inputs[0]
+        largest = -_LOWEST + (abs(fed.offset) if is_centred else 0)
         values = work.values(weight)
-        bias = work.values(tensors[node.input[2]]) if len(node.input) > 2 and node.input[2] in tensors else None
+        bias = work.values(tensors[inputs[2]]) if len(inputs) > 2 and inputs[2] in tensors else None
         bits = 0 if values is None else _bits(_largest_sum(node, values) * largest, bias)
-        yield OperatorNumbers(label(node), node.output[0], scale, offset, ends[0], ends[1], bits, weight=node.input[1])
+        yield OperatorNumbers(label(node), outputs[0], fed.scale, fed.offset, fed.low, fed.high, bits, weight=inputs[1])
+
+
+class _Quantizer(NamedTuple):
+    """What a quantize node writes, its numbers, and the values that it does not cut off."""
+
+    output: str
+    scale: float
+    offset: float
+    low: float
+    high: float
+
+
+def _quantizer(node: onnx.NodeProto) -> _Quantizer:
+    scale, offset = quantize_parameter(node, "scale", 1.0), quantize_parameter(node, "offset", 0.0)
+    ends = sorted((step - offset) / scale for step in (_LOWEST, _HIGHEST)) if scale else [-math.inf, math.inf]
+    return _Quantizer(node.output[0], scale, offset, ends[0], ends[1])
 
 
 def _largest_sum(node: onnx.NodeProto, weight: Array) -> float:
@@ -73,8 +90,9 @@ def _largest_sum(node: onnx.NodeProto, weight: Array) -> float:
         matrix = weight if is_turned else np.swapaxes(weight, -1, -2)
         rows = matrix.reshape(-1, matrix.shape[-1])
     step = max(1, _BLOCK // max(1, rows.shape[1]))
-    blocks = (rows[start : start + step].astype(np.int32) for start in range(0, len(rows), step))
-    return float(max((np.abs(block).sum(axis=1, dtype=np.int64).max(initial=0) for block in blocks), default=0))
+    blocks = (rows[start : start + step] for start in range(0, len(rows), step))
+    # |-128| is 128 as a byte without sign.
+    return float(max(np.abs(block).view(np.uint8).sum(axis=1, dtype=np.int64).max() for block in blocks))
 
 
 def _bits(largest: float, bias: Array | None) -> int:

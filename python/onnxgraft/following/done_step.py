@@ -16,7 +16,7 @@ from onnxgraft.catalogue import Transformation, rows
 from onnxgraft.errors import HostError
 from onnxgraft.io.weight_store import WeightStore
 from onnxgraft.preparation.workpiece import Workpiece
-from onnxgraft.tensor_types import TensorTypes
+from onnxgraft.tensor_types import Inferred, TensorTypes
 
 
 class UndoStepError(HostError):
@@ -57,6 +57,7 @@ class Host:
     model: onnx.ModelProto | None = None
     folder: str | os.PathLike[str] | None = None
     store: WeightStore | None = None
+    _inferred: Inferred = field(default_factory=dict, init=False, repr=False, compare=False)
 
     def workpiece(self) -> Workpiece:
         """Look-ups and edits: constants and their values, fresh names, new initializers through the weight store."""
@@ -64,7 +65,7 @@ class Host:
 
     def tensor_types(self) -> TensorTypes:
         """Element types and shapes of the graph as it is now, including tensors without a declaration."""
-        return TensorTypes(self.graph, self.opsets, self._at_hand)
+        return TensorTypes(self.graph, self.opsets, self._at_hand, self._inferred)
 
     def _at_hand(self, tensor: onnx.TensorProto) -> onnx.TensorProto | None:
         if not uses_external_data(tensor):

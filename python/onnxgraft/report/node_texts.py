@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import functools
 import math
 from collections.abc import Callable, Iterable, Sequence
 from typing import Any, TypeAlias
@@ -11,8 +12,8 @@ from onnx import numpy_helper
 
 # A node apart from its graph: its bytes, or its fields.
 Kept: TypeAlias = bytes | dict[str, Any]
-# Element type and dimensions, or a text already.
-TensorKind: TypeAlias = tuple[int, Sequence[int]] | str
+# Element type and dimensions, or the bytes of a declared type.
+TensorKind: TypeAlias = tuple[int, Sequence[int]] | bytes
 
 _KINDS = onnx.AttributeProto
 # Larger tensors are told by type and shape alone; longer texts are cut.
@@ -58,15 +59,22 @@ def tensor_text(tensor: onnx.TensorProto) -> str:
 
 
 def shape_text(kind: TensorKind) -> str:
-    """The same from type and dimensions; what is a text already stays."""
-    return kind if isinstance(kind, str) else type_name(kind[0]) + str(kind[1]).replace(" ", "")
+    """The same from type and dimensions, or from the bytes of a declared type."""
+    return type_text(kind) if isinstance(kind, bytes) else type_name(kind[0]) + str(kind[1]).replace(" ", "")
 
 
 def value_text(value: onnx.ValueInfoProto) -> str:
     """Type and shape as declared, such as "float32[N,64,?]"; without brackets if the rank is unknown."""
-    kind = value.type.tensor_type
-    if not value.type.HasField("tensor_type"):
-        return value.type.WhichOneof("value") or "unknown"
+    return type_text(value.type.SerializeToString())
+
+
+@functools.lru_cache(maxsize=1024)
+def type_text(content: bytes) -> str:
+    """The same from the bytes of a type."""
+    type_ = onnx.TypeProto.FromString(content)
+    kind = type_.tensor_type
+    if not type_.HasField("tensor_type"):
+        return type_.WhichOneof("value") or "unknown"
     if not kind.HasField("shape"):
         return type_name(kind.elem_type)
     sizes = (str(size.dim_value) if size.HasField("dim_value") else size.dim_param or "?" for size in kind.shape.dim)

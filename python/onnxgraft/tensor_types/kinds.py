@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import functools
 from dataclasses import dataclass
 
 import onnx
@@ -23,12 +24,7 @@ class Kind:
     @classmethod
     def of(cls, type_: TypeProto) -> Kind | None:
         """The kind that a declaration states; None if it is not that of a tensor, or states no element type."""
-        tensor = type_.tensor_type
-        if not type_.HasField("tensor_type") or not tensor.elem_type:
-            return None
-        if not tensor.HasField("shape"):
-            return cls(tensor.elem_type)
-        return cls(tensor.elem_type, tuple(map(_size, tensor.shape.dim)))
+        return _read(type_.SerializeToString())
 
     @property
     def channels(self) -> int | None:
@@ -39,12 +35,30 @@ class Kind:
 
     def declare(self, name: str) -> ValueInfoProto:
         """The entry of a tensor of this kind."""
-        return onnx.helper.make_tensor_value_info(name, self.element_type, self.sizes)
+        return ValueInfoProto(name=name, type=_type(self))
 
     @property
     def sizes(self) -> list[int | str | None] | None:
         """The dims in the form of onnx's helpers."""
         return None if self.dims is None else [None if size == "" else size for size in self.dims]
+
+
+@functools.lru_cache(maxsize=1024)
+def _read(content: bytes) -> Kind | None:
+    type_ = TypeProto.FromString(content)
+    tensor = type_.tensor_type
+    if not type_.HasField("tensor_type") or not tensor.elem_type:
+        return None
+    if not tensor.HasField("shape"):
+        return Kind(tensor.elem_type)
+    return Kind(tensor.elem_type, tuple(map(_size, tensor.shape.dim)))
+
+
+@functools.lru_cache(maxsize=1024)
+def _type(kind: Kind) -> TypeProto:
+    """The type of a declaration, to be copied; a graph has few different ones."""
+    made: TypeProto = onnx.helper.make_tensor_type_proto(kind.element_type, kind.sizes)
+    return made
 
 
 def _size(size: onnx.TensorShapeProto.Dimension) -> int | str:
