@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import logging
+from collections.abc import Mapping
 from typing import Any
 
 import numpy as np
@@ -16,7 +17,7 @@ from onnxgraft.transform_utilities import external_data_folder, get_init
 Array = NDArray[Any]
 
 # Element types that are stored as NumPy has them, which are those of nearly all weights.
-_PLAIN = {
+_PLAIN: Mapping[int, np.dtype[Any]] = {
     TensorProto.FLOAT: np.dtype("<f4"),
     TensorProto.INT8: np.dtype("<i1"),
     TensorProto.INT32: np.dtype("<i4"),
