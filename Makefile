@@ -22,7 +22,7 @@ MODULES := $(addprefix onnxgraft.,abstract_transformation transform_utilities qu
 
 .DELETE_ON_ERROR:
 .DEFAULT_GOAL := help
-.PHONY: help build demo test sanitize fuzz matrix lint tidy format bench bench-docs accuracy docs networks docs-check wheel sdist clean
+.PHONY: help build demo test sanitize fuzz matrix lint tidy format bench bench-docs accuracy docs site networks docs-check wheel sdist clean
 
 help: ## List the commands
 	@awk -F ':.*## ' '/^[a-z]+:.*## / {printf "  make %-8s %s\n", $$1, $$2}' Makefile
@@ -138,6 +138,15 @@ docs: .venv/installed ## Regenerate the pictures, tables and reference pages of 
 	@$(BIN)/python -m tools.api_reference
 	@$(BIN)/python -m tools.command_reference
 	@$(BIN)/python -m tools.json_reference
+
+site: build/site-venv/installed ## Build the documentation as a site that works offline (build/site/index.html)
+	@build/site-venv/bin/python -m tools.site
+
+build/site-venv/installed: requirements/docs.txt .venv/tools
+	@echo "Installing the site generator"
+	@$(BIN)/python -m venv build/site-venv
+	@build/site-venv/bin/python -m pip --disable-pip-version-check install --quiet --no-input -r $<
+	@touch $@
 
 TORCH ?= torch==2.13.0
 networks: .venv/installed build/networks/venv/installed ## Export networks of nine families (build/networks/) and count on them (TORCH=a wheel)
