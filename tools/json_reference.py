@@ -33,9 +33,8 @@ INTRODUCTION = """# JSON output
 What commands print with `--json`, and what `apply --report R.json` writes. `make docs` generates this page from the
 classes whose values are printed; a test compares it with the real output of every command.
 
-JSON lacks infinity and NaN: such a number is printed as `null`. Fields are only ever added within a release series, so
-a reader must ignore fields that it does not know. A file of a report has a `schema_version`, which rises when
-a field changes its meaning.
+JSON lacks infinity and NaN: such a number is printed as `null`. A release can add fields, so a reader should ignore
+fields that it does not know. A report file has a `schema_version`, which rises when old readers would misread it.
 """
 
 
