@@ -20,12 +20,9 @@ from onnxgraft.accounting.costs import ShapeOf, multiply_adds
 from onnxgraft.accounting.quantizers import given_weights, quantized_by
 from onnxgraft.catalogue import Transformation
 from onnxgraft.graph.bodies import bodies, can_hold_bodies
-from onnxgraft.report.account_records import Account, FloatOperator, OperatorCount
+from onnxgraft.report.account_records import COUNTED, RECURRENT, Account, FloatOperator, OperatorCount
 
-# Operators that are counted; an LSTM and its like are listed if they stay in float, which they always do.
-_COUNTED = ("Conv", "ConvTranspose", "Gemm", "MatMul")
-_RECURRENT = ("LSTM", "GRU", "RNN")
-_LISTED = frozenset((*_COUNTED, *_RECURRENT))
+_LISTED = frozenset((*COUNTED, *RECURRENT))
 _STANDARD = ("", "ai.onnx")
 _FLOATS = (TensorProto.FLOAT, TensorProto.FLOAT16, TensorProto.DOUBLE, TensorProto.BFLOAT16)
 _ELEMENT_BYTES: Mapping[int, int] = {
@@ -80,7 +77,7 @@ def account_of(
     for node in graph.node:
         op = node.op_type
         if op in _LISTED:
-            if op in _COUNTED and node.domain in _STANDARD:
+            if op in COUNTED and node.domain in _STANDARD:
                 _count(account, node, initializers, shape_of, reasons)
             else:
                 account.left.append(_left(node, "", *reasons.foreign(node), None))

@@ -7,6 +7,7 @@ from collections.abc import Iterator, Sequence
 from onnxgraft.comparison.result import GraphDiff, Region, RegionSide, ValueChange
 from onnxgraft.comparison.summary import headline, kinds
 from onnxgraft.drawing.node_cards import State
+from onnxgraft.report.network_map import NetworkMap, card_id, map_link
 from onnxgraft.report.page import page, table, text
 from onnxgraft.report.pictures import LEGEND, NodeKey, figure, key, listing
 
@@ -30,8 +31,29 @@ def diff_page(diff: GraphDiff, *, most: int = MOST_CARDS) -> str:
     parts.append(LEGEND)
     if len(regions) > most:
         parts.append(f'<p class="left-out">The first {most} of {len(regions)} regions are shown below.</p>')
-    cards = [_card(number, region) for number, region in enumerate(regions[:most], 1)]
-    return page("Difference of two models", _facts(diff), "\n".join(filter(None, parts)), "regions", [], cards)
+    places, picture = _map(diff, regions[:most])
+    cards = [
+        _card(number, region, place)
+        for number, (region, place) in enumerate(zip(regions[:most], places, strict=True), 1)
+    ]
+    content = "\n".join(filter(None, parts))
+    return page("Difference of two models", _facts(diff), content, "regions", [], cards, picture=picture)
+
+
+def _map(diff: GraphDiff, regions: Sequence[Region]) -> tuple[list[str | None], str]:
+    """For each card the id of its first node on the map; and the map, whose nodes lead to the cards."""
+    places: list[str | None] = [None] * len(regions)
+    if diff.change is None:
+        return places, ""
+    network = diff.change.network
+    drawn = NetworkMap(network)
+    targets: dict[int, str] = {}
+    for number, region in enumerate(regions):
+        nodes = [network.of_before[node.index] for node in region.removed if node.index is not None]
+        nodes += [network.of_after[node.index] for node in region.after.nodes if node.index is not None]
+        targets.update(dict.fromkeys(nodes, card_id(number + 1)))
+        places[number] = drawn.anchor(min(nodes)) if nodes else None
+    return places, drawn.html(targets)
 
 
 def _facts(diff: GraphDiff) -> list[str]:
@@ -78,7 +100,7 @@ def _values(title: str, values: Sequence[ValueChange]) -> Iterator[str]:
     )
 
 
-def _card(number: int, region: Region) -> str:
+def _card(number: int, region: Region, on_map: str | None) -> str:
     changed = tuple(change.after for change in region.changes)
     nodes = changed or region.removed or region.added
     place = nodes[0].name or next(iter(nodes[0].outputs), "")
@@ -89,8 +111,8 @@ def _card(number: int, region: Region) -> str:
     sides = [("before", region.before.nodes), ("after", region.after.nodes)]
     return "\n".join(
         [
-            '<article data-kind="region" tabindex="-1">',
-            f'<h3><span class="badge region">{number}</span>at <code>{text(place)}</code></h3>',
+            f'<article id="{card_id(number)}" data-kind="region" tabindex="-1">',
+            f'<h3><span class="badge region">{number}</span>at <code>{text(place)}</code>{map_link(on_map)}</h3>',
             f'<p class="what">{text(headline(region))}</p>',
             what,
             '<div class="pair">',

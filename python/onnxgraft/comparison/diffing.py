@@ -16,6 +16,7 @@ from onnxgraft.comparison.result import GraphDiff, NodeChange, Region, RegionSid
 from onnxgraft.graph.name_check import check_texts
 from onnxgraft.graph.surroundings import Surroundings
 from onnxgraft.io.given import folder_of, opened_model
+from onnxgraft.report.network import GraphChange, node_lines
 from onnxgraft.report.node_texts import attribute_text, value_text
 from onnxgraft.report.records import NodeText
 
@@ -68,6 +69,7 @@ def diff(
         inputs=_values(before.graph.input, after.graph.input),
         outputs=_values(before.graph.output, after.graph.output),
         model=_headers(before, after) + _constant_nodes(sides),
+        change=_graph_change(sides, matching, changes),
     )
     tell = [_SideTeller(side) for side in sides]
     for old, new in regions:
@@ -194,6 +196,20 @@ def _pair_by_operator(
         if len(first) == len(second):
             for pair in zip(first, second, strict=True):
                 matching.pair_up(*pair)
+
+
+def _graph_change(sides: tuple[Outline, Outline], matching: NodeMatching, changes: Container[int]) -> GraphChange:
+    """The nodes of both. `Constant` nodes, which the matching leaves out, are paired by the tensor that they write."""
+    before, after = sides
+    written = {before.nodes[index].output[0]: index for index in before.constant_nodes}
+    back = {new: old for old, new in _renamed_constants(sides, matching).items()}
+    partner = {second: first for first, second in matching.pairs.items()}
+    for index in after.constant_nodes:
+        name = after.nodes[index].output[0]
+        if (other := written.get(back.get(name, name))) is not None:
+            partner[index] = other
+    changed = frozenset(second for second, first in partner.items() if first in changes)
+    return GraphChange(node_lines(before.graph), node_lines(after.graph), partner, changed)
 
 
 def _constant_nodes(sides: tuple[Outline, Outline]) -> list[str]:

@@ -5,7 +5,9 @@ from __future__ import annotations
 import html
 from dataclasses import dataclass, field
 
+from onnxgraft.report.network import GraphChange
 from onnxgraft.report.records import NodeText
+from onnxgraft.report.report_json import NOT_IN_JSON
 
 
 @dataclass(frozen=True)
@@ -73,6 +75,8 @@ class GraphDiff:
     inputs: list[ValueChange] = field(default_factory=list)
     outputs: list[ValueChange] = field(default_factory=list)
     model: list[str] = field(default_factory=list)  # operator sets, IR version, functions, `Constant` nodes
+    # All nodes of both models, for the map of the page; the JSON text does not have them.
+    change: GraphChange | None = field(default=None, compare=False, metadata={NOT_IN_JSON: True})
 
     @property
     def is_empty(self) -> bool:

@@ -25,7 +25,7 @@ from onnxgraft.following import Splice
 from onnxgraft.graph.surroundings import Surroundings
 from onnxgraft.io.weight_store import WeightStore
 from onnxgraft.report.node_texts import Kept, keep
-from onnxgraft.report.records import NodeText, Occurrence, PatternResult
+from onnxgraft.report.records import MOST_READERS, NodeText, Occurrence, PatternResult
 
 Details = Literal["counts", "nodes", "neighbours"]
 
@@ -205,7 +205,7 @@ class Recorder:
         neighbours: tuple[NodeText, ...] = ()
         tensors = list(links.values())
         if around := current.around:
-            indices = around.neighbours(tensors, {index for _, index in placed})
+            indices = around.neighbours(tensors, {index for _, index in placed}, MOST_READERS)
             nodes = [around.nodes[index] for index in indices]
             neighbours = tuple(map(NodeText.of, nodes, indices))
             for node in nodes:

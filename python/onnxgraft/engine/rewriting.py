@@ -26,6 +26,7 @@ from onnxgraft.following import Follower, Host
 from onnxgraft.graph.name_check import telling_bad_texts
 from onnxgraft.io.model_files import ModelOutput, load
 from onnxgraft.io.weight_store import WeightStore
+from onnxgraft.report.network import GraphChange, node_lines
 from onnxgraft.report.records import Report
 from onnxgraft.transform_utilities import external_data_folder
 
@@ -131,6 +132,7 @@ def rewrite(
         if prepare is not False:
             steps = prepare if not isinstance(prepare, bool) else None if recipe is None else recipe.prepare
             _prepare(model, steps, folder, report, progress, weight_store)
+        before = node_lines(graph) if details != "counts" else None
         functions = host.model.functions if host.model is not None else ()
         foreign = ForeignOperators(graph, functions)
         facts = RunFacts(choice=_choice(graph, recipe, exclude, only))
@@ -151,6 +153,8 @@ def rewrite(
             report.numbers = list(finishing.operator_numbers(host))
             if filler is not None:
                 report.numbers = [replace(one, saturated=filler.share_cut_off(one)) for one in report.numbers]
+        if before is not None:
+            report.change = GraphChange(before, node_lines(graph))
         report.account = account_of(graph, declared_shapes(graph), facts, functions)
     if filler is not None:
         report.filled = filler.result

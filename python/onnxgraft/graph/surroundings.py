@@ -4,6 +4,7 @@ from __future__ import annotations
 
 from collections.abc import Iterable
 from functools import cached_property
+from itertools import islice
 
 from onnx import GraphProto, NodeProto, TensorProto
 
@@ -65,11 +66,15 @@ class Surroundings:
         """Indices of the nodes that read the tensor, each once; nested bodies do not count."""
         return self._readers.get(tensor, [])
 
-    def neighbours(self, tensors: Iterable[str], besides: set[int]) -> list[int]:
-        """Indices of the nodes that write or read one of the tensors, in graph order, without those in `besides`."""
+    def neighbours(self, tensors: Iterable[str], besides: set[int], most: int) -> list[int]:
+        """Indices of the nodes that write or read one of the tensors, in graph order, without those in `besides`.
+
+        Of each tensor the first `most` readers: thousands of nodes may read one, and each of them may be asked about.
+        """
         found: set[int] = set()
         for name in tensors:
-            found.update(self._readers.get(name, ()))
+            others = (index for index in self._readers.get(name, ()) if index not in besides)
+            found.update(islice(others, most))
             if name in self._writers:
                 found.add(self._writers[name])
         return sorted(found - besides)

@@ -5,6 +5,10 @@ from __future__ import annotations
 from collections import Counter
 from dataclasses import dataclass, field
 
+# Operators that are counted; an LSTM and its like are listed if they stay in float, which they always do.
+COUNTED = ("Conv", "ConvTranspose", "Gemm", "MatMul")
+RECURRENT = ("LSTM", "GRU", "RNN")
+
 
 @dataclass(frozen=True)
 class FloatOperator:

@@ -46,6 +46,13 @@
       step(event.key === "j" ? 1 : -1);
     }
   });
+  // A link leads to a card that the search hides.
+  document.addEventListener("show-card", (event) => {
+    if (!event.detail.hidden) return;
+    field.value = "";
+    for (const box of boxes) box.checked = true;
+    update();
+  });
   field.addEventListener("input", update);
   for (const box of boxes) box.addEventListener("change", update);
   update();

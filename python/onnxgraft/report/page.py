@@ -26,6 +26,7 @@ _PAGE = Template("""<!DOCTYPE html>
 <body>
 <header><h1>$title</h1><p class="facts">$facts</p></header>
 <main>
+$picture
 $summary
 <section class="cards" aria-label="$kind">
 <div class="tools" role="search">
@@ -50,7 +51,14 @@ def _file(name: str) -> str:
 
 
 def page(
-    title: str, facts: Iterable[str], summary: str, kind: str, filters: Sequence[str], cards: Sequence[str]
+    title: str,
+    facts: Iterable[str],
+    summary: str,
+    kind: str,
+    filters: Sequence[str],
+    cards: Sequence[str],
+    *,
+    picture: str = "",
 ) -> str:
     """The page.
 
@@ -61,8 +69,9 @@ def page(
         kind: What the cards are, in the plural.
         filters: Kinds of cards, as in their `data-kind`, to choose from.
         cards: HTML, one `<article>` each.
+        picture: HTML of a map of the network, which opens the page.
     """
-    script = _file("page.js")
+    script = _file("page.js") + (_file("map.js") if picture else "")
     boxes = "".join(
         f'<label class="filter"><input type="checkbox" value="{text(name)}" checked> {text(name)}</label>'
         for name in (filters if len(filters) > 1 else ())
@@ -71,11 +80,12 @@ def page(
         digest=base64.b64encode(hashlib.sha256(script.encode()).digest()).decode(),
         title=text(title),
         facts=" · ".join(f"<span>{text(fact)}</span>" for fact in facts),
+        picture=picture,
         summary=summary,
         kind=text(kind),
         filters=boxes,
         cards="\n".join(cards) or '<p class="empty">Nothing to show.</p>',
-        style=_file("page.css"),
+        style=_file("page.css") + (_file("map.css") if picture else ""),
         script=script,
     )
 

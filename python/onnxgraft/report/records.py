@@ -16,8 +16,10 @@ from onnxgraft.report import report_json
 from onnxgraft.report.account_records import Account
 from onnxgraft.report.filled_records import FillingResult
 from onnxgraft.report.lazy import Lazy
+from onnxgraft.report.network import GraphChange
 from onnxgraft.report.node_texts import Kept, TensorKind, describe, keep, shape_text
 from onnxgraft.report.operator_numbers import OperatorNumbers
+from onnxgraft.report.report_json import NOT_IN_JSON
 from onnxgraft.texts import one_line
 
 if TYPE_CHECKING:
@@ -25,6 +27,8 @@ if TYPE_CHECKING:
 
 # Raised whenever a reader of the previous version would misread the JSON text.
 SCHEMA_VERSION = 2
+# Of each tensor of an occurrence, among its neighbours: thousands of nodes may read one tensor.
+MOST_READERS = 12
 
 
 @dataclass(frozen=True)
@@ -65,7 +69,8 @@ class Occurrence(Lazy):
     before: tuple[NodeText, ...] = field(default_factory=tuple)  # the matched nodes, in the order of the pattern
     after: tuple[NodeText, ...] = field(default_factory=tuple)  # those in their place, in the replacement's order
     links: dict[str, str] = field(default_factory=dict)  # pattern id -> tensor
-    neighbours: tuple[NodeText, ...] = field(default_factory=tuple)  # producers and readers, if they were asked for
+    # Producers, and the first readers of each tensor (`MOST_READERS`), if they were asked for.
+    neighbours: tuple[NodeText, ...] = field(default_factory=tuple)
     shapes: dict[str, str] = field(default_factory=dict)  # tensor -> "float32[1,64,56,56]", where known
     done: bool = False  # refused because the operator is INT8 already: nothing is left to do there
 
@@ -185,6 +190,8 @@ class Report:
     account: Account | None = None  # which operators are INT8 now, and why the others are not
     filled: FillingResult | None = None  # with which numbers; None: those that the transformations draw
     numbers: list[OperatorNumbers] = field(default_factory=list)  # what quantized operators work with in the end
+    # The graph before and after, for the map of the page; the JSON text does not have it.
+    change: GraphChange | None = field(default=None, compare=False, metadata={NOT_IN_JSON: True})
 
     @property
     def replaced(self) -> int:

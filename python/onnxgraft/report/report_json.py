@@ -10,9 +10,13 @@ import functools
 import json
 import types
 import typing
+from collections.abc import Iterator
 from typing import Any, TypeVar
 
 from onnxgraft.errors import ReportError
+
+# In the metadata of a field: it is not written, and not expected when read.
+NOT_IN_JSON = "not_in_json"
 
 _Class = TypeVar("_Class")
 
@@ -20,7 +24,7 @@ _Class = TypeVar("_Class")
 def to_plain(value: Any) -> Any:
     """The value with dataclasses as dicts and tuples as lists."""
     if dataclasses.is_dataclass(value):
-        return {field.name: to_plain(getattr(value, field.name)) for field in dataclasses.fields(value)}
+        return {field.name: to_plain(getattr(value, field.name)) for field in _written(value)}
     if isinstance(value, dict):
         return {key: to_plain(element) for key, element in value.items()}
     if isinstance(value, list | tuple):
@@ -79,7 +83,11 @@ def _read_object(value: Any, cls: type[Any], place: str) -> Any:
 @functools.cache
 def _field_types(cls: type[Any]) -> dict[str, Any]:
     hints = typing.get_type_hints(cls)
-    return {field.name: hints[field.name] for field in dataclasses.fields(cls)}
+    return {field.name: hints[field.name] for field in _written(cls)}
+
+
+def _written(kind: Any) -> Iterator[dataclasses.Field[Any]]:
+    return (field for field in dataclasses.fields(kind) if NOT_IN_JSON not in field.metadata)
 
 
 def _expect(value: Any, kind: type[Any], place: str) -> None:

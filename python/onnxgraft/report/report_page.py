@@ -2,14 +2,17 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterator, Sequence
+from collections.abc import Iterator, Mapping, Sequence
 from dataclasses import dataclass
 
 from onnxgraft.drawing.node_cards import State
+from onnxgraft.report.account_page import account_section, row_id
+from onnxgraft.report.account_records import FloatOperator
+from onnxgraft.report.network_map import NetworkMap, NodeFinder, card_id, map_link
 from onnxgraft.report.page import page, table, text
 from onnxgraft.report.pictures import LEGEND, NodeKey, figure, key, listing
 from onnxgraft.report.records import NodeText, Occurrence, PatternResult, Report, Step
-from onnxgraft.report.report_table import remark
+from onnxgraft.report.report_table import refusals, remark
 
 MOST_CARDS = 300
 _KINDS = ("replaced", "refused")
@@ -33,18 +36,21 @@ def report_page(report: Report, *, most: int = MOST_CARDS) -> str:
         most: How many occurrences are shown; the page says how many are left out, of which transformation.
     """
     groups = _groups(report)
-    shares = fair_shares([len(group.entries) for group in groups], most)
-    cards: list[str] = []
-    linked: set[str] = set()
-    for group, share in zip(groups, shares, strict=True):
-        for entry in group.entries[:share]:
-            anchor = _anchor(group.step)
-            cards.append(_card(report, group, entry, "" if anchor in linked else anchor))
-            linked.add(anchor)
+    shares = _shares(groups, most)
+    shown = [(group, entry) for group, share in zip(groups, shares, strict=True) for entry in group.entries[:share]]
+    places = _Places(report, [entry for _, entry in shown])
+    cards = [
+        _card(report, group, entry, number, places.of_card[number]) for number, (group, entry) in enumerate(shown)
+    ]  # fmt: skip
+    linked: dict[str, str] = {}  # step -> its first card
+    for number, (group, _) in enumerate(shown):
+        linked.setdefault(_name(group.step), card_id(number))
     title = f"Rewriting of {report.model}" if report.model else "Rewriting"
     parts = [
         *_warnings(report),
+        account_section(report.account, places.of_operator),
         _summary(report, linked),
+        *_refused(report),
         _prepared(report),
         *_nothing(report),
         _numbers(report),
@@ -52,11 +58,62 @@ def report_page(report: Report, *, most: int = MOST_CARDS) -> str:
     ]
     parts += _left_out(groups, shares)
     kinds = [kind for kind in _KINDS if any(group.kind == kind for group in groups)]
-    return page(title, _facts(report), "\n".join(parts), "occurrences", kinds, cards)
+    content = "\n".join(filter(None, parts))
+    return page(title, _facts(report), content, "occurrences", kinds, cards, picture=places.picture())
+
+
+class _Places:
+    """Where cards and rows of the page are on the map, and where nodes of the map lead.
+
+    Attributes:
+        of_card: The id on the map of what each card is about; None if the map does not have it.
+    """
+
+    def __init__(self, report: Report, entries: Sequence[Occurrence]) -> None:
+        self.of_card: list[str | None] = [None] * len(entries)
+        self._map: NetworkMap | None = None
+        self._targets: dict[int, str] = {}
+        if report.change is None:
+            return
+        self._map = NetworkMap(report.change.network)
+        self._find = NodeFinder(report.change.network)
+        for number, entry in enumerate(entries):
+            main = None
+            for node in (*entry.after, *entry.before):
+                found = self._find(node.op_type, node.name, node.outputs)
+                if found is not None:
+                    self._targets.setdefault(found, card_id(number))
+                    main = found if main is None else main
+            if main is None:  # a later step took all of it away
+                around = (self._find(node.op_type, node.name, node.outputs) for node in entry.neighbours)
+                main = next((found for found in around if found is not None), None)
+                if main is not None:
+                    self._targets.setdefault(main, card_id(number))
+            self.of_card[number] = None if main is None else self._map.anchor(main)
+        for number, one in enumerate(report.account.left if report.account is not None else ()):
+            found = self._operator(one)
+            row = row_id(number)
+            if found is not None and row is not None:
+                self._targets.setdefault(found, row)
+
+    def of_operator(self, one: FloatOperator) -> tuple[str | None, str | None]:
+        """Where an operator in float is on the map, and its card."""
+        found = self._operator(one)
+        if found is None or self._map is None:
+            return None, None
+        target = self._targets.get(found, "")
+        return self._map.anchor(found), target if target.startswith("card") else None
+
+    def _operator(self, one: FloatOperator) -> int | None:
+        return None if one.place or self._map is None else self._find(one.op_type, one.name, (one.output,))
+
+    def picture(self) -> str:
+        """The map, or nothing if there is none."""
+        return "" if self._map is None else self._map.html(self._targets)
 
 
 def _groups(report: Report) -> list[_Group]:
-    """What is refused in every round is shown once."""
+    """What was replaced, then what was refused; what is refused in every round is shown once."""
     groups = []
     seen: set[object] = set()
     for step in report.steps:
@@ -71,7 +128,16 @@ def _groups(report: Report) -> list[_Group]:
                 if not entry.accepted:
                     seen.add(place)
             groups += [_Group(step, pattern, kind, found) for kind, found in entries.items() if found]
-    return groups
+    return sorted(groups, key=lambda group: _KINDS.index(group.kind))
+
+
+def _shares(groups: list[_Group], most: int) -> list[int]:
+    """How many of each group are shown: refusals take the room that replacements leave."""
+    shares: list[int] = []
+    for kind in _KINDS:
+        counts = [len(group.entries) for group in groups if group.kind == kind]
+        shares += fair_shares(counts, most - sum(shares))
+    return shares
 
 
 def _left_out(groups: list[_Group], shares: list[int]) -> Iterator[str]:
@@ -84,8 +150,8 @@ def _left_out(groups: list[_Group], shares: list[int]) -> Iterator[str]:
         total = sum(len(group.entries) for group in groups)
         rest = ", ".join(f"{count} of {name}" for name, count in missing.items())
         yield (
-            f'<p class="left-out">{sum(shares)} of {total} occurrences are shown below, the report as JSON has them '
-            f"all. Left out: {text(rest)}.</p>"
+            f'<p class="left-out">{sum(shares)} of {total} occurrences are shown below. Left out: {text(rest)}. '
+            "<code>--report-cards N</code> makes room for N; a report as JSON has them all.</p>"
         )
 
 
@@ -114,7 +180,14 @@ def _warnings(report: Report) -> Iterator[str]:
         )
 
 
-def _summary(report: Report, linked: set[str]) -> str:
+def _refused(report: Report) -> Iterator[str]:
+    """The reasons of all refusals, also of those that have no card."""
+    if lines := list(refusals(report)):
+        entries = "".join(f"<li>{text(line)}</li>" for line in lines)
+        yield f'<h2>Refused</h2><ul class="reasons">{entries}</ul>'
+
+
+def _summary(report: Report, linked: Mapping[str, str]) -> str:
     several = report.rounds > 1
     rows = []
     for step in report.steps:
@@ -122,8 +195,8 @@ def _summary(report: Report, linked: set[str]) -> str:
             continue
         counts = (step.found, step.replaced, step.refused, step.nodes_before, step.nodes_after)
         name = f"<code>{text(step.transformation)}</code>"
-        if _anchor(step) in linked:
-            name = f'<a href="#{_anchor(step)}">{name}</a>'
+        if card := linked.get(_name(step)):
+            name = f'<a href="#{card}">{name}</a>'
         rows.append(
             (
                 name,
@@ -186,19 +259,19 @@ def _nothing(report: Report) -> Iterator[str]:
     yield f"<h2>Nothing found</h2><details><summary>{number}: what came closest</summary>{content}</details>"
 
 
-def _anchor(step: Step) -> str:
-    return text(f"{step.transformation}-{step.round}")
+def _name(step: Step) -> str:
+    return f"{step.transformation}-{step.round}"
 
 
-def _card(report: Report, group: _Group, entry: Occurrence, anchor: str) -> str:
+def _card(report: Report, group: _Group, entry: Occurrence, number: int, on_map: str | None) -> str:
     step, pattern, kind = group.step, group.pattern, group.kind
     nodes = entry.before or entry.after
     place = next((node.name or next(iter(node.outputs), "") for node in nodes), "")
     of_round = f", round {step.round}" if report.rounds > 1 else ""
     parts = [
-        f'<article id="{anchor}" data-kind="{kind}" tabindex="-1">'.replace(' id=""', ""),
+        f'<article id="{card_id(number)}" data-kind="{kind}" tabindex="-1">',
         f'<h3><span class="badge {kind}">{kind}</span>{text(step.transformation)}{of_round} at '
-        f"<code>{text(place)}</code></h3>",
+        f"<code>{text(place)}</code>{map_link(on_map)}</h3>",
         f'<p class="what"><code>{text("  ".join(pattern.pattern))}</code> ⇒ '
         f"<code>{text('  '.join(pattern.replacement)) or 'nothing'}</code></p>",
     ]

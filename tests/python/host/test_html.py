@@ -91,7 +91,7 @@ def test_large_reports_are_capped_and_say_so() -> None:
     page = report_page(report(count=500), most=300)
     assert page.count("<article") == 300
     assert "300 of 1000 occurrences are shown" in page
-    assert "350 of step_0 (replaced), 350 of step_1 (refused)" in page
+    assert "200 of step_0 (replaced), 500 of step_1 (refused)" in page
     assert fair_shares([500, 3, 500], 103) == [50, 3, 50]
 
 
