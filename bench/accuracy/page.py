@@ -27,45 +27,49 @@ _PEERS = {
 }
 _HEAD = """# Accuracy
 
-What do quantized networks answer? Four trained models that come inside other packages are quantized here with real
-numbers, and compared with themselves in float. `make accuracy` measures everything on this page anew; models,
-pictures and sounds are made or downloaded by it and are in `build/accuracy/` afterwards.
+How close do quantized networks come to float? This page quantizes four trained models, which are part of other
+packages, with real numbers, and compares each with its float version and with onnxruntime's own quantization. Read it
+to know what to expect from your network. `make accuracy` downloads or makes models, pictures and sounds in
+`build/accuracy/`, measures everything, and writes this page.
 
-- **Models**: text detector, recognizer and angle of rapidocr-onnxruntime {rapidocr}, and the voice detector of
-  silero-vad {silero}.
-- **Data**: pages of eight lines of text, drawn in eleven fonts, some blurred or turned, and made sounds like speech.
-  What the packages' own pipelines feed to the models was kept, in files or batches of six lines:
+- **Models**: text detector, text recognizer and angle classifier of rapidocr-onnxruntime {rapidocr}, and the
+  voice detector of silero-vad {silero}.
+- **Data**: pages of eight lines of text, drawn in eleven fonts, some blurred or rotated, and synthetic sounds like
+  speech. The samples are what the packages' own pipelines feed to the models, in files or in batches of six lines:
   {calibration} for calibration, and as many others for the test.
-- **Ours**: ranges by the least mean square error, in one column by their extremes. *Quantized* is `quant_conv`,
-  `quant_gemm` and `quant_matmul`; the *whole recipe* merges and moves quantize nodes after that ({count}
-  transformations). *Biases corrected* adds what `rewrite` does if it has samples to try on; *float* leaves those
-  operators float as well that hurt most, within a share of the multiply-adds. All of that is chosen on calibration
-  data. Results are lowered to standard operators that compute what integer hardware would, and run by onnxruntime.
+- **Ours**: ranges by the least mean square error; in one column by their extremes. *Quantized* is `quant_conv`,
+  `quant_gemm` and `quant_matmul`. The *whole recipe* then merges and moves quantize nodes ({count} transformations).
+  *Biases corrected* adds the correction that `rewrite` makes if it has samples. *Float* also leaves the operators that
+  hurt most in float, up to a share of the multiply-adds. All of that is chosen on calibration data. Results are
+  lowered to standard operators that compute what integer hardware computes, and onnxruntime runs them.
 - **onnxruntime**: `quantize_static` with pairs of QuantizeLinear and DequantizeLinear on the same data: {peers}.
-  The best counts.
+  The best result counts.
 """
 _DECIBELS = """
 ## Signal to noise
 
-In dB, over all test data and all elements of the output: 10 log10 (sum of squares / sum of squared errors). 6 dB are
-one bit.
+In dB, over all test data and all elements of the output: 10 log10 (sum of squares / sum of squared errors). Higher is
+better; 6 dB are one bit.
 
 """
 _PIPELINE = """
 ## Text before and after
 
-{pages} pages with {lines} lines go through the OCR package's own pipeline, with our lowered models in place of all
-three of its own. *Boxes* are lines that were found again where the float models find them, *equal* lines read exactly
-as in float, *but for spaces* those that are equal without their spaces, *characters* the share of float's characters
-that came out. *As drawn* are the lines that were read as they were drawn, spaces aside.
+{pages} pages with {lines} lines go through the OCR package's own pipeline, with our lowered models instead of its
+three float models.
+
+- *Boxes*: lines found where the float models find them.
+- *Equal*: lines read exactly as by the float models; *but for spaces*: the same, ignoring spaces.
+- *Characters*: the share of the float models' characters that were read.
+- *As drawn*: lines read as they were drawn, ignoring spaces.
 
 """
 _TIME = """
 ## Time and memory
 
-Seconds on the machine that wrote this page ({processors} processors, with other work beside). *Forward* runs the
-float model over the calibration data; *collecting* the ranges on the same data is one pass; both are seconds of the
-processor, the others by the clock. Memory is the peak of the whole process.
+Seconds on the machine that wrote this page ({processors} processors, with other work at the same time). *Forward* runs
+the float model over the calibration data. *Collecting* the ranges on the same data is one pass. Both are CPU time, the
+other columns are wall time. Memory is the peak of the whole process.
 
 """
 
@@ -87,9 +91,7 @@ def write(results: dict[str, Any]) -> None:
         pages = found["float"]["drawn"]
         text += _PIPELINE.format(pages=len(pages), lines=sum(map(len, pages))) + _table(_readings(found))
         if examples := list(_examples(found)):
-            text += "\nLines that ours, all INT8, reads otherwise than float, at most eight of them:\n\n" + _table(
-                examples
-            )
+            text += "\nUp to eight lines that ours, all INT8, reads differently from float:\n\n" + _table(examples)
     text += _TIME.format(processors=os.cpu_count()) + _table(_times(results))
     PAGE.write_text(text)
 
