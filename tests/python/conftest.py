@@ -8,7 +8,7 @@ from hypothesis import HealthCheck, settings
 
 from onnxgraft.catalogue import registry
 
-# The same examples in every run; `make fuzz` takes the other profile.
+# The same examples in every run; `make fuzz` uses the other profile.
 _COMMON = {"deadline": None, "database": None, "suppress_health_check": list(HealthCheck)}
 settings.register_profile("fixed", derandomize=True, max_examples=20, **_COMMON)  # type: ignore[arg-type]
 settings.register_profile("long", max_examples=3000, **_COMMON)  # type: ignore[arg-type]
@@ -31,6 +31,6 @@ def example_models(repository: Path) -> list[Path]:
 
 @pytest.fixture
 def own_registry(monkeypatch: pytest.MonkeyPatch) -> None:
-    """What the test registers is gone afterwards."""
+    """Removes the test's registrations afterwards."""
     registered = dict(registry._registry())
     monkeypatch.setattr(registry, "_registry", lambda: registered)

@@ -1,1 +1,1 @@
-"""Makers of test data."""
+"""Generators of test data."""

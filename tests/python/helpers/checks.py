@@ -1,4 +1,4 @@
-"""What must not come of a rewrite: a second writer of a tensor, a tensor that nothing provides any more."""
+"""Faults that a rewrite must not cause: a second writer of a tensor, a tensor that no longer exists."""
 
 from collections import Counter
 from collections.abc import Collection
@@ -15,12 +15,12 @@ def writers(graph: GraphProto) -> Counter[str]:
 
 
 def dangling(graph: GraphProto) -> set[str]:
-    """Names that are read, or handed out, and have no writer."""
+    """Names that are read or returned, and have no writer."""
     wanted = {value.name for value in graph.output}.union(*(reads(node) for node in graph.node))
     return wanted - sources(graph) - writers(graph).keys()
 
 
 def is_sound(graph: Any, given: Collection[str] = ()) -> bool:
-    """Every tensor has one writer, in front of its readers; new initializers are the callback's to make."""
+    """Every tensor has one writer, before its readers; the callback has to make the new initializers."""
     lost = {name for name in dangling(graph) if "_new" not in name}
     return lost <= set(given) and not problems(graph).keys() & {"writers", "order"}

@@ -1,4 +1,4 @@
-"""Every class with graphs around its patterns: many occurrences, some of them refused, some that make it raise."""
+"""Every class with graphs around its patterns: many occurrences; some are refused, some raise an error."""
 
 import inspect
 import random
@@ -34,9 +34,9 @@ def class_graph(name: str, seed: int) -> GraphProto:
 
 
 def apply(transformation: Any, graph: Any) -> int | Exception:
-    """What `apply` of an object or of the class of that name gives.
+    """The result of `apply` of an object or of the class of that name.
 
-    A number, or what it raises where initializers or attributes are not as it needs them.
+    A number, or the error if initializers or attributes are not as the class needs them.
     """
     np.random.seed(7)
     with np.errstate(all="ignore"):

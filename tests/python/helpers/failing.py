@@ -1,4 +1,4 @@
-"""Stand-ins for messages and lists that raise at their n-th use, whatever it is, before or after its effect."""
+"""Stand-ins for messages and lists that raise at their n-th use of any kind, before or after its effect."""
 
 from collections.abc import Callable, Iterator
 from typing import Any
@@ -7,7 +7,7 @@ from onnx import TensorProto
 
 
 class FaultError(Exception):
-    """What a use raises."""
+    """The error that a use raises."""
 
 
 class Uses:
@@ -47,14 +47,14 @@ class Uses:
 
 
 def _real(value: Any) -> Any:
-    """What stands behind a proxy, or behind those in a list."""
+    """The object behind a proxy, or the objects behind those in a list."""
     if isinstance(value, list | tuple):
         return [_real(element) for element in value]
     return value._value if isinstance(value, Proxy) else value
 
 
 def _counted(name: str) -> Any:
-    """A use of a list, counted and handed on."""
+    """A use of a list, counted and forwarded."""
 
     def method(self: Any, *arguments: Any) -> Any:
         return self._uses.wrap(self._uses.use(lambda: getattr(self._value, name)(*arguments)))
@@ -63,7 +63,7 @@ def _counted(name: str) -> Any:
 
 
 class Proxy:
-    """Hands every use on to the real thing."""
+    """Forwards every use to the real object."""
 
     __slots__ = ("_uses", "_value")
     _uses: Uses
@@ -75,7 +75,7 @@ class Proxy:
 
     def __getattr__(self, name: str) -> Any:
         value = self._uses.use(lambda: getattr(self._value, name))
-        # NumPy, which gets what is in a tensor, answers a failing list with an error of its own.
+        # NumPy reads tensor contents, and answers a failing list with an error of its own.
         return value if isinstance(self._value, TensorProto) else self._uses.wrap(value)
 
     def __setattr__(self, name: str, value: Any) -> None:

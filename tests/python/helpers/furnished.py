@@ -1,6 +1,6 @@
 """Random graphs whose initializers, attributes and shapes mean something to the callbacks.
 
-Most of it is as a quantized model has it; the rest is missing, doubled, of another type, length or rank, or symbolic.
+Most values are those of a quantized model; the rest is missing, doubled, symbolic, or of another type, length or rank.
 """
 
 import random
@@ -15,7 +15,7 @@ from helpers.occurrences import Array
 from onnxgraft.selfcheck.furnishing import Dimensions
 from onnxgraft.selfcheck.graph_builder import GraphBuilder
 
-# For each attribute the values that it may have, usual ones first and most often.
+# For each attribute its possible values, usual ones first and most often.
 ATTRIBUTES: dict[str, dict[str, tuple[Any, ...]]] = {
     "TesselQuant": {"scale": (0.5, 0.5005, 0.502, 1.0), "offset": (2.0, 0.0, 0.0, -0.7, 2.001, 3)},
     "Conv": {"group": (1, 1, 1, 1, 2), "pads": ([0, 0, 0, 0], [0, 0], [0, 0, 0, 1], [-1, 0, 0, 0])},
@@ -93,18 +93,18 @@ class _Furnisher:
 
 
 class _Builder(GraphBuilder):
-    """`tidy` is how much the occurrences keep apart: large patterns need that."""
+    """`tidy` is how separate the occurrences are: large patterns need that."""
 
     tidy = 0.0
 
     def _tensor(self) -> str:
         if self.products and self.rng.random() < 0.04:
-            return self._add("Mul", [self._input(), self._input()]).output[0]  # of nothing dequantized
+            return self._add("Mul", [self._input(), self._input()]).output[0]  # dequantizes nothing
         return self._input() if not self.products and self.rng.random() < self.tidy else super()._tensor()
 
 
 def furnished_graph(rng: random.Random, pattern: Sequence[str], *, products: bool = False) -> GraphProto:
-    """`products`: what comes from outside the pattern is mostly a `Mul` of something dequantized."""
+    """`products`: tensors from outside the pattern are mostly a `Mul` of something dequantized."""
     builder = _Builder(rng)
     builder.furnisher.sizes = Dimensions(rng.randint(1, 5), rng.choice((1, 1, 1, 1, 3)))
     builder.products = 0.97 if products else 0.0

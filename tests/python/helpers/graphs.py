@@ -1,6 +1,6 @@
-"""The self-test's random graphs, made strange: what is valid but rare, and what no exporter should write.
+"""The self-test's random graphs with anomalies: valid but rare ones, and some that no exporter should write.
 
-No graph has a cycle: a node reads only what was written in front of it, and the list is shuffled at the end.
+No graph has a cycle: a node reads only tensors written before it, and the list is shuffled at the end.
 """
 
 import random
@@ -57,7 +57,7 @@ class Strange:
         node.input[:], node.output[:] = inputs, outputs
 
     def _spoil_body(self, body: GraphProto, depth: int) -> None:
-        """The body hides an outer name that it reads, before or after; or it hands an outer tensor out."""
+        """The body hides an outer name that it reads, before or after; or it returns an outer tensor."""
         names = [name for node in body.node for name in (*node.input, *node.output)]
         hidden = self.rng.choice(names)
         how = self.rng.choice(("none", "none", "input", "initializer", "sparse", "node", "later"))

@@ -95,7 +95,7 @@ class ModelMaker:
         return helper.make_model(self.graph, opset_imports=opsets, ir_version=8)
 
     def _find_sizes(self) -> dict[str, int]:
-        """One size for all that must be equally large: what no `Resize` stands between."""
+        """One size for all tensors that must be equally large: those without a `Resize` between them."""
         group = {i: {i} for node in self.nodes for i in (*(link.id for link in node.inputs), node.output)}
         for node in self.nodes:
             if node.op != "Resize":

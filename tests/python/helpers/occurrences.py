@@ -17,7 +17,7 @@ def occurrence(
     tensors: Mapping[str, Array] | None = None,
     attributes: Mapping[int, Mapping[str, Any]] | None = None,
 ) -> GraphProto:
-    """Tensor "7" of the pattern is "t7" here; initializers hold what `tensors` says, else one zero."""
+    """Tensor "7" of the pattern is "t7" here; initializers have the values of `tensors`, or else one zero."""
     graph = GraphProto(name="occurrence")
     nodes = parse_pair(pattern, []).pattern
     written = {node.output for node in nodes}

@@ -9,7 +9,7 @@ from oracle.notation import Pair, parse_pair
 
 OPERATORS = ("Relu", "Add", "Concat", "TesselQuant", "Conv", "If")
 
-# Pairs that join what the pattern left apart: through other nodes of the graph they can close a cycle.
+# Pairs that join separate parts of the pattern: through other nodes of the graph they can close a cycle.
 JOINING = (
     (["Relu:0->1", "Add:2->3", "Mul:4->5"], ["#0:0,4->1", "#1", "#2"]),
     (["Relu:0->1", "Add:2->3", "Mul:4->5"], ["#0:0,4->1", "#1:2,0->3", "Concat:4->5"]),
@@ -60,7 +60,7 @@ def _inputs(rng: random.Random, pair: Pair, available: list[str], fresh: list[st
 
 
 def _random_replacement(rng: random.Random, pattern: list[str]) -> list[str] | None:
-    """One try; None where a kept node would be left without an input."""
+    """One try; None if a kept node would lose an input."""
     pair = parse_pair(pattern, [])
     share = rng.choice((0.0, 0.3, 0.6, 1.0))
     kept = {k for k in range(len(pattern)) if rng.random() < share}

@@ -19,7 +19,7 @@ def graph_of(
     outputs: Sequence[str] = (),
     tensors: Mapping[str, Array] | None = None,
 ) -> GraphProto:
-    """A graph of the nodes, named node_0, node_1 and so on; without shapes, inputs have none. All is float32."""
+    """A graph of the nodes, named node_0, node_1 and so on; inputs have no shapes unless given. All is float32."""
     graph = GraphProto(name="small")
     for number, line in enumerate(lines):
         left, right = line.split("->")

@@ -1,7 +1,7 @@
-"""What each transformation does to an occurrence, in plain NumPy and protobuf calls.
+"""The effect of each transformation on an occurrence, in plain NumPy and protobuf calls.
 
-A callback gets (graph, matched nodes, node mapping, links, names corrected in this `apply`) and says whether the
-occurrence is done.  Written for reading; nothing is shared, cached or clever.
+A callback gets (graph, matched nodes, node mapping, links, names corrected in this `apply`) and returns whether it
+accepts the occurrence. Written for reading; nothing is shared, cached or clever.
 """
 
 from collections.abc import Callable, Iterable

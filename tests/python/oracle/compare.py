@@ -1,8 +1,8 @@
 """Exact comparison of graphs in which only invented names may differ.
 
-Both graphs are brought to one form: invented names are numbered in the order in which the nodes mention them.
-Then the serialized bytes must be equal, so nothing is left out.  A name is invented if the graph before the
-pass held it nowhere.
+Both graphs are brought to one form: invented names are numbered in the order in which the nodes mention them. Then the
+serialized bytes must be equal, so nothing is left out. A name is invented if the graph before the pass did not contain
+it.
 """
 
 from collections.abc import Collection
@@ -60,7 +60,7 @@ def serialized(graph: GraphProto | NodeProto) -> bytes:
 
 
 def difference(expected: GraphProto, actual: GraphProto, known: Collection[str]) -> str | None:
-    """None if the graphs are equal but for invented names, else both of them as text."""
+    """None if the graphs are equal except for invented names, else both of them as text."""
     forms = [Renaming(graph, known).form for graph in (expected, actual)]
     if serialized(forms[0]) == serialized(forms[1]):
         return None

@@ -1,7 +1,7 @@
 """All assignments of a pattern to a graph, in lexicographic order, and the greedy choice among them.
 
-Brute force with pruning: pattern node 0 tries every graph node, then node 1, and so on; the conditions that
-need the whole assignment are looked at when it is complete.
+Brute force with pruning: pattern node 0 tries every graph node, then node 1, and so on. Conditions that need the whole
+assignment are checked when it is complete.
 """
 
 import itertools
@@ -32,7 +32,7 @@ def stripped(names: Iterable[str]) -> list[str]:
 
 
 class Table:
-    """What a graph looks like at the start of a pass."""
+    """The graph at the start of a pass."""
 
     def __init__(self, graph: GraphProto) -> None:
         self.nodes: list[NodeProto] = list(graph.node)
@@ -86,7 +86,7 @@ def _extend(table: Table, pair: Pair, nodes: tuple[int, ...], links: Links) -> I
 
 
 def _aliases_removed(pair: Pair, links: Links) -> bool:
-    """True if a second id stands for a tensor that a removed node writes."""
+    """True if a second id names a tensor that a removed node writes."""
     names = list(links.values())
     return any(names.count(links[n.output]) > 1 for k, n in enumerate(pair.pattern) if k not in pair.kept)
 
@@ -114,7 +114,7 @@ def _depends_on(tensor: str, reads_of: dict[str, set[str]]) -> set[str]:
 
 
 def _closes_cycle(table: Table, pair: Pair, found: Assignment) -> bool:
-    """True if a tensor gets to depend on an input of the occurrence that depends on the tensor itself."""
+    """True if a tensor would depend on an input of the occurrence that depends on the tensor itself."""
     links = {i: found.links.get(i, f"\0new {i}") for i in pair.ids}
     before = {links[n.output]: table.reads[found.nodes[k]] for k, n in enumerate(pair.pattern)}
     after: dict[str, set[str]] = {}
@@ -131,7 +131,7 @@ def _closes_cycle(table: Table, pair: Pair, found: Assignment) -> bool:
     fresh = {o: now[o] - _depends_on(o, before) for o in old_outputs}
     if not any(fresh.values()):
         return False
-    # The graph with the occurrence replaced by its summary: every old output reads what it now depends on.
+    # The graph with a summary instead of the occurrence: every old output reads what it now depends on.
     around = dict(now)
     for name, writer in table.first_writer.items():
         if writer not in found.nodes:
@@ -150,12 +150,12 @@ def all_assignments(table: Table, pair: Pair) -> list[Assignment]:
 
 
 def clash(pair: Pair, one: Assignment, other: Assignment) -> bool:
-    """True if one of them removes a node that the other takes part with."""
+    """True if one of them removes a node that the other uses."""
     return bool(one.removed(pair) & set(other.nodes) or other.removed(pair) & set(one.nodes))
 
 
 def choose(pair: Pair, candidates: Iterable[Assignment], taken: Iterable[Assignment]) -> list[Assignment]:
-    """The candidates, first come first served, that clash neither with `taken` nor with one chosen before."""
+    """The candidates in order, without those that clash with `taken` or with one chosen before."""
     settled = list(taken)
     chosen: list[Assignment] = []
     for candidate in candidates:

@@ -1,4 +1,4 @@
-"""Which tensor names a node reads, its nested bodies included, and which names a graph holds at all."""
+"""The tensor names that a node reads, nested bodies included, and all names in a graph."""
 
 from collections.abc import Iterator
 
@@ -19,12 +19,12 @@ def all_names(graph: GraphProto) -> set[str]:
 
 
 def body_reads(node: NodeProto) -> set[str]:
-    """What the nested bodies of a node take from the graph around them."""
+    """The names that the nested bodies of a node read from the outer graph."""
     return {name for body in bodies(node) for name in _from_outside(body, set())}
 
 
 def reads(node: NodeProto) -> set[str]:
-    """All that has to be computed before the node."""
+    """Everything that must be computed before the node."""
     return {name for name in node.input if name} | body_reads(node)
 
 

@@ -1,6 +1,6 @@
-"""Pattern and replacement lists as records, with what follows from the lists alone.
+"""Pattern and replacement lists as records, and properties that follow from the lists alone.
 
-They are taken apart here once more: a fault in either parser makes the two sides of a comparison differ.
+This is a second parser: a fault in either one makes the two sides of a comparison differ.
 """
 
 from collections.abc import Sequence
@@ -12,7 +12,7 @@ _REST = "~i"
 
 
 class Input(NamedTuple):
-    """One input of a node: the id of a tensor, and whether the pattern wants an initializer there."""
+    """One input of a node: the id of a tensor, and whether the pattern requires an initializer there."""
 
     id: str
     initializer: bool
@@ -28,7 +28,7 @@ class PatternNode(NamedTuple):
 
 
 class Entry(NamedTuple):
-    """One string of a replacement, filled in from the pattern where it only names a number.
+    """One string of a replacement, completed from the pattern if it only gives a number.
 
     `source` is the number of the pattern node that stays (`kept`) or is copied; None for a new node.
     """
@@ -97,7 +97,7 @@ class Pair:
 
     @property
     def first_part(self) -> tuple[int, ...]:
-        """The pattern nodes that hang together with node 0 through shared ids, node 0 included."""
+        """The pattern nodes that are connected with node 0 through shared ids, node 0 included."""
         part, ids = {0}, set(_node_ids(self.pattern[0]))
         while True:
             more = {k for k, node in enumerate(self.pattern) if ids & set(_node_ids(node))} - part

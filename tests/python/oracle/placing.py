@@ -1,7 +1,6 @@
-"""Where the nodes of a replacement go: first a place for each, then the order is put right.
+"""Positions of the nodes of a replacement: first a place for each, then the order is corrected.
 
-Works on whole lists of items and never on a graph, so what refused occurrences leave behind is simply the
-same computation without them.
+Works on whole lists of items and never on a graph, so undoing refused occurrences is the same computation without them.
 """
 
 from collections.abc import Collection, Iterable, Sequence
@@ -15,7 +14,7 @@ from .notation import Pair
 
 @dataclass(eq=False)
 class Item:
-    """A node on its way; `origin` is its index at the start of the pass as long as it is that very node."""
+    """A node being placed; `origin` is its index at the start of the pass as long as it is the same node."""
 
     node: NodeProto
     origin: int | None = None
@@ -31,7 +30,7 @@ class Occurrence:
 
 
 class _Group:
-    """What stands at the place of one matched item: copies, then new nodes, the item itself, new nodes."""
+    """The nodes at the place of one matched item: copies, then new nodes, the item itself, new nodes."""
 
     def __init__(self) -> None:
         self.copies: list[Item] = []

@@ -1,8 +1,8 @@
 """One whole pass over a graph: find, splice, call back, restore the refused, try again, clean up.
 
-The graph is rewritten as a whole after each step, so the objects in `graph.node` change all the time; which
-nodes a faithful implementation leaves alone is told by `Pass.origins`.  Callbacks may edit nodes and other
-fields of the graph, but must not add, move or remove nodes.
+The graph is rewritten as a whole after each step, so the objects in `graph.node` change all the time; `Pass.origins`
+records which nodes a faithful implementation leaves alone. Callbacks may edit nodes and other fields of the graph, but
+must not add, move or remove nodes.
 """
 
 from collections.abc import Callable, Sequence
@@ -51,7 +51,7 @@ class Pass:
         return len(self.accepted)
 
     def _round(self, chosen: list[Assignment], callback: Callback) -> list[Assignment]:
-        """One round; the result is what was refused in it."""
+        """One round; the result is the list of refused occurrences."""
         made = [self._make(assignment) for assignment in chosen]
         before = self.order
         self._write(splice(self.pair, before, [occurrence for occurrence, _ in made]))
@@ -59,7 +59,7 @@ class Pass:
         stay: list[Occurrence] = []
         try:
             for assignment, (occurrence, links) in zip(chosen, made, strict=True):
-                stay.append(occurrence)  # one that raises stays spliced as well
+                stay.append(occurrence)  # one that raises stays spliced too
                 if self._call(callback, occurrence, links):
                     self.accepted.append((assignment, occurrence, links))
                 else:
@@ -87,7 +87,7 @@ class Pass:
             if entry.source is not None:
                 node.CopyFrom(matched[entry.source].node)
                 name = self._copy_name(position, entry, matched)
-                if node.name != name:  # an empty name that is set differs from none
+                if node.name != name:  # an empty name that is set differs from a missing one
                     node.name = name
             else:
                 node.op_type = entry.node.op
@@ -156,7 +156,7 @@ class Pass:
 
 
 def _drop(field: Any, names: set[str]) -> None:
-    """Takes the entries of these names out of a repeated field."""
+    """Removes the entries of these names from a repeated field."""
     for index in reversed(range(len(field))):
         if field[index].name in names:
             del field[index]

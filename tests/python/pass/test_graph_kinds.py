@@ -1,4 +1,4 @@
-"""Graphs as nobody expects them, with every class: what it does not replace, it leaves as it was, to the byte.
+"""Unusual graphs with every class: what a class does not replace stays as it was, byte for byte.
 
 ONNXGRAFT_SCALE makes the large graphs larger by that factor: 10 for a chain of a million nodes.
 """
@@ -20,7 +20,7 @@ from onnxgraft import quant
 from onnxgraft.abstract_transformation import AbstractTransformation, nearest_miss
 from onnxgraft.selfcheck.soundness import problems
 
-UNKNOWN = b"\xaa\x3f\x03abc"  # field 1000 + 21, three bytes: of a version of the format to come
+UNKNOWN = b"\xaa\x3f\x03abc"  # field 1000 + 21, three bytes: from a future version of the format
 SCALE = int(os.environ.get("ONNXGRAFT_SCALE", "1"))
 Edit = Callable[[GraphProto], None]
 
@@ -147,7 +147,7 @@ def test_one_tensor_with_many_readers() -> None:
 
 
 def test_many_initializers() -> None:
-    """Each of them is looked up, made anew, and cleaned away."""
+    """Each of them is looked up, recreated and removed."""
     count = 2000 * SCALE
     weight = np.zeros((1, 1, 1, 1), np.float32)
     graph = GraphProto(initializer=[numpy_helper.from_array(weight, f"w{k}") for k in range(50 * count)])

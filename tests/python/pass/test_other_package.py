@@ -1,4 +1,4 @@
-"""The built `quant` file alone, in a package with another framework and another look-up that keep the contract."""
+"""The built `quant` file alone, in a package with another framework and another look-up with the same contract."""
 
 import shutil
 import subprocess

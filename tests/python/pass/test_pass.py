@@ -1,4 +1,4 @@
-"""One pass seen from a transformation's author: what callbacks may do, what stays after an error, what is said."""
+"""One pass from the view of a transformation's author: what callbacks may do, the state after an error, messages."""
 
 import contextlib
 import gc
@@ -19,7 +19,7 @@ REPLACEMENT = ["Neg:0->100", "#0:100->1"]
 
 
 class Negate(AbstractTransformation):
-    """Puts a `Neg` in front of each `Relu`; `act(call number, graph, removed node)` is the callback."""
+    """Puts a `Neg` before each `Relu`; `act(call number, graph, removed node)` is the callback."""
 
     def __init__(self, act: Callable[[int, GraphProto, NodeProto], Any]) -> None:
         self.act = act
@@ -93,7 +93,7 @@ def test_a_node_lost_before_its_turn_is_named(act: Callable[..., bool], lost: st
     graph = relus(3)
     with pytest.raises(RuntimeError, match=f"{lost}.* is no longer in the graph"):
         Negate(act).apply(graph)
-    if act is run_again:  # the inner run's nodes stay, and nobody writes a tensor twice
+    if act is run_again:  # the inner run's nodes stay, and no tensor has two writers
         outputs = [name for node in graph.node for name in node.output]
         assert len(outputs) == len(set(outputs))
     else:
@@ -194,7 +194,7 @@ ODD_TRUTH = (ValueError, ZeroDivisionError)
         (exchange, RuntimeError),
         (lambda graph: graph.Clear(), RuntimeError),
         (for_ever, RecursionError),
-        (another, RuntimeError),  # it takes a node away that the next callback is to get
+        (another, RuntimeError),  # it removes a node that the next callback should get
         (lambda graph: gc.collect(), None),
         (lambda graph: setattr(Negate, "get_simple_name", None), None),
     ],
@@ -222,7 +222,7 @@ def test_callbacks_that_ask_for_trouble(
     written = [name for node in graph.node for name in node.output]
     assert len(set(written)) == len(written)
     lost = {node.input[0] for node in graph.node} - {"x0", *written}
-    assert not lost or error is RuntimeError  # where the callback itself took nodes away
+    assert not lost or error is RuntimeError  # if the callback itself removed nodes
 
 
 def test_the_last_references_go_while_it_runs() -> None:

@@ -1,7 +1,7 @@
-"""The real pass against the slow model on random graphs: every call of the callback and every byte left.
+"""The real pass against the slow model on random graphs: every call of the callback and every resulting byte.
 
-ONNXGRAFT_RANDOM_GRAPHS sets the number of graphs; a failure names the seed, and `check(seed)` repeats it alone. Those
-that hypothesis draws are fewer, but a failure comes out as small as it gets.
+ONNXGRAFT_RANDOM_GRAPHS sets the number of graphs; a failure names the seed, and `check(seed)` repeats it alone.
+Hypothesis draws fewer graphs, but reduces a failing one to a minimal example.
 """
 
 import os
@@ -35,11 +35,11 @@ from oracle.rewriting import Pass
 
 GRAPHS = int(os.environ.get("ONNXGRAFT_RANDOM_GRAPHS", "3200"))
 BLOCKS = 20
-MOST_ASSIGNMENTS = 40  # patterns in several parts have them by the hundred, which only costs time
+MOST_ASSIGNMENTS = 40  # patterns in several parts have hundreds of matches, which only costs time
 
 
 class Fault(BaseException):
-    """Raised by a callback; no `Exception`, as a keyboard interrupt is none."""
+    """Raised by a callback; not an `Exception`, like a keyboard interrupt."""
 
 
 CATALOGUE = [
@@ -62,7 +62,7 @@ FALSE: tuple[object, ...] = (False, None, 0, "", [])
 
 @dataclass
 class Recorder:
-    """Plays the callback for either side, and keeps what it was given, freed of invented names."""
+    """Acts as the callback for either side, and records its arguments without invented names."""
 
     pair: Pair
     known: set[str]
@@ -90,7 +90,7 @@ class Recorder:
 
 
 class Real(AbstractTransformation):
-    """Hands each occurrence to a recorder."""
+    """Passes each occurrence to a recorder."""
 
     def __init__(self, recorder: Recorder) -> None:
         self.recorder = recorder
@@ -114,9 +114,9 @@ def _run(call: Callable[[], int]) -> int | str:
 
 
 def _new_faults(before: GraphProto, after: GraphProto, *, acyclic: bool, faulted: bool) -> list[str]:
-    """What must not be of any result, whatever the slow model says."""
+    """Conditions on every result, whatever the slow model says."""
     missing = dangling(after) - dangling(before)
-    if faulted:  # what the callback has not made yet may be missing, but nothing that was there before
+    if faulted:  # initializers that the callback has not made yet may be missing, but no old ones
         missing &= all_names(before)
     old, new = problems(before), problems(after)
     judged = ["writers"] + ["order"] * acyclic
@@ -124,7 +124,7 @@ def _new_faults(before: GraphProto, after: GraphProto, *, acyclic: bool, faulted
 
 
 def _acyclic(graph: GraphProto) -> bool:
-    """Several occurrences together may close a cycle; then there is no order to ask for."""
+    """Several occurrences together may close a cycle; then no order exists."""
     writer = {name: index for index, node in enumerate(graph.node) for name in node.output}
     needs = {k: {writer[n] for n in reads(node) if n in writer} for k, node in enumerate(graph.node)}
     try:
@@ -135,7 +135,7 @@ def _acyclic(graph: GraphProto) -> bool:
 
 
 def check_traces(graph: GraphProto, pattern: list[str], replacement: list[str], head: str) -> None:
-    """A node has a place in the pattern just if some assignment has it there."""
+    """A node has a place in the pattern exactly if some assignment has it there."""
     assignments = {found.nodes for found in all_assignments(Table(graph), parse_pair(pattern, replacement))}
     places = {(node, role) for nodes in assignments for role, node in enumerate(nodes)}
     traces = trace_nodes(graph, [(pattern, replacement)], range(len(graph.node)))
@@ -148,7 +148,7 @@ def check_traces(graph: GraphProto, pattern: list[str], replacement: list[str], 
             continue
         miss = one["miss"]
         assert miss is not None
-        # The walk ends at something that is wrong, before all pattern nodes have found theirs or at a cycle.
+        # The walk ends at a fault: before all pattern nodes have found their node, or at a cycle.
         assert miss["reason"] != "none", f"{head}{one}"
         assert miss["matched"] < len(pattern) or miss["reason"] == "closes_cycle", f"{head}{one}"
 
@@ -197,7 +197,7 @@ def check_drawn(rng: random.Random, head: str = "") -> tuple[int, int]:
 def test_random_graphs(block: int) -> None:
     size = max(1, GRAPHS // BLOCKS)
     calls = [check(seed)[0] for seed in range(block * size, (block + 1) * size)]
-    # Guards the makers of graphs: most graphs must hold something to replace.
+    # Checks the generators: most graphs must contain something to replace.
     assert size < 100 or sum(map(bool, calls)) > size // 2
 
 
@@ -207,7 +207,7 @@ def test_graphs_that_shrink(rng: random.Random) -> None:
 
 
 def small_case(rng: random.Random) -> tuple[GraphProto, list[str], list[str]]:
-    """Unary A and binary B nodes: so few that all ways to hang together come up."""
+    """Unary A and binary B nodes, so few that all ways to connect them come up."""
     size, roles = rng.choice(((3, 1), (3, 2), (4, 2), (4, 3)))
     lines = []
     for node in range(size):
@@ -233,7 +233,7 @@ def test_small_patterns_on_small_graphs(block: int) -> None:
         graph, pattern, replacement = small_case(random.Random(seed))
         try:
             matches = [match["nodes"] for match in find_occurrences(graph, pattern, replacement)]
-        except ValueError:  # keeps a node without what it reads
+        except ValueError:  # keeps a node without its input
             continue
         pair = parse_pair(pattern, replacement)
         expected = [list(chosen.nodes) for chosen in choose(pair, all_assignments(Table(graph), pair), [])]

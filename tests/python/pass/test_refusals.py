@@ -1,4 +1,4 @@
-"""Callbacks that edit the node list and then refuse: nothing of what was there is lost."""
+"""Callbacks that edit the node list and then refuse: no old node is lost."""
 
 import random
 from collections import Counter
@@ -14,7 +14,7 @@ from onnxgraft.abstract_transformation import AbstractTransformation
 
 
 class Editing(AbstractTransformation):
-    """Adds, moves and takes out nodes, and refuses."""
+    """Adds, moves and removes nodes, and refuses."""
 
     def __init__(self, rng: random.Random, edits: tuple[str, ...]) -> None:
         self.rng, self.edits = rng, edits
@@ -40,7 +40,7 @@ class Editing(AbstractTransformation):
 
 
 def run(graph: GraphProto, pair: tuple[list[str], list[str]], rng: random.Random, edits: tuple[str, ...]) -> int:
-    """Applies the pair; how often the callback was asked. Whatever it did, the rest of the nodes is there."""
+    """Applies the pair and returns the number of calls. Whatever the callback did, the other nodes are still there."""
     transformation = Editing(rng, edits)
     for number in range(rng.randint(0, 2)):
         graph.node.add(op_type="Theirs", name=f"theirs {number}", input=["x"], output=[f"theirs {number}"])

@@ -1,4 +1,4 @@
-"""`get_init` against a plain walk over the list, its external data, and the folder that it is looked up in."""
+"""`get_init` compared with a plain walk over the list; external data, and its folder."""
 
 import contextlib
 import contextvars
@@ -53,7 +53,7 @@ def test_names_that_cannot_be_looked_up(names: Any, error: type[Exception], mess
 
 
 def edit(graph: GraphProto, rng: random.Random, fresh: Iterator[int]) -> None:
-    """One edit as hosts and transformations make them."""
+    """One edit of the kind that hosts and transformations make."""
     tensors = graph.initializer
     place = rng.randrange(len(tensors))
     match rng.randrange(9):
@@ -102,7 +102,7 @@ def test_the_first_of_equal_names_counts() -> None:
 
 @pytest.mark.parametrize("seed", range(10))
 def test_the_first_of_equal_names_counts_after_any_renaming(seed: int) -> None:
-    """As long as some name stands there twice."""
+    """While some name is there twice."""
     rng = random.Random(seed)
     graph = graph_of(60)
     tensors = graph.initializer

@@ -1,4 +1,4 @@
-"""The tables of docs/use/accuracy.md say what was measured."""
+"""The tables of docs/use/accuracy.md report what was measured."""
 
 from typing import Any
 
@@ -11,7 +11,7 @@ def line(left: int, top: int, text: str) -> list[Any]:
 
 def test_readings_are_compared_place_by_place() -> None:
     floats = {"found": [[line(0, 0, "one two"), line(0, 50, "three")]], "drawn": [["one two", "there"]], "seconds": 1.0}
-    # The first line a little beside its place, another text; the second one is not found; a third one too many.
+    # The first line slightly displaced, with another text; the second one not found; a third one too many.
     ours = {**floats, "found": [[line(4, 2, "one tvo"), line(0, 200, "four")]]}
     rows = page._readings({"float": floats, "recipe": ours})
     assert rows[1][1:] == ["2 of 2", "2 of 2", "2 of 2", "100.0 %", "1 of 2", "1"]

@@ -1,4 +1,4 @@
-"""The benchmark runs, and its check of results finds differences; what it measures is nothing for a test."""
+"""The benchmark runs, and its check of results finds differences. Its figures are not tested."""
 
 import sys
 import types

@@ -49,7 +49,9 @@ def test_tables_are_those_of_the_example_models(repository: Path) -> None:
 
 
 def test_every_exporter_of_a_network_ends_with_the_same_counts(repository: Path) -> None:
-    """But for sizes that one of them has made constant itself. Names of files begin with the network's, up to a "_"."""
+    """Except for sizes that an exporter has made constant itself. File names start with the network's name, up to a
+    "_".
+    """
     networks: dict[str, list[dict[str, Any]]] = {}
     for model, row in json.loads((repository / "docs/development/firing.json").read_text()).items():
         fired = {name: count for name, count in row["recipe"]["fired"].items() if name != "simplify_shape_v2"}

@@ -1,4 +1,4 @@
-"""What README asks a newcomer to type, in a fresh shell in this folder: block after block, line after line."""
+"""Everything that README asks a newcomer to type, in a fresh shell in this folder: block by block, line by line."""
 
 import os
 import shlex
@@ -9,7 +9,7 @@ import pytest
 from conftest import REPOSITORY
 from tools.snippets import blocks
 
-# What would take minutes or need a network is only looked at.
+# Commands that take minutes or need a network are only inspected.
 SUBSTITUTES = """
 pip() { command pip --version >/dev/null && case "$*" in "install .") ;; "install .[completion]") ;; *) false;; esac; }
 make() {

@@ -1,4 +1,4 @@
-"""Nothing uses what is above it: the layers of ARCHITECTURE.md, read from there, and all imports and includes."""
+"""No package uses a higher layer: the layers of ARCHITECTURE.md against all imports and includes."""
 
 import ast
 import re
@@ -27,7 +27,7 @@ def includes(repository: Path) -> Uses:
 
 
 def imports(repository: Path) -> Uses:
-    """Those for type checkers and inside of functions, too."""
+    """Imports for type checkers and inside functions count too."""
     root = repository / "python" / _PACKAGE
     for path in root.rglob("*.py"):
         user = path.relative_to(root).with_suffix("").parts[0]

@@ -1,7 +1,7 @@
-"""What README and docs show runs as it stands: every block of Python, every command.
+"""Everything that README and docs show runs unchanged: every block of Python, every command.
 
 The blocks of a page run in order, those of Python in one namespace, in a folder of their own that looks like the
-project's with a model.onnx in it.
+project's and has a model.onnx in it.
 """
 
 import logging
@@ -32,7 +32,7 @@ def place(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Path:
     shutil.copytree(REPOSITORY / "examples", tmp_path / "examples")
     shutil.copy(tmp_path / "examples/models/resnet18_timm_c11.onnx", "model.onnx")
     (tmp_path / "build").mkdir()
-    # Both are as they were afterwards.
+    # Both are restored afterwards.
     logger, registry = logging.getLogger("onnxgraft"), dict(catalogue._registry())
     for name, value in (("handlers", list(logger.handlers)), ("level", logger.level), ("propagate", logger.propagate)):
         monkeypatch.setattr(logger, name, value)
@@ -55,12 +55,12 @@ def run(words: list[str]) -> int:
         case ["pip", "install", *_]:
             return 0
         case ["python", "-m", module, *_] if module.partition(".")[0] in ("tools", "bench"):
-            # These take minutes or write into the tree: whether they are there has to do.
+            # These take minutes or write into the tree: check only that they exist.
             words, folder = ["python", "-m", module, "--help"], REPOSITORY
         case ["python" | "ls" | "cat" | "mkdir" | "cp", *_]:
             pass
         case _:
-            raise AssertionError(f"nobody knows how to try `{' '.join(words)}`; output belongs into a block of text")
+            raise AssertionError(f"cannot try `{' '.join(words)}`; output belongs into a block of text")
     program = {"python": sys.executable}.get(words[0], words[0])
     return subprocess.run([program, *words[1:]], cwd=folder, stdout=subprocess.DEVNULL).returncode
 

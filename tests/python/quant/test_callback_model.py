@@ -43,7 +43,7 @@ def expected_apply(name: str, graph: GraphProto) -> int:
 
 
 def outcome(run: Callable[[], int]) -> tuple[int | type[Exception], float]:
-    """What `run` gives or raises, and what the generator would draw next: a refused occurrence draws nothing."""
+    """The result or error of `run`, and the next number of the generator: a refused occurrence draws nothing."""
     np.random.seed(7)
     try:
         with np.errstate(all="ignore"):
@@ -53,8 +53,8 @@ def outcome(run: Callable[[], int]) -> tuple[int | type[Exception], float]:
     return result, np.random.rand()
 
 
-# Graphs of one run never come to each other's address: with two elements of one name, which these graphs have,
-# a look-up may believe what it has learned about a graph that is gone.
+# Keeps the graphs of one run alive, so that no two have the same address: these graphs have duplicate names, with which
+# a look-up may still use its entries for a dead graph.
 _ALIVE: list[GraphProto] = []
 
 
@@ -69,7 +69,7 @@ def random_graph(name: str, seed: int) -> GraphProto | None:
 
 
 def check(name: str, seed: int) -> int | type[Exception] | None:
-    """What `apply` gave on one random graph; None if the graph would take the slow model too long."""
+    """The result of `apply` on one random graph; None if the graph would take the slow model too long."""
     before = random_graph(name, seed)
     if before is None:
         return None
@@ -77,7 +77,7 @@ def check(name: str, seed: int) -> int | type[Exception] | None:
     _ALIVE.extend(graphs)
     head = f"{name}, seed {seed}\n{to_text(before)}\n"
     actual, counts = None, []
-    for _ in range(2):  # nothing is kept from one `apply` to the next
+    for _ in range(2):  # no state is kept from one `apply` to the next
         expected = outcome(lambda: expected_apply(name, graphs[0]))
         actual = outcome(lambda: catalogue.find_row(name).apply(graphs[1]))
         assert actual == expected, head
@@ -92,7 +92,7 @@ def check(name: str, seed: int) -> int | type[Exception] | None:
 @pytest.mark.parametrize("name", CALLBACKS)
 def test_random_graphs(name: str) -> None:
     outcomes = [check(name, seed) for seed in range(GRAPHS)]
-    # Guards the maker of graphs: it must lead to replacements, and to none.
+    # Checks the generator of graphs: it must lead to replacements, and also to graphs without one.
     counts = [o for o in outcomes if isinstance(o, int)]
     assert GRAPHS < 60 or (sum(map(bool, counts)) > GRAPHS / 10 and 0 in counts)
 
@@ -103,7 +103,7 @@ def test_every_class_has_its_model() -> None:
 
 @pytest.mark.parametrize("name", ["quant_conv", "quant_gemm", "quant_matmul", "update_tesselquant"])
 def test_a_replaced_look_up_sees_the_graph_after_the_splice(name: str, monkeypatch: pytest.MonkeyPatch) -> None:
-    """As in the model: all occurrences of the round are replaced, and no old node is in the list beside a new one."""
+    """As in the model: all occurrences of the round are replaced, and no old node is next to its replacement."""
     known: set[str] = set()
     seen: dict[Any, list[Any]] = {}
 

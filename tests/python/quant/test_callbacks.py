@@ -1,6 +1,6 @@
-"""What the models of the callbacks do not see: direct calls, errors half-way, exact names, what others replace.
+"""Cases that the models of the callbacks do not cover: direct calls, errors half-way, exact names, replaced functions.
 
-What a whole `apply` computes is compared with a model of each class on random graphs, in `test_callback_model.py`.
+A whole `apply` is compared with a model of each class on random graphs, in `test_callback_model.py`.
 """
 
 from contextlib import nullcontext
@@ -60,7 +60,7 @@ def test_the_methods_of_the_quantizing_base() -> None:
     links = {key: name for key, name in LINKS.items() if key not in ("2", "102")}
     for mode, count in (("conv", 4), ("gemm", 1), ("matmul", 1), ("other", 4)):
         base._update_quant_weights_operators(graph, links, ROLES, mode)
-        assert [list(t.dims) for t in graph.initializer[-2:]] == [[4, 2], [count]], "an unbound bias is left out"
+        assert [list(t.dims) for t in graph.initializer[-2:]] == [[4, 2], [count]], "an unbound bias is omitted"
 
 
 @pytest.mark.parametrize(
@@ -80,7 +80,7 @@ def test_a_failure_adds_no_initializer(roles: dict[str, Any], links: dict[str, s
 
 
 def test_everything_is_looked_up_when_it_is_used(monkeypatch: pytest.MonkeyPatch) -> None:
-    """A subclass's methods, the module's names and the siblings' functions may all be replaced."""
+    """A subclass's methods, the module's names and the siblings' functions can all be replaced."""
     graph = with_tensors(w=WEIGHT.astype(np.float32), b=BIAS)
     graph.node.extend([NodeProto(op_type="TesselQuant"), NodeProto(op_type="Gemm")])
     asked: list[tuple[str, ...]] = []
@@ -116,7 +116,7 @@ def test_everything_is_looked_up_when_it_is_used(monkeypatch: pytest.MonkeyPatch
 
 
 def quantized(*reading: tuple[str, ...]) -> GraphProto:
-    """A pull-up occurrence with offset 2 and convolutions behind it, by the names of their weights and biases."""
+    """A pull-up occurrence with offset 2 and convolutions after it, by the names of their weights and biases."""
     graph = with_tensors(occurrence(PULL_UP.subgraph_2, {}, {1: {"offset": 2.0}}))
     for number, names in enumerate(reading):
         graph.node.add(op_type="Conv", input=["t99", *names], output=[f"y{number}"])
@@ -200,7 +200,7 @@ def test_a_look_up_that_gives_nothing_refuses(answer: Any, failing: int, monkeyp
 def test_the_record_that_a_look_up_returned_goes(
     returned: str, left: tuple[int, int], monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    """It is found by its contents where it is not the first of its name; if it is nowhere, all stays as it was."""
+    """If it is not the first of its name, its contents identify it; if it is missing, everything stays as it was."""
     graph = with_tensors(quantized(("w", "b")), b=BIAS + 5)
     first, second = graph.initializer[-2:]
     record = {"copy": TensorProto.FromString(first.SerializeToString()), "second": second}.get(returned)

@@ -1,4 +1,4 @@
-"""The classes of `quant`, as a host sees them: the whole catalogue as a table, and how it answers to misuse."""
+"""The classes of `quant`, as a host sees them: the whole catalogue as a table, and its reaction to misuse."""
 
 import copy
 import importlib.util

@@ -22,7 +22,9 @@ V10_PRODUCERS = [s for k in range(1, 6) for s in (f"TesselDequant:4{k},5{k}i->6{
 
 def pairs(*names: str) -> list[tuple[str, tuple[str, ...]]]:
     rows = [(name, pattern) for name in names for pattern, _ in catalogue.find_row(name).pairs]
-    return [row for row in rows if row[1][3:4] != ("Concat:2,3,4,1->5",)]  # reorders the channels: a test of its own
+    return [
+        row for row in rows if row[1][3:4] != ("Concat:2,3,4,1->5",)
+    ]  # reorders the channels, so it has a test of its own
 
 
 def readers(quantized: str) -> list[str]:
@@ -73,13 +75,13 @@ def test_merged_quantize_nodes_of_equal_parameters(name: str, pattern: tuple[str
 
 @pytest.mark.parametrize(("name", "pattern"), pairs(*PULL_UP))
 def test_pulled_up_offsets(name: str, pattern: tuple[str, ...]) -> None:
-    """The bias takes over the offset that a convolution took out of its input while it read the quantize node."""
+    """The bias absorbs the offset that a convolution subtracted while it read the quantize node."""
     for convention in ROUNDING:
         assert_equal(*both(*pulled_up(name, pattern), convention))
     before, after = pulled_up(name, pattern, offset=3.0)
     exact = Convention(rounding=True, element_type="float64", centred=True)
     assert_equal(*both(before, after, exact))
-    # Read without that, the sums differ by just the correction, and the quantized tensor itself by nothing.
+    # Without that subtraction, the sums differ by exactly the correction, and the quantized tensor does not differ.
     quantized = f"t{pattern[-1].rpartition('->')[2]}"
     plain = Convention(rounding=True, element_type="float64")
     first, second = both(before, after, plain, (quantized, "t903", "t913"))
@@ -98,7 +100,7 @@ def test_second_pair_of_v1_reorders_the_channels() -> None:
     assert (first["t99"] != second["t99"]).any()
 
 
-# Offsets play no part where the convolution takes that of its own quantize node out.
+# Offsets have no effect if the convolution subtracts that of its own quantize node.
 Reading = tuple[tuple[float, float], Convention]
 READINGS: list[Reading] = [
     ((0.0, 0.0), Convention(element_type="float64")),

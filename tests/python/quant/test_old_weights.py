@@ -1,4 +1,4 @@
-"""Old weights of all kinds, also broken ones: one look-up for element type and shape tells what two would tell."""
+"""Old weights of all kinds, also broken ones: one look-up of element type and shape reports what two would report."""
 
 from typing import Any
 
@@ -37,7 +37,7 @@ WEIGHTS: dict[str, dict[str, Any]] = {
 
 
 class Reading(quant.QuantConvTransformation):
-    """Not built in as a whole, so that every method looks up for itself."""
+    """Not entirely built in, so that every method does its own look-ups."""
 
     def _check_current_precision(self, *arguments: Any, **keywords: Any) -> bool:
         return bool(super()._check_current_precision(*arguments, **keywords))

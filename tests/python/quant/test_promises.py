@@ -1,4 +1,4 @@
-"""What each callback promises not to change, on random graphs, and who is believed."""
+"""What each callback promises not to change, on random graphs, and whose promises count."""
 
 from collections.abc import Callable
 from functools import partial
@@ -22,7 +22,7 @@ def state(graph: GraphProto) -> State:
 
 
 def broken(changes: str, before: State, graph: GraphProto) -> str | None:
-    """What a callback did that it has promised not to do."""
+    """A change that the callback has promised not to make."""
     after = state(graph)
     if len(before) != len(after) or any(old[0] is not new[0] for old, new in zip(before, after, strict=True)):
         return "the node list"
@@ -36,7 +36,7 @@ def broken(changes: str, before: State, graph: GraphProto) -> str | None:
     return None
 
 
-WAITING: set[str] = set()  # names of biases that come into the graph at the end of a round
+WAITING: set[str] = set()  # names of biases that are added to the graph at the end of a round
 
 
 def watched(cls: Any, found: list[str], edit: Callable[[GraphProto], Any] | None = None) -> Any:
@@ -88,7 +88,7 @@ def test_what_is_promised() -> None:
 
 
 class Pairs(quant.ReplaceResizeQuantTransformation):
-    """As the documentation tells users to derive."""
+    """Derived as the documentation describes."""
 
     def _get_subgraphs_to_replace(self) -> Any:
         return [(self.subgraph, self.subgraph_replacement)] * 2
@@ -110,11 +110,11 @@ class Between(quant.AbstractPullUpTesselQuantTransformation):
 
 
 class Inheriting(quant.ReplaceResizeQuantTransformation, Between):
-    """Its callback is built in, but what that one calls is not."""
+    """Its callback is built in, but a method that it calls is not."""
 
 
 def session(transformation: Any) -> str | None:
-    """What is believed of the transformation's callback."""
+    """The promises of the transformation's callback that count."""
     callback = getattr(transformation, CALLBACK)
     function: Any = getattr(callback, "__func__", None)
     if type(function).__name__ != "builtin_function":
@@ -138,7 +138,7 @@ def session(transformation: Any) -> str | None:
 def test_who_is_believed(cls: Any, believed: str | None) -> None:
     transformation = cls()
     assert session(transformation) == believed
-    # Anybody's attribute is not believed, nor a method that stands on the instance.
+    # Attributes of other classes do not count, nor does a method set on the instance.
     vars(transformation)[CALLBACK] = MagicMock()
     assert session(transformation) is None
     del vars(transformation)[CALLBACK]
@@ -151,7 +151,7 @@ def test_who_is_believed(cls: Any, believed: str | None) -> None:
 
 
 def test_a_given_bias_is_kept_for_a_second_pair() -> None:
-    """The second pass reads anew what the callback of the first has given."""
+    """The second pass reads again what the callback of the first has written."""
     outcomes = []
     for own in (False, True):
         counts = []

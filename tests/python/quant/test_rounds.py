@@ -1,6 +1,6 @@
-"""Calls that nobody else's edits come between share what they read: passes of an apply, callbacks of a round.
+"""Calls without foreign edits between them share what they read: passes of an apply, callbacks of a round.
 
-They leave the same bytes as without: after refusals, in one apply after the other, inside of each other's callbacks.
+The result has the same bytes as without sharing: after refusals, in one apply after another, in nested callbacks.
 """
 
 import random
@@ -46,7 +46,7 @@ def nesting(name: str, inner: Any) -> Any:
 
 
 def walking(name: str) -> Any:
-    """A subclass whose own callback asks the inherited one: it may change anything, so nothing is shared."""
+    """A subclass whose own callback calls the inherited one: it may change anything, so nothing is shared."""
 
     def callback(self: Any, *arguments: Any, **keywords: Any) -> Any:
         return super(cls, self)._on_replace_subgraph(*arguments, **keywords)
@@ -58,7 +58,7 @@ def walking(name: str) -> Any:
 @pytest.mark.parametrize("name", sorted(CLASSES))
 def test_the_same_bytes(name: str) -> None:
     overriding = walking(name)
-    alive: list[Any] = []  # no graph comes to the address of a dead one
+    alive: list[Any] = []  # keeps graphs alive, so that none gets the address of a dead one
     outcomes = set()
     for seed in range(SEEDS):
         graphs = [class_graph(name, seed) for _ in range(2)]
@@ -100,7 +100,7 @@ def test_what_waits_for_the_end_of_a_round_is_written_after_an_error(
                 cls().apply(graph)
             except KeyboardInterrupt:
                 raised += 1
-            except ValueError:  # of a graph without the initializers that it reads
+            except ValueError:  # for a graph without the initializers that it reads
                 pass
             results.append(graph.SerializeToString())
         assert results[0] == results[1], seed
@@ -108,7 +108,7 @@ def test_what_waits_for_the_end_of_a_round_is_written_after_an_error(
 
 
 def deciding(known: frozenset[str]) -> AbstractTransformation:
-    """Refuses some occurrences, and yet promises to leave the graph alone."""
+    """Refuses some occurrences, although it promises to leave the graph alone."""
     transformation = AbstractTransformation()
 
     def decide(_: Any, *found: Any) -> bool:
@@ -120,7 +120,7 @@ def deciding(known: frozenset[str]) -> AbstractTransformation:
 
 
 def in_one_run(graph: GraphProto, pairs: list[tuple[list[str], list[str]]], *, refusing: bool) -> list[int]:
-    """What the passes replace, which is the same without a run."""
+    """The replacements of the passes, which are the same without a run."""
     graphs = [graph, GraphProto.FromString(graph.SerializeToString())]
     counts: list[list[int]] = []
     known = frozenset(all_names(graph))

@@ -22,7 +22,7 @@ from onnxgraft.transform_utilities import external_data_folder
 
 
 class Message:
-    """Equal to nothing but itself, as identity is what tells nodes apart."""
+    """Equal only to itself, since nodes are distinguished by identity."""
 
     def __init__(self, **fields: Any) -> None:
         self.__dict__.update(fields)
@@ -36,19 +36,19 @@ class Node:
         self.input, self.output, self.attribute = inputs.split(), output.split(), list[Any]()
 
     def CopyFrom(self, other: Node) -> None:  # noqa: N802
-        """As the protobuf's."""
+        """Like protobuf's."""
         self.op_type, self.name, self.domain = other.op_type, other.name, other.domain
         self.input[:], self.output[:], self.attribute[:] = other.input, other.output, other.attribute
 
 
 class Nodes(list[Node]):
-    """Has its new nodes ready: the interpreter's own making of objects loses memory when it fails."""
+    """Has its new nodes ready: the interpreter itself loses memory when making an object fails."""
 
     def __init__(self) -> None:
         self.ready = [Node() for _ in range(20)]
 
     def add(self) -> Node:
-        """As the protobuf's."""
+        """Like protobuf's."""
         self.append(self.ready[-1])
         return self.ready.pop()
 
@@ -86,7 +86,7 @@ miss: Any = nearest_miss
 
 
 class Verdicts(AbstractTransformation):
-    """Accepts or refuses in turn, as it is told."""
+    """Accepts or refuses as requested, call by call."""
 
     def __init__(self, *verdicts: bool) -> None:
         self.verdicts = verdicts
@@ -114,7 +114,7 @@ def merging() -> Message:
 
 
 CASES: dict[str, tuple[Callable[[], Any], Callable[[Any], object]]] = {
-    # what is made first, what is done to it
+    # Which object is made first, and what is done with it.
     "accept": (chain, Verdicts(True, True).run),
     "refuse": (chain, Verdicts(False, False).run),
     "first only": (chain, Verdicts(True, False).run),
@@ -132,20 +132,20 @@ CASES: dict[str, tuple[Callable[[], Any], Callable[[Any], object]]] = {
 
 
 def outcome_of(act: Callable[[Any], object], argument: Any) -> object:
-    """The result, or the type of the error that came first."""
+    """The result, or the type of the first error."""
     try:
         return act(argument)
     except Exception as error:
         first: BaseException = error
         while first.__context__ is not None:
             first = first.__context__
-        # What the interpreter's own loop says if it cannot make the object of a frame that an error goes through; of a
-        # function that fails without an error it would say another thing.
+        # The message of the interpreter's own loop if it cannot make the frame object of an error. A function that
+        # fails without an error would give another message.
         return MemoryError if str(first) == "error return without exception set" else type(first)
 
 
 def run(make: Callable[[], Any], act: Callable[[Any], object]) -> tuple[int, list[str]]:
-    """How many failures there were; what was wrong after them."""
+    """How many failures there were, and what was wrong after them."""
     faults, unharmed, wrong = 0, 0, []
     usual = outcome_of(act, make())
     for fail_at in range(1, 5000):

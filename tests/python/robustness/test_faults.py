@@ -1,4 +1,4 @@
-"""Every use of the graph fails once: the error comes out, and the graph is what it was or what was accepted.
+"""Every use of the graph fails once: the error comes out, and the graph is in the original or the accepted state.
 
 ONNXGRAFT_FAULTS sets how many uses fail per class and graph; every use of the small graph does.
 """
@@ -49,7 +49,7 @@ def test_a_fault_at_every_use(verdict: Callable[[int], bool], after: bool) -> No
         assert is_sound(graph), f"use {fail_at}"
         if swap.calls == 0:
             assert graph.SerializeToString(deterministic=True) == before, f"use {fail_at}"
-        if swap.calls == 3:  # all were asked: what was accepted stays, what was refused went back
+        if swap.calls == 3:  # all were called: accepted ones stay, refused ones are restored
             accepted = sum(verdict(call) for call in (1, 2, 3))
             assert sum(node.input[0].endswith("_Relu") for node in graph.node) in (accepted, 3), f"use {fail_at}"
     assert faults > 100
@@ -69,7 +69,7 @@ def test_a_fault_in_every_class(name: str, seed: int, after: bool) -> None:
     for fail_at in range(1, uses + 1, max(1, uses // FAULTS)):
         graph, failing = GraphProto.FromString(unchanged), Uses(fail_at, after=after)
         outcome = apply(name, failing.wrap(graph))
-        # After an error of its own, the first error is the one to see.
+        # After an error of its own, the caller must see the first error.
         assert isinstance(outcome, FaultError) or type(outcome) is type(usual), f"use {fail_at} of {uses}: {outcome!r}"
         assert not alone or max(writers(graph).values()) == 1, f"use {fail_at}: two writers"
         lost = dangling(graph) & known - dangling(before)
@@ -80,7 +80,7 @@ def test_a_fault_in_every_class(name: str, seed: int, after: bool) -> None:
 
 @pytest.mark.parametrize(("says", "error"), [(3, "shrank"), (15, "grew")])
 def test_a_list_that_lies_about_its_length(monkeypatch: pytest.MonkeyPatch, says: int, error: str) -> None:
-    """Ten of twenty initializers go, every other one: too many runs to delete them one by one."""
+    """Ten of twenty initializers are removed, every other one: too many runs to delete them one by one."""
     graph = conv_relus(10)
     tensors = [copy for tensor in graph.initializer for copy in (tensor, TensorProto(name=f"{tensor.name}_kept"))]
     graph.ClearField("initializer")
@@ -130,7 +130,7 @@ def body_of(graph: GraphProto) -> GraphProto:
 
 @pytest.mark.parametrize(("place", "field", "message"), NAMES, ids=[message for *_, message in NAMES])
 def test_a_name_that_is_not_utf8_is_told_with_its_place(place: Any, field: str, message: str) -> None:
-    """Protobuf gives such names as bytes. Nothing in Python sets one, but a file may hold it."""
+    """Protobuf returns such names as bytes. Python cannot set one, but a file may contain it."""
     graph = conv_relus()
     owner = place(graph)
     if field in ("input", "output"):

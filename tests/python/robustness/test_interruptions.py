@@ -1,4 +1,4 @@
-"""Ctrl-C in the midst of it: in the search, between callbacks, and while a step is being put back."""
+"""Ctrl-C at awkward moments: in the search, between callbacks, and while a step is being undone."""
 
 import gc
 import itertools
@@ -30,9 +30,9 @@ def ctrl_c_interrupts() -> Iterator[None]:
 
 @contextmanager
 def interrupted_after(seconds: float) -> Iterator[None]:
-    """Of this process's own time, so that it comes at the same place on a busy machine."""
+    """In this process's own time, so that it comes at the same place on a busy machine."""
     before = signal.signal(signal.SIGVTALRM, signal.default_int_handler)
-    # An interruption inside of a callback of the collector, such as hypothesis has one, would be lost.
+    # An interruption inside a callback of the garbage collector, such as hypothesis has one, would be lost.
     collecting, gc.callbacks[:] = gc.callbacks[:], []
     signal.setitimer(signal.ITIMER_VIRTUAL, seconds)
     try:
@@ -45,7 +45,7 @@ def interrupted_after(seconds: float) -> Iterator[None]:
 
 
 def test_a_search_ends_when_it_is_interrupted() -> None:
-    """Else all 64,000 combinations would be spliced before anybody looks."""
+    """Otherwise all 64,000 combinations would be spliced before the interruption is noticed."""
     graph = graph_of([f"{op} {op}{at} -> {op.lower()}{at}" for at in range(40) for op in "ABC"])
     before = graph.SerializeToString()
     rule = (["A:0->1", "B:2->3", "C:4->5"], ["#0", "#1", "#2", "Clip:1->9"])
@@ -55,7 +55,7 @@ def test_a_search_ends_when_it_is_interrupted() -> None:
 
 
 def test_a_round_ends_when_it_is_interrupted() -> None:
-    """Built-in callbacks never enter Python, where the interpreter would look."""
+    """Built-in callbacks never enter Python, where the interpreter would notice the interruption."""
     graph = conv_relus(3000)
     with interrupted_after(0.02):
         quant.QuantConvTransformation().apply(graph)
@@ -103,7 +103,7 @@ def test_a_second_interruption_waits_until_all_is_undone() -> None:
 
 
 def interrupted_at_line(line: int, file: str, run: Callable[[], Any]) -> bool:
-    """Runs it with a Ctrl-C at the n-th line of that file; whether it got there."""
+    """Runs it with a Ctrl-C at the n-th line of that file; returns whether that line was reached."""
     lines = itertools.count(1)
     reached = False
 

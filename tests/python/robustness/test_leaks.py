@@ -1,4 +1,4 @@
-"""No entry of the three modules loses a reference or memory, whether it does its work, refuses or raises."""
+"""No entry of the three modules loses a reference or memory, whether it succeeds, refuses or raises."""
 
 import contextlib
 import copy
@@ -21,7 +21,7 @@ from onnxgraft.abstract_transformation import AbstractTransformation, find_occur
 from onnxgraft.transform_utilities import external_data_folder, get_init
 
 REPEATS = 25
-# Not among the objects that the garbage collector knows, but easily lost.
+# Not tracked by the garbage collector, but easily lost.
 PLAIN = (None, True, False, "", b"", 0.0, *range(-1, 10), "node", "name", "input", "FLOAT")
 
 
@@ -29,7 +29,7 @@ def counts() -> tuple[int, int]:
     """References to all long-lived objects, and blocks of memory."""
     gc.collect()
     references = map(sys.getrefcount, (*gc.get_objects(), *PLAIN))
-    # Immortal objects have huge counts, which older binaries change as they like.
+    # Immortal objects have huge counts, which older binaries change arbitrarily.
     return sum(count for count in references if count < 1 << 28), sys.getallocatedblocks()
 
 
@@ -41,13 +41,14 @@ def _growth(act: Callable[[], object]) -> float:
     for _ in range(2 * REPEATS):
         act()
     end = counts()
-    # What happens once, such as a cache that fills, is in both; what happens at each call is twice in the second.
+    # One-time effects, such as a cache that fills, are in both; effects of each call are twice in the second.
     return max((end[k] - middle[k]) - (middle[k] - start[k]) for k in (0, 1)) / REPEATS
 
 
 def leaks(act: Callable[[], object]) -> list[float]:
-    """What each call leaves behind, as six measurements; none if one of them found nothing: what else goes on in the
-    process hides no leak that is there at each call, but can look like one a few times.
+    """What each call leaves behind, in six measurements; empty if one of them found nothing.
+
+    Other activity in the process cannot hide a leak of each call, but can look like one a few times.
     """
     for _ in range(REPEATS):
         act()
@@ -88,7 +89,7 @@ def read(*names: Any) -> Callable[[], object]:
     return lambda: get_init(long, names)
 
 
-# Called with what they do not take as well.
+# Also called with wrong arguments.
 find: Any = find_occurrences
 folder: Any = external_data_folder
 method: Any = quant.QuantConvTransformation._on_replace_subgraph
@@ -148,7 +149,7 @@ def test_classes(name: str) -> None:
     turn = 0
 
     def act() -> None:
-        """In turn: undisturbed, and with a fault somewhere."""
+        """Alternating: undisturbed, and with a fault somewhere."""
         nonlocal turn
         turn += 1
         uses = Uses(1 + (turn * 97) % 1500 if turn % 2 else 0)

@@ -9,7 +9,7 @@ from pathlib import Path
 import pytest
 
 
-# Python 3.10 and 3.13 themselves come to a return without an exception, or lose a list.
+# Python 3.10 and 3.13 themselves return without an exception, or lose a list.
 @pytest.mark.skipif(sys.version_info[:2] != (3, 11), reason="other versions of Python do not survive it everywhere")
 def test_every_allocation_fails_once() -> None:
     pytest.importorskip("_testcapi", reason="this Python comes without its own test modules")

@@ -1,4 +1,4 @@
-"""Who comes in between: other threads, other greenlets, functions and classes put in the place of ours."""
+"""Interference: other threads, other greenlets, replaced functions and classes."""
 
 import threading
 from collections.abc import Callable
@@ -104,7 +104,7 @@ def test_a_second_call_from_within_is_refused_where_it_would_not_be_seen(asked: 
             assert quant.QuantGemmTransformation().apply(graph) == 0
             super()._update_tesselquant(graph, mapping, tessel_quant_idx)
 
-    assert Own().apply(convolutions()) == 3, "who may change anything may run passes"
+    assert Own().apply(convolutions()) == 3, "code that may change anything may run passes"
 
 
 def test_greenlets_may_switch_inside_of_a_callback() -> None:
@@ -176,7 +176,7 @@ def test_an_error_inside_of_a_callback_goes_on(dtype: Any, asked: Any) -> None:
     with pytest.raises(TimeoutError):
         quant.QuantConvTransformation().apply(graph)
     replaced = [node.op_type for node in graph.node]
-    # INT8: the first is refused, the second stays as it was left, the third was not called. Else it is the first.
+    # INT8: the first is refused, the second stays as it was left, the third was not called. Otherwise it is the first.
     conv = ["TesselQuant", "Conv", "TesselDequant"]
     assert replaced == (["Conv", *conv, "Conv"] if dtype is np.int8 else [*conv, "Conv", "Conv"])
 

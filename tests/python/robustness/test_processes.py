@@ -21,7 +21,7 @@ from onnxgraft.engine import rewrite
 
 
 def digest(name: str, draws: bool = False) -> str:
-    """Of what a class makes of three graphs; without what was drawn at random, as threads share the generator."""
+    """A digest of a class's results on three graphs, without random contents, since threads share the generator."""
     result = hashlib.sha256()
     for seed in range(3):
         graph = class_graph(name, seed)
@@ -52,7 +52,7 @@ def test_hash_seeds_and_the_protobuf_implementation_in_python(implementation: st
 
 
 def test_fast_paths_are_on() -> None:
-    """They know protobuf's containers by the names of their types, and another name would turn them off unseen."""
+    """They recognise protobuf's containers by their type names, and another name would silently disable them."""
     is_fast, graph = vars(abstract_transformation)["_is_fast"], GraphProto()
     expected = api_implementation.Type() != "python"
     assert [is_fast(field) for field in (graph.node, graph.initializer, graph.value_info)] == [expected] * 3
