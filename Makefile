@@ -1,15 +1,15 @@
-# One command per task; `make help` lists them. Everything that is made goes into .venv/ and build/.
-# Stamps: the tools are installed again when their list changes, the package when a file of it changes; the build
-# folder stays, so that only what changed is compiled.
+# One command per task; `make help` lists them. All results go into .venv/ and build/. Stamps: the tools are reinstalled
+# when their list changes, the package when a file of it changes. The build folder stays, so that only changed files are
+# compiled.
 
-# A folder named like a source file beside it (catalogue/, catalogue.cpp) is no program to build.
+# Without this, make treats a folder next to a source file (catalogue/, catalogue.cpp) as a program to build.
 MAKEFLAGS += --no-builtin-rules
 PYTHON ?= python3
 BIN := .venv/bin
-# The pinned tools come first, whatever the machine has.
+# The pinned tools come first, whatever versions the machine has.
 TOOLS := PATH="$(CURDIR)/$(BIN):$$PATH"
 PIP := $(BIN)/python -m pip --disable-pip-version-check install --quiet --no-input
-# The same, but nobody waits for a minute without a sign.
+# The same, but with progress for an installation that takes a minute.
 SHOWN_PIP := tools/show-progress $(filter-out --quiet,$(PIP)) --progress-bar off
 JOBS := $(shell nproc 2>/dev/null || echo 2)
 
@@ -17,7 +17,7 @@ PACKAGE_FILES := CMakeLists.txt pyproject.toml README.md LICENSE \
   $(shell find src python cmake -name __pycache__ -prune -o -print 2>/dev/null)
 CPP_FILES := $(shell find src tests/core tests/fuzz bench -name '*.cpp' -o -name '*.h' 2>/dev/null)
 PYTHON_DIRS := python tests/python bench tools
-# The extension modules; their stubs have to agree with them.
+# The extension modules; their stubs must agree with them.
 MODULES := $(addprefix onnxgraft.,abstract_transformation transform_utilities quant)
 
 .DELETE_ON_ERROR:
@@ -49,7 +49,7 @@ test: .venv/installed .venv/test-tools ## Run all tests: ctest for the core, pyt
 	$(BIN)/python -m pytest || status=1; \
 	exit $$status
 
-sanitize: .venv/installed .venv/test-tools ## Run all tests with address and undefined-behaviour sanitizers, and look for leaks
+sanitize: .venv/installed .venv/test-tools ## Run all tests with address and undefined-behaviour sanitizers, and find leaks
 	@tools/require-googletest
 	@$(TOOLS) cmake --preset asan -DPython_EXECUTABLE="$(CURDIR)/$(BIN)/python" >/dev/null
 	@$(TOOLS) cmake --build --preset asan -- --quiet
@@ -62,7 +62,7 @@ SECONDS ?= 300
 fuzz: .venv/installed .venv/test-tools ## Search for faults at random, the notation for SECONDS (300; needs clang), then graphs
 	@$(TOOLS) tools/run-fuzzers $(BIN)/python $(SECONDS)
 
-matrix: .venv/tools ## Run the tests on each Python found, with the oldest and the newest packages (TESTS="tests/python/...")
+matrix: .venv/tools ## Run the tests on each installed Python, with the oldest and the newest packages (TESTS="tests/python/...")
 	@$(TOOLS) $(BIN)/python -m tools.matrix $(TESTS)
 
 lint: .venv/installed .venv/test-tools .venv/lint-tools ## Check formats, types and the C++ code
@@ -76,7 +76,7 @@ lint: .venv/installed .venv/test-tools .venv/lint-tools ## Check formats, types 
 	@$(TOOLS) cmake --preset dev -DPython_EXECUTABLE="$(CURDIR)/$(BIN)/python" >/dev/null
 	@$(MAKE) --no-print-directory -j$(JOBS) tidy
 
-# Each file is looked at again when it or any header changed.
+# A file is checked again when it or any header changed.
 tidy: $(patsubst %,build/tidy/%.ok,$(filter %.cpp,$(CPP_FILES)))
 
 build/tidy/%.ok: % .clang-tidy $(filter %.h,$(CPP_FILES))
@@ -84,12 +84,12 @@ build/tidy/%.ok: % .clang-tidy $(filter %.h,$(CPP_FILES))
 	$(BIN)/clang-tidy --quiet -p build/dev $<
 	@touch $@
 
-format: .venv/lint-tools ## Bring all code into the project's format
+format: .venv/lint-tools ## Reformat all code
 	$(BIN)/ruff check --select I --fix $(PYTHON_DIRS)
 	$(BIN)/ruff format $(PYTHON_DIRS)
 	$(BIN)/clang-format -i $(CPP_FILES)
 
-bench: .venv/installed build/bench/floors.built build/bench/venv/installed ## Measure speed, beside other tools too (GROUP="floors peers ..." for a part); writes build/bench.json
+bench: .venv/installed build/bench/floors.built build/bench/venv/installed ## Measure speed, also of other tools (GROUP="floors peers ..." for a part); writes build/bench.json
 	@$(RUN_BENCH) $(GROUP)
 
 bench-docs: bench
@@ -103,7 +103,7 @@ build/bench/floors.built: .venv/tools $(wildcard bench/floors/*) $(wildcard src/
 	@$(TOOLS) cmake --build build/bench --target floors -- --quiet
 	@touch $@
 
-# The other tools; what .venv has is seen from here, since one line of a .pth file puts it on the path.
+# The other tools. They see the packages of .venv, since one line of a .pth file puts these on the path.
 build/bench/venv/installed: requirements/bench.txt .venv/tools
 	@echo "Installing the other tools"
 	@$(BIN)/python -m venv build/bench/venv
@@ -112,7 +112,7 @@ build/bench/venv/installed: requirements/bench.txt .venv/tools
 	@build/bench/venv/bin/python -m pip --disable-pip-version-check install --quiet --no-input -r $<
 	@touch $@
 
-accuracy: .venv/installed build/accuracy/venv/installed build/accuracy/wheels/unpacked ## Measure what quantized networks answer (half an hour); writes docs/use/accuracy.md
+accuracy: .venv/installed build/accuracy/venv/installed build/accuracy/wheels/unpacked ## Measure the accuracy of quantized networks (half an hour); writes docs/use/accuracy.md
 	@build/accuracy/venv/bin/python -m bench.accuracy
 
 build/accuracy/venv/installed: requirements/accuracy.txt .venv/tools
@@ -123,7 +123,7 @@ build/accuracy/venv/installed: requirements/accuracy.txt .venv/tools
 	@build/accuracy/venv/bin/python -m pip --disable-pip-version-check install --quiet --no-input -r $<
 	@touch $@
 
-# Their pipelines are imported from where they are unpacked; what they need is in the list above.
+# Their pipelines are imported from the unpacked folder; their dependencies are in the list above.
 build/accuracy/wheels/unpacked: requirements/accuracy-models.txt .venv/tools
 	@echo "Downloading trained models"
 	@mkdir -p build/accuracy/wheels
@@ -166,10 +166,10 @@ docs-check: .venv/installed
 	@$(BIN)/python -m tools.command_reference --check
 	@$(BIN)/python -m tools.json_reference --check
 
-wheel: .venv/tools ## Make an audited wheel for each Python found, and try it in a fresh environment (build/dist/)
+wheel: .venv/tools ## Make an audited wheel for each installed Python, and try it in a fresh environment (build/dist/)
 	@$(BIN)/python -m tools.packages wheel
 
-sdist: .venv/tools ## Make the source distribution; build and try it in a fresh environment for each Python found
+sdist: .venv/tools ## Make the source distribution; build and try it in a fresh environment for each installed Python
 	@$(BIN)/python -m tools.packages sdist
 
 clean: ## Remove .venv/ and build/

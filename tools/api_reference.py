@@ -20,9 +20,9 @@ from tools.docstrings import render
 PAGE = Path(__file__).resolve().parents[1] / "docs/reference/api.md"
 INTRODUCTION = """# API reference
 
-Made from the code by `make docs`. The functions in front are what most programs need; all of them take part of the
-package by name, as in `onnxgraft.rewrite(...)`. [The transformations](transformations/README.md) have pages of their
-own; as classes they stand in `onnxgraft.quant`.
+Made from the code by `make docs`. The functions at the top are what most programs need. All are attributes of the
+package, as in `onnxgraft.rewrite(...)`. [The transformations](transformations/README.md) have pages of their
+own; their classes are in `onnxgraft.quant`.
 """
 
 ERRORS = """## Errors
@@ -115,7 +115,7 @@ def page() -> str:
     """The whole page.
 
     Raises:
-        ValueError: A public name of the package stands in no section.
+        ValueError: A public name of the package is missing from all sections.
     """
     shown = {name for _, _, names in SECTIONS for name in names}
     if missing := sorted(name for name in set(onnxgraft.__all__) - shown if not name.endswith("Error")):
@@ -189,7 +189,7 @@ def _annotation(annotation: Any) -> str:
 def main(arguments: Sequence[str] | None = None) -> int:
     """Runs the command line; returns the exit code."""
     parser = argparse.ArgumentParser(prog="python -m tools.api_reference")
-    parser.add_argument("--check", action="store_true", help="only say whether docs/reference/api.md is out of date")
+    parser.add_argument("--check", action="store_true", help="only report whether docs/reference/api.md is out of date")
     check = parser.parse_args(arguments).check
     text = page()
     if PAGE.exists() and PAGE.read_text() == text:

@@ -26,7 +26,7 @@ def render(text: str) -> Iterator[str]:
 
 
 def _items(lines: list[str]) -> Iterator[str]:
-    """Bullets for `name: text` lines; what is indented or has no name belongs to the line before."""
+    """Bullets for `name: text` lines; a line that is indented or has no name belongs to the line before."""
     for number, line in enumerate(lines):
         found = _ITEM.match(line)
         if found:

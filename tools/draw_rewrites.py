@@ -3,7 +3,7 @@
     python -m tools.draw_rewrites [--check]
 
 The pictures come from the class attributes alone. `--check` writes nothing and ends with 1 if a picture is missing, out
-of date or of no use any more.
+of date or no longer used.
 """
 
 from __future__ import annotations
@@ -35,7 +35,7 @@ def pictures() -> dict[str, str]:
 def main(arguments: list[str]) -> int:
     """Runs the command; returns the exit code."""
     parser = argparse.ArgumentParser(prog="draw_rewrites", description=__doc__.splitlines()[0])
-    parser.add_argument("--check", action="store_true", help="only say what is out of date")
+    parser.add_argument("--check", action="store_true", help="only report what is out of date")
     check = parser.parse_args(arguments).check
     made = pictures()
     FOLDER.mkdir(parents=True, exist_ok=True)

@@ -1,4 +1,4 @@
-"""Counts which transformation fires how often on exported models; writes the tables of docs/development/models.md.
+"""Counts how often each transformation fires on exported models; writes the tables of docs/development/models.md.
 
     python -m tools.firing_table [FOLDER] [--check]
 
@@ -38,7 +38,7 @@ def rows_of(folder: Path) -> Rows:
             "losses": losses(path, prepared),
             "recipe": asdict(run_recipe(path)),
         }
-        rows[path.stem] = json.loads(json.dumps(row))  # lists, as they come back from the file
+        rows[path.stem] = json.loads(json.dumps(row))  # lists, as JSON returns them
     return rows
 
 
@@ -52,9 +52,9 @@ def main(arguments: list[str]) -> int:
     """Runs the command; returns the exit code."""
     parser = argparse.ArgumentParser(prog="firing_table", description=__doc__.splitlines()[0])
     parser.add_argument("folder", nargs="?", type=Path, default=Path("examples/models"))
-    parser.add_argument("--check", action="store_true", help="only say what is out of date")
+    parser.add_argument("--check", action="store_true", help="only report what is out of date")
     options = parser.parse_args(arguments)
-    logging.getLogger("onnxgraft").addHandler(logging.NullHandler())  # failures stand in the tables
+    logging.getLogger("onnxgraft").addHandler(logging.NullHandler())  # the tables contain failures
     known: Rows = json.loads(DATA.read_text()) if DATA.exists() else {}
     rows = dict(sorted((known | rows_of(options.folder)).items()))
     made = {DATA: json.dumps(rows, indent=1) + "\n", PAGE: page_with(PAGE.read_text(), rows)}

@@ -1,10 +1,10 @@
-"""Makes models whose weights are larger than memory may be, quantizes them by the command line and tells what it took.
+"""Makes models whose weights exceed a memory limit, quantizes them on the command line and reports time and memory.
 
     python -m tools.large_models [--gigabytes 3 6] [--folder FOLDER]
 
-The weights are sparse files of zeros: reading them costs what other weights cost, but not their room on the disk. The
-command runs in a process of its own, whose largest resident memory the system tells at its end. It is compared with
-that of an interpreter that imports the same modules and does nothing.
+The weights are sparse files of zeros: reading them costs as much as reading other weights, but they take no room on
+disk. The command runs in a process of its own, and the system reports its largest resident memory at its end. It is
+compared with that of an interpreter that only imports the same modules.
 """
 
 from __future__ import annotations
@@ -24,7 +24,7 @@ from onnx import TensorProto, helper
 
 SIDE = 4096
 LARGEST = SIDE * SIDE * 4
-# Beyond interpreter and imports: this, and four times the largest weight.
+# The limit beyond interpreter and imports: this, and four times the largest weight.
 ALLOWANCE = 300 << 20
 
 _PEAK = "int(next(l for l in open('/proc/self/status') if l.startswith('VmHWM')).split()[1]) * 1024"
@@ -63,7 +63,7 @@ class Measurement:
 
     @property
     def bound(self) -> int:
-        """The memory that the run may take."""
+        """The memory limit of the run."""
         return self.imports + ALLOWANCE + 4 * self.largest
 
 
@@ -94,13 +94,13 @@ def make_model(path: Path, layers: int, side: int = SIDE) -> int:
 
 
 def measure(folder: Path, layers: int, side: int = SIDE, *options: str) -> Measurement:
-    """Makes a model in `folder`, runs `onnxgraft apply` over it, and removes both.
+    """Makes a model in `folder`, runs `onnxgraft apply` on it, and removes both.
 
     Args:
         folder: An empty place.
         layers: How many weights the model has.
         side: Each weight has side x side floats.
-        options: Further options of the command.
+        options: More options of the command.
     """
     model, output, results = folder / "model.onnx", folder / "out.onnx", folder / "results.json"
     weights = make_model(model, layers, side)
@@ -118,12 +118,12 @@ def measure(folder: Path, layers: int, side: int = SIDE, *options: str) -> Measu
 
 
 def main(arguments: Sequence[str] | None = None) -> None:
-    """Runs the command line; exit code 1 if a run took more memory than it may."""
+    """Runs the command line; exit code 1 if a run exceeded its memory limit."""
     parser = argparse.ArgumentParser(prog="python -m tools.large_models")
     parser.add_argument("--gigabytes", type=float, nargs="+", default=[3.0, 6.0], help="of weights, for each model")
-    parser.add_argument("--folder", type=Path, help="where the models are made for a while")
+    parser.add_argument("--folder", type=Path, help="a folder for the models during the run")
     options = parser.parse_args(arguments)
-    print("| Weights | Written | Time | Imports alone | Peak | Peak may be |\n|---|---|---|---|---|---|")
+    print("| Weights | Written | Time | Imports alone | Peak | Limit |\n|---|---|---|---|---|---|")
     results = []
     for gigabytes in options.gigabytes:
         with tempfile.TemporaryDirectory(prefix="onnxgraft-", dir=options.folder) as name:

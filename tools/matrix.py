@@ -2,8 +2,8 @@
 
     python -m tools.matrix [TEST ...]
 
-What goes into each environment is in requirements/matrix/; the environments stay in build/matrix/. Prints a table and
-writes it, with what failed, to build/matrix/results.md. ONNXGRAFT_PYTHONS names interpreters, as for tools.packages.
+The packages of each environment are in requirements/matrix/; the environments stay in build/matrix/. Prints a table and
+writes it, with the failures, to build/matrix/results.md. ONNXGRAFT_PYTHONS names interpreters, as for tools.packages.
 """
 
 from __future__ import annotations
@@ -91,7 +91,7 @@ def main(arguments: Sequence[str]) -> int:
 
 
 def table(results: Sequence[Result]) -> str:
-    """All runs as Markdown, and what failed."""
+    """All runs as Markdown, with their failures."""
     lines = [
         "| Python | numpy | onnx | protobuf | passed | skipped | failed | seconds |",
         "|---|---|---|---|---|---|---|---|",

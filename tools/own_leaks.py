@@ -1,6 +1,6 @@
 """Fails if a report of LeakSanitizer names this project's sources: `python -m tools.own_leaks FOLDER`.
 
-The interpreter and other extension modules leave much behind when a process ends; what is left of theirs is no concern.
+The interpreter and other extension modules leak much when a process ends; only this project's own leaks count.
 """
 
 from __future__ import annotations
@@ -22,7 +22,9 @@ def main(folder: Path) -> int:
     """Prints the project's own leaks; 1 if there are any, or no report at all."""
     reports = [path.read_text(errors="replace") for path in sorted(folder.iterdir())]
     if not any(_STACK.search(report) for report in reports):
-        print(f"no report of leaks in {folder}: the interpreter's own should be there", file=sys.stderr)
+        print(
+            f"no report of leaks in {folder}, although the interpreter's own leaks should be reported", file=sys.stderr
+        )
         return 1
     leaks = [stack for report in reports for stack in own_leaks(report)]
     print("\n\n".join(leaks) or f"no leaks of this project in {len(reports)} reports")

@@ -1,9 +1,9 @@
-"""Builds wheel or source distribution for every Python that is found, and tries it in a fresh environment.
+"""Builds a wheel or source distribution for every Python that is found, and tries it in a fresh environment.
 
     python -m tools.packages wheel|sdist
 
-Interpreters are looked for on PATH (python3.10 and newer) and among pyenv's, one for each version; ONNXGRAFT_PYTHONS,
-a list like PATH, names others instead. Results are in build/dist/.
+Interpreters are looked for on PATH (python3.10 and newer) and among pyenv's, one for each version. ONNXGRAFT_PYTHONS, a
+list like PATH, names others instead. Results are in build/dist/.
 """
 
 from __future__ import annotations
@@ -22,7 +22,7 @@ from tools.snippets import blocks
 ROOT = Path(__file__).resolve().parents[1]
 DIST = ROOT / "build/dist"
 OLDEST, NEWEST = 10, 15
-# What it takes to build from source: a compiler with its parts, make and CMake. No ninja.
+# The tools that a build from source needs: a compiler with its parts, make and CMake, but not ninja.
 COMPILER = ("c++", "g++", "cc", "gcc", "as", "ld", "ar", "ranlib", "nm", "strip", "make", "cmake", "sh", "uname")
 PIP = ("-m", "pip", "--disable-pip-version-check", "--no-input", "--quiet")
 _ABOUT = "import sys, sysconfig, os, ensurepip; print(sys.version_info[1], sys.implementation.name, \
@@ -33,7 +33,7 @@ print(', '.join(f'{name} {v(name)}' for name in ('numpy', 'onnx', 'protobuf', 'r
 
 
 def run(*command: str | Path, environment: dict[str, str] | None = None, folder: Path = ROOT) -> str:
-    """Runs a command and returns what it printed; a failing one ends the process with its output."""
+    """Runs a command and returns its output; a failing one ends the process with its output."""
     done = subprocess.run(
         [str(word) for word in command],
         cwd=folder,
@@ -83,7 +83,7 @@ def environment_in(folder: Path, interpreter: str, *requirements: str | Path) ->
 
 
 def build_wheel(interpreter: str, folder: Path) -> Path:
-    """Builds and repairs a wheel; the audit gives it the tag of the oldest systems that it runs on."""
+    """Builds and repairs a wheel; the audit tags it with the oldest systems that it runs on."""
     lists = [word for name in ("build", "package") for word in ("-r", ROOT / f"requirements/{name}.txt")]
     python = environment_in(folder / "tools", interpreter, *lists)
     path = {"PATH": f"{python.parent}{os.pathsep}{os.environ['PATH']}"}
@@ -107,7 +107,7 @@ def build_sdist(folder: Path) -> Path:
 
 
 def compiler_only(folder: Path) -> dict[str, str]:
-    """A PATH with nothing but a compiler, make and CMake."""
+    """A PATH with only a compiler, make and CMake."""
     folder.mkdir()
     for name in COMPILER:
         # Not pyenv's scripts: they need more than this.
@@ -118,7 +118,7 @@ def compiler_only(folder: Path) -> dict[str, str]:
 
 
 def try_out(python: Path, folder: Path) -> None:
-    """Uses an installed package as the README says: commands and snippets, far from the source tree."""
+    """Uses an installed package as the README describes: commands and snippets, outside of the source tree."""
     place = folder / "place"
     (place / "build").mkdir(parents=True)
     (place / "examples").symlink_to(ROOT / "examples")

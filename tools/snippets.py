@@ -1,4 +1,4 @@
-"""The code blocks of a page: what readers copy, so that it can be run as it stands."""
+"""The code blocks of a page, which readers copy, so that tests can run them unchanged."""
 
 from __future__ import annotations
 
@@ -16,7 +16,7 @@ class Block:
     """One fenced block.
 
     Attributes:
-        page: Where it stands.
+        page: The page that contains it.
         line: The number of its first line.
         language: `python`, `sh` and so on; empty if the fence does not say.
         text: The lines.
@@ -28,19 +28,19 @@ class Block:
     text: str
 
     def run_python(self, namespace: dict[str, object]) -> None:
-        """Executes a block of Python; what it raises names page and line."""
+        """Executes a block of Python; an exception names page and line."""
         padded = "\n" * (self.line - 1) + self.text
         exec(compile(padded, str(self.page), "exec"), namespace)
 
     def lines(self) -> Iterator[tuple[str, int]]:
-        """Yields each line of a block of sh with its continuations, and the exit code that its comment tells."""
+        """Yields each line of a block of sh with its continuations, and the exit code in its comment."""
         for line in self.text.replace("\\\n", " ").splitlines():
-            told = re.search(r"# exit code (\d+)", line)
+            stated = re.search(r"# exit code (\d+)", line)
             if line.strip():
-                yield line, int(told[1]) if told else 0
+                yield line, int(stated[1]) if stated else 0
 
     def commands(self) -> Iterator[tuple[list[str], int]]:
-        """Yields the words of each command of a block of sh, and the exit code that its comment tells, 0 without."""
+        """Yields the words of each command of a block of sh, and the exit code in its comment, 0 without one."""
         for line, code in self.lines():
             words = shlex.split(line, comments=True)
             if words:

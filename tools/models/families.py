@@ -1,4 +1,4 @@
-"""Families of example models: which files belong to them, which recipe is theirs and how the classes name them."""
+"""Families of example models: their files, their recipe and the name that the classes use for them."""
 
 from __future__ import annotations
 
@@ -18,7 +18,7 @@ class Family:
 
 @dataclass(frozen=True)
 class Network:
-    """What belongs to the files whose names begin with `prefix`."""
+    """The facts about the files whose names start with `prefix`."""
 
     prefix: str
     recipe: str
@@ -67,15 +67,15 @@ def family_of(model: str) -> Family:
 
 
 def network_of(model: str) -> Network:
-    """What is known of a file's stem.
+    """The known facts about a file's stem.
 
     Raises:
-        ValueError: The name begins with no known prefix.
+        ValueError: The name starts with no known prefix.
     """
     fitting = [network for network in _NETWORKS if model.startswith(network.prefix)]
     if not fitting:
         known = ", ".join(network.prefix for network in _NETWORKS)
-        raise ValueError(f"{model} belongs to no family; the names of models begin with {known}")
+        raise ValueError(f"{model} does not belong to a family; the names of models start with {known}")
     return max(fitting, key=lambda network: len(network.prefix))
 
 

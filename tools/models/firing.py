@@ -1,7 +1,7 @@
 """Counts how often each transformation fires on a model, alone and in the order of the recipes.
 
-Every count starts from the quantized graph. "Alone" takes a fresh copy of it for each transformation; "in order" lets
-each one see what those before it left. One that fails is undone, and the next one goes on.
+Every count starts from the quantized graph. "Alone" applies each transformation to a fresh copy of it; "in order"
+applies each one to the result of those before it. One that fails is undone, and the next one goes on.
 """
 
 from __future__ import annotations
@@ -38,7 +38,7 @@ ORDER = (
 
 @dataclass(frozen=True)
 class Firing:
-    """What one transformation did: a count and how many occurrences its callback refused, or the error it raised."""
+    """The result of one transformation: its count and its callback's refusals, or the error that it raised."""
 
     replaced: int = 0
     refused: int = 0
@@ -47,7 +47,7 @@ class Firing:
 
 @dataclass(frozen=True)
 class Miss:
-    """How far the best pattern of a transformation got when its turn came."""
+    """How far the best pattern of a transformation got at its turn."""
 
     pair: int
     matched: int
@@ -68,7 +68,7 @@ class ModelFirings:
 
 @dataclass(frozen=True)
 class RecipeRun:
-    """What the network's recipe did; sizes are those after quantizing and at the end."""
+    """The result of the network's recipe; the sizes are those after quantizing and at the end."""
 
     recipe: str
     rounds: int
@@ -91,7 +91,7 @@ def measure(path: Path, *, prepared: bool) -> ModelFirings:
 
 
 def losses(path: Path, whole: ModelFirings) -> dict[str, dict[str, tuple[int, int]]]:
-    """For each preparation step that changes the file: the counts that are others without it, as (with, without)."""
+    """For each preparation step that changes the file: the counts that differ without it, as (with, without)."""
     lost = {}
     counts = {**whole.quantized, **{name: firing.replaced for name, firing in whole.in_order.items()}}
     for step in whole.preparation:

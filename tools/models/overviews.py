@@ -1,4 +1,4 @@
-"""Tables over all models: what each preparation step is for, and what the recipes do."""
+"""Tables over all models: the purpose of each preparation step, and the results of the recipes."""
 
 from __future__ import annotations
 

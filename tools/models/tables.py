@@ -15,7 +15,7 @@ Row = dict[str, Any]
 
 
 def render(rows: dict[str, Row]) -> str:
-    """All tables: what holds for every model first, then family by family."""
+    """All tables: facts about every model first, then family by family."""
     parts = [
         "### What each preparation step is for\n",
         step_table(rows),
@@ -104,5 +104,5 @@ def _silent(rows: dict[str, Row]) -> Iterator[str]:
 
 
 def _reason(text: str) -> str:
-    """The part after the count, which has a column of its own."""
+    """The part after the count; the count has a column of its own."""
     return re.sub(r"^\d+ of \d+ pattern nodes matched[^;]*; ", "", text).replace("|", "\\|")

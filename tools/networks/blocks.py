@@ -1,4 +1,4 @@
-"""What several of the networks are made of."""
+"""Blocks that several of the networks use."""
 
 from __future__ import annotations
 
@@ -10,14 +10,14 @@ def conv_norm(
     inputs: int, outputs: int, kernel: int = 1, stride: int = 1, *,
     groups: int = 1, dilation: int = 1, act: nn.Module | None = None,
 ) -> nn.Sequential:  # fmt: skip
-    """A convolution that keeps the size but for its stride, a normalization and an activation (none without one)."""
+    """A convolution that keeps the size except for its stride, a normalization and an activation (or none)."""
     padding = dilation * (kernel // 2)
     convolution = nn.Conv2d(inputs, outputs, kernel, stride, padding, dilation, groups, bias=False)
     return nn.Sequential(convolution, nn.BatchNorm2d(outputs), act if act is not None else nn.Identity())
 
 
 class SqueezeExcite(nn.Module):
-    """Channels weighted by what their means say."""
+    """Weights the channels by a function of their means."""
 
     def __init__(self, channels: int, inner: int, gate: nn.Module) -> None:
         super().__init__()
@@ -31,7 +31,7 @@ class SqueezeExcite(nn.Module):
 
 
 class Bottleneck(nn.Module):
-    """Three convolutions, the middle one 3 x 3, and a shortcut that is a convolution where the shape changes."""
+    """Three convolutions, the middle one 3 x 3, and a shortcut with a convolution if the shape changes."""
 
     def __init__(self, inputs: int, inner: int, outputs: int, stride: int = 1, dilation: int = 1) -> None:
         super().__init__()
@@ -54,7 +54,7 @@ def head(channels: int, classes: int = 10) -> nn.Sequential:
 
 
 def randomize(network: nn.Module) -> nn.Module:
-    """Other statistics than 0 and 1 for the normalizations, so that folding them changes numbers."""
+    """Statistics other than 0 and 1 for the normalizations, so that folding them changes numbers."""
     generator = torch.Generator().manual_seed(1)
     for module in network.modules():
         if isinstance(module, nn.BatchNorm2d):

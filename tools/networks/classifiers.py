@@ -10,7 +10,7 @@ from tools.networks.blocks import SqueezeExcite, conv_norm, head
 
 
 class _DenseLayer(nn.Sequential):
-    """Normalizations before the convolutions; its input goes on beside its output."""
+    """Normalizations before the convolutions; the output is joined with the input."""
 
     def __init__(self, inputs: int, growth: int) -> None:
         super().__init__(
@@ -48,7 +48,7 @@ class DenseNet(nn.Sequential):
 
 
 class _Ghost(nn.Module):
-    """Half of the channels by a convolution, the others by a cheap one of these; cut to the number asked for."""
+    """Half of the channels from a convolution, the rest from a cheap one on these; cut to the requested number."""
 
     def __init__(self, inputs: int, outputs: int, *, relu: bool) -> None:
         super().__init__()
@@ -80,7 +80,7 @@ class _GhostBottleneck(nn.Module):
 
 
 class GhostNet(nn.Sequential):
-    """Bottlenecks of cheap channels, some with a gate; one width is odd, so that one cut is none."""
+    """Bottlenecks of cheap channels, some with a gate; one width is odd, so one cut removes a channel."""
 
     def __init__(self) -> None:
         super().__init__(

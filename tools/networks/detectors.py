@@ -24,7 +24,7 @@ class _Bottleneck(nn.Module):
 
 
 class _SplitStage(nn.Module):
-    """YOLOv8: halves of a convolution, one goes through a chain, everything on the way is joined."""
+    """YOLOv8: halves of a convolution, one goes through a chain, all intermediate results are joined."""
 
     def __init__(self, inputs: int, outputs: int, count: int = 1, *, add: bool = False) -> None:
         super().__init__()
@@ -73,7 +73,7 @@ class _Pyramid(nn.Module):
     def __init__(self, stage: type[nn.Module], widths: tuple[int, int, int], *, lateral: bool) -> None:
         super().__init__()
         fine, middle, coarse = widths
-        up = (middle, fine) if lateral else (coarse, middle)  # channels of what is enlarged
+        up = (middle, fine) if lateral else (coarse, middle)  # channels of the enlarged map
         self.lateral = nn.ModuleList(
             (_conv(coarse, middle), _conv(middle, fine)) if lateral else (nn.Identity(), nn.Identity())
         )
@@ -92,7 +92,7 @@ class _Pyramid(nn.Module):
 
 
 class YoloV8(nn.Module):
-    """Boxes as distributions over 16 distances, classes beside them."""
+    """Boxes as distributions over 16 distances, joined with the classes."""
 
     bins = 16
 

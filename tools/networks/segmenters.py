@@ -28,7 +28,7 @@ class _Pyramid(nn.Module):
 
 
 class DeepLab(nn.Module):
-    """A ResNet whose last stages are dilated, the pyramid, and the image's size again."""
+    """A ResNet with dilated last stages, the pyramid, and a resize back to the size of the image."""
 
     def __init__(self, classes: int = 5) -> None:
         super().__init__()
@@ -56,7 +56,7 @@ class _Block(nn.Module):
 
 
 class _Exchange(nn.Module):
-    """Branches of one resolution each; what leaves one is the sum of all, brought to its resolution."""
+    """Branches of one resolution each; each output is the sum of all, resized to its resolution."""
 
     def __init__(self, widths: Sequence[int]) -> None:
         super().__init__()
