@@ -1,1 +1,1 @@
-"""Speed as ratios of one run, so that the numbers mean the same on every machine."""
+"""Speed as ratios within one run, so that the numbers mean the same on every machine."""

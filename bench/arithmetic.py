@@ -1,4 +1,4 @@
-"""The arithmetic of quantizing a Conv: what every tool has to compute, and the floor made of nothing else.
+"""The arithmetic of quantizing a Conv: the part that every tool must compute, and the floor that is only this part.
 
 The calls are those of the library, in its order, so that all tools draw the same numbers from the same seed.
 """
@@ -40,20 +40,20 @@ def quantize_attributes() -> list[onnx.AttributeProto]:
 
 
 def weights_and_biases(graph: onnx.GraphProto) -> Tensors:
-    """The tensors of each Conv of `graph`; None for a bias that it has not."""
+    """The tensors of each Conv of `graph`; None for a missing bias."""
     tensors = {tensor.name: tensor for tensor in graph.initializer}
     inputs = [[*node.input, ""] for node in graph.node if node.op_type == "Conv"]
     return [(tensors[names[1]], tensors.get(names[2])) for names in inputs]
 
 
 def quantize(pairs: Tensors, kept_in: onnx.GraphProto | None = None) -> None:
-    """Floor F3: makes what quantize nodes, weights, biases and scales are made of, and drops it.
+    """Floor F3: computes the contents of quantize nodes, weights, biases and scales, and drops them.
 
     No matching, no splicing, no look-up. The weight is read twice: for its precision, then for its shape.
 
     Args:
-        pairs: What is quantized.
-        kept_in: A graph that gets the tensors, so that their memory cannot be used again for the next ones.
+        pairs: The tensors to quantize.
+        kept_in: A graph that receives the tensors, so that their memory cannot be reused for the next ones.
     """
     for weight, bias in pairs:
         numpy_helper.to_array(weight)

@@ -1,4 +1,4 @@
-"""A form of a graph in which names, node order and the way a tensor keeps its bytes make no difference."""
+"""A form of a graph that ignores names, node order and the way in which a tensor stores its bytes."""
 
 from __future__ import annotations
 
@@ -50,7 +50,7 @@ class _Form:
 
 
 def difference(graph: onnx.GraphProto, other: onnx.GraphProto, values: bool = True) -> str | None:
-    """What tells two graphs apart, or None where both compute the same from the same tensors.
+    """The difference of two graphs, or None if both compute the same from the same tensors.
 
     Args:
         graph: A graph in topological order.
@@ -61,7 +61,7 @@ def difference(graph: onnx.GraphProto, other: onnx.GraphProto, values: bool = Tr
     for what in ("initializers", "nodes", "outputs"):
         first, second = Counter(getattr(one, what)), Counter(getattr(two, what))
         if first != second:
-            return f"{_total(first - second)} and {_total(second - first)} {what} without a partner"
+            return f"{_total(first - second)} and {_total(second - first)} {what} without a counterpart"
     return None
 
 

@@ -1,4 +1,4 @@
-"""What a run yields: figures with their aims, times of the tools on the same work. Kept as JSON."""
+"""The results of a run: figures with their aims, times of the tools on the same work. Kept as JSON."""
 
 from __future__ import annotations
 
@@ -16,7 +16,7 @@ PACKAGES = ("onnx-graft", "onnx", "numpy", "protobuf")
 
 @dataclass(frozen=True)
 class Figure:
-    """One amount over another, in the same unit, and what the quotient should not exceed."""
+    """One amount over another, in the same unit, and the limit for the ratio."""
 
     name: str
     measured: float
@@ -27,7 +27,7 @@ class Figure:
 
     @property
     def value(self) -> float:
-        """The quotient."""
+        """The ratio."""
         return self.measured / self.against
 
     @property
@@ -38,17 +38,17 @@ class Figure:
 
 @dataclass(frozen=True)
 class Entry:
-    """One tool on one piece of work: the whole way from protobuf to protobuf, and the part without conversion."""
+    """One tool on one piece of work: the whole path from protobuf to protobuf, and the part without conversion."""
 
     tool: str
     seconds: float
     rewriting_seconds: float
-    checked: str  # what was found equal to the result of onnx-graft
+    checked: str  # what was equal to the result of onnx-graft
 
 
 @dataclass(frozen=True)
 class Contest:
-    """All tools on one piece of work, and the floor that none can fall below."""
+    """All tools on one piece of work, and the floor that none can undercut."""
 
     work: str
     occurrences: int
@@ -60,7 +60,7 @@ class Contest:
 
 @dataclass
 class Results:
-    """Everything measured, by group, and what it was measured on."""
+    """Everything measured, by group, and the facts about the machine."""
 
     figures: dict[str, list[Figure]] = field(default_factory=dict)
     contests: list[Contest] = field(default_factory=list)
@@ -89,7 +89,7 @@ class Results:
 
 
 def machine(packages: Sequence[str] = ()) -> dict[str, Any]:
-    """What the figures depend on: Python, processors, versions; of packages that are not installed, None."""
+    """The facts that the figures depend on: Python, processors, versions; None for packages that are not installed."""
     return {
         "python": platform.python_version(),
         "system": f"{platform.system()} {platform.machine()}",

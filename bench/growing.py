@@ -1,4 +1,4 @@
-"""How the time of a rewrite grows with the graph: ten times as much work in a fair number of times the time."""
+"""How the time of a rewrite grows with the graph: ten times as much work, compared fairly with ten small runs."""
 
 from __future__ import annotations
 
@@ -25,20 +25,20 @@ def growth(
     per_link: int = 1,
     patience: float = 10.0,
 ) -> Figure:
-    """Seconds at the largest length that is within reason over seconds at the one before.
+    """Seconds at the largest feasible length over seconds at the one before.
 
-    The shorter graph is rewritten as often as makes the work of the longer one, in copies that are all made before. So
-    both begin with as many nodes in memory that the processor has not just touched, and both are disturbed for as long.
-    What comes out against a single short graph, rewritten as soon as it was copied, stands in the figure's note.
+    The shorter graph is rewritten as often as makes up the work of the longer one, in copies that are all made
+    beforehand. So both start with as many nodes in cold memory, and both run for as long. The figure's note states the
+    ratio to a single short graph that is rewritten right after it was copied.
 
     Args:
         name: What is measured.
-        rewrite: What is run.
+        rewrite: The rewrite to run.
         graph_of: Makes the graph of a length.
-        lengths: In rising order, three at least; runs of the first ones tell how long the others would take.
-        longest: Seconds that one run may take; lengths beyond are left out, which the figure's note says.
+        lengths: In rising order, three at least; runs of the first ones predict the time of the others.
+        longest: Seconds that one run may take; longer lengths are left out, and the figure's note reports it.
         per_link: Occurrences per unit of length.
-        patience: Seconds after which no further round begins.
+        patience: Seconds after which no further round starts.
     """
     print(f"measuring growth of {name}", file=sys.stderr)
     taken: list[float] = []

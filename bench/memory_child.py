@@ -29,10 +29,10 @@ def _status(field: str) -> int:
 
 
 def _settle() -> int:
-    """Gives free memory back, so that it cannot hide what is taken later; returns what is resident."""
+    """Returns free memory to the system, so that it cannot hide later allocations; returns the resident memory."""
     gc.collect()
     ctypes.CDLL(None).malloc_trim(0)
-    (_PROCESS / "clear_refs").write_text("5")  # the peak starts anew
+    (_PROCESS / "clear_refs").write_text("5")  # resets the peak
     return _status("VmRSS")
 
 
@@ -55,13 +55,13 @@ def _rewritten(peer: peers.Peer, model: onnx.ModelProto) -> object:
 
 def main(name: str, *paths: str) -> None:
     work = _work(name)
-    work(chain_model("merge" if name == "merge" else "conv", 1))  # what is loaded on first use
+    work(chain_model("merge" if name == "merge" else "conv", 1))  # modules that are loaded on first use
     empty = _settle()
     models = [onnx.load(path) for path in paths]
     _settle()
     result = work(models[0])
     print(_status("VmHWM") - empty)
-    del result  # it lived until its peak was read
+    del result  # keeps the result alive until its peak was read
 
 
 if __name__ == "__main__":

@@ -1,4 +1,4 @@
-"""Whole networks with random weights, made by script: the topology is what counts."""
+"""Whole networks with random weights, made by script: only the topology counts."""
 
 from __future__ import annotations
 
@@ -91,7 +91,7 @@ def _attention(net: _Network, x: str, width: int, heads: int) -> str:
 
 
 def bert(layers: int = 12, width: int = 48, heads: int = 12) -> onnx.ModelProto:
-    """The encoder of BERT-base by its nodes, narrow: what its weights hold takes no part in matching."""
+    """The encoder of BERT-base by its nodes, narrow: the values of its weights play no part in matching."""
     net = _Network("bert")
     x = net.node("Gather", net.tensor(100, width), "tokens")
     x = _normalized(net, x, width)

@@ -1,4 +1,4 @@
-"""Chains of a transformation's own occurrences, built from its pattern lists, with tensors as small as they may be."""
+"""Chains of a transformation's own occurrences, built from its pattern lists, with the smallest possible tensors."""
 
 from __future__ import annotations
 
@@ -20,7 +20,7 @@ _VALUES = np.ones(_CHANNELS, np.float32)
 _MATRIX = np.ones((1, 1), np.float32)
 _KERNEL = np.ones((_CHANNELS, 1, 1, 1), np.int8)
 
-# What the initializers of an operator hold, by input position.
+# The contents of an operator's initializers, by input position.
 _TENSORS: dict[str, Sequence[npt.NDArray[np.generic]]] = {
     "Conv": (_EMPTY, _KERNEL, np.ones(_CHANNELS, np.int32)),
     "Gemm": (_EMPTY, _MATRIX, _VALUES),
@@ -40,7 +40,7 @@ _ATTRIBUTES: dict[str, list[onnx.AttributeProto]] = {
 
 
 class _Chain:
-    """A graph that grows by one occurrence after the other, with a node of another operator between them."""
+    """A graph that grows by one occurrence after another, with a node of another operator between them."""
 
     def __init__(self, transformation: Transformation, between: str) -> None:
         self.between = between
@@ -56,11 +56,11 @@ class _Chain:
     def initializer(self, op: str, position: int, name: str) -> None:
         values = _TENSORS[op][min(position, len(_TENSORS[op]) - 1)]
         if op == "Conv" and self.transformation.name == "quant_conv":
-            values = values.astype(np.float32)  # of type INT8 it is refused
+            values = values.astype(np.float32)  # of type INT8 it would be refused
         self.graph.initializer.append(numpy_helper.from_array(values, name))
 
     def outside(self, name: str, first: bool) -> str:
-        """A tensor from outside the occurrence: the chain for the first input, or what the callback asks for."""
+        """A tensor from outside the occurrence: the chain for the first input, or what the callback requires."""
         if self.transformation.name == "replace_concat_quant_v10":
             self.initializer("TesselDequant", 1, f"{name}_scale")
             self.node("TesselDequant", [self.last, f"{name}_scale"], f"{name}_float")
@@ -100,7 +100,7 @@ class _Chain:
 
 
 def chain(transformation: Transformation, length: int, between: str = "Identity") -> GraphProto:
-    """`length` occurrences, of the transformation's pairs in turn; `between` is "Identity" or "Conv"."""
+    """`length` occurrences, alternating over the transformation's pairs; `between` is "Identity" or "Conv"."""
     growing = _Chain(transformation, between)
     for number in range(length):
         growing.occurrence(transformation.pairs[number % len(transformation.pairs)][0])

@@ -1,6 +1,6 @@
-"""The measured part of docs/development/speed.md: tables in Markdown between two marks, and a picture beside the page.
+"""The measured part of docs/development/speed.md: tables in Markdown between two marks, and a picture next to the page.
 
-python -m bench.page    takes them from build/bench.json, which has to be that of a whole run
+python -m bench.page    reads them from build/bench.json, which must be that of a whole run
 """
 
 from __future__ import annotations
@@ -84,7 +84,7 @@ def picture(contests: list[Contest]) -> str:
 
 
 def main() -> int:
-    """Renews docs/development/; returns the exit code."""
+    """Regenerates the page in docs/development/; returns the exit code."""
     source = Path("build/bench.json")
     results = Results.read(source)
     if results.facts["tiny"] or (missing := GROUPS.keys() - results.figures.keys()):

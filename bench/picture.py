@@ -1,4 +1,4 @@
-"""Horizontal bars on one logarithmic scale, as SVG that every viewer shows the same; a background of its own."""
+"""Horizontal bars on one logarithmic scale, as SVG that every viewer shows the same; with its own background."""
 
 from __future__ import annotations
 
@@ -17,7 +17,7 @@ _INK, _GREY, _GRID, _OWN, _OTHER = "#1f2937", "#6b7280", "#e5e7eb", "#2563eb", "
 
 @dataclass(frozen=True)
 class Bar:
-    """A name with a positive number; `own` stands out."""
+    """A name with a positive number; `own` highlights it."""
 
     name: str
     value: float
@@ -33,7 +33,7 @@ class Panel:
 
 
 def draw(title: str, panels: Sequence[Panel]) -> str:
-    """The whole picture; the axis begins at 1 or, if a value is smaller, at a power of two below it."""
+    """The whole picture; the axis starts at 1 or, if a value is smaller, at a power of two below it."""
     values = [bar.value for panel in panels for bar in panel.bars]
     low = 2.0 ** math.floor(math.log2(min(values, default=1.0) * 0.999)) if min(values, default=1.0) < 1 else 1.0
     top = max([10.0, *values])

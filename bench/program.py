@@ -1,4 +1,4 @@
-"""The benchmark's command line: runs groups, shows and keeps what they yield."""
+"""The benchmark's command line: runs groups, shows and keeps their results."""
 
 from __future__ import annotations
 
@@ -16,10 +16,12 @@ from bench.sizes import TINY, Sizes
 
 def main(arguments: list[str]) -> int:
     """Runs the command; returns the exit code."""
-    parser = argparse.ArgumentParser(prog="bench", description="Measures speed as ratios of one run.")
+    parser = argparse.ArgumentParser(prog="bench", description="Measures speed as ratios within one run.")
     parser.add_argument("groups", nargs="*", metavar="GROUP", help=f"{', '.join(GROUPS)}; all if none is given")
-    parser.add_argument("--json", type=Path, default=Path("build/bench.json"), help="where the results are kept")
-    parser.add_argument("--tiny", action="store_true", help="tiny sizes, whose figures say nothing, to try the program")
+    parser.add_argument("--json", type=Path, default=Path("build/bench.json"), help="where to keep the results")
+    parser.add_argument(
+        "--tiny", action="store_true", help="tiny sizes, only to try the program; their figures mean nothing"
+    )
     options = parser.parse_args(arguments)
     if unknown := set(options.groups) - GROUPS.keys():
         parser.error(f"unknown group {', '.join(sorted(unknown))}; the groups are {', '.join(GROUPS)}")

@@ -11,14 +11,14 @@ from bench.groups import GROUPS
 
 
 def amount(value: float, unit: str) -> str:
-    """Seconds as milliseconds or seconds, with three digits that count."""
+    """Seconds as milliseconds or seconds, with three significant digits."""
     if unit == "s" and value < 1:
         return f"{1000 * value:.3g} ms"
     return f"{value:.3g} {unit}" if value < 1000 else f"{value:,.0f} {unit}"
 
 
 def ratio(value: float) -> str:
-    """Two decimals; below 1 three digits that count."""
+    """Two decimals; below 1 three significant digits."""
     return f"{value:.3g}" if value < 1 else f"{value:,.2f}"
 
 

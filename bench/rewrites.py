@@ -1,4 +1,4 @@
-"""The rewrites that are measured, ready for `fastest`: each call works on a copy of its own and is counted."""
+"""The measured rewrites, ready for `fastest`: each call works on a copy of its own and its count is checked."""
 
 from __future__ import annotations
 
@@ -31,7 +31,7 @@ def without_operators(graph: onnx.GraphProto) -> int:
 
 
 def on_copies(rewrite: Rewrite, graph: onnx.GraphProto, expected: int, copies: int = 1) -> Prepare:
-    """Prepares runs of a rewrite on so many copies, in each of which it has to replace `expected` occurrences."""
+    """Prepares runs of a rewrite on so many copies; in each of them it must replace `expected` occurrences."""
 
     def prepare() -> Work:
         made = [copy_of(graph) for _ in range(copies)]
@@ -39,7 +39,7 @@ def on_copies(rewrite: Rewrite, graph: onnx.GraphProto, expected: int, copies: i
         def work() -> None:
             for copy in made:
                 if (replaced := rewrite(copy)) != expected:
-                    raise RuntimeError(f"{graph.name}: {replaced} occurrences replaced, {expected} are there")
+                    raise RuntimeError(f"{graph.name}: {replaced} of {expected} occurrences replaced")
 
         return work
 

@@ -1,4 +1,4 @@
-"""How large the work is: as published, or tiny, to see that the program runs."""
+"""The sizes of the work: as published, or tiny, to check that the program runs."""
 
 from __future__ import annotations
 
@@ -19,8 +19,8 @@ class Sizes:
     details: int = 3_000
     processes: int = 10
     rounds: int = 7
-    patience: float = 15.0  # seconds; no further round begins after that
-    longest: float = 30.0  # seconds; work that would take longer is not begun
+    patience: float = 15.0  # seconds; no further round starts after that
+    longest: float = 30.0  # seconds; longer work is not started
 
 
 TINY = Sizes(

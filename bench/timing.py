@@ -1,4 +1,4 @@
-"""Measuring things against each other, in processor time: what else runs on the machine counts less."""
+"""Measures things against each other in processor time, so that other programs on the machine count less."""
 
 from __future__ import annotations
 
@@ -14,12 +14,12 @@ _PATIENCE = 10.0
 
 
 def fastest(contenders: Mapping[str, Prepare], rounds: int, patience: float = _PATIENCE) -> dict[str, float]:
-    """Runs all in turn, up to `rounds` times, and takes the fastest of each, which is the least disturbed one.
+    """Runs all of them alternating, up to `rounds` times, and takes the fastest run of each, the least disturbed one.
 
     Args:
-        contenders: By name, what makes a call of the thing measured; the time of making it does not count.
+        contenders: By name, a function that prepares a call of the thing measured; preparing does not count.
         rounds: How often; fewer if that would take longer than `patience`, but once at least.
-        patience: Seconds after which no further round begins.
+        patience: Seconds after which no further round starts.
 
     Returns:
         Seconds of processor time by name.
@@ -49,10 +49,10 @@ def compare(name: str, aim: float | None, prepare: Prepare, prepare_floor: Prepa
     """Seconds of one thing over seconds of another.
 
     Args:
-        name: What the figure says.
+        name: The title of the figure.
         aim: The largest good value, if there is one.
         prepare: Makes a call of the thing measured; its own time does not count.
-        prepare_floor: The same for what it is divided by.
+        prepare_floor: The same for the divisor.
         rounds: How often; fewer if that would take longer than about ten seconds.
     """
     seconds = fastest({"measured": prepare, "floor": prepare_floor}, rounds)

@@ -1,4 +1,4 @@
-"""Chains to measure with: the same few nodes over and over, with tensors as small as they may be."""
+"""Chains to measure with: the same few nodes repeatedly, with the smallest possible tensors."""
 
 from __future__ import annotations
 
@@ -17,7 +17,7 @@ Link = Callable[["Chain", int], None]
 
 
 class Chain:
-    """A graph that grows by a few nodes at a time; "t0" is its input, "t<i>" what link number i ends with."""
+    """A graph that grows by a few nodes at a time; "t0" is its input, "t<i>" the output of link number i."""
 
     def __init__(self, name: str) -> None:
         self.graph = onnx.GraphProto(name=name)
@@ -39,7 +39,7 @@ class Chain:
         self.node("Conv", [source, *names], output)
 
     def float_conv(self, source: str, output: str) -> None:
-        """A Conv that is still to be quantized."""
+        """A Conv that is not quantized yet."""
         self.conv(source, output, self.rng.random(_WEIGHT, np.float32), self.rng.random(CHANNELS, np.float32))
 
     def quantized_conv(self, source: str, output: str) -> None:

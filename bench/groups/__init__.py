@@ -1,4 +1,4 @@
-"""What `make bench` measures, in groups that also run alone."""
+"""The groups of measurements of `make bench`; each also runs alone."""
 
 from __future__ import annotations
 
@@ -10,11 +10,11 @@ from bench.sizes import Sizes
 
 Group = Callable[[Sizes], Iterator[Figure | Contest]]
 
-# Name: module and what it answers.
+# Name: module and title.
 GROUPS = {
-    "floors": ("against_floors", "What the library adds to what nobody can leave out"),
+    "floors": ("against_floors", "The library's cost over the unavoidable work"),
     "cold": ("cold", "The first rewrite of a fresh process"),
-    "road": ("one_road", "Subclasses and reports beside the bare class"),
+    "road": ("one_road", "Subclasses and reports compared with the bare class"),
     "peers": ("against_peers", "The same rewrites by other tools"),
     "growth": ("growth", "Ten times as many occurrences"),
     "memory": ("memory", "Peak memory over the model and its new tensors"),

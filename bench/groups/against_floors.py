@@ -32,7 +32,7 @@ def measure(sizes: Sizes) -> Iterator[Figure]:
 
 
 def no_occurrence(sizes: Sizes) -> Figure:
-    """One pass over a graph without its operators."""
+    """One pass over a graph without the operators of the pattern."""
     graph = chain_model("conv", sizes.without).graph
     return compare(
         f"pass without occurrence, {len(graph.node):,} nodes / F1",
@@ -44,13 +44,13 @@ def no_occurrence(sizes: Sizes) -> Figure:
 
 
 def merging(length: int, rounds: int) -> Figure:
-    """`replace_quant_any` against plain Python, once both gave the same."""
+    """`replace_quant_any` against plain Python, after both gave the same result."""
     graph = chain_model("merge", length).graph
     one, two = copy_of(graph), copy_of(graph)
     rewrites.merge(one)
     plain_python.replace_quant_any(two)
     if found := difference(one, two):
-        raise RuntimeError(f"plain Python merged otherwise: {found}")
+        raise RuntimeError(f"plain Python merged differently: {found}")
     return compare(
         f"replace_quant_any, {length:,} merges / plain Python",
         0.5,
@@ -61,7 +61,7 @@ def merging(length: int, rounds: int) -> Figure:
 
 
 def quantizing(name: str, aim: float, graph: onnx.GraphProto, rounds: int) -> Figure:
-    """What `quant_conv` adds to the calls that its arithmetic needs."""
+    """The cost of `quant_conv` over the calls that its arithmetic needs."""
     pairs = arithmetic.weights_and_biases(graph)
     return compare(
         f"quant_conv, {name} / F3",
@@ -73,7 +73,7 @@ def quantizing(name: str, aim: float, graph: onnx.GraphProto, rounds: int) -> Fi
 
 
 def keeping(name: str, graph: onnx.GraphProto, rounds: int) -> Figure:
-    """What it takes only to put the tensors of F3 into the graph: F3 drops them and uses their memory again."""
+    """The cost of only putting the tensors of F3 into the graph: F3 itself drops them and reuses their memory."""
     pairs = arithmetic.weights_and_biases(graph)
 
     def kept() -> Work:
@@ -86,7 +86,7 @@ def keeping(name: str, graph: onnx.GraphProto, rounds: int) -> Figure:
 
 
 def all_refused(length: int, rounds: int) -> Figure:
-    """`quant_conv` where every Conv is INT8 already: each is found, asked for its precision and put back."""
+    """`quant_conv` if every Conv is INT8 already: each is found, checked for its precision and restored."""
     graph = chain_model("refused", length).graph
     pairs = arithmetic.weights_and_biases(graph)
 

@@ -1,4 +1,4 @@
-"""The same rewrite by all tools. Nobody's time counts before its result was found equal."""
+"""The same rewrite by all tools. A time counts only after the result was found equal."""
 
 from __future__ import annotations
 
@@ -63,7 +63,7 @@ def contest(
     floor: tuple[str, Callable[[], object]],
     sizes: Sizes,
 ) -> Contest:
-    """Checks the tools against the first one, then runs all of them in turn."""
+    """Checks the tools against the first one, then runs all of them, alternating."""
     print(f"measuring {work}", file=sys.stderr)
     checked = {tool.name: "" for tool in tools}
     if occurrences <= _LARGEST_CHECKED:
@@ -92,7 +92,7 @@ def contest(
 
 
 def _checked(model: onnx.ModelProto, tools: list[Peer]) -> dict[str, str]:
-    """All from the same seed: the numbers drawn have to be the same too."""
+    """All from the same seed: the drawn numbers must be the same too."""
     results = {}
     for tool in tools:
         np.random.seed(0)

@@ -1,4 +1,4 @@
-"""The first rewrite of a process: parsed from bytes, rewritten once, nothing in any cache. Medians of processes."""
+"""The first rewrite of a process: parsed from bytes, rewritten once, with empty caches. Medians of processes."""
 
 from __future__ import annotations
 
@@ -32,7 +32,7 @@ def _figure(name: str, model: onnx.ModelProto, works: tuple[str, str], aim: floa
     with TemporaryDirectory() as folder:
         path = Path(folder) / "model.onnx"
         path.write_bytes(model.SerializeToString())
-        # In turn, so that both meet the same machine.
+        # Alternating, so that both run under the same conditions.
         runs = [[_seconds(work, path) for work in works] for _ in range(sizes.processes)]
     measured, against = (median(column) for column in zip(*runs, strict=True))
     return Figure(name, measured, against, aim, note="cold")

@@ -1,4 +1,4 @@
-"""Every transformation of the catalogue: finding nothing, and growth on a chain of its own occurrences."""
+"""Every transformation of the catalogue: its cost if nothing matches, and growth on a chain of its own occurrences."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ from bench.sizes import Sizes
 from bench.timing import compare
 from onnxgraft.catalogue import rows
 
-# One walk for each of the patterns would be 55; a pass that finds nothing may cost a little more.
+# One walk for each of the patterns would be 55; a pass without a match may cost a little more.
 _PER_PATTERN = 1.2
 
 

@@ -15,7 +15,7 @@ from bench.growing import growth
 from bench.sizes import Sizes
 from bench.workloads import chain_model
 
-# What is said of it: the rewrite, the kind of chain, the occurrences per link.
+# Title of the figure: the rewrite, the kind of chain, the occurrences per link.
 _KINDS = {
     "quant_conv": (rewrites.quant_conv, "conv", 1),
     "replace_quant_any (merging)": (rewrites.merge, "merge", 1),
@@ -28,7 +28,7 @@ _KINDS = {
 def measure(sizes: Sizes) -> Iterator[Figure]:
     """One figure per kind."""
     lengths = [max(1, sizes.chains[0] // 10), *sizes.chains]
-    patience = 5 * sizes.patience  # the longest chains take half a minute in all, and one round says little
+    patience = 5 * sizes.patience  # the longest chains take half a minute in all, and one round would be too noisy
     for name, (rewrite, kind, per_link) in _KINDS.items():
         yield growth(name, rewrite, partial(_chain, kind), lengths, sizes.longest, per_link, patience)
     for kind in ("merge", "pull_up"):

@@ -1,8 +1,9 @@
 """Peak memory, each run in a process of its own.
 
-What counts as extra is what the peak lies above the model with its new tensors and nodes, as they stand in memory.
-Protobuf keeps the memory of what is deleted from a message as long as the message lives, for every tool alike: the old
-weights are part of the model here, before and after. F3 holds one new weight at a time beside the bytes of the old one.
+Extra memory is the difference between the peak and the model with its new tensors and nodes, as they are in memory.
+Protobuf keeps the memory of deleted parts of a message as long as the message lives, for every tool alike: the old
+weights are part of the model here, before and after. F3 holds one new weight at a time in addition to the bytes of the
+old one.
 """
 
 from __future__ import annotations
@@ -50,7 +51,7 @@ def _figures(name: str, model: onnx.ModelProto, rewrite: str, aims: dict[str, fl
         onnx.save(_additions(model, rewrite), new)
         needed = _peak("needed", source, new)
         for work, aim in aims.items():
-            # The floor drops what it makes, so the new tensors are no part of its peak but for the one in hand.
+            # The floor drops its results, so only one new tensor at a time is part of its peak.
             base = _peak("needed", source) if work == "F3" else needed
             extra = max(0, _peak(work, source) - base)
             tool = next((row.name for row in QUANTIZING if row.module == work), "")
@@ -59,7 +60,7 @@ def _figures(name: str, model: onnx.ModelProto, rewrite: str, aims: dict[str, fl
 
 
 def _additions(model: onnx.ModelProto, rewrite: str) -> onnx.ModelProto:
-    """A model of only what the rewrite brings: its tensors and nodes, which have names of their own."""
+    """A model of only the additions of the rewrite: its tensors and nodes, which have names of their own."""
     graph = copy_of(model.graph)
     getattr(rewrites, rewrite)(graph)
     old = {element.name for elements in (model.graph.initializer, model.graph.node) for element in elements}

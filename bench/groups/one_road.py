@@ -1,4 +1,4 @@
-"""What users take beside the bare built-in class: a subclass as documented, and `rewrite`."""
+"""The cost of what users run instead of the bare built-in class: a subclass as documented, and `rewrite`."""
 
 from __future__ import annotations
 
@@ -16,7 +16,7 @@ from onnxgraft import quant, rewrite
 
 
 class Documented(quant.AbstractPullUpTesselQuantTransformation):
-    """As docs/reference/transformations/quant-pull-up.md tells users to derive."""
+    """Derived as docs/reference/transformations/quant-pull-up.md describes."""
 
     def _get_subgraphs_to_replace(self) -> Any:
         return quant.ChangeTesselQuantTransformationV2()._get_subgraphs_to_replace()

@@ -28,7 +28,7 @@ def measure(sizes: Sizes) -> Iterator[Figure]:
 
 
 def _all_on(name: str, model: onnx.ModelProto, rounds: int) -> Figure:
-    """Against what cannot be left out: a walk over all names per pattern, and the arithmetic of each Conv."""
+    """Compared with the unavoidable work: a walk over all names per pattern, and the arithmetic of each Conv."""
     prepare(model)
     order = [*_FIRST, *(found for found in rows() if found not in _FIRST)]
     transformations = [rows()[found] for found in order]

@@ -1,4 +1,4 @@
-"""The same rewrites as other tools would do them. Each is loaded on demand; one that is not installed is left out."""
+"""The same rewrites by other tools. Each is loaded on demand; one that is not installed is left out."""
 
 from __future__ import annotations
 
@@ -12,7 +12,7 @@ import onnx
 
 @dataclass(frozen=True)
 class Peer:
-    """A tool with its way from a model to a model; `load` and `store` do nothing where it works on protobuf itself."""
+    """A tool with its path from a model to a model; `load` and `store` do nothing if it works on protobuf itself."""
 
     name: str
     rewrite: Callable[[Any], object]
@@ -22,7 +22,7 @@ class Peer:
 
 @dataclass(frozen=True)
 class Row:
-    """Where a peer is made, what it needs, and up to how many occurrences it is asked."""
+    """Where a peer is defined, which package it needs, and up to how many occurrences it is measured."""
 
     name: str
     module: str
@@ -30,7 +30,7 @@ class Row:
     largest: int = 100_000
 
     def peer(self) -> Peer:
-        """Imports it; ImportError where its package is missing."""
+        """Imports it; ImportError if its package is missing."""
         found = import_module(f"bench.peers.{self.module}").PEER
         assert isinstance(found, Peer)
         return found

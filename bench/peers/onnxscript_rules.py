@@ -47,7 +47,7 @@ _RULES = pattern.RewriteRuleSet([_WithBias().rule(), _WithoutBias().rule()])
 def quant_conv(model: Any) -> None:
     """Puts every Conv with constant float weight between a quantize and a dequantize node."""
     _RULES.apply_to_model(model)
-    RemoveUnusedNodesPass()(model)  # and the initializers that nothing reads
+    RemoveUnusedNodesPass()(model)  # and the initializers without a reader
 
 
 PEER = Peer("onnxscript rewriter", quant_conv, ir.from_proto, ir.to_proto)

@@ -1,4 +1,4 @@
-"""Plain Python over protobuf: dicts for what is looked up, one walk over the nodes, one edit of the list at the end."""
+"""Plain Python over protobuf: dicts for look-ups, one walk over the nodes, one edit of the list at the end."""
 
 from __future__ import annotations
 
@@ -98,7 +98,7 @@ def quant_conv(graph: onnx.GraphProto) -> int:
 
 
 def replace_quant_any(graph: onnx.GraphProto) -> int:
-    """Lets a Conv, MaxPool or Resize read the other one of two quantize nodes of the same tensor."""
+    """Makes a Conv, MaxPool or Resize read one of two quantize nodes of the same tensor instead of the other."""
     constants = {tensor.name for tensor in graph.initializer}
     readers = _readers(graph)
     quantize_nodes: dict[str, list[tuple[int, str]]] = {}  # by input: position and output
@@ -124,7 +124,7 @@ def replace_quant_any(graph: onnx.GraphProto) -> int:
             removed.add(place)
             nodes[place] = None
             if other[0] > place and (kept := nodes[other[0]]) is not None:
-                nodes[place], nodes[other[0]] = kept, None  # what reads it may stand in between
+                nodes[place], nodes[other[0]] = kept, None  # its readers may come in between
     _replace_nodes(graph, (node for node in nodes if node is not None))
     return len(removed)
 
