@@ -82,7 +82,7 @@ __all__ = [
     "verify",
 ]
 
-# Where each name comes from.
+# The module that defines each name.
 _HOMES = {
     "calibration": ("Calibration", "calibrate"),
     "catalogue": ("load_rule_file", "register", "transformations"),
@@ -108,7 +108,7 @@ _HOMES = {
     "selfcheck": ("check_rule", "check_transformation"),
     "verification": ("verify",),
 }
-# Without it Python would print warnings of a program that has not set logging up.
+# Without this handler Python prints warnings to stderr if a program has not configured logging.
 logging.getLogger(__name__).addHandler(logging.NullHandler())
 
 _HOME_OF = {name: home for home, names in _HOMES.items() for name in names}

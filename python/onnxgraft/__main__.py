@@ -9,14 +9,14 @@ from onnxgraft.cli import main
 
 
 def _terminate(signal_number: int, _frame: object) -> None:
-    # As an exception, so that what is half-written is cleared away on the way out.
+    # As an exception, so that half-written files are removed on the way out.
     sys.exit(128 + signal_number)
 
 
 def run() -> None:
     """Runs the command line on the arguments of the process and exits with its code."""
     for number in (signal.SIGTERM, signal.SIGHUP):
-        # What is ignored from outside stays so: `nohup` ignores SIGHUP.
+        # A signal that is ignored from outside stays ignored: `nohup` ignores SIGHUP.
         if signal.getsignal(number) is not signal.SIG_IGN:
             signal.signal(number, _terminate)
     _hold_closed_streams()
@@ -24,7 +24,7 @@ def run() -> None:
 
 
 def _hold_closed_streams() -> None:
-    """Takes the numbers of standard streams that are closed: no file that is opened later may get one of them."""
+    """Occupies the numbers of closed standard streams, so that no file opened later gets one of them."""
     with suppress(OSError):
         while (handle := os.open(os.devnull, os.O_RDWR)) <= 2:
             pass

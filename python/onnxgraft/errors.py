@@ -1,4 +1,4 @@
-"""The errors that the host tool raises for what a user can put right. Each message is one line."""
+"""The errors that the host tool raises for problems that a user can fix. Each message is one line."""
 
 from __future__ import annotations
 
@@ -6,7 +6,7 @@ from collections.abc import Sequence
 
 
 class HostError(Exception):
-    """Base of all of them."""
+    """Base of all these errors."""
 
 
 class ModelFileError(HostError):
@@ -18,15 +18,15 @@ class ReportError(HostError):
 
 
 class RegistrationError(HostError):
-    """A class that cannot be a transformation of the catalogue, or code of a user's that cannot be loaded."""
+    """A class that cannot be a transformation of the catalogue, or user code that cannot be loaded."""
 
 
 class WrongUsageError(HostError):
-    """Arguments that cannot be meant; nothing was done."""
+    """Arguments that make no sense together or alone; nothing was done."""
 
 
 class UnknownNameError(WrongUsageError):
-    """A name that nothing has."""
+    """A name that does not exist."""
 
 
 class UnknownTransformationError(UnknownNameError):
@@ -46,7 +46,7 @@ class PreparationError(UnknownNameError):
 
 
 class RecipeFileError(HostError):
-    """A recipe file that cannot be read, or says something that is no recipe."""
+    """A recipe file that cannot be read, or that contains something that is not a recipe."""
 
 
 class UnknownRecipeError(UnknownNameError):
@@ -62,7 +62,7 @@ class EvaluationError(HostError):
 
 
 class DataError(HostError):
-    """Samples that cannot be read or do not fit the inputs of the model; the message names which and where."""
+    """Samples that cannot be read or do not fit the inputs of the model; the message names sample and problem."""
 
 
 class CalibrationError(HostError):

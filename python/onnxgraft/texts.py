@@ -1,10 +1,10 @@
-"""Texts of models and users in lines for people."""
+"""Prepares strings from models and users for display in one line."""
 
 from __future__ import annotations
 
 import re
 
-# What a terminal obeys, what breaks a line, what reverses its direction, what has no width, what cannot be encoded.
+# Characters that control a terminal, break a line, reverse its direction, have no width or cannot be encoded.
 _UNSEEN = re.compile(
     "[\x00-\x1f\x7f-\x9f\xad\u061c\u180e\u200b-\u200f\u2028-\u202e\u2060-\u206f\ufeff\ufff9-\ufffb\ud800-\udfff"
     "\U000e0000-\U000e007f]"
@@ -12,10 +12,10 @@ _UNSEEN = re.compile(
 
 
 def one_line(text: object) -> str:
-    r"""The text as one visible line, whatever a name in it holds: control characters become \x1b, \n and so on."""
+    r"""The text as one visible line, with control characters escaped as \x1b, \n and so on."""
     return _UNSEEN.sub(lambda found: found[0].encode("unicode_escape").decode(), str(text))
 
 
 def joined(text: object) -> str:
-    """The same, but a text of several lines is joined by blanks."""
+    """The same, but lines of a longer text are joined by blanks."""
     return one_line(" ".join(str(text).splitlines()))

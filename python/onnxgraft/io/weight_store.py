@@ -8,8 +8,8 @@ import onnx
 
 
 class WeightStore(Protocol):
-    """Takes each weight as it is made, so that a model larger than memory can be quantized."""
+    """Receives each weight as it is made, so that a model larger than memory can be quantized."""
 
     def store(self, tensor: onnx.TensorProto) -> onnx.TensorProto:
-        """Returns the tensor to put in the graph: of the same name, type and shape, its bytes in a file already."""
+        """Returns the tensor to put in the graph: of the same name, type and shape, its bytes already in a file."""
         ...
