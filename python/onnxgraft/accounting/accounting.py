@@ -8,7 +8,7 @@ an operator that its transformation would take and that is float nevertheless wa
 from __future__ import annotations
 
 import functools
-from collections.abc import Iterator, Mapping, Sequence
+from collections.abc import Iterable, Iterator, Mapping, Sequence
 from dataclasses import dataclass, field
 from itertools import chain
 
@@ -91,6 +91,31 @@ def account_of(
     return account
 
 
+def reasons_in_float(graph: GraphProto, nodes: Iterable[NodeProto]) -> dict[str, str]:
+    """Why operators cannot be quantized, for those of some nodes where the reason is their own and not that of a run.
+
+    Args:
+        graph: The graph that the nodes belong to.
+        nodes: The nodes; those that are INT8 or that are not counted have no reason.
+
+    Returns:
+        What the operator writes -> the reason in words.
+    """
+    initializers = {tensor.name: tensor for tensor in graph.initializer}
+    reasons = _Reasons(graph, initializers, None)
+    found = {}
+    for node in nodes:
+        if node.op_type not in _LISTED or any(
+            one.data_type == TensorProto.INT8 for one in _weights(node, initializers)
+        ):
+            continue
+        is_counted = node.op_type in _COUNTED and node.domain in _STANDARD
+        reason, text = reasons.of(node) if is_counted else reasons.foreign(node)
+        if reason != "not_run":
+            found[next(iter(node.output), "")] = text
+    return found
+
+
 def _count(
     account: Account,
     node: NodeProto,
@@ -100,9 +125,7 @@ def _count(
 ) -> None:
     count = account.operators.setdefault(node.op_type, OperatorCount())
     macs = multiply_adds(node, shape_of)
-    weights = [initializers[name] for name in node.input[1:2] if name in initializers]
-    if node.op_type == "MatMul" and not weights:
-        weights = [initializers[name] for name in node.input[:1] if name in initializers]
+    weights = _weights(node, initializers)
     size = sum(_elements(tensor) * _ELEMENT_BYTES.get(tensor.data_type, 4) for tensor in weights)
     if any(tensor.data_type == TensorProto.INT8 for tensor in weights):
         count.int8 += 1
@@ -114,6 +137,14 @@ def _count(
         count.float_bytes += size
         account.left.append(_left(node, "", *reasons.of(node), macs))
     count.unknown_macs += macs is None
+
+
+def _weights(node: NodeProto, initializers: Mapping[str, TensorProto]) -> list[TensorProto]:
+    """The weight, if it is an initializer: input 1, or input 0 of a MatMul that has none there."""
+    weights = [initializers[name] for name in node.input[1:2] if name in initializers]
+    if node.op_type == "MatMul" and not weights:
+        weights = [initializers[name] for name in node.input[:1] if name in initializers]
+    return weights
 
 
 def _elements(tensor: TensorProto) -> int:

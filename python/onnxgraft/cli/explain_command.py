@@ -14,10 +14,10 @@ import onnx
 
 from onnxgraft.catalogue import Transformation
 from onnxgraft.cli import chosen, consoles, found_model, json_output
-from onnxgraft.engine import rewrite
 from onnxgraft.errors import WrongUsageError
-from onnxgraft.explaining import NodeExplanation, explain, explain_in_turn
+from onnxgraft.explaining import NodeExplanation, Turns, explain, explain_in_turn
 from onnxgraft.matching import Explanation
+from onnxgraft.recipe_book import Recipe
 from onnxgraft.texts import one_line
 
 _BEST = 3  # answers shown for a node
@@ -39,10 +39,12 @@ def run(options: argparse.Namespace) -> int:
     if options.all and not options.node:
         raise WrongUsageError("--all belongs to --node")
     rows = chosen.rows(options)
+    recipe = chosen.recipe(options)
     model = found_model.read(options)
     if options.node:
-        return _explain_nodes(model, rows, options)
-    turns = [_take(model, row, options) for row in rows]
+        return _explain_nodes(model, rows, options, recipe)
+    steps = Turns(model, options.model.parent, *_left_out(recipe))
+    turns = [_take(model, row, steps) for row in rows]
     if options.json:
         json_output.show(turns)
         return 0
@@ -56,10 +58,13 @@ def run(options: argparse.Namespace) -> int:
     return 0
 
 
-def _explain_nodes(model: onnx.ModelProto, rows: list[Transformation], options: argparse.Namespace) -> int:
+def _explain_nodes(
+    model: onnx.ModelProto, rows: list[Transformation], options: argparse.Namespace, recipe: Recipe | None
+) -> int:
     best, folder = None if options.all else _BEST, options.model.parent
     if rows:
-        nodes = explain_in_turn(model, rows, options.node, best=best, folder=folder)
+        exclude, only = _left_out(recipe)
+        nodes = explain_in_turn(model, rows, options.node, best=best, folder=folder, exclude=exclude, only=only)
     else:
         nodes = explain(model, node=options.node, best=best, folder=folder)
     if options.json:
@@ -87,12 +92,16 @@ def _node_text(node: NodeExplanation) -> str:
     return "\n".join(lines)
 
 
-def _take(model: onnx.ModelProto, row: Transformation, options: argparse.Namespace) -> _Turn:
+def _left_out(recipe: Recipe | None) -> tuple[tuple[str, ...], tuple[str, ...]]:
+    """The `exclude` and `only` of a recipe."""
+    return ((), ()) if recipe is None else (recipe.exclude, recipe.only)
+
+
+def _take(model: onnx.ModelProto, row: Transformation, turns: Turns) -> _Turn:
     explanations = explain(model, row)
     if not any(explanation.matches for explanation in explanations):
         return _Turn(explanations)
-    report = rewrite(model, [row], prepare=False, on_error="continue", folder=options.model.parent)
-    (step,) = report.steps
+    step = turns.run(row)
     occurrences = (occurrence for pattern in step.patterns for occurrence in pattern.occurrences)
     reasons = Counter(item.reason or "no reason given" for item in occurrences if not item.accepted)
     return _Turn(explanations, reasons, step.error)

@@ -1,9 +1,19 @@
-"""The error of a transformation that failed."""
+"""The error of a transformation that failed, with what is known of the reason."""
 
 from __future__ import annotations
 
+from typing import TYPE_CHECKING
+
+import onnx
+
+from onnxgraft.catalogue import Transformation
 from onnxgraft.errors import HostError
+from onnxgraft.quant import AbstractPullUpTesselQuantTransformation
 from onnxgraft.report.records import NodeText, Report
+
+if TYPE_CHECKING:
+    from onnxgraft.engine.recorder import Recorder
+    from onnxgraft.engine.selection import Candidate
 
 
 class TransformationError(HostError):
@@ -32,3 +42,40 @@ class TransformationError(HostError):
         self.pattern = pattern
         self.nodes = nodes
         self.report = report
+
+
+def transformation_error(
+    candidate: Candidate, recorder: Recorder, raised: Exception, graph: onnx.GraphProto
+) -> TransformationError:
+    """The error of a run that raised: what failed, where and why."""
+    failure = recorder.failure
+    reason = " ".join(str(raised).split()) or "no reason given"
+    place = candidate.name
+    if failure is not None:
+        place += f", pattern {list(failure.pattern)}"
+    if failure is not None and failure.nodes:
+        place += f", at {', '.join(node.label for node in failure.nodes)}"
+    error = TransformationError(
+        f"{place}: {type(raised).__name__}: {reason}{_bias_length(candidate.row, graph, raised)}",
+        transformation=candidate.name,
+        pattern=failure.pattern if failure else (),
+        nodes=failure.nodes if failure else (),
+    )
+    error.__cause__ = raised
+    return error
+
+
+def _bias_length(row: Transformation, graph: onnx.GraphProto, raised: Exception) -> str:
+    """What to do about a pull-up that failed on such a bias; empty for any other failure."""
+    if not isinstance(raised, ValueError) or not issubclass(row.cls, AbstractPullUpTesselQuantTransformation):
+        return ""
+    sizes = {tensor.name: tensor.dims for tensor in graph.initializer}
+    for node in graph.node:
+        if node.op_type == "Conv" and len(node.input) == 3:
+            weight, bias = (sizes.get(name) for name in node.input[1:])
+            if weight and bias and f"({bias[0]},) ({weight[0]},)" in str(raised):  # as NumPy puts it
+                return (
+                    f" (a bias of {bias[0]} elements for {weight[0]} output channels: fuse_bn_quant leaves it so for "
+                    "an odd number; --skip fuse_bn_quant leaves that transformation out, --keep-going this one)"
+                )
+    return ""

@@ -66,13 +66,26 @@ class Recorder:
 
     def __init__(
         self,
-        snapshot: Snapshot,
+        snapshot: Snapshot | None,
         details: Details,
         *,
         misses: bool = True,
         splices: bool = False,
         store: WeightStore | None = None,
+        matters: Callable[[Sequence[onnx.NodeProto]], bool] | None = None,
+        calls_all: bool = True,
     ) -> None:
+        """Watches one transformation.
+
+        Args:
+            snapshot: Takes in nested graphs before they change; None if nothing is ever put back.
+            details: How much is recorded of each occurrence.
+            misses: Whether to ask for the nearest miss of a pattern that is not found.
+            splices: Whether to keep what followers need.
+            store: Where new weights go, if not into the graph.
+            matters: Tells by its nodes which occurrences are recorded; None records all.
+            calls_all: Whether callbacks are called for the other occurrences too; otherwise these count as accepted.
+        """
         self.patterns: list[PatternResult] = []
         self.failure: Failure | None = None
         self.splices: list[Splice] = []
@@ -82,6 +95,8 @@ class Recorder:
         self._details = details
         self._misses = misses
         self._store = store
+        self._matters = matters
+        self._calls_all = calls_all
         self._pass: _Pass | None = None
 
     @contextmanager
@@ -101,7 +116,8 @@ class Recorder:
     def _replace_all(
         self, original: Callable[..., int], graph: Any, subgraph: Any, replacement: Any, *more: Any, **named: Any
     ) -> int:
-        self._snapshot.include(graph)
+        if self._snapshot is not None:
+            self._snapshot.include(graph)
         result = PatternResult(_strings(subgraph), _strings(replacement))
         self.patterns.append(result)
         outer, self._pass = self._pass, _Pass(result)
@@ -143,10 +159,13 @@ class Recorder:
             current = self._pass
             if current is None:  # called by hand, outside of a pass
                 return original(*arguments, **named)
+            is_kept = self._details != "counts" and (self._matters is None or self._matters(replaced_nodes))
+            if not (is_kept or self._calls_all):
+                return True
             reasons: list[str] = []
             if gives_reasons:
                 named[_REASONS] = reasons
-            before, placed = self._take_hold(current, *arguments[:3])
+            before, placed = self._take_hold(current, *arguments[:3]) if is_kept else ([], [])
             matched = tuple(map(_copy, replaced_nodes)) if self._keeps_splices else ()
             try:
                 accepted = bool(original(*arguments, **named))
@@ -164,7 +183,7 @@ class Recorder:
             if self._keeps_splices and accepted:
                 pair = current.result.pattern, current.result.replacement
                 self.splices.append(Splice(*pair, dict(isomorphic_links_mapping), matched, graph))
-            if self._details != "counts":
+            if is_kept:
                 current.result.occurrences.append(
                     self._occurrence(current, before, placed, isomorphic_links_mapping, accepted, reason, done)
                 )
@@ -183,8 +202,6 @@ class Recorder:
         self, current: _Pass, graph: onnx.GraphProto, nodes: Sequence[onnx.NodeProto], mapping: Mapping[int, int]
     ) -> tuple[list[Kept], list[tuple[onnx.NodeProto, int]]]:
         """The replaced nodes as they are, and the new ones with their indices: a callback may move or change them."""
-        if self._details == "counts":
-            return [], []
         if current.shapes is None:
             current.shapes = Shapes(graph)
             current.around = Surroundings(graph) if self._details == "neighbours" else None

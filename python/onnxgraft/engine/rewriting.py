@@ -5,7 +5,6 @@ from __future__ import annotations
 import logging
 import os
 from collections.abc import Callable, Iterable, Sequence
-from contextlib import AbstractContextManager, nullcontext
 from dataclasses import replace
 from importlib.metadata import PackageNotFoundError, version
 from pathlib import Path
@@ -18,7 +17,7 @@ from onnxgraft.accounting import Choice, RunFacts, account_of, declared_shapes
 from onnxgraft.engine.fingerprint import fingerprint
 from onnxgraft.engine.foreign_operators import ForeignOperators
 from onnxgraft.engine.recorder import Details
-from onnxgraft.engine.seeds import seeded
+from onnxgraft.engine.run_scope import run_scope
 from onnxgraft.engine.selection import Candidate, Selection, candidates, recipe_of
 from onnxgraft.engine.stability import Stability
 from onnxgraft.engine.stepping import Stepper
@@ -28,7 +27,6 @@ from onnxgraft.io.model_files import ModelOutput, load
 from onnxgraft.io.weight_store import WeightStore
 from onnxgraft.report.network import GraphChange, node_lines
 from onnxgraft.report.records import Report
-from onnxgraft.transform_utilities import external_data_folder
 
 if TYPE_CHECKING:
     from onnxgraft.calibration import Calibration
@@ -127,7 +125,7 @@ def rewrite(
     chosen = candidates(transformations if recipe is None else recipe, skip)
     host = Host(graph, model if isinstance(model, onnx.ModelProto) else None, folder, weight_store)
     report = Report(model=str(graph.name) or None, seed=seed, version=_version())
-    with seeded(seed), _data_folder(folder):
+    with run_scope(seed, folder):
         filling = None if calibration is None else _filling(model, calibration, folder)
         if prepare is not False:
             steps = prepare if not isinstance(prepare, bool) else None if recipe is None else recipe.prepare
@@ -233,10 +231,6 @@ def _version() -> str:
         return version("onnx-graft")
     except PackageNotFoundError:
         return ""
-
-
-def _data_folder(folder: str | os.PathLike[str] | None) -> AbstractContextManager[object]:
-    return nullcontext() if folder is None else external_data_folder(folder)
 
 
 def _prepare(

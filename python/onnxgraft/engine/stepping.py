@@ -6,7 +6,7 @@ Whatever is raised on the way, the graph is put back to where the step began, an
 from __future__ import annotations
 
 import logging
-from collections.abc import Sequence
+from collections.abc import Callable, Sequence
 from contextlib import AbstractContextManager, nullcontext
 from dataclasses import dataclass, field
 from time import perf_counter
@@ -16,8 +16,7 @@ import onnx
 
 from onnxgraft.accounting import RunFacts
 from onnxgraft.engine.all_or_nothing import all_or_nothing
-from onnxgraft.engine.bias_lengths import explanation
-from onnxgraft.engine.failure import TransformationError
+from onnxgraft.engine.failure import TransformationError, transformation_error
 from onnxgraft.engine.recorder import Details, Recorder
 from onnxgraft.engine.selection import Candidate
 from onnxgraft.engine.snapshot import Snapshot
@@ -40,6 +39,7 @@ class Stepper:
         followers: What goes on where a transformation has ended, in order.
         facts: What the account of the run needs to know, and which operators the user left out.
         filler: What puts real numbers where a transformation draws them, if anything does.
+        matters: Tells by its nodes which occurrences are recorded; None records all.
     """
 
     host: Host
@@ -47,6 +47,7 @@ class Stepper:
     followers: Sequence[Follower] = ()
     filler: Filler | None = None
     facts: RunFacts = field(default_factory=RunFacts)
+    matters: Callable[[Sequence[onnx.NodeProto]], bool] | None = None
     _snapshot: Snapshot | None = field(default=None, init=False)
 
     def run(self, candidate: Candidate, round_number: int) -> tuple[Step, TransformationError | None]:
@@ -72,6 +73,7 @@ class Stepper:
             misses=round_number == 1,
             splices=any(follower.wants(candidate.row) for follower in self.followers),
             store=self.host.store,
+            matters=self.matters,
         )
         step.patterns = recorder.patterns
         error = None
@@ -84,7 +86,7 @@ class Stepper:
         except BaseException as raised:
             if isinstance(raised, MemoryError) or not isinstance(raised, Exception):
                 raise
-            error = _error(candidate, recorder, raised, graph)
+            error = transformation_error(candidate, recorder, raised, graph)
             step.error = str(error)
             _log.info("%s; put back", error)
         self.facts.note(candidate.row, replaced=bool(step.replaced))
@@ -125,21 +127,3 @@ def _add_unrecorded(step: Step, returned: Any) -> None:
     beyond = returned - step.replaced if isinstance(returned, int) else 0
     if beyond > 0:
         step.patterns.append(PatternResult((), (), found=beyond, replaced=beyond))
-
-
-def _error(candidate: Candidate, recorder: Recorder, raised: Exception, graph: onnx.GraphProto) -> TransformationError:
-    failure = recorder.failure
-    reason = " ".join(str(raised).split()) or "no reason given"
-    place = candidate.name
-    if failure is not None:
-        place += f", pattern {list(failure.pattern)}"
-    if failure is not None and failure.nodes:
-        place += f", at {', '.join(node.label for node in failure.nodes)}"
-    error = TransformationError(
-        f"{place}: {type(raised).__name__}: {reason}{explanation(candidate.row, graph, raised)}",
-        transformation=candidate.name,
-        pattern=failure.pattern if failure else (),
-        nodes=failure.nodes if failure else (),
-    )
-    error.__cause__ = raised
-    return error

@@ -2,5 +2,6 @@
 
 from onnxgraft.explaining.asking import explain, explain_in_turn
 from onnxgraft.explaining.node_answers import NodeAnswer, NodeExplanation
+from onnxgraft.explaining.turns import Turns
 
-__all__ = ["NodeAnswer", "NodeExplanation", "explain", "explain_in_turn"]
+__all__ = ["NodeAnswer", "NodeExplanation", "Turns", "explain", "explain_in_turn"]

@@ -2,26 +2,27 @@
 
 from __future__ import annotations
 
-import copy
 import os
 from collections import Counter
 from collections.abc import Iterable, Sequence
 from dataclasses import dataclass
-from typing import Any, TypeAlias, overload
+from typing import TypeAlias, overload
 
 import onnx
 
 from onnxgraft.abstract_transformation import AbstractTransformation
-from onnxgraft.accounting import account_of, declared_shapes
+from onnxgraft.accounting import reasons_in_float
 from onnxgraft.accounting.quantizers import is_quantizing
 from onnxgraft.catalogue import Pair, Transformation, find_row, rows
-from onnxgraft.engine import rewrite
+from onnxgraft.engine.rehearsal import rehearse
+from onnxgraft.engine.selection import candidates
 from onnxgraft.errors import WrongUsageError
 from onnxgraft.explaining.fates import Fates
 from onnxgraft.explaining.miss_texts import label
 from onnxgraft.explaining.node_answers import NodeAnswer, NodeExplanation
 from onnxgraft.explaining.node_choice import chosen_nodes
-from onnxgraft.explaining.node_tracing import Tracer
+from onnxgraft.explaining.node_tracing import Place, Tracer
+from onnxgraft.explaining.turns import Turns
 from onnxgraft.graph.name_check import telling_bad_texts
 from onnxgraft.graph.surroundings import Surroundings
 from onnxgraft.io.given import Readable, folder_of, opened
@@ -92,10 +93,8 @@ def explain(
             raise WrongUsageError("explain needs a transformation, or nodes with `node=`")
         return explain_patterns(graph, transformation)
     folder = folder_of(graph, folder)
-    given = opened(graph)
     asked = list(rows().values()) if transformation is None else [transformation]
-    names = [node] if isinstance(node, str) else node
-    return _explain_nodes(given, asked, names, best, folder, in_turn=False)
+    return _Asking(opened(graph), [node] if isinstance(node, str) else node, asked, best, folder).alone()
 
 
 def explain_in_turn(
@@ -105,9 +104,15 @@ def explain_in_turn(
     *,
     best: int | None = 3,
     folder: Folder = None,
+    exclude: Iterable[str] = (),
+    only: Iterable[str] = (),
 ) -> list[NodeExplanation]:
-    """The same for nodes and several transformations, each on what those before it leave; `model` is rewritten."""
-    return _explain_nodes(model, transformations, node, best, folder, in_turn=True)
+    """The same for nodes and several transformations, each on what those before it leave; `model` is rewritten.
+
+    `exclude` and `only` are those of `rewrite`.
+    """
+    asking = _Asking(model, node, transformations, best, folder)
+    return asking.in_turn(transformations, Turns(model, folder, exclude, only))
 
 
 @dataclass(frozen=True)
@@ -128,47 +133,84 @@ class _Asked:
         return found if found is not None and nodes[found].op_type == self.op_type else None
 
 
-def _explain_nodes(
-    given: onnx.ModelProto | onnx.GraphProto,
-    transformations: Sequence[OneTransformation],
-    names: Iterable[str],
-    best: int | None,
-    folder: Folder,
-    *,
-    in_turn: bool,
-) -> list[NodeExplanation]:
-    graph = graph_of(given)
-    functions = list(given.functions) if isinstance(given, onnx.ModelProto) else []
-    around = Surroundings(graph)
-    chosen = chosen_nodes(around, names)
-    asked = [_asked(around, index) for index in chosen]
-    in_float = _in_float(graph, functions) if any(map(_quantizes, transformations)) else {}
-    tracer = Tracer(around, functions, best)
-    answers: dict[int, list[tuple[tuple[int, ...], NodeAnswer]]] = {index: [] for index in chosen}
-    left_out: Counter[int] = Counter()
-    now = {index: index for index in chosen}  # present index -> the one at the beginning
-    for number, transformation in enumerate(transformations):
-        subject = subject_of(transformation)
-        if in_turn and number:
-            around = Surroundings(graph)
-            now = _positions(around, asked)
-            tracer = Tracer(around, functions, best)
-        places, more = tracer.places(subject, now)
-        left_out.update({now[index]: count for index, count in more.items()})
-        step = None
-        if in_turn or any(place.nodes for place in places):
-            step = _step(given, transformation, subject, folder, in_place=in_turn)
-        fates = Fates(step)
-        for place in places:
-            answers[now[place.node]].append(place.settled(fates))
-    result = []
-    for node in asked:
-        sorted_answers = [answer for _, answer in sorted(answers[node.index], key=lambda pair: pair[0])]
-        kept = tuple(sorted_answers[:best])
-        more_of_it = left_out[node.index] + len(sorted_answers) - len(kept)
-        why = in_float.get(node.output)
-        result.append(NodeExplanation(node.index, node.name, node.op_type, node.label, why, kept, more_of_it))
-    return result
+class _Asking:
+    """One question about nodes of a graph."""
+
+    def __init__(
+        self,
+        given: onnx.ModelProto | onnx.GraphProto,
+        names: Iterable[str],
+        transformations: Sequence[OneTransformation],
+        best: int | None,
+        folder: Folder,
+    ) -> None:
+        self._given = given
+        self._graph = graph_of(given)
+        self._functions = list(given.functions) if isinstance(given, onnx.ModelProto) else []
+        self._around = Surroundings(self._graph)
+        self._transformations = transformations
+        self._best = best
+        self._folder = folder
+        chosen = chosen_nodes(self._around, names)
+        self._asked = [_asked(self._around, index) for index in chosen]
+        self._in_float: dict[str, str] = {}
+        if any(map(_quantizes, transformations)):
+            self._in_float = reasons_in_float(self._graph, [self._around.nodes[index] for index in chosen])
+        self._answers: dict[int, list[tuple[tuple[int, ...], NodeAnswer]]] = {index: [] for index in chosen}
+        self._left_out: Counter[int] = Counter()
+
+    def alone(self) -> list[NodeExplanation]:
+        """Each transformation by itself, on a copy."""
+        subjects = list(map(subject_of, self._transformations))
+        tracer = Tracer(self._around, self._functions, self._best)
+        found, self._left_out = tracer.places(subjects, self._answers)
+        for transformation, subject, places in zip(self._transformations, subjects, found, strict=True):
+            fates = Fates(self._rehearsed(transformation, subject, [place for place in places if place.nodes]))
+            for place in places:
+                self._answers[place.node].append(place.settled(fates))
+        return self._result()
+
+    def in_turn(self, chosen: Iterable[Transformation], turns: Turns) -> list[NodeExplanation]:
+        """Each transformation on what those before it leave."""
+        now = {index: index for index in self._answers}  # present index -> the one at the beginning
+        tracer = Tracer(self._around, self._functions, self._best)
+        for row in chosen:
+            (places,), more = tracer.places([subject_of(row)], now)
+            self._left_out.update({now[index]: count for index, count in more.items()})
+            step = turns.run(row, _tensors(places))
+            fates = Fates(step)
+            for place in places:
+                self._answers[now[place.node]].append(place.settled(fates))
+            if step.replaced or not row.is_own:
+                around = Surroundings(self._graph)
+                now = _positions(around, self._asked)
+                tracer = Tracer(around, self._functions, self._best)
+        return self._result()
+
+    def _rehearsed(self, transformation: OneTransformation, subject: Subject, fitting: Sequence[Place]) -> Step | None:
+        """What a run does; None for lists, for patterns whose replacement changes nothing, and where nothing fits."""
+        if not fitting or isinstance(transformation, list | tuple) or all(map(_changes_nothing, subject.pairs)):
+            return None
+        copy = onnx.GraphProto()
+        copy.CopyFrom(self._graph)
+        (candidate,) = candidates(transformation, ())
+        return rehearse(copy, candidate, _tensors(fitting), self._folder)
+
+    def _result(self) -> list[NodeExplanation]:
+        result = []
+        for node in self._asked:
+            answers = [answer for _, answer in sorted(self._answers[node.index], key=lambda pair: pair[0])]
+            kept = tuple(answers[: self._best])
+            more = self._left_out[node.index] + len(answers) - len(kept)
+            why = self._in_float.get(node.output)
+            result.append(NodeExplanation(node.index, node.name, node.op_type, node.label, why, kept, more))
+        return result
+
+
+def _tensors(places: Iterable[Place]) -> set[str]:
+    """What the nodes that fit read and write."""
+    nodes = [node for place in places for node in place.nodes]
+    return {name for node in nodes for name in (*node.input, *node.output) if name}
 
 
 def _asked(around: Surroundings, index: int) -> _Asked:
@@ -186,24 +228,6 @@ def _positions(around: Surroundings, asked: Iterable[_Asked]) -> dict[int, int]:
     return {position: index for position, index in found if position is not None}
 
 
-def _step(
-    given: onnx.ModelProto | onnx.GraphProto,
-    transformation: OneTransformation,
-    subject: Subject,
-    folder: Folder,
-    *,
-    in_place: bool,
-) -> Step | None:
-    """What a run of the transformation does; None for lists and for patterns whose replacement changes nothing."""
-    if isinstance(transformation, list | tuple) or all(map(_changes_nothing, subject.pairs)):
-        return None
-    rewritten = given if in_place else copy.deepcopy(given)
-    one: Any = transformation
-    # What finishing adds matters to later transformations only.
-    report = rewrite(rewritten, [one], prepare=False, seed=0, on_error="continue", folder=folder, finish=in_place)
-    return report.steps[0]
-
-
 def _changes_nothing(pair: Pair) -> bool:
     pattern, replacement = pair
     return list(replacement) == [f"#{number}" for number in range(len(pattern))]
@@ -218,9 +242,3 @@ def _quantizes(transformation: OneTransformation) -> bool:
         return is_quantizing(transformation)
     cls = transformation if isinstance(transformation, type) else type(transformation)
     return is_quantizing(Transformation("", cls))
-
-
-def _in_float(graph: onnx.GraphProto, functions: Sequence[onnx.FunctionProto]) -> dict[str, str]:
-    """By what an operator writes: why it cannot be quantized, where that is its own fault and not the run's."""
-    left = account_of(graph, declared_shapes(graph), None, functions).left
-    return {one.output: one.text for one in left if not one.place and one.reason != "not_run"}

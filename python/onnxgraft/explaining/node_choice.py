@@ -34,7 +34,7 @@ def chosen_nodes(around: Surroundings, names: Iterable[str]) -> list[int]:
 
 
 def _names(node: NodeProto) -> list[str]:
-    return [name for name in (node.name, *node.output) if name]
+    return [name for name in (node.name, *node.output[:]) if name]
 
 
 def _met(around: Surroundings, name: str) -> set[int]:

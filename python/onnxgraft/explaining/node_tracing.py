@@ -93,36 +93,43 @@ class Tracer:
         self._read: dict[Pair, tuple[PatternNode, ...]] = {}
         self._told: dict[object, str | None] = {}  # hints that do not depend on the node
 
-    def places(self, subject: Subject, nodes: Iterable[int]) -> tuple[list[Place], Counter[int]]:
-        """The places that nodes have or miss in the patterns, and by node how many further misses there are."""
-        misses: dict[int, list[_Trace]] = {}
-        found = []
-        for one in trace_nodes(self._around.graph, subject.pairs, nodes):
+    def places(self, subjects: Sequence[Subject], nodes: Iterable[int]) -> tuple[list[list[Place]], Counter[int]]:
+        """The places that nodes have or miss in patterns: of each subject, in order.
+
+        Only the nearest misses of a node, whatever the subject, are put in words; the counter tells how many more of
+        its misses there are. The graph is read once for all patterns.
+        """
+        owners = [(number, index) for number, subject in enumerate(subjects) for index in range(len(subject.pairs))]
+        misses: dict[int, list[tuple[int, int, _Trace]]] = {}
+        found: list[list[Place]] = [[] for _ in subjects]
+        for one in trace_nodes(self._around.graph, [pair for subject in subjects for pair in subject.pairs], nodes):
+            number, index = owners[one["pair"]]
             if one["miss"] is None:
-                found.append(self._fitting(subject, one))
+                found[number].append(self._fitting(subjects[number], index, one))
             else:
-                misses.setdefault(one["node"], []).append(one)
+                misses.setdefault(one["node"], []).append((number, index, one))
         more: Counter[int] = Counter()
         for node, missed in misses.items():
-            nearest = sorted(missed, key=lambda one: _rank(subject, one))[: self._best]
-            found += [self._missed(subject, one) for one in nearest]
+            nearest = sorted(missed, key=lambda miss: _rank(subjects[miss[0]].pairs[miss[1]], miss[2]))[: self._best]
+            for number, index, one in nearest:
+                found[number].append(self._missed(subjects[number], index, one))
             more[node] = len(missed) - len(nearest)
         return found, more
 
-    def _fitting(self, subject: Subject, one: _Trace) -> Place:
-        pattern = subject.pairs[one["pair"]][0]
+    def _fitting(self, subject: Subject, index: int, one: _Trace) -> Place:
+        pattern = subject.pairs[index][0]
         size, occurrence = len(pattern), tuple(one["occurrence"] or ())
         answer = NodeAnswer(
-            subject.name, one["pair"], pattern, one["pattern_node"], "fits", size, size, "", occurrence=occurrence
+            subject.name, index, pattern, one["pattern_node"], "fits", size, size, "", occurrence=occurrence
         )
         nodes = []
-        for index in occurrence:  # a run may change the node
+        for position in occurrence:  # a run may change the node
             nodes.append(NodeProto())
-            nodes[-1].CopyFrom(self._around.nodes[index])
+            nodes[-1].CopyFrom(self._around.nodes[position])
         return Place(one["node"], (0,), answer, tuple(nodes))
 
-    def _missed(self, subject: Subject, one: _Trace) -> Place:
-        pair = subject.pairs[one["pair"]]
+    def _missed(self, subject: Subject, index: int, one: _Trace) -> Place:
+        pair = subject.pairs[index]
         if pair not in self._read:
             self._read[pair] = read_pair(*pair)[0]
         pattern, miss = pair[0], cast("Any", one["miss"])
@@ -130,7 +137,7 @@ class Tracer:
         material = hints.Miss(self._around, self._read[pair], self._functions, tried, miss)
         answer = NodeAnswer(
             subject.name,
-            one["pair"],
+            index,
             pattern,
             one["pattern_node"],
             "miss",
@@ -145,7 +152,7 @@ class Tracer:
             reader=miss["reader"],
             hint=self._hint(pattern, material),
         )
-        return Place(one["node"], _rank(subject, one), answer)
+        return Place(one["node"], _rank(pair, one), answer)
 
     def _hint(self, pattern: tuple[str, ...], material: hints.Miss) -> str | None:
         if material.reason != "missing_operator":
@@ -156,8 +163,8 @@ class Tracer:
         return self._told[key]
 
 
-def _rank(subject: Subject, one: _Trace) -> tuple[int, ...]:
+def _rank(pair: Pair, one: _Trace) -> tuple[int, ...]:
     """Few pattern nodes left, many that fit, a condition tested late."""
     miss: Any = one["miss"]
-    of = len(subject.pairs[one["pair"]][0])
+    of = len(pair[0])
     return 1, of - miss["matched"], -miss["matched"], -_LATENESS[miss["reason"]]

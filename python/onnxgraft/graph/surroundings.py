@@ -17,13 +17,23 @@ class Surroundings:
     def __init__(self, graph: GraphProto) -> None:
         self.graph = graph
         self.nodes = list(graph.node)
-        self._writers: dict[str, int] = {}
-        self._readers: dict[str, list[int]] = {}
+
+    @cached_property
+    def _writers(self) -> dict[str, int]:
+        """The first node that writes each tensor."""
+        found: dict[str, int] = {}
         for index, node in enumerate(self.nodes):
             for name in node.output:
-                self._writers.setdefault(name, index)
-            for name in set(node.input):
-                self._readers.setdefault(name, []).append(index)
+                found.setdefault(name, index)
+        return found
+
+    @cached_property
+    def _readers(self) -> dict[str, list[int]]:
+        found: dict[str, list[int]] = {}
+        for index, node in enumerate(self.nodes):
+            for name in dict.fromkeys(node.input[:]):
+                found.setdefault(name, []).append(index)
+        return found
 
     @cached_property
     def initializers(self) -> dict[str, TensorProto]:
@@ -53,8 +63,11 @@ class Surroundings:
         """The numbers of inputs that the nodes of each operator have, not counting omitted ones at the end."""
         found: dict[str, set[int]] = {}
         for node in self.nodes:
-            last = max((place for place, name in enumerate(node.input) if name), default=-1)
-            found.setdefault(node.op_type, set()).add(last + 1)
+            inputs = node.input[:]
+            count = len(inputs)
+            while count and not inputs[count - 1]:
+                count -= 1
+            found.setdefault(node.op_type, set()).add(count)
         return found
 
     @cached_property

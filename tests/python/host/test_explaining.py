@@ -1,6 +1,8 @@
 """Single nodes: what became of them, what kept them out, and which ones are asked about."""
 
 import json
+import random
+from collections import Counter
 from pathlib import Path
 from typing import Any
 
@@ -12,10 +14,11 @@ from onnx import ModelProto, helper
 from helpers.small_graphs import graph_of
 from onnxgraft import explain, prepare, rewrite
 from onnxgraft.abstract_transformation import AbstractTransformation
-from onnxgraft.catalogue import find_row
+from onnxgraft.catalogue import find_row, rows
 from onnxgraft.cli import main
 from onnxgraft.errors import UnknownNameError, WrongUsageError
 from onnxgraft.explaining import explain_in_turn
+from onnxgraft.selfcheck.graph_builder import random_graph
 
 EXAMPLE = "examples/models/resnet18_timm_c11.onnx"
 
@@ -140,6 +143,39 @@ def test_it_agrees_with_the_run(repository: Path) -> None:
     # A second run has nothing left to do.
     again = explain(models[0], "quant_conv", node="*", best=1)
     assert {node.answers[0].outcome for node in again if node.op_type == "Conv"} == {"done"}
+
+
+def test_a_single_node_fares_as_among_all() -> None:
+    """A run that calls no callback for what lies elsewhere tells the same of a node as one that calls all."""
+    own = {name: row for name, row in rows().items() if row.is_own}
+    outcomes: Counter[str] = Counter()
+    for seed in range(60):
+        rng = random.Random(seed)
+        name = rng.choice(list(own))
+        graph = random_graph(rng, [pattern for pattern, _ in own[name].pairs])
+        for among_all in explain(graph, name, node="*", best=None):
+            output = next(filter(None, graph.node[among_all.node].output), "")
+            if output and sum(output in node.output for node in graph.node) == 1:
+                (alone,) = explain(graph, name, node=output, best=None)
+                assert alone == among_all, (seed, name, output)
+                outcomes.update(answer.outcome for answer in alone.answers)
+    assert min(outcomes[outcome] for outcome in ("replaced", "refused", "taken", "miss")) > 2, outcomes
+
+
+def test_what_the_user_leaves_out(tmp_path: Path, capsys: pytest.CaptureFixture[str]) -> None:
+    """A recipe's `exclude` and `only` count for `explain` as for a run."""
+    path, recipes = tmp_path / "model.onnx", tmp_path / "own.toml"
+    onnx.save_model(computed_weight(), path)
+    for key, glob, expected in (("exclude", "c[[]1]", "refused"), ("only", "c[[]1]", "replaced")):
+        recipes.write_text(f'[mine]\ntransformations = ["quant_conv"]\n{key} = ["{glob}"]\n')
+        options = ["--recipe-file", str(recipes), "--recipe", "mine", "--no-prepare", "--json"]
+        assert main(["explain", str(path), "--node", "y", *options]) == 0
+        (node,) = json.loads(capsys.readouterr().out)
+        assert node["answers"][0]["outcome"] == expected
+        assert ("excluded" in node["answers"][0]["text"]) == (expected == "refused")
+    recipes.write_text('[mine]\ntransformations = ["quant_conv"]\nexclude = ["c[[]1]"]\n')
+    assert main(["explain", str(path), *options[:-1]]) == 0
+    assert "refused: 1, excluded" in capsys.readouterr().out
 
 
 def test_on_the_command_line(tmp_path: Path, capsys: pytest.CaptureFixture[str]) -> None:
