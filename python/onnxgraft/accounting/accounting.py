@@ -105,15 +105,10 @@ def reasons_in_float(graph: GraphProto, nodes: Iterable[NodeProto]) -> dict[str,
     reasons = _Reasons(graph, initializers, None)
     found = {}
     for node in nodes:
-        if node.op_type not in _LISTED or any(
-            one.data_type == TensorProto.INT8 for one in _weights(node, initializers)
-        ):
-            continue
-        is_counted = node.op_type in _COUNTED and node.domain in _STANDARD
-        reason, text = reasons.of(node) if is_counted else reasons.foreign(node)
-        if reason != "not_run":
-            found[next(iter(node.output), "")] = text
-    return found
+        if node.op_type in _LISTED and all(one.data_type != TensorProto.INT8 for one in _weights(node, initializers)):
+            is_counted = node.op_type in COUNTED and node.domain in _STANDARD
+            found[next(iter(node.output), "")] = reasons.of(node) if is_counted else reasons.foreign(node)
+    return {output: text for output, (reason, text) in found.items() if reason != "not_run"}
 
 
 def _count(
