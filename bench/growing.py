@@ -62,6 +62,6 @@ def growth(
         "one": on_copies(rewrite, graph_of(short), per_link * short),
     }
     seconds = fastest(runs, 5, patience)
-    notes.append(f"{seconds['long'] / seconds['one']:.1f} against one that was just copied")
+    notes.append(f"{seconds['long'] / seconds['one']:.1f} against one just copied")
     aim = _AIM_PER_TENFOLD * long / short / 10
     return Figure(f"{name}: {long:,} / {short:,}", seconds["long"], seconds["many"] / many, aim, note="; ".join(notes))
