@@ -24,6 +24,7 @@ from onnxgraft.inspection import Inspection
 from onnxgraft.matching import Explanation, Match, PatternText
 from onnxgraft.recipe_book import Recipe
 from onnxgraft.report.records import SCHEMA_VERSION, Report
+from onnxgraft.report.report_json import NOT_IN_JSON
 from onnxgraft.verification import Accuracy, Verification
 from tools.field_texts import field_texts
 
@@ -245,7 +246,8 @@ def _fields(kind: Any) -> list[tuple[str, Any, str]]:
         named = {name for name, _, _ in kind.named}
         return [*kind.named, *(one for one in (_fields(kind.also) if kind.also else []) if one[0] not in named)]
     texts, hints = field_texts(kind), _hints(kind)
-    return [(field.name, hints[field.name], _meaning(field.name, texts)) for field in dataclasses.fields(kind)]
+    written = [field.name for field in dataclasses.fields(kind) if NOT_IN_JSON not in field.metadata]
+    return [(name, hints[name], _meaning(name, texts)) for name in written]
 
 
 def _meaning(name: str, texts: dict[str, str]) -> str:
