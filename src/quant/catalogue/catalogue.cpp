@@ -3,7 +3,6 @@
 #include <array>
 
 #include "quant/catalogue/concat_pull_up.h"
-#include "quant/catalogue/concat_pull_up_further.h"
 #include "quant/catalogue/quant_fusion.h"
 #include "quant/catalogue/quant_pull_up.h"
 #include "quant/catalogue/quant_update.h"

@@ -52,8 +52,8 @@ inline const std::array passes{
     pass("subgraph_4", "subgraph_replacement_4"), pass("subgraph_5", "subgraph_replacement_5"),
     pass("subgraph_6", "subgraph_replacement_6"),
 };
-inline constexpr std::array methods{name_row<"replace_quant_v2">, pairs_row<passes>};
-inline constexpr ClassRow row{"ChangeTesselQuantTransformationV2", pull_up_base, doc<"YOLO, U2Net">, lists, methods};
+inline constexpr ClassRow row{"ChangeTesselQuantTransformationV2", pull_up_base, doc<"YOLO, U2Net">, lists,
+                              pull_up_methods<"replace_quant_v2", passes>};
 
 }  // namespace change_quant_v2
 

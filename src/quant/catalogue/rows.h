@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <memory>
+#include <span>
 
 #include "py/class_factory.h"
 #include "quant/graph_view/graph_view.h"
@@ -106,6 +107,21 @@ inline constexpr FunctionRow extending_callback_row = [] {
   row.calls_inherited = true;
   return row;
 }();
+
+// Pairs by the names that most classes give their lists.
+inline const std::array one_pair{pass("subgraph", "subgraph_replacement")};
+inline const std::array two_pairs{
+    pass("subgraph1", "subgraph_replacement1"),
+    pass("subgraph2", "subgraph_replacement2"),
+};
+using Strings = std::span<const char* const>;
+constexpr std::array<PatternList, 2> one_pair_of(Strings pattern, Strings replacement) {
+  return {PatternList{"subgraph", pattern}, PatternList{"subgraph_replacement", replacement}};
+}
+
+/// Methods of a class of the pull-up family that adds nothing to it but its pairs.
+template <Text name, const auto& passes>
+inline constexpr std::array pull_up_methods{name_row<name>, pairs_row<passes>};
 
 inline constexpr std::array framework_base{"AbstractTransformation"};
 inline constexpr std::array pull_up_base{"AbstractPullUpTesselQuantTransformation"};

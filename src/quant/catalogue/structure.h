@@ -42,9 +42,8 @@ inline constexpr std::array summed{
     "#0", "#3:2,6i,7i->100", "#4:100,9i->102", "#1", "#3:4,6i,7i->101", "#4:101,9i->103", "Add:102,103->10", "#5",
     "#6"};
 
-inline constexpr std::array lists{PatternList{"subgraph", joined}, PatternList{"subgraph_replacement", summed}};
-inline const std::array passes{pass("subgraph", "subgraph_replacement")};
-inline constexpr std::array methods{apply_row(apply_passes<passes>), name_row<"delete_concat">};
+inline constexpr auto lists = one_pair_of(joined, summed);
+inline constexpr std::array methods{apply_row(apply_passes<one_pair>), name_row<"delete_concat">};
 inline constexpr ClassRow row{"DeleteConcatTransformation", framework_base, doc<"YOLO">, lists, methods};
 
 }  // namespace delete_concat
@@ -60,9 +59,8 @@ inline constexpr std::array folded{"#0",         "#1:1,2i,101i->3", "#2:3,4i->10
                                    "#3",         "#4:7,8i,103i->9", "#5:9,10i->104", "#8:104->11",
                                    "#6:5,11->18"};
 
-inline constexpr std::array lists{PatternList{"subgraph", normalized}, PatternList{"subgraph_replacement", folded}};
-inline const std::array passes{pass("subgraph", "subgraph_replacement")};
-inline constexpr std::array methods{apply_row(apply_passes<passes>), name_row<"fuse_bn_quant">,
+inline constexpr auto lists = one_pair_of(normalized, folded);
+inline constexpr std::array methods{apply_row(apply_passes<one_pair>), name_row<"fuse_bn_quant">,
                                     callback_row<add_folded_biases, Changes::contents, py::ArgumentType::dict_or_none>};
 inline constexpr ClassRow row{"FuseQuantBatchNormTransformation", framework_base, doc<"YOLO, YOLO5s1">, lists, methods};
 
@@ -73,11 +71,10 @@ namespace resize_quant {
 inline constexpr std::array resized{"Resize:2,3i,9i,10i->4", "TesselQuant:4->8"};
 inline constexpr std::array pulled{"#1:2->100", "Resize:100,3i,9i,10i->8"};
 
-inline constexpr std::array lists{PatternList{"subgraph", resized}, PatternList{"subgraph_replacement", pulled}};
-inline const std::array passes{pass("subgraph", "subgraph_replacement")};
+inline constexpr auto lists = one_pair_of(resized, pulled);
 inline constexpr std::array methods{name_row<"replace_resize_quant">,
                                     extending_callback_row<give_resize_attributes, Changes::bias_inputs>,
-                                    pairs_row<passes>};
+                                    pairs_row<one_pair>};
 inline constexpr ClassRow row{"ReplaceResizeQuantTransformation", pull_up_base, doc<"U2Net">, lists, methods};
 
 }  // namespace resize_quant

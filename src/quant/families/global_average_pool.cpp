@@ -4,9 +4,8 @@
 #include <array>
 #include <optional>
 
-#include "quant/families/attributes.h"
 #include "quant/families/callbacks.h"
-#include "quant/families/refusal.h"
+#include "quant/families/occurrence.h"
 #include "quant/numpy/host.h"
 #include "quant/numpy/names.h"
 #include "quant/numpy/scales.h"

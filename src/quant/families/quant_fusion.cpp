@@ -1,7 +1,6 @@
 // Callback of `replace_quant`: two quantize nodes are merged only where they quantize alike.
-#include "quant/families/attributes.h"
 #include "quant/families/callbacks.h"
-#include "quant/families/refusal.h"
+#include "quant/families/occurrence.h"
 #include "quant/numpy/names.h"
 
 namespace onnxgraft::quant {

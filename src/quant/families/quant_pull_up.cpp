@@ -6,10 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "quant/families/attributes.h"
 #include "quant/families/callbacks.h"
+#include "quant/families/occurrence.h"
 #include "quant/families/reading_convolutions.h"
-#include "quant/families/refusal.h"
 #include "quant/numpy/host.h"
 #include "quant/numpy/names.h"
 

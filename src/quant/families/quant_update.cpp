@@ -3,8 +3,8 @@
 //   bias' = trunc(bias * r)     dequantize scale' = scale / r
 #include <array>
 
-#include "quant/families/attributes.h"
 #include "quant/families/callbacks.h"
+#include "quant/families/occurrence.h"
 #include "quant/numpy/host.h"
 #include "quant/numpy/names.h"
 #include "quant/numpy/scales.h"

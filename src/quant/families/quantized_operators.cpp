@@ -1,6 +1,6 @@
 #include "quant/families/quantized_operators.h"
 
-#include "quant/families/methods.h"
+#include "quant/families/occurrence.h"
 #include "quant/numpy/host.h"
 #include "quant/numpy/names.h"
 #include "quant/numpy/scales.h"

@@ -2,10 +2,8 @@
 // for the new operator. An operator whose weight is INT8 already is refused.
 #include <array>
 
-#include "quant/families/attributes.h"
 #include "quant/families/callbacks.h"
-#include "quant/families/methods.h"
-#include "quant/families/refusal.h"
+#include "quant/families/occurrence.h"
 #include "quant/numpy/host.h"
 #include "quant/numpy/names.h"
 

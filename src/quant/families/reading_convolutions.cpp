@@ -2,8 +2,7 @@
 
 #include <algorithm>
 
-#include "quant/families/attributes.h"
-#include "quant/families/refusal.h"
+#include "quant/families/occurrence.h"
 #include "quant/numpy/names.h"
 
 namespace onnxgraft::quant {

@@ -1,8 +1,7 @@
 // Callback of `replace_resize_quant`: the biases first, as everywhere in the pull-up family, then the attributes
 // of the new `Resize`. It works on quantized values and so is always of mode "nearest".
-#include "quant/families/attributes.h"
 #include "quant/families/callbacks.h"
-#include "quant/families/methods.h"
+#include "quant/families/occurrence.h"
 #include "quant/numpy/host.h"
 #include "quant/numpy/names.h"
 

@@ -2,7 +2,7 @@
 //   sizes = [-1, channels, height, width], -1 standing for the size that the input has
 #include "py/name_index.h"
 #include "quant/families/callbacks.h"
-#include "quant/families/refusal.h"
+#include "quant/families/occurrence.h"
 #include "quant/numpy/host.h"
 #include "quant/numpy/names.h"
 
