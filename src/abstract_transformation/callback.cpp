@@ -29,17 +29,10 @@ void set_item(PyObject* dict, std::size_t key, const Ref& value) {
 }  // namespace
 
 Callback::Callback(PyObject* transformation, PyObject* graph, PyObject* extra, const core::Rule& rule)
-    : transformation_(transformation), graph_(graph), rule_(rule) {
+    : transformation_(transformation), graph_(graph), extra_(extra), rule_(rule) {
   const Ref method = attribute(transformation, callback_name);
-  is_default_ = PyMethod_Check(method.get()) != 0 && row_of(PyMethod_Function(method.get())) == &default_callback();
-  PyObject* key = nullptr;
-  PyObject* value = nullptr;
-  Py_ssize_t at = 0;
-  keyword_names_ = checked(PyTuple_New(PyDict_Size(extra)));
-  while (PyDict_Next(extra, &at, &key, &value) != 0) {
-    PyTuple_SET_ITEM(keyword_names_.get(), static_cast<Py_ssize_t>(keyword_values_.size()), Ref::borrow(key).release());
-    keyword_values_.push_back(Ref::borrow(value));
-  }
+  is_default_ = PyMethod_Check(method.get()) != 0 && row_of(PyMethod_Function(method.get())) == &default_callback() &&
+                !is_observed(PyMethod_Function(method.get()));
   for (const core::Link& link : rule.links) link_ids_.push_back(text(link.id));
 }
 
@@ -84,13 +77,10 @@ void Callback::end_round() {
 }
 
 bool Callback::call(const Arguments& arguments) const {
-  std::vector<PyObject*> stack{transformation_, graph_, arguments.replaced_nodes.get(), arguments.node_mapping.get(),
-                               arguments.link_mapping.get()};
-  const std::size_t positional = stack.size();
-  for (const Ref& value : keyword_values_) stack.push_back(value.get());
-  const Ref result = checked(
-      session_ ? PyObject_Vectorcall(session_.get(), stack.data() + 1, positional - 1, keyword_names_.get())
-               : PyObject_VectorcallMethod(callback_name.get(), stack.data(), positional, keyword_names_.get()));
+  const Ref positional =
+      tuple({graph_, arguments.replaced_nodes.get(), arguments.node_mapping.get(), arguments.link_mapping.get()});
+  const Ref method = session_ ? session_.copy() : attribute(transformation_, callback_name);
+  const Ref result = checked(PyObject_Call(method.get(), positional.get(), extra_));
   return truth(result.get());
 }
 

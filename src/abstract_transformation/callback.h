@@ -49,9 +49,8 @@ class Callback {
 
   PyObject* transformation_;
   PyObject* graph_;
+  PyObject* extra_;
   const core::Rule& rule_;
-  Ref keyword_names_;  // tuple
-  std::vector<Ref> keyword_values_;
   std::vector<Ref> link_ids_;  // `str` per link of the rule
   bool is_default_ = false;
   Changes changes_ = Changes::contents;

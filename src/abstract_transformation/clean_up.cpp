@@ -1,7 +1,6 @@
 #include "abstract_transformation/clean_up.h"
 
 #include <algorithm>
-#include <optional>
 
 #include "py/body_reader.h"
 #include "py/graph_fields.h"
@@ -53,32 +52,6 @@ bool delete_named(PyObject* list, core::Names& names, const NameSet& set) {
   return !positions.empty();
 }
 
-/// Where the initializers to delete stand if the list is, up to there, as it was read: most callbacks only append.
-/// None if it is not.
-std::optional<std::vector<std::size_t>> positions_as_read(PyObject* list, const core::GraphTable& table,
-                                                          const NameSet& set) {
-  std::vector<std::size_t> positions;
-  const auto count = static_cast<std::size_t>(length(list));
-  for (std::size_t at = 0; at < table.initializers.size(); ++at) {
-    if (!contains(set, table.initializers[at])) continue;
-    if (at >= count) return std::nullopt;
-    const Ref name = attribute(item(list, static_cast<Py_ssize_t>(at)).get(), field::name);
-    if (utf8(name.get()) != table.names.text(table.initializers[at])) return std::nullopt;
-    positions.push_back(at);
-  }
-  return positions;
-}
-
-/// Deletes unused initializers; true if there were any.
-bool delete_initializers(PyObject* graph, core::GraphTable& table, const NameSet& unused, bool trust_table) {
-  const Ref list = attribute(graph, field::initializer);
-  if (!trust_table) return delete_named(list.get(), table.names, unused);
-  const auto positions = positions_as_read(list.get(), table, unused);
-  if (!positions) return delete_named(list.get(), table.names, unused);
-  delete_positions(list.get(), *positions);
-  return !positions->empty();
-}
-
 }  // namespace
 
 void clean_up(PyObject* graph, core::GraphTable& table, const GraphWriter& writer, const CleanUpNames& names,
@@ -98,7 +71,7 @@ void clean_up(PyObject* graph, core::GraphTable& table, const GraphWriter& write
     }
     drop(unused, read_element_names(attribute(graph, field::output).get(), table.names));
     const bool found = std::ranges::find(unused, true) != unused.end();
-    if (found && delete_initializers(graph, table, unused, trust_table)) {
+    if (found && delete_named(attribute(graph, field::initializer).get(), table.names, unused)) {
       delete_named(attribute(graph, field::input).get(), table.names, unused);
     }
   }

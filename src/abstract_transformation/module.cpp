@@ -209,12 +209,6 @@ const FunctionRow is_fast_row{
     .doc = "Whether the container is known as protobuf's own list of messages, which is read and written as a whole.",
 };
 
-/// The type belongs to the process: what stands in the module's dict, anybody may replace.
-Ref observed(const Call& call) {
-  static PyObject* const type = make_observed_type(call.module).release();
-  return make_observed(type, call[0], call[1]);
-}
-
 constexpr const char* observed_doc = R"(Something in front of a method of a transformation that only looks on.
 
 Put it on the instance in the method's place: vars(transformation)[name] = observed(original, watch). A call of it
@@ -230,7 +224,7 @@ constexpr std::array observed_parameters{
 const FunctionRow observed_row{
     .name = "observed",
     .parameters = observed_parameters,
-    .body = observed,
+    .body = [](const Call& call) { return observed(call[0], call[1]); },
     .doc = observed_doc,
 };
 

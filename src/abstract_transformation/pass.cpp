@@ -23,13 +23,8 @@ Pass::Pass(PyObject* transformation, PyObject* graph, PyObject* extra, std::shar
 
 std::size_t Pass::run() {
   const std::size_t count = with_places(graph_, [&] { return search_and_replace(); });
-  if (run_ != nullptr && callback_.keeps_nodes()) keep_reading_for_next();
+  if (run_ != nullptr && !writer_.has_begun()) run_->keep_reading(std::move(reading_));
   return count;
-}
-
-void Pass::keep_reading_for_next() {
-  if (writer_.has_begun()) reading_->list_is(writer_.order(), callback_.changes() == Changes::contents);
-  run_->keep_reading(std::move(reading_));
 }
 
 std::size_t Pass::search_and_replace() {

@@ -42,7 +42,6 @@ class Pass {
 
  private:
   std::size_t search_and_replace();
-  void keep_reading_for_next();
   void run_round(core::OccurrenceList& occurrences);
   void prepare_writing();
   template <class Visit>

@@ -16,14 +16,8 @@ class BodyReader {
  public:
   BodyReader(core::Names& names, std::vector<core::NameId>& result) : names_(names), result_(result) {}
 
-  /// False if the node has no body.
-  bool read_node(PyObject* node) {
-    bool any = false;
-    for_each_body(node, [&](PyObject* graph) {
-      any = true;
-      read_graph(graph);
-    });
-    return any;
+  void read_node(PyObject* node) {
+    for_each_body(node, [&](PyObject* graph) { read_graph(graph); });
   }
 
  private:
@@ -66,8 +60,8 @@ class BodyReader {
 
 }  // namespace
 
-bool read_body_inputs(PyObject* node, core::Names& names, std::vector<core::NameId>& result) {
-  return BodyReader(names, result).read_node(node);
+void read_body_inputs(PyObject* node, core::Names& names, std::vector<core::NameId>& result) {
+  BodyReader(names, result).read_node(node);
 }
 
 std::vector<core::NameId> read_sparse_names(PyObject* graph, core::Names& names) {

@@ -16,9 +16,20 @@ namespace onnxgraft::py {
 
 namespace {
 
+/// Calls the watch of an observed function: `watch(original, ...)`, the original bound to the first argument.
+Ref call_watch(const FunctionObject& function, PyObject* const* stack, std::size_t flagged_count, PyObject* names) {
+  const Py_ssize_t positional = PyVectorcall_NARGS(flagged_count);
+  if (positional == 0) raise(PyExc_TypeError, "%.200s() needs self as its first argument", function.row->name);
+  const Ref original = checked(PyMethod_New(function.original, stack[0]));
+  std::vector<PyObject*> arguments(stack, stack + positional + (names == nullptr ? 0 : PyTuple_GET_SIZE(names)));
+  arguments[0] = original.get();
+  return checked(PyObject_Vectorcall(function.watch, arguments.data(), static_cast<std::size_t>(positional), names));
+}
+
 PyObject* call_function(PyObject* self, PyObject* const* stack, std::size_t flagged_count, PyObject* keyword_names) {
   return guarded([&] {
     const auto* function = reinterpret_cast<const FunctionObject*>(self);
+    if (function->watch != nullptr) return call_watch(*function, stack, flagged_count, keyword_names);
     const BoundArguments bound(*function->row, stack, PyVectorcall_NARGS(flagged_count), keyword_names);
     return function->row->body(
         Call{function->module, bound.values(), bound.keywords(), function->owner, function->sharing.get()});
@@ -31,6 +42,8 @@ int traverse(PyObject* self, visitproc visit, void* arg) {
   Py_VISIT(function->module);
   Py_VISIT(function->owner);
   Py_VISIT(function->dict);
+  Py_VISIT(function->original);
+  Py_VISIT(function->watch);
   return 0;
 }
 
@@ -40,6 +53,8 @@ int clear(PyObject* self) {
   auto* function = reinterpret_cast<FunctionObject*>(self);
   Ref::steal(std::exchange(function->dict, nullptr));
   Ref::steal(std::exchange(function->owner, nullptr));
+  Ref::steal(std::exchange(function->watch, nullptr));
+  Ref::steal(std::exchange(function->original, nullptr));
   return 0;
 }
 
@@ -116,6 +131,8 @@ Ref allocate(PyTypeObject* type, PyObject* module, const FunctionRow& row, Ref q
   function->qualified_name = qualified_name.release();
   function->dict = nullptr;
   function->weak_references = nullptr;
+  function->original = nullptr;
+  function->watch = nullptr;
   function->changes = row.changes;
   std::construct_at(&function->sharing);
   Ref result = Ref::steal(reinterpret_cast<PyObject*>(function));
@@ -146,8 +163,13 @@ const FunctionRow* row_of(PyObject* object) noexcept {
   return reinterpret_cast<const FunctionObject*>(object)->row;
 }
 
+bool is_observed(PyObject* function) noexcept {
+  return reinterpret_cast<const FunctionObject*>(function)->watch != nullptr;
+}
+
 Ref call_sharing(PyObject* method, std::initializer_list<PyObject*> arguments, PyObject* keywords, Sharing* sharing) {
-  if (PyMethod_Check(method) == 0 || row_of(PyMethod_Function(method)) == nullptr) {
+  if (PyMethod_Check(method) == 0 || row_of(PyMethod_Function(method)) == nullptr ||
+      is_observed(PyMethod_Function(method))) {
     return checked(PyObject_Call(method, tuple(arguments).get(), keywords));
   }
   std::vector<PyObject*> stack{PyMethod_Self(method)};

@@ -76,9 +76,6 @@ struct FunctionRow {
   bool calls_inherited = false;
   /// What the calls of a session share; null if they share nothing.
   std::unique_ptr<Sharing> (*share)(PyObject* module, PyObject* graph) = nullptr;
-  /// Of a look-up of initializers: what it would say of (graph, name), told without making an array, as (code of the
-  /// element type, shape); None where it cannot tell.
-  Ref (*describe)(const Call& call) = nullptr;
   const char* doc = nullptr;
 };
 
@@ -94,6 +91,9 @@ void set_owner(PyObject* function, PyObject* owner);
 /// The row behind a function object of this module, null for any other object: lets a caller see whether
 /// a class still has the built-in implementation of a method.
 const FunctionRow* row_of(PyObject* object) noexcept;
+
+/// Whether something looks on when the function, which has a row, is called.
+bool is_observed(PyObject* function) noexcept;
 
 /// Calls a method with positional arguments and a dict of further ones (or null). A function of this module gets what
 /// the calls of the session share.

@@ -116,25 +116,22 @@ PyObject* session(PyObject* self, PyObject* arguments) {
 
 PyObject* finish(PyObject* self, PyObject* /*unused*/) {
   return guarded([&] {
-    if (Sharing* sharing = function_of(self).sharing.get(); sharing != nullptr) sharing->finish();
+    const FunctionObject& function = function_of(self);
+    if (function.original != nullptr) finish_session(function.original);
+    if (function.sharing) function.sharing->finish();
     return none();
   });
 }
 
-PyObject* describe(PyObject* self, PyObject* arguments) {
-  return guarded([&] {
-    std::array<PyObject*, 2> values{};
-    if (PyArg_UnpackTuple(arguments, "describe", 2, 2, values.data(), &values[1]) == 0) throw PythonError{};
-    const FunctionObject& function = function_of(self);
-    return function.row->describe == nullptr ? none() : function.row->describe(Call{function.module, values});
-  });
+PyObject* observe(PyObject* self, PyObject* watch) {
+  return guarded([&] { return observed_copy(self, watch); });
 }
 
 std::array<PyMethodDef, 5> methods{{
     {"__reduce__", reduce, METH_NOARGS, "Pickled by name."},
     {"session", session, METH_VARARGS, "(self, graph) -> this function for calls with nobody else's edits in between."},
     {"finish", finish, METH_NOARGS, "Ends a session."},
-    {"describe", describe, METH_VARARGS, "(graph, name) -> (element type, shape) of an initializer, or None."},
+    {"observed", observe, METH_O, "(watch) -> a function that calls watch(this function, ...)."},
     {nullptr, nullptr, 0, nullptr},
 }};
 

@@ -18,6 +18,9 @@ struct FunctionObject {
   PyObject* qualified_name;   // owned
   PyObject* dict;             // owned; null until something is set
   PyObject* weak_references;  // kept by the interpreter
+  // Of an observed function; null elsewhere:
+  PyObject* original;  // owned
+  PyObject* watch;     // owned
   // Of the function of a session:
   Changes changes;                   // what is promised; else what the row says
   std::unique_ptr<Sharing> sharing;  // null elsewhere

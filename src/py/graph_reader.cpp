@@ -61,17 +61,11 @@ class MissingRoles {
 }  // namespace
 
 GraphReader::GraphReader(PyObject* graph, GraphReading& reading)
-    : graph_(graph),
-      reading_(reading),
-      nodes_(node_list(graph)),
-      gives_bytes_(is_message_list(nodes_.get())),
-      bodies_(reading.table.ops) {}
+    : graph_(graph), reading_(reading), nodes_(node_list(graph)), gives_bytes_(is_message_list(nodes_.get())) {}
 
 std::size_t GraphReader::input_count(std::size_t position) const {
   const auto row = static_cast<core::NodeIndex>(position);
-  if (reading_.depth == Depth::links) return reading_.table.inputs(row).size();
-  if (reading_.depth == Depth::rows) return reading_.table.inputs(reading_.order[row]).size();
-  if (position >= reading_.without_row) return reading_.table.inputs(row).size();
+  if (reading_.depth == Depth::links || position >= reading_.without_row) return reading_.table.inputs(row).size();
   const Ref inputs = attribute(item(nodes_.get(), static_cast<Py_ssize_t>(position)).get(), field::input);
   return count_inputs(inputs.get());
 }
@@ -119,27 +113,28 @@ void GraphReader::add_row(PyObject* node, core::NameId op) {
 
 void GraphReader::read_row(PyObject* node, core::NameId op) {
   for (auto* names : {&row_.inputs, &row_.outputs, &row_.implicit}) names->clear();
-  if (!read_fields_of_bytes(node, op)) read_fields(node, op);
+  if (!read_fields_of_bytes(node, op)) read_fields(node);
 }
 
 /// Protobuf makes objects of its own for a node's inputs and outputs, and keeps a table of all objects there are; in
 /// large graphs that is most of what a field costs. So a node is taken as bytes, unless much of it may be other than
-/// names. False if it has to be read field by field.
+/// names: a tenth of a pass that finds nothing. False if it has to be read field by field, as it holds a body.
 bool GraphReader::read_fields_of_bytes(PyObject* node, core::NameId op) {
   static const InternedName serialize("SerializePartialToString");
   core::Names& names = reading_.table.names;
-  if (!gives_bytes_ || bodies_.may_be_large_by_default(op)) return false;
+  if (!gives_bytes_ || may_be_large(reading_.table.ops.text(op))) return false;
   const Ref bytes = call_method(node, serialize);
   if (PyBytes_CheckExact(bytes.get()) == 0) return false;
   const auto size = static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.get()));
   announced_.clear();
   WireFields fields({PyBytes_AS_STRING(bytes.get()), size});
   while (const auto field = fields.next()) {
-    if (field->number <= node_field::name) {
-      if (!is_utf8(field->content)) return false;
+    const bool is_name = field->number <= node_field::name;
+    if ((is_name || field->number == node_field::domain) && !is_utf8(field->content)) return false;
+    if (is_name) {
       announced_.emplace_back(field->number, names.announce(field->content));
     }
-    if (field->number == node_field::domain && !is_default_domain(field->content)) return false;
+    if (field->number == node_field::attribute && holds_graph(field->content)) return false;
   }
   row_.name = core::no_name;
   for (const auto& [number, name] : announced_) {
@@ -151,22 +146,18 @@ bool GraphReader::read_fields_of_bytes(PyObject* node, core::NameId op) {
   return true;
 }
 
-void GraphReader::read_fields(PyObject* node, core::NameId op) {
+void GraphReader::read_fields(PyObject* node) {
   core::GraphTable& table = reading_.table;
   read_strings(attribute(node, field::input).get(), table.names, row_.inputs);
   read_strings(attribute(node, field::output).get(), table.names, row_.outputs);
-  if (bodies_.possible(node, op) && read_body_inputs(node, table.names, row_.implicit)) reading_.has_bodies = true;
+  read_body_inputs(node, table.names, row_.implicit);
+  utf8(attribute(node, field::domain).get());  // refused here if it is not UTF-8
   row_.name = table.names.intern(utf8(attribute(node, field::name).get()));
 }
 
 void GraphReader::read_links() {
   if (reading_.depth == Depth::links) return;
-  if (reading_.depth == Depth::operators) {
-    read_first_rows();
-  } else {
-    reading_.has_old_names = true;
-    reading_.table = std::move(reading_.table).relisted(reading_.order);
-  }
+  read_first_rows();
   read_tensors();
   reading_.table.seal();
   reading_.depth = Depth::links;
@@ -197,17 +188,15 @@ void GraphReader::read_tensors() {
 
 void GraphReader::read_names() {
   core::GraphTable& table = reading_.table;
-  std::vector<core::NameId> others = read_sparse_names(graph_, table.names);
+  read_sparse_names(graph_, table.names);
   for (const InternedName* list : {&field::input, &field::output, &field::value_info}) {
-    const std::vector<core::NameId> names = read_element_names(attribute(graph_, *list).get(), table.names);
-    others.insert(others.end(), names.begin(), names.end());
+    read_element_names(attribute(graph_, *list).get(), table.names);
   }
   const Ref annotations = attribute(graph_, field::quantization_annotation);
   for (Py_ssize_t index = 0; index < length(annotations.get()); ++index) {
     const Ref annotation = item(annotations.get(), index);
-    others.push_back(table.names.intern(utf8(attribute(annotation.get(), field::tensor_name).get())));
+    table.names.intern(utf8(attribute(annotation.get(), field::tensor_name).get()));
   }
-  if (reading_.has_old_names) table.vacate_all_but(others);
 }
 
 void read_strings(PyObject* container, core::Names& names, std::vector<core::NameId>& result) {
@@ -218,21 +207,11 @@ void read_strings(PyObject* container, core::Names& names, std::vector<core::Nam
 }
 
 std::vector<core::NameId> read_element_names(PyObject* container, core::Names& names) {
-  constexpr std::size_t announced_at_once = 16;
   std::vector<core::NameId> result;
-  std::vector<std::pair<Ref, core::Names::Hashed>> announced;
-  const auto look_up = [&] {
-    for (const auto& [text, name] : announced) result.push_back(names.intern(name));
-    announced.clear();
-  };
   const Ref elements = iterator(container);
   while (const Ref element = next(elements.get())) {
-    Ref text = attribute(element.get(), field::name);
-    const core::Names::Hashed name = names.announce(utf8(text.get()));
-    announced.emplace_back(std::move(text), name);
-    if (announced.size() == announced_at_once) look_up();
+    result.push_back(names.intern(utf8(attribute(element.get(), field::name).get())));
   }
-  look_up();
   return result;
 }
 

@@ -12,7 +12,6 @@
 #include "core/graph_table.h"
 #include "core/rule.h"
 #include "py/graph_reading.h"
-#include "py/operator_bodies.h"
 #include "py/ref.h"
 
 namespace onnxgraft::py {
@@ -39,7 +38,7 @@ class GraphReader {
   void add_row(PyObject* node, core::NameId op);
   void read_row(PyObject* node, core::NameId op);
   bool read_fields_of_bytes(PyObject* node, core::NameId op);
-  void read_fields(PyObject* node, core::NameId op);
+  void read_fields(PyObject* node);
   void read_first_rows();
   void read_tensors();
 
@@ -54,7 +53,6 @@ class GraphReader {
   GraphReading& reading_;
   Ref nodes_;
   bool gives_bytes_;
-  OperatorBodies bodies_;
   // Scratch.
   Row row_;
   std::vector<std::pair<std::uint64_t, core::Names::Hashed>> announced_;

@@ -12,7 +12,7 @@
 #include "py/guard.h"
 #include "py/message_list.h"
 #include "py/objects.h"
-#include "py/operator_bodies.h"
+#include "py/wire_fields.h"
 
 namespace onnxgraft::py {
 

@@ -21,20 +21,14 @@ constexpr const char* shrank = "the list shrank while it was reordered";
 struct SortKeys {
   std::vector<std::uint32_t> values;
   std::size_t next = 0;
-  Ref last;  // the object for the key before `next`
 };
 
 PyObject* next_key(PyObject* capsule, PyObject* /*element*/) {
   return guarded([&] {
     auto* keys = static_cast<SortKeys*>(PyCapsule_GetPointer(capsule, capsule_name));
     if (keys == nullptr) throw PythonError{};
-    const std::size_t at = keys->next;
-    if (at == keys->values.size()) raise(PyExc_RuntimeError, "the list grew while it was reordered");
-    if (at == 0 || keys->values[at] != keys->values[at - 1]) {
-      keys->last = checked(PyLong_FromUnsignedLong(keys->values[at]));
-    }
-    ++keys->next;
-    return keys->last.copy();
+    if (keys->next == keys->values.size()) raise(PyExc_RuntimeError, "the list grew while it was reordered");
+    return checked(PyLong_FromUnsignedLong(keys->values[keys->next++]));
   });
 }
 
@@ -46,18 +40,6 @@ std::vector<std::uint32_t> inverse(std::span<const std::uint32_t> target) {
     source[target[at]] = at;
   }
   return source;
-}
-
-/// Sorting is stable: elements that follow each other and keep their order need no keys of their own. Fewer keys are
-/// fewer objects, and these, not the comparisons, are what a key costs.
-std::vector<std::uint32_t> sort_keys(std::span<const std::uint32_t> source) {
-  std::vector<std::uint32_t> keys(source.size());
-  std::uint32_t key = 0;
-  for (std::size_t to = 0; to < source.size(); ++to) {
-    if (to != 0 && source[to] < source[to - 1]) ++key;
-    keys[source[to]] = key;
-  }
-  return keys;
 }
 
 /// Makes the capsule useless when the keys go out of scope, should a list have kept the key function.
@@ -74,9 +56,9 @@ class ExpiringCapsule {
 
 PyMethodDef next_key_method{"next_key", next_key, METH_O, nullptr};
 
-/// Brings each element to its position; `source` says where it comes from.
-void sort(PyObject* list, std::span<const std::uint32_t> source) {
-  SortKeys state{sort_keys(source)};
+/// Brings each element to its position in `target`.
+void sort(PyObject* list, std::span<const std::uint32_t> target) {
+  SortKeys state{{target.begin(), target.end()}};
   const Ref capsule = checked(PyCapsule_New(&state, capsule_name, nullptr));
   const ExpiringCapsule expiring(capsule.get());
   const Ref key = checked(PyCFunction_New(&next_key_method, capsule.get()));
@@ -98,11 +80,11 @@ void reorder(PyObject* list, std::span<const std::uint32_t> target) {
   const auto moved = static_cast<std::size_t>(std::ranges::mismatch(target, std::views::iota(0U)).in1 - target.begin());
   const Ref element = item(list, static_cast<Py_ssize_t>(moved));
   try {
-    sort(list, source);
+    sort(list, target);
   } catch (...) {
     // A list written in Python can be interrupted when it is sorted already.
     clean_up_after_error([&] {
-      if (item(list, target[moved]).get() == element.get()) sort(list, target);
+      if (item(list, target[moved]).get() == element.get()) sort(list, source);
     });
     throw;
   }
@@ -117,16 +99,7 @@ void delete_slice(PyObject* list, std::size_t begin, std::size_t end) {
 }
 
 void delete_positions(PyObject* list, const std::vector<std::size_t>& positions) {
-  constexpr std::size_t few = 8;
-  std::vector<std::pair<std::size_t, std::size_t>> runs;
-  for (const std::size_t position : positions) {
-    if (runs.empty() || runs.back().second != position) runs.emplace_back(position, position);
-    ++runs.back().second;
-  }
-  if (runs.size() <= few) {
-    for (const auto& [begin, end] : std::views::reverse(runs)) delete_slice(list, begin, end);
-    return;
-  }
+  if (positions.empty()) return;
   const auto count = static_cast<std::size_t>(length(list));
   std::vector<std::uint32_t> target(count);
   std::uint32_t kept = 0;

@@ -13,8 +13,8 @@ namespace {
 
 const InternedName changes_attribute("changes");
 const InternedName finish("finish");
+const InternedName observed_name("observed");
 const InternedName session("session");
-const InternedName wrapped("__wrapped__");
 
 constexpr std::array<std::string_view, 3> changes_names{"anything", "bias inputs", "contents"};
 
@@ -23,12 +23,9 @@ bool is_of_type(PyObject* object, std::string_view name) noexcept {
   return PyType_HasFeature(Py_TYPE(object), Py_TPFLAGS_DISALLOW_INSTANTIATION) != 0 && type->tp_name == name;
 }
 
-bool is_observed(PyObject* object) noexcept { return is_of_type(object, observed_type_name); }
-
-/// Whether the method is a function of this module, with nothing in front but what looks on.
+/// Whether the method is a function of this module.
 bool is_built_in(PyObject* transformation, const char* name) {
-  Ref method = Ref::steal(PyObject_GetAttrString(transformation, name));
-  while (method && is_observed(method.get())) method = attribute(method.get(), wrapped);
+  const Ref method = Ref::steal(PyObject_GetAttrString(transformation, name));
   if (!method) {
     if (PyErr_ExceptionMatches(PyExc_AttributeError) == 0) throw PythonError{};
     PyErr_Clear();
@@ -61,11 +58,6 @@ bool is_our_function(PyObject* object) noexcept { return is_of_type(object, func
 std::string_view changes_name(Changes changes) { return changes_names[static_cast<std::size_t>(changes)]; }
 
 Ref begin_session(PyObject* method, PyObject* graph) {
-  static const InternedName around("around");
-  if (is_observed(method)) {
-    const Ref inner = begin_session(attribute(method, wrapped).get(), graph);
-    return inner ? call_method(method, around, {inner.get()}) : Ref{};
-  }
   if (PyMethod_Check(method) == 0 || !is_our_function(PyMethod_Function(method))) return {};
   const Ref function = call_method(PyMethod_Function(method), session, {PyMethod_Self(method), graph});
   return function.get() == Py_None ? Ref{} : checked(PyMethod_New(function.get(), PyMethod_Self(method)));
@@ -84,7 +76,29 @@ Ref inherited_method(PyObject* owner, PyObject* self, const char* name) {
   return checked(PyObject_GetAttrString(parent.get(), name));
 }
 
+Ref observed(PyObject* method, PyObject* watch) {
+  static const InternedName partial("partial");
+  if (PyMethod_Check(method) == 0 || !is_our_function(PyMethod_Function(method))) {
+    const Ref functools = checked(PyImport_ImportModule("functools"));
+    return call_method(functools.get(), partial, {watch, method});
+  }
+  const Ref function = call_method(PyMethod_Function(method), observed_name, {watch});
+  return checked(PyMethod_New(function.get(), PyMethod_Self(method)));
+}
+
+Ref observed_copy(PyObject* function, PyObject* watch) {
+  Ref copy = copy_function(function);
+  auto* object = reinterpret_cast<FunctionObject*>(copy.get());
+  object->original = Ref::borrow(function).release();
+  object->watch = Ref::borrow(watch).release();
+  return copy;
+}
+
 Ref make_session(PyObject* function, PyObject* transformation, PyObject* graph) {
+  if (const auto* object = reinterpret_cast<const FunctionObject*>(function); object->watch != nullptr) {
+    const Ref inner = make_session(object->original, transformation, graph);
+    return inner.get() == Py_None ? none() : observed_copy(inner.get(), object->watch);
+  }
   const Changes changes = promised(function, transformation);
   if (changes == Changes::anything) return none();
   Ref copy = copy_function(function);

@@ -16,7 +16,6 @@
 namespace onnxgraft::py {
 
 inline constexpr const char* function_type_name = "onnxgraft.builtin_function";
-inline constexpr const char* observed_type_name = "onnxgraft.observed_function";
 
 /// What is to be called in the place of `method`; empty where there is no promise to believe.
 Ref begin_session(PyObject* method, PyObject* graph);
@@ -32,16 +31,14 @@ bool is_our_function(PyObject* object) noexcept;
 /// The next method of that name after the class, as `super(owner, self)` finds it.
 Ref inherited_method(PyObject* owner, PyObject* self, const char* name);
 
+/// A method that calls `watch(method, ...)`, for a host that looks on while a transformation runs. A method of ours
+/// keeps its promise: `watch` must not edit the graph.
+Ref observed(PyObject* method, PyObject* watch);
+
 // For function objects alone.
 Ref make_session(PyObject* function, PyObject* transformation, PyObject* graph);
 Ref copy_function(PyObject* function);
-
-// Observed functions, for a host that looks on while a transformation runs: something in front of a method that
-// changes nothing of the graph, so that the method's promise still holds.
-
-/// The type of such objects; once per module.
-Ref make_observed_type(PyObject* module);
-/// Calls `watch(original, ...)` where `original(...)` would be called.
-Ref make_observed(PyObject* type, PyObject* original, PyObject* watch);
+/// A copy that calls `watch` with the function, bound, before its arguments.
+Ref observed_copy(PyObject* function, PyObject* watch);
 
 }  // namespace onnxgraft::py

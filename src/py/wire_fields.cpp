@@ -1,5 +1,7 @@
 #include "py/wire_fields.h"
 
+#include <algorithm>
+#include <array>
 #include <stdexcept>
 
 namespace onnxgraft::py {
@@ -63,6 +65,21 @@ std::string_view WireFields::take(std::uint64_t count) {
   const std::string_view taken = rest_.substr(0, count);
   rest_.remove_prefix(count);
   return taken;
+}
+
+bool holds_graph(std::string_view attribute) {
+  constexpr std::uint64_t graph = 6;
+  constexpr std::uint64_t graphs = 11;
+  WireFields fields(attribute);
+  while (const auto field = fields.next()) {
+    if (field->number == graph || field->number == graphs) return true;
+  }
+  return false;
+}
+
+bool may_be_large(std::string_view op) {
+  constexpr auto large = std::to_array<std::string_view>({"Constant", "If", "Loop", "Scan", "SequenceMap"});
+  return std::ranges::find(large, op) != large.end();
 }
 
 }  // namespace onnxgraft::py

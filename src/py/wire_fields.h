@@ -13,6 +13,7 @@ inline constexpr std::uint8_t input = 1;
 inline constexpr std::uint8_t output = 2;
 inline constexpr std::uint8_t name = 3;
 inline constexpr std::uint8_t op_type = 4;
+inline constexpr std::uint8_t attribute = 5;
 inline constexpr std::uint8_t domain = 7;
 }  // namespace node_field
 
@@ -40,5 +41,11 @@ class WireFields {
 
   std::string_view rest_;
 };
+
+/// Whether an attribute, in wire format, holds a graph or several.
+bool holds_graph(std::string_view attribute);
+
+/// Whether nodes of the operator hold whole tensors or graphs: as bytes they would be copied without need.
+bool may_be_large(std::string_view op);
 
 }  // namespace onnxgraft::py

@@ -1,14 +1,13 @@
 #include "transform_utilities/external_data.h"
 
+#include <array>
 #include <bit>
 #include <limits>
 #include <string>
 #include <utility>
 
 #include "transform_utilities/data_folder.h"
-#include "transform_utilities/element_size.h"
 #include "transform_utilities/external_file.h"
-#include "transform_utilities/names.h"
 
 namespace onnxgraft::transform_utilities {
 
@@ -17,7 +16,12 @@ using py::Ref;
 
 namespace {
 
+constexpr std::int64_t external_location = 1;  // TensorProto.EXTERNAL
+
 const InternedName copy_from("CopyFrom");
+const InternedName data_location("data_location");
+const InternedName data_type("data_type");
+const InternedName dims("dims");
 const InternedName external_data("external_data");
 const InternedName name("name");
 const InternedName key_field("key");
@@ -25,6 +29,16 @@ const InternedName value_field("value");
 
 const InternedName helper("helper");
 const InternedName np("np");
+const InternedName numpy_helper("numpy_helper");
+const InternedName to_array("to_array");
+
+/// Bytes per element by the code of the element type; 0 where NumPy has no such type, elements share a byte, or
+/// they have no fixed size.
+std::uint64_t element_size(std::int64_t type) {
+  constexpr std::array<std::uint64_t, 17> sizes{0, 4, 1, 1, 2, 2, 4, 8, 0, 1, 2, 8, 4, 8, 8, 16, 0};
+  return std::in_range<std::size_t>(type) && std::cmp_less(type, sizes.size()) ? sizes[static_cast<std::size_t>(type)]
+                                                                               : 0;
+}
 
 Ref global(PyObject* module, const InternedName& global_name) { return py::attribute(module, global_name); }
 
@@ -109,16 +123,16 @@ Ref read_external(PyObject* module, PyObject* tensor) {
   const ExternalLocation where = read_location(tensor);
   const Ref folder = current_data_folder();
   const FileRange range = checked_range(where, native_path(folder.get()));
-  const Ref type = py::attribute(tensor, names::data_type);
+  const Ref type = py::attribute(tensor, data_type);
   const std::uint64_t size_of_one = element_size(py::integer_value(type.get()));
   if (size_of_one == 0 || std::endian::native != std::endian::little) {
     // Older versions of onnx leave what they have read in the tensor: they get a copy.
     const Ref copy = py::call(reinterpret_cast<PyObject*>(Py_TYPE(tensor)), {});
     py::call_method(copy.get(), copy_from, {tensor});
-    return py::call_method(global(module, names::numpy_helper).get(), names::to_array, {copy.get(), folder.get()});
+    return py::call_method(global(module, numpy_helper).get(), to_array, {copy.get(), folder.get()});
   }
   const Ref dtype = py::call_method(global(module, helper).get(), dtype_of, {type.get()});
-  const Ref shape = py::checked(PySequence_Tuple(py::attribute(tensor, names::dims).get()));
+  const Ref shape = py::checked(PySequence_Tuple(py::attribute(tensor, dims).get()));
   const std::uint64_t needed = byte_count(where, shape.get(), size_of_one);
   test_length(where, range, needed, shape.get(), dtype.get());
   const Ref numpy = global(module, np);
@@ -130,9 +144,9 @@ Ref read_external(PyObject* module, PyObject* tensor) {
 }  // namespace
 
 Ref contents(PyObject* module, PyObject* tensor) {
-  const Ref location = py::attribute(tensor, names::data_location);
+  const Ref location = py::attribute(tensor, data_location);
   if (py::integer_value(location.get()) == external_location) return read_external(module, tensor);
-  return py::call_method(global(module, names::numpy_helper).get(), names::to_array, {tensor});
+  return py::call_method(global(module, numpy_helper).get(), to_array, {tensor});
 }
 
 }  // namespace onnxgraft::transform_utilities

@@ -2,7 +2,6 @@
 
 #include "py/name_index.h"
 #include "transform_utilities/external_data.h"
-#include "transform_utilities/names.h"
 
 namespace onnxgraft::transform_utilities {
 
@@ -13,6 +12,7 @@ using py::Ref;
 namespace {
 
 const InternedName graph_name("name");
+const InternedName initializer("initializer");
 
 void refuse_single_text(PyObject* names) {
   if (PyUnicode_Check(names) == 0 && PyBytes_Check(names) == 0) return;
@@ -22,7 +22,7 @@ void refuse_single_text(PyObject* names) {
 }
 
 Ref find_record(PyObject* graph, PyObject* initializers, PyObject* name) {
-  const std::optional<Py_ssize_t> position = py::find_by_name(graph, names::initializer, initializers, name);
+  const std::optional<Py_ssize_t> position = py::find_by_name(graph, initializer, initializers, name);
   if (position) return py::item(initializers, *position);
   const Ref of_graph = py::attribute(graph, graph_name);
   py::raise(
@@ -36,7 +36,7 @@ Ref find_record(PyObject* graph, PyObject* initializers, PyObject* name) {
 Ref get_init(const Call& call) {
   PyObject* graph = call[0];
   refuse_single_text(call[1]);
-  const Ref initializers = py::attribute(graph, names::initializer);
+  const Ref initializers = py::attribute(graph, initializer);
   Ref arrays = py::checked(PyList_New(0));
   Ref records = py::checked(PyList_New(0));
   const Ref wanted = py::iterator(call[1]);

@@ -5,7 +5,6 @@
 #include "py/module_entry.h"
 #include "py/objects.h"
 #include "transform_utilities/data_folder.h"
-#include "transform_utilities/description.h"
 #include "transform_utilities/initializer_lookup.h"
 
 namespace onnxgraft::transform_utilities {
@@ -45,7 +44,6 @@ constexpr py::FunctionRow get_init_row{
     .parameters = parameters,
     .body = get_init,
     .result_annotation = "Tuple[List[ndarray], List[TensorProto]]",
-    .describe = description,
     .doc = get_init_documentation,
 };
 

@@ -25,6 +25,39 @@ bool stands_at(PyObject* initializers, Py_ssize_t position, PyObject* record) {
   return position >= 0 && py::item(initializers, position).get() == record;
 }
 
+/// `tuple(tensor.dims)`, got by index: an iterator over protobuf's list ends in an IndexError, whose text is formatted.
+Ref dims_of(const Ref& tensor) {
+  static const py::InternedName dims("dims");
+  const Ref list = py::attribute(tensor.get(), dims);
+  Ref made = py::checked(PyTuple_New(py::length(list.get())));
+  for (Py_ssize_t at = 0; at < PyTuple_GET_SIZE(made.get()); ++at) {
+    PyTuple_SET_ITEM(made.get(), at, py::item(list.get(), at).release());
+  }
+  return made;
+}
+
+/// Whether the record itself holds its contents, as many bytes as the shape takes, of the element types that weights
+/// have.
+bool holds_contents(const Ref& tensor, std::int64_t type, const Ref& shape) {
+  static const py::InternedName raw_data("raw_data");
+  static const py::InternedName data_location("data_location");
+  static const py::InternedName segment("segment");
+  static const py::InternedName has_field("HasField");
+  constexpr std::int64_t float32 = 1;
+  constexpr std::int64_t int8 = 3;
+  const Ref bytes = py::attribute(tensor.get(), raw_data);
+  if ((type != float32 && type != int8) || PyBytes_CheckExact(bytes.get()) == 0) return false;
+  auto rest = static_cast<std::int64_t>(PyBytes_GET_SIZE(bytes.get()));
+  for (Py_ssize_t axis = 0; axis < PyTuple_GET_SIZE(shape.get()); ++axis) {
+    const std::int64_t extent = py::integer_value(PyTuple_GET_ITEM(shape.get(), axis));
+    if (extent <= 0 || rest % extent != 0) return false;
+    rest /= extent;
+  }
+  return rest == (type == float32 ? 4 : 1) &&
+         py::integer_value(py::attribute(tensor.get(), data_location).get()) == 0 &&
+         !py::truth(py::call_method(tensor.get(), has_field, {segment.get()}).get());
+}
+
 /// A look-up that is not our own may return the record of another graph.
 void refuse_stranger(PyObject* initializers, const InitializerChange& change) {
   if (py::check(PySequence_Contains(initializers, change.old_record)) != 0) return;
@@ -62,32 +95,31 @@ Ref GraphView::one_array(PyObject* name) {
   return py::unpack_one(py::unpack_pair(found.get()).first.get());
 }
 
-/// Null where the look-up has to be asked as it is written.
-const GraphView::Told* GraphView::told(PyObject* name) {
-  static const py::InternedName describe("describe");
-  if (lasts_ != Lasts::round || !package_looks_up()) return nullptr;
-  if (told_name_.get() == name) return &told_;
-  const Ref look_up = member(module(), names::transform_utilities, names::get_init);
-  const Ref description = py::call_method(look_up.get(), describe, {graph_.get(), name});
-  if (description.get() != Py_None) {
-    told_ = {py::item(description.get(), 0), py::item(description.get(), 1)};
-  } else {
-    const Initializer found = one_initializer(py::tuple({name}).get());
-    told_ = {py::attribute(found.record.get(), names::data_type), py::attribute(found.array.get(), names::shape)};
-  }
-  told_name_ = Ref::borrow(name);
-  return &told_;
+/// As the record states them; none where only the look-up can tell, for instance because it would raise.
+std::optional<GraphView::Stated> GraphView::stated(PyObject* name) const {
+  static const py::InternedName to_array("to_array");
+  if (lasts_ != Lasts::round || !package_looks_up()) return {};
+  const Ref utilities = global(module(), names::transform_utilities);
+  const Ref reader = py::attribute(py::attribute(utilities.get(), names::numpy_helper).get(), to_array);
+  if (!py::is_written_in(reader.get(), "onnx.numpy_helper")) return {};
+  const Ref initializers = initializers_of(graph_);
+  const auto position = position_of(graph_, initializers.get(), name);
+  if (!position) return {};
+  const Ref tensor = py::item(initializers.get(), *position);
+  Stated found{py::attribute(tensor.get(), names::data_type), dims_of(tensor)};
+  if (!holds_contents(tensor, py::integer_value(found.type.get()), found.shape)) return {};
+  return found;
 }
 
 Ref GraphView::element_type(PyObject* name) {
-  if (const Told* known = told(name); known != nullptr) return known->type.copy();
+  if (auto known = stated(name)) return std::move(known->type);
   const Ref found = look_up(py::tuple({name}).get());
   const auto [arrays, records] = py::unpack_pair(found.get());
   return py::attribute(py::item(records.get(), 0).get(), names::data_type);
 }
 
 Ref GraphView::shape(PyObject* name) {
-  if (const Told* known = told(name); known != nullptr) return known->shape.copy();
+  if (auto known = stated(name)) return std::move(known->shape);
   return py::attribute(one_initializer(py::tuple({name}).get()).array.get(), names::shape);
 }
 
