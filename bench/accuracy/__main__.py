@@ -1,6 +1,6 @@
 """Measures what quantized networks answer, and writes docs/use/accuracy.md.
 
-python -m bench.accuracy [--only NETWORK ...]    what is in build/accuracy/results.json already is not measured again
+python -m bench.accuracy [--only NETWORK ...]    what build/accuracy/results.json has already is not measured again
 """
 
 from __future__ import annotations
@@ -18,7 +18,8 @@ from bench.accuracy.networks import BY_NAME, FOLDER, NETWORKS, OCR
 RESULTS = FOLDER / "results.json"
 TASKS = (
     *("forward", "calibrate", "calibrate_mse", "random_apply", "extremes", "plain", "recipe", "ort_same"),
-    *("float2", "corrected", "float5", "ort_all", "ort_symmetric"),
+    *("corrected", "float2", "float5"),
+    *("ort_tensor", "ort_percentile", "ort_entropy", "ort_all", "ort_symmetric"),
 )
 # What replaces the models of the OCR package; `ort` is what did best of onnxruntime's.
 PIPELINES = ("float", "corrected", "float2", "ort")
@@ -66,7 +67,7 @@ def _read_pages(name: str, results: dict[str, Any]) -> dict[str, Any]:
     models = {network: BY_NAME[network].made(_variant(name, results[network])) for network in OCR}
     engine = feeding.pipeline({network: BY_NAME[network].path for network in OCR} if name == "float" else models)
     start, found, texts = time.perf_counter(), [], []
-    for number in feeding.TEST_PAGES:
+    for number in feeding.READ_PAGES:
         picture, lines = pages.page(number)
         result, _ = engine(picture)
         found.append([[box, text] for box, text, _ in sorted(result or [], key=lambda line: line[0][0][1])])

@@ -21,9 +21,12 @@ _COLUMNS = {
 }
 _PEER = "onnxruntime, best"
 _PEERS = {
-    "ort_same": "Conv, Gemm and MatMul per channel",
+    "ort_same": "`Conv`, `Gemm` and `MatMul` per channel",
+    "ort_tensor": "the same per tensor",
+    "ort_percentile": "per channel with its percentile ranges",
+    "ort_entropy": "per channel with its entropy ranges",
+    "ort_symmetric": "per channel without offsets",
     "ort_all": "all operators per channel",
-    "ort_symmetric": "the former without offsets",
 }
 _HEAD = """# Accuracy
 

@@ -15,8 +15,11 @@ _FIRST_WITH_AXIS = 13
 _OPERATORS = ["Conv", "Gemm", "MatMul"]
 # What is asked of `quantize_static` beyond its defaults; all with pairs of QuantizeLinear and DequantizeLinear.
 VARIANTS: dict[str, dict[str, Any]] = {
-    "ort_all": {"per_channel": True},
     "ort_same": {"per_channel": True, "op_types_to_quantize": _OPERATORS},
+    "ort_tensor": {"per_channel": False, "op_types_to_quantize": _OPERATORS},
+    "ort_percentile": {"per_channel": True, "op_types_to_quantize": _OPERATORS, "calibrate": "Percentile"},
+    "ort_entropy": {"per_channel": True, "op_types_to_quantize": _OPERATORS, "calibrate": "Entropy"},
+    "ort_all": {"per_channel": True},
     "ort_symmetric": {
         "per_channel": True,
         "op_types_to_quantize": _OPERATORS,
@@ -32,6 +35,7 @@ def quantize(network: Network, variant: str) -> dict[str, Any]:
     shapes: Any = importlib.import_module("onnxruntime.quantization.shape_inference")
     settings = dict(VARIANTS[variant])
     activation = getattr(tool.QuantType, settings.pop("activation", "QUInt8"))
+    method = getattr(tool.CalibrationMethod, settings.pop("calibrate", "MinMax"))
     ready = network.made("ort_ready")
     if not ready.exists():
         model = onnx.load(network.path)
@@ -47,6 +51,7 @@ def quantize(network: Network, variant: str) -> dict[str, Any]:
             reader,
             quant_format=tool.QuantFormat.QDQ,
             activation_type=activation,
+            calibrate_method=method,
             weight_type=tool.QuantType.QInt8,
             **settings,
         )

@@ -79,6 +79,25 @@ class WeightNumbers:
 
 
 @dataclass(frozen=True)
+class Equalized:
+    """A tensor whose channels are divided by factors, so that they have one range.
+
+    Attributes:
+        factors: One for each channel, above 0 and at most 1.
+        range: The values of the divided tensor.
+        outside: The share of its values that the range leaves out, 0 to 1.
+    """
+
+    factors: tuple[float, ...]
+    range: Range
+    outside: float = 0.0
+
+    def __post_init__(self) -> None:
+        if not self.factors or not all(0 < factor <= 1 for factor in self.factors):
+            raise CalibrationError("factors of channels have to be above 0 and at most 1")
+
+
+@dataclass(frozen=True)
 class Calibration:
     """What is known of the numbers that flow through a model.
 
@@ -90,6 +109,7 @@ class Calibration:
         prepared: Of the prepared model.
         data: What messages call the samples.
         weights: By initializer: numbers of weights that the calibrated model held quantized already.
+        equalized: By tensor: channels that a depthwise `Conv` reads, brought to one range.
         outside: By tensor: the share of the values that its range leaves out, 0 to 1, where values were seen.
     """
 
@@ -101,6 +121,7 @@ class Calibration:
     data: str = ""
     weights: Mapping[str, WeightNumbers] = field(default_factory=dict)
     outside: Mapping[str, float] = field(default_factory=dict)
+    equalized: Mapping[str, Equalized] = field(default_factory=dict)
 
     def check_model(self, fingerprint: str, label: str = "the model") -> None:
         """Raises CalibrationError unless the fingerprint is that of the model, as it was or prepared."""
@@ -129,8 +150,16 @@ class Calibration:
         outside = {**self.outside, **other.outside}
         for name in self.outside.keys() & other.outside.keys():
             outside[name] = (self.outside[name] * self.samples + other.outside[name] * other.samples) / max(samples, 1)
+        # Factors come from the samples. Ranges of differently divided channels cannot be joined.
+        equalized = {
+            name: replace(one, range=one.range.union(two.range), outside=max(one.outside, two.outside))
+            for name, one in self.equalized.items()
+            if (two := other.equalized.get(name)) is not None and two.factors == one.factors
+        }
         data = ", ".join(dict.fromkeys(name for name in (self.data, other.data) if name))
-        return replace(self, ranges=ranges, samples=samples, data=data, weights=weights, outside=outside)
+        return replace(
+            self, ranges=ranges, samples=samples, data=data, weights=weights, outside=outside, equalized=equalized
+        )
 
     def to_json(self) -> str:
         """One JSON object; `from_json` reads it back without loss."""
@@ -146,6 +175,8 @@ class Calibration:
         }
         if self.outside:
             content["outside"] = dict(self.outside)
+        if self.equalized:
+            content["equalized"] = {name: _equalized_to_json(one) for name, one in self.equalized.items()}
         if self.weights:
             content["weights"] = {name: _weight_to_json(numbers) for name, numbers in self.weights.items()}
         text = json.dumps(content, allow_nan=False)
@@ -175,6 +206,7 @@ class Calibration:
             prepared=_typed(content, "prepared", str),
             data=_typed(content, "data", str),
             outside={name: _share(name, share) for name, share in _entries(content, "outside", {})},
+            equalized={name: _equalized(name, one) for name, one in _entries(content, "equalized", {})},
             weights={name: _weight(name, numbers) for name, numbers in _entries(content, "weights", {})},
         )
 
@@ -240,6 +272,18 @@ def _share(name: str, share: Any) -> float:
     if isinstance(share, int | float) and 0 <= share <= 1:
         return float(share)
     raise CalibrationError(f"not a calibration: the share outside the range of tensor '{name}' has to be from 0 to 1")
+
+
+def _equalized_to_json(one: Equalized) -> dict[str, Any]:
+    return {"factors": list(one.factors), "range": [one.range.low, one.range.high], "outside": one.outside}
+
+
+def _equalized(name: str, content: Any) -> Equalized:
+    try:
+        factors, pair, outside = (content[key] for key in ("factors", "range", "outside"))
+        return Equalized(_numbers(name, factors), _range(name, pair), _share(name, outside))
+    except (KeyError, TypeError, CalibrationError) as error:
+        raise CalibrationError(f"not a calibration: the channels of tensor '{name}' are broken ({error})") from None
 
 
 def _weight_to_json(numbers: WeightNumbers) -> dict[str, Any]:

@@ -14,7 +14,9 @@ import numpy.typing as npt
 import onnx
 
 from onnxgraft import preparation
-from onnxgraft.calibration.calibration import Calibration, Range
+from onnxgraft.calibration.calibration import Calibration, Equalized, Range
+from onnxgraft.calibration.channels import Channels
+from onnxgraft.calibration.equalizing import equalizable
 from onnxgraft.calibration.fingerprinting import model_fingerprint
 from onnxgraft.calibration.histograms import Statistics
 from onnxgraft.calibration.methods import chooser
@@ -26,6 +28,10 @@ from onnxgraft.samples import Data, Images, Sample, open_data
 
 Array = npt.NDArray[Any]
 Progress = Callable[[int, int | None], object]
+
+_WORTHWHILE = 0.75
+# Shares of a channel's values that its factor is made for: the largest ones may go beyond the range of the others.
+_KEPT = (0.99, 0.999, 0.9999, 1.0)
 
 _log = logging.getLogger(__name__)
 
@@ -105,8 +111,9 @@ def calibrate(
         raise CalibrationError("the model computes no tensor of floating-point numbers")
     if len(runners) > 1:
         _log.info("inner tensors are computed in %d parts", len(runners))
+    channels = {found.tensor: found.channels for found in equalizable(own.graph)}
     del own
-    collector = _Collector(watched, counts_values=method != "min-max")
+    collector = _Collector(watched, channels, counts_values=method != "min-max")
     for done, sample in enumerate(itertools.chain([first], feeds), 1):
         try:
             collector.add(sample, runners)
@@ -122,7 +129,30 @@ def calibrate(
     for alias, source in watched.aliases.items():
         if source in ranges:
             ranges[alias], outside[alias] = ranges[source], outside[source]
-    return Calibration(ranges, name, done, fingerprint, prepared, samples.label, outside=outside)
+    equalized = {
+        tensor: best
+        for tensor, channels in collector.channels.items()
+        if tensor in ranges and (best := _equalized(channels, choose, ranges[tensor])) is not None
+    }
+    return Calibration(ranges, name, done, fingerprint, prepared, samples.label, outside=outside, equalized=equalized)
+
+
+def _equalized(channels: Channels, choose: Callable[[Statistics], Range], whole: Range) -> Equalized | None:
+    """The factors that leave the least noise of rounding; None if too little is gained."""
+    found: dict[float, Equalized] = {}
+    for kept in _KEPT:
+        factors = channels.factors(kept)
+        if factors is not None:
+            seen = channels.divided(factors)
+            ends = choose(seen)
+            noise = _width(ends) ** 2 * float(np.mean(np.square(factors)))
+            outside = seen.share_outside(ends.low, ends.high)
+            found[noise] = Equalized(tuple(factors.astype(float).tolist()), ends, outside)
+    return found[min(found)] if found and min(found) < _WORTHWHILE * _width(whole) ** 2 else None
+
+
+def _width(ends: Range) -> float:
+    return max(ends.high, 0.0) - min(ends.low, 0.0)
 
 
 def _blocks(sizes: Mapping[str, int], memory: int) -> list[list[str]]:
@@ -139,8 +169,11 @@ def _blocks(sizes: Mapping[str, int], memory: int) -> list[list[str]]:
 
 
 class _Collector:
-    def __init__(self, watched: Watched, *, counts_values: bool) -> None:
+    """What tensors are, and what some would be with channels divided by factors."""
+
+    def __init__(self, watched: Watched, channels: Mapping[str, int], *, counts_values: bool) -> None:
         self._watched = watched
+        self.channels = {name: Channels(count, counts_values=counts_values) for name, count in channels.items()}
         self._counts_values = counts_values
         self._seen: dict[str, Statistics] = {}
 
@@ -160,6 +193,8 @@ class _Collector:
         if name not in self._seen:
             self._seen[name] = Statistics(counts_values=self._counts_values)
         self._seen[name].add(values)
+        if name in self.channels:
+            self.channels[name].add(values)
 
     def usable(self) -> Iterator[tuple[str, Statistics]]:
         """What has a range, in the order of the graph."""

@@ -46,6 +46,12 @@ class Statistics:
             for start in range(0, halves.size, _BLOCK):
                 self._counts += np.bincount(halves[start : start + _BLOCK], minlength=_BINS)
 
+    def count(self, values: Array, counts: Array) -> None:
+        """Takes values that lie between the extremes already known, each as often as `counts` says."""
+        assert self._counts is not None
+        bins = np.ascontiguousarray(values, np.float32).view(np.uint16)[_UPPER_HALF::2]
+        self._counts += np.bincount(bins, counts, minlength=_BINS).astype(np.int64)
+
     def share_outside(self, low: float, high: float) -> float:
         """The share of the values below `low` or above `high`, 0 to 1; values are spread evenly within a bin."""
         if low <= self.low and high >= self.high:

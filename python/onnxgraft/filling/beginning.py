@@ -11,6 +11,7 @@ from typing import TYPE_CHECKING
 import onnx
 
 from onnxgraft import quant
+from onnxgraft.filling.equalizing import Renamed, equalize
 from onnxgraft.filling.errors import FillingError
 from onnxgraft.filling.filler import Filler
 from onnxgraft.filling.operators import Quantizable, quantizable
@@ -56,8 +57,14 @@ def begin(
     left = _left_float(operators, filling.leave)
     operators = [operator for operator in operators if operator.output not in left]
     _check_ranges(graph, operators, filling)
+    calibration = filling.calibration
+    renamed = equalize(graph, calibration, store) if filling.equalize else Renamed()
+    if renamed.names:
+        calibration = renamed.applied(calibration)
+        left = {renamed.names.get(name, name): reason for name, reason in left.items()}
+        operators = [operator for operator in quantizable(graph, chosen) if operator.output not in left]
     plan = Plan(
-        filling.calibration,
+        calibration,
         symmetric=filling.symmetric,
         left_float=left,
         uncentred=frozenset(operator.output for operator in operators if _hides_padding(operator.node)),
@@ -81,6 +88,8 @@ def begin(
         decibels = choice.decibels
     filler = Filler(plan, store)
     filler.result.decibels = decibels
+    if renamed.ranges:
+        filler.note(f"the channels of {len(renamed.ranges)} tensors that depthwise Conv nodes read have one range now")
     if before := sum(node.op_type == "TesselQuant" for node in graph.node):
         filler.warn(f"{before} quantize nodes were there before: their numbers, real or random, are as they were")
     return filler

@@ -26,6 +26,8 @@ class Filling:
         bias_correction: Whether biases are corrected by the mean error of their operator. None: where `data` is
             given and the correction brings the outputs nearer to the float ones on it.
         data: Samples to try things on; the same that were calibrated with will do.
+        equalize: Whether channels that a depthwise `Conv` reads are brought to one range, where float weights or
+            constants before it can make up for it. What the float model computes stays the same.
     """
 
     calibration: Calibration
@@ -34,6 +36,7 @@ class Filling:
     float_share: float = 0.0
     bias_correction: bool | None = None
     data: Samples | None = None
+    equalize: bool = True
 
     def __post_init__(self) -> None:
         if not 0.0 <= self.float_share < 1.0:

@@ -15,6 +15,7 @@ from onnxgraft.calibration import Calibration, CalibrationError, Range, WeightNu
 from onnxgraft.cli import main
 from onnxgraft.evaluation import Convention, evaluate
 from onnxgraft.filling import Filling
+from onnxgraft.filling.equalizing import equalize
 from onnxgraft.quant import QuantConvTransformation, _QuantTransformation
 from onnxgraft.samples import open_data
 
@@ -145,6 +146,42 @@ def test_a_bias_that_does_not_fit_widens_its_channel_and_dead_channels_stay_exac
     assert "coarser scales" in str(list(report.filled.lines()))
     for first, second in zip(outputs(model), outputs(result), strict=True):
         np.testing.assert_allclose(second[:, 1:], first[:, 1:], atol=1e-6 * 50)
+
+
+SPREAD = np.logspace(-1.5, 0, 4).reshape(4, 1, 1, 1)
+RNG = np.random.default_rng(1)
+# Weights of the depthwise convolution make up for the spread, so that each channel counts.
+DEPTHWISE = {"w": RNG.normal(size=(4, 4, 1, 1)) * SPREAD, "d": RNG.normal(size=(8, 1, 3, 3)) / SPREAD.repeat(2, 0),
+             "b": SPREAD.ravel(), "s": [0.01], "q": 1 / SPREAD[:, :, 0], "f": SPREAD[:, :, 0],
+             "g": SPREAD.ravel()}  # fmt: skip
+# What channels are made by, and how many tensors are divided with them.
+EQUALIZED: dict[str, tuple[str, int]] = {
+    "conv, two readers": ("c = Conv(x, w, b) r = Relu(c) e = Conv<group=4>(r, d) h = Conv<group=4>(r, d) "
+                          "y = Add(e, h)", 2),
+    "constants, one of them shared": ("h = HardSwish(x) k = Mul(h, f) m = Add(s, k) z = Conv<group=4>(m, d) "
+                                      "y = Add(z, s)", 2),
+    "hard swish": ("k = HardSigmoid(x) m = Mul(x, k) z = Div(m, q) y = Conv<group=4>(z, d)", 1),
+    "normalization": ("n = BatchNormalization(x, g, b, b, g) y = Conv<group=4, pads=[1,1,1,1]>(n, d)", 1),
+    "not with another reader": ("c = Conv(x, w, b) r = Relu(c) e = Conv<group=4>(r, d) t = Transpose(r) "
+                                "u = ReduceSum<keepdims=0>(t) y = Add(e, u)", 0),
+    "not through other functions": ("c = Conv(x, w, b) r = Sigmoid(c) y = Conv<group=4>(r, d)", 0),
+}  # fmt: skip
+
+
+@pytest.mark.parametrize("name", EQUALIZED)
+def test_channels_are_brought_to_one_range(name: str) -> None:
+    """The float model stays what it is, and the quantized one gains."""
+    text, count = EQUALIZED[name]
+    model = make_model(text, IMAGE, {key: value for key, value in DEPTHWISE.items() if f"{key}" in text})
+    calibration = calibrate(model, samples(model), evaluator="reference", prepare=False)
+    graph = copy(model)
+    assert len(equalize(graph.graph, calibration).names) == count
+    assert decibels(model, graph) > 100
+    settings = {"calibration": Calibration.from_json(calibration.to_json())}
+    plain, equal = (
+        filled(model, equalize=choice, **settings, leave=["c"] * ("c =" in text)) for choice in (False, True)
+    )
+    assert decibels(model, equal) > decibels(model, plain) + (6 if count else -0.01)
 
 
 def test_the_report_says_what_share_is_cut_off() -> None:
