@@ -1,4 +1,4 @@
-"""Drawings of small graphs: a layered layout, and what is drawn with it as SVG.
+"""Drawings of small graphs: a layered layout, and SVG drawings that use it.
 
 `pair_picture` shows a (pattern, replacement) pair for the documentation, `node_cards` the nodes of real models.
 """

@@ -31,10 +31,10 @@ def edge_paths(layout: Layout, edge: Edge) -> tuple[str, str]:
 
 
 def text_width(text: str, size: float) -> float:
-    """An upper bound of what sans-serif fonts take."""
+    """An upper bound of the width in sans-serif fonts."""
     return 0.58 * size * len(text)
 
 
 def markup(value: str) -> str:
-    """A text of a model, whatever it holds, as text of SVG and HTML, fit for attributes in double quotes too."""
+    """A text of a model, with any characters, as text of SVG and HTML, also safe in double-quoted attributes."""
     return escape(value.translate(_PICTURES).encode("utf-8", "replace").decode())

@@ -1,7 +1,7 @@
 """Places the boxes of a small graph in layers, with few crossings and short edges.
 
-Everything that takes a place is an item: a node, a tensor from outside, a result, or the spot where an edge passes a
-layer. Edges run from one layer to the next one only. Sizes are given, places come out; nothing here draws.
+Everything that needs room is an item: a node, a tensor from outside, a result, or the spot where an edge passes a
+layer. Edges run only from one layer to the next. The input is sizes, the output positions; nothing here draws.
 """
 
 from __future__ import annotations
@@ -13,7 +13,7 @@ from itertools import pairwise
 
 GAP_X, GAP_Y = 22.0, 36.0
 _SWEEPS = 24
-_STRAIGHT = 8  # how much more a chain, or an edge that passes layers, wants to be straight
+_STRAIGHT = 8  # how much more a chain, or an edge that passes layers, is pulled straight
 
 
 @dataclass
@@ -62,7 +62,7 @@ def place(
 
     Args:
         sizes: Width and height of each.
-        reads: From which items each one reads, in order of its inputs.
+        reads: The items that each one reads, in order of its inputs.
         still: The work ends once no item moves that far any more.
     """
     items = {name: Item(width, height) for name, (width, height) in sizes.items()}
@@ -78,7 +78,7 @@ def place(
 
 
 def _set_layers(items: dict[str, Item], reads: Mapping[str, Sequence[str]]) -> None:
-    """Longest way from above; what reads nothing but outside tensors goes down to its reader."""
+    """Longest path from above; an item that reads only outside tensors moves down to its reader."""
     readers: dict[str, list[str]] = {name: [r for r in items if name in reads.get(r, ())] for name in items}
     for _ in items:
         for name, item in items.items():
@@ -127,7 +127,7 @@ def _first_order(items: dict[str, Item], reads: Mapping[str, Sequence[str]], edg
 
 
 def _reduce_crossings(layout: Layout, steps: Sequence[tuple[str, str]]) -> None:
-    """Sorts layers by the mean place of their neighbours, down and up in turn; keeps the best order seen."""
+    """Sorts layers by the mean place of their neighbours, alternating down and up; keeps the best order found."""
     best, fewest = [list(layer) for layer in layout.layers], _crossings(layout)
     for sweep in range(_SWEEPS):
         if fewest == 0:
@@ -173,7 +173,7 @@ def _set_x(layout: Layout, still: float) -> None:
         quiet = quiet + 1 if _has_settled(before, items, still) else 0
         if quiet == 2:  # downwards and upwards
             break
-    for layer in layout.layers:  # at last chains hang straight down
+    for layer in layout.layers:  # finally chains hang straight down
         _spread(items, layer, [_above(items, name, pulls[name]) for name in layer])
     left = min(item.x - item.width / 2 for item in items.values())
     for item in items.values():
@@ -186,7 +186,7 @@ def _has_settled(before: Sequence[float], items: Mapping[str, Item], still: floa
 
 
 def _pulls(layout: Layout) -> dict[str, list[tuple[str, float, int]]]:
-    """For every item its neighbours, how far from their centre it wants to be, and how strongly."""
+    """For every item its neighbours, its wanted distance from their centre, and the strength of the pull."""
     pulls: dict[str, list[tuple[str, float, int]]] = {name: [] for name in layout.items}
     starts = [edge.start for edge in layout.edges]
     for edge in layout.edges:
@@ -201,7 +201,7 @@ def _pulls(layout: Layout) -> dict[str, list[tuple[str, float, int]]]:
 
 
 def _wanted(items: dict[str, Item], name: str, pulls: Sequence[tuple[str, float, int]]) -> float:
-    """The weighted mean of where the edges of an item would like it."""
+    """The weighted mean of the positions that the edges of an item pull it to."""
     if not pulls:
         return items[name].x
     return math.fsum((items[other].x + shift) * weight for other, shift, weight in pulls) / math.fsum(
@@ -210,7 +210,7 @@ def _wanted(items: dict[str, Item], name: str, pulls: Sequence[tuple[str, float,
 
 
 def _above(items: dict[str, Item], name: str, pulls: Sequence[tuple[str, float, int]]) -> float:
-    """The place below the item that a chain comes from, else the item's own place."""
+    """The place below the item that a chain comes from, otherwise the item's own place."""
     straight = [other for other, _, weight in pulls if weight == _STRAIGHT and items[other].layer < items[name].layer]
     return items[straight[0]].x if straight else items[name].x
 
@@ -245,7 +245,7 @@ def _set_y(layout: Layout) -> None:
 
 
 def _gap_below(layout: Layout, layer: Sequence[str]) -> float:
-    """More room where edges go far sideways, so that they do not lie flat."""
+    """More room if edges go far sideways, so that they do not lie flat."""
     names, farthest = set(layer), 0.0
     for edge in layout.edges:
         for start, end in pairwise((edge.start, *edge.via, edge.end)):

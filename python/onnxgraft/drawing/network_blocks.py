@@ -1,7 +1,7 @@
-"""Takes the nodes of a very large network together to blocks that a map can show.
+"""Combines the nodes of a very large network into blocks that a map can show.
 
 Blocks are runs of nodes in graph order. Exporters write the modules of a network one after the other, so a run is cut
-where the fewest parts of the names before and after are the same: between modules rather than inside one.
+where neighbouring names share the fewest parts: between modules rather than inside one.
 """
 
 from __future__ import annotations
@@ -15,7 +15,7 @@ _PARTS = re.compile(r"[^/.]+")
 
 @dataclass(frozen=True)
 class Block:
-    """The nodes from `start` up to `stop`, and what all their names begin with."""
+    """The nodes from `start` up to `stop`, and the common prefix of their names."""
 
     start: int
     stop: int
@@ -40,7 +40,7 @@ def blocks_of(names: Sequence[str], wanted: int) -> list[Block]:
 
 
 def _shared(first: Sequence[str], second: Sequence[str]) -> int:
-    """How many parts at the beginning are the same."""
+    """How many parts at the start are the same."""
     count = 0
     for a, b in zip(first, second, strict=False):
         if a != b:
@@ -50,7 +50,7 @@ def _shared(first: Sequence[str], second: Sequence[str]) -> int:
 
 
 def _label(names: Sequence[str], parts: Sequence[tuple[str, ...]], start: int, stop: int) -> str:
-    # Of the names in order of the alphabet the first and the last one share the least.
+    # Of the names in alphabetical order, the first and the last one share the least.
     low, high = min(parts[start:stop]), max(parts[start:stop])
     if shared := low[: _shared(low, high)]:
         return "/".join(shared)
@@ -58,7 +58,7 @@ def _label(names: Sequence[str], parts: Sequence[tuple[str, ...]], start: int, s
 
 
 def block_edges(blocks: Sequence[Block], edges: Sequence[tuple[int, int]]) -> list[tuple[int, int]]:
-    """What leads from one block to another, each once."""
+    """The edges from one block to another, each once."""
     block = [number for number, one in enumerate(blocks) for _ in range(one.start, one.stop)]
     pairs = dict.fromkeys((block[writer], block[reader]) for writer, reader in edges)
     return [(writer, reader) for writer, reader in pairs if writer != reader]

@@ -1,9 +1,9 @@
 """Places the nodes of a whole network for a map: ranks by longest path, from left to right, folded like lines of text.
 
-Everything is linear in nodes and edges, but for the sorting of columns. An edge over a few columns has a lane of its
-own in each of them, which all readers of one node share; a longer one is drawn straight across the map, so that many
-long edges do not make lanes by the million. Only numbers come in and go out: what a node is, and how it looks, is
-decided elsewhere.
+Everything except the sorting of columns is linear in nodes and edges. An edge over a few columns has a lane of its own
+in each of them, which all readers of one node share. A longer one is drawn straight across the map, so that many long
+edges do not make millions of lanes. Input and output are only numbers: what a node is, and how it looks, is decided
+elsewhere.
 """
 
 from __future__ import annotations
@@ -50,7 +50,7 @@ def lay_out(count: int, edges: Sequence[tuple[int, int]]) -> NetworkLayout:
 def ranks_in_order(count: int, edges: Iterable[tuple[int, int]]) -> tuple[list[int], list[int]]:
     """The longest path to each node, and the nodes in an order in which writers come before their readers.
 
-    If a cycle leaves no such order, the first node of those that are left is taken without waiting for its writers.
+    If a cycle leaves no such order, the first remaining node is taken without waiting for its writers.
     """
     readers: list[list[int]] = [[] for _ in range(count)]
     waiting = [0] * count
@@ -81,7 +81,7 @@ def ranks_in_order(count: int, edges: Iterable[tuple[int, int]]) -> tuple[list[i
 
 
 def _ranks(count: int, edges: Sequence[tuple[int, int]]) -> list[int]:
-    """What reads no other node, such as a constant, goes to the column before its first reader."""
+    """A node that reads no other node, such as a constant, goes to the column before its first reader."""
     rank, _ = ranks_in_order(count, edges)
     reads = [False] * count
     first: dict[int, int] = {}
@@ -94,7 +94,7 @@ def _ranks(count: int, edges: Sequence[tuple[int, int]]) -> list[int]:
 
 
 def _columns(rank: Sequence[int], count: int) -> list[int]:
-    """The column of each node: its rank, where ranks with too many nodes take several columns."""
+    """The column of each node: its rank, with several columns for ranks with too many nodes."""
     members: list[list[int]] = [[] for _ in range(max(rank, default=-1) + 1)]
     for node in range(count):
         members[rank[node]].append(node)
@@ -170,7 +170,7 @@ def _longest(count: int, edges: Sequence[tuple[int, int]], columns: Sequence[int
 
 
 def _order(lanes: _Lanes) -> None:
-    """Sorts columns by the mean place of their neighbours, alternating left and right; keeps the best order seen."""
+    """Sorts columns by the mean place of their neighbours, alternating left and right; keeps the best order found."""
     best, fewest = [list(column) for column in lanes.members], _crossings(lanes)
     place = [0.0] * len(lanes.column)
     for column in lanes.members:
@@ -247,7 +247,7 @@ def _spread(lanes: _Lanes, column: Sequence[int], wanted: Sequence[float], y: li
 
 
 def _fold(lanes: _Lanes, heights: Sequence[float]) -> NetworkLayout:
-    """Cuts the columns into rows of equal length, as many as bring the picture close to its wanted shape."""
+    """Cuts the columns into rows of equal length, as many as bring the picture close to its target shape."""
     layout = NetworkLayout()
     if not lanes.members:
         return layout
@@ -291,12 +291,12 @@ def _shape(spans: Sequence[tuple[float, float]], per_row: int) -> float:
 
 
 def _near_paths(lanes: _Lanes, places: Sequence[tuple[int, int]], per_row: int, width: int) -> Iterator[str]:
-    """Lines between neighbouring columns; at the end of a row they go on at the left of the next one."""
+    """Lines between neighbouring columns; at the end of a row they continue at the left of the next one."""
     for item, right in enumerate(lanes.right):
         if not right:
             continue
         x, y = places[item]
-        # A lane takes the width of a column, so that its line goes on without a gap.
+        # A lane takes the width of a column, so that its line continues without a gap.
         start = x + NODE_WIDTH
         passing = f"M{x} {y}h{NODE_WIDTH}" if item >= lanes.count else ""
         yield passing
@@ -315,7 +315,7 @@ def _line(x: int, y: int, x2: int, y2: int) -> str:
 
 
 def _far_path(start: tuple[int, int], end: tuple[int, int]) -> str:
-    """A bow from the right of one node to the left of another, wherever that is."""
+    """A bow from the right of one node to the left of another, in any direction."""
     (x, y), (x2, y2) = start, end
     x += NODE_WIDTH
     reach = max(COLUMN, abs(x2 - x) // 4)

@@ -1,7 +1,7 @@
-"""Draws nodes of real models as cards that hang together by their tensors, as SVG for a page.
+"""Draws nodes of real models as cards that are connected by their tensors, as SVG for a page.
 
-Colours come from the page by class (`kept`, `changed`, `removed`, `added`, `around`), so that they follow its theme.
-What reads nothing on the picture hangs on a pill with the tensor's name, as does what nobody on it reads.
+Colours come from the page by class (`kept`, `changed`, `removed`, `added`, `around`), so that they follow its theme. A
+card without a producer in the picture is connected to a pill with the tensor's name; so is one without a reader.
 """
 
 from __future__ import annotations
@@ -59,7 +59,7 @@ def draw_cards(cards: Sequence[Card], shapes: Mapping[str, str], title: str) -> 
 
 
 def shorten(text: str, columns: int) -> str:
-    """The text with a mark in its middle instead of what is too much."""
+    """The text with a mark in its middle instead of the excess."""
     if _columns(text) <= columns:
         return text
     head, tail = text[: columns // 3], text[-(columns - columns // 3 - 1) :]
@@ -84,7 +84,7 @@ def _lay_out(cards: Sequence[Card]) -> tuple[Layout, dict[str, str]]:
         for name in dict.fromkeys(card.inputs) if card.state == "around" else card.inputs:
             source = writers.get(name)
             if source is not None and _leads_to(reads, source, f"n{k}"):
-                source = None  # a graph that is no DAG: layers have to be
+                source = None  # a graph that is not a DAG: layers must be one
             if source is None and card.state != "around":
                 source = f"i{name}".replace("|", "¦")
                 pills[source] = name
@@ -102,7 +102,7 @@ def _lay_out(cards: Sequence[Card]) -> tuple[Layout, dict[str, str]]:
 
 
 def _leads_to(reads: Mapping[str, Sequence[str]], start: str, goal: str) -> bool:
-    """Whether what `start` reads, directly or not, is or reads `goal`."""
+    """Whether an input of `start`, direct or indirect, is or reads `goal`."""
     left, seen = [start], {start}
     while left:
         item = left.pop()
@@ -126,7 +126,7 @@ def _size(card: Card) -> tuple[float, float]:
 
 
 def _overhang(cards: Sequence[Card], shapes: Mapping[str, str], layout: Layout, key: str) -> float:
-    """How far the label of the rightmost items reaches beyond the picture."""
+    """How far the label of the rightmost items extends beyond the picture."""
     if not key.startswith("n") or "|" in key:
         return 0.0
     labels = [shapes[name] for name in cards[int(key[1:])].outputs if name in shapes]
@@ -168,7 +168,7 @@ def _pill(tensor: str, layout: Layout, key: str) -> Iterator[str]:
 def _labels(
     cards: Sequence[Card], pills: Mapping[str, str], shapes: Mapping[str, str], layout: Layout
 ) -> Iterator[str]:
-    """Type and shape of tensors, where a line leaves what writes them and no box or other label is in the way."""
+    """Type and shape of tensors, where a line leaves the writer and no box or other label is in the way."""
     taken = [_Box.of(item) for item in layout.items.values() if item.height]
     starts = {edge.start for edge in layout.edges}
     written = {f"n{k}": next((name for name in card.outputs if name in shapes), "") for k, card in enumerate(cards)}

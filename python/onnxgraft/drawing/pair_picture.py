@@ -1,6 +1,6 @@
 """Draws a (pattern, replacement) pair as SVG: before on the left, after on the right.
 
-Only shapes, text and inline attributes, so that every viewer shows the same; a background of its own for dark pages.
+Only shapes, text and inline attributes, so that every viewer shows the same; with its own background for dark pages.
 """
 
 from __future__ import annotations
@@ -19,7 +19,7 @@ _CHIPS_IN_ROW = 2
 _SANS = 'font-family="Helvetica, Arial, sans-serif"'
 _MONO = 'font-family="Menlo, Consolas, monospace"'
 _INK, _GREY = "#1f2937", "#6b7280"
-# Fill, stroke, dashes. Removed ones are dashed as well as red, so that colour is not needed to tell.
+# Fill, stroke, dashes. Removed ones are dashed as well as red, so that colour is not the only sign.
 _STYLE = {
     State.KEPT: ("#f3f4f6", "#9ca3af", ""),
     State.COPIED: ("#dbeafe", "#3b82f6", ""),
@@ -56,7 +56,7 @@ def draw(title: str, before: Graph, after: Graph) -> str:
 
 
 def lay_out(graph: Graph) -> Layout:
-    """Names of items: "<id" a tensor from outside, ">id" a result, else the tensor that the node writes."""
+    """Names of items: "<id" a tensor from outside, ">id" a result, otherwise the tensor that the node writes."""
     sizes = {f"<{tensor}": (_PORT, _PORT) for tensor in graph.sources}
     written = {node.output: node.output for node in graph.nodes}
     reads = {}

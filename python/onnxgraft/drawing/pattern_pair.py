@@ -8,7 +8,7 @@ from enum import Enum
 
 from onnxgraft.catalogue import notation
 
-# What the initializer inputs of an operator are called, by position; one without a name shows its id only.
+# Names of an operator's initializer inputs, by position; one without a name shows only its id.
 INPUT_NAMES = {
     "Conv": ("x", "w", "b"),
     "Gemm": ("x", "w", "b"),
@@ -22,7 +22,7 @@ INPUT_NAMES = {
 
 
 class State(Enum):
-    """What becomes of a node or an initializer."""
+    """The fate of a node or an initializer."""
 
     KEPT = "stays as it is"
     COPIED = "copied with other links"
@@ -93,7 +93,7 @@ def _constants(nodes: Iterable[notation.PatternNode]) -> set[str]:
 
 
 def _node(node: notation.PatternNode, number: int | None, state: State, others: set[str], otherwise: State) -> Node:
-    """A box; an initializer that the other side lacks is in state `otherwise`."""
+    """A box; an initializer that is not on the other side is in state `otherwise`."""
     names = INPUT_NAMES.get(node.op, ())
     constants = [
         Constant(

@@ -1,7 +1,8 @@
 """Draws a (pattern, replacement) pair for the terminal, with the characters for boxes and lines.
 
-Nodes are boxes, their frames tell what becomes of them; the ids of tensors stand beside the lines; initializers are
-listed in the box that reads them. The strings of the lists stand above, since they alone tell every input's position.
+Nodes are boxes, and their frames show what becomes of them. The ids of tensors are next to the lines; initializers are
+listed in the box that reads them. The strings of the lists are printed above, since only they give every input's
+position.
 """
 
 from __future__ import annotations
@@ -28,7 +29,7 @@ _LEGEND = {
     State.REMOVED: "┌╌┐ removed",
 }
 _MARKS = {State.NEW: "+", State.REMOVED: "-"}
-_MARK_LEGEND = {State.NEW: "+ new initializer", State.REMOVED: "- initializer that these nodes read no more"}
+_MARK_LEGEND = {State.NEW: "+ new initializer", State.REMOVED: "- initializer that these nodes no longer read"}
 
 
 def draw_pair(pattern: Sequence[str], replacement: Sequence[str]) -> str:
@@ -85,7 +86,7 @@ def _has_cycle(graph: Graph) -> bool:
 
 
 def _lay_out(graph: Graph, *, narrow: bool) -> TextLayout:
-    """Items are named as in the other pictures: "<id" from outside, ">id" a result, else what a node writes."""
+    """Items are named as in the other pictures: "<id" from outside, ">id" a result, otherwise the node's output."""
     sizes = {f"<{tensor}": (len(tensor) + 2, 1) for tensor in graph.sources}
     written = {node.output for node in graph.nodes}
     reads = {}
@@ -101,7 +102,7 @@ def _lay_out(graph: Graph, *, narrow: bool) -> TextLayout:
 
 
 def _lines(node: Node, *, narrow: bool) -> list[str]:
-    """What stands in a box: number and operator, then the initializers."""
+    """The text in a box: number and operator, then the initializers."""
     number = "" if node.number is None else f"#{node.number}"
     head = [node.op, *filter(None, [number])] if narrow else [f"{number} {node.op}".strip()]
     constants = [_constant(constant) for constant in node.constants]
@@ -148,7 +149,7 @@ def _paint_box(canvas: Canvas, box: Box, lines: list[str], frame: str) -> None:
 
 
 def _pass_layer(canvas: Canvas, layout: TextLayout, layer: int) -> None:
-    """Lines go on to the gap below: past the layer at their spots, and under boxes that are lower than others."""
+    """Continues lines to the gap below: past the layer at their spots, and under boxes that are lower than others."""
     top, bottom = layout.top(layer), layout.bottom(layer)
     for step in layout.gaps[layer]:
         for name in layout.layers[layer]:
@@ -160,7 +161,7 @@ def _pass_layer(canvas: Canvas, layout: TextLayout, layer: int) -> None:
 
 
 def _finish_gap(canvas: Canvas, layout: TextLayout, layer: int, inner: set[str]) -> None:
-    """Heads of arrows, and ids beside the lines that come from a node and go to another."""
+    """Heads of arrows, and ids next to the lines that come from a node and go to another."""
     for step in layout.gaps[layer]:
         for name in layout.layers[layer + 1]:
             box = layout.boxes[name]
@@ -184,7 +185,7 @@ def _legend(sides: Sequence[Graph]) -> list[str]:
     texts = [text for state, text in _LEGEND.items() if state in states]
     texts += [text for state, text in _MARK_LEGEND.items() if state in marks]
     if any(not constant.id for graph in sides for node in graph.nodes for constant in node.constants):
-        texts.append("any: all further inputs are initializers or left out")
+        texts.append("any: all other inputs are initializers or omitted")
     rows = [""]
     for text in texts:
         if len(rows[-1]) + len(text) + 3 > _WIDEST:

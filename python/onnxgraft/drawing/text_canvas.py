@@ -1,4 +1,4 @@
-"""A grid of characters on which lines meet as they should: corners, branches, and crossings that are no branches."""
+"""A grid of characters on which lines meet correctly: corners, branches, and crossings that are not branches."""
 
 from __future__ import annotations
 
@@ -27,7 +27,7 @@ class Canvas:
 
     def __init__(self) -> None:
         self._text: dict[tuple[int, int], str] = {}
-        self._lines: dict[tuple[int, int], dict[str, int]] = {}  # directions by the tensor that the line stands for
+        self._lines: dict[tuple[int, int], dict[str, int]] = {}  # directions by the tensor that the line represents
 
     def write(self, x: int, y: int, text: str) -> None:
         """Text covers lines."""
@@ -35,7 +35,7 @@ class Canvas:
             self._text[x + k, y] = character
 
     def is_free(self, x: int, y: int, length: int) -> bool:
-        """Whether nothing is there."""
+        """Whether it is empty."""
         return all((x + k, y) not in self._text and (x + k, y) not in self._lines for k in range(length))
 
     def vertical(self, tensor: str, x: int, top: int, bottom: int) -> None:
@@ -49,7 +49,7 @@ class Canvas:
             self._add(tensor, x, y, (LEFT if x > left else 0) | (RIGHT if x < right else 0))
 
     def stub(self, tensor: str, x: int, y: int, direction: int) -> None:
-        """Lets a line run on to the edge of a cell."""
+        """Extends a line to the edge of a cell."""
         self._add(tensor, x, y, direction)
 
     def _add(self, tensor: str, x: int, y: int, directions: int) -> None:
@@ -57,7 +57,7 @@ class Canvas:
         cell[tensor] = cell.get(tensor, 0) | directions
 
     def rows(self) -> list[str]:
-        """The lines of text, without blanks at their ends."""
+        """The lines of text, without trailing blanks."""
         cells = {place: _character(lines) for place, lines in self._lines.items()} | self._text
         height = 1 + max((y for _, y in cells), default=-1)
         width = 1 + max((x for x, _ in cells), default=-1)
@@ -65,6 +65,6 @@ class Canvas:
 
 
 def _character(lines: dict[str, int]) -> str:
-    # Where two tensors cross, the one that runs down is seen.
+    # If two tensors cross, the vertical one is visible.
     directions = max(lines.values(), key=lambda d: bool(d & UP) + bool(d & DOWN))
     return _LINES.get(directions, " ")

@@ -1,6 +1,6 @@
 """Places the boxes and lines of a small graph on a grid of characters.
 
-The order in layers comes from the layout that all drawings share; here columns become whole numbers, and every layer
+The order in layers comes from the layout that all drawings share. Here columns become whole numbers, and every layer
 gets rows below it for the lines that go sideways.
 """
 
@@ -76,7 +76,7 @@ class TextLayout:
                 box, item = self.boxes[name], self._layout.items[name]
                 box.x = max(least, round(item.x / _UNIT - box.width / 2))
                 least = box.right + 2
-        # Spots and outside tensors go straight above what they lead to, where there is room.
+        # Spots and outside tensors go straight above their target, if there is room.
         for edge, way in self._ways:
             for upper, lower in reversed(list(pairwise(way))):
                 if self.boxes[upper].height <= 1:
@@ -101,7 +101,7 @@ class TextLayout:
         return self.boxes[name].entry(edge.port, edge.ports) if name == edge.end else self.boxes[name].x
 
     def _steps(self, layer: int) -> list[Step]:
-        """A line leaves its box straight above its target, if that is all that leaves there."""
+        """A line leaves its box straight above its target, if it is the only one that leaves there."""
         leaving: dict[str, list[int]] = {}
         found = []
         for edge, way in self._ways:
@@ -126,7 +126,7 @@ class TextLayout:
 
 
 def _tracks(steps: Sequence[Step]) -> dict[str, int]:
-    """Rows from 1 for the tensors that go sideways; what leaves at a column stands above what arrives there."""
+    """Rows from 1 for the tensors that go sideways; lines that leave at a column come above lines that arrive there."""
     spans: dict[str, tuple[int, int]] = {}
     for step in steps:
         if step.start != step.end:
