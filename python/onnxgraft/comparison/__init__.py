@@ -1,6 +1,6 @@
-"""What is structurally different between two models, told from the models alone.
+"""The structural differences of two models, found from the models alone.
 
-No data is loaded for it: external tensors are compared by where they are, others by a digest of their bytes.
+No data is loaded: external tensors are compared by their location, others by a digest of their bytes.
 """
 
 from onnxgraft.comparison.diffing import diff

@@ -20,7 +20,7 @@ def diff_page(diff: GraphDiff, *, most: int = MOST_CARDS) -> str:
     """The difference as one HTML file.
 
     Args:
-        diff: What `onnxgraft.diff` returned.
+        diff: The result of `onnxgraft.diff`.
         most: How many regions are shown; the page says how many are left out.
     """
     regions = diff.regions

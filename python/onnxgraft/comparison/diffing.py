@@ -1,4 +1,4 @@
-"""`diff`: matches the nodes of two models and tells the rest apart."""
+"""`diff`: matches the nodes of two models and reports the rest as differences."""
 
 from __future__ import annotations
 
@@ -31,16 +31,16 @@ def diff(
     folder_before: str | PathLike[str] | None = None,
     folder_after: str | PathLike[str] | None = None,
 ) -> GraphDiff:
-    """What is different between two models: nodes, initializers, inputs, outputs and operator sets.
+    """Compares two models: nodes, initializers, inputs, outputs and operator sets.
 
-    Names of nodes and tensors do not count where the graph tells which one is meant, neither does the order of nodes.
+    Names of nodes and tensors do not count if the graph identifies them otherwise, neither does the order of nodes.
     `Constant` nodes are compared as initializers, nested bodies as a whole.
 
     Args:
-        before: A model, or the path of one; it is not changed. Its external data need not be there.
+        before: A model, or the path of one; it is not changed. Its external data need not exist.
         after: Another one; likewise.
-        folder_before: Where the external data of `before` is. With both folders, tensors whose bytes are there are
-            compared by them, whatever the files are; others by file name, offset and length.
+        folder_before: Where the external data of `before` is. With both folders, existing data of tensors is compared
+            byte by byte; otherwise the file name, offset and length are compared.
         folder_after: Where that of `after` is.
 
     Raises:
@@ -79,7 +79,7 @@ def diff(
 
 
 class _SideTeller:
-    """Puts regions of one graph into words."""
+    """Describes regions of one graph."""
 
     def __init__(self, side: Outline) -> None:
         self._side = side
@@ -156,7 +156,7 @@ def _differences(sides: tuple[Outline, Outline], renamed: dict[str, str], first:
 
 
 def _is_same(sides: tuple[Outline, Outline], renamed: dict[str, str], first: str, second: str) -> bool:
-    """Values of an initializer are none of its readers' business, type and shape are."""
+    """Values of an initializer do not concern its readers, type and shape do."""
     before, after = sides
     if before.is_constant(first) != after.is_constant(second):
         return False
@@ -218,7 +218,7 @@ def _constant_nodes(sides: tuple[Outline, Outline]) -> list[str]:
 
 
 def _renamed_constants(sides: tuple[Outline, Outline], matching: NodeMatching) -> dict[str, str]:
-    """Initializers of equal content that stand at the same input of the same node under another name."""
+    """Initializers of equal content at the same input of the same node under another name."""
     before, after = sides
     places = (
         place

@@ -1,7 +1,7 @@
 """Finds for each node of one graph the same node of the other.
 
-First what is equal in every letter, then what computes the same from the same tensors whatever the names are, then by
-outputs, then by node name. Nodes of different operators are never the same.
+First nodes that are equal in every letter, then nodes that compute the same from the same tensors under any names, then
+by outputs, then by node name. Nodes of different operators are never the same.
 """
 
 from __future__ import annotations
@@ -27,7 +27,7 @@ class NodeMatching:
         self._match_structure()
 
     def pair_up(self, first: int, second: int) -> None:
-        """Takes two nodes as the same one."""
+        """Records two nodes as the same one."""
         before, after = self._sides
         self.pairs[first] = second
         self._taken.add(second)
@@ -44,7 +44,7 @@ class NodeMatching:
         )
 
     def _match_inputs(self) -> None:
-        """Graph inputs by position, where neither has the other one's name."""
+        """Graph inputs by position, if neither has the other one's name."""
         before, after = self._sides
         if len(before.inputs) == len(after.inputs):
             old, new = set(before.inputs), set(after.inputs)
@@ -52,7 +52,7 @@ class NodeMatching:
             self.renamed.update({a: b for a, b in pairs if a not in new and b not in old})
 
     def _pair(self, key: Callable[[Outline, int], Hashable], unique: bool = False) -> None:
-        """Pairs nodes of equal keys, the first with the first; `unique`: only where a key has one node on each side."""
+        """Pairs nodes of equal keys, the first with the first; `unique`: only if a key has one node on each side."""
         groups: dict[Hashable, tuple[list[int], list[int]]] = {}
         for number, (side, free) in enumerate(zip(self._sides, self.unmatched(), strict=True)):
             for k in free:
@@ -64,7 +64,7 @@ class NodeMatching:
                     self.pair_up(*pair)
 
     def _match_structure(self) -> None:
-        """What has the same operator, attributes and inputs, where inputs are told by how they are computed."""
+        """Nodes with the same operator, attributes and inputs, where inputs are identified by how they are computed."""
         before = self._sides[0]
         free = self.unmatched()
         back = {new: old for old, new in self.renamed.items()}

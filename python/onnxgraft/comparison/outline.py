@@ -1,4 +1,4 @@
-"""One of two graphs, laid out for comparing: what each node is made of, and who writes which tensor."""
+"""One of two graphs, prepared for comparison: the content of each node, and the writer of each tensor."""
 
 from __future__ import annotations
 
@@ -77,12 +77,12 @@ class Outline:
         if self._folder is not None:
             with suppress(ModelFileError):
                 return f"{title} {digest_of_extent(locate(tensor, self._folder))}"
-        # Its bytes are not there: it is told by where they would be.
+        # Its bytes do not exist: the place where they would be identifies it.
         return f"{title} {sorted((e.key, e.value) for e in tensor.external_data if e.key != 'checksum')}"
 
 
 def _value(attribute: onnx.AttributeProto) -> onnx.TensorProto | None:
-    """The tensor that a `Constant` node writes; None for texts and sparse ones."""
+    """The tensor that a `Constant` node writes; None for strings and sparse ones."""
     if attribute.type == onnx.AttributeProto.TENSOR:
         return attribute.t
     values = {"value_float": attribute.f, "value_floats": attribute.floats} if "float" in attribute.name else {}
@@ -94,7 +94,7 @@ def _value(attribute: onnx.AttributeProto) -> onnx.TensorProto | None:
 
 
 def _content(node: onnx.NodeProto) -> Content:
-    """Operator and attributes; in whatever order these stand."""
+    """Operator and attributes, in any order of the latter."""
     parts = sorted(attribute.SerializeToString(deterministic=True) for attribute in node.attribute)
     hashed = hashlib.blake2b(digest_size=16)
     for part in parts:
@@ -107,7 +107,7 @@ def _digest_of_values(tensor: onnx.TensorProto) -> str:
     if not data:
         try:
             data = numpy_helper.to_array(tensor).tobytes()  # the same bytes as raw data would be
-        except (TypeError, ValueError):  # texts, or a tensor whose values do not fit its shape
+        except (TypeError, ValueError):  # strings, or a tensor whose values do not fit its shape
             copy = onnx.TensorProto.FromString(tensor.SerializeToString())
             copy.ClearField("name")
             data = copy.SerializeToString(deterministic=True)

@@ -1,4 +1,4 @@
-"""Groups nodes that are different into regions: what writes or reads a common tensor belongs together."""
+"""Groups nodes that differ into regions: writers and readers of a common tensor belong together."""
 
 from __future__ import annotations
 
@@ -24,7 +24,7 @@ class Groups:
         return root
 
     def join(self, first: object, second: object) -> None:
-        """Makes one set of two."""
+        """Merges two sets."""
         self._parents[self.find(first)] = self.find(second)
 
 

@@ -12,7 +12,7 @@ from onnxgraft.report.report_json import NOT_IN_JSON
 
 @dataclass(frozen=True)
 class ValueChange:
-    """An initializer, input or output that is not the same on both sides; None where it does not exist."""
+    """An initializer, input or output that differs between the sides; None if it does not exist."""
 
     name: str
     before: str | None  # "float32[64,3,3,3]"
@@ -36,14 +36,14 @@ class RegionSide:
     """A region in one of the models."""
 
     nodes: tuple[NodeText, ...] = ()  # changed ones included, in graph order
-    neighbours: tuple[NodeText, ...] = ()  # unchanged nodes that write what the region reads, or read what it writes
-    shapes: dict[str, str] = field(default_factory=dict)  # tensor -> "float32[1,64,56,56]", where known
+    neighbours: tuple[NodeText, ...] = ()  # unchanged nodes that write an input of the region, or read an output of it
+    shapes: dict[str, str] = field(default_factory=dict)  # tensor -> "float32[1,64,56,56]", if known
     constants: frozenset[str] = frozenset()  # the initializers among the tensors
 
 
 @dataclass(frozen=True)
 class Region:
-    """Nodes that are different and hang together."""
+    """Connected nodes that differ."""
 
     before: RegionSide
     after: RegionSide
@@ -75,12 +75,12 @@ class GraphDiff:
     inputs: list[ValueChange] = field(default_factory=list)
     outputs: list[ValueChange] = field(default_factory=list)
     model: list[str] = field(default_factory=list)  # operator sets, IR version, functions, `Constant` nodes
-    # All nodes of both models, for the map of the page; the JSON text does not have them.
+    # All nodes of both models, for the map of the page; the JSON text does not contain them.
     change: GraphChange | None = field(default=None, compare=False, metadata={NOT_IN_JSON: True})
 
     @property
     def is_empty(self) -> bool:
-        """Whether the models are the same but for names of tensors and nodes, and the order of nodes."""
+        """Whether the models are the same except for names of tensors and nodes, and the order of nodes."""
         return not (self.regions or self.initializers or self.inputs or self.outputs or self.model)
 
     def to_html(self) -> str:

@@ -12,7 +12,7 @@ _MOST = 12  # lines of one kind
 
 
 def summary(difference: GraphDiff) -> str:
-    """The counts, then what is different, in at most a dozen lines of each kind."""
+    """The counts, then the differences, in at most a dozen lines of each kind."""
     if difference.is_empty:
         return f"no difference: {difference.nodes_before} nodes each"
     return "\n".join(
@@ -45,7 +45,7 @@ def counts(difference: GraphDiff) -> str:
 
 
 def headline(region: Region) -> str:
-    """What happened in a region, in a few words."""
+    """A short description of a region's change."""
     changed = tuple(change.after for change in region.changes)
     parts = [("changed", changed), ("removed", region.removed), ("added", region.added)]
     return "; ".join(f"{what} {_nodes(nodes)}" for what, nodes in parts if nodes)
