@@ -1,6 +1,6 @@
-"""The command line: options, commands and what they show. The work itself is done by the modules beside this package.
+"""The command line: options, commands and their output. Other packages do the work itself.
 
-`exit_codes` lists what it ends with. What cannot be shown never changes what is done to files.
+`exit_codes` lists the exit codes. Failing to show something never changes what is done to files.
 """
 
 from __future__ import annotations
@@ -25,7 +25,7 @@ def main(arguments: Sequence[str] | None = None) -> int:
     try:
         options = parse(arguments)
         verbose = options.verbose > 0
-        # Loaded only now: ONNX takes half a second, which `--help` and wrong usage need not wait for.
+        # Imported only now: ONNX takes half a second, which `--help` and wrong usage should not cost.
         session = importlib.import_module("onnxgraft.cli.session")
         command = importlib.import_module(f"onnxgraft.cli.{options.command}_command")
         with session.running(options):
@@ -55,7 +55,7 @@ def _verdict(error: BaseException) -> tuple[ExitCode, str]:
         case MemoryError():
             code, text = ExitCode.FAILED, "out of memory; nothing was written"
         case OSError() if not _has_folder():
-            code, text = ExitCode.FAILED, "the current folder does not exist any more"
+            code, text = ExitCode.FAILED, "the current folder no longer exists"
         case _:
             code, text = ExitCode.FAILED, f"unexpected {type(error).__name__}: {error} (-v shows where)"
     return (ExitCode.NOT_SHOWN, f"{what}: {text}") if written else (code, text)
@@ -69,7 +69,7 @@ def _has_folder() -> bool:
 
 
 def _show_trace(error: BaseException) -> None:
-    """Indented and without control characters, so that nothing in it looks like a line of ours."""
+    """Indented and without control characters, so that no line in it looks like one of ours."""
     for line in "".join(traceback.format_exception(error)).splitlines():
         streams.write_error(f"  {one_line(line)}")
 
@@ -80,5 +80,5 @@ def _in_view_of_losses(code: int) -> int:
         return code
     if isinstance(reason, BrokenPipeError):
         return ExitCode.BROKEN_PIPE
-    streams.write_error(f"onnxgraft: error: done, but standard output takes no text: {reason.strerror or reason}")
+    streams.write_error(f"onnxgraft: error: done, but cannot write to standard output: {reason.strerror or reason}")
     return ExitCode.NOT_SHOWN

@@ -1,4 +1,4 @@
-"""`onnxgraft apply`: read, rewrite, write, and say what was replaced."""
+"""`onnxgraft apply`: reads, rewrites, writes, and reports what was replaced."""
 
 from __future__ import annotations
 
@@ -26,7 +26,7 @@ _BEST = "auto"
 
 
 def run(options: argparse.Namespace) -> int:
-    """Applies the transformations; nothing is written unless all went well."""
+    """Applies the transformations; writes nothing unless all went well."""
     if options.recipe == _BEST:
         _choose_recipe(options)
     names = [row.name for row in chosen.rows(options)]  # unknown names end here
@@ -41,7 +41,7 @@ def run(options: argparse.Namespace) -> int:
         store = None if output is None else output.weights_for(model, options.model.parent, options.model)
         report = _rewrite(options, model, store, show)
         if options.fail_if_unchanged and not report.replaced:
-            consoles.error("nothing was replaced, so nothing was written; `onnxgraft explain` says why")
+            consoles.error("nothing was replaced, so nothing was written; `onnxgraft explain` gives the reasons")
             return ExitCode.UNCHANGED
         files = page.hold(_report_text(options, report)) if page.is_wanted else []
         if output is not None:
@@ -58,7 +58,7 @@ def run(options: argparse.Namespace) -> int:
 
 
 def _choose_recipe(options: argparse.Namespace) -> None:
-    """Puts the name of the best recipe in the place of "auto"."""
+    """Replaces "auto" by the name of the best recipe."""
     from onnxgraft.inspection import inspect  # rarely wanted  # noqa: PLC0415
 
     scores = inspect(options.model).recipes
@@ -112,7 +112,7 @@ def _rewrite(
 
 
 def _own_calibration(options: argparse.Namespace, model: onnx.ModelProto, folder: Path | str) -> Calibration | None:
-    """The calibration that a model quantized by another tool brings along; the model becomes a float one then."""
+    """The calibration in a model that another tool quantized; the model then becomes a float one."""
     from onnxgraft.quantized_models import is_quantized, read_quantized  # rarely wanted  # noqa: PLC0415
 
     if not is_quantized(model) or not any(row.randomizes for row in chosen.rows(options)):
@@ -125,7 +125,7 @@ def _own_calibration(options: argparse.Namespace, model: onnx.ModelProto, folder
 def _report_text(options: argparse.Namespace, report: Report) -> str:
     if options.report.suffix.lower() == ".json":
         return report.to_json()
-    from onnxgraft.report.report_page import MOST_CARDS, report_page  # only where a page is wanted  # noqa: PLC0415
+    from onnxgraft.report.report_page import MOST_CARDS, report_page  # only if a page is wanted # noqa: PLC0415
 
     most = MOST_CARDS if options.report_cards is None else options.report_cards
     return report_page(report, most=most)

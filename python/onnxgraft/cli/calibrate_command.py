@@ -1,4 +1,4 @@
-"""`onnxgraft calibrate`: which values the tensors of a float model take on a user's data."""
+"""`onnxgraft calibrate`: the ranges that tensors of a float model take on a user's data."""
 
 from __future__ import annotations
 

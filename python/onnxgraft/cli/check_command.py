@@ -18,7 +18,7 @@ FAULT = 3
 
 
 def run(options: argparse.Namespace) -> int:
-    """Checks each rule or class of the file and prints what was found."""
+    """Checks each rule or class of the file and prints the findings."""
     is_rule_file = Path(options.file).suffix.lower() == ".toml"
     load = catalogue.load_rule_file if is_rule_file else catalogue.load_user_code
     names = load(options.file)

@@ -1,4 +1,4 @@
-"""The transformations that a command line asks for."""
+"""The transformations that a command line selects."""
 
 from __future__ import annotations
 
@@ -24,7 +24,7 @@ def recipe(options: argparse.Namespace) -> Recipe | None:
     """The recipe that `--recipe` names, or None without the option.
 
     Raises:
-        UnknownNameError: There is none of that name.
+        UnknownNameError: No recipe has that name.
         HostError: The user's recipe file cannot be used.
     """
     own = own_recipes(options)
@@ -34,10 +34,10 @@ def recipe(options: argparse.Namespace) -> Recipe | None:
 
 
 def preparation(options: argparse.Namespace) -> bool | list[str]:
-    """What `rewrite` shall prepare: nothing with `--no-prepare`, else the recipe's steps or all, without `--skip-step`.
+    """The `prepare` argument of `rewrite`: none with `--no-prepare`, else some or all steps, minus `--skip-step`.
 
     Raises:
-        UnknownNameError: There is no step of a name.
+        UnknownNameError: No step has that name.
     """
     if not options.prepare or not options.skip_step:
         return bool(options.prepare)
@@ -46,10 +46,10 @@ def preparation(options: argparse.Namespace) -> bool | list[str]:
 
 
 def rows(options: argparse.Namespace) -> list[Transformation]:
-    """What `--transformation`, `--recipe` or `--pattern` asks for, without what `--skip` names, each once.
+    """The transformations of `--transformation`, `--recipe` or `--pattern`, without those of `--skip`, each once.
 
     Raises:
-        UnknownNameError: There is no transformation or recipe of a name.
+        UnknownNameError: No transformation or recipe has that name.
         WrongUsageError: The lists of `--pattern` and `--replacement` do not follow the notation.
     """
     if options.pattern is not None:

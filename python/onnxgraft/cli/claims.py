@@ -1,4 +1,4 @@
-"""The files that the running command will write: no two of them are one, and it is known which are in place."""
+"""The files that the running command will write: no two are the same, and those already in place are recorded."""
 
 from __future__ import annotations
 
@@ -13,7 +13,7 @@ if TYPE_CHECKING:
 
     from onnxgraft.io.staged_files import StagedFile
 
-# What reports and pages end in.
+# The endings of reports and pages.
 _TEXTS = {".json", ".html", ".npz"}
 
 _claimed: list[StagedFile] = []
@@ -28,7 +28,7 @@ def add(file: StagedFile) -> None:
     """Adds a file.
 
     Raises:
-        ModelFileError: It is the same as one that was added before, by whatever name.
+        ModelFileError: It is the same as one that was added before, by any name.
     """
     for other in _claimed:
         if file.is_same_place(other.target):
@@ -37,14 +37,15 @@ def add(file: StagedFile) -> None:
 
 
 def keep_off(path: Path, model: onnx.ModelProto) -> None:
-    """Makes sure that none of the files is one that is read, save a model that is written in its own place.
+    """Makes sure that none of the files is an input, except for a model that is written in its own place.
 
     Args:
         path: A model that the command reads.
-        model: What was read.
+        model: The model that was read.
 
     Raises:
-        ModelFileError: One is the model and is no model file, or is one of its data files, by whatever name or link.
+        ModelFileError: One is the model but would not be a model file, or is one of its data files, by any name or
+            link.
     """
     from onnxgraft.io import external_data, model_files  # noqa: PLC0415
 
@@ -55,5 +56,5 @@ def keep_off(path: Path, model: onnx.ModelProto) -> None:
 
 
 def in_place() -> list[str]:
-    """The files that have got their names."""
+    """The files that have received their names."""
     return [f"'{file.named}'" for file in _claimed if file.is_in_place]

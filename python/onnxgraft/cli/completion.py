@@ -1,4 +1,4 @@
-"""What may come next on a command line, for shells that ask (`argcomplete`, an extra of the package)."""
+"""Completions of a command line, for shells that ask (`argcomplete`, an extra of the package)."""
 
 from __future__ import annotations
 
@@ -6,7 +6,7 @@ import argparse
 import importlib
 from collections.abc import Iterable
 
-# Options and arguments whose values are names of the package's own: where they come from.
+# Options and arguments whose values are names in the package, and the source of these names.
 _NAMES = {
     "transformation": ("onnxgraft.catalogue", "rows"),
     "skip": ("onnxgraft.catalogue", "rows"),
@@ -18,7 +18,7 @@ _NAMES = {
 
 
 def answer(parser: argparse.ArgumentParser) -> None:
-    """Answers the shell and ends the process; without argcomplete, or if nobody asked, does nothing."""
+    """Answers the shell and ends the process; does nothing without argcomplete, or if no shell asks."""
     try:
         argcomplete = importlib.import_module("argcomplete")
     except ImportError:
@@ -30,7 +30,7 @@ def answer(parser: argparse.ArgumentParser) -> None:
 
 
 class _Completer:
-    """The names in a mapping, or in what a function returns; asked for only when they are needed."""
+    """The names in a mapping, or in the result of a function; read only when they are needed."""
 
     def __init__(self, module: str, source: str) -> None:
         self._module, self._source = module, source

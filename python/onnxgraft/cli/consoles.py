@@ -1,4 +1,4 @@
-"""Where results and progress are shown."""
+"""Output of results and progress."""
 
 from __future__ import annotations
 
@@ -23,7 +23,7 @@ from rich.table import Table
 from onnxgraft.cli import streams
 from onnxgraft.texts import joined, one_line
 
-# Tables in a pipe or a file are as wide as they need, not cut to a terminal that is not there.
+# Tables in a pipe or a file are as wide as they need, not cut to the width of a terminal.
 _FILE_WIDTH = 200
 
 _quiet = False
@@ -36,7 +36,7 @@ def set_quiet(quiet: bool) -> None:
 
 
 def show(table: Table) -> None:
-    """Shows a table on standard output. Its cells have to be fit for that already (`one_line`)."""
+    """Shows a table on standard output. Its cells must already be safe to print (`one_line`)."""
     is_terminal = sys.stdout is not None and sys.stdout.isatty()
     width = Console().width if is_terminal else _FILE_WIDTH
     stream = io.StringIO()
@@ -63,13 +63,13 @@ def _show(text: str) -> None:
 
 @contextmanager
 def progress(transformations: Sequence[str]) -> Iterator[Callable[[str], object]]:
-    """Shows on standard error how far the work is, if that is a terminal; nothing stays of it afterwards.
+    """Shows progress on standard error if that is a terminal, and removes it afterwards.
 
     Args:
         transformations: The names of those that run, in each round.
 
     Yields:
-        A function to call with the name of each stage as it begins.
+        A function to call with the name of each stage as it starts.
     """
     console = Console(stderr=True, markup=False, highlight=False, emoji=False)
     if _quiet or sys.stderr is None or not console.is_terminal:
@@ -83,7 +83,7 @@ def progress(transformations: Sequence[str]) -> Iterator[Callable[[str], object]
         TimeElapsedColumn(),
     )
     with Progress(*columns, console=console, transient=True) as bar:
-        # Each round is counted anew: how many there will be, nobody knows.
+        # The count starts again with each round: the number of rounds is not known.
         task, done, rounds = bar.add_task("", total=len(transformations)), itertools.count(), itertools.count(1)
 
         round_number = 1

@@ -1,4 +1,4 @@
-"""The options that say where samples come from and how images become arrays."""
+"""The options for the source of samples and for converting images to arrays."""
 
 from __future__ import annotations
 
@@ -32,12 +32,12 @@ def channel_numbers(text: str) -> tuple[float, ...]:
 
 
 def data_or_random(text: str) -> str | Path:
-    """A path, or `random:N` as it is."""
+    """A path, or `random:N` unchanged."""
     return text if text.startswith("random:") else Path(text)
 
 
 def image_options() -> Parser:
-    """How images become arrays."""
+    """The options for converting images to arrays."""
     group = Parser(add_help=False)
     images = group.add_argument_group("images", "how a folder of images becomes the model's input")
     images.add_argument("--image-size", type=image_size, metavar="HxW", help="size (default: the model's)")
@@ -46,10 +46,10 @@ def image_options() -> Parser:
         "--image-scale", type=positive_number, default=1 / 255, metavar="X", help="factor of pixels (default: 1/255)"
     )
     images.add_argument(
-        "--image-mean", type=channel_numbers, default=(0.0,), metavar="A,B,C", help="taken off after it (default: 0)"
+        "--image-mean", type=channel_numbers, default=(0.0,), metavar="A,B,C", help="subtracted next (default: 0)"
     )
     images.add_argument(
-        "--image-std", type=channel_numbers, default=(1.0,), metavar="A,B,C", help="divided by after that (default: 1)"
+        "--image-std", type=channel_numbers, default=(1.0,), metavar="A,B,C", help="divisor after that (default: 1)"
     )
     images.add_argument("--image-layout", choices=("auto", "NCHW", "NHWC"), default="auto", help="default: auto")
     images.add_argument("--image-color", choices=("RGB", "BGR"), default="RGB", help="default: RGB")
@@ -71,12 +71,12 @@ def sizes() -> Parser:
 
 
 def images_of(options: argparse.Namespace) -> Images:
-    """What `image_options` say.
+    """The `Images` of `image_options`.
 
     Raises:
-        DataError: A number is of no use.
+        DataError: A number is invalid.
     """
-    from onnxgraft.samples import Images  # --help does not wait for it  # noqa: PLC0415
+    from onnxgraft.samples import Images  # --help should not wait for it # noqa: PLC0415
 
     return Images(
         size=options.image_size,

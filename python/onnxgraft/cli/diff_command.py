@@ -1,4 +1,4 @@
-"""`onnxgraft diff`: what is different between two graphs."""
+"""`onnxgraft diff`: the differences of two graphs."""
 
 from __future__ import annotations
 

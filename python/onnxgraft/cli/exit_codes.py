@@ -1,4 +1,4 @@
-"""What the command line ends with. docs/reference/exit-codes.md explains each code."""
+"""The exit codes of the command line. docs/reference/exit-codes.md explains each one."""
 
 from __future__ import annotations
 
@@ -6,7 +6,7 @@ from enum import IntEnum
 
 
 class ExitCode(IntEnum):
-    """One code for each outcome that a script may want to tell from the others."""
+    """One code for each outcome that a script may want to distinguish."""
 
     DONE = 0
     FAILED = 1

@@ -1,6 +1,6 @@
 """`onnxgraft explain`: why patterns do not match, or matches are refused.
 
-Each transformation is looked at when its turn comes: those before it have been applied, in memory.
+Each transformation is examined at its turn, after those before it have been applied, in memory.
 """
 
 from __future__ import annotations
@@ -25,7 +25,7 @@ _BEST = 3  # answers shown for a node
 
 @dataclass(frozen=True)
 class _Turn:
-    """What one transformation met."""
+    """The matches and refusals of one transformation."""
 
     explanations: list[Explanation]
     refusals: Mapping[str, int] = field(default_factory=dict)  # reason -> how often
@@ -35,9 +35,9 @@ class _Turn:
 def run(options: argparse.Namespace) -> int:
     """Shows for each pattern how far the best attempt got and what stopped it, and why matches were refused."""
     if not (options.node or options.transformation or options.recipe or options.pattern):
-        raise WrongUsageError("what to explain is missing: -t, --recipe or --pattern, or --node for single nodes")
+        raise WrongUsageError("nothing to explain: give -t, --recipe or --pattern, or --node for single nodes")
     if options.all and not options.node:
-        raise WrongUsageError("--all belongs to --node")
+        raise WrongUsageError("--all needs --node")
     rows = chosen.rows(options)
     recipe = chosen.recipe(options)
     model = found_model.read(options)
@@ -80,7 +80,7 @@ def _node_text(node: NodeExplanation) -> str:
     if node.in_float is not None:
         lines.append(f"  stays in float: {one_line(node.in_float)}")
     if not node.answers:
-        lines.append(f"  no pattern that was asked about has an operator {one_line(node.op_type)}")
+        lines.append(f"  none of the patterns has an operator {one_line(node.op_type)}")
     for answer in node.answers:
         lines.append(f"  {answer.transformation}, pattern {answer.pattern_index} {list(answer.pattern)}:")
         place = f"as node {answer.pattern_node} of it: " if len(answer.pattern) > 1 else ""

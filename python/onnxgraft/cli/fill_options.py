@@ -30,9 +30,11 @@ def share(text: str) -> float:
 
 
 def fill_options() -> Parser:
-    """Where the numbers come from, and how they are chosen."""
+    """The source of the numbers, and how they are chosen."""
     parser = Parser(add_help=False)
-    group = parser.add_argument_group("real numbers", "weights, biases and scales of the model itself, not random ones")
+    group = parser.add_argument_group(
+        "real numbers", "use weights, biases and scales of the model itself, not random ones"
+    )
     source = group.add_mutually_exclusive_group()
     source.add_argument(
         "--calibration", type=Path, metavar="RANGES.json", help="fill with the ranges that `onnxgraft calibrate` wrote"
@@ -41,13 +43,13 @@ def fill_options() -> Parser:
         "--calibrate",
         type=data_or_random,
         metavar="DATA",
-        help="collect the ranges on these samples first, and try on them what helps",
+        help="collect the ranges on these samples first, and use the samples to choose what helps",
     )
     group.add_argument(
         "--data",
         type=data_or_random,
         metavar="DATA",
-        help="with --calibration: samples to try on whether corrected biases help, and what is best left float",
+        help="with --calibration: samples to find out whether corrected biases help, and what should stay float",
     )
     group.add_argument(
         "--method",
@@ -68,27 +70,27 @@ def fill_options() -> Parser:
         type=share,
         default=0.0,
         metavar="SHARE",
-        help="leave the operators float whose quantization hurts most, up to this share of the multiply-adds: 5%%",
+        help="leave the operators float whose quantization costs most, up to this share of the multiply-adds: 5%%",
     )
     group.add_argument(
         "--bias-correction",
         choices=("auto", "on", "off"),
         default="auto",
-        help="take each operator's mean error off its bias: where it helps on the data (default), always, or never",
+        help="subtract each operator's mean error from its bias: if it helps on the data (default), always, or never",
     )
     return parser
 
 
 def check(options: argparse.Namespace) -> None:
-    """Wrong usage that no model is needed to see ends the process."""
+    """Ends the process for wrong usage that is visible without a model."""
     error = options.parser.error
     if options.data is not None and options.calibrate is not None:
-        error("--calibrate names the data already: --data goes with --calibration")
+        error("--calibrate already names the data: use --data with --calibration only")
     if options.data is None and options.calibrate is None:
         if options.float_macs:
-            error("--float-macs tries operators on samples: --data or --calibrate is needed")
+            error("--float-macs tries operators on samples: it needs --data or --calibrate")
         if options.bias_correction == "on":
-            error("--bias-correction on computes samples: --data or --calibrate is needed")
+            error("--bias-correction on computes samples: it needs --data or --calibrate")
 
 
 def filling_of(
@@ -98,14 +100,14 @@ def filling_of(
     own: Calibration | None,
     show: Callable[[str], object],
 ) -> Filling | None:
-    """What to fill the model with; None for random numbers.
+    """The numbers to fill the model with; None for random numbers.
 
     Args:
         options: Those of `apply`.
         model: The float model.
         folder: The folder that the locations of its external tensors start from.
-        own: The calibration that the model brought along; one that was asked for goes first.
-        show: Called with what is being done.
+        own: The calibration that came with the model; one from the options has priority.
+        show: Called with a description of the current work.
 
     Raises:
         HostError: The calibration or the data cannot be used.
@@ -115,7 +117,7 @@ def filling_of(
             if getattr(options, name):
                 options.parser.error(f"--{name} needs --calibration or --calibrate")
         return None
-    from onnxgraft.calibration import calibrate, read_calibration  # --help does not wait for it  # noqa: PLC0415
+    from onnxgraft.calibration import calibrate, read_calibration  # --help should not wait for it # noqa: PLC0415
     from onnxgraft.cli import chosen  # noqa: PLC0415
     from onnxgraft.filling import Filling  # noqa: PLC0415
     from onnxgraft.samples import open_data  # noqa: PLC0415

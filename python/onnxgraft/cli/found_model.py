@@ -1,4 +1,4 @@
-"""The model in which `find` and `explain` look."""
+"""The model that `find` and `explain` search."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""`onnxgraft inspect`: a model at a glance, or two beside each other."""
+"""`onnxgraft inspect`: a model at a glance, or two side by side."""
 
 from __future__ import annotations
 

@@ -30,7 +30,7 @@ class _Asker:
         while True:
             print(_QUESTION, end="", file=sys.stderr, flush=True)
             line = sys.stdin.readline()
-            answer = line.strip().lower()[:1] if line else "q"  # the end of the input ends the replacing
+            answer = line.strip().lower()[:1] if line else "q"  # the end of the input means no further replacement
             if answer in ("a", "q"):
                 self._settled = answer == "a"
             if answer in ("y", "a"):
@@ -40,7 +40,7 @@ class _Asker:
 
 
 def asking(selection: str | Transformation | Iterable[str | Transformation]) -> list[type[Any]]:
-    """The classes of transformations, each made to ask before it replaces an occurrence."""
+    """The classes of transformations, each modified to ask before it replaces an occurrence."""
     chosen = [selection] if isinstance(selection, str | Transformation) else list(selection)
     asker = _Asker()
     return [_asking(find_row(one).cls if isinstance(one, str) else one.cls, asker) for one in chosen]
@@ -72,7 +72,7 @@ def _asking(cls: type[Any], asker: _Asker) -> type[Any]:
 
 
 def _text(pattern: Sequence[str], replacement: Sequence[str], nodes: Sequence[NodeProto], links: dict[str, str]) -> str:
-    """The two drawings, then what the nodes and tensors are in the graph."""
+    """The two drawings, then the nodes and tensors in the graph."""
     found = [f"#{number} {node.op_type} {node.name!r}" for number, node in enumerate(nodes)]
     tensors = [f"{tensor} {name!r}" for tensor, name in links.items()]
     return "\n".join(

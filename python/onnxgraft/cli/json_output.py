@@ -1,4 +1,4 @@
-"""What a command prints with `--json`."""
+"""The output of a command with `--json`."""
 
 from __future__ import annotations
 
@@ -11,7 +11,7 @@ from onnxgraft.report.report_json import to_plain
 
 
 def show(value: Any) -> None:
-    """Prints dataclasses, dictionaries and lists as JSON; a number that is not finite, which JSON lacks, is null."""
+    """Prints dataclasses, dictionaries and lists as JSON. A number that is not finite becomes null."""
     consoles.say(json.dumps(_finite(to_plain(value)), indent=1, allow_nan=False))
 
 

@@ -1,4 +1,4 @@
-"""`onnxgraft lower`: a quantized model in standard operators, for every tool that knows only those."""
+"""`onnxgraft lower`: a quantized model in standard operators, for tools that know only those."""
 
 from __future__ import annotations
 

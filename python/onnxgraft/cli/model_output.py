@@ -29,7 +29,7 @@ def claim(options: argparse.Namespace) -> model_files.ModelOutput:
 
 
 def tell(saved: model_files.SavedModel) -> None:
-    """Says what was written."""
+    """Reports what was written."""
     consoles.say(f"wrote {one_line(saved.path)} ({decimal(saved.size)})")
     if saved.data_path is not None:
         consoles.say(f"wrote {one_line(saved.data_path)} ({decimal(saved.data_size)})")

@@ -59,19 +59,19 @@ def named_size(text: str) -> tuple[str, int]:
 
 
 def path_ending_in(*endings: str) -> type[Path]:
-    """The kind of a file whose ending says its format."""
+    """The kind of a file whose ending determines its format."""
 
     def parse(text: str) -> Path:
         path = Path(text)
         if path.suffix.lower() not in endings:
-            raise argparse.ArgumentTypeError(f"'{text}' has to end in {' or '.join(endings)}")
+            raise argparse.ArgumentTypeError(f"'{text}' must end in {' or '.join(endings)}")
         return path
 
     return parse  # type: ignore[return-value]
 
 
 def file(text: str) -> Path:
-    """The name of a file; `-`, which stands for a standard stream elsewhere, is none."""
+    """The name of a file; `-`, which means a standard stream elsewhere, is not accepted."""
     if text in {"", "-"}:
         raise argparse.ArgumentTypeError(
             f"'{text}' is not the name of a file: models are not read from or written to pipes"
@@ -84,7 +84,7 @@ def _group() -> Parser:
 
 
 def common() -> Parser:
-    """What every command takes."""
+    """The options of every command."""
     group = _group()
     group.add_argument(
         "-v", "--verbose", action="count", default=0, help="say more on standard error (-vv: each pattern)"
@@ -94,7 +94,7 @@ def common() -> Parser:
 
 
 def user_code() -> Parser:
-    """Where transformations of the user's own come from."""
+    """The source of the user's own transformations."""
     group = _group()
     group.add_argument(
         "--load",
@@ -109,19 +109,19 @@ def user_code() -> Parser:
         default=[],
         type=Path,
         metavar="FILE.toml",
-        help="take rules from this file too, each by its name; may be given several times",
+        help="also use rules from this file, each by its name; may be given several times",
     )
     return group
 
 
 def user_recipes() -> Parser:
-    """Where recipes of the user's own come from."""
+    """The source of the user's own recipes."""
     group = _group()
     group.add_argument(
         "--recipe-file",
         type=Path,
         metavar="FILE.toml",
-        help="take recipes from this file too; of two with one name, its own counts",
+        help="also use recipes from this file; a recipe here replaces a built-in one of the same name",
     )
     return group
 
@@ -136,13 +136,13 @@ def one_model() -> Parser:
 def two_models() -> Parser:
     """The two models to compare."""
     group = _group()
-    group.add_argument("before", type=file, metavar="BEFORE.onnx", help="the model as it was")
-    group.add_argument("after", type=file, metavar="AFTER.onnx", help="the model as it is now")
+    group.add_argument("before", type=file, metavar="BEFORE.onnx", help="the model before")
+    group.add_argument("after", type=file, metavar="AFTER.onnx", help="the model after")
     return group
 
 
 def chosen_transformations(*, required: bool = True) -> Parser:
-    """Which transformations, in which form of the model."""
+    """Which transformations, and in which form of the model."""
     group = _group()
     choice = group.add_mutually_exclusive_group(required=required)
     choice.add_argument(
@@ -159,10 +159,10 @@ def chosen_transformations(*, required: bool = True) -> Parser:
         help="the transformations of a recipe (see `onnxgraft recipes`); `apply` takes auto for the best one",
     )
     choice.add_argument(
-        "--pattern", nargs="+", metavar="NODE", help='a pattern, one string a node: "Conv:0,1i,2i->3" "Relu:3->4"'
+        "--pattern", nargs="+", metavar="NODE", help='a pattern, one string per node: "Conv:0,1i,2i->3" "Relu:3->4"'
     )
     group.add_argument(
-        "--replacement", nargs="*", metavar="NODE", help="what takes the place of --pattern (default: all of it stays)"
+        "--replacement", nargs="*", metavar="NODE", help="the replacement of --pattern (default: all of it stays)"
     )
     group.add_argument(
         "--skip",
@@ -184,7 +184,7 @@ def chosen_transformations(*, required: bool = True) -> Parser:
 def chosen_operators() -> Parser:
     """Which operators are quantized."""
     group = _group()
-    for option, meaning in (("exclude", "leave these operators in float"), ("only", "quantize no others than these")):
+    for option, meaning in (("exclude", "leave these operators in float"), ("only", "quantize only these operators")):
         group.add_argument(
             f"--{option}",
             action="append",
@@ -209,7 +209,7 @@ def output(*, required: bool) -> Parser:
     storage.add_argument(
         "--save-as-external-data",
         action="store_true",
-        help="put the weights into a data file beside OUT.onnx, even if the model has none",
+        help="put the weights into a data file next to OUT.onnx, even if the model has none",
     )
     storage.add_argument(
         "--keep-external-data",

@@ -11,19 +11,19 @@ from pathlib import Path
 from onnxgraft.cli import completion, data_options, fill_options, options
 from onnxgraft.cli.options import Parser, positive_number, whole_number
 
-_DATA_FILE = "A model whose weights are in a data file gets a new one beside OUT.onnx."
+_DATA_FILE = "A model with weights in a data file gets a new data file next to OUT.onnx."
 
 
 def parse(arguments: Sequence[str] | None) -> argparse.Namespace:
     """Reads the arguments (those of the process for None); wrong usage ends the process."""
     parser = make_parser()
-    if "_ARGCOMPLETE" in os.environ:  # the shell asks what may come next
+    if "_ARGCOMPLETE" in os.environ:  # the shell asks for completions
         completion.answer(parser)
     options = parser.parse_args(arguments)
     if options.command == "apply" and options.output is None and not options.dry_run:
         options.parser.error("-o/--output, the model to write, or --dry-run is required")
     if getattr(options, "replacement", None) is not None and options.pattern is None:
-        options.parser.error("--replacement goes with --pattern")
+        options.parser.error("--replacement needs --pattern")
     if options.command == "apply" and options.pattern is not None and options.replacement is None:
         options.parser.error("--pattern needs --replacement; `onnxgraft find` shows where it matches")
     if options.command == "calibrate":
@@ -61,7 +61,7 @@ def make_parser() -> argparse.ArgumentParser:
 
     prepare = command(
         "prepare",
-        "bring exporters' forms to those that the patterns know, without changing what the model computes",
+        "convert exporters' forms to those that the patterns know, without changing what the model computes",
         options.one_model(),
         options.output(required=True),
         epilog=_DATA_FILE,
@@ -79,27 +79,27 @@ def make_parser() -> argparse.ArgumentParser:
         options.as_json(),
         code,
         recipes,
-        epilog="Each transformation is looked for in the prepared model, not in what the ones before would leave.",
+        epilog="Each transformation is searched for in the prepared model, not in the result of those before it.",
     )
     find.add_argument("--count", action="store_true", help="print the number of matches only")
     find.add_argument("--fail-if-none", action="store_true", help="end with code 4 if nothing matches")
     explain = command(
         "explain",
-        "say why patterns do not match, or matches are refused; with --node, what became of single nodes",
+        "show why patterns do not match, or matches are refused; with --node, what happens to single nodes",
         options.one_model(),
         options.chosen_transformations(required=False),
         options.as_json(),
         code,
         recipes,
-        epilog="Each transformation is looked for in what the ones before leave; nothing is written. With --node alone"
-        " all of the catalogue are asked, each on the prepared model.",
+        epilog="Each transformation is searched for in the result of those before it; nothing is written. With --node "
+        "alone, all transformations of the catalogue are tried, each on the prepared model.",
     )
     explain.add_argument(
         "--node",
         action="append",
         default=[],
         metavar="NAME",
-        help="ask about this node, or the node that writes this tensor; a glob; may be given several times",
+        help="explain this node, or the node that writes this tensor; a glob; may be given several times",
     )
     explain.add_argument("--all", action="store_true", help="with --node: show all answers, not the nearest three")
     _add_apply_options(
@@ -122,13 +122,13 @@ def make_parser() -> argparse.ArgumentParser:
 
     inspect = command(
         "inspect",
-        "show what one wants to know first about a model, or two models beside each other",
+        "show the main facts about a model, or two models side by side",
         options.one_model(),
         options.as_json(),
-        epilog="The recipes are found by running each of them in memory.",
+        epilog="To find the recipes, each of them is run in memory.",
     )
     inspect.add_argument(
-        "after", nargs="?", type=Path, metavar="AFTER.onnx", help="a second model, to show what is different"
+        "after", nargs="?", type=Path, metavar="AFTER.onnx", help="a second model, to show the differences"
     )
     inspect.add_argument("--no-recipes", dest="recipes", action="store_false", help="do not try recipes")
     _add_calibrate_options(
@@ -153,14 +153,14 @@ def make_parser() -> argparse.ArgumentParser:
     _add_check_options(
         command(
             "check",
-            "try rules or transformations on random graphs, and compare numbers where they keep the function",
+            "try rules or transformations on random graphs, and compare numbers if they keep the function",
             epilog="Ends with code 3 if something is wrong.",
         )
     )
 
     lower = command(
         "lower",
-        "write a quantized model in standard operators, so that onnxruntime and other tools compute it",
+        "write a quantized model in standard operators, so that onnxruntime and other tools can compute it",
         options.one_model(),
         options.output(required=True),
         epilog=_DATA_FILE,
@@ -219,9 +219,9 @@ def make_parser() -> argparse.ArgumentParser:
         " and bfloat16)",
     )
 
-    diff = command("diff", "show what is different between two graphs", options.two_models(), options.as_json())
+    diff = command("diff", "show the differences of two graphs", options.two_models(), options.as_json())
     diff.add_argument(
-        "--html", type=options.path_ending_in(".html"), metavar="D.html", help="write a page with pictures too"
+        "--html", type=options.path_ending_in(".html"), metavar="D.html", help="also write a page with pictures"
     )
     diff.add_argument("--exit-code", action="store_true", help="end with code 3 if there is a difference")
     diff.add_argument("--force", action="store_true", help="overwrite existing files")
@@ -230,24 +230,25 @@ def make_parser() -> argparse.ArgumentParser:
 
 def _add_accuracy_options(verify: argparse.ArgumentParser) -> None:
     accuracy = verify.add_argument_group(
-        "accuracy", "how close a quantized model stays to the float one; any of these replaces the tolerance"
+        "accuracy", "how close a quantized model is to the float one; any of these replaces the tolerance"
     )
     accuracy.add_argument(
         "--sqnr",
         type=positive_number,
         metavar="DB",
-        help="signal to quantization noise that each output has to reach over all samples, in dB",
+        help="signal to quantization noise that each output must reach over all samples, in dB",
     )
     accuracy.add_argument(
         "--per-tensor",
         action="store_true",
-        help="measure every tensor that both models have, what quantize nodes cut off and how many bits sums need",
+        help="measure every tensor that both models have, the share that quantize nodes cut off and the bits that sums "
+        "need",
     )
     accuracy.add_argument(
-        "--sensitivity", action="store_true", help="quantize each operator alone too, which takes a pass for each"
+        "--sensitivity", action="store_true", help="also quantize each operator alone, which takes a pass for each"
     )
     accuracy.add_argument(
-        "--html", type=options.path_ending_in(".html"), metavar="A.html", help="write a page with a plot as well"
+        "--html", type=options.path_ending_in(".html"), metavar="A.html", help="also write a page with a plot"
     )
     accuracy.add_argument("--force", action="store_true", help="overwrite an existing page")
 
@@ -256,12 +257,10 @@ def _add_pattern_options(pattern: argparse.ArgumentParser) -> None:
     pattern.add_argument(
         "--nodes", nargs="+", default=[], metavar="NAME", help="names of nodes, or of the tensors that they write"
     )
-    pattern.add_argument("--from", dest="start", metavar="TENSOR", help="with --to: all nodes on the ways between")
-    pattern.add_argument("--to", dest="end", metavar="TENSOR", help="the tensor where the ways end")
-    pattern.add_argument("--toml", action="store_true", help="write a rule to fill in, with the attributes found")
-    pattern.add_argument(
-        "--prepare", action="store_true", help="look at the prepared model, as `find` and `apply` see it"
-    )
+    pattern.add_argument("--from", dest="start", metavar="TENSOR", help="with --to: all nodes on the paths between")
+    pattern.add_argument("--to", dest="end", metavar="TENSOR", help="the tensor where the paths end")
+    pattern.add_argument("--toml", action="store_true", help="write a rule to complete, with the attributes found")
+    pattern.add_argument("--prepare", action="store_true", help="use the prepared model, as `find` and `apply` see it")
 
 
 def _add_check_options(check: argparse.ArgumentParser) -> None:
@@ -271,7 +270,7 @@ def _add_check_options(check: argparse.ArgumentParser) -> None:
     )
     check.add_argument("--seed", type=whole_number(0), default=0, metavar="N", help="their seed (default: 0)")
     check.add_argument(
-        "--only", action="append", default=[], metavar="NAME", help="check this one only; may be given several times"
+        "--only", action="append", default=[], metavar="NAME", help="check only this one; may be given several times"
     )
     check.add_argument(
         "--counterexamples", type=Path, metavar="FOLDER", help="write the graph of each finding as a model"
@@ -283,7 +282,7 @@ def _add_evaluator(command: argparse.ArgumentParser) -> None:
         "--evaluator",
         choices=("auto", "onnxruntime", "reference"),
         default="auto",
-        help="what computes the model (default: onnxruntime where it is installed)",
+        help="the evaluator of the model (default: onnxruntime if it is installed)",
     )
 
 
@@ -322,7 +321,7 @@ def _add_calibrate_options(calibrate: argparse.ArgumentParser) -> None:
         "--from-qdq",
         type=Path,
         metavar="Q.onnx",
-        help="take ranges and INT8 weights from this model, which another tool has made of the float model",
+        help="take ranges and INT8 weights from this model, which another tool has made from the float model",
     )
     calibrate.add_argument(
         "--float", dest="float_model", type=Path, metavar="F.onnx", help="the float model, to go with --from-qdq"
@@ -349,12 +348,12 @@ def _add_calibrate_options(calibrate: argparse.ArgumentParser) -> None:
         type=Path,
         default=[],
         metavar="OTHER.json",
-        help="join these ranges of the same model to the new ones; may be given several times",
+        help="join these ranges of the same model with the new ones; may be given several times",
     )
     calibrate.add_argument(
         "--all-tensors",
         action="store_true",
-        help="look at every tensor, not only at what quantized operators would read",
+        help="watch every tensor, not only those that quantized operators would read",
     )
     _add_evaluator(calibrate)
     calibrate.add_argument(
@@ -375,12 +374,12 @@ def _add_apply_options(apply: argparse.ArgumentParser) -> None:
     apply.add_argument(
         "--interactive", action="store_true", help="show each occurrence and ask whether to replace it (y, n, a, q)"
     )
-    apply.add_argument("--until-stable", action="store_true", help="repeat until the graph does not change any more")
+    apply.add_argument("--until-stable", action="store_true", help="repeat until the graph stops changing")
     apply.add_argument(
         "--no-finish",
         dest="finish",
         action="store_false",
-        help="leave weights and biases as the transformations write them, even where shapes do not fit",
+        help="leave weights and biases as the transformations write them, even if shapes do not fit",
     )
     apply.add_argument("--dry-run", action="store_true", help="do everything but write the model")
     apply.add_argument(

@@ -1,4 +1,4 @@
-"""`onnxgraft prepare`: exporters' forms become those that the patterns know."""
+"""`onnxgraft prepare`: converts exporters' forms to those that the patterns know."""
 
 from __future__ import annotations
 

@@ -9,7 +9,7 @@ from onnxgraft.recipe_book import recipes
 
 
 def run(options: argparse.Namespace) -> int:
-    """Shows each recipe with what it does."""
+    """Shows each recipe with its effect."""
     known = {**recipes(), **chosen.own_recipes(options)}
     if options.json:
         json_output.show(list(known.values()))

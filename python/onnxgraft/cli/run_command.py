@@ -1,4 +1,4 @@
-"""`onnxgraft run`: what a model answers to given inputs."""
+"""`onnxgraft run`: the outputs of a model for given inputs."""
 
 from __future__ import annotations
 
@@ -48,7 +48,7 @@ def _as_npz(arrays: Mapping[str, npt.NDArray[Any]]) -> bytes:
     buffer = io.BytesIO()
     with zipfile.ZipFile(buffer, "w", zipfile.ZIP_DEFLATED) as archive:
         for name, values in arrays.items():
-            plain = values.astype(str) if values.dtype.kind == "O" else values  # texts
+            plain = values.astype(str) if values.dtype.kind == "O" else values  # strings
             with archive.open(f"{name}.npy", "w", force_zip64=True) as entry:
                 np.lib.format.write_array(entry, plain, allow_pickle=False)
     return buffer.getvalue()

@@ -1,4 +1,4 @@
-"""What happens before each command: how much is said, which users' files are loaded."""
+"""The start of each command: sets up the amount of messages and loads users' files."""
 
 from __future__ import annotations
 
@@ -23,7 +23,7 @@ class _Handler(logging.Handler):
 
 @contextmanager
 def running(options: argparse.Namespace) -> Iterator[None]:
-    """Sets up messages, imports what `--load` names, and takes messages back in the end.
+    """Sets up messages, imports what `--load` names, and removes the set-up at the end.
 
     Raises:
         HostError: A file of the user cannot be loaded.

@@ -11,7 +11,7 @@ from onnxgraft.drawing.terminal import draw_pair
 
 
 def run(options: argparse.Namespace) -> int:
-    """Draws each pattern beside its replacement."""
+    """Draws each pattern with its replacement."""
     row = find_row(options.name)
     doc = inspect.getdoc(row.cls) or "no doc string"
     if options.json:

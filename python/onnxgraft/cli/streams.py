@@ -1,6 +1,6 @@
-"""Standard output and standard error: writing to them never ends a command, whatever becomes of them.
+"""Standard output and standard error: writing to them never ends a command, even if it fails.
 
-A stream that takes no more is given up quietly; `lost` tells the reason afterwards.
+A stream that accepts no more text is abandoned quietly; `lost` returns the reason afterwards.
 """
 
 from __future__ import annotations
@@ -22,7 +22,7 @@ _lost: OSError | None = None
 
 
 def begin() -> None:
-    """Prepares both streams for whatever text."""
+    """Prepares both streams for any text."""
     global _lost  # noqa: PLW0603
     _lost = None
     codecs.register_error("onnxgraft", _approximate)
@@ -33,7 +33,7 @@ def begin() -> None:
 
 
 def lost() -> OSError | None:
-    """Why standard output took no more; None if it took everything."""
+    """Why standard output failed; None if it accepted everything."""
     return _lost
 
 
@@ -51,7 +51,7 @@ def write_error(text: str) -> None:
 
 
 def flush() -> None:
-    """Brings to standard output what is still to be brought there."""
+    """Flushes standard output."""
     global _lost  # noqa: PLW0603
     if _lost is None and sys.stdout is not None:
         try:
@@ -71,13 +71,13 @@ def _write(stream: TextIO, text: str) -> OSError | None:
 
 
 def _give_up(stream: TextIO) -> None:
-    """Leads the stream nowhere: what it still holds must not fail once more at exit."""
+    """Redirects the stream to nothing: its buffered text must not fail once more at exit."""
     with suppress(OSError, ValueError), open(os.devnull, "wb") as nowhere:  # noqa: PTH123
         os.dup2(nowhere.fileno(), stream.fileno())
 
 
 def _approximate(error: UnicodeError) -> tuple[str | bytes, int]:
-    """What the encoding lacks: frames and arrows in ASCII, other characters by number."""
+    """Characters that the encoding does not have: frames and arrows in ASCII, others by number."""
     if not isinstance(error, UnicodeEncodeError):
         raise error
     text = error.object[error.start : error.end].translate(_ASCII)

@@ -1,4 +1,4 @@
-"""A text file that a command writes besides its model: whole or not at all."""
+"""A text file that a command writes in addition to its model: whole or not at all."""
 
 from __future__ import annotations
 
@@ -11,7 +11,7 @@ from onnxgraft.io.staged_files import StagedFile, publish
 
 
 class TextOutput:
-    """The place of the file, claimed before the long work begins; with no path, nothing is written.
+    """The place of the file, claimed before the long work starts; without a path, nothing is written.
 
     Raises:
         ModelFileError: The place cannot be written, or is taken and `overwrite` is false.
@@ -34,7 +34,7 @@ class TextOutput:
         """Writes the whole content, which has no name yet.
 
         Returns:
-            The file, to be published; none if none is wanted.
+            The file, to be published; None if no file is wanted.
 
         Raises:
             ModelFileError: It could not be written.

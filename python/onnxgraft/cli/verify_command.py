@@ -1,4 +1,4 @@
-"""`onnxgraft verify`: do two models compute the same, or how close do they stay?"""
+"""`onnxgraft verify`: do two models compute the same, or how close are they?"""
 
 from __future__ import annotations
 
@@ -17,7 +17,7 @@ from onnxgraft.verification import Verification, measure, verify
 
 
 def run(options: argparse.Namespace) -> int:
-    """Compares the outputs; the exit code says whether they agree."""
+    """Compares the outputs; the exit code reports whether they agree."""
     if options.sqnr is not None or options.per_tensor or options.sensitivity or options.html is not None:
         return _measure(options)
     before, after = model_files.load(options.before), model_files.load(options.after)
@@ -46,7 +46,7 @@ def _samples(options: argparse.Namespace, before: onnx.ModelProto) -> Samples:
 
 def _measure(options: argparse.Namespace) -> int:
     if options.tolerance is not None:
-        raise VerificationError("--tolerance has no use beside --sqnr, --per-tensor, --sensitivity and --html")
+        raise VerificationError("--tolerance cannot be combined with --sqnr, --per-tensor, --sensitivity or --html")
     with TextOutput(options.html, overwrite=options.force) as page:
         before, after = model_files.load(options.before), model_files.load(options.after)
         with consoles.countdown("measuring") as progress:

@@ -61,7 +61,7 @@ def test_apply_replaces_by_lists(folder: Path, capsys: Capture) -> None:
         (["--pattern", "Relu 0->1", "--replacement"], "column 5"),
         (["--pattern", "Relu:0->1", "--replacement", "Add:0,5i->1"], "no value is given for the new initializer 5"),
         (["--pattern", "Relu:0->1"], "--pattern needs --replacement"),
-        (["-t", "quant_conv", "--replacement"], "--replacement goes with --pattern"),
+        (["-t", "quant_conv", "--replacement"], "--replacement needs --pattern"),
         (["-t", "quant_conv", "--rule-file", "none.toml"], "cannot read 'none.toml'"),
     ],
     ids=lambda value: str(value)[:40],
