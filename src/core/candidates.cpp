@@ -1,3 +1,9 @@
+// Candidates by two filters: each node by itself, then links against each other.
+//
+// Pruning is arc consistency over the links of the pattern. With "Conv:0,1i->2" and "Relu:2->3", a Conv goes if no Relu
+// reads its output, and a Relu goes if no such Conv writes its input. A tensor survives on a link only if every place
+// where the pattern touches the link has a candidate with that tensor. One link costs time in proportion to its
+// candidates, and the number of sweeps has a limit, so the whole stays linear in the graph.
 #include "core/candidates.h"
 
 #include <algorithm>
@@ -10,7 +16,9 @@ namespace onnxgraft::core {
 namespace {
 
 constexpr std::uint32_t output_slot = static_cast<std::uint32_t>(-1);
-constexpr int sweep_limit = 8;  // a tree needs two; the rest is for patterns with loops
+// A tree needs two sweeps, one in each direction. A pattern with loops may gain from more, but a limit keeps the cost
+// linear: what pruning leaves over, the search sorts out.
+constexpr int sweep_limit = 8;
 
 /// A place where a pattern node touches a link.
 struct Incidence {
@@ -37,6 +45,8 @@ NameId Candidates::tensor(NodeIndex node, std::uint32_t slot) const {
   return slot == output_slot ? table_.outputs(node)[0] : table_.inputs(node)[slot];
 }
 
+/// One walk over the graph for all pattern nodes. Most nodes have an operator that the pattern lacks; for these the
+/// table by operator is empty and nothing else is looked at.
 void Candidates::judge_each_node() {
   std::vector<std::vector<std::uint32_t>> roles_of_op(table_.ops.size());
   for (std::uint32_t role = 0; role < rule_.nodes.size(); ++role) {
@@ -70,6 +80,7 @@ void Candidates::prune() {
   }
 }
 
+/// Drops candidates whose tensor on this link has no counterpart at another place of it; true if any went.
 bool Candidates::prune_link(const Link& link) {
   const std::vector<Incidence> places = incidences(link);
   if (places.size() < 2) return false;
@@ -77,6 +88,7 @@ bool Candidates::prune_link(const Link& link) {
   for (const Incidence& place : places) {
     for (const NodeIndex node : by_role_[place.role]) {
       std::uint32_t& support = support_[tensor(node, place.slot)];
+      // Counts a tensor once per place, and only if all places before this one have it too.
       if (seen == 0 || support == support_base_ + seen) support = support_base_ + seen + 1;
     }
     ++seen;
@@ -106,7 +118,7 @@ std::size_t Candidates::build_index(std::uint32_t role, std::uint32_t slot) {
   ReaderIndex index{role, slot, {}};
   index.readers.reserve(nodes.size());
   for (const NodeIndex node : nodes) index.readers.emplace_back(tensor(node, slot), node);
-  // Names got their ids in list order, so most lists are sorted already.
+  // Names get their ids in list order, so most lists are sorted already and the check saves the sort.
   if (!std::ranges::is_sorted(index.readers)) std::ranges::sort(index.readers);
   indexes_.push_back(std::move(index));
   return indexes_.size() - 1;

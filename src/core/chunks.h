@@ -1,5 +1,9 @@
-// A growing array that never moves what is in it: at no time are there two copies of its content, and the memory of
-// each chunk is touched as it fills.
+// A growing array that never moves its elements.
+//
+// It holds the texts of `Names`. A vector copies all elements whenever it grows, and in a graph of a million names the
+// copies touch many new pages. Here the memory of each chunk is reserved once and touched as it fills. Together with
+// smaller tables this saved a tenth of the page faults of a merge. Invariant: all chunks except the last are full, so
+// an index needs no search.
 #pragma once
 
 #include <cstddef>

@@ -1,3 +1,8 @@
+// The walk of cycle_check.h: from an old tensor forward to everything that depends on it.
+//
+// Edges are those of the graph after the replacement. Nodes of the assignment have none of their own; in their place
+// the rule's dependencies connect the tensors of the pattern. Of several writers of one tensor only the first has an
+// edge to it, as everywhere in the matcher.
 #include "core/cycle_check.h"
 
 #include <algorithm>
@@ -31,6 +36,7 @@ bool CycleCheck::closes_cycle(std::span<const NodeIndex> nodes, std::span<const 
          });
 }
 
+/// Whether `target` would depend on `from` once this assignment is replaced.
 bool CycleCheck::reaches(NameId from, NameId target, std::span<const NodeIndex> nodes, std::span<const NameId> names) {
   std::unordered_set<NameId> seen{from};
   std::vector<NameId> open{from};
@@ -39,6 +45,7 @@ bool CycleCheck::reaches(NameId from, NameId target, std::span<const NodeIndex> 
   };
   const auto visit_outputs = [&](std::span<const NodeIndex> readers) {
     for (const NodeIndex reader : readers) {
+      // Nodes of the assignment count as the replacement connects them, which the rule's dependencies say below.
       if (std::ranges::find(nodes, reader) != nodes.end()) continue;
       for (const NameId output : table_.outputs(reader)) {
         if (table_.producer(output) == reader) visit(output);

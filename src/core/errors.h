@@ -1,4 +1,8 @@
-// What the core reports to its caller; the interpreter's side turns these into Python exceptions.
+// What the core reports to its caller.
+//
+// The core throws NotationError for lists that break the rules, and lets pass what others throw in it: std::bad_alloc
+// and whatever the interruption check throws. It does not know Python. The layer above turns NotationError into a
+// ValueError, so its text must make sense to a user without further context.
 #pragma once
 
 #include <stdexcept>

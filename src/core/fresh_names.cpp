@@ -1,3 +1,7 @@
+// Fresh names in one look-up each.
+//
+// The id that `intern` returns shows whether the name is new: it is then not below the old number of names. So a
+// name is hashed once, where a question and then an insertion would hash it twice.
 #include "core/fresh_names.h"
 
 namespace onnxgraft::core {
@@ -14,6 +18,7 @@ NameId FreshNames::add(const std::string& name) {
   const std::size_t known = names_.size();
   const NameId id = names_.intern(name);
   if (id >= known) return id;
+  // A known name is free only if the graph lost it. Names after the end of the marks are all in use.
   if (id >= vacant_.size() || !vacant_[id]) return no_name;
   vacant_[id] = false;
   return id;

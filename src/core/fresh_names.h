@@ -1,4 +1,8 @@
 // New names that differ from every name of the graph.
+//
+// Names depend on the graph and the order of calls only, so the same graph always gets the same names. A round may ask
+// for thousands of names with one base. Each base therefore remembers the first number that was not tried: otherwise
+// the n-th name would look at n numbers. What a good base is, the splice plan decides.
 #pragma once
 
 #include <string>
@@ -12,14 +16,15 @@ namespace onnxgraft::core {
 
 class FreshNames {
  public:
-  /// `names` must hold every name of the graph, and may hold others where `vacant` says so; new ones are added.
+  /// `names` must hold every name of the graph. It may hold others that the graph no longer has: `vacant` marks them,
+  /// and they are free. New names are added to `names`.
   FreshNames(Names& names, std::vector<bool>& vacant) : names_(names), vacant_(vacant) {}
 
   /// `base` itself if it is free, else the first free one of base_1, base_2, ...
   NameId make(const std::string& base);
 
  private:
-  /// The id of the name, `no_name` if it is in use.
+  /// Takes the name if it is free; `no_name` if it is in use.
   NameId add(const std::string& name);
 
   Names& names_;

@@ -1,3 +1,8 @@
+// Filling and sealing the table.
+//
+// Readers are kept in one array for all tensors, ordered by tensor and then by node, instead of a vector per tensor.
+// Two walks make it: one counts, one fills. A node that reads a tensor at several inputs is one reader; that is what
+// uses outside an occurrence are counted by.
 #include "core/graph_table.h"
 
 #include <numeric>
@@ -8,6 +13,7 @@ namespace onnxgraft::core {
 
 namespace {
 
+/// In ONNX trailing empty names have no meaning, so the number of inputs must not depend on them.
 std::span<const NameId> without_trailing_empty(std::span<const NameId> names) {
   while (!names.empty() && names.back() == no_name) names = names.first(names.size() - 1);
   return names;
@@ -60,7 +66,7 @@ void GraphTable::seal() {
   original_count_ = node_count();
   const std::size_t count = names.size();
   producers_.assign(count, no_index);
-  // Counts first, then places: the readers of all tensors in one array, each node once per tensor.
+  // Counts first, then places. `last_reader` sees to it that each node counts once per tensor.
   std::vector<NodeIndex> last_reader(count, no_index);
   reader_begin_.assign(count + 1, 0);
   for (NodeIndex node = 0; node < original_count_; ++node) {
@@ -76,7 +82,8 @@ void GraphTable::seal() {
   }
   std::partial_sum(reader_begin_.begin(), reader_begin_.end(), reader_begin_.begin());
   readers_.resize(reader_begin_[count]);
-  // Filled from behind, so that what was each name's end becomes its begin.
+  // Filled from the last node to the first. Each name starts with the end of its readers, counts down, and so finishes
+  // at their begin: no second array of positions is needed.
   last_reader.assign(count, no_index);
   for (NodeIndex node = original_count_; node-- > 0;) {
     for (const NameId name : inputs(node)) {
@@ -99,6 +106,7 @@ GraphTable GraphTable::relisted(std::span<const NodeIndex> order) && {
   return table;
 }
 
+/// Right only before new rows are added: `links_` then holds the links of the nodes in the list and no others.
 void GraphTable::vacate_all_but(std::span<const NameId> others) {
   vacant.assign(names.size(), true);
   for (const std::span<const NameId> used : {std::span<const NameId>(links_), std::span<const NameId>(initializers),

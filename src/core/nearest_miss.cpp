@@ -1,3 +1,9 @@
+// The walk that explains: backtracking over the pattern nodes in an order in which each touches one before it.
+//
+// Unlike the search it tries nodes that cannot match, since those are what a user asks about: all nodes of the operator
+// for the first pattern node, then all readers or the writer of a bound tensor. The recursion is as deep as the
+// pattern, not as the graph. Every rejected node is noted, and the note with the most pattern nodes matched is the
+// answer.
 #include "core/nearest_miss.h"
 
 #include <algorithm>
@@ -14,10 +20,13 @@ namespace onnxgraft::core {
 
 namespace {
 
-constexpr std::size_t step_limit = 200'000;   // attempts judged in all; the answer is best effort beyond
-constexpr std::size_t node_step_limit = 500;  // the same for a walk from one node
+// Nodes judged in all. When they are used up, the answer is the best note so far.
+constexpr std::size_t step_limit = 200'000;
+// The same for a walk from one node. `explain` may start one for every node of the graph.
+constexpr std::size_t node_step_limit = 500;
 
-/// Pattern nodes in an order in which each touches one before it, part after part, that of `first` first.
+/// Pattern nodes in an order in which each touches one before it, so that its candidates come from a bound tensor. Part
+/// after part, the part of `first` first.
 std::vector<std::uint32_t> connected_order(const Rule& rule, std::uint32_t first) {
   std::vector<std::uint32_t> order;
   std::vector<bool> seen(rule.nodes.size(), false);
@@ -63,7 +72,7 @@ class MissFinder {
     return best_;
   }
 
-  /// The same from one node on; only to be asked where no assignment has `node` in that role.
+  /// The same from one node on. Only for a node that no assignment has in that role: with one, the note would be wrong.
   NearestMiss run_from(std::uint32_t role, NodeIndex node) {
     order_ = connected_order(rule_, role);
     best_ = {};
@@ -78,6 +87,7 @@ class MissFinder {
  private:
   [[nodiscard]] bool graph_has(const std::string& op) { return !nodes_of(op).empty(); }
 
+  /// All nodes of an operator. The index is built at the first question, since a walk from one node may never ask.
   std::span<const NodeIndex> nodes_of(const std::string& op) {
     if (by_op_.empty()) {
       by_op_.resize(table_.ops.size());
@@ -87,7 +97,7 @@ class MissFinder {
     return id && *id < by_op_.size() ? std::span<const NodeIndex>(by_op_[*id]) : std::span<const NodeIndex>();
   }
 
-  /// Tries to match the pattern nodes from order_[depth] on; true if an assignment fits.
+  /// Tries to match the pattern nodes from order_[depth] on; true as soon as all are matched.
   bool attempt(std::size_t depth) {
     if (depth == order_.size()) {
       if (!cycle_check_.needed() || !cycle_check_.closes_cycle(node_of_, name_of_)) return true;
@@ -117,8 +127,9 @@ class MissFinder {
     return false;
   }
 
-  /// Nodes to try for the pattern node at `depth`: the one to start from, else over a tensor bound already, else all of
-  /// the operator. `none_found` says what it means if there is none; a lone node is put into `single`.
+  /// Nodes to try for the pattern node at `depth`: the start, or those on a tensor that is bound, or all of the
+  /// operator. `none_found` becomes what it means if there is none. A lone node is put into `single`, which the result
+  /// points to.
   std::span<const NodeIndex> candidates(std::size_t depth, NodeIndex& single, LocalResult& none_found) {
     const PatternNode& pattern = rule_.nodes[order_[depth]];
     if (depth == 0 && start_ != no_index) {
@@ -139,6 +150,7 @@ class MissFinder {
     return nodes_of(pattern.op);
   }
 
+  /// The conditions of the search, one by one: those on the node alone, then those on what is bound.
   [[nodiscard]] LocalResult judge(std::uint32_t role, NodeIndex node) const {
     const PatternNode& pattern = rule_.nodes[role];
     const LocalResult local = match_locally(table_, rule_, pattern, node);
@@ -166,7 +178,7 @@ class MissFinder {
     return {};
   }
 
-  /// True if another id stands for the tensor already and a removed node writes it.
+  /// True if another id is bound to the tensor already and a removed node writes it. The other id would dangle.
   [[nodiscard]] bool shares_tensor(LinkId link, NameId name) const {
     const auto written_by_removed = [&](LinkId id) {
       const std::uint32_t writer = rule_.links[id].writer;
@@ -179,6 +191,7 @@ class MissFinder {
     return false;
   }
 
+  /// `judge` has found no clash, so the names can be set without a check.
   void bind(std::uint32_t role, NodeIndex node) {
     const PatternNode& pattern = rule_.nodes[role];
     node_of_[role] = node;
@@ -188,6 +201,8 @@ class MissFinder {
     name_of_[pattern.output] = table_.outputs(node)[0];
   }
 
+  /// Keeps the note that matched the most pattern nodes. Among equals the first with a node to name wins, since "this
+  /// node is not a Conv" helps more than "no node reads it".
   void note(std::size_t matched, std::uint32_t role, NodeIndex candidate, const LocalResult& result) {
     if (matched < best_.matched || (matched == best_.matched && noted_ && best_.candidate != no_index)) return;
     if (matched == best_.matched && noted_ && candidate == no_index) return;
@@ -204,7 +219,7 @@ class MissFinder {
     if (result.reason == Reason::read_elsewhere) best_.reader = outside_reader(role, result.tensor);
   }
 
-  /// A reader of the tensor that has no place in the pattern by its operator, else its last reader.
+  /// The reader to name in "is also read by": one whose operator has no place in the pattern, or else the last one.
   [[nodiscard]] NodeIndex outside_reader(std::uint32_t role, NameId tensor) const {
     const Link& link = rule_.links[rule_.nodes[role].output];
     for (const NodeIndex reader : table_.readers(tensor)) {
@@ -235,6 +250,7 @@ std::optional<NearestMiss> find_nearest_miss(const GraphTable& table, const Rule
   return MissFinder(table, rule).run();
 }
 
+/// A search with claims and refusals that stay empty, next to a walk over the same graph.
 struct NodeTrace::Parts {
   Parts(const GraphTable& table, const Rule& rule)
       : finder(table, rule),

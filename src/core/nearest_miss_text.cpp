@@ -1,4 +1,8 @@
-// The sentences of nearest_miss.h, as a table. A new reason needs a row here, or it reads as a match.
+// The sentences of nearest_miss.h, as a table from reason to name and sentence.
+//
+// Sentences go to users (`debug`, `explain`) and may change. Names go to tools and may not. A reason without a row
+// would read as "it matches", so a new reason needs one. The command line words its own sentences with names of nodes
+// instead of numbers. It takes the same data, not these texts.
 #include <array>
 #include <string>
 
@@ -43,6 +47,7 @@ constexpr std::array reason_texts{
     ReasonText{Reason::refused, "refused", "the transformation refused it"},
 };
 
+/// A search by value, so that the table need not follow the order of the enumeration.
 const ReasonText& text_of(Reason reason) {
   for (const ReasonText& text : reason_texts) {
     if (text.reason == reason) return text;
@@ -52,6 +57,7 @@ const ReasonText& text_of(Reason reason) {
 
 std::string quoted(std::string_view text) { return "'" + std::string(text) + "'"; }
 
+/// Number and output: many exporters leave nodes without a name, and the output is always there.
 std::string node_text(const GraphTable& table, NodeIndex node) {
   if (node == no_index) return "a node";
   std::string text = std::string(table.ops.text(table.op(node))) + " node " + std::to_string(node);
@@ -65,6 +71,7 @@ std::string with_article(const std::string& op) {
   return (vowel ? "an " : "a ") + op;
 }
 
+/// Continues after the text that it put in: a tensor name that contains the placeholder must not make it loop forever.
 void replace_all(std::string& text, std::string_view from, const std::string& to) {
   for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
     text.replace(at, from.size(), to);

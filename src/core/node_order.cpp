@@ -1,3 +1,8 @@
+// Places, repair of the order, and putting back.
+//
+// The repair is a depth-first walk from node to late producers, in list order, with its own stack. Each node is opened
+// and written once, so it costs as much as there are nodes and links. A cycle, which only an invalid input can have,
+// is left as it is: every node is still written exactly once.
 #include "core/node_order.h"
 
 #include <algorithm>
@@ -11,12 +16,13 @@ void Placement::write(NodeIndex node, std::vector<NodeIndex>& list) const {
       if (place.side == side) list.push_back(place.node);
     }
   };
-  write_all(Side::front);
+  write_all(Side::before);
   if (!removed_[node]) list.push_back(node);
-  write_all(Side::behind);
+  write_all(Side::after);
 }
 
-/// By anchor, those of one anchor in the order in which they were put there.
+/// By anchor, those of one anchor in the order in which they were put there. A counting sort, because trees
+/// and binary searches over all places grew faster than the graph.
 void Placement::sort_places() {
   begin_.assign(removed_.size() + 1, 0);
   for (const Place& place : places_) ++begin_[place.anchor + 1];
@@ -42,7 +48,7 @@ std::vector<NodeIndex> Placement::apply(std::span<const NodeIndex> before) {
 
 namespace {
 
-/// Writes the nodes out in list order, each behind those of its producers that have to come first.
+/// Writes the nodes in list order, each after those of its producers that must come first.
 class OrderRepair {
  public:
   OrderRepair(const GraphTable& table, std::span<const NodeIndex> before, std::span<const NodeIndex> placed)
@@ -53,6 +59,7 @@ class OrderRepair {
         state_(table.node_count(), State::waiting) {
     for (std::uint32_t at = 0; at < before.size(); ++at) old_position_[before[at]] = at;
     for (std::uint32_t at = 0; at < placed.size(); ++at) position_[placed[at]] = at;
+    // Not the table's producers: those are of the original nodes, and new nodes write here too.
     writers_.assign(table.names.size(), no_index);
     for (const NodeIndex node : placed) {
       for (const NameId name : table.outputs(node)) {
@@ -69,6 +76,7 @@ class OrderRepair {
 
  private:
   enum class State : std::uint8_t { waiting, open, written };
+  /// A node on the stack, with the producers to write before it.
   struct Open {
     NodeIndex node;
     std::vector<NodeIndex> producers;
@@ -82,7 +90,7 @@ class OrderRepair {
       Open& top = stack_.back();
       if (top.next < top.producers.size()) {
         const NodeIndex producer = top.producers[top.next++];
-        // An open producer closes a cycle: the input had one, and no order can put it right.
+        // An open producer closes a cycle: the input had one, and no order is right.
         if (state_[producer] == State::waiting) open(producer);
         continue;
       }
@@ -112,6 +120,7 @@ class OrderRepair {
     return late;
   }
 
+  /// Whether the edge must be in order: one with a new node, or one that was in order before.
   [[nodiscard]] bool counts(NodeIndex producer, NodeIndex reader) const {
     if (producer == reader) return false;
     const std::uint32_t from = old_position_[producer];
@@ -141,21 +150,21 @@ std::vector<NodeIndex> put_back(std::span<const NodeIndex> now, std::span<const 
                                 const std::vector<bool>& goes, const std::vector<bool>& comes_back) {
   std::vector<bool> present(goes.size(), false);
   for (const NodeIndex node : now) present[node] = !goes[node];
-  // For each node, the one that comes back directly in front of it.
-  std::vector<NodeIndex> in_front(goes.size(), no_index);
+  // For each node, the one that comes back directly before it; several in a row form a chain.
+  std::vector<NodeIndex> preceding(goes.size(), no_index);
   NodeIndex at_end = no_index;
   NodeIndex next = no_index;
   for (std::size_t at = before.size(); at-- > 0;) {
     const NodeIndex node = before[at];
     if (!present[node] && !comes_back[node]) continue;
-    if (!present[node]) (next == no_index ? at_end : in_front[next]) = node;
+    if (!present[node]) (next == no_index ? at_end : preceding[next]) = node;
     next = node;
   }
   std::vector<NodeIndex> list;
   std::vector<NodeIndex> chain;
   const auto write = [&](NodeIndex last) {
     chain.clear();
-    for (NodeIndex node = last; node != no_index; node = in_front[node]) chain.push_back(node);
+    for (NodeIndex node = last; node != no_index; node = preceding[node]) chain.push_back(node);
     list.insert(list.end(), chain.rbegin(), chain.rend());
   };
   for (const NodeIndex node : now) {

@@ -1,3 +1,7 @@
+// A recursive-descent parser for one string, by hand: the grammar has five rules, and users need the exact column.
+//
+// It never reads past the text, which is a view without a terminator. Input may be any bytes (the fuzzer feeds it
+// some), so digits and blanks are tested without the locale. Each message states what would be right at the column.
 #include "core/notation.h"
 
 #include <charconv>
@@ -8,6 +12,7 @@ namespace onnxgraft::core {
 
 namespace {
 
+// The standard functions would depend on the locale and are undefined for negative values of char.
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 bool is_blank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
@@ -38,7 +43,7 @@ class Parser {
     const std::string_view number = digits("the number of a pattern node after '#'");
     std::size_t value = 0;
     const auto parsed = std::from_chars(number.data(), number.data() + number.size(), value);
-    // A number too large for the machine is too large for any pattern: rule.cpp reports the range.
+    // A number too large for the machine is too large for any pattern, and rule.cpp reports the range.
     result.source = parsed.ec == std::errc{} ? value : static_cast<std::size_t>(-1);
     if (at_ == text_.size()) {
       result.bare = true;
@@ -48,6 +53,7 @@ class Parser {
     ++at_;
   }
 
+  /// Any name is an operator: which ones exist is up to the model.
   void parse_operator(ParsedString& result) {
     const std::size_t begin = at_;
     while (at_ < text_.size() && text_[at_] != ':' && !is_blank(text_[at_])) ++at_;
@@ -75,6 +81,7 @@ class Parser {
     }
   }
 
+  /// "~i" must be last: it takes all inputs from its place on.
   void parse_rest(ParsedString& result) {
     if (place_.list == StringPlace::List::replacement) fail("a tensor id: '~i' is allowed in patterns only");
     ++at_;
@@ -90,6 +97,7 @@ class Parser {
     return true;
   }
 
+  /// A run of digits of any length. An id is text, so it cannot overflow.
   std::string_view digits(const char* expected) {
     const std::size_t begin = at_;
     while (at_ < text_.size() && is_digit(text_[at_])) ++at_;
@@ -97,6 +105,7 @@ class Parser {
     return text_.substr(begin, at_ - begin);
   }
 
+  /// '\0' at the end of the text. No caller compares with it, so a NUL within the text is not mistaken for the end.
   [[nodiscard]] char peek() const { return at_ < text_.size() ? text_[at_] : '\0'; }
   [[nodiscard]] std::size_t column() const { return at_ + 1; }
   [[noreturn]] void fail(const std::string& expected) const { fail_at(place_, column(), "expected " + expected); }

@@ -6,7 +6,8 @@
 //   id          := decimal digits
 //   replacement := node | "#" k | "#" k ":" [input ("," input)*] "->" id
 //
-// This file knows nothing of the list that a string stands in; rule.h checks strings against each other.
+// A string is read without the list around it; rule.h checks strings against each other. Ids stay text: "2" and "02"
+// are different tensors.
 #pragma once
 
 #include <cstddef>
@@ -17,7 +18,7 @@
 
 namespace onnxgraft::core {
 
-/// Which list a string stands in, and where: what an error message names.
+/// The list that a string belongs to and its index there. Every error message begins with it.
 struct StringPlace {
   enum class List { pattern, replacement } list;
   std::size_t index;
@@ -30,7 +31,8 @@ struct ParsedInput {
   std::size_t column;  // from 1
 };
 
-/// One string, taken apart; the views point into the text that was parsed.
+/// One string, taken apart. The views point into the text that was parsed. Columns are kept because some errors are
+/// found only later, against the other strings of the list.
 struct ParsedString {
   std::string_view op;                // empty for a "#" string
   std::optional<std::size_t> source;  // the k of "#k"
@@ -42,10 +44,10 @@ struct ParsedString {
   std::size_t output_column = 0;
 };
 
-/// Throws NotationError naming list, position, column and what was expected.
+/// Throws NotationError that names list, index, column and what was expected.
 ParsedString parse_string(const StringPlace& place);
 
-/// Throws NotationError with the place in front of the message; column 0 stands for the whole string.
+/// Throws NotationError with the place before the message; column 0 means the whole string.
 [[noreturn]] void fail_at(const StringPlace& place, std::size_t column, const std::string& message);
 
 }  // namespace onnxgraft::core

@@ -1,4 +1,8 @@
 // Occurrences of a rule, and which nodes they claim.
+//
+// Flat arrays, since a round may find tens of thousands of occurrences. The search fills them, the splice plan and the
+// pass read them by index. Nothing here knows why an occurrence was chosen. What it does to a node follows from the
+// rule alone: a node that plays a kept pattern node is claimed as kept, any other as removed.
 #pragma once
 
 #include <cstdint>
@@ -10,8 +14,8 @@
 
 namespace onnxgraft::core {
 
-/// Occurrences of one rule, in the order found: for each the graph node of every pattern node and the tensor
-/// of every link of the rule (`no_name` for links that only the replacement has).
+/// Occurrences of one rule, in the order found: for each the graph node of every pattern node and the tensor of every
+/// link of the rule. Links that only the replacement has are `no_name` until the splice plan names them.
 class OccurrenceList {
  public:
   explicit OccurrenceList(const Rule& rule) : node_stride_(rule.nodes.size()), link_stride_(rule.links.size()) {}
@@ -39,15 +43,18 @@ class OccurrenceList {
   std::vector<NameId> links_;
 };
 
+/// What an occurrence does to a node.
 enum class Claim : std::uint8_t { none, kept, removed };
 
-/// What the occurrences chosen so far do to each original node. A removed node takes part in nothing else,
-/// and what one occurrence keeps, none removes.
+/// What the occurrences chosen so far do to each original node. A removed node takes part in no other occurrence. A
+/// kept node may serve several, as long as none of them removes it. Within a round claims only grow, which is why the
+/// search may jump over candidates that were claimed once.
 class Claims {
  public:
   explicit Claims(NodeIndex count) : claims_(count, Claim::none) {}
 
   [[nodiscard]] Claim of(NodeIndex node) const { return claims_[node]; }
+  /// The innermost question of the search: one byte per node.
   [[nodiscard]] bool usable(NodeIndex node, const PatternNode& role) const {
     return claims_[node] == Claim::none || (claims_[node] == Claim::kept && role.kept);
   }

@@ -1,3 +1,8 @@
+// Jumps over refused choices, with path compression.
+//
+// Refused positions form runs, and each position of a run points to one farther on. A look-up that follows the pointers
+// makes all of them point to the end, as in a union-find, so a run that grows round after round is still passed in
+// nearly constant time.
 #include "core/refused_choices.h"
 
 namespace onnxgraft::core {
@@ -17,6 +22,7 @@ RefusedChoices::Prefix RefusedChoices::add_after(Prefix prefix, NodeIndex node) 
 void RefusedChoices::refuse(Prefix prefix, std::size_t list, std::size_t position) {
   Run& run = runs_[prefix];
   if (run.next.empty()) run.list = list;
+  // From another list the note would be about another candidate. Without it the choice is only visited again.
   if (run.list != list) return;
   if (run.next.size() <= position) run.next.resize(position + 1, 0);
   run.next[position] = static_cast<std::uint32_t>(position + 1);
@@ -28,7 +34,7 @@ std::size_t RefusedChoices::skip(Prefix prefix, std::size_t list, std::size_t po
   const auto is_refused = [&](std::size_t at) { return at < next.size() && next[at] != 0; };
   std::size_t end = position;
   while (is_refused(end)) end = next[end];
-  // Every position passed leads to the end of the run now.
+  // From now on every position passed leads to the end of the run.
   while (position < end) {
     const std::size_t passed = position;
     position = next[passed];

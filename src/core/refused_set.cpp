@@ -1,3 +1,7 @@
+// A hash set of short sequences of node indices, all of one length, in two flat arrays.
+//
+// Keys are only added, so slots never have to be freed. The table is at most half full, which keeps probing short even
+// where neighbouring nodes make similar keys.
 #include "core/refused_set.h"
 
 #include <algorithm>

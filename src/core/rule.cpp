@@ -1,3 +1,8 @@
+// The compiler of a pair: parses every string, numbers the links, and checks the strings against each other.
+//
+// The checks come in the order in which a user would read the lists, and each names the string and the column. Strings
+// are parsed again where a check needs a column: compiled rules are cached, so this costs nothing that a user feels.
+// After the checks it derives what the matcher asks for most: exclusive outputs, parts, dependencies.
 #include "core/rule.h"
 
 #include <numeric>
@@ -35,6 +40,7 @@ class Compiler {
   }
 
  private:
+  /// Ids are compared as text. Links are numbered at their first use, so the numbers follow the lists.
   LinkId link(std::string_view id) {
     const auto [at, added] = ids_.try_emplace(std::string(id), static_cast<LinkId>(rule_.links.size()));
     if (added) {
@@ -53,6 +59,7 @@ class Compiler {
     for (const ParsedInput& input : parsed.inputs) {
       const LinkId id = link(input.id);
       Link& read = rule_.links[id];
+      // A node that reads the tensor twice counts once, as in the graph's own readers.
       if (read.readers.empty() || read.readers.back().node != number) ++read.reader_nodes;
       read.readers.push_back({number, static_cast<std::uint32_t>(node.inputs.size())});
       read.initializer = read.initializer || input.initializer;
@@ -69,6 +76,7 @@ class Compiler {
     rule_.nodes.push_back(std::move(node));
   }
 
+  /// Only after all pattern strings are read: the writer may come after the string that asks for an initializer.
   void check_pattern_initializers(std::span<const std::string> pattern) const {
     for (std::size_t index = 0; index < pattern.size(); ++index) {
       const StringPlace place{List::pattern, index, pattern[index]};
@@ -105,6 +113,7 @@ class Compiler {
     rule_.entries.push_back(std::move(entry));
   }
 
+  /// A bare "#k": the node writes what it wrote, so no other string of the replacement may write that.
   void keep(const StringPlace& place, ReplacementEntry& entry) {
     PatternNode& node = rule_.nodes[entry.source];
     entry.output = node.output;
@@ -112,6 +121,7 @@ class Compiler {
     node.kept = true;
   }
 
+  /// A copy or a new node: binds its links, old and new.
   void connect(const StringPlace& place, const ParsedString& parsed, ReplacementEntry& entry) {
     entry.op = parsed.op;
     if (entry.kind == EntryKind::copy) rule_.nodes[entry.source].copied = true;
@@ -134,7 +144,7 @@ class Compiler {
     rule_.links[entry.output].rewritten = true;
   }
 
-  /// Notes that replacement string `place` writes `output`.
+  /// Notes that replacement string `place` writes `output`; an error if another one does.
   void claim_output(const StringPlace& place, std::size_t column, LinkId output) {
     if (output >= written_by_.size()) written_by_.resize(rule_.links.size(), nothing);
     if (written_by_[output] != nothing) {
@@ -145,6 +155,8 @@ class Compiler {
     written_by_[output] = place.index;
   }
 
+  /// Every input of the replacement must have a source. Only after all its strings are read, since a string may use
+  /// what a later one writes, and "9i" at one place makes 9 an initializer at all places.
   void check_replacement_inputs(std::span<const std::string> replacement) {
     written_by_.resize(rule_.links.size(), nothing);
     std::vector<bool> new_initializer(rule_.links.size(), false);
@@ -189,15 +201,19 @@ class Compiler {
                 " would depend on itself: the nodes of a replacement must not form a cycle");
   }
 
+  /// Which outputs may have no use outside the occurrence: see `PatternNode::exclusive`.
   void mark_exclusive() {
     for (PatternNode& node : rule_.nodes) {
       const Link& output = rule_.links[node.output];
       rule_.removes = rule_.removes || node.removed();
+      // An output of the whole pattern that is written again (no reader within) keeps its meaning and its users.
       const bool vanishes = written_by_[node.output] == nothing;
       node.exclusive = vanishes || (node.removed() && output.rewritten && !output.readers.empty());
     }
   }
 
+  /// Parts by union-find over the links; numbered by their first node, so that node 0 is in part 0. A refused
+  /// assignment is identified by its nodes in part 0.
   void number_parts() {
     std::vector<std::uint32_t> parent(rule_.nodes.size());
     std::iota(parent.begin(), parent.end(), 0U);
@@ -223,7 +239,7 @@ class Compiler {
   static constexpr std::size_t nothing = static_cast<std::size_t>(-1);
   Rule rule_;
   std::unordered_map<std::string, LinkId> ids_;
-  std::vector<std::size_t> written_by_;  // replacement string that writes a link
+  std::vector<std::size_t> written_by_;  // by link: index of the replacement string that writes it
 };
 
 }  // namespace

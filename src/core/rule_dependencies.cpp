@@ -1,3 +1,8 @@
+// Reachability over the links of a pattern and of its replacement.
+//
+// Both are small graphs of a dozen links, so every output is searched from by itself and clarity counts more than
+// speed. A dependency is new if the replacement has it and the pattern does not. Example: pattern "A:0->1", "G:2->3"
+// with the replacement "#0:0,3->1", "#1". Tensor 1 comes to depend on 2, which in some graph may depend on 1.
 #include "core/rule_dependencies.h"
 
 #include <algorithm>
@@ -10,6 +15,7 @@ namespace {
 /// A small directed graph over links: an edge leads from a node's output to each of its inputs.
 using Edges = std::vector<std::vector<LinkId>>;
 
+/// What depends on what before the rewrite.
 Edges pattern_edges(const Rule& rule) {
   Edges edges(rule.links.size());
   for (const PatternNode& node : rule.nodes) {
@@ -18,6 +24,7 @@ Edges pattern_edges(const Rule& rule) {
   return edges;
 }
 
+/// The same after it. A kept node has its old inputs, a copy those that the string states.
 Edges replacement_edges(const Rule& rule) {
   Edges edges(rule.links.size());
   for (const ReplacementEntry& entry : rule.entries) {
@@ -53,12 +60,13 @@ void find_dependencies(Rule& rule) {
   const Edges before = pattern_edges(rule);
   const Edges after = replacement_edges(rule);
   for (LinkId output = 0; output < rule.links.size(); ++output) {
+    // Only tensors that exist before and after: one that vanishes has no users left, a new one has none yet.
     if (rule.links[output].writer == no_node || !is_written(rule, output)) continue;
     std::vector<bool> old_inputs = reachable(before, output);
     std::vector<bool> new_inputs = reachable(after, output);
     for (LinkId input = 0; input < rule.links.size(); ++input) {
       const Link& link = rule.links[input];
-      // Nothing that is not computed can depend on an output again.
+      // Only computed tensors can depend on an output, so an initializer cannot close a cycle.
       if (!link.in_pattern || link.initializer || !new_inputs[input]) continue;
       rule.dependencies.push_back({output, input});
       if (link.writer == no_node && !old_inputs[input]) rule.new_dependencies.push_back({output, input});

@@ -1,3 +1,8 @@
+// The search loop: choose, bind what follows, step back.
+//
+// Three jumps keep it from repeating work. After an occurrence is taken, `accept` cuts the stack to the first choice
+// whose node is gone. `skip_unusable` passes runs of claimed candidates in one step. `leave_refused` drops all choices
+// that lead to a refused assignment only. None of them changes which assignments are found or their order.
 #include "core/search.h"
 
 #include <algorithm>
@@ -25,6 +30,7 @@ OccurrenceList Search::run() {
 
 std::vector<NodeIndex> Search::first_with(std::uint32_t role, NodeIndex node) {
   if (!candidates_.possible() || !candidates_.contains(role, node)) return {};
+  // One frame with one candidate: propagation then runs from this node, in all directions of the pattern.
   frames_.push_back({.role = role,
                      .range = {},
                      .explicit_nodes = {node},
@@ -50,8 +56,10 @@ bool Search::next_assignment() {
       frames_.pop_back();
       continue;
     }
+    // A dead end needs no clearing here: the next turn undoes what this one bound.
     const std::size_t new_links = bound_links_.size();
     if (!bind(frame.role, node) || !propagate(new_links)) continue;
+    // The refusals come before the cycles: a look-up costs less than a walk over the graph.
     const std::uint32_t open = lowest_open_role();
     if (open != no_node) {
       push_frame(open);
@@ -64,11 +72,14 @@ bool Search::next_assignment() {
   return false;
 }
 
+/// Branching at the lowest open pattern node is what makes the order of the assignments lexicographic.
 std::uint32_t Search::lowest_open_role() const {
   if (bound_roles_.size() == node_of_.size()) return no_node;
   return static_cast<std::uint32_t>(std::ranges::find(node_of_, no_index) - node_of_.begin());
 }
 
+/// Takes the assignment that is bound. Choices up to the first one with a node that it removed stay as they are: the
+/// next assignment differs from this one there at the earliest.
 void Search::accept(OccurrenceList& found) {
   found.add(node_of_, name_of_);
   claims_.add(rule_, node_of_);
@@ -83,8 +94,9 @@ void Search::accept(OccurrenceList& found) {
   }
 }
 
-/// Other choices in parts that share no tensor with node 0's part make no new assignment of a refused one. The last
-/// choice in its own part is not to be made again after the ones before it.
+/// Called for a complete assignment that was refused earlier. Choices in other parts are dropped, because another match
+/// of these is still the same refused assignment. The last choice in the part of node 0 is noted, so that later rounds
+/// jump over it.
 void Search::leave_refused() {
   while (!frames_.empty() && rule_.nodes[frames_.back().role].part != 0) frames_.pop_back();
   if (frames_.empty() || frames_.back().is_explicit) return;
@@ -97,11 +109,14 @@ void Search::leave_refused() {
   refused_.choices.refuse(prefix, last.range.list, last.position - 1);
 }
 
+/// Opens the choice for `role`. Candidates come from a bound tensor if there is one. If that has many readers, or there
+/// is none in a part that is already begun, a way over pattern nodes in between may give fewer (`bridge`). All
+/// candidates of the role are the last resort, for the first node of a part.
 void Search::push_frame(std::uint32_t role) {
   RefusedChoices::Prefix prefix = RefusedChoices::none;
   if (!frames_.empty()) prefix = refused_.choices.after(frames_.back().prefix, node_of_[frames_.back().role]);
   Frame frame{role, {}, {}, false, 0, bound_roles_.size(), bound_links_.size(), prefix};
-  constexpr std::size_t few = 8;
+  constexpr std::size_t few = 8;  // trying that many costs less than looking for a better way
   bool direct = false;
   frame.range = best_direct(role, direct);
   const bool connected = std::ranges::any_of(
@@ -115,9 +130,11 @@ void Search::push_frame(std::uint32_t role) {
   frames_.push_back(std::move(frame));
 }
 
+/// The next candidate of the choice that is neither claimed nor refused; `no_index` after the last one.
 NodeIndex Search::next_candidate(Frame& frame) {
   const PatternNode& role = rule_.nodes[frame.role];
   if (!frame.is_explicit) {
+    // A jump over claimed candidates may end at a refused one, and the other way round.
     while (true) {
       frame.position = skip_unusable(frame.range, frame.position, role);
       const std::size_t open = refused_.choices.skip(frame.prefix, frame.range.list, frame.position);
@@ -134,8 +151,9 @@ NodeIndex Search::next_candidate(Frame& frame) {
   return no_index;
 }
 
-/// First position at or behind `position` whose node is not claimed against `role`. Claims only grow in a
-/// round, so positions passed once are jumped over from then on.
+/// The first position from `position` on whose node is not claimed against `role`. Claims only grow in a round, so
+/// positions that were passed once are jumped over from then on. Without it, n branches of one tensor that each
+/// takes a sibling would look at n * n claimed siblings.
 std::size_t Search::skip_unusable(Candidates::Range range, std::size_t position, const PatternNode& role) {
   if (range.list >= skips_.size()) skips_.resize(range.list + 1);
   auto& skip = skips_[range.list];
@@ -153,7 +171,7 @@ std::size_t Search::skip_unusable(Candidates::Range range, std::size_t position,
   at = std::min(at, range.end);
   if (at > position + 1) {
     if (skip.empty()) skip.assign(candidates_.list_size(range.list), 0);
-    // Every position passed leads to the end of the run now.
+    // From now on every position passed leads to the end of the run.
     for (std::size_t passed = position; passed < at;) {
       const std::size_t next = std::max(next_of(passed), passed + 1);
       skip[passed] = static_cast<std::uint32_t>(at);
@@ -163,6 +181,7 @@ std::size_t Search::skip_unusable(Candidates::Range range, std::size_t position,
   return at;
 }
 
+/// Takes back what was bound after the two marks, last first.
 void Search::undo(std::size_t role_mark, std::size_t link_mark) {
   while (bound_roles_.size() > role_mark) {
     in_use_[node_of_[bound_roles_.back()]] = false;
@@ -175,6 +194,7 @@ void Search::undo(std::size_t role_mark, std::size_t link_mark) {
   }
 }
 
+/// Binds a node and its tensors; false if something clashes. What was bound up to there stays for `undo`.
 bool Search::bind(std::uint32_t role, NodeIndex node) {
   const PatternNode& pattern = rule_.nodes[role];
   if (in_use_[node] || !claims_.usable(node, pattern)) return false;
@@ -187,13 +207,14 @@ bool Search::bind(std::uint32_t role, NodeIndex node) {
   return bind_link(pattern.output, table_.outputs(node)[0]);
 }
 
+/// Binds a tensor to a link, or checks it against the one that is bound.
 bool Search::bind_link(LinkId link, NameId name) {
   if (name_of_[link] != no_name) return name_of_[link] == name;
   const auto written_by_removed = [&](LinkId id) {
     const std::uint32_t writer = rule_.links[id].writer;
     return writer != no_node && rule_.nodes[writer].removed();
   };
-  // Two ids may stand for one tensor, unless a removed node writes it: the other id would dangle.
+  // Two ids may be bound to one tensor, unless a removed node writes it: the other id would dangle.
   for (const LinkId other : bound_links_) {
     if (name_of_[other] == name && (written_by_removed(link) || written_by_removed(other))) return false;
   }
@@ -202,7 +223,8 @@ bool Search::bind_link(LinkId link, NameId name) {
   return true;
 }
 
-/// Binds what the links bound since `from_link` force; false if something cannot be.
+/// Binds everything that the links bound since `from_link` force; false if some of it is impossible. Links that are
+/// bound on the way join the queue, so one call follows the tensors through the whole part.
 bool Search::propagate(std::size_t from_link) {
   for (std::size_t at = from_link; at < bound_links_.size(); ++at) {
     if (!propagate_link(bound_links_[at])) return false;
@@ -210,6 +232,8 @@ bool Search::propagate(std::size_t from_link) {
   return true;
 }
 
+/// The writer of a bound tensor is forced, and so is the reader if only one candidate reads it. Several readers are a
+/// choice for later, none is a dead end.
 bool Search::propagate_link(LinkId id) {
   const Link& link = rule_.links[id];
   const NameId name = name_of_[id];

@@ -1,7 +1,9 @@
-// Candidates for a pattern node that touches no bound tensor, or one that very many nodes read: they are
-// reached over pattern nodes in between ("LeakyRelu:1->2", "LeakyRelu:3->4", "Concat:2,4->5": the second
-// LeakyRelu over the Concats that read the first), never by trying all nodes of the operator.
-
+// Candidates for a pattern node that touches no bound tensor, or one that very many nodes read.
+//
+// They are reached over pattern nodes in between, never by trying all nodes of the operator. In "LeakyRelu:1->2",
+// "LeakyRelu:3->4", "Concat:2,4->5" the second LeakyRelu is found over the Concats that read the first. The result is a
+// superset of what the search accepts: it judges each of these nodes again. Without bridges, n such pairs would take
+// n * n attempts.
 #include <algorithm>
 #include <utility>
 
@@ -9,6 +11,8 @@
 
 namespace onnxgraft::core {
 
+/// The smallest list of candidates of `role` over one of its bound inputs; `found` is false if none is bound. Writers
+/// are not looked at, because propagation has bound them already.
 Candidates::Range Search::best_direct(std::uint32_t role, bool& found) {
   Candidates::Range best;
   found = false;
@@ -23,8 +27,9 @@ Candidates::Range Search::best_direct(std::uint32_t role, bool& found) {
   return best;
 }
 
-/// Tries the open pattern nodes with bound tensors, those with the fewest candidates first. False if every
-/// way makes more than `budget` candidates (then there is a direct list of that size).
+/// Tries ways from the open pattern nodes with bound tensors, those with the fewest candidates first. False if every
+/// way exceeds `budget` candidates; then there is a direct list of that size. Called for each choice with more than a
+/// few candidates.
 bool Search::bridge(std::uint32_t role, std::size_t budget, std::vector<NodeIndex>& result) {
   std::vector<std::pair<std::uint32_t, Candidates::Range>> starts;
   for (std::uint32_t start = 0; start < node_of_.size(); ++start) {
@@ -76,6 +81,7 @@ std::vector<Step> find_way(const Rule& rule, std::uint32_t start, std::uint32_t 
   return way;
 }
 
+/// The tensor that a graph node in this role has on the link.
 NameId tensor_of_link(const GraphTable& table, const PatternNode& role, NodeIndex node, LinkId link) {
   if (role.output == link) return table.outputs(node)[0];
   const auto slot = std::ranges::find(role.inputs, link, &LinkUse::link) - role.inputs.begin();
@@ -84,6 +90,8 @@ NameId tensor_of_link(const GraphTable& table, const PatternNode& role, NodeInde
 
 }  // namespace
 
+/// Goes the way from the candidates in `range`, step by step, and keeps the nodes that each step reaches. False if
+/// there is no way or a step exceeds `budget`: the work is bounded by what the direct list would cost.
 bool Search::expand(std::uint32_t start, Candidates::Range range, std::uint32_t target, std::size_t budget,
                     std::vector<NodeIndex>& result) {
   const std::vector<Step> way = find_way(rule_, start, target, node_of_, name_of_);
@@ -109,6 +117,7 @@ bool Search::expand(std::uint32_t start, Candidates::Range range, std::uint32_t 
       }
       if (next.size() > budget) return false;
     }
+    // In node order, as the search must visit them, and each once: two nodes may lead to the same one.
     std::ranges::sort(next);
     next.erase(std::ranges::unique(next).begin(), next.end());
     nodes = std::move(next);

@@ -1,3 +1,8 @@
+// Names, rows and places of the new nodes of a round.
+//
+// New names are readable: they are built from the tensor or node that the new one comes from, and numbered only if that
+// name is taken. Naming and placing follow the order of the occurrences and of the replacement's strings, so the
+// result is the same in every process.
 #include "core/splice_plan.h"
 
 #include <string>
@@ -19,8 +24,8 @@ SplicePlan::SplicePlan(GraphTable& table, const Rule& rule, OccurrenceList& occu
   }
 }
 
-/// New tensors are named after what they come from: the tensor that the copied node wrote, or the first
-/// input of a new node, plus the operator; new initializers after the input that they stand in for.
+/// New tensors are named after what they come from: the tensor that the copied node wrote, or the first input of a new
+/// node, plus the operator. New initializers are named after the input that they replace.
 void SplicePlan::name_links(std::span<const NodeIndex> nodes, std::span<NameId> links, FreshNames& fresh) const {
   const auto text = [&](NameId name) { return std::string(table_.names.text(name)); };
   for (const ReplacementEntry& entry : rule_.entries) {
@@ -37,6 +42,7 @@ void SplicePlan::name_links(std::span<const NodeIndex> nodes, std::span<NameId> 
     base += op;
     links[entry.output] = fresh.make(base);
   }
+  // Links that no entry writes are new initializers. They come second, since their names may build on those above.
   for (const ReplacementEntry& entry : rule_.entries) {
     for (std::size_t slot = 0; slot < entry.inputs.size(); ++slot) {
       const LinkId link = entry.inputs[slot].link;
@@ -51,16 +57,20 @@ void SplicePlan::name_links(std::span<const NodeIndex> nodes, std::span<NameId> 
   }
 }
 
+/// What new nodes are named after. Many exporters leave nodes without names; then the output serves.
 std::string SplicePlan::label(NodeIndex node) const {
   const NameId name = table_.node_names[node];
   if (name != no_name) return std::string(table_.names.text(name));
   return std::string(table_.names.text(table_.outputs(node)[0])) + "_node";
 }
 
+/// The name of a copy or of a new node. The first copy of a removed node keeps its name, and a copy of a kept node
+/// takes the name of the removed node that it replaces, so that a rewrite of its own result changes no name.
+/// All others get fresh names.
 NameId SplicePlan::name_node(std::span<const NodeIndex> nodes, std::size_t number, FreshNames& fresh) const {
   const ReplacementEntry& entry = rule_.entries[number];
   if (entry.kind == EntryKind::create) {
-    // Named after the node that it stands beside: the next "#" entry's, else the one before.
+    // Named after its neighbour: the node of the next "#" entry, or of the one before it.
     NodeIndex beside = nodes.back();
     for (const ReplacementEntry& other : rule_.entries) {
       if (other.kind == EntryKind::create) continue;
@@ -83,6 +93,7 @@ NameId SplicePlan::name_node(std::span<const NodeIndex> nodes, std::size_t numbe
   return fresh.make(label(nodes[entry.source]));
 }
 
+/// Adds a row for each copy and each new node, so that order and later questions treat them like nodes of the graph.
 void SplicePlan::add_nodes(std::size_t occurrence, FreshNames& fresh) {
   const auto nodes = occurrences_.nodes(occurrence);
   const auto links = occurrences_.links(occurrence);
@@ -111,6 +122,8 @@ void SplicePlan::add_nodes(std::size_t occurrence, FreshNames& fresh) {
   }
 }
 
+/// A copy takes the place of the matched node. A new node is put before the next "#" entry of the replacement, or after
+/// the last one, or where the last matched node was.
 std::vector<NodeIndex> SplicePlan::arrange(std::span<const NodeIndex> before, const std::vector<bool>& chosen) const {
   Placement placement(table_.node_count());
   for (std::size_t index = 0; index < occurrences_.size(); ++index) {
@@ -119,7 +132,7 @@ std::vector<NodeIndex> SplicePlan::arrange(std::span<const NodeIndex> before, co
     for (std::size_t role = 0; role < nodes.size(); ++role) {
       if (rule_.nodes[role].removed()) placement.remove(nodes[role]);
     }
-    std::vector<NodeIndex> waiting;  // new nodes in front of the next "#" entry
+    std::vector<NodeIndex> waiting;  // new nodes that go before the next "#" entry
     NodeIndex last = no_index;
     for (std::size_t number = 0; number < rule_.entries.size(); ++number) {
       const ReplacementEntry& entry = rule_.entries[number];
@@ -129,7 +142,7 @@ std::vector<NodeIndex> SplicePlan::arrange(std::span<const NodeIndex> before, co
         continue;
       }
       if (entry.kind == EntryKind::copy) placement.put_at(nodes[entry.source], node);
-      for (const NodeIndex new_node : waiting) placement.put_in_front(node, new_node);
+      for (const NodeIndex new_node : waiting) placement.put_before(node, new_node);
       waiting.clear();
       last = node;
     }
@@ -137,7 +150,7 @@ std::vector<NodeIndex> SplicePlan::arrange(std::span<const NodeIndex> before, co
       if (last == no_index) {
         placement.put_at(nodes.back(), new_node);
       } else {
-        placement.put_behind(last, new_node);
+        placement.put_after(last, new_node);
       }
     }
   }

@@ -1,6 +1,9 @@
-// What a round of replacements does to the list of nodes, as data: the new nodes with their names and links,
-// and the order of the list. Nothing here touches a graph; the plan of any subset of the occurrences can be
-// asked for, which is how refused ones are taken back.
+// What a round of replacements does to the list of nodes, as data: the new nodes with their names and links, and the
+// order of the list.
+//
+// Nothing here touches a graph; the writer above carries the plan out. The plan of any subset of the occurrences can be
+// asked for, and that is how refused ones are taken back: the list is arranged again without them. Invariant: names and
+// rows are made once, for all occurrences, so they do not depend on which of them are accepted.
 #pragma once
 
 #include <span>
@@ -15,11 +18,11 @@ namespace onnxgraft::core {
 
 class SplicePlan {
  public:
-  /// Names the new links of every occurrence and adds the new nodes to the table. The table must have all
-  /// names of the graph, node names included.
+  /// Names the new links of every occurrence and adds the new nodes to the table. The table must have all names of the
+  /// graph, those of nodes included; otherwise a new name could equal an old one.
   SplicePlan(GraphTable& table, const Rule& rule, OccurrenceList& occurrences);
 
-  /// Graph node of a replacement entry: the matched node where it is kept, else a new one.
+  /// Graph node of a replacement entry: the matched node if it is kept, or a new one.
   [[nodiscard]] NodeIndex entry_node(std::size_t occurrence, std::size_t entry) const {
     return entry_nodes_[(occurrence * rule_.entries.size()) + entry];
   }
@@ -27,7 +30,8 @@ class SplicePlan {
   /// Matched node that a new node copies, `no_index` for one made from scratch.
   [[nodiscard]] NodeIndex copied_from(NodeIndex new_node) const { return copied_from_[new_node - first_new_]; }
 
-  /// The list `before` with the chosen occurrences spliced in.
+  /// The list `before` with the chosen occurrences spliced in. Exact for every choice: the result does not depend on
+  /// what was arranged before.
   [[nodiscard]] std::vector<NodeIndex> arrange(std::span<const NodeIndex> before,
                                                const std::vector<bool>& chosen) const;
 
@@ -41,8 +45,8 @@ class SplicePlan {
   const Rule& rule_;
   OccurrenceList& occurrences_;
   NodeIndex first_new_;
-  std::vector<NodeIndex> entry_nodes_;
-  std::vector<NodeIndex> copied_from_;
+  std::vector<NodeIndex> entry_nodes_;  // `entries` per occurrence
+  std::vector<NodeIndex> copied_from_;  // by new node, from `first_new_` on
 };
 
 }  // namespace onnxgraft::core

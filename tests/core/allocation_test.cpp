@@ -1,5 +1,6 @@
-// Memory that runs out: every allocation of the core fails once. The error must come out as it is, what the core was
-// given must serve a second run, and what was half made is released (which the sanitizers of `make sanitize` see).
+// Out of memory: every allocation of the core fails once. The error must come out unchanged, the objects that the core
+// was given must serve a second run, and half-made objects must be released (the sanitizers of `make sanitize` check
+// that).
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -12,7 +13,7 @@
 
 namespace {
 
-// Only the thread that asks for it meets a failure: 0 is none, n the n-th allocation from here.
+// 0: no failure. n: the n-th allocation from here fails. Per thread, so that the test runner's own threads are safe.
 thread_local std::size_t allocations_left = 0;
 
 void* allocate(std::size_t size) {
@@ -30,7 +31,7 @@ void* allocate(std::size_t size) {
 
 void* operator new(std::size_t size) { return allocate(size); }
 void* operator new[](std::size_t size) { return allocate(size); }
-// The standard library's sort asks in this way; under a sanitizer it would get that one's memory.
+// The standard library's sort allocates through this one. Without it, a sanitizer build would mix two allocators.
 void* operator new(std::size_t size, const std::nothrow_t& /*unused*/) noexcept {
   try {
     return allocate(size);
@@ -46,8 +47,8 @@ void operator delete[](void* memory, std::size_t /*size*/) noexcept { std::free(
 namespace onnxgraft::core {
 namespace {
 
-/// Runs `act` with every allocation failing once, up to a run without a failure; how often the error came out. The
-/// standard library's stable sort does without the memory that it does not get, and `act` must still be right.
+/// Runs `act` once for each allocation that it makes, with that one failing, and returns how many runs raised the
+/// error. Not all do: the standard library's stable sort works without the memory, and then `act` must still be right.
 template <class Act>
 std::size_t fail_everywhere(Act act) {
   std::size_t errors = 0;
@@ -102,7 +103,7 @@ TEST(Allocation, FailsOnceEverywhere) {
     EXPECT_GT(failures, 20U) << pair.pattern;
 
     failures = fail_everywhere([&] {
-      // Not of text: streams keep errors to themselves.
+      // Not made from text: streams swallow the error.
       GraphTable table = graph_of(rule);
       OccurrenceList found = search(table, rule);
       const std::vector<NodeIndex> before = all_nodes(table);

@@ -1,4 +1,5 @@
-// Names that no other name of a graph equals.
+// New names differ from those that the graph has and from those that were given out before. Names that the graph lost
+// may be used again.
 #include "core/fresh_names.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Who writes and who reads what, and a table of the same graph with another list.
+// Writers and readers of each tensor, a table of the same graph with another list, and names among many others.
 #include "core/graph_table.h"
 
 #include <gtest/gtest.h>
@@ -29,7 +29,7 @@ TEST(GraphTable, KnowsWritersAndReaders) {
   EXPECT_EQ(table.producer(id("x")), no_index);
   EXPECT_TRUE(table.is_initializer(id("v")) && table.is_graph_output(id("a")) && table.is_read_by_body(id("x")));
   EXPECT_FALSE(table.is_initializer(id("a")) || table.is_graph_output(id("w")) || table.is_read_by_body(id("c")));
-  // A name that came after the table was sealed.
+  // A name that was added after `seal` is after the end of all arrays.
   const NameId late = table.names.intern("late");
   EXPECT_EQ(table.producer(late), no_index);
   EXPECT_TRUE(table.readers(late).empty());

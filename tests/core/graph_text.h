@@ -1,11 +1,11 @@
-// Graphs, rules and occurrences in a few lines of text, for the tests of the core.
+// Graphs, rules and occurrences in a few lines of text, for the tests of the core and the fuzzer.
 //
 //   Relu a -> b              a node; lists with commas, an omitted name is empty ("a,,c")
 //   act: Relu a -> b         a node with a name
 //   If c -> d reads e,f      a node whose nested bodies read e and f
 //   init w,v                 initializers
 //   output y                 outputs of the graph
-// Lines end at a line break or ';'.
+// A line ends at a line break or at ';'. Nothing is checked: a test that writes a wrong line gets a wrong graph.
 #pragma once
 
 #include <algorithm>
@@ -26,6 +26,7 @@ namespace onnxgraft::core {
 using Texts = std::vector<std::string>;
 using Assignment = std::vector<NodeIndex>;
 
+/// A list with commas. "a,,c" has three names; the second is empty, which means omitted.
 inline std::vector<NameId> intern_list(Names& names, const std::string& text) {
   std::vector<NameId> ids;
   for (std::size_t begin = 0; begin <= text.size();) {
@@ -76,7 +77,7 @@ inline GraphTable make_graph(std::string text) {
   return table;
 }
 
-/// The node as a line of the language above.
+/// The node as a line of the language above, to compare a whole list as text.
 inline std::string node_line(const GraphTable& table, NodeIndex node) {
   const auto list = [&](std::span<const NameId> names) {
     std::string text;
@@ -89,7 +90,7 @@ inline std::string node_line(const GraphTable& table, NodeIndex node) {
          list(table.inputs(node)) + " -> " + list(table.outputs(node)) + (read.empty() ? "" : " reads " + read);
 }
 
-/// The strings of a list, written with blanks between them.
+/// A pattern or replacement list, written with blanks between its strings.
 inline Texts words(const std::string& text) {
   std::istringstream stream(text);
   return {std::istream_iterator<std::string>(stream), {}};
@@ -99,7 +100,8 @@ inline Rule make_rule(const std::string& pattern, const std::string& replacement
   return compile_rule(words(pattern), words(replacement));
 }
 
-/// The pattern itself as a graph; its initializers are initializers.
+/// The pattern itself as a graph: tensor 7 is "t7", and what the pattern requires as an initializer is one. The pattern
+/// must match there unless its own conditions exclude that.
 inline GraphTable graph_of(const Rule& rule) {
   GraphTable table;
   const auto name = [&](LinkId link) { return table.names.intern("t" + rule.links[link].id); };
@@ -123,6 +125,7 @@ inline std::vector<NodeIndex> all_nodes(const GraphTable& table) {
   return nodes;
 }
 
+/// One round, with what earlier rounds claimed and refused.
 inline OccurrenceList search(const GraphTable& table, const Rule& rule, Claims& claims, RefusedSet& refused) {
   Candidates candidates(table, rule);
   return Search(table, rule, candidates, claims, refused).run();

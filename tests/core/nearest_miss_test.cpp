@@ -1,4 +1,4 @@
-// How far the best attempt got and why it ended there.
+// How far the best attempt got, why it ended there, and the sentence that a user reads. One row per reason at least.
 #include "core/nearest_miss.h"
 
 #include <gtest/gtest.h>

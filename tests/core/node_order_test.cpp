@@ -1,4 +1,5 @@
-// Putting nodes back into a list that others have changed meanwhile, and cycles that no order can mend.
+// Repair of topological order, putting nodes back into a list that callbacks changed, and cycles that no order can
+// repair.
 #include "core/node_order.h"
 
 #include <gtest/gtest.h>
@@ -10,7 +11,7 @@ namespace {
 
 using List = std::vector<NodeIndex>;
 
-TEST(PutBack, InFrontOfTheNextOldNodeStillThere) {
+TEST(PutBack, BeforeTheNextOldNodeStillThere) {
   struct Case {
     List now;
     List goes;
@@ -19,13 +20,13 @@ TEST(PutBack, InFrontOfTheNextOldNodeStillThere) {
   };
   // Before, the list was 0 to 5; nodes from 6 on are new.
   const Case table[] = {
-      {{0, 6, 2, 3, 4, 5}, {6}, {1}, {0, 1, 2, 3, 4, 5}},  // untouched by others
+      {{0, 6, 2, 3, 4, 5}, {6}, {1}, {0, 1, 2, 3, 4, 5}},  // not changed by callbacks
       {{6, 3, 4, 5}, {6}, {0, 1, 2}, {0, 1, 2, 3, 4, 5}},  // several in a row, at the start
       {{0, 1, 2, 6}, {6}, {3, 4, 5}, {0, 1, 2, 3, 4, 5}},  // at the end
       {{6}, {6}, {0, 1, 2, 3, 4, 5}, {0, 1, 2, 3, 4, 5}},  // all
-      {{5, 4, 6, 2, 0}, {6}, {1, 3}, {5, 3, 4, 1, 2, 0}},  // others turned the list round
-      {{0, 7, 6, 4, 8}, {6}, {1, 2}, {0, 7, 1, 2, 4, 8}},  // others took 3 and 5, added 7 and 8
-      {{0, 6, 1, 9}, {6}, {4}, {0, 1, 9, 4}},              // no old node left behind it
+      {{5, 4, 6, 2, 0}, {6}, {1, 3}, {5, 3, 4, 1, 2, 0}},  // callbacks reversed the list
+      {{0, 7, 6, 4, 8}, {6}, {1, 2}, {0, 7, 1, 2, 4, 8}},  // callbacks removed 3 and 5, added 7 and 8
+      {{0, 6, 1, 9}, {6}, {4}, {0, 1, 9, 4}},              // no old node is left after it
       {{0, 1, 2, 3, 4, 5}, {6}, {}, {0, 1, 2, 3, 4, 5}},   // gone already
   };
   const List before{0, 1, 2, 3, 4, 5};
@@ -41,7 +42,7 @@ TEST(PutBack, InFrontOfTheNextOldNodeStillThere) {
 TEST(PutInOrder, MovesProducersUpAndNothingElse) {
   struct Case {
     const char* what;
-    const char* graph;  // all nodes, those that come new at the end
+    const char* graph;  // all nodes, the new ones last
     std::size_t old_count;
     List placed;
     List expected;

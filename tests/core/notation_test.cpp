@@ -1,4 +1,5 @@
-// The notation and the checks of a pair of lists: what is read, what is refused, and with which words.
+// The notation and the checks of a pair of lists: what is accepted, what is refused, at which column, and with which
+// words.
 #include "core/notation.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,5 @@
-// Shapes on which a search that tries products of candidates would not end before the time limit of ctest.
+// Shapes of graphs on which a search that tries products of candidates would not end within the time limit of ctest. No
+// time is measured: a search in proportion to the graph takes a fraction of a second for each.
 #include <gtest/gtest.h>
 
 #include "graph_text.h"
@@ -6,7 +7,7 @@
 namespace onnxgraft::core {
 namespace {
 
-/// The lines that often; "@" is the number.
+/// The lines `count` times; "@" becomes the number of the copy.
 std::string repeated(std::size_t count, const std::string& lines) {
   std::string text;
   for (std::size_t number = 0; number < count; ++number) {
@@ -32,7 +33,7 @@ TEST(SearchScale, OneTensorWithManyReaders) {
   EXPECT_EQ(count(quants, "Quant:0->1 Conv:1,2i->4 Quant:0->5", "#2 #1:5,2i->4"), many - 1);
 }
 
-TEST(SearchScale, SiblingsOfWhichOneSideIsUsedUp) {
+TEST(SearchScale, SiblingsThatAreUsedUpOnOneSide) {
   const GraphTable table = make_graph(repeated(2 * many, "A x -> a@; B x -> b@"));
   EXPECT_EQ(count(table, "A:0->1 B:0->2", "#0 Clip:0->2"), 2 * many);
 }
@@ -58,7 +59,7 @@ TEST(SearchScale, PoolsThatShareTheirInput) {
             some / 2);
 }
 
-TEST(SearchScale, ASeparatePartBesideMany) {
+TEST(SearchScale, ASeparatePartNextToMany) {
   const char* const pattern =
       "Quant:1->2 Quant:3->4 Concat:2,4->5 Conv:5,6i,7i->8 Dequant:8,9i->10 LeakyRelu:10->11 Quant:12->13";
   const char* const replacement =
@@ -70,7 +71,7 @@ TEST(SearchScale, ASeparatePartBesideMany) {
   EXPECT_EQ(count(table, pattern, replacement), some / 2);
 }
 
-TEST(SearchScale, ManyRefusedBesideASeparatePart) {
+TEST(SearchScale, ManyRefusedNextToASeparatePart) {
   const GraphTable table = make_graph(repeated(some, "Relu x@ -> a@; Neg a@ -> b@; Quant y@ -> q@"));
   const Rule rule = make_rule("Relu:0->1 Neg:1->2 Quant:3->4", "Clip:0->2 #2");
   RefusedSet refused;
@@ -79,7 +80,8 @@ TEST(SearchScale, ManyRefusedBesideASeparatePart) {
   EXPECT_TRUE(search(table, rule, claims, refused).empty());
 }
 
-/// Each round finds about as many as there are nodes, and all are refused: what was refused is not visited again.
+/// Each round finds about as many occurrences as there are nodes, and all are refused. Later rounds must not visit them
+/// again.
 TEST(SearchScale, PairsRefusedRoundAfterRound) {
   constexpr NodeIndex pairs_of = 600;
   const GraphTable table = make_graph(repeated(pairs_of, "Quant x -> q@; Conv q@ -> c@"));

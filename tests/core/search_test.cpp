@@ -1,5 +1,5 @@
-// What matches, in which order, what clashes, what would close a cycle, and what refusals make room for. Compared with
-// a slow model on random graphs by the tests of the package; here each rule stands by itself.
+// What matches and in which order, which occurrences clash, what would close a cycle, and what refusals make room for.
+// The package's tests compare the whole with a slow model on random graphs. Here each rule has its own small case.
 #include "core/search.h"
 
 #include <gtest/gtest.h>
@@ -23,12 +23,12 @@ const Case match_cases[] = {
     {"operators decide", "A x -> a; B x -> b; A y -> c", "A:0->1", "#0", {{0}, {2}}},
     {"an operator that the graph lacks", "A x -> a", "A:0->1 B:1->2", "#0 #1", {}},
     {"a chain, found from its first node", "B a -> b; A x -> a", "A:0->1 B:1->2", "C:0->2", {{1, 0}}},
-    {"inputs stand at their positions", "init w; A x,w -> a; A w,x -> b; A w,w -> c", "A:0,1i->2", "#0", {{0}, {2}}},
+    {"inputs keep their positions", "init w; A x,w -> a; A w,x -> b; A w,w -> c", "A:0,1i->2", "#0", {{0}, {2}}},
     {"as many inputs as the pattern has", "A x -> a; A x,y -> b; A x,y,z -> c", "A:0,1->2", "#0", {{1}}},
     {"empty names at the end do not count", "A x,y,, -> b,", "A:0,1->2", "#0", {{0}}},
     {"an omitted input is none", "init w; A ,w -> a; A x, -> b; A x,,w -> c", "A:0,1->2", "#0", {}},
     {"the rest may be anything that is not computed", "init v,w; A x -> a; A x,v,,w -> b; A x,v,x -> c; A ,v -> d", "A:0,~i->1", "#0", {{0}, {1}}},
-    {"a rest behind two inputs", "init v; A x -> a; A x,y -> b; A x,y,v -> c", "A:0,1,~i->2", "#0", {{1}, {2}}},
+    {"a rest after two inputs", "init v; A x -> a; A x,y -> b; A x,y,v -> c", "A:0,1,~i->2", "#0", {{1}, {2}}},
     {"an initializer is known by any string of the list", "init w; A w -> a; B w -> b; A x -> c; B x -> d", "A:1i->2 B:1->3", "#0 #1", {{0, 1}}},
     {"exactly one output", "A x -> a,b; A x -> c; A x -> ; A x -> ,d", "A:0->1", "#0", {{1}}},
     {"the first writer counts", "A x -> a; A y -> a; B a -> b", "A:0->1 B:1->2", "#0 #1", {{0, 2}}},
@@ -64,12 +64,12 @@ const Case cycle_cases[] = {
     {"one that does not", "A x -> a; B a -> b; G y -> g", "A:0->1 G:2->3", "#0:0,3->1 #1", {{0, 2}}},
     {"over a body that reads the output", "A x -> a; If p -> b reads a; G b -> g", "A:0->1 G:2->3", "#0:0,3->1 #1", {}},
     {"over the body of a node that is copied", "A x -> a; If p -> b reads a; G b -> g", "A:0->1 If:2->4 G:4->5", "#0:0,5->1 #1:2->4 #2", {}},
-    {"a body that comes to stand before what it reads", "A x -> a; B a -> b; If p -> c reads b", "A:0->1 If:2->3", "#1:2->9 #0:9->1 #1", {}},
+    {"a body that would come before what it reads", "A x -> a; B a -> b; If p -> c reads b", "A:0->1 If:2->3", "#1:2->9 #0:9->1 #1", {}},
     {"a body that reads something else", "A x -> a; B y -> b; If p -> c reads b", "A:0->1 If:2->3", "#1:2->9 #0:9->1 #1", {{0, 2}}},
     {"over nodes of the occurrence as they will be", "A x -> a; D a -> d; E d -> e; G e -> g", "A:0->1 D:1->2 G:3->4", "#0:0,3->1 #1:0->2 #2", {{0, 1, 3}}},
-    {"over a second writer of a tensor there is no way", "A x -> a; B y -> b; B a -> b; G b -> g", "A:0->1 G:2->3", "#0:0,2->1 #1", {{0, 3}}},
+    {"a second writer of a tensor leads nowhere", "A x -> a; B y -> b; B a -> b; G b -> g", "A:0->1 G:2->3", "#0:0,2->1 #1", {{0, 3}}},
     {"a dependence that was there before is none", "A x -> a; B a -> b", "A:0->1 B:1->2", "#0 #1:0,1->2", {{0, 1}}},
-    {"what is no cycle by itself is judged alone", "A x -> a; A y -> b; G a -> g; G b -> h", "A:0->1 G:2->3", "#0:0,3->1 #1", {{0, 3}, {1, 2}}},
+    {"each assignment is judged by itself", "A x -> a; A y -> b; G a -> g; G b -> h", "A:0->1 G:2->3", "#0:0,3->1 #1", {{0, 3}, {1, 2}}},
     {"what had no input", "K -> a; B a -> b; G b -> g", "K:->0 G:2->3", "#0:3->0 #1", {}},
     {"over one of several bodies", "A x -> a; If x -> b reads a; If x -> q reads x; If x -> r reads x; G b -> g", "A:0->1 G:2->3", "#0:0,3->1 #1", {}},
     {"the input itself is the output", "A x -> a; G a -> g", "A:0->1 G:2->3", "#0:0,2->1 #1", {}},
@@ -108,7 +108,7 @@ TEST(Search, RefusalsMakeRoom) {
       {"all of a node", three, pair, "C:0->1 D:0->2", {{0, 1}, {0, 2}}, {}, {{1, 0}}},
       {"those of a second round", three, pair, "C:0->1 D:0->2", {{0, 1}, {1, 0}}, {{0, 2}}, {}},
       {"what a kept node still serves", three, pair, "#0 D:0->2", {{0, 1}}, {{0, 2}}, {}},
-      {"beside one that is taken", "Q x -> a; Q x -> b; Q x -> c; Q x -> d", pair, "C:0->1 D:0->2", {{0, 1}}, {{0, 2}}, {{1, 3}}},
+      {"next to one that is taken", "Q x -> a; Q x -> b; Q x -> c; Q x -> d", pair, "C:0->1 D:0->2", {{0, 1}}, {{0, 2}}, {{1, 3}}},
       {"another part makes no new one", "A x -> a; B y -> b; B z -> c; A u -> d", "A:0->1 B:2->3", "C:0->1 #1", {{0, 1}}, {}, {{3, 1}}},
       {"the same nodes in other parts are another one", three, pair, "C:0->1 D:0->2", {{0, 1}, {0, 2}, {1, 0}, {2, 0}}, {}, {{1, 2}}},
       {"none left", "A x -> a", "A:0->1", "C:0->1", {{0}}, {}, {}},

@@ -1,5 +1,8 @@
-// Any bytes as a pattern and a replacement list: a rule or a NotationError, nothing else. Lines are strings, an empty
-// line begins the replacement list. What is accepted must match its own pattern, laid out as a graph, without a fault.
+// Feeds any bytes as a pattern and a replacement list. The outcome must be a rule or a NotationError, nothing else.
+//
+// Every line is a string of the pattern list; an empty line starts the replacement list. A pair that is accepted is
+// then searched and spliced in a graph made from its own pattern, which must not crash, and must keep the list of nodes
+// as it is when no occurrence is chosen. Run under the sanitizers.
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -37,6 +40,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto [pattern, replacement] = read_lists({reinterpret_cast<const char*>(data), size});
   try {
     const Rule rule = compile_rule(pattern, replacement);
+    // Long patterns of one operator have very many assignments; they would only slow the fuzzer down.
     if (rule.nodes.size() > 12) return 0;
     GraphTable table = graph_of(rule);
     OccurrenceList found = search(table, rule);

@@ -1,4 +1,5 @@
-// Runs the fuzzer's function over files and folders of files, where the compiler has no fuzzer of its own.
+// Runs the fuzzer's function over all files of the given folders, for compilers that have no fuzzer. Every ctest run
+// replays the corpus this way. Fails if there was no file, since a wrong path would pass otherwise.
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
