@@ -9,8 +9,7 @@
 
 namespace onnxgraft::core {
 
-/// What long work calls; it ends the work by throwing. Set once, when the module is loaded. It is null before that and
-/// in the core's own tests.
+/// What long work calls; it ends the work by throwing. Set once, when the module is loaded, and null before that.
 inline void (*interruption_check)() = nullptr;
 
 /// Counts the steps of one piece of work. A step takes far less time than the call, so there is one call per 1,024

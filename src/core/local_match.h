@@ -19,7 +19,7 @@ enum class Reason : std::uint8_t {
   output_count,     // a pattern node has exactly one output
   second_producer,  // an earlier node writes the same tensor
   input_count,
-  input_omitted,  // an empty name where the pattern wants a tensor
+  input_omitted,  // an empty name where the pattern has a tensor
   not_initializer,
   rest_not_initializer,  // an input that "~i" covers is computed
   different_tensors,     // two places of one id hold different tensors
@@ -33,8 +33,8 @@ enum class Reason : std::uint8_t {
   no_producer,  // the tensor is a graph input or an initializer
   no_reader,
   closes_cycle,
-  claimed,  // an earlier occurrence has the node
-  refused,  // the callback said no
+  claimed,  // an earlier occurrence uses the node
+  refused,  // the callback refused it
 };
 
 /// `Reason::none` if the node fits, or the first condition that failed.

@@ -15,7 +15,7 @@ namespace {
 struct ReasonText {
   Reason reason;
   const char* name;
-  const char* sentence;  // {node}: the node tried, {tensor}, {slot}, {an op}: operator wanted, {reader}
+  const char* sentence;  // {node}: the node tried, {tensor}, {slot}, {op} or {an op}: the expected operator, {reader}
 };
 
 constexpr std::array reason_texts{

@@ -1,3 +1,7 @@
+// Binding in the order of the interpreter: positional arguments, keywords, defaults, then types.
+//
+// The order decides which error a wrong call gets. Values are borrowed from the call; only defaults are owned, since
+// they are made for this call.
 #include "py/argument_binding.h"
 
 #include <utility>
@@ -12,6 +16,7 @@ std::size_t required_count(const FunctionRow& row) {
   return count;
 }
 
+/// The text of the contract, with "at least", "at most" or "exactly".
 [[noreturn]] void raise_arity(const FunctionRow& row, Py_ssize_t given) {
   const auto minimum = static_cast<Py_ssize_t>(required_count(row));
   const auto maximum = static_cast<Py_ssize_t>(row.parameters.size());

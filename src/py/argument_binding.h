@@ -1,7 +1,8 @@
-// Binds the arguments of one call to a row's parameters.
+// Binds the arguments of one call to the parameters of a row.
 //
-// Counts in the messages include `self`, as the positional count of a method does. A call that lacks an
-// argument or has one too many never reaches the function.
+// A call that lacks an argument, has one too many or one of the wrong type raises TypeError and never reaches the
+// function. Counts in the messages include `self`, as in the interpreter's own messages for methods. The texts are part
+// of the contract with users and stay as they are.
 #pragma once
 
 #include <array>
@@ -13,7 +14,8 @@ namespace onnxgraft::py {
 
 class BoundArguments {
  public:
-  /// Throws (TypeError set) if the call does not fit the row.
+  /// Throws (TypeError set) if the call does not fit the row. The parameters are those of a vectorcall, so a call makes
+  /// no tuple of its arguments.
   BoundArguments(const FunctionRow& row, PyObject* const* stack, Py_ssize_t positional, PyObject* keyword_names);
 
   [[nodiscard]] std::span<PyObject* const> values() const { return {values_.data(), count_}; }
@@ -31,7 +33,7 @@ class BoundArguments {
   Ref keywords_;
 };
 
-/// The value of a parameter that the caller left out.
+/// The value of a parameter that the caller omitted. The reflection shows the same values in signatures.
 Ref default_value(const Parameter& parameter);
 
 }  // namespace onnxgraft::py

@@ -1,3 +1,7 @@
+// The search for the first name that is not UTF-8, in the order in which users read a graph: nodes and their bodies
+// first, then the lists of tensors.
+//
+// Protobuf returns such a name as `bytes` instead of `str`, which is all that is tested here.
 #include "py/bad_names.h"
 
 #include <array>
@@ -12,7 +16,7 @@ namespace {
 
 void test(PyObject* value, const std::string& place, const char* what) {
   if (PyBytes_Check(value) == 0) return;
-  raise(PyExc_ValueError, "%s: %s %R is not UTF-8, as all names in ONNX have to be", place.c_str(), what, value);
+  raise(PyExc_ValueError, "%s: %s %R is not UTF-8: all names in ONNX must be", place.c_str(), what, value);
 }
 
 void test_node(PyObject* node, const std::string& number) {
@@ -62,7 +66,7 @@ void test_graph(PyObject* graph, const std::string& where) {
 void raise_bad_name(PyObject* graph) {
   PyErr_Clear();
   test_graph(graph, "");
-  raise(PyExc_ValueError, "the graph had a name that is not UTF-8, as all names in ONNX have to be");
+  raise(PyExc_ValueError, "the graph had a name that is not UTF-8: all names in ONNX must be");
 }
 
 }  // namespace onnxgraft::py

@@ -1,3 +1,6 @@
+// The steps of a `class` statement: namespace, bases, metaclass, and the owner of each method.
+//
+// Bases and `abc.abstractmethod` are looked up in the module by name, so a class that a host replaces there is used.
 #include "py/class_factory.h"
 
 #include <string>
@@ -60,6 +63,7 @@ void add_class(PyObject* module, PyObject* function_type, const ClassRow& row) {
                             ? reinterpret_cast<PyObject*>(&PyType_Type)
                             : reinterpret_cast<PyObject*>(Py_TYPE(PyTuple_GET_ITEM(bases.get(), 0)));
   const Ref made = call(metaclass, {text(row.name).get(), bases.get(), names.get()});
+  // `super()` without arguments does not exist in C++: a method finds the next one by its owner.
   for (const FunctionRow& method : row.methods) {
     set_owner(PyDict_GetItemString(names.get(), method.name), made.get());
   }

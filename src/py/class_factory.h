@@ -1,6 +1,8 @@
-// Makes a class from a declarative row, as a `class` statement would: by calling the metaclass of its
-// first base with name, bases and namespace. Method and attribute order in the row is the order in
-// `vars(cls)`.
+// Makes a class from a declarative row, as a `class` statement would: it calls the metaclass of the first base with
+// name, bases and namespace.
+//
+// The order of lists and methods in the row is their order in `vars(cls)`. Nothing here knows what the classes are for:
+// rows come from the catalogue as data.
 #pragma once
 
 #include <span>
@@ -18,7 +20,7 @@ struct PatternList {
 struct ClassRow {
   const char* name;
   std::span<const char* const> bases;  // names, looked up in the module
-  const char* doc = nullptr;           // stored as it stands; null: the class has none
+  const char* doc = nullptr;           // stored to the letter; null: the class has none
   std::span<const PatternList> lists;
   std::span<const FunctionRow> methods;
 };

@@ -1,4 +1,7 @@
 // Names of the message fields and container methods that the reader and the writer use.
+//
+// In one place, because each becomes one interned `str` for the process, and a look-up by it costs about half of one by
+// C string.
 #pragma once
 
 #include "py/objects.h"

@@ -1,3 +1,7 @@
+// Raising and translating errors.
+//
+// The table of translations is the only place that knows both sides: NotationError becomes ValueError, out of memory
+// becomes MemoryError, and an error of the interpreter passes as it is. Anything else is a fault of this project.
 #include "py/guard.h"
 
 #include <cstdarg>
@@ -9,7 +13,7 @@
 
 namespace onnxgraft::py {
 
-// Formats as the interpreter does, whose own format function takes its arguments this way.
+// Variadic because the interpreter's format function is.
 // NOLINTNEXTLINE(modernize-avoid-variadic-functions)
 void raise(PyObject* type, const char* format, ...) {
   std::va_list arguments;

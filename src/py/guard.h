@@ -1,5 +1,7 @@
-// The border between C++ and the interpreter: every C entry point runs its body inside `guarded`, so that
-// no C++ exception crosses into C and each one arrives as the Python exception that fits it.
+// The border between C++ and the interpreter. Every C entry point runs its body inside `guarded`, so no C++ exception
+// crosses into C, and each one arrives as the Python exception that fits it.
+//
+// Invariant: an entry point returns null or -1 if and only if an exception is set.
 #pragma once
 
 #include "py/ref.h"
@@ -32,8 +34,8 @@ int guarded_status(Body&& body) noexcept {
   }
 }
 
-/// Keeps an exception that is being reported safe while clean-up code calls into the interpreter.
-/// Errors of the clean-up itself are dropped: the first one is what the caller has to see.
+/// Keeps the exception that is being reported while clean-up code calls into the interpreter. Errors of the clean-up
+/// itself are dropped, because the caller must see the first one.
 class SavedError {
  public:
   SavedError() noexcept { PyErr_Fetch(&type_, &value_, &traceback_); }
@@ -47,7 +49,8 @@ class SavedError {
   PyObject* traceback_ = nullptr;
 };
 
-/// Runs what puts things right while an error is reported; errors of its own are dropped.
+/// Runs clean-up while an error is reported, for example what takes back a half-made splice. Its own errors are
+/// dropped.
 template <class Body>
 void clean_up_after_error(Body&& body) noexcept {
   const SavedError saved;

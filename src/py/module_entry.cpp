@@ -1,3 +1,6 @@
+// The once-only entry, and the import of sibling modules.
+//
+// This is also where the core gets its interruption check, since it must not know the interpreter.
 #include "py/module_entry.h"
 
 #include "core/interruption.h"
@@ -27,7 +30,7 @@ int initialise_once(PyObject* module, bool& done, void (*fill)(PyObject* module)
 Ref import_sibling(PyObject* module, const char* name) {
   const Ref names = tuple({text(name).get()});
   PyObject* globals = PyModule_GetDict(module);
-  // `from . import name`: level 1 is the module's own package.
+  // `from . import name`; level 1 is the module's own package.
   const Ref package = checked(PyImport_ImportModuleLevel("", globals, nullptr, names.get(), 1));
   return checked(PyObject_GetAttrString(package.get(), name));
 }

@@ -1,3 +1,8 @@
+// Looking names up by rank, with as few reads of the list as possible.
+//
+// A read costs a call into protobuf, so reads are what is saved: a look-up between edits takes one, where a walk takes
+// half the list. Rewrites replace initializers one by one (append the new, delete the old), and that is the case to be
+// fast in. Any other edit falls back to a reading of the whole list, which is right after everything.
 #include "py/name_hints.h"
 
 #include <algorithm>
@@ -13,10 +18,12 @@ namespace onnxgraft::py {
 
 namespace {
 
+// New names that are read as a tail, next to an eighth of the list. Beyond that a rebuild costs less.
 constexpr Py_ssize_t longest_tail = 64;
+// How far below the highest rank the last old element may be: that many of the last ones may have been removed.
 constexpr Py_ssize_t rank_slack = 8;
 
-/// Empty behind the end: an element with a `name` of its own may shorten the list while it is read.
+/// Empty after the end. The list may become shorter while it is read, since reading a `name` may run any code.
 Ref name_at(PyObject* list, Py_ssize_t position) {
   static const InternedName name("name");
   const Ref element = Ref::steal(PySequence_GetItem(list, position));
@@ -46,6 +53,8 @@ std::optional<Py_ssize_t> walk_to_name(PyObject* list, PyObject* name) {
   }
 }
 
+/// Three attempts, each more expensive than the one before: by the known ranks, after reading what was appended, and
+/// after reading everything.
 std::optional<Py_ssize_t> NameHints::find(PyObject* list, PyObject* name) {
   if (entries_.empty()) return rebuild(list, name);
   std::optional<Py_ssize_t> position = find_known(list, name);
@@ -64,9 +73,10 @@ std::optional<Py_ssize_t> NameHints::find_known(PyObject* list, PyObject* name) 
   return position;
 }
 
-/// Looks for a name in front of `end` by its rank. The first guess is where the last look-up was right; each
-/// element read bounds the distance, since ranks differ by at least one per element. An element that moved to
-/// the right had something inserted in front of it, perhaps of the wanted name.
+/// Searches for a name before `end` by its rank. The first guess assumes that the list did not change since the last
+/// look-up. Each element that is read bounds the distance, since ranks differ by at least one per element; every second
+/// guess halves the rest, so that the number of reads is logarithmic. An element that moved to the right had something
+/// inserted before it, perhaps of the wanted name.
 NameHints::Outcome NameHints::search(PyObject* list, PyObject* name, Py_ssize_t rank, Py_ssize_t end) const {
   Py_ssize_t first = 0;
   Py_ssize_t last = end - 1;
@@ -95,8 +105,8 @@ NameHints::Outcome NameHints::search(PyObject* list, PyObject* name, Py_ssize_t 
   return {Outcome::Kind::absent};
 }
 
-/// Gives ranks to what was appended: everything behind the last element that did not move to the right. False
-/// if something may have been inserted, or if so much is new that a rebuild is due.
+/// Assigns ranks to what was appended: everything after the last element that did not move to the right. False if
+/// something may have been inserted, or if so much is new that a rebuild costs less.
 bool NameHints::read_tail(PyObject* list) {
   std::vector<Ref> names;  // from the end
   const Py_ssize_t count = length(list);
@@ -122,7 +132,7 @@ bool NameHints::read_tail(PyObject* list) {
   return true;
 }
 
-/// A name that is known already was removed and appended again; false if it stands there twice.
+/// A name that is already known was removed and appended again; false if the list has it twice.
 bool NameHints::place_appended(PyObject* list, PyObject* name, Py_ssize_t position, const Tail& tail) {
   const auto [place, is_new] = entries_.try_emplace(hash_of(name), Entry{next_rank_, position});
   if (!is_new) {
@@ -134,6 +144,7 @@ bool NameHints::place_appended(PyObject* list, PyObject* name, Py_ssize_t positi
   return true;
 }
 
+/// Reads the whole list, and finds the name on the way.
 std::optional<Py_ssize_t> NameHints::rebuild(PyObject* list, PyObject* name) {
   entries_ = std::pmr::unordered_map<Py_hash_t, Entry>(&memory_);
   memory_.release();
@@ -146,7 +157,7 @@ std::optional<Py_ssize_t> NameHints::rebuild(PyObject* list, PyObject* name) {
     const bool is_new = entries_.try_emplace(hash_of(own_name.get()), Entry{next_rank_, next_rank_}).second;
     repeated = repeated || !is_new;
   }
-  // Which of several elements is the first one, no hint tells: as long as there are any, the list is read each time.
+  // A hint cannot know which of several equal names comes first. While there are any, the list is read each time.
   if (repeated) entries_.clear();
   return found;
 }

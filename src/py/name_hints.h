@@ -1,8 +1,9 @@
 // Hints for one list of named records: see name_index.h.
 //
-// Every name has a rank. Ranks grow along the list, whatever is removed from it, and what is appended gets
-// higher ones. So a name is found by its rank like a word in a dictionary, at once if nothing moved since the
-// last look-up, and in a logarithmic number of reads after any removals.
+// Every name has a rank. Ranks grow along the list and keep doing so after any removal; what is appended gets higher
+// ones. So a name is found by its rank like a word in a dictionary: at once if nothing moved since the last look-up,
+// and in a logarithmic number of reads after removals. Invariant: a hint is never an answer. Each position is read from
+// the list before it is returned, and a list that removals and appending cannot explain is read as a whole.
 #pragma once
 
 #include <cstddef>
@@ -25,13 +26,13 @@ class NameHints {
     Py_ssize_t seen_at;  // position at the last sighting; removals only ever move an element to the left
   };
 
-  /// What a search by rank came to; `unsure` where the list is not as removals and appending leave it.
+  /// The result of a search by rank; `unsure` if removals and appending alone do not explain the list.
   struct Outcome {
     enum class Kind { found, absent, unsure } kind;
     Py_ssize_t position = 0;
   };
 
-  /// What was appended since the last reading: where it begins, and the first rank given to it.
+  /// What was appended since the last reading: its first position and its first rank.
   struct Tail {
     Py_ssize_t begin;
     Py_ssize_t first_rank;
@@ -43,11 +44,11 @@ class NameHints {
   bool place_appended(PyObject* list, PyObject* name, Py_ssize_t position, const Tail& tail);
   std::optional<Py_ssize_t> rebuild(PyObject* list, PyObject* name);
 
-  // Entries stand in memory in the order of the list, which is mostly the order in which they are asked for.
+  // From one buffer, so that entries lie in memory in the order of the list. Callers mostly ask in that order.
   std::pmr::monotonic_buffer_resource memory_;
   std::pmr::unordered_map<Py_hash_t, Entry> entries_{&memory_};
   Py_ssize_t next_rank_ = 0;
-  Py_ssize_t shift_ = 0;  // rank less position of the last element found
+  Py_ssize_t shift_ = 0;  // rank minus position of the last element found: the first guess for the next
 };
 
 /// Position of the first element of that name, by reading them all.

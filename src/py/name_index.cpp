@@ -1,3 +1,8 @@
+// The cache of hints: which graphs it remembers, and how it is used safely.
+//
+// The cache is bounded in graphs and in entries, since it outlives every call. Hints in use are taken out of it, so
+// that code that runs meanwhile (another thread, a record with a `name` property) never meets hints that are half
+// changed.
 #include "py/name_index.h"
 
 #include <algorithm>
@@ -12,19 +17,19 @@ namespace onnxgraft::py {
 
 namespace {
 
-constexpr Py_ssize_t walked_length = 24;  // up to here a walk costs little more than a hint
-constexpr std::size_t kept_graphs = 4;
+constexpr Py_ssize_t walked_length = 24;         // up to this length a walk costs little more than a hint
+constexpr std::size_t kept_graphs = 4;           // a transformation works on one graph, its callbacks perhaps on others
 constexpr std::size_t kept_entries = 1U << 20U;  // for all graphs but the newest
 
 /// Addresses of the owner and of the field's name, neither of which is held.
 using Key = std::pair<const PyObject*, const PyObject*>;
 
-/// The hints for the graphs asked for last, newest first. Hints in use are taken out, so that code which runs
-/// in between (another thread, a record with a `name` of its own) never meets any that are half changed.
+/// The hints for the graphs that were asked for last, newest first.
 class HintCache {
  public:
   void clear() noexcept { slots_.clear(); }
 
+  /// Takes the hints out; new ones if there are none.
   std::unique_ptr<NameHints> take(const Key& key) {
     const auto found = std::ranges::find(slots_, key, &Slot::key);
     if (found == slots_.end()) return std::make_unique<NameHints>();
@@ -33,6 +38,8 @@ class HintCache {
     return hints;
   }
 
+  /// Puts them back as the newest, and drops the oldest beyond the bounds. If code that ran meanwhile put hints for the
+  /// same list, these are replaced.
   void put(const Key& key, std::unique_ptr<NameHints> hints) {
     std::erase_if(slots_, [&](const Slot& slot) { return slot.key == key; });
     slots_.push_front({key, std::move(hints)});

@@ -1,14 +1,12 @@
-// Where the element of a given name stands in a graph's list of named records (its initializers, its value_info).
+// The position of a name in a graph's list of named records (its initializers, its value_info).
 //
-// Callers ask again and again while the list changes under them, and the list tells nobody about a change. So
-// hints are kept for the last few graphs and tested at every use against the list itself: an answer is always
-// read from the list. The hints hold no graph, no record and no text, only hashes of names.
+// Callers ask again and again while the list changes, and protobuf reports no changes. So hints are kept for the last
+// few graphs and checked against the list at every use: an answer is always read from the list. The hints hold no
+// graph, no record and no text, only hashes of names. Without them every look-up would read half of the list.
 //
-// The first of equal names counts. Short lists are walked, and so are those in which the hints met a name twice, for
-// as long as it stands there twice. What can go unseen is how a second element of a name comes into a list in which all
-// names differed: by renaming an element before the first one, or in exchange for at least as many that went there. An
-// exchange at a place that is not read leaves all else as it was, so only a look-up that reads every name before its
-// answer could tell, and would cost time in proportion to the graph.
+// The first of equal names counts. With duplicate names (invalid ONNX) the list is read each time once the hints have
+// seen a duplicate. They can miss one that appears later, by renaming an element before the first, or in exchange for
+// at least as many elements removed there; then a look-up can return the later duplicate.
 #pragma once
 
 #include <optional>
@@ -21,8 +19,8 @@ namespace onnxgraft::py {
 /// that the list belongs to, `field` the list's name there: its address and the name tell one list from another.
 std::optional<Py_ssize_t> find_by_name(PyObject* owner, const InternedName& field, PyObject* list, PyObject* name);
 
-/// Forgets all hints of the module. Between two uses a graph may die and another one come to its address; whoever
-/// knows where a new use begins says so, and then nothing old is believed.
+/// Forgets all hints of the module. A graph may die and another one get its address. Callers that know where a new use
+/// begins call this, so that hints of the dead graph are not used for the new one.
 void forget_names() noexcept;
 
 }  // namespace onnxgraft::py

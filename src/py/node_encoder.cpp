@@ -1,3 +1,7 @@
+// Encoding: tag, length, content, for a message whose fields are all length-delimited strings.
+//
+// Field numbers are those of onnx.proto. Unknown fields of a copied node are kept, since its bytes are copied by field
+// and not by name.
 #include "py/node_encoder.h"
 
 #include "py/objects.h"
@@ -7,7 +11,9 @@ namespace onnxgraft::py {
 
 namespace {
 
-constexpr std::size_t flush_size = std::size_t{1} << 18U;  // what a merge costs beyond its nodes is little by then
+// A merge costs several thousand instructions by itself. At this size they are few per node, and the bytes are still
+// small next to the graph.
+constexpr std::size_t flush_size = std::size_t{1} << 18U;
 
 constexpr std::uint8_t node_of_graph = 1;
 

@@ -1,3 +1,7 @@
+// The longer ones of the helpers.
+//
+// Calls go through vectorcall with arguments on the stack, because callbacks make several per occurrence and a tuple
+// for each would be an allocation. Texts of errors that the contract quotes are kept to the letter.
 #include "py/objects.h"
 
 #include <array>
@@ -77,12 +81,12 @@ std::string_view utf8(PyObject* object) {
   const char* data = PyUnicode_AsUTF8AndSize(object, &size);
   if (data != nullptr) return {data, static_cast<std::size_t>(size)};
   if (PyBytes_Check(object) == 0) throw PythonError{};
-  PyErr_Format(PyExc_ValueError, "%R is not UTF-8, as all names in ONNX have to be", object);
+  PyErr_Format(PyExc_ValueError, "%R is not UTF-8: all names in ONNX must be", object);
   throw NotUtf8{};
 }
 
 bool is_utf8(std::string_view text) {
-  // Nearly all names are ASCII, which eight characters at a time tell.
+  // Nearly all names are ASCII, which a test of eight characters at a time shows without the decoder.
   std::uint64_t bits = 0;
   std::string_view rest = text;
   for (std::uint64_t word = 0; rest.size() >= sizeof word; rest.remove_prefix(sizeof word)) {

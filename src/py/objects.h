@@ -1,7 +1,8 @@
-// Short, checked forms of the interpreter calls that the project needs again and again.
+// Short, checked forms of the interpreter calls that the project uses everywhere.
 //
-// Attribute names are interned once per module (see `Names`); looking one up this way costs about half of
-// a look-up by C string.
+// Every function throws PythonError on failure, so callers never test for null. Attribute names are interned once per
+// process: a look-up by such a name costs about half of one by C string. Nothing here knows ONNX, except that a name
+// must be UTF-8.
 #pragma once
 
 #include <cstdint>
@@ -58,9 +59,9 @@ Ref call_method(PyObject* object, const InternedName& name, std::initializer_lis
                 std::initializer_list<Keyword> keywords);
 
 Ref text(std::string_view value);
-/// Protobuf gives a text that is not UTF-8 as `bytes`. The interpreter's error (ValueError) has no place yet.
+/// Protobuf returns a text that is not UTF-8 as `bytes`. The error (ValueError) has no place yet: see bad_names.h.
 struct NotUtf8 : PythonError {};
-/// Whether protobuf would give the text as a `str`.
+/// Whether protobuf would return the text as a `str`. The reader asks this for every name that it takes from bytes.
 bool is_utf8(std::string_view text);
 /// UTF-8 bytes of a `str`; valid while the object lives. NotUtf8 for `bytes`, anything else is a TypeError.
 std::string_view utf8(PyObject* object);
@@ -73,7 +74,7 @@ inline bool equal(PyObject* left, PyObject* right) { return check(PyObject_RichC
 /// True as in Python's `bool(object)`.
 inline bool truth(PyObject* object) { return check(PyObject_IsTrue(object)) != 0; }
 
-/// Whether `function` is written in Python in the module of that name: not where something else was put in its place.
+/// Whether `function` is written in Python in the module of that name. False if a host has replaced it.
 bool is_written_in(PyObject* function, const char* module);
 
 /// Unpacks exactly two elements, with the interpreter's own texts for a wrong number ("too many values to

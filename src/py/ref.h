@@ -1,8 +1,8 @@
 // Owning references to Python objects: the only place in the project that counts references.
 //
-// `Ref` is move-only and releases what it owns. Every call into the interpreter is wrapped in `checked`
-// or `check`, which turn a reported error into a `PythonError`; `guarded` (guard.h) turns it back at the
-// border. A `PythonError` carries nothing: the interpreter's own error indicator holds the exception.
+// `Ref` is move-only and releases what it owns. Every call into the interpreter is wrapped in `checked` or `check`,
+// which turn a reported error into a `PythonError`; `guarded` (guard.h) turns it back at the border. A `PythonError`
+// carries nothing: the interpreter's own error indicator holds the exception.
 #pragma once
 
 #define PY_SSIZE_T_CLEAN
@@ -20,6 +20,7 @@ class Ref {
  public:
   Ref() noexcept = default;
   Ref(Ref&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
+  /// The old object is released last: its destructor may run any Python code, which must find this Ref in order.
   Ref& operator=(Ref&& other) noexcept {
     if (this != &other) {
       PyObject* old = std::exchange(object_, std::exchange(other.object_, nullptr));

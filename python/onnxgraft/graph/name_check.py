@@ -90,7 +90,7 @@ def _wrong_fields(message: Message, place: str) -> Iterator[str]:
             for at, text in enumerate(_texts(message, field.name) if repeated else [_text(message, field.name)]):
                 if isinstance(text, bytes):
                     what = f"{field.name} {at}" if repeated else field.name
-                    yield f"{place or 'model'}: {what} {text!r} is not UTF-8, as all names in ONNX have to be"
+                    yield f"{place or 'model'}: {what} {text!r} is not UTF-8: all names in ONNX must be"
         elif field.type == field.TYPE_MESSAGE:
             if not repeated and not message.HasField(field.name):
                 continue
