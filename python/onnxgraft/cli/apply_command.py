@@ -15,6 +15,7 @@ from onnxgraft.cli import chosen, claims, consoles, model_output
 from onnxgraft.cli.exit_codes import ExitCode
 from onnxgraft.cli.fill_options import filling_of
 from onnxgraft.cli.interactive import asking
+from onnxgraft.cli.operator_table import operator_table, operators_of, size_of
 from onnxgraft.cli.text_output import TextOutput
 from onnxgraft.engine import Report, rewrite
 from onnxgraft.errors import WrongUsageError
@@ -38,6 +39,7 @@ def run(options: argparse.Namespace) -> int:
         show(f"reading {options.model.name}")
         model = model_files.load(options.model)
         claims.keep_off(options.model, model)
+        before, size = operators_of(model), size_of(options.model, model)
         store = None if output is None else output.weights_for(model, options.model.parent, options.model)
         report = _rewrite(options, model, store, show)
         if options.fail_if_unchanged and not report.replaced:
@@ -50,6 +52,8 @@ def run(options: argparse.Namespace) -> int:
         else:
             publish(files)
     consoles.say(str(report))
+    sizes = None if saved is None else (size, saved.size + saved.data_size)
+    consoles.say("\n" + operator_table(before, operators_of(model), sizes) + "\n")
     if saved is not None:
         model_output.tell(saved)
     if page.is_wanted:

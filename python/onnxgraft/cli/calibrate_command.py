@@ -25,7 +25,7 @@ def run(options: argparse.Namespace) -> int:
         source = f"by {result.method} from {result.samples} samples ({result.data})"
     else:
         source = f"and the numbers of {len(result.weights)} weights from '{options.from_qdq}'"
-    consoles.say(f"{len(result.ranges)} ranges {source}, {seconds:.1f} s")
+    consoles.tell(f"{len(result.ranges)} ranges {source}, {seconds:.1f} s")
     consoles.say(f"wrote {options.output}")
     return 0
 

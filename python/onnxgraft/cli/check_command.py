@@ -34,7 +34,7 @@ def run(options: argparse.Namespace) -> int:
             result = check_rule(cls.rule, graphs=options.graphs, seed=options.seed)
         else:
             result = check_transformation(cls, graphs=options.graphs, seed=options.seed)
-        consoles.say(str(result))
+        consoles.tell(str(result))
         if options.counterexamples is not None:
             _write(result, options.counterexamples)
         code = code if result.passed else FAULT

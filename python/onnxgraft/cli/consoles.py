@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import io
 import itertools
 import sys
 from collections.abc import Callable, Iterator, Sequence
@@ -18,13 +17,10 @@ from rich.progress import (
     TimeElapsedColumn,
     TimeRemainingColumn,
 )
-from rich.table import Table
 
 from onnxgraft.cli import streams
+from onnxgraft.text_table import fitted
 from onnxgraft.texts import joined, one_line
-
-# Tables in a pipe or a file are as wide as they need, not cut to the width of a terminal.
-_FILE_WIDTH = 200
 
 _quiet = False
 
@@ -35,20 +31,14 @@ def set_quiet(quiet: bool) -> None:
     _quiet = quiet
 
 
-def show(table: Table) -> None:
-    """Shows a table on standard output. Its cells must already be safe to print (`one_line`)."""
-    is_terminal = sys.stdout is not None and sys.stdout.isatty()
-    width = Console().width if is_terminal else _FILE_WIDTH
-    stream = io.StringIO()
-    Console(file=stream, markup=False, highlight=False, emoji=False, width=width, force_terminal=is_terminal).print(
-        table
-    )
-    _show(stream.getvalue().rstrip("\n"))
-
-
 def say(text: str) -> None:
     """Shows a text on standard output as it is: lines are not broken, control characters are escaped."""
     _show("\n".join(map(one_line, text.split("\n"))))
+
+
+def tell(text: str) -> None:
+    """The same, with lines that are too long wrapped between words."""
+    say(fitted(text))
 
 
 def error(text: str) -> None:

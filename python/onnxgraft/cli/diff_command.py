@@ -25,7 +25,7 @@ def run(options: argparse.Namespace) -> int:
     if options.json:
         json_output.show({"is_empty": difference.is_empty, **to_plain(difference)})
     else:
-        consoles.say(str(difference))
+        consoles.tell(str(difference))
         if options.html is not None:
             consoles.say(f"wrote {options.html}")
     return ExitCode.DIFFERENT if options.exit_code and not difference.is_empty else ExitCode.DONE

@@ -50,11 +50,11 @@ def run(options: argparse.Namespace) -> int:
         return 0
     for turn in turns:
         for explanation in turn.explanations:
-            consoles.say(_text(explanation))
+            consoles.tell(_text(explanation))
         for reason, count in turn.refusals.items():
-            consoles.say(f"  refused: {count}, {one_line(reason)}")
+            consoles.tell(f"  refused: {count}, {one_line(reason)}")
         if turn.error is not None:
-            consoles.say(f"  fails: {one_line(turn.error)}")
+            consoles.tell(f"  fails: {one_line(turn.error)}")
     return 0
 
 
@@ -71,7 +71,7 @@ def _explain_nodes(
         json_output.show(nodes)
         return 0
     for node in nodes:
-        consoles.say(_node_text(node))
+        consoles.tell(_node_text(node))
     return 0
 
 

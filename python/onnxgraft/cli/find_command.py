@@ -4,13 +4,10 @@ from __future__ import annotations
 
 import argparse
 
-from rich import box
-from rich.table import Table
-
 from onnxgraft.cli import chosen, consoles, found_model, json_output
 from onnxgraft.cli.exit_codes import ExitCode
 from onnxgraft.matching import find
-from onnxgraft.texts import one_line
+from onnxgraft.text_table import table
 
 
 def run(options: argparse.Namespace) -> int:
@@ -25,12 +22,15 @@ def run(options: argparse.Namespace) -> int:
     if options.count:
         consoles.say(str(len(matches)))
         return code
-    table = Table("Transformation", "Pattern", "Nodes", box=box.SIMPLE)
     nodes = model.graph.node
+    cells = []
     for match in matches:
-        texts = (f"{index} {nodes[index].op_type} -> {', '.join(nodes[index].output)}" for index in match.nodes)
-        table.add_row(match.transformation, str(match.pattern_index), "\n".join(map(one_line, texts)))
+        head: tuple[object, object] = (match.transformation, match.pattern_index)
+        for index in match.nodes:
+            cells.append((*head, index, nodes[index].op_type, ", ".join(nodes[index].output)))
+            head = ("", "")
     if matches:
-        consoles.show(table)
+        headings = ("Transformation", "Pattern", "Node", "Operator", "Writes")
+        consoles.say(table(headings, cells, names=(0, 3, 4), numbers=(1, 2)))
     consoles.say(f"{len(matches)} match{'' if len(matches) == 1 else 'es'}")
     return code

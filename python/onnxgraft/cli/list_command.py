@@ -5,13 +5,10 @@ from __future__ import annotations
 import argparse
 from typing import Any
 
-from rich import box
-from rich.table import Table
-
 from onnxgraft.catalogue import Transformation, rows
 from onnxgraft.cli import consoles, json_output
 from onnxgraft.rules import Rule, RuleTransformation, library
-from onnxgraft.texts import one_line
+from onnxgraft.text_table import table
 
 
 def run(options: argparse.Namespace) -> int:
@@ -22,11 +19,9 @@ def run(options: argparse.Namespace) -> int:
     if options.json:
         json_output.show([_plain(row) for row in rows().values()])
         return 0
-    table = Table("Name", "Class", "Prepared for", box=box.SIMPLE)
-    table.add_column("Patterns", justify="right")
-    for row in rows().values():
-        table.add_row(*map(one_line, (row.name, row.cls.__name__, row.prepared_for, len(row.pairs))))
-    consoles.show(table)
+    cells = [(row.name, len(row.pairs), row.prepared_for) for row in rows().values()]
+    classes = [row.cls.__name__ for row in rows().values()]
+    consoles.say(table(("Name and class", "Patterns", "Prepared for"), cells, numbers=(1,), notes=classes))
     return 0
 
 
@@ -36,13 +31,9 @@ def _show_rules(*, as_json: bool) -> None:
     if as_json:
         json_output.show([_plain_rule(rule) for rule in rules])
         return
-    table = Table("Rule", "What it replaces", box=box.SIMPLE)
-    table.add_column("Keeps the function")
-    table.add_column("Pairs", justify="right")
-    for rule in rules:
-        cells = (rule.name, rule.summary, "yes" if rule.keeps_function else "", len(rule.pairs))
-        table.add_row(*map(one_line, cells))
-    consoles.show(table)
+    cells = [(rule.name, len(rule.pairs), "yes" if rule.keeps_function else "no", rule.summary) for rule in rules]
+    consoles.say(table(("Rule", "Pairs", "Exact", "What it replaces"), cells, names=(0, 2), numbers=(1,)))
+    consoles.tell("Exact: the replacement keeps the function of the model.")
 
 
 def _plain_rule(rule: Rule) -> dict[str, Any]:

@@ -4,12 +4,10 @@ from __future__ import annotations
 
 import argparse
 
-from rich import box
-from rich.table import Table
-
 from onnxgraft.cli import claims, consoles, model_output
 from onnxgraft.io import model_files
 from onnxgraft.preparation import prepare
+from onnxgraft.text_table import table
 
 
 def run(options: argparse.Namespace) -> int:
@@ -20,10 +18,6 @@ def run(options: argparse.Namespace) -> int:
         store = output.weights_for(model, options.model.parent, options.model)
         steps = prepare(model, options.step, skip=options.skip_step, folder=store.folder, weight_store=store)
         saved = output.save(model, options.model.parent)
-    table = Table("Step", box=box.SIMPLE)
-    table.add_column("Changed", justify="right")
-    for step in steps:
-        table.add_row(step.name, str(step.changed))
-    consoles.show(table)
+    consoles.say(table(("Step", "Changed"), [(step.name, step.changed) for step in steps], numbers=(1,)))
     model_output.tell(saved)
     return 0

@@ -15,8 +15,8 @@ def run(options: argparse.Namespace) -> int:
         json_output.show(list(known.values()))
         return 0
     for recipe in known.values():
-        consoles.say(f"{recipe.name}: {recipe.summary}")
+        consoles.tell(f"{recipe.name}: {recipe.summary}")
         steps = "" if recipe.prepare is None else f"  prepare: {', '.join(recipe.prepare) or 'no step'}\n"
         repeat = ", repeated until nothing changes" if recipe.until_stable else ""
-        consoles.say(f"{steps}  apply: {' '.join(recipe.transformations)}{repeat}\n")
+        consoles.tell(f"{steps}  apply: {' '.join(recipe.transformations)}{repeat}\n")
     return 0

@@ -10,9 +10,6 @@ from typing import Any
 
 import numpy as np
 import numpy.typing as npt
-from rich import box
-from rich.table import Table
-from rich.text import Text
 
 from onnxgraft.cli import claims, consoles
 from onnxgraft.cli.data_options import images_of
@@ -20,7 +17,7 @@ from onnxgraft.cli.text_output import TextOutput
 from onnxgraft.evaluation import answer
 from onnxgraft.io import model_files
 from onnxgraft.samples import open_data
-from onnxgraft.texts import one_line
+from onnxgraft.text_table import table
 
 
 def run(options: argparse.Namespace) -> int:
@@ -35,10 +32,8 @@ def run(options: argparse.Namespace) -> int:
             model, samples, outputs=options.tensor, evaluator=options.evaluator, folder=options.model.parent
         )
         output.write_bytes(_as_npz(results))
-    table = Table("Tensor", "Type", "Shape", box=box.SIMPLE)
-    for name, values in results.items():
-        table.add_row(Text(one_line(name)), values.dtype.name, f"[{','.join(map(str, values.shape))}]")
-    consoles.show(table)
+    cells = [(name, array.dtype.name, f"[{','.join(map(str, array.shape))}]") for name, array in results.items()]
+    consoles.say(table(("Tensor", "Type", "Shape"), cells, names=(0, 1)))
     consoles.say(f"wrote {options.output}")
     return 0
 

@@ -18,7 +18,7 @@ def run(options: argparse.Namespace) -> int:
         pairs = [{"pattern": pattern, "replacement": replacement} for pattern, replacement in row.pairs]
         json_output.show({"name": row.name, "class": row.cls.__name__, "doc": doc, "pairs": pairs})
         return 0
-    consoles.say(f"{row.name} ({row.cls.__name__}): {doc}")
+    consoles.tell(f"{row.name} ({row.cls.__name__}): {doc}")
     for number, (pattern, replacement) in enumerate(row.pairs):
         consoles.say(f"\nPattern {number}\n")
         consoles.say(draw_pair(pattern, replacement))

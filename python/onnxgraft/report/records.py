@@ -8,7 +8,7 @@ from __future__ import annotations
 import html
 from collections.abc import Iterable, Mapping
 from dataclasses import dataclass, field
-from typing import TYPE_CHECKING, Any
+from typing import Any
 
 import onnx
 
@@ -21,9 +21,6 @@ from onnxgraft.report.node_texts import Kept, TensorKind, describe, keep, shape_
 from onnxgraft.report.operator_numbers import OperatorNumbers
 from onnxgraft.report.report_json import NOT_IN_JSON
 from onnxgraft.texts import one_line
-
-if TYPE_CHECKING:
-    from rich.table import Table
 
 # Raised whenever a reader of the previous version would misread the JSON text.
 SCHEMA_VERSION = 2
@@ -231,11 +228,6 @@ class Report:
 
     def _repr_html_(self) -> str:
         return f"<pre>{html.escape(str(self))}</pre>"
-
-    def __rich__(self) -> Table:
-        from onnxgraft.report import report_table  # noqa: PLC0415
-
-        return report_table.table(self)
 
     def __str__(self) -> str:
         from onnxgraft.report import report_table  # noqa: PLC0415

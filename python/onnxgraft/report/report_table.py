@@ -2,51 +2,47 @@
 
 from __future__ import annotations
 
-import io
 from collections import Counter
-from collections.abc import Iterator
+from collections.abc import Iterable, Iterator, Sequence
 from typing import TYPE_CHECKING
 
-from rich import box
-from rich.console import Console
-from rich.table import Table
-
+from onnxgraft.text_table import fitted, table
 from onnxgraft.texts import one_line
 
 if TYPE_CHECKING:
     from onnxgraft.report.records import Report, Step
 
-# As wide as the content needs: the text may go to a file.
-_WIDTH = 200
 
-
-def table(report: Report) -> Table:
+def steps_table(report: Report) -> str:
     """One row per transformation; of later rounds, those that replaced something or failed."""
-    several_rounds = report.rounds > 1
-    result = Table(box=box.SIMPLE, show_footer=len(report.steps) > 1)
-    result.add_column("Transformation", "total")
-    if several_rounds:
-        result.add_column("Round", str(report.rounds), justify="right")
     steps = report.steps
-    for heading, footer in (
-        # What stays refused is found again in every round, so only one round has a sum.
-        ("Found", "" if several_rounds else sum(step.found for step in steps)),
-        ("Replaced", report.replaced),
-        ("Refused", "" if several_rounds else report.refused),
-        ("Nodes before", steps[0].nodes_before if steps else 0),
-        ("Nodes after", steps[-1].nodes_after if steps else 0),
-    ):
-        result.add_column(heading, str(footer), justify="right")
-    result.add_column("Seconds", f"{sum(step.seconds for step in steps):.2f}", justify="right")
-    result.add_column("Remark")
-    for step in steps:
-        if step.round > 1 and not step.replaced and step.error is None and step.undone is None:
-            continue
-        number = [str(step.round)] if several_rounds else []
-        counts = (step.found, step.replaced, step.refused, step.nodes_before, step.nodes_after)
-        cells = (step.transformation, *number, *counts, f"{step.seconds:.2f}", remark(step))
-        result.add_row(*map(one_line, cells))
-    return result
+    several = report.rounds > 1
+    # What stays refused is found again in every round, so only one round has a sum.
+    found, refused = ("", "") if several else (sum(step.found for step in steps), report.refused)
+    nodes = f"{steps[0].nodes_before} -> {steps[-1].nodes_after}" if steps else ""
+    headings = _columns(("Transformation", "Round", "Found", "Replaced", "Refused", "Nodes", "Seconds"), several)
+    footer = _columns(("total", report.rounds, found, report.replaced, refused, nodes, _seconds(steps)), several)
+    shown = [step for step in steps if step.round == 1 or step.replaced or step.error is not None or step.undone]
+    rows = []
+    for step in shown:
+        counts = step.found, step.replaced, step.refused, f"{step.nodes_before} -> {step.nodes_after}"
+        rows.append(_columns((step.transformation, step.round, *counts, _seconds([step])), several))
+    return table(
+        headings,
+        rows,
+        numbers=range(1, len(headings)),
+        footer=footer if len(steps) > 1 else None,
+        notes=list(map(remark, shown)),
+    )
+
+
+def _columns(cells: Sequence[object], several_rounds: bool) -> list[str]:
+    """The cells as texts, without the round if there is only one."""
+    return [str(cell) for number, cell in enumerate(cells) if several_rounds or number != 1]
+
+
+def _seconds(steps: Iterable[Step]) -> str:
+    return f"{sum(step.seconds for step in steps):.2f}"
 
 
 def remark(step: Step) -> str:
@@ -78,20 +74,15 @@ def refusals(report: Report) -> Iterator[str]:
 
 
 def text(report: Report) -> str:
-    """The table with the preparation in front and the warnings behind, without colours."""
-    stream = io.StringIO()
-    console = Console(file=stream, width=_WIDTH, markup=False, highlight=False, emoji=False, color_system=None)
+    """The table, with the preparation before it and the warnings after it."""
+    lines = []
     changes = [f"{step.name} {step.changed}" for step in report.prepared if step.changed]
     if changes:
-        console.print(f"prepared: {', '.join(changes)}", soft_wrap=True)
-    console.print(table(report))
-    for line in () if report.filled is None else report.filled.lines():
-        console.print(line, soft_wrap=True)
-    for line in refusals(report):
-        console.print(one_line(line), soft_wrap=True)
-    for warning in report.warnings:
-        console.print(f"warning: {one_line(warning)}", soft_wrap=True)
+        lines += [f"prepared: {', '.join(changes)}", ""]
+    lines += [steps_table(report), ""]
+    lines += () if report.filled is None else report.filled.lines()
+    lines += map(one_line, refusals(report))
+    lines += (f"warning: {one_line(warning)}" for warning in report.warnings)
     if report.account is not None and (report.account.operators or report.account.left):
-        console.print(one_line(str(report.account)), soft_wrap=True)
-    lines = (line.rstrip() for line in stream.getvalue().splitlines())
-    return "\n".join(lines).strip("\n")
+        lines.append(one_line(str(report.account)))
+    return fitted("\n".join(lines)).rstrip("\n")

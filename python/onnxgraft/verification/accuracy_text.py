@@ -2,39 +2,25 @@
 
 from __future__ import annotations
 
-import io
 from collections.abc import Iterable, Sequence
 
-from rich import box
-from rich.console import Console
-from rich.table import Table
-from rich.text import Text
-
+from onnxgraft.text_table import fitted, table
 from onnxgraft.verification.accuracy import Accuracy, TensorAccuracy, decibels
-
-# As wide as the content needs: the text may go to a file.
-_WIDTH = 200
 
 
 def accuracy_text(accuracy: Accuracy) -> str:
     """Tables of the measurements, then notes and the verdict."""
-    stream = io.StringIO()
-    console = Console(file=stream, width=_WIDTH, markup=False, highlight=False, emoji=False, color_system=None)
+    lines = []
     for title, headings, rows in sections(accuracy):
-        table = Table(title=title, title_justify="left", box=box.SIMPLE)
-        for number, heading in enumerate(headings):
-            table.add_column(heading, justify="left" if number < 2 else "right")
-        for row in rows:
-            table.add_row(*map(Text, row))
-        console.print(table)
-    lines = [line.rstrip() for line in stream.getvalue().splitlines()]
+        numbers = range(2, len(headings))
+        lines += [title, table(headings, list(rows), names=(0, 1), numbers=numbers), ""]
     if accuracy.skipped:
         names = ", ".join(f"'{name}'" for name in accuracy.skipped[:3])
         more = f" and {len(accuracy.skipped) - 3} more" if len(accuracy.skipped) > 3 else ""
         lines.append(f"note: not compared, since another kind of operator writes them: {names}{more}")
     lines += [f"note: {note}" for note in accuracy.notes]
     lines.append(f"{accuracy.verdict} (run by {accuracy.runner})")
-    return "\n".join(lines).strip("\n")
+    return fitted("\n".join(lines))
 
 
 Section = tuple[str, Sequence[str], Iterable[Sequence[str]]]
@@ -59,7 +45,7 @@ def sections(accuracy: Accuracy) -> Iterable[Section]:
         yield "Each operator quantized alone", ("Operator", "Writes", "Worst output"), costs
 
 
-_TENSOR = ("Tensor", "Written by", "SQNR", "Largest difference", "Scale")
+_TENSOR = ("Tensor", "Written by", "SQNR", "Difference", "Scale")
 
 
 def _tensor_row(row: TensorAccuracy) -> Sequence[str]:

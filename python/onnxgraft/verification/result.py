@@ -2,19 +2,11 @@
 
 from __future__ import annotations
 
-import io
 from dataclasses import dataclass, field
 from typing import Literal
 
-from rich import box
-from rich.console import Console
-from rich.table import Table
-from rich.text import Text
-
+from onnxgraft.text_table import fitted, table
 from onnxgraft.texts import one_line
-
-# As wide as the content needs: the text may go to a file.
-_WIDTH = 200
 
 
 @dataclass(frozen=True)
@@ -77,25 +69,22 @@ class Verification:
             return "the models agree"
         return "the models differ" if self.differs else "nothing was compared in an output without any finite element"
 
-    def __rich__(self) -> Table:
-        table = Table("Output", "Type", "Shape", box=box.SIMPLE)
-        for heading in ("Largest difference", "Scale", "Relative"):
-            table.add_column(heading, justify="right")
-        table.add_column("")
-        for row in self.rows:
-            numbers = (f"{value:.3g}" for value in (row.max_error, row.scale, row.relative_error))
-            shape = Text(f"[{','.join(map(str, row.shape))}]")
-            table.add_row(Text(one_line(row.name)), row.dtype, shape, *numbers, row.verdict)
-        return table
-
     def __str__(self) -> str:
-        stream = io.StringIO()
-        console = Console(file=stream, width=_WIDTH, markup=False, highlight=False, emoji=False, color_system=None)
-        console.print(self)
-        lines = [line.rstrip() for line in stream.getvalue().splitlines()]
+        cells = [
+            (
+                row.name,
+                row.dtype,
+                f"[{','.join(map(str, row.shape))}]",
+                *(f"{value:.3g}" for value in (row.max_error, row.scale, row.relative_error)),
+                row.verdict,
+            )
+            for row in self.rows
+        ]
+        headings = ("Output", "Type", "Shape", "Difference", "Scale", "Relative", "")
+        lines = [table(headings, cells, names=(0, 1, 2, 6), numbers=(3, 4, 5))]
         if self.first_difference is not None:
             what = "that differs" if self.differs else "without any finite element"
             lines.append(f"first tensor {what}: {self.first_difference}")
         lines += [f"note: {note}" for note in self.notes]
         lines.append(f"{self.verdict} (run by {self.runner})")
-        return "\n".join(map(one_line, lines)).strip("\n")
+        return fitted("\n".join([lines[0], *map(one_line, lines[1:])]))

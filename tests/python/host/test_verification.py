@@ -155,7 +155,7 @@ def test_outputs_without_a_finite_element_have_a_verdict_of_their_own() -> None:
     assert not result.passed
     assert not result.differs
     assert "first tensor without any finite element: 'a', written by Log" in str(result)
-    assert "nothing was compared" in str(result).splitlines()[-1]
+    assert "nothing was compared" in "".join(str(result).splitlines()[-2:])
     other = model_of(["Log x -> a", "Abs a -> y", "Relu x -> z"], inputs={"x": [2]}, outputs=["y", "z"])
     half = {"x": np.full(2, 0.5, np.float32)}
     assert verify(model, other, inputs=[negative, half]).rows[0].verdict == "DIFFERENT"
