@@ -1,4 +1,4 @@
-"""What a run did, as data, as JSON text, as a table and as a page that loads nothing from anywhere.
+"""The record of a run: as data, as JSON text, as a table and as a self-contained page.
 
 Every text from a model is escaped in a page, and a policy in it forbids scripts other than its own.
 """

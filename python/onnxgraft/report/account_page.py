@@ -8,14 +8,14 @@ from onnxgraft.report.account_records import Account, FloatOperator
 from onnxgraft.report.page import table, text
 
 _MOST_ROWS = 500
-_FOLDED_FROM = 13  # as many rows push what follows off a screen
+_FOLDED_FROM = 13  # more rows would push the rest of the page off the screen
 
 # The anchors that an operator's row links to: its place on the map and its card; either may be missing.
 Anchors = Callable[[FloatOperator], tuple[str | None, str | None]]
 
 
 def row_id(number: int) -> str | None:
-    """The id of the row of the operator of that number in `Account.left`; None if the page leaves it out."""
+    """The id of the row of the operator of that number in `Account.left`; None if the page omits it."""
     return f"float-{number}" if number < _MOST_ROWS else None
 
 

@@ -5,7 +5,7 @@ from __future__ import annotations
 from collections import Counter
 from dataclasses import dataclass, field
 
-# Operators that are counted; an LSTM and its like are listed if they stay in float, which they always do.
+# Operators that are counted. An LSTM and similar ones are listed if they stay in float, which they always do.
 COUNTED = ("Conv", "ConvTranspose", "Gemm", "MatMul")
 RECURRENT = ("LSTM", "GRU", "RNN")
 
@@ -17,14 +17,14 @@ class FloatOperator:
     op_type: str
     name: str
     output: str  # the tensor that it writes
-    place: str  # "" for the graph itself, else the nested graph or function
+    place: str  # "" for the graph itself, otherwise the nested graph or function
     reason: str  # identifier, such as "computed_weight"
-    text: str  # the reason in words, with names
-    macs: int | None = None  # multiply-adds; None where shapes are not known
+    text: str  # the reason as a sentence, with names
+    macs: int | None = None  # multiply-adds; None if shapes are not known
 
     @property
     def label(self) -> str:
-        """Operator and name, or what it writes if it has no name."""
+        """Operator and name, or its output if it has no name."""
         return f"{self.op_type} '{self.name}'" if self.name else f"{self.op_type} (writes '{self.output}')"
 
 
@@ -46,11 +46,11 @@ class OperatorCount:
 
 @dataclass
 class Account:
-    """The operators that a quantized network spends its time in.
+    """The operators that take most of the time in a quantized network.
 
     Attributes:
         operators: By operator type, those of the graph itself.
-        left: The operators in float, those in nested graphs and functions included.
+        left: The operators in float, including those in nested graphs and functions.
     """
 
     operators: dict[str, OperatorCount] = field(default_factory=dict)
@@ -63,7 +63,7 @@ class Account:
 
     @property
     def share(self) -> float | None:
-        """The share of the known multiply-adds that are done on INT8; None if there are none."""
+        """The share of the known multiply-adds that run on INT8; None if there are none."""
         done = sum(count.int8_macs for count in self.operators.values())
         total = done + sum(count.float_macs for count in self.operators.values())
         return done / total if total else None
@@ -78,5 +78,5 @@ class Account:
             rest = f" (unknown for {unknown})" if unknown else ""
             parts[0] += f", {100 * self.share:.1f} % of the multiply-adds{rest}"
         if self.left:
-            parts.append(f"{len(self.left)} left: --report or `explain --node` says why")
+            parts.append(f"{len(self.left)} left: --report or `explain --node` gives the reasons")
         return "; ".join(parts)

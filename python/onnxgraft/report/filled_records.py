@@ -12,7 +12,7 @@ class FilledOperator:
 
     Attributes:
         name: Operator type and name.
-        output: The tensor that it writes in the float model, which names it everywhere else.
+        output: Its output in the float model, which names it everywhere else.
         tensor: The tensor that its quantize node reads.
         scale: Quantized steps per unit of that tensor.
         offset: The quantized value of 0.
@@ -35,7 +35,7 @@ class LeftFloat:
 
     Attributes:
         name: Operator type and name.
-        output: The tensor that it writes.
+        output: Its output.
         reason: Why.
     """
 
@@ -46,16 +46,16 @@ class LeftFloat:
 
 @dataclass
 class FillingResult:
-    """What one run filled in.
+    """The numbers that one run filled in.
 
     Attributes:
-        method: How the ranges were found.
-        samples: From how many samples.
-        operators: What was quantized, in the order in which it was.
-        left_float: What was left float, and why.
-        notes: What else changed numbers, in words.
-        warnings: What changed numbers and should not.
-        decibels: Signal to noise on the data, by what was tried, where data was given.
+        method: The method that chose the ranges.
+        samples: The number of samples behind them.
+        operators: The quantized operators, in the order in which they were quantized.
+        left_float: The operators that were left float, and why.
+        notes: Other changes of numbers, as sentences.
+        warnings: Changes of numbers that should not have happened.
+        decibels: Signal to noise on the data for each choice that was tried, if data was given.
     """
 
     method: str = ""
@@ -67,7 +67,7 @@ class FillingResult:
     decibels: dict[str, float] = field(default_factory=dict)
 
     def lines(self) -> Iterable[str]:
-        """The result in words, a line each."""
+        """The result as text, a line each."""
         yield f"filled: {len(self.operators)} operators, from the {self.method} ranges of {self.samples} samples"
         if widened := [operator for operator in self.operators if operator.widened]:
             count = sum(operator.widened for operator in widened)

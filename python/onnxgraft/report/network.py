@@ -22,7 +22,7 @@ _COMPUTING = frozenset({*COUNTED, *RECURRENT})
 
 
 class NodeLine(NamedTuple):
-    """What a map needs of one node of one graph."""
+    """The facts that a map needs of one node of one graph."""
 
     op_type: str
     name: str
@@ -42,18 +42,18 @@ class NetworkNode(NamedTuple):
 
     @property
     def label(self) -> str:
-        """Operator and name, or what it writes if it has no name."""
+        """Operator and name, or its output if it has no name."""
         return f"{self.op_type} '{self.name}'" if self.name else f"{self.op_type} (writes '{self.output}')"
 
 
 @dataclass
 class Network:
-    """The nodes of the graph after the change and those that it removed, with what leads from one to another.
+    """The nodes of the graph after the change and those that it removed, with the edges between them.
 
     Attributes:
-        nodes: In graph order; a removed one before what followed it.
+        nodes: In graph order; a removed one before its follower.
         edges: (writer, reader), each once.
-        of_before: For each node of the graph before, where it is in `nodes`.
+        of_before: For each node of the graph before, its index in `nodes`.
         of_after: The same for the graph after.
     """
 
@@ -97,9 +97,9 @@ def _line(node: onnx.NodeProto, int8: set[str]) -> NodeLine:
 
 @dataclass(frozen=True, repr=False)
 class GraphChange:
-    """A graph before and after; matched up and joined only when a map is drawn.
+    """A graph before and after; matched and joined only when a map is drawn.
 
-    `partner` and `changed` are as in `merged`; without them the nodes are matched by what they write and by name.
+    `partner` and `changed` are as in `merged`; without them the nodes are matched by their outputs and by name.
     """
 
     before: Sequence[NodeLine]

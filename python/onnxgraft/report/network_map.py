@@ -1,7 +1,7 @@
 """A network as a map that opens a page: an SVG picture of all nodes, and lines of data for the page's script.
 
-The picture works without the script: what has a card is a link. Nodes of one look share one path, since thousands of
-elements would take a browser seconds. Texts of nodes are in the data alone; the script shows them where they are large
+The picture works without the script: a node with a card is a link. Nodes of one look share one path, since thousands of
+elements would take a browser seconds. Texts of nodes are only in the data; the script shows them if they are large
 enough to be read.
 """
 
@@ -14,12 +14,12 @@ from onnxgraft.drawing.network_layout import NODE_HEIGHT, NODE_WIDTH, lay_out
 from onnxgraft.report.network import Network, NetworkNode
 from onnxgraft.report.page import text
 
-MOST_NODES = 5000  # a larger network is drawn by blocks
+MOST_NODES = 5000  # a larger network is drawn as blocks
 _BLOCKS = 1200
 _MOST_TARGETS = 20  # cards that are named for one block
-_LEAST_WIDTH, _LEAST_HEIGHT = 760, 200  # of the part that is seen at first: small networks are not blown up
+_LEAST_WIDTH, _LEAST_HEIGHT = 760, 200  # of the part that is visible at first: small networks are not enlarged
 
-# In the order in which a block's bar has them. Looks of nodes are a kind, or "removed", and a fate.
+# In the order in which a block's bar shows them. Looks of nodes are a kind, or "removed", and a fate.
 LOOKS = {
     "int8": "INT8",
     "float": "float operator",
@@ -37,7 +37,7 @@ def card_id(number: int) -> str:
 
 
 def map_link(anchor: str | None) -> str:
-    """What leads from a card's title to the map; nothing if the map does not have what the card is about."""
+    """The link from a card's title to the map; empty if the map does not show the subject of the card."""
     return "" if anchor is None else f' <a class="to-map" href="#{anchor}">on the map</a>'
 
 
@@ -54,10 +54,10 @@ _KEYS = (
 
 
 class NetworkMap:
-    """The layout of a network, and what in it a node is.
+    """The layout of a network, and the element for each node.
 
     Attributes:
-        network: What is drawn.
+        network: The network to draw.
     """
 
     def __init__(self, network: Network, *, most: int = MOST_NODES) -> None:
@@ -72,11 +72,11 @@ class NetworkMap:
         self._layout = lay_out(len(self._blocks) or len(nodes), edges)
 
     def anchor(self, node: int) -> str:
-        """The id of what a node is on the map: itself, or its block."""
+        """The id of a node's element on the map: the node itself, or its block."""
         return f"block-{self._block_of[node]}" if self._blocks else f"node-{node}"
 
     def html(self, targets: Mapping[int, str]) -> str:
-        """The map; `targets` has the ids on the page that nodes lead to."""
+        """The map; `targets` has the ids on the page that nodes link to."""
         layout, network = self._layout, self.network
         if not network.nodes:
             return ""
@@ -139,7 +139,7 @@ class NetworkMap:
         return links, lines
 
     def _bars(self) -> str:
-        """Each block as a bar with a part for each look, as wide as its share of the nodes."""
+        """Each block as a bar with a part for each look, with a width in proportion to its share of the nodes."""
         paths: dict[str, list[str]] = {}
         for number, block in enumerate(self._blocks):
             x, y = self._layout.x[number], self._layout.y[number]
@@ -162,7 +162,7 @@ def _rectangles(placed: Iterable[tuple[int, int, NetworkNode]]) -> str:
     for x, y, node in placed:
         style = f"look-{_look(node)}" + (f" fate-{node.fate}" if node.fate in ("added", "changed") else "")
         paths.setdefault(style, []).append(_rectangle(x, y))
-    # What is marked is drawn last, so that no neighbour covers its frame.
+    # Marked nodes are drawn last, so that no neighbour covers their frame.
     return "".join(f'<path class="{style}" d="{"".join(paths[style])}"/>' for style in sorted(paths, key=len))
 
 
@@ -188,7 +188,7 @@ def _counts(nodes: Sequence[NetworkNode]) -> dict[str, int]:
 
 
 class NodeFinder:
-    """Finds the nodes of a map by what texts about them say."""
+    """Finds the nodes of a map from texts about them."""
 
     def __init__(self, network: Network) -> None:
         self._known: dict[tuple[str, str, str], int] = {}

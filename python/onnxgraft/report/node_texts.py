@@ -1,4 +1,4 @@
-"""Nodes, attributes and tensors in words, for reports."""
+"""Nodes, attributes and tensors as text, for reports."""
 
 from __future__ import annotations
 
@@ -16,12 +16,12 @@ Kept: TypeAlias = bytes | dict[str, Any]
 TensorKind: TypeAlias = tuple[int, Sequence[int]] | bytes
 
 _KINDS = onnx.AttributeProto
-# Larger tensors are told by type and shape alone; longer texts are cut.
+# Larger tensors are described by type and shape alone; longer texts are cut.
 _MOST_VALUES = 8
 _LONGEST = 80
 # The bytes of larger nodes hold weights.
 _LARGEST_KEPT = 1 << 12
-# NumPy's names: the field's own, but for two.
+# NumPy's names for the types: those of the field, with two exceptions.
 _TYPE_NAMES = {number: name.lower() for name, number in onnx.TensorProto.DataType.items()}
 _TYPE_NAMES |= {onnx.TensorProto.FLOAT: "float32", onnx.TensorProto.DOUBLE: "float64"}
 
@@ -82,7 +82,7 @@ def type_text(content: bytes) -> str:
 
 
 def attribute_text(attribute: onnx.AttributeProto) -> str:
-    """The value of an attribute in a few words."""
+    """A short description of an attribute's value."""
     text = _TEXTS.get(attribute.type, _unknown)(attribute)
     return text if len(text) <= _LONGEST else text[: _LONGEST - 1] + "…"
 

@@ -7,13 +7,13 @@ from dataclasses import dataclass
 
 @dataclass(frozen=True)
 class OperatorNumbers:
-    """What an operator on INT8 values works with.
+    """The numbers that an operator on INT8 values computes with.
 
     Attributes:
         name: Operator type and name.
-        output: The tensor that it writes.
-        scale: Of the quantize node that it reads, directly or through operators that hand values on: quantized steps
-            per unit. Of several such nodes, the first one's.
+        output: Its output.
+        scale: Of the quantize node that it reads, directly or through operators that pass values on: quantized steps
+            per unit. With several such nodes, the first one's.
         offset: The quantized value of 0 of that node.
         low: The least value that the node does not cut off.
         high: The greatest one.

@@ -1,4 +1,4 @@
-"""What all pages share: the frame with style, script and search field, texts and tables."""
+"""The common parts of all pages: the frame with style, script and search field, texts and tables."""
 
 from __future__ import annotations
 
@@ -91,7 +91,7 @@ def page(
 
 
 def text(value: object) -> str:
-    """The value as HTML text, fit for attributes in double quotes too."""
+    """The value as HTML text, also safe in double-quoted attributes."""
     return markup(str(value))
 
 

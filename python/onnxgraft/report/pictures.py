@@ -1,4 +1,4 @@
-"""Nodes in words as cards of a picture."""
+"""Described nodes as cards of a picture."""
 
 from __future__ import annotations
 
@@ -13,7 +13,7 @@ MOST_NODES = 30
 _MOST_AROUND = 12
 _MOST_ATTRIBUTES = 6
 _MOST_LISTED = 200
-_READABLE = 0.75  # of its natural size; a picture that needs more room is scrolled
+_READABLE = 0.75  # of its natural size; a larger picture scrolls
 
 
 def figure(
@@ -24,15 +24,15 @@ def figure(
     is_constant: Callable[[str, int], bool],
     states: Mapping[NodeKey, State],
 ) -> str:
-    """A drawing with its caption; of a large set the first nodes, and how many there are.
+    """A drawing with its caption; of a large set the first nodes, and the total.
 
     Args:
         caption: Plain text.
-        nodes: What the picture is about.
+        nodes: The nodes to show.
         neighbours: Nodes around them.
         shapes: Texts by tensor.
         is_constant: Whether a tensor at that input position is written on the node instead of drawn as a line.
-        states: What becomes of a node; `kept` if it is not in it.
+        states: The fate of a node; `kept` if it is not in it.
     """
     shown = nodes[:MOST_NODES]
     own = {name for node in nodes for name in node.outputs}
@@ -54,7 +54,7 @@ NodeKey = tuple[str, str, tuple[str, ...], tuple[str, ...], tuple[tuple[str, str
 
 
 def key(node: NodeText) -> NodeKey:
-    """What makes two node texts the same but for their place in the list."""
+    """The key under which two node texts are the same except for their position in the list."""
     return node.op_type, node.name, node.inputs, node.outputs, tuple(sorted(node.attributes.items()))
 
 
@@ -82,7 +82,7 @@ def _card(node: NodeText, shapes: Mapping[str, str], is_constant: Callable[[str,
 
 
 def listing(sides: Sequence[tuple[str, Sequence[NodeText]]], shapes: Mapping[str, Mapping[str, str]]) -> str:
-    """All names in full, behind a fold; `shapes` by side and tensor."""
+    """All names in full, in a collapsed part; `shapes` by side and tensor."""
 
     def tensors(names: Collection[str], side: str) -> str:
         known = shapes.get(side, {})

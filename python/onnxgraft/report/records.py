@@ -1,4 +1,4 @@
-"""What a run of `rewrite` did, as data: texts and numbers, never nodes or tensors.
+"""The record of a run of `rewrite`, as data: texts and numbers, never nodes or tensors.
 
 A report outlives its model: holding a node would keep its whole graph in memory.
 """
@@ -22,7 +22,7 @@ from onnxgraft.report.operator_numbers import OperatorNumbers
 from onnxgraft.report.report_json import NOT_IN_JSON
 from onnxgraft.texts import one_line
 
-# Raised whenever a reader of the previous version would misread the JSON text.
+# Increased whenever a reader of the previous version would misread the JSON text.
 SCHEMA_VERSION = 2
 # Of each tensor of an occurrence, among its neighbours: thousands of nodes may read one tensor.
 MOST_READERS = 12
@@ -30,7 +30,7 @@ MOST_READERS = 12
 
 @dataclass(frozen=True)
 class NodeText(Lazy):
-    """A node in words."""
+    """A described node."""
 
     index: int | None
     op_type: str
@@ -48,7 +48,7 @@ class NodeText(Lazy):
 
     @property
     def label(self) -> str:
-        """Operator and name, or what it writes if it has no name."""
+        """Operator and name, or its output if it has no name."""
         name = f"'{self.name}'" if self.name else f"(writes '{', '.join(self.outputs)}')"
         return f"{self.op_type} {name}"
 
@@ -62,13 +62,13 @@ class Occurrence(Lazy):
     """One place where a pattern was found."""
 
     accepted: bool
-    reason: str | None = None  # why it was refused, where the callback said so
+    reason: str | None = None  # why it was refused, if the callback gave a reason
     before: tuple[NodeText, ...] = field(default_factory=tuple)  # the matched nodes, in the order of the pattern
     after: tuple[NodeText, ...] = field(default_factory=tuple)  # those in their place, in the replacement's order
     links: dict[str, str] = field(default_factory=dict)  # pattern id -> tensor
-    # Producers, and the first readers of each tensor (`MOST_READERS`), if they were asked for.
+    # Producers, and the first readers of each tensor (`MOST_READERS`), if requested.
     neighbours: tuple[NodeText, ...] = field(default_factory=tuple)
-    shapes: dict[str, str] = field(default_factory=dict)  # tensor -> "float32[1,64,56,56]", where known
+    shapes: dict[str, str] = field(default_factory=dict)  # tensor -> "float32[1,64,56,56]", if known
     done: bool = False  # refused because the operator is INT8 already: nothing is left to do there
 
     @classmethod
@@ -84,7 +84,7 @@ class Occurrence(Lazy):
         neighbours: tuple[NodeText, ...],
         kinds: Mapping[str, TensorKind],
     ) -> Occurrence:
-        """The occurrence of nodes that were kept; put in words when somebody reads it."""
+        """The occurrence with nodes that were kept; described on first access."""
         rest = (before, after, dict(links), neighbours, kinds)
         return cls.later(_occurrence_fields, rest, accepted=accepted, reason=reason, done=done)
 
@@ -107,7 +107,7 @@ def _occurrence_fields(
 
 @dataclass
 class PatternResult:
-    """What one (pattern, replacement) pair did in one step."""
+    """The result of one (pattern, replacement) pair in one step."""
 
     pattern: tuple[str, ...]
     replacement: tuple[str, ...]
@@ -116,7 +116,7 @@ class PatternResult:
     refused: int = 0
     seconds: float = 0.0
     occurrences: list[Occurrence] = field(default_factory=list)
-    nearest_miss: str | None = None  # what came closest, if nothing was found
+    nearest_miss: str | None = None  # what came closest, if it did not match
     done: int = 0  # declined because they are INT8 already; not counted as refused
     reasons: dict[str, int] = field(default_factory=dict)  # of the refusals, without names -> how often
 
@@ -134,9 +134,9 @@ class Step:
     patterns: list[PatternResult] = field(default_factory=list)
     random: bool = False  # it draws weights or scales at random, which changes what the model computes
     error: str | None = None  # why it failed; the graph is as before the step then
-    undone: str | None = None  # why it was undone, though it did not fail; the graph is as before the step then
+    undone: str | None = None  # why it was undone without a failure; the graph is as before the step then
     finished: int = 0  # places that were completed after the transformation had replaced them
-    remarks: list[str] = field(default_factory=list)  # what else there is to know of the result
+    remarks: list[str] = field(default_factory=list)  # other remarks on the result
 
     @property
     def found(self) -> int:
@@ -174,20 +174,20 @@ class PreparationStep:
 
 @dataclass(repr=False)
 class Report:
-    """All of a run. Printed, it is a table."""
+    """The record of a whole run. Printed, it is a table."""
 
     model: str | None = None
     seed: int | None = None
     prepared: list[PreparationStep] = field(default_factory=list)
     steps: list[Step] = field(default_factory=list)
     rounds: int = 0
-    stable: bool | None = None  # None: only one round was asked for
+    stable: bool | None = None  # None: only one round was requested
     warnings: list[str] = field(default_factory=list)
     version: str = ""  # of onnx-graft
     account: Account | None = None  # which operators are INT8 now, and why the others are not
-    filled: FillingResult | None = None  # with which numbers; None: those that the transformations draw
-    numbers: list[OperatorNumbers] = field(default_factory=list)  # what quantized operators work with in the end
-    # The graph before and after, for the map of the page; the JSON text does not have it.
+    filled: FillingResult | None = None  # the numbers used; None: those that the transformations draw
+    numbers: list[OperatorNumbers] = field(default_factory=list)  # final numbers of the quantized operators
+    # The graph before and after, for the map of the page; the JSON text does not contain it.
     change: GraphChange | None = field(default=None, compare=False, metadata={NOT_IN_JSON: True})
 
     @property
@@ -215,7 +215,7 @@ class Report:
 
     @classmethod
     def from_json(cls, text: str) -> Report:
-        """Reads what `to_json` wrote.
+        """Reads the output of `to_json`.
 
         Raises:
             ReportError: The text is not a report, or one of another schema version.

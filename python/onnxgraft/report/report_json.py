@@ -1,6 +1,6 @@
 """Dataclasses to plain JSON values and back, driven by their field types.
 
-Reading is strict, so that a report of another tool or version is refused and not half understood.
+Reading is strict: a report of another tool or version is refused instead of misread.
 """
 
 from __future__ import annotations
@@ -41,7 +41,7 @@ def loads(text: str, cls: type[_Class], schema_version: int) -> _Class:
     """The object of class `cls` that JSON text describes.
 
     Raises:
-        ReportError: It does not, or is of another schema version.
+        ReportError: The text does not describe one, or has another schema version.
     """
     try:
         plain = json.loads(text)

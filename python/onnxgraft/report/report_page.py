@@ -1,4 +1,4 @@
-"""A report as a page: counts, what found nothing and why, then a card per occurrence."""
+"""A report as a page: counts, what did not match and why, then a card per occurrence."""
 
 from __future__ import annotations
 
@@ -32,7 +32,7 @@ def report_page(report: Report, *, most: int = MOST_CARDS) -> str:
     """The report as one HTML file.
 
     Args:
-        report: Of a run with `details="neighbours"` for the nodes around; without, the matched nodes alone are drawn.
+        report: Of a run with `details="neighbours"` for the nodes around; otherwise only the matched nodes are drawn.
         most: How many occurrences are shown; the page says how many are left out, of which transformation.
     """
     groups = _groups(report)
@@ -66,7 +66,7 @@ class _Places:
     """Where cards and rows of the page are on the map, and where nodes of the map lead.
 
     Attributes:
-        of_card: The id on the map of what each card is about; None if the map does not have it.
+        of_card: The id on the map of the subject of each card; None if the map does not show it.
     """
 
     def __init__(self, report: Report, entries: Sequence[Occurrence]) -> None:
@@ -84,7 +84,7 @@ class _Places:
                 if found is not None:
                     self._targets.setdefault(found, card_id(number))
                     main = found if main is None else main
-            if main is None:  # a later step took all of it away
+            if main is None:  # a later step removed all of it
                 around = (self._find(node.op_type, node.name, node.outputs) for node in entry.neighbours)
                 main = next((found for found in around if found is not None), None)
                 if main is not None:
@@ -132,7 +132,7 @@ def _groups(report: Report) -> list[_Group]:
 
 
 def _shares(groups: list[_Group], most: int) -> list[int]:
-    """How many of each group are shown: refusals take the room that replacements leave."""
+    """How many of each group are shown: refusals get the room that replacements leave."""
     shares: list[int] = []
     for kind in _KINDS:
         counts = [len(group.entries) for group in groups if group.kind == kind]
@@ -175,13 +175,13 @@ def _warnings(report: Report) -> Iterator[str]:
         yield "<ul>" + "".join(f"<li>{text(line)}</li>" for line in report.filled.lines()) + "</ul>"
     if any(step.random and step.replaced for step in report.steps):
         yield (
-            '<p class="note" role="note">Weights, biases or scales were drawn at random: the model is fit for '
-            "measuring speed, its outputs mean nothing.</p>"
+            '<p class="note" role="note">Weights, biases or scales were drawn at random: use the model to measure '
+            "speed; its outputs mean nothing.</p>"
         )
 
 
 def _refused(report: Report) -> Iterator[str]:
-    """The reasons of all refusals, also of those that have no card."""
+    """The reasons of all refusals, including those without a card."""
     if lines := list(refusals(report)):
         entries = "".join(f"<li>{text(line)}</li>" for line in lines)
         yield f'<h2>Refused</h2><ul class="reasons">{entries}</ul>'
@@ -212,7 +212,7 @@ def _summary(report: Report, linked: Mapping[str, str]) -> str:
 
 
 def _numbers(report: Report) -> str:
-    """Folded up, since networks have many."""
+    """Collapsed, since networks have many."""
     if not report.numbers:
         return ""
     rows = [
@@ -244,7 +244,7 @@ def _prepared(report: Report) -> str:
 
 
 def _nothing(report: Report) -> Iterator[str]:
-    """Transformations that found nothing in any round, with what came closest."""
+    """Transformations that matched nothing in any round, with what came closest."""
     found = {step.transformation for step in report.steps if step.found}
     failed = {step.transformation for step in report.steps if step.error is not None}
     idle = {one.transformation: one for one in reversed(report.steps) if one.transformation not in found | failed}
@@ -302,7 +302,7 @@ def _listing(entry: Occurrence) -> str:
 
 
 class _Constants:
-    """Which tensors are initializers, as far as pattern, position and the nodes around tell."""
+    """Which tensors are initializers, as far as pattern, position and the nodes around them show."""
 
     def __init__(self, entry: Occurrence, pattern: PatternResult, nodes: tuple[NodeText, ...]) -> None:
         ids = {link for line in pattern.pattern for link in line.partition(":")[2].partition("->")[0].split(",")}
@@ -334,7 +334,7 @@ def _states(
 
 
 def fair_shares(counts: Sequence[int], most: int) -> list[int]:
-    """How many of each group, at most `most` together: small groups whole, large ones equally many."""
+    """How many of each group, at most `most` together: small groups whole, large ones in equal numbers."""
     shares = [0] * len(counts)
     left = most
     order = sorted(range(len(counts)), key=lambda k: counts[k])

@@ -1,4 +1,4 @@
-"""A report as a table for people."""
+"""A report as a table of text."""
 
 from __future__ import annotations
 
@@ -17,7 +17,7 @@ def steps_table(report: Report) -> str:
     """One row per transformation; of later rounds, those that replaced something or failed."""
     steps = report.steps
     several = report.rounds > 1
-    # What stays refused is found again in every round, so only one round has a sum.
+    # Refused occurrences are found again in every round, so sums are per round.
     found, refused = ("", "") if several else (sum(step.found for step in steps), report.refused)
     nodes = f"{steps[0].nodes_before} -> {steps[-1].nodes_after}" if steps else ""
     headings = _columns(("Transformation", "Round", "Found", "Replaced", "Refused", "Nodes", "Seconds"), several)
@@ -46,9 +46,9 @@ def _seconds(steps: Iterable[Step]) -> str:
 
 
 def remark(step: Step) -> str:
-    """What there is to know of a step besides its counts; empty if nothing is."""
+    """Remarks on a step besides its counts; empty if there are none."""
     if step.error is not None:
-        return f"failed, put back: {step.error}"
+        return f"failed, undone: {step.error}"
     if step.undone is not None:
         return f"undone: {step.undone}"
     remarks = ["random weights"] if step.random and step.replaced else []
@@ -60,7 +60,7 @@ def remark(step: Step) -> str:
 
 
 def refusals(report: Report) -> Iterator[str]:
-    """One line for each transformation and reason. What stays refused is told once, not for each round."""
+    """One line for each transformation and reason. A repeated refusal is listed once, not for each round."""
     for name in dict.fromkeys(step.transformation for step in report.steps):
         most: dict[str, int] = {}
         for step in report.steps:
