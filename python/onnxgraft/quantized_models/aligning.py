@@ -27,13 +27,13 @@ def calibration_for(
 ) -> Calibration:
     """Finds for each tensor of the float model the range that the quantized one has for it.
 
-    Both are followed from the inputs on: nodes that compute the same operator on tensors that belong together belong
-    together, whatever they are called. A Relu or Clip that only the float model has is passed over, and gets the
-    range of what stands for it.
+    Both models are followed from the inputs on: nodes with the same operator on corresponding tensors correspond,
+    whatever their names. A Relu or Clip that only the float model has is skipped, and gets the range of its
+    counterpart.
 
     Args:
         float_model: The float model; it is not changed.
-        quantized: What was made of it; it is not changed.
+        quantized: The quantized model made from it; it is not changed.
         folder: Where the external data of `float_model` is; None is the current folder.
         quantized_folder: Where that of `quantized` is.
 
@@ -59,15 +59,15 @@ def calibration_for(
                 weights[target] = numbers
     if len(ranges) * 2 < len(found.ranges):
         raise CalibrationError(
-            f"the quantized model is not one of this float model: of its {len(found.ranges)} ranges"
-            f" {len(ranges)} belong to a tensor"
+            f"the quantized model does not belong to this float model: only {len(ranges)} of its {len(found.ranges)} "
+            "ranges belong to a tensor"
         )
     fingerprints = model_fingerprint(float_model, folder), model_fingerprint(prepared, folder)
     return Calibration(ranges, METHOD, 0, *fingerprints, data=found.data, weights=weights)
 
 
 class _Pairs:
-    """The tensors of `right` that belong to each tensor of `left`, initializers too."""
+    """The tensors of `right` that correspond to each tensor of `left`, initializers included."""
 
     def __init__(self, left: onnx.GraphProto, right: onnx.GraphProto, folders: tuple[str, str]) -> None:
         self.tensors: dict[str, set[str]] = {}
@@ -93,7 +93,7 @@ class _Pairs:
             return
         found = min(self._candidates(node, reads[0]), key=lambda other: self._distance(node, other), default=None)
         if found is None:
-            if node.op_type in _CLIPPING:  # the other model saturates there by itself
+            if node.op_type in _CLIPPING:  # the other model saturates there itself
                 self.tensors[node.output[0]] = self.tensors[node.input[0]]
             return
         self._taken.add(found.output[0])
@@ -112,7 +112,7 @@ class _Pairs:
                     yield other
 
     def _with_clipped(self, names: set[str]) -> set[str]:
-        """The tensors, and what `right` alone makes of them by a Relu or Clip."""
+        """The tensors, and those that only `right` computes from them by a Relu or Clip."""
         after = {node.output[0] for name in names for node in self._readers.get(name, ()) if node.op_type in _CLIPPING}
         return names | (after - self._taken)
 
@@ -131,7 +131,7 @@ class _Pairs:
         return True
 
     def _distance(self, node: onnx.NodeProto, other: onnx.NodeProto) -> tuple[float, bool]:
-        """How unlike two nodes are that could be the same: by their weights, then by name."""
+        """How different two candidate nodes are: by their weights, then by name."""
         same = node.name.removesuffix("_quant") == other.name or node.output[0] == other.output[0]
         total = 0.0
         for left, right in zip(node.input, other.input, strict=False):

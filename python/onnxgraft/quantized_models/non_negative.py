@@ -18,21 +18,21 @@ _DATA_FIRST = {"Reshape", "Slice", "Split", "Squeeze", "Unsqueeze"}
 
 
 class NonNegative:
-    """Fed with the nodes in order; asked about tensors."""
+    """Receives the nodes in order and answers for tensors."""
 
     def __init__(self, constants: Mapping[str, onnx.TensorProto], value: Callable[[str], npt.NDArray[Any]]) -> None:
         self._constants, self._value = constants, value
         self._known: set[str] = set()
 
     def __call__(self, name: str) -> bool:
-        """Whether the tensor has no negative element, whatever the model is given."""
+        """Whether the tensor has no negative element, whatever the inputs of the model are."""
         if name in self._constants:
             values = self._value(name)
             return bool(values.size == 0 or values.min() >= 0)
         return name in self._known
 
     def add(self, node: onnx.NodeProto) -> None:
-        """Judges what the node writes."""
+        """Classifies the node's output."""
         match node.op_type:
             case "Clip":
                 result = len(node.input) > 1 and node.input[1] in self._constants and self(node.input[1])

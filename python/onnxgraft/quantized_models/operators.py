@@ -1,7 +1,7 @@
-"""THE table of operators that compute on integers: where their operands, scales and zero points stand.
+"""THE table of operators that compute on integers: the positions of their operands, scales and zero points.
 
-Each is written as DequantizeLinear nodes, the float operator and a QuantizeLinear node, so that what follows knows
-these two only.
+Each is rewritten to DequantizeLinear nodes, the float operator and a QuantizeLinear node, so that later code knows only
+these two.
 """
 
 from __future__ import annotations
@@ -31,7 +31,7 @@ class IntegerOperator:
         operands: Positions of tensors, each followed by scale and zero point.
         result: Position of the result's scale, which its zero point follows.
         bias: Position of an INT32 bias, whose scale is the product of those of the operands.
-        plain: Positions of inputs that are no quantized tensors and come first.
+        plain: Positions of inputs that are not quantized tensors and come first.
         repeats: Whether operands go on to the end of the inputs.
     """
 
@@ -66,14 +66,14 @@ INTEGER_OPERATORS: Mapping[str, IntegerOperator] = types.MappingProxyType(
 
 
 def is_quantizing(node: onnx.NodeProto) -> bool:
-    """Whether the node stands for quantization that `read_quantized` knows."""
+    """Whether the node expresses quantization that `read_quantized` knows."""
     if node.op_type in {QUANTIZE, DEQUANTIZE}:
         return node.domain in {*_ONNX, _MICROSOFT}
     return node.op_type in INTEGER_OPERATORS and node.domain in {*_ONNX, _MICROSOFT}
 
 
 def written_out(node: onnx.NodeProto, fresh: Callable[[str], str]) -> list[onnx.NodeProto] | None:
-    """The nodes in place of an integer operator; None for any other node, and for forms without a float operator."""
+    """The nodes that replace an integer operator; None for any other node, and for forms without a float operator."""
     row = INTEGER_OPERATORS.get(node.op_type)
     if row is None or node.domain not in {*_ONNX, _MICROSOFT}:
         return None

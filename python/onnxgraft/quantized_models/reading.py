@@ -1,6 +1,6 @@
-"""`read_quantized`: a model with quantization written into it becomes a float graph, its ranges and INT8 weights.
+"""`read_quantized`: converts a model with explicit quantization to a float graph, its ranges and INT8 weights.
 
-What a quantized tensor stands for keeps the name that it had before it was quantized. A node of integers in between
+The float counterpart of a quantized tensor keeps the name from before its quantization. A node of integers in between
 (MaxPool, Reshape) computes on floats afterwards.
 """
 
@@ -29,7 +29,7 @@ Array = npt.NDArray[Any]
 
 _log = logging.getLogger(__name__)
 METHOD = "from QDQ"
-# They hand quantized values on: what comes out has the scale of what goes in.
+# They pass quantized values on: the output has the scale of the input.
 _PASSING = {
     *("Concat", "DepthToSpace", "Expand", "Flatten", "Gather", "Identity", "MaxPool", "Reshape", "Resize", "Slice"),
     *("SpaceToDepth", "Split", "Squeeze", "Tile", "Transpose", "Unsqueeze"),
@@ -46,14 +46,14 @@ class _Parameters:
         return np.array_equal(self.scale, other.scale) and np.array_equal(self.zero, other.zero)
 
     def range(self) -> Range:
-        """Of what one scale can express."""
+        """The range that one scale can express."""
         limits = np.iinfo(self.zero.dtype)
         scale, zero = float(self.scale.reshape(-1)[0]), int(self.zero.reshape(-1)[0])
         return Range((limits.min - zero) * scale, (limits.max - zero) * scale)
 
 
 def is_quantized(model: onnx.ModelProto) -> bool:
-    """Whether the graph has nodes that stand for quantization by another tool."""
+    """Whether the graph has nodes that express quantization by another tool."""
     return any(is_quantizing(node) for node in model.graph.node)
 
 
@@ -62,9 +62,9 @@ def read_quantized(
 ) -> tuple[onnx.ModelProto, Calibration]:
     """Reads a quantized model.
 
-    A pair of quantize and dequantize nodes at an activation becomes a range; one that reaches down to zero exactly
-    becomes a Clip as well where the tensor could be negative otherwise, since it stands for a Relu that was dropped.
-    Weights and biases become float initializers of the values that they stand for.
+    A pair of quantize and dequantize nodes at an activation becomes a range. If the range starts exactly at zero and
+    the tensor could be negative otherwise, it becomes a Clip as well, since it replaces a Relu that was dropped.
+    Weights and biases become float initializers with the values that they represent.
 
     Args:
         model: The quantized model; it is not changed.
@@ -74,8 +74,8 @@ def read_quantized(
         The float model, not prepared, and its calibration: `samples` is 0, `method` "from QDQ".
 
     Raises:
-        CalibrationError: Nothing is quantized, or scales are computed or differ where they have to be equal; the
-            message names the node.
+        CalibrationError: Nothing is quantized, or scales are computed or differ where they must be equal; the message
+            names the node.
     """
     place = os.fspath(folder) if folder is not None else "."
     copy = onnx.ModelProto()
@@ -101,7 +101,7 @@ class _Reader:
         self._fresh = _fresh_names(self.graph)
         self._constants = {tensor.name: tensor for tensor in self.graph.initializer}
         self._values: dict[str, Array] = {}
-        # quantized tensor -> the float tensor that it stands for, and how
+        # quantized tensor -> the float tensor that it represents, and how
         self._floats: dict[str, tuple[str, _Parameters]] = {}
         self._alias: dict[str, str] = {}
         self._clips: dict[tuple[str, Range], str] = {}
@@ -155,8 +155,8 @@ class _Reader:
         equal = all(self._floats[name][1].equals(parameters) for name in quantized)
         if node.op_type not in _PASSING or not equal:
             raise CalibrationError(
-                f"{_label(node)} reads the quantized tensor '{quantized[0]}': only operators that hand values on, from"
-                " tensors of one scale and zero point, can be read as operators of floats"
+                f"{_label(node)} reads the quantized tensor '{quantized[0]}': only operators that pass values on, "
+                "from tensors of one scale and zero point, can be read as operators of floats"
             )
         for position, name in enumerate(node.input):
             if name in self._floats:
@@ -192,7 +192,9 @@ class _Reader:
         if name in self._floats:
             source, parameters = self._floats[name]
             if not parameters.equals(self._parameters(node, parameters.zero.dtype)):
-                raise CalibrationError(f"{_label(node)} has another scale or zero point than what quantized '{name}'")
+                raise CalibrationError(
+                    f"{_label(node)} has another scale or zero point than the quantize node of '{name}'"
+                )
             self._alias[output] = source
             return True
         if name not in self._constants:
@@ -212,7 +214,7 @@ class _Reader:
         return True
 
     def _dequantize_before(self, node: onnx.NodeProto) -> bool:
-        """What a node takes out of a quantized constant (rows of a table) is taken out of the float one."""
+        """A node that selects from a quantized constant (rows of a table) selects from the float one."""
         writer = next((other for other in self._nodes if node.input[0] in other.output), None)
         if writer is None or writer.op_type not in _PASSING or writer.input[0] not in self._constants:
             return False
@@ -272,15 +274,13 @@ class _Reader:
         return {value.name for value in self.graph.input}
 
     def _give_outputs_their_names(self) -> None:
-        """Graph outputs that were dequantized are written by what computes them."""
+        """The nodes that compute dequantized graph outputs write them directly."""
         fixed = self._inputs() | self._constants.keys() | {value.name for value in self.graph.output}
         for value in self.graph.output:
             source = self._alias.get(value.name)
             if source is None:
                 if value.name in self._floats:
-                    raise CalibrationError(
-                        f"the output '{value.name}' is quantized: a DequantizeLinear has to write it"
-                    )
+                    raise CalibrationError(f"the output '{value.name}' is quantized: a DequantizeLinear must write it")
                 continue
             if source in fixed:
                 self._nodes.append(helper.make_node("Identity", [source], [value.name], self._fresh(value.name)))
@@ -296,7 +296,7 @@ class _Reader:
 
 
 def _spread(parameters: _Parameters, rank: int) -> tuple[Array, Array]:
-    """Scale and zero point in a shape that goes with a tensor of this rank."""
+    """Scale and zero point in a shape that broadcasts with a tensor of this rank."""
     shape = [1] * rank
     if parameters.scale.size != 1:
         shape[parameters.axis] = -1

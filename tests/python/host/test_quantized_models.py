@@ -136,7 +136,7 @@ def test_numbers_find_the_tensors_of_the_float_model() -> None:
     assert np.array_equal(found.weights["kernel"].values, WEIGHTS["w"])
     assert np.array_equal(found.weights["matrix"].values, WEIGHTS["v"])
     other = model_of(["Sigmoid in -> s", "Exp s -> out"], inputs={"in": [1, 2, 6, 6]}, outputs=["out"])
-    with pytest.raises(CalibrationError, match="is not one of this float model: of its 5 ranges 1 belong"):
+    with pytest.raises(CalibrationError, match="does not belong to this float model: only 1 of its 5 ranges"):
         calibration_for(other, with_pairs())
 
 
