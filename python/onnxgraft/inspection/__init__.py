@@ -1,4 +1,4 @@
-"""What one wants to know first about a model, and which recipe would do most for it."""
+"""The main facts about a model, and the recipes that would replace most in it."""
 
 from onnxgraft.inspection.inspecting import inspect
 from onnxgraft.inspection.ranking import LARGEST, RecipeScore, rank_recipes

@@ -24,14 +24,14 @@ def inspect(
     folder: str | os.PathLike[str] | None = None,
     recipes: bool = True,
 ) -> Inspection:
-    """Reads what one wants to know first about a model.
+    """Reads the main facts about a model.
 
     Args:
         model: A model, or the path of one; it is not changed.
         folder: The folder that the locations of external tensors start from; None: that of the path, or the current
             one.
-        recipes: Whether to find out which recipes would do most, by running each on a copy in memory. Models with
-            more than 1 GiB of weights are left out.
+        recipes: Whether to find the recipes that would replace most, by running each on a copy in memory. Skipped for
+            models with more than 1 GiB of weights.
 
     Returns:
         Counts, sizes, coverage and recipes.

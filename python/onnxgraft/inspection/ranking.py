@@ -1,4 +1,4 @@
-"""Which recipe would do most for a model: found by running each of them on a copy in memory."""
+"""Ranks the recipes for a model by running each of them on a copy in memory."""
 
 from __future__ import annotations
 
@@ -14,17 +14,17 @@ from onnxgraft.engine import TransformationError, rewrite
 from onnxgraft.graph.tensors import stored_tensors
 from onnxgraft.recipe_book import Recipe, recipes
 
-# A run makes new weights beside the old ones; of larger models no recipe is tried.
+# A run makes new weights in addition to the old ones; for larger models no recipe is tried.
 LARGEST = 2**30
 
 
 @dataclass(frozen=True)
 class RecipeScore:
-    """What a recipe did.
+    """The result of a recipe.
 
     Attributes:
         name: The recipe.
-        replaced: Occurrences that its first round replaced; what a later round replaces again counts once.
+        replaced: Occurrences that its first round replaced; repeated replacements in a later round count once.
         share: The share of the known multiply-adds that are INT8 then; None if none is known.
         nodes: The number of nodes then.
     """
@@ -77,7 +77,7 @@ def _score(model: onnx.ModelProto, recipe: Recipe, folder: str | PathLike[str] |
 
 @contextmanager
 def _silent() -> Iterator[None]:
-    """Warnings of trial runs are not for the user."""
+    """Hides warnings of trial runs from the user."""
     logger = logging.getLogger("onnxgraft")
     before = logger.disabled
     logger.disabled = True

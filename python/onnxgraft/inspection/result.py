@@ -1,4 +1,4 @@
-"""What `inspect` found, as data; printed, it fits a screen of 80 columns."""
+"""The result of `inspect`, as data; printed, it fits a screen of 80 columns."""
 
 from __future__ import annotations
 
@@ -47,7 +47,7 @@ class Inspection:
         return plain | {"quantize_nodes": self.quantize_nodes, "int8_share": self.account.share}
 
     def beside(self, after: Inspection) -> str:
-        """Both models side by side, for people."""
+        """Both models side by side, as text."""
         return "\n".join(_side_by_side(_rows(self), _rows(after)))
 
     def __str__(self) -> str:
@@ -101,7 +101,7 @@ def _large(number: int) -> str:
 
 
 def _wrapped(line: str) -> list[str]:
-    """Lines of at most the width of the screen; names that have to be typed are never broken."""
+    """Lines of at most the width of the screen; names that users have to type are never broken."""
     result, rest = [], line
     while len(rest) > WIDTH:
         cut = rest.rfind(" ", 15, WIDTH + 1)
@@ -113,7 +113,7 @@ def _wrapped(line: str) -> list[str]:
 
 
 def _side_by_side(before: list[tuple[str, str]], after: list[tuple[str, str]]) -> list[str]:
-    """What is equal once, what is not in two lines marked - and +."""
+    """Equal facts once, different ones in two lines marked - and +."""
     lines = []
     old, new = dict(before), dict(after)
     for key in dict.fromkeys([*old, *new]):
