@@ -8,6 +8,7 @@ writes it, with the failures, to build/matrix/results.md. ONNXGRAFT_PYTHONS name
 
 from __future__ import annotations
 
+import re
 import subprocess
 import sys
 import time
@@ -41,15 +42,29 @@ class Result:
         return "| " + " | ".join(map(str, cells)) + " |"
 
 
+def requirements(name: str) -> list[str]:
+    """The lines of all lists; a package that the set lists is left out of the others."""
+    own, *others = (
+        [line for line in (ROOT / f"requirements/{part}.txt").read_text().splitlines() if re.match(r"\w", line)]
+        for part in (f"matrix/{name}", "build", "test")
+    )
+    chosen = {_package(line) for line in own}
+    return own + [line for lines in others for line in lines if _package(line) not in chosen]
+
+
+def _package(line: str) -> str:
+    return re.split(r"[^\w.-]", line, maxsplit=1)[0]
+
+
 def prepare(version: str, interpreter: str, name: str) -> Path:
     """Makes an environment with one set of packages and the package under test."""
     folder = FOLDER / f"{version}-{name}"
-    lists = [f"requirements/{part}.txt" for part in ("build", "test", f"matrix/{name}")]
     python = folder / "bin/python"
     if not python.exists():
         python = environment_in(folder, interpreter)
-    requirements = [word for path in lists for word in ("-r", path)]
-    run(python, *PIP, "install", "--only-binary", ":all:", *requirements)
+    merged = folder / "requirements.txt"
+    merged.write_text("\n".join(requirements(name)) + "\n")
+    run(python, *PIP, "install", "--only-binary", ":all:", "-r", merged)
     run(python, *PIP, "install", "--no-deps", "--no-build-isolation", "--force-reinstall", ".")
     return python
 
