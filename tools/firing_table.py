@@ -17,6 +17,7 @@ from dataclasses import asdict, replace
 from pathlib import Path
 from typing import Any
 
+from tools.models.coverage import coverage
 from tools.models.firing import losses, measure, run_recipe
 from tools.models.tables import render
 
@@ -37,6 +38,7 @@ def rows_of(folder: Path) -> Rows:
             "prepared": asdict(prepared),
             "losses": losses(path, prepared),
             "recipe": asdict(run_recipe(path)),
+            "coverage": coverage(path),
         }
         rows[path.stem] = json.loads(json.dumps(row))  # lists, as JSON returns them
     return rows

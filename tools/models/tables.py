@@ -7,6 +7,7 @@ from collections.abc import Callable, Iterator, Sequence
 from typing import Any
 
 from onnxgraft.catalogue import rows as catalogue
+from tools.models.coverage import coverage_table
 from tools.models.families import FAMILIES, family_of, prepared_for
 from tools.models.firing import ORDER, QUANTIZING
 from tools.models.overviews import recipe_table, step_table
@@ -21,6 +22,8 @@ def render(rows: dict[str, Row]) -> str:
         step_table(rows),
         "### What the recipes do\n",
         recipe_table(rows),
+        "### What is on INT8 then, and what is not\n",
+        coverage_table(rows),
     ]
     for family in FAMILIES:
         models = [model for model in rows if family_of(model) == family]

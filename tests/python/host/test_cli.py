@@ -532,7 +532,9 @@ def test_json_and_exit_codes(folder: Path, capsys: Capture) -> None:
     assert run("apply", MODEL, "-t", "quant_conv", "--dry-run", "--skip-step", "infer_shapes") == 0
     assert "infer_shapes" not in capsys.readouterr().out
     assert run("apply", MODEL, "-t", "quant_conv", "--dry-run", "--skip-step", "nothing") == 2
-    table = dict(re.findall(r"^\| (\d+) \| (.+) \|$", (REPOSITORY / "README.md").read_text(), re.MULTILINE))
+    table = dict(
+        re.findall(r"^\| (\d+) \| (.+) \|$", (REPOSITORY / "docs/reference/exit-codes.md").read_text(), re.MULTILINE)
+    )
     assert {int(code) for code in table} == set(ExitCode)
 
 
