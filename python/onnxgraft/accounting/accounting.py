@@ -1,8 +1,8 @@
 """`account_of`: which operators of a graph are INT8, and for each of the others the reason.
 
-The reasons follow the conditions that the patterns of the quantizing transformations have: an initializer as weight, an
-initializer as bias, one operator of the standard domain in the graph itself. What these leave open is told by the run:
-an operator that its transformation would take and that is float nevertheless was refused or turned back.
+The reasons follow the conditions of the quantizing patterns: an initializer as weight, an initializer as bias, one
+operator of the standard domain in the graph itself. For the rest, the run decides: an operator that meets all of them
+and is still float was refused or turned back.
 """
 
 from __future__ import annotations
@@ -35,13 +35,13 @@ _ELEMENT_BYTES: Mapping[int, int] = {
 
 @dataclass
 class RunFacts:
-    """What a run knows that the graph does not tell.
+    """Facts about a run that the graph does not show.
 
     Attributes:
         ran: Short names of the transformations that ran.
         turned_back: Transformations that replaced something, by the operators that they give new weights.
-        refused: Output or name of an operator -> what its callback said.
-        choice: What the user left out.
+        refused: Output or name of an operator -> the reason from its callback.
+        choice: The user's selection of operators.
     """
 
     ran: set[str] = field(default_factory=set)
@@ -50,7 +50,7 @@ class RunFacts:
     choice: Choice | None = None
 
     def note(self, row: Transformation, *, replaced: bool) -> None:
-        """One transformation has run."""
+        """Records that one transformation has run."""
         self.ran.add(row.name)
         if replaced and row.name not in quantized_by().values():
             for op in given_weights(row):
@@ -67,8 +67,8 @@ def account_of(
 
     Args:
         graph: The graph, after the run if there was one.
-        shape_of: The shape of a tensor, None where it is not known.
-        facts: What the run knows; None if nothing ran.
+        shape_of: The shape of a tensor, None if it is not known.
+        facts: Facts about the run; None if nothing ran.
         functions: Those of the model.
     """
     account = Account()
@@ -82,12 +82,12 @@ def account_of(
             else:
                 account.left.append(_left(node, "", *reasons.foreign(node), None))
         for inner, place in _inner(node) if can_hold_bodies(op, node.domain) else ():
-            account.left.append(_left(inner, place, "nested_body", f"is in {place}, which no pattern looks into", None))
+            account.left.append(_left(inner, place, "nested_body", f"is in {place}, where no pattern matches", None))
     for function in functions:
         for node in function.node:
             if node.op_type in _LISTED:
                 place = f"function '{function.name}'"
-                account.left.append(_left(node, place, "function", f"is in {place}, which no pattern looks into", None))
+                account.left.append(_left(node, place, "function", f"is in {place}, where no pattern matches", None))
     return account
 
 
@@ -169,7 +169,7 @@ def _label(node: NodeProto) -> str:
 
 
 class _Reasons:
-    """Why an operator of the graph itself is in float: identifier and words."""
+    """Why an operator of the graph itself is in float: identifier and sentence."""
 
     def __init__(self, graph: GraphProto, constants: Mapping[str, TensorProto], facts: RunFacts | None) -> None:
         self._graph = graph
@@ -178,7 +178,7 @@ class _Reasons:
 
     @functools.cached_property
     def _writers(self) -> Mapping[str, NodeProto]:
-        """Who writes each tensor, the first one counts; wanted only for weights that are computed."""
+        """The writer of each tensor, the first one counts; needed only for computed weights."""
         return {name: node for node in reversed(self._graph.node) for name in reversed(node.output)}
 
     def foreign(self, node: NodeProto) -> tuple[str, str]:
@@ -187,7 +187,7 @@ class _Reasons:
         return "unsupported", f"no transformation quantizes {node.op_type}"
 
     def of(self, node: NodeProto) -> tuple[str, str]:
-        """The first reason that holds: what the user wants, what the operator is like, what the run did."""
+        """The first reason that applies: the user's wish, the operator itself, the run."""
         for found in chain(self._chosen(node), self._operands(node), self._told_by_run(node)):
             return found
         return "unknown", "no reason is known: please report this model"
@@ -222,16 +222,19 @@ class _Reasons:
         weight = inputs[1]
         if weight not in constants:
             if node.op_type == "MatMul" and inputs[0] in constants:
-                yield "weight_first", f"its weight '{inputs[0]}' is the first operand; the patterns want the second"
+                yield (
+                    "weight_first",
+                    f"its weight '{inputs[0]}' is the first operand; the patterns expect it as the second",
+                )
             elif node.op_type in ("MatMul", "Gemm"):
                 yield "both_computed", f"both operands are computed: '{inputs[0]}' and {self._source(weight)}"
             else:
                 yield "computed_weight", f"its weight {self._source(weight)}"
         elif constants[weight].data_type not in _FLOATS:
             name = TensorProto.DataType.Name(constants[weight].data_type)
-            yield "element_type", f"its weight '{weight}' is of type {name}"
+            yield "element_type", f"its weight '{weight}' has type {name}"
         elif not inputs[0]:
-            yield "form", "leaves its first input out"
+            yield "form", "omits its first input"
         elif len(inputs) > 2 and inputs[2] not in constants:
             yield "computed_bias", f"its bias {self._source(inputs[2])}"
 

@@ -27,7 +27,7 @@ class Choice:
         only: Globs of the operators that may be quantized, if not all.
 
     Raises:
-        UnknownNameError: A glob meets no node; the message names similar ones.
+        UnknownNameError: A glob matches no node; the message names similar ones.
     """
 
     def __init__(self, graph: GraphProto, exclude: Iterable[str] = (), only: Iterable[str] = ()) -> None:
@@ -40,18 +40,18 @@ class Choice:
         self._outputs = {name for index in out for name in nodes[index].output if name}
 
     def leaves_out(self, node: NodeProto) -> bool:
-        """Whether a node is to stay as it is."""
+        """Whether a node must stay as it is."""
         return any(name in self._outputs for name in node.output)
 
     @contextmanager
     def watch(self, row: Transformation, transformation: Any) -> Iterator[None]:
-        """Has occurrences with an operator that is left out refused inside of the `with` block."""
+        """Refuses occurrences with an excluded operator inside the `with` block."""
         if not self._outputs or not is_quantizing(row):
             yield
             return
         original = getattr(transformation, CALLBACK)
 
-        # The parameters are named as in the method that this one stands for.
+        # The parameters have the names of the replaced method.
         def on_replace(_self: Any, graph: Any, replaced_nodes: Any, *rest: Any, **named: Any) -> Any:
             if any(map(self.leaves_out, replaced_nodes)):
                 named.get("refusal_reasons", []).append(EXCLUDED)
@@ -73,13 +73,13 @@ def _met(nodes: Sequence[NodeProto], globs: Iterable[str]) -> set[int]:
             known = list(dict.fromkeys(name for node in nodes for name in names(node) if name))
             similar = difflib.get_close_matches(pattern.strip("*"), known, n=3, cutoff=0.5)
             hint = f"did you mean {' or '.join(similar)}?" if similar else f"there are {', '.join(known[:3])} ..."
-            raise UnknownNameError(f"'{glob}' meets no node of the prepared model; {hint}")
+            raise UnknownNameError(f"'{glob}' matches no node of the prepared model; {hint}")
         found |= met
     return found
 
 
 def _name(node: NodeProto) -> list[str]:
-    """A node without a name goes by what it writes."""
+    """A node without a name goes by its output."""
     return [node.name] if node.name else list(node.output)
 
 

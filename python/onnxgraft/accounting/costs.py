@@ -14,7 +14,7 @@ ShapeOf = Callable[[str], Shape]
 
 
 def declared_shapes(graph: GraphProto) -> ShapeOf:
-    """The shapes that a graph declares. A symbolic first axis counts as 1: what follows is for one sample."""
+    """The shapes that a graph declares. A symbolic first axis counts as 1: the results are for one sample."""
     declared = chain(graph.value_info, graph.output, graph.input)
     values = {value.name: value for value in declared if value.type.tensor_type.HasField("shape")}
     tensors = {tensor.name: tensor for tensor in graph.initializer}
@@ -29,7 +29,7 @@ def declared_shapes(graph: GraphProto) -> ShapeOf:
 
 @functools.lru_cache(maxsize=1024)
 def _sizes(content: bytes) -> Shape:
-    """Of a serialized type; few types are those of many tensors."""
+    """Of a serialized type; few types cover many tensors."""
     dims = TypeProto.FromString(content).tensor_type.shape.dim
     sizes = [size.dim_value if size.HasField("dim_value") else None for size in dims]
     return [1, *sizes[1:]] if sizes and sizes[0] is None else sizes

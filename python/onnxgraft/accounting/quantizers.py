@@ -1,4 +1,4 @@
-"""What the quantizing transformations of the catalogue quantize, asked of their lists."""
+"""The operators that the quantizing transformations of the catalogue quantize, read from their lists."""
 
 from __future__ import annotations
 

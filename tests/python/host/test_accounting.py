@@ -33,8 +33,8 @@ REASONS: dict[str, tuple[list[str], str, str]] = {
     "weight from outside": (["Conv x x -> y"], "computed_weight", "'x' is an input of the graph"),
     "computed bias": (["Relu b -> c", "Conv x w c -> y"], "computed_bias", "'c' is written by Relu 'node_0'"),
     "no bias name": (["MatMul x x -> y"], "both_computed", "both operands are computed"),
-    "weight first": (["MatMul w x -> y"], "weight_first", "the patterns want the second"),
-    "integers": (["Conv x i -> y"], "element_type", "'i' is of type UINT8"),
+    "weight first": (["MatMul w x -> y"], "weight_first", "the patterns expect it as the second"),
+    "integers": (["Conv x i -> y"], "element_type", "'i' has type UINT8"),
     "other operator": (["ConvTranspose x w -> y"], "unsupported", "no transformation quantizes ConvTranspose"),
     "recurrent": (["LSTM x w w -> y"], "unsupported", "no transformation quantizes LSTM"),
 }
@@ -128,7 +128,7 @@ def test_the_user_chooses(options: dict[str, list[str]], expected: Callable[[onn
 def test_a_glob_that_meets_nothing_is_an_error_and_recipes_have_the_keys(tmp_path: Path) -> None:
     graph = graph_of(["Conv x w -> y"], inputs={"x": [1, 2, 4, 4]}, outputs=["y"], tensors={"w": WEIGHT})
     before = graph.SerializeToString()
-    with pytest.raises(onnxgraft.UnknownNameError, match=r"'nod_0\*' meets no node .* did you mean node_0\?"):
+    with pytest.raises(onnxgraft.UnknownNameError, match=r"'nod_0\*' matches no node .* did you mean node_0\?"):
         onnxgraft.rewrite(graph, "quant_conv", prepare=False, exclude=["nod_0*"])
     assert graph.SerializeToString() == before
     path = tmp_path / "own.toml"
