@@ -1,4 +1,4 @@
-"""The result of a calibration: a value that is written as JSON and knows the model that it belongs to.
+"""The result of a calibration: a value that is written as JSON and identifies the model that it belongs to.
 
 Ranges are those of tensors of the prepared float model, by name.
 """
@@ -33,7 +33,7 @@ class Range:
 
     def __post_init__(self) -> None:
         if not (math.isfinite(self.low) and math.isfinite(self.high) and self.low <= self.high):
-            raise CalibrationError(f"a range has to be two finite numbers in order, not {self.low} .. {self.high}")
+            raise CalibrationError(f"a range must be two finite numbers in order, not {self.low} .. {self.high}")
 
     def union(self, other: Range) -> Range:
         """The smallest range that holds both."""
@@ -58,8 +58,8 @@ class WeightNumbers:
         wanted = 1 if self.axis is None else self.values.shape[self.axis]
         if self.values.dtype != np.int8 or self.scales.shape != (wanted,):
             raise CalibrationError(
-                f"a quantized weight has to be INT8 with {wanted} scales, "
-                f"not {self.values.dtype} with scales of shape {list(self.scales.shape)}"
+                f"a quantized weight must be INT8 with {wanted} scales, not {self.values.dtype} with scales of shape "
+                f"{list(self.scales.shape)}"
             )
 
     def __eq__(self, other: object) -> bool:
@@ -71,7 +71,7 @@ class WeightNumbers:
     __hash__ = None  # type: ignore[assignment]
 
     def floats(self) -> npt.NDArray[np.float32]:
-        """The weight that the numbers stand for."""
+        """The weight that the numbers represent."""
         shape = [1] * self.values.ndim
         if self.axis is not None:
             shape[self.axis] = -1
@@ -94,23 +94,23 @@ class Equalized:
 
     def __post_init__(self) -> None:
         if not self.factors or not all(0 < factor <= 1 for factor in self.factors):
-            raise CalibrationError("factors of channels have to be above 0 and at most 1")
+            raise CalibrationError("factors of channels must be above 0 and at most 1")
 
 
 @dataclass(frozen=True)
 class Calibration:
-    """What is known of the numbers that flow through a model.
+    """The known numbers that flow through a model.
 
     Attributes:
-        ranges: By tensor of the prepared float model. Its graph inputs belong to them, initializers do not.
+        ranges: By tensor of the prepared float model, graph inputs included, initializers excluded.
         method: How the ranges were chosen: "min-max", "percentile 99.99", "mean-square error", "from QDQ".
         samples: The number of samples.
         fingerprint: Of the float model as it was given (`model_fingerprint`).
         prepared: Of the prepared model.
-        data: What messages call the samples.
-        weights: By initializer: numbers of weights that the calibrated model held quantized already.
+        data: The name of the samples in messages.
+        weights: By initializer: numbers of weights that were quantized already in the calibrated model.
         equalized: By tensor: channels that a depthwise `Conv` reads, brought to one range.
-        outside: By tensor: the share of the values that its range leaves out, 0 to 1, where values were seen.
+        outside: By tensor: the share of the values outside its range, 0 to 1, if values were seen.
     """
 
     ranges: Mapping[str, Range]
@@ -132,7 +132,7 @@ class Calibration:
             )
 
     def merge(self, other: Calibration) -> Calibration:
-        """Both together, as if collected on the samples of both; ranges that are not extremes are joined to the wider.
+        """Both together, as if collected on the samples of both. Of ranges that are not extremes, the wider counts.
 
         Raises:
             CalibrationError: They are of different models or were made in different ways.
@@ -146,7 +146,7 @@ class Calibration:
             ranges[name] = ranges[name].union(found) if name in ranges else found
         weights = {**self.weights, **other.weights}
         samples = self.samples + other.samples
-        # The joined range leaves out less than either; what both left out is the most that it can be.
+        # The joined range leaves out less than either; the weighted mean of both shares is an upper bound.
         outside = {**self.outside, **other.outside}
         for name in self.outside.keys() & other.outside.keys():
             outside[name] = (self.outside[name] * self.samples + other.outside[name] * other.samples) / max(samples, 1)
@@ -185,7 +185,7 @@ class Calibration:
 
     @classmethod
     def from_json(cls, text: str) -> Calibration:
-        """Reads what `to_json` wrote.
+        """Reads the output of `to_json`.
 
         Raises:
             CalibrationError: The text is something else; the message says where.
@@ -193,9 +193,9 @@ class Calibration:
         try:
             content = json.loads(text)
         except ValueError as error:
-            raise CalibrationError(f"not a calibration: no JSON ({error})") from None
+            raise CalibrationError(f"not a calibration: not JSON ({error})") from None
         if not isinstance(content, dict) or content.get("format") != FORMAT:
-            raise CalibrationError(f'not a calibration: "format" has to be "{FORMAT}"')
+            raise CalibrationError(f'not a calibration: "format" must be "{FORMAT}"')
         if content.get("version") != VERSION:
             raise CalibrationError(f"a calibration of version {content.get('version')}: this release reads {VERSION}")
         return cls(
@@ -236,7 +236,7 @@ def read_calibration(path: str | os.PathLike[str]) -> Calibration:
     except OSError as error:
         raise CalibrationError(f"cannot read '{path}': {error.strerror}") from None
     except UnicodeDecodeError:
-        raise CalibrationError(f"'{path}' is not a calibration: it is no text") from None
+        raise CalibrationError(f"'{path}' is not a calibration: it is not text") from None
     except CalibrationError as error:
         raise CalibrationError(f"'{path}' is {error}") from None
 
@@ -244,34 +244,34 @@ def read_calibration(path: str | os.PathLike[str]) -> Calibration:
 def _typed(content: Mapping[str, Any], key: str, kind: type) -> Any:
     value = content.get(key)
     if not isinstance(value, kind) or isinstance(value, bool):
-        raise CalibrationError(f'not a calibration: "{key}" has to be {"a number" if kind is int else "a text"}')
+        raise CalibrationError(f'not a calibration: "{key}" must be {"a number" if kind is int else "a text"}')
     return value
 
 
 def _entries(content: Mapping[str, Any], key: str, default: Any = None) -> Iterable[tuple[str, Any]]:
     found = content.get(key, default)
     if not isinstance(found, dict):
-        raise CalibrationError(f'not a calibration: "{key}" has to be an object by tensor name')
+        raise CalibrationError(f'not a calibration: "{key}" must be an object by tensor name')
     return found.items()
 
 
 def _numbers(name: str, values: Any) -> tuple[float, ...]:
     if isinstance(values, list) and all(isinstance(value, int | float) and math.isfinite(value) for value in values):
         return tuple(float(value) for value in values)
-    raise CalibrationError(f"not a calibration: tensor '{name}' has to have finite numbers")
+    raise CalibrationError(f"not a calibration: tensor '{name}' must have finite numbers")
 
 
 def _range(name: str, pair: Any) -> Range:
     values = _numbers(name, pair)
     if len(values) != 2 or values[0] > values[1]:
-        raise CalibrationError(f"not a calibration: the range of tensor '{name}' has to be two numbers in order")
+        raise CalibrationError(f"not a calibration: the range of tensor '{name}' must be two numbers in order")
     return Range(*values)
 
 
 def _share(name: str, share: Any) -> float:
     if isinstance(share, int | float) and 0 <= share <= 1:
         return float(share)
-    raise CalibrationError(f"not a calibration: the share outside the range of tensor '{name}' has to be from 0 to 1")
+    raise CalibrationError(f"not a calibration: the share outside the range of tensor '{name}' must be from 0 to 1")
 
 
 def _equalized_to_json(one: Equalized) -> dict[str, Any]:

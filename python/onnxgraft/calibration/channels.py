@@ -1,4 +1,4 @@
-"""What is remembered of the channels of one tensor: a small histogram each, from which they can be divided by factors.
+"""The statistics of one tensor's channels: a small histogram each, from which factors for them can be computed.
 
 The bins are the numbers with 3 bits of mantissa from 2^-16 to 2^16. Smaller numbers count as zero, larger ones as the
 largest. A tensor of 500 channels takes 2 MB.
@@ -15,14 +15,14 @@ from onnxgraft.calibration.histograms import Statistics
 
 Array = npt.NDArray[Any]
 
-_SHIFT = 20  # what is left of a 32-bit float: sign, 8 bits of exponent, 3 of mantissa
+_SHIFT = 20  # the upper part of a 32-bit float: sign, 8 bits of exponent, 3 of mantissa
 _FIRST = (127 - 16) << 3
 _HALF = 32 << 3  # bins of one sign
 _LEAST_FACTOR = 1 / 256
 
 
 class Channels:
-    """The extremes of each channel (axis 1) of a tensor, and how often it took which values, if `counts_values`."""
+    """The extremes of each channel (axis 1) of a tensor, and a histogram of its values if `counts_values`."""
 
     def __init__(self, count: int, *, counts_values: bool) -> None:
         self.is_finite = True
@@ -30,7 +30,7 @@ class Channels:
         self._counts = np.zeros((count, 2 * _HALF), np.int64) if counts_values else None
 
     def add(self, values: Array) -> None:
-        """Takes the values of one sample, float32."""
+        """Adds the values of one sample, float32."""
         others = tuple(axis for axis in range(values.ndim) if axis != 1)
         low, high = values.min(axis=others, initial=np.inf), values.max(axis=others, initial=-np.inf)
         if values.size == 0:
@@ -47,10 +47,10 @@ class Channels:
                 self._counts[channel] += np.bincount(inner[:, channel].reshape(-1), minlength=2 * _HALF)
 
     def factors(self, kept: float) -> Array | None:
-        """What to divide each channel by: above 0, at most 1; None if nothing is known.
+        """The factor of each channel: above 0, at most 1; None if nothing is known.
 
         Args:
-            kept: The share of a channel's values that its factor is the largest magnitude of, where they are counted.
+            kept: The share of a channel's values whose largest magnitude decides its factor, if values are counted.
         """
         if not self.is_finite or np.isinf(self._low).any():
             return None

@@ -54,35 +54,35 @@ def calibrate(
 ) -> Calibration:
     """Collects the ranges that the tensors of a float model take on samples.
 
-    The samples are read once, one after the other; what is remembered does not grow with their number.
+    The samples are read once, one after the other; memory does not grow with their number.
 
     Args:
         model: The float model, or its file. It is not changed.
         data: Samples: an `.npz` or `.npy` file, a folder of them or of images, "random:N", or an iterable in Python
-            (`open_data` tells the forms).
+            (`open_data` describes the forms).
         method: "min-max" takes the extremes, "percentile" leaves the outermost values out, "mse" takes the range with
             the least mean square error of 8-bit numbers.
         percentile: How many percent of a tensor's values "percentile" keeps, split evenly between both ends.
         images: How images become arrays.
         sizes: Sizes of symbolic dimensions for "random:N", by name or as "input[axis]".
-        seed: Of "random:N".
+        seed: The seed of "random:N".
         prepare: Whether to prepare a copy of the model first, as `rewrite` does, or the steps to run. Ranges are those
             of the prepared model's tensors.
         folder: The folder that the locations of external tensors start from; None is the model file's, or the current
             one.
-        evaluator: "auto" takes onnxruntime where it is installed, else onnx's own evaluator, which is far slower.
-        all_tensors: Whether to look at every tensor, not only at what quantized operators read and the graph's inputs
+        evaluator: "auto" chooses onnxruntime if it is installed, otherwise onnx's own evaluator, which is far slower.
+        all_tensors: Whether to watch every tensor, not only the inputs of quantized operators and the graph's inputs
             and outputs.
-        memory: The most bytes of inner tensors to hold at a time. A model with more is computed in parts, which takes
-            a forward run each.
+        memory: The most bytes of inner tensors to hold at a time. A model with more is computed in parts, which takes a
+            forward run each.
         progress: Called with the number of samples done, and that of all, if it is known.
 
     Returns:
-        The ranges of tensors of floating-point numbers that the outer graph computes or is given. A tensor without
+        The ranges of tensors of floating-point numbers that the outer graph computes or receives. A tensor without
         elements, or with values that are not finite, has no range; a warning names it.
 
     Raises:
-        CalibrationError: There are no samples, no tensors to look at, or the method is unknown.
+        CalibrationError: There are no samples, no tensors to watch, or the method is unknown.
         DataError: The data cannot be read or do not fit the model's inputs.
         EvaluationError: The model cannot be computed.
         ModelFileError: The model file cannot be used.
@@ -178,12 +178,12 @@ class _Collector:
         self._seen: dict[str, Statistics] = {}
 
     def add(self, sample: Sample, runners: Sequence[ForwardRunner]) -> None:
-        """Computes one sample and takes in what its tensors are."""
+        """Computes one sample and records its tensors."""
         for name, values in sample.items():
             self._take(name, values)
         for runner in runners:
             found = runner.run(sample)
-            while found:  # each tensor is let go when it was looked at
+            while found:  # each tensor is released after it was recorded
                 self._take(*found.popitem())
 
     def _take(self, name: str, values: Array) -> None:
@@ -197,7 +197,7 @@ class _Collector:
             self.channels[name].add(values)
 
     def usable(self) -> Iterator[tuple[str, Statistics]]:
-        """What has a range, in the order of the graph."""
+        """The tensors with a range, in the order of the graph."""
         for name in [*self._watched.inputs, *self._watched.computed]:
             seen = self._seen.get(name)
             if seen is None or seen.is_empty:
@@ -205,4 +205,4 @@ class _Collector:
             if seen.is_finite:
                 yield name, seen
             else:
-                _log.warning("tensor '%s' took values that are not finite, so it gets no range", name)
+                _log.warning("tensor '%s' had values that are not finite, so it gets no range", name)

@@ -26,13 +26,13 @@ class Equalizable:
     """One tensor whose channels can be divided by factors.
 
     Attributes:
-        tensor: What depthwise `Conv` nodes read, and nothing else.
+        tensor: A tensor that only depthwise `Conv` nodes read.
         channels: How many channels it has.
         rank: Its rank.
         readers: These nodes.
         divided: Where the factors go in: nodes, and which of their inputs is a constant to be divided; that of a `Div`
             is to be multiplied.
-        between: All tensors that get other values: `tensor`, and those on the way to it.
+        between: All tensors that get other values: `tensor`, and those on the path to it.
     """
 
     tensor: str
@@ -69,7 +69,7 @@ def _is_depthwise(node: onnx.NodeProto, around: Surroundings) -> bool:
 
 
 def _follow(found: Equalizable, around: Surroundings) -> bool:
-    """Goes back from the tensor to constants that its channels can be divided in; False if there are none."""
+    """Goes back from the tensor to constants in which its channels can be divided; False if there are none."""
     name = found.tensor
     while True:
         readers = len(around.readers(name))

@@ -1,8 +1,8 @@
-"""A text that tells float models apart, the same in each process.
+"""A text that identifies a float model, the same in each process.
 
-It is made of the trained numbers, in whatever order and under whatever name they are stored, and of the names of the
-graph's inputs and outputs. So it stays where a tensor is only renamed, transposed or stored in another way; steps of
-preparation that compute new weights change it.
+It is computed from the trained numbers, in any order and under any name, and from the names of the graph's inputs and
+outputs. So it stays the same if a tensor is only renamed, transposed or stored in another way; preparation steps that
+compute new weights change it.
 """
 
 from __future__ import annotations
@@ -20,7 +20,7 @@ from onnxgraft.errors import CalibrationError
 from onnxgraft.graph.tensor_values import read_values
 
 _FLOATS = (onnx.TensorProto.FLOAT, onnx.TensorProto.FLOAT16, onnx.TensorProto.DOUBLE, onnx.TensorProto.BFLOAT16)
-# Smaller constants come and go with the form that an exporter writes.
+# Smaller constants depend on the form that an exporter writes.
 _SMALLEST = 8
 _BLOCK = 1 << 16
 _FIRST_FACTOR, _SECOND_FACTOR = np.uint64(0x9E3779B97F4A7C15), np.uint64(0xBF58476D1CE4E5B9)

@@ -1,4 +1,4 @@
-"""What is remembered of the values of one tensor, of any number of samples, in constant memory.
+"""The statistics of one tensor's values over any number of samples, in constant memory.
 
 The bins are the numbers with 7 bits of mantissa: the upper half of a 32-bit float is the number of its bin. So each bin
 is at most 1/128 of its value wide, from the smallest number to the largest, and the bins fit however far a range grows.
@@ -15,12 +15,12 @@ Array = npt.NDArray[Any]
 
 _BINS = 1 << 16
 _SIGN = 1 << 15
-_BLOCK = 1 << 18  # values that are looked at while they are in the cache
+_BLOCK = 1 << 18  # values that are counted while they are in the cache
 _UPPER_HALF = 1 if np.little_endian else 0
 
 
 class Statistics:
-    """The extremes of a tensor, and how often it took which values, if `counts_values`."""
+    """The extremes of a tensor, and a histogram of its values if `counts_values`."""
 
     def __init__(self, *, counts_values: bool) -> None:
         self.low, self.high = np.inf, -np.inf
@@ -33,7 +33,7 @@ class Statistics:
         return self.is_finite and self.low > self.high
 
     def add(self, values: Array) -> None:
-        """Takes the values of one sample, float32."""
+        """Adds the values of one sample, float32."""
         if values.size == 0:
             return
         low, high = float(values.min()), float(values.max())

@@ -1,4 +1,4 @@
-"""How a range is chosen from what was seen of a tensor."""
+"""How a range is chosen from the statistics of a tensor."""
 
 from __future__ import annotations
 
@@ -21,17 +21,17 @@ _ROUNDS = 2
 
 
 def chooser(method: str, percentile: float) -> tuple[str, Callable[[Statistics], Range]]:
-    """What the method is called in a calibration, and its function.
+    """The name of the method in a calibration, and its function.
 
     Raises:
-        CalibrationError: There is no such method, or the percentile is of no use.
+        CalibrationError: There is no such method, or the percentile is out of range.
     """
     match method:
         case "min-max":
             return "min-max", lambda seen: Range(seen.low, seen.high)
         case "percentile":
             if not 50 < percentile <= 100:
-                raise CalibrationError(f"the percentile has to be above 50 and at most 100, not {percentile:g}")
+                raise CalibrationError(f"the percentile must be above 50 and at most 100, not {percentile:g}")
             return f"percentile {percentile:g}", lambda seen: _inner_part(seen, percentile / 100)
         case "mse":
             return "mean-square error", _least_error
@@ -43,7 +43,7 @@ def _inner_part(seen: Statistics, share: float) -> Range:
     """The range that leaves (1 - share) / 2 of the values out at each end; values are spread evenly within a bin."""
     lower, upper, counts = seen.histogram()
     below = np.concatenate([[0], np.cumsum(counts)]) / counts.sum()
-    # Each bin by its two ends: between bins there is nothing.
+    # Each bin by its two ends: between bins there are no values.
     shares, edges = np.stack([below[:-1], below[1:]], 1).reshape(-1), np.stack([lower, upper], 1).reshape(-1)
     rest = (1 - share) / 2
     low, high = np.interp([rest, 1 - rest], shares, edges)
@@ -51,15 +51,15 @@ def _inner_part(seen: Statistics, share: float) -> Range:
 
 
 def _least_error(seen: Statistics) -> Range:
-    """The range with the least mean square of what 8 bits change: rounding within, clipping beyond.
+    """The range with the least mean square error of 8 bits: rounding within, clipping beyond.
 
-    The ends are drawn in one after the other, each to a share of the extreme that it begins with.
+    The ends move inwards one after the other, each to a share of the extreme that it started with.
     """
     if seen.low == seen.high:
         return Range(seen.low, seen.high)
     lower, upper, counts = seen.histogram()
     bins = ((lower + upper) / 2, (upper - lower) ** 2 / 12, counts.astype(np.float64))
-    # Zero is always one of the numbers, so that the range has to hold it.
+    # Zero is always one of the numbers, so the range must contain it.
     widest = (min(seen.low, 0.0), max(seen.high, 0.0))
     low, high = widest
     for _ in range(_ROUNDS):

@@ -1,4 +1,4 @@
-"""Which tensors of a model are looked at while it is calibrated, and how large they are."""
+"""The tensors of a model that are watched during calibration, and their sizes."""
 
 from __future__ import annotations
 
@@ -20,19 +20,19 @@ _FLOATS = {
 }
 # Their output has the values of their first input.
 _VIEWS = {"Dropout", "Flatten", "Identity", "Reshape", "Squeeze", "Transpose", "Unsqueeze"}
-# What can compute on quantized values, and which of its operands are no weights.
+# Operators that can compute on quantized values, and which of their operands are not weights.
 _QUANTIZABLE = {"Conv": 1, "ConvTranspose": 1, "Gemm": 2, "MatMul": 2}
 _BYTES = 4
 
 
 @dataclass
 class Watched:
-    """What is looked at.
+    """The watched tensors.
 
     Attributes:
         inputs: Graph inputs.
         computed: Tensors that nodes write, in order, with an estimate of their bytes.
-        aliases: Tensors with the values of another one that is looked at.
+        aliases: Tensors with the values of another watched tensor.
     """
 
     inputs: list[str] = field(default_factory=list)
@@ -47,9 +47,9 @@ def watched_tensors(
 
     Args:
         model: The model.
-        sample: Tells the sizes of its inputs.
+        sample: Shows the sizes of its inputs.
         folder: The folder that the locations of external tensors start from.
-        everything: Whether to look at all tensors, not only at those that a quantized operator would read.
+        everything: Whether to watch all tensors, not only the inputs of quantized operators.
     """
     graph = model.graph
     constants = {tensor.name for tensor in graph.initializer}

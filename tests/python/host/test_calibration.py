@@ -89,7 +89,7 @@ def test_tensors_that_cannot_have_a_range_are_named(caplog: pytest.LogCaptureFix
     model = model_of(lines, inputs={"x": [4]}, outputs=["l", "s"], tensors={"zero": np.array([0])})
     found = calibrate(model, [np.array([-1, 0, 1, 2], "f")], all_tensors=True)
     assert set(found.ranges) == {"x", "r"}
-    assert "tensor 'l' took values that are not finite" in caplog.text
+    assert "tensor 'l' had values that are not finite" in caplog.text
 
 
 def test_fingerprint_tells_models_apart_but_not_forms_of_one(example_models: list[Path]) -> None:
@@ -124,13 +124,13 @@ def test_files_come_back_and_merge() -> None:
 @pytest.mark.parametrize(
     ("change", "message"),
     [
-        ({"format": "other"}, '"format" has to be "onnxgraft-calibration"'),
+        ({"format": "other"}, '"format" must be "onnxgraft-calibration"'),
         ({"version": 2}, "a calibration of version 2: this release reads 1"),
-        ({"samples": "3"}, '"samples" has to be a number'),
-        ({"ranges": []}, '"ranges" has to be an object'),
-        ({"ranges": {"x": [1, 0]}}, "the range of tensor 'x' has to be two numbers in order"),
-        ({"ranges": {"x": [0, None]}}, "tensor 'x' has to have finite numbers"),
-        ({"outside": {"x": 2}}, "the share outside the range of tensor 'x' has to be from 0 to 1"),
+        ({"samples": "3"}, '"samples" must be a number'),
+        ({"ranges": []}, '"ranges" must be an object'),
+        ({"ranges": {"x": [1, 0]}}, "the range of tensor 'x' must be two numbers in order"),
+        ({"ranges": {"x": [0, None]}}, "tensor 'x' must have finite numbers"),
+        ({"outside": {"x": 2}}, "the share outside the range of tensor 'x' must be from 0 to 1"),
         ({"weights": {"w": {"int8": "!"}}}, "the numbers of weight 'w' are broken"),
     ],
 )
@@ -161,7 +161,7 @@ def test_command(tmp_path: Path, monkeypatch: pytest.MonkeyPatch, capsys: pytest
         ("m.onnx", "d.npz", "--merge", "d.npz"): "'d.npz' is not a calibration",
         ("other.onnx", "d.npz", "--merge", "r.json"): "of another model",
         ("strange.onnx", "d.npz"): "the model: ",
-        ("m.onnx", "d.npz", "--method", "percentile", "--percentile", "20"): "has to be above 50",
+        ("m.onnx", "d.npz", "--method", "percentile", "--percentile", "20"): "must be above 50",
         ("missing.onnx", "d.npz"): "cannot read 'missing.onnx'",
     }
     for (model, data, *further), message in bad.items():
