@@ -1,4 +1,4 @@
-"""The engine that runs transformations over a model: steps, reports, put-back of what failed.
+"""The engine that runs transformations over a model: steps, reports, undoing failed steps.
 
 Command line and API are thin layers over `rewrite`.
 """

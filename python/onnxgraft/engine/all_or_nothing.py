@@ -12,9 +12,9 @@ _Result = TypeVar("_Result")
 
 
 def all_or_nothing(run: Callable[[], _Result], undo: Callable[[], None]) -> _Result:
-    """Runs it, and undoes it if anything is raised.
+    """Runs the function, and undoes it if anything is raised.
 
-    Signals interrupt the run as usual. What comes after the first error, a second Ctrl-C for instance, waits until
+    Signals interrupt the run as usual. Everything after the first error, for instance a second Ctrl-C, waits until
     `undo` has ended.
     """
     signals = _Signals()
@@ -36,7 +36,7 @@ def all_or_nothing(run: Callable[[], _Result], undo: Callable[[], None]) -> _Res
 
 
 class _Signals:
-    """The signals that have handlers in Python. These run in the main thread only, so others need no care."""
+    """The signals that have handlers in Python. These run only in the main thread, so other threads need no care."""
 
     def __init__(self) -> None:
         self.wait = False
@@ -61,11 +61,11 @@ class _Signals:
             signal.raise_signal(number)
 
     def _handle(self, number: int, frame: FrameType | None) -> None:
-        if self._is_over:  # a handler that raised may have kept this one from being given back
+        if self._is_over:  # a handler that raised may have prevented the restoring of this one
             self._handlers[number](number, frame)
         elif self.wait:
             self._waiting.append(number)
         else:
-            self.wait = True  # if the handler raises, those that follow wait
+            self.wait = True  # if the handler raises, the following ones wait
             self._handlers[number](number, frame)
             self.wait = False

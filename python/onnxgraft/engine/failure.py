@@ -17,7 +17,7 @@ if TYPE_CHECKING:
 
 
 class TransformationError(HostError):
-    """A transformation that failed on a graph; the graph is as it was before that transformation began."""
+    """A transformation that failed on a graph; the graph is in its state before that transformation."""
 
     def __init__(
         self,
@@ -28,14 +28,14 @@ class TransformationError(HostError):
         nodes: tuple[NodeText, ...] = (),
         report: Report | None = None,
     ) -> None:
-        """Keeps what is known of the failure.
+        """Keeps the known facts about the failure.
 
         Args:
             message: One line.
             transformation: Its short name.
             pattern: The pattern that was being replaced; empty if it failed before or between patterns.
-            nodes: The nodes of the occurrence whose callback failed; empty if none was being asked about.
-            report: What was done before.
+            nodes: The nodes of the occurrence whose callback failed; empty if no callback was running.
+            report: The report of the steps before.
         """
         super().__init__(message)
         self.transformation = transformation

@@ -1,8 +1,8 @@
-"""A number for what a graph computes, whatever its tensors are called and in which order its nodes stand.
+"""A number for the function of a graph, independent of the names of its tensors and the order of its nodes.
 
 Two graphs have equal fingerprints if each node of one has a counterpart in the other: same operator, same attributes,
-fed in the same way. Initializers count by type and shape. So the result of a transformation that draws new random
-weights or fresh names each time is the same graph again.
+same inputs. Initializers count by type and shape. So a transformation that draws new random weights or fresh names each
+time gives the same fingerprint again.
 """
 
 from __future__ import annotations
@@ -25,7 +25,7 @@ def fingerprint(graph: onnx.GraphProto) -> int:
 
 
 def _of_graph(graph: onnx.GraphProto, outer: Mapping[str, int]) -> int:
-    # tensor -> what it is, told from what it is made of; nodes stand in topological order
+    # tensor -> a hash of its computation; nodes are in topological order
     known = dict(outer)
     known.update({value.name: hash(("input", value.name)) for value in graph.input})
     constants = {tensor.name: _of_tensor(tensor) for tensor in graph.initializer}
@@ -38,7 +38,7 @@ def _of_graph(graph: onnx.GraphProto, outer: Mapping[str, int]) -> int:
 
 
 def _of_node(node: onnx.NodeProto, known: dict[str, int]) -> int:
-    # A tensor that nothing writes before it is read (the graph is not sorted) is any tensor.
+    # A tensor that is read before it is written (the graph is not sorted) counts as any tensor.
     inputs = tuple([known.get(name, 0) if name else 1 for name in node.input])
     result = hash((node.op_type, node.domain, inputs, tuple(sorted(_of_attributes(node, known))), len(node.output)))
     for position, name in enumerate(node.output):

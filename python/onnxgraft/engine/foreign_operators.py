@@ -1,6 +1,6 @@
-"""Warns of operators that patterns take for standard ones, because they bear the name of one.
+"""Warns of operators that patterns treat as standard ones, because they have the name of one.
 
-Patterns name operators without a domain, so that they find quantize nodes of any.
+Patterns name operators without a domain, so that they find quantize nodes of any domain.
 """
 
 from __future__ import annotations
@@ -16,7 +16,7 @@ _STANDARD = ("", "ai.onnx")
 
 
 class ForeignOperators:
-    """The nodes of a graph that bear the name of a standard operator and are another one.
+    """The nodes of a graph that have the name of a standard operator and are another one.
 
     Args:
         graph: The graph, before the run.
@@ -40,4 +40,4 @@ class ForeignOperators:
             if name in named:
                 what = f"a function of the model called {name}" if domain in _STANDARD else f"{domain}::{name}"
                 nodes = "1 node is" if count == 1 else f"{count} nodes are"
-                yield f"{nodes} of {what}, which patterns take for the standard {name}"
+                yield f"{nodes} of {what}, which patterns treat as the standard {name}"

@@ -1,7 +1,7 @@
-"""Watches a transformation while it runs.
+"""Observes a transformation while it runs.
 
-The watched instance gets, for the time of one run, functions of its own in front of the two methods that every pass
-goes through. Its class stays what it is, so `isinstance`, `super()` and whatever else a class does work as ever.
+For the time of one run, functions on the watched instance intercept the two methods that every pass goes through. Its
+class stays the same, so `isinstance`, `super()` and everything else that a class does work as before.
 """
 
 from __future__ import annotations
@@ -32,15 +32,15 @@ Details = Literal["counts", "nodes", "neighbours"]
 _WEIGHTS = "_update_weights"
 _DEFAULT_CALLBACK = vars(AbstractTransformation)[CALLBACK]
 _REASONS = "refusal_reasons"
-_DONE = "is INT8 already"  # how the callbacks end a reason that leaves nothing to do
-_NAMES = re.compile(r"(?: node)? '[^']*'")  # what differs between refusals of one kind
+_DONE = "is INT8 already"  # the ending of a callback's reason if nothing is left to do
+_NAMES = re.compile(r"(?: node)? '[^']*'")  # the varying part of refusals of one kind
 
 _log = logging.getLogger(__name__)
 
 
 @dataclass(frozen=True)
 class Failure:
-    """Where something was raised."""
+    """Where an exception was raised."""
 
     pattern: tuple[str, ...]
     nodes: tuple[NodeText, ...] = ()  # of the occurrence whose callback raised
@@ -56,12 +56,12 @@ class _Pass:
 
 
 class Recorder:
-    """What one transformation did in one run.
+    """The record of one transformation in one run.
 
     Attributes:
         patterns: One result per (pattern, replacement) pair, in the order in which they were run.
         failure: Where it raised, if it did while it ran a pattern.
-        splices: What was accepted, in order; empty unless `splices` was asked for.
+        splices: The accepted occurrences, in order; empty unless `splices` was requested.
     """
 
     def __init__(
@@ -89,7 +89,7 @@ class Recorder:
         self.patterns: list[PatternResult] = []
         self.failure: Failure | None = None
         self.splices: list[Splice] = []
-        self.refused: dict[str, str] = {}  # what matched nodes write, and their names -> what the callback said
+        self.refused: dict[str, str] = {}  # outputs and names of matched nodes -> the callback's reason
         self._keeps_splices = splices
         self._snapshot = snapshot
         self._details = details
@@ -101,11 +101,11 @@ class Recorder:
 
     @contextmanager
     def watch(self, transformation: Any) -> Iterator[None]:
-        """Records what `transformation` does inside of the `with` block."""
+        """Records the actions of `transformation` inside the `with` block."""
         replaced = {REPLACE: observed(getattr(transformation, REPLACE), self._replace_all)}
         callback = getattr(transformation, CALLBACK)
         is_default = getattr(callback, "__func__", None) is _DEFAULT_CALLBACK
-        # The default callback accepts everything: for counts alone it need not be called.
+        # The default callback accepts everything: for counts alone it need not run.
         if not is_default or self._details != "counts" or self._keeps_splices:
             replaced[CALLBACK] = self._on_replace(callback)
         if self._store is not None and hasattr(transformation, _WEIGHTS):
@@ -130,7 +130,7 @@ class Recorder:
         finally:
             result.seconds = perf_counter() - start
             self._pass = outer
-        if not result.found:  # the default callback was not called: it accepted everything
+        if not result.found:  # the default callback did not run: it would have accepted everything
             result.found = result.replaced = count
         if self._misses and not result.found:
             miss = nearest_miss(graph, subgraph, replacement)
@@ -143,10 +143,10 @@ class Recorder:
         return count
 
     def _on_replace(self, callback: Any) -> Callable[..., Any]:
-        """Something in front of the callback that counts and records its answers."""
+        """Intercepts the callback, counts and records its answers."""
         gives_reasons = _takes_reasons(callback)
 
-        # The parameters are named as in the method that this one stands for.
+        # The parameters have the names of the replaced method.
         def on_replace(
             original: Any,
             graph: Any,
@@ -263,7 +263,7 @@ def _copy(node: onnx.NodeProto) -> onnx.NodeProto:
 
 
 def _strings(pattern: Any) -> tuple[str, ...]:
-    """A pattern list as a report holds it; what is wrong about it, the pass itself will say."""
+    """A pattern list in the form of a report; the pass itself will report errors in it."""
     if isinstance(pattern, Sequence) and not isinstance(pattern, str):
         return tuple(map(str, pattern))
     return (repr(pattern),)

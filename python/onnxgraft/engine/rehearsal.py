@@ -1,7 +1,7 @@
-"""Runs one transformation to learn what becomes of a few nodes; what it makes of the graph is thrown away.
+"""Runs one transformation to learn the outcome for a few nodes; the rewritten graph is thrown away.
 
-The search and the splicing are those of a run. A built-in callback is called for the occurrences that touch the tensors
-asked about; it counts as accepting the others, which saves most of the time: it would compute weights for them.
+The search and the splicing are those of a run. A built-in callback is called only for the occurrences that touch the
+tensors in question and counts as accepting the others. This saves most of the time: it would compute weights for them.
 """
 
 from __future__ import annotations
@@ -29,7 +29,7 @@ def rehearse(
     Args:
         graph: A graph of the caller's own, which is useless afterwards.
         candidate: What to run.
-        tensors: The names of the tensors that matter: what the nodes in question read and write.
+        tensors: The names of the tensors in question: the inputs and outputs of the nodes.
         folder: The folder that the locations of external tensors start from; None is the current one.
 
     Returns:
@@ -37,7 +37,7 @@ def rehearse(
     """
     count = len(graph.node)
     step = Step(candidate.name, candidate.row.cls.__name__, 1, count, count)
-    # A callback of a user's may keep a state, or edit anything: then each call matters.
+    # A user's callback may keep a state, or edit anything: then each call matters.
     recorder = Recorder(
         None, "nodes", misses=False, matters=lambda nodes: touches(nodes, tensors), calls_all=not candidate.row.is_own
     )

@@ -35,7 +35,7 @@ if TYPE_CHECKING:
 
 OnError = Literal["stop", "continue"]
 
-# What `rewrite` does not hand on where it works from file to file.
+# Arguments of `rewrite` that do not apply from file to file.
 _OF_FILES = ("model", "transformations", "output", "overwrite", "folder", "weight_store")
 
 _log = logging.getLogger(__name__)
@@ -67,47 +67,47 @@ def rewrite(
     """Runs transformations over a model, in order and in place.
 
     Each transformation is one step: it is done as a whole or, if it raises, undone as a whole. Undoing costs in
-    proportion to what the step touched; what a user's callback edited in the content of an initializer stays.
+    proportion to the changes of the step. Edits of a user's callback inside the content of an initializer stay.
 
     Args:
         model: The model, or its graph alone; or the path of a model, with `output`.
         transformations: Short names, classes or instances, one or several, or a recipe or its name.
-        seed: Seeds NumPy's global generator for this run, from 0 to 2**32 - 1; afterwards it is as it was. Without a
-            seed the generator is used as it is. Runs in several threads take turns, so that each draws what it would
-            draw alone.
-        until_stable: Run the whole list again until the graph does not change any more, which is told by the graph:
-            names of new tensors and the content of initializers do not count. A recipe may ask for it too.
-        prepare: Whether to bring exporters' forms into those that the patterns name first; or the names of the
+        seed: Seeds NumPy's global generator for this run, from 0 to 2**32 - 1, and restores it afterwards. Without a
+            seed the generator is used as it is. Runs in several threads take turns, so that each draws the same numbers
+            as it would alone.
+        until_stable: Run the whole list again until the graph stops changing. Names of new tensors and the content of
+            initializers do not count as changes. A recipe may ask for it too.
+        prepare: Whether to convert exporters' forms to those that the patterns name first; or the names of the
             preparation steps to run. True means all steps, or those that the recipe names.
-        progress: Called with the name of each step as it begins.
-        on_error: "stop" raises at the first transformation that fails, "continue" notes it and goes on.
+        progress: Called with the name of each step as it starts.
+        on_error: "stop" raises at the first transformation that fails, "continue" records it and goes on.
         skip: Short names of transformations to leave out.
-        details: What the report tells of each occurrence: nothing but their number, their nodes, or the nodes around
-            them too.
+        details: What the report contains of each occurrence: only their number, their nodes, or also the nodes around
+            them.
         folder: The folder that the locations of external tensors start from; None is the current one.
         max_rounds: The most rounds of `until_stable`.
-        weight_store: Where new weights go, if not into the graph.
-        finish: Whether to complete what a transformation leaves open, so that the shapes of its result fit: weights
-            are split along their input channels after `delete_concat`, biases brought to their length after
-            `fuse_bn_quant`. The report counts such places as "finished".
-        followers: What goes on where each transformation has ended, in order, before it is finished.
-        calibration: Ranges of the model's tensors, or a `Filling` that says more. Then no number is drawn: weights,
+        weight_store: Where to put new weights, if not into the graph.
+        finish: Whether to complete what a transformation leaves open, so that the shapes of its result fit: weights are
+            split along their input channels after `delete_concat`, biases get their full length after `fuse_bn_quant`.
+            The report counts such places as "finished".
+        followers: Called after each transformation, in order, before its result is finished.
+        calibration: Ranges of the model's tensors, or a `Filling` with more settings. Then no number is drawn: weights,
             biases, scales and offsets are those of the model. Needs a ModelProto.
-        exclude: Operators that stay in float: globs over node names (a node without one goes by what it writes),
-            "op:Gemm" or "input:NAME".
+        exclude: Operators that stay in float: globs over node names (a node without one goes by its output), "op:Gemm"
+            or "input:NAME".
         only: In the same form, the operators that may be quantized; none means all.
         output: The file to write, for a model given as a path. Weights in a data file are written to a new data file
-            beside it, and never loaded as a whole. Nothing is written if the run fails.
+            next to it, and never loaded as a whole. Nothing is written if the run fails.
         overwrite: Whether `output` may exist.
 
     Returns:
-        What was done.
+        The report.
 
     Raises:
-        TransformationError: A transformation failed. The model is as it was when that step began; the error has the
+        TransformationError: A transformation failed. The model is in its state before that step; the error has the
             report of the steps before.
         UnknownTransformationError: There is no transformation of a given name.
-        UnknownNameError: What `exclude` or `only` names meets no node.
+        UnknownNameError: A glob of `exclude` or `only` matches no node.
         ModelFileError: A file cannot be read or written.
         TypeError: `model` or an element of `transformations` is of another type.
         ValueError: Another argument is out of its range.
@@ -167,14 +167,14 @@ def _filling(
     calibration: Calibration | Filling,
     folder: str | os.PathLike[str] | None,
 ) -> Filling:
-    """What to fill with; the model is as it was given, and a calibration of another one is refused."""
-    from onnxgraft.calibration import model_fingerprint  # only where it is asked for  # noqa: PLC0415
+    """The filling of this run. The model is as given, and a calibration of another one is refused."""
+    from onnxgraft.calibration import model_fingerprint  # only on demand  # noqa: PLC0415
     from onnxgraft.filling import Filling  # noqa: PLC0415
 
     if not isinstance(model, onnx.ModelProto):
-        raise TypeError("a calibration belongs to a model: a ModelProto is wanted, not its graph")
+        raise TypeError("a calibration belongs to a model: expected a ModelProto, not its graph")
     filling = calibration if isinstance(calibration, Filling) else Filling(calibration)
-    if filling.calibration.fingerprint:  # one that was written by hand may have none
+    if filling.calibration.fingerprint:  # a calibration written by hand may have none
         filling.calibration.check_model(model_fingerprint(model, folder))
     return filling
 
@@ -189,7 +189,7 @@ def _rewrite_file(
 ) -> Report:
     """From file to file, as `onnxgraft apply` does."""
     if not isinstance(model, str | os.PathLike):
-        raise TypeError("output= belongs to a model given as a path; save another one with onnx.save")
+        raise TypeError("output= needs a model given as a path; save another one with onnx.save")
     if output is None:
         raise TypeError("a model given as a path needs output=, the file to write")
     source = Path(model)
@@ -203,7 +203,7 @@ def _rewrite_file(
 
 
 def _choice(graph: onnx.GraphProto, recipe: Recipe | None, exclude: Iterable[str], only: Iterable[str]) -> Choice:
-    """What the caller leaves out, and what the recipe does."""
+    """What the caller and the recipe leave out."""
     out, into = ([one] if isinstance(one, str) else list(one) for one in (exclude, only))
     return Choice(graph, [*out, *(recipe.exclude if recipe else ())], [*into, *(recipe.only if recipe else ())])
 
@@ -215,10 +215,10 @@ def _graph(model: Any) -> onnx.GraphProto:
         return model
     if isinstance(getattr(model, "model_proto", None), onnx.ModelProto):
         raise TypeError(
-            f"{type(model).__name__} holds a copy of its model, in which changes would be lost: pass its "
-            "`model_proto`, and make it anew from that afterwards"
+            f"{type(model).__name__} holds a copy of its model, so changes would be lost: pass its `model_proto`, and "
+            "build it again from the result"
         )
-    raise TypeError(f"a ModelProto, a GraphProto or a path is wanted, not {type(model).__name__}")
+    raise TypeError(f"expected a ModelProto, a GraphProto or a path, not {type(model).__name__}")
 
 
 def _check(value: str, known: Iterable[str], name: str) -> None:
@@ -269,20 +269,20 @@ def _run_round(
         report.steps.append(step)
         if step.undone is not None:
             warning = f"'{step.transformation}' was undone: {step.undone}"
-            if warning not in report.warnings:  # in a later round it comes again
+            if warning not in report.warnings:  # in a later round it runs again
                 report.warnings.append(warning)
         if error is not None:
             if stops:
                 error.report = report
                 raise error
-            _log.warning("%s; put back and left out", error)
+            _log.warning("%s; undone and left out", error)
         # A built-in class that replaced nothing changed nothing.
         if stability is not None and error is None and (step.replaced or not candidate.row.is_own):
             stability.note(candidate.name, fingerprint(stepper.host.graph))
 
 
 def _is_done(report: Report, stability: Stability | None, max_rounds: int) -> bool:
-    """Whether no further round has to run; notes in the report how it ended."""
+    """Whether no further round is needed; records in the report how the run ended."""
     if report.rounds == 0:
         return False
     if stability is None:

@@ -1,4 +1,4 @@
-"""Which transformations a run consists of: from names, classes, instances, rows or a recipe."""
+"""Selects the transformations of a run: from names, classes, instances, rows or a recipe."""
 
 from __future__ import annotations
 
@@ -30,7 +30,7 @@ class Candidate:
 
 
 def recipe_of(selection: Selection) -> Recipe | None:
-    """The recipe that is meant: itself, or a single name that no transformation but a recipe has.
+    """The recipe that is meant: itself, or a single name that only a recipe has.
 
     Raises:
         UnknownTransformationError: A single name that neither has.
@@ -51,7 +51,7 @@ def recipe_of(selection: Selection) -> Recipe | None:
 
 
 def candidates(selection: Selection, skip: Iterable[str]) -> list[Candidate]:
-    """What to run, in order.
+    """The transformations to run, in order.
 
     Raises:
         UnknownTransformationError: No transformation has that short name.
@@ -77,12 +77,12 @@ def _candidate(one: Any) -> Candidate:
         name = _name(one()) if known is None else known.name
         return Candidate(name, known or Transformation(name, one), one)
     raise TypeError(
-        "a transformation is its short name, a subclass of AbstractTransformation or an instance of one, "
-        f"not {type(one).__name__}"
+        "a transformation must be a short name, a subclass of AbstractTransformation or an instance of one, not "
+        f"{type(one).__name__}"
     )
 
 
 def _name(instance: Any) -> str:
-    """Its short name, else that of its class."""
+    """Its short name, or the name of its class."""
     method = getattr(instance, "get_simple_name", None)
     return str(method()) if callable(method) else type(instance).__name__

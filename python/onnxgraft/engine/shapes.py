@@ -1,7 +1,7 @@
-"""What is known of the shapes of a graph's tensors.
+"""The known shapes of a graph's tensors.
 
-Made once per pattern, while its replacements stand in the graph; it holds the graph's objects, so it must not
-outlive the pass.
+Made once per pattern, while its replacements are in the graph. It holds the graph's objects, so it must not outlive the
+pass.
 """
 
 from __future__ import annotations
@@ -25,7 +25,7 @@ class Shapes:
         self._count = 0
 
     def _add_new_tensors(self) -> None:
-        """Takes in what callbacks appended since the last time."""
+        """Adds entries that callbacks appended since the last time."""
         count = len(self._initializers)
         for place in range(self._count, count):
             tensor = self._initializers[place]

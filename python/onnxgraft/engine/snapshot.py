@@ -1,8 +1,8 @@
-"""What a graph was like when a step began, and the way back.
+"""The state of a graph at the start of a step, and the way back to it.
 
-Weights are not copied. The snapshot holds the objects of all list elements: one that is removed keeps its content, and
-is copied back only if the step has to be undone. What steps edit in place is the small things (inputs and attributes of
-nodes, types of tensors), so the bytes of those are kept too; the content of an initializer is not.
+Weights are not copied. The snapshot holds the objects of all list elements: a removed one keeps its content, and is
+copied back only if the step must be undone. Steps edit only small things in place (inputs and attributes of nodes,
+types of tensors), so the bytes of those are kept too; the content of an initializer is not.
 """
 
 from __future__ import annotations
@@ -18,7 +18,7 @@ from onnxgraft.graph.bodies import in_attribute
 # Lists of small elements, kept with their bytes, and lists of tensors.
 _SMALL = ("node", "input", "output", "value_info", "quantization_annotation")
 _TENSORS = ("initializer", "sparse_initializer")
-# Nodes with more tensor elements than this in their attributes are not copied: what they hold is weights.
+# Nodes with more tensor elements than this in their attributes are not copied: they hold weights.
 _LARGEST_COPIED = 1 << 14
 _BODIES = (onnx.AttributeProto.GRAPH, onnx.AttributeProto.GRAPHS)
 _TENSOR_TYPES = (onnx.AttributeProto.TENSOR, onnx.AttributeProto.TENSORS)
@@ -37,21 +37,21 @@ class Snapshot:
         self._bodies: list[Snapshot] = []
 
     def include(self, graph: onnx.GraphProto) -> None:
-        """Takes a nested body in, if it is not known yet, before something changes its lists."""
+        """Adds a nested body, unless it is known already, before something changes its lists."""
         if all(graph is not known for known in self._graphs()):
             self._bodies.append(Snapshot(graph))
 
     def initializer(self, name: str) -> onnx.TensorProto | None:
-        """The initializer of that name as the step found it, also if it has been removed since; None if there was none.
+        """The initializer of that name as the step found it, even if it has been removed since; None if there was none.
 
-        Its record only: content that was edited in place is as it is now.
+        Only its record: content that was edited in place is as it is now.
         """
         if self._by_name is None:
             self._by_name = {tensor.name: tensor for tensor in reversed(self._initializers.elements)}
         return self._by_name.get(name)
 
     def put_back(self) -> None:
-        """Makes the graph what it was: same elements, same order, same content."""
+        """Restores the graph: same elements, same order, same content."""
         # Bodies first: their nodes may be copied back with their content.
         for body in reversed(self._bodies):
             body.put_back()

@@ -1,4 +1,4 @@
-"""Tells when running a list of transformations again and again has come to an end, or will come to none."""
+"""Detects when running a list of transformations repeatedly has reached its end, or never will."""
 
 from __future__ import annotations
 
@@ -23,7 +23,7 @@ class Stability:
     _rounds: list[list[_Change]] = field(default_factory=list)
 
     def begin_round(self) -> None:
-        """A new round of all transformations begins."""
+        """A new round of all transformations starts."""
         self._round_ends.append(self.fingerprint)
         self._rounds.append([])
 
@@ -39,10 +39,10 @@ class Stability:
         return not self._rounds[-1]
 
     def returning(self) -> tuple[str, str] | None:
-        """Two transformations that undo each other, if the round ended with a graph that an earlier round began with.
+        """Two transformations that undo each other, if the round ended with a graph that an earlier round started with.
 
-        The second brings back a graph that the first had changed. Where one transformation alone goes back and
-        forth, both are the same.
+        The second restores a graph that the first had changed. If one transformation alone goes back and forth, both
+        are the same.
         """
         if self.is_stable or self.fingerprint not in self._round_ends:
             return None

@@ -1,6 +1,6 @@
 """Runs one transformation over one graph: all of it, or nothing.
 
-Whatever is raised on the way, the graph is put back to where the step began, and the step says what it was.
+If anything is raised on the way, the graph is restored to the start of the step, and the step records the error.
 """
 
 from __future__ import annotations
@@ -34,12 +34,12 @@ class Stepper:
     """Runs steps on one graph.
 
     Attributes:
-        host: The graph and what belongs to it.
+        host: The graph and the facts about it.
         details: How much is recorded.
-        followers: What goes on where a transformation has ended, in order.
-        facts: What the account of the run needs to know, and which operators the user left out.
-        filler: What puts real numbers where a transformation draws them, if anything does.
-        matters: Tells by its nodes which occurrences are recorded; None records all.
+        followers: Called after each transformation, in order.
+        facts: Facts for the account of the run, and the user's selection of operators.
+        filler: Puts real numbers where a transformation draws them; None without a calibration.
+        matters: Decides by its nodes whether an occurrence is recorded; None records all.
     """
 
     host: Host
@@ -51,9 +51,10 @@ class Stepper:
     _snapshot: Snapshot | None = field(default=None, init=False)
 
     def run(self, candidate: Candidate, round_number: int) -> tuple[Step, TransformationError | None]:
-        """One step; with the error if it failed and was put back.
+        """One step; with the error if it failed and was undone.
 
-        What is no `Exception` (an interruption), and MemoryError, goes on as it is once the graph has been put back.
+        A MemoryError and anything that is not an `Exception` (an interruption) is raised again after the graph has been
+        restored.
         """
         graph = self.host.graph
         count = len(graph.node)
@@ -66,7 +67,7 @@ class Stepper:
             random=candidate.row.randomizes and self.filler is None,
         )
         snapshot = self._snapshot or Snapshot(graph)
-        # Reasons for finding nothing are as before in a later round, and asking for them takes as long as a search.
+        # In a later round the reasons for finding nothing are the same, and computing them takes as long as a search.
         recorder = Recorder(
             snapshot,
             self.details,
@@ -88,11 +89,11 @@ class Stepper:
                 raise
             error = transformation_error(candidate, recorder, raised, graph)
             step.error = str(error)
-            _log.info("%s; put back", error)
+            _log.info("%s; undone", error)
         self.facts.note(candidate.row, replaced=bool(step.replaced))
         step.seconds = perf_counter() - start
         step.nodes_after = len(graph.node)
-        # Built-in classes touch nothing but occurrences; another's may do anything in its `apply`.
+        # Built-in classes touch only occurrences; another class may do anything in its `apply`.
         is_untouched = error is None and step.undone is None and candidate.row.is_own and not step.found
         self._snapshot = snapshot if is_untouched else None
         _log.info(
@@ -123,7 +124,7 @@ class Stepper:
 
 
 def _add_unrecorded(step: Step, returned: Any) -> None:
-    """What `apply` counts beyond its passes: it did something by hand, or let another transformation do it."""
+    """The count of `apply` beyond its passes: it did something by hand, or called another transformation."""
     beyond = returned - step.replaced if isinstance(returned, int) else 0
     if beyond > 0:
         step.patterns.append(PatternResult((), (), found=beyond, replaced=beyond))
