@@ -59,25 +59,25 @@ def explain(
     best: int | None = 3,
     folder: Folder = None,
 ) -> list[Explanation] | list[NodeExplanation]:
-    """Tells how patterns fare in a graph; or, with `node`, how single nodes fare in patterns.
+    """Reports how patterns match a graph; or, with `node`, how single nodes match patterns.
 
-    Without `node`, it tells for every pattern of a transformation how often it matches, or why it does not. All
-    patterns are judged on the graph as it is, and no callback is asked.
+    Without `node`, it reports for every pattern of a transformation how often it matches, or why it does not. All
+    patterns are checked on the graph as it is, and no callback runs.
 
-    With `node`, it tells for each place that a node could take in a pattern what became of it: it was replaced, refused
-    by the transformation (with its reason), taken by another occurrence, or it does not fit; then which condition
-    failed, and where, in the attempt from that node that got furthest. Transformations with a pattern that fits run
-    on a copy, each by itself; the graph that was given does not change.
+    With `node`, it reports the outcome for each place that a node could take in a pattern: it was replaced, refused by
+    the transformation (with its reason), taken by another occurrence, or it does not fit. For the latter it reports
+    which condition failed, and where, in the attempt from that node that got furthest. Transformations with a pattern
+    that fits run on a copy, each by itself; the given graph does not change.
 
     Args:
         graph: The graph; or a model, or the path of one, for its graph.
         transformation: A short name, a class, an instance or a row of the catalogue; a pattern, such as
-            `["Conv:0,1i->2", "Relu:2->3"]`; or a pattern and its replacement, two lists. With `node` it may be left
-            out: then all of the catalogue are asked.
-        node: Names of nodes; a tensor stands for the node that writes it, or else for those that read it; globs.
+            `["Conv:0,1i->2", "Relu:2->3"]`; or a pattern and its replacement, two lists. With `node` it may be omitted:
+            then the whole catalogue is tried.
+        node: Names of nodes; a tensor means the node that writes it, or else those that read it; globs.
         best: The number of answers for each node, the nearest first; None for all.
-        folder: The folder that the locations of external tensors start from; None is that of the path, or
-            the current one.
+        folder: The folder that the locations of external tensors start from; None is that of the path, or the current
+            one.
 
     Returns:
         One `Explanation` per pattern, in their order. With `node`, one `NodeExplanation` per node, in graph order.
@@ -107,7 +107,7 @@ def explain_in_turn(
     exclude: Iterable[str] = (),
     only: Iterable[str] = (),
 ) -> list[NodeExplanation]:
-    """The same for nodes and several transformations, each on what those before it leave; `model` is rewritten.
+    """The same for nodes and several transformations, each on the result of those before it; `model` is rewritten.
 
     `exclude` and `only` are those of `rewrite`.
     """
@@ -117,7 +117,7 @@ def explain_in_turn(
 
 @dataclass(frozen=True)
 class _Asked:
-    """A node as it was at the beginning."""
+    """A node as it was at the start."""
 
     index: int
     name: str
@@ -126,7 +126,7 @@ class _Asked:
     label: str
 
     def position(self, nodes: Sequence[onnx.NodeProto], by_key: dict[str, int]) -> int | None:
-        """Where it is now: it keeps its name, or what it writes, when something around it is replaced."""
+        """Where it is now: it keeps its name, or its output, when something around it is replaced."""
         found = by_key.get(self.name if self.name else self.output)
         if found is None or nodes[found].op_type != self.op_type:
             found = by_key.get(self.output)
@@ -171,8 +171,8 @@ class _Asking:
         return self._result()
 
     def in_turn(self, chosen: Iterable[Transformation], turns: Turns) -> list[NodeExplanation]:
-        """Each transformation on what those before it leave."""
-        now = {index: index for index in self._answers}  # present index -> the one at the beginning
+        """Each transformation on the result of those before it."""
+        now = {index: index for index in self._answers}  # present index -> the one at the start
         tracer = Tracer(self._around, self._functions, self._best)
         for row in chosen:
             (places,), more = tracer.places([subject_of(row)], now)
@@ -188,7 +188,7 @@ class _Asking:
         return self._result()
 
     def _rehearsed(self, transformation: OneTransformation, subject: Subject, fitting: Sequence[Place]) -> Step | None:
-        """What a run does; None for lists, for patterns whose replacement changes nothing, and where nothing fits."""
+        """The result of a run; None for lists, for patterns whose replacement changes nothing, and if nothing fits."""
         if not fitting or isinstance(transformation, list | tuple) or all(map(_changes_nothing, subject.pairs)):
             return None
         copy = onnx.GraphProto()
@@ -208,7 +208,7 @@ class _Asking:
 
 
 def _tensors(places: Iterable[Place]) -> set[str]:
-    """What the nodes that fit read and write."""
+    """The tensors that the nodes that fit read and write."""
     nodes = [node for place in places for node in place.nodes]
     return {name for node in nodes for name in (*node.input, *node.output) if name}
 
@@ -219,7 +219,7 @@ def _asked(around: Surroundings, index: int) -> _Asked:
 
 
 def _positions(around: Surroundings, asked: Iterable[_Asked]) -> dict[int, int]:
-    """Present index -> index at the beginning, of the nodes that are still there."""
+    """Present index -> index at the start, of the nodes that still exist."""
     by_key: dict[str, int] = {}
     for index, node in enumerate(around.nodes):
         for key in filter(None, (*node.output, node.name)):

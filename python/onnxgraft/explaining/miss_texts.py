@@ -1,4 +1,4 @@
-"""A nearest miss in a sentence with the names of nodes: one form for each reason."""
+"""A nearest miss as a sentence with the names of nodes: one form for each reason."""
 
 from __future__ import annotations
 
@@ -8,37 +8,37 @@ from onnx import NodeProto
 
 from onnxgraft.matching.hints import Miss
 
-# {node}: the node tried, {input}: "input 1 'w'", {source}: where that comes from, {op}: the operator wanted.
+# {node}: the node tried, {input}: "input 1 'w'", {source}: its source, {op}: the operator expected.
 _FORMS: Mapping[str, str] = {
     "missing_operator": "the graph has no {op}",
-    "wrong_operator": "{node} stands where the pattern wants a {op}",
-    "output_count": "{node} has several outputs, the pattern wants one",
+    "wrong_operator": "{node} is where the pattern expects a {op}",
+    "output_count": "{node} has several outputs, the pattern expects one",
     "second_producer": "an earlier node writes '{tensor}' too",
-    "input_count": "{node} has {inputs}, the pattern wants {wanted}",
-    "input_omitted": "input {slot} of {node} is left out, the pattern wants a tensor",
-    "not_initializer": "{input} of {node} {source}, the pattern wants an initializer",
-    "rest_not_initializer": "{input} of {node} {source}, the pattern wants initializers from there on",
-    "different_tensors": "input {slot} of {node} is not '{tensor}', as the pattern wants",
+    "input_count": "{node} has {inputs}, the pattern expects {wanted}",
+    "input_omitted": "input {slot} of {node} is omitted, the pattern expects a tensor",
+    "not_initializer": "{input} of {node} {source}, the pattern expects an initializer",
+    "rest_not_initializer": "{input} of {node} {source}, the pattern expects initializers from there on",
+    "different_tensors": "input {slot} of {node} is not '{tensor}', as the pattern expects",
     "other_position": "{node} reads '{tensor}', but not as input {slot}",
-    "graph_output": "'{tensor}' is an output of the graph, and the replacement takes it away",
-    "read_by_body": "'{tensor}' is read inside a nested graph, and the replacement takes it away",
-    "read_elsewhere": "'{tensor}' is also read by {reader}, and the replacement takes it away",
-    "too_few_readers": "'{tensor}' has fewer readers than the pattern wants",
-    "same_tensor": "'{tensor}' would stand for two ids of the pattern, and the replacement takes it away",
-    "node_used_twice": "{node} is another node of the pattern already",
-    "no_producer": "'{tensor}' {source}, the pattern wants the output of a {op}",
-    "no_reader": "nothing reads '{tensor}', the pattern wants a {op} there",
+    "graph_output": "'{tensor}' is an output of the graph, and the replacement removes it",
+    "read_by_body": "'{tensor}' is read inside a nested graph, and the replacement removes it",
+    "read_elsewhere": "'{tensor}' is also read by {reader}, and the replacement removes it",
+    "too_few_readers": "'{tensor}' has fewer readers than the pattern expects",
+    "same_tensor": "two ids of the pattern would mean '{tensor}', and the replacement removes it",
+    "node_used_twice": "{node} already is another node of the pattern",
+    "no_producer": "'{tensor}' {source}, the pattern expects the output of a {op}",
+    "no_reader": "nothing reads '{tensor}', the pattern expects a {op} there",
     "closes_cycle": "all nodes fit, but the replacement would close a cycle",
 }
 
 
 def label(node: NodeProto) -> str:
-    """Operator and name, or what it writes if it has no name."""
+    """Operator and name, or its output if it has no name."""
     return f"{node.op_type} '{node.name}'" if node.name else f"{node.op_type} (writes '{next(iter(node.output), '')}')"
 
 
 def sentence(miss: Miss) -> str:
-    """How far the attempt got, and what ended it."""
+    """How far the attempt got, and why it ended."""
     around = miss.around
     words: Mapping[str, Callable[[], str]] = {
         "node": lambda: "a node" if miss.node is None else label(miss.node),

@@ -1,16 +1,16 @@
-"""What `explain` says of single nodes, as data."""
+"""The answers of `explain` for single nodes, as data."""
 
 from __future__ import annotations
 
 from dataclasses import dataclass
 
-# What became of a node in one place of one pattern; those of the first group fit, and stand before the misses.
+# Outcomes of a node in one place of one pattern; those of the first group fit, and come before the misses.
 OUTCOMES = ("replaced", "refused", "done", "taken", "fits", "miss")
 
 
 @dataclass(frozen=True)
 class NodeAnswer:
-    """How one node fares as one node of one pattern.
+    """How one node matches as one node of one pattern.
 
     Attributes:
         transformation: Short name of the transformation.
@@ -18,18 +18,18 @@ class NodeAnswer:
         pattern: The strings of the pattern.
         pattern_node: Which node of the pattern it would be, from 0.
         outcome: "replaced"; "refused" by the transformation; "done", declined because it is INT8 already; "taken" by
-            another occurrence; "fits" if nothing ran, or the run came to it no more; "miss" if it does not fit.
-        matched: Pattern nodes that fitted, beginning at the node; all of them unless it is a miss.
+            another occurrence; "fits" if nothing ran, or the run no longer reached it; "miss" if it does not fit.
+        matched: Pattern nodes that matched, starting at the node; all of them unless it is a miss.
         of: Nodes of the pattern.
         occurrence: Indices in graph.node of the nodes that fit, in the order of the pattern; empty for a miss.
         reason: Identifier of what failed, such as "not_initializer"; None unless it is a miss.
         failed_pattern_node: Number of the pattern node that could not be matched, or None.
         other: Index of the node that was tried for that one, or None.
-        input: Input position, where the reason has one.
-        tensor: The tensor concerned, where the reason has one.
+        input: Input position, if the reason has one.
+        tensor: The tensor concerned, if the reason has one.
         reader: Index of another node that reads the tensor, or None.
         text: All of it in a sentence.
-        hint: What it means or what would help, where that is certain.
+        hint: What it means or what would help, if that is certain.
     """
 
     transformation: str
@@ -56,17 +56,17 @@ class NodeAnswer:
 
 @dataclass(frozen=True)
 class NodeExplanation:
-    """What patterns make of one node.
+    """How patterns match one node.
 
     Attributes:
         node: Its index in graph.node.
         name: Its name, which may be empty.
         op_type: Its operator.
-        label: Operator and name, or what it writes if it has no name.
-        in_float: Why no quantizing transformation can take it, where one was asked about and the reason is the node's
-            own; None else.
-        answers: The nearest first; one for each place of its operator in a pattern, as far as they were asked for.
-        left_out: How many further answers there are.
+        label: Operator and name, or its output if it has no name.
+        in_float: Why no quantizing transformation can take it, if one was asked about and the reason is the node's own;
+            otherwise None.
+        answers: The nearest first; one for each place of its operator in a pattern, up to the requested number.
+        left_out: How many more answers there are.
     """
 
     node: int
@@ -80,6 +80,6 @@ class NodeExplanation:
     def __str__(self) -> str:
         lines = [self.label]
         lines += [f"in float: {self.in_float}"] if self.in_float else []
-        lines += map(str, self.answers or [f"no pattern that was asked about has an operator {self.op_type}"])
+        lines += map(str, self.answers or [f"none of the patterns has an operator {self.op_type}"])
         lines += [f"{self.left_out} more"] if self.left_out else []
         return "\n  ".join(lines)

@@ -15,11 +15,11 @@ from onnxgraft.graph.surroundings import Surroundings
 def chosen_nodes(around: Surroundings, names: Iterable[str]) -> list[int]:
     """Indices of the nodes that go by one of the names, in graph order.
 
-    A node goes by its name and by what it writes. A name that is neither may be a tensor that nodes read, such as a
-    weight: then these are meant. Globs are tried last, since exporters put brackets into names.
+    A node goes by its name and by its output. A name that is neither may be a tensor that nodes read, such as a weight:
+    then these nodes are meant. Globs are tried last, since exporters put brackets into names.
 
     Raises:
-        UnknownNameError: A name meets nothing; the message has similar ones.
+        UnknownNameError: A name matches nothing; the message has similar ones.
     """
     found: set[int] = set()
     for name in names:

@@ -22,7 +22,7 @@ from onnxgraft.matching import Subject, hints
 if TYPE_CHECKING:
     from onnxgraft.abstract_transformation import _Trace
 
-# The order in which conditions are tested: what fails late is nearer to a match than what fails early.
+# The order in which conditions are tested: a late failure is nearer to a match than an early one.
 _LATENESS = {
     reason: number
     for number, reason in enumerate(
@@ -54,12 +54,12 @@ _WITH_INPUT = frozenset({"input_omitted", "not_initializer", "rest_not_initializ
 
 @dataclass(frozen=True)
 class Place:
-    """A node in one place of a pattern: an answer, or what an answer needs once a run has told the rest.
+    """A node in one place of a pattern: an answer, or the material for an answer once a run has shown the rest.
 
     Attributes:
         node: Index in graph.node.
         rank: How near it came; the smallest is the nearest.
-        answer: For one that fits, without what became of it.
+        answer: For one that fits, without its outcome.
         nodes: Those that fit, as they were; none for a miss.
     """
 
@@ -69,7 +69,7 @@ class Place:
     nodes: tuple[NodeProto, ...] = ()
 
     def settled(self, fates: Fates) -> tuple[tuple[int, ...], NodeAnswer]:
-        """With what became of it."""
+        """With its outcome."""
         if not self.nodes:
             return self.rank, self.answer
         fate = fates.of(self.answer.pattern, self.answer.pattern_node, self.nodes)
@@ -78,12 +78,12 @@ class Place:
 
 
 class Tracer:
-    """Asks the search about nodes of a graph as it is now, for one transformation after the other.
+    """Traces nodes of a graph as it is now, for one transformation after the other.
 
     Args:
         around: The graph.
         functions: Those of its model, for hints.
-        best: How many misses of a node are put in words; None for all.
+        best: How many misses of a node are described; None for all.
     """
 
     def __init__(self, around: Surroundings, functions: Sequence[FunctionProto], best: int | None) -> None:
@@ -96,8 +96,8 @@ class Tracer:
     def places(self, subjects: Sequence[Subject], nodes: Iterable[int]) -> tuple[list[list[Place]], Counter[int]]:
         """The places that nodes have or miss in patterns: of each subject, in order.
 
-        Only the nearest misses of a node, whatever the subject, are put in words; the counter tells how many more of
-        its misses there are. The graph is read once for all patterns.
+        Only the nearest misses of a node, whatever the subject, are described; the counter has the number of its other
+        misses. The graph is read once for all patterns.
         """
         owners = [(number, index) for number, subject in enumerate(subjects) for index in range(len(subject.pairs))]
         misses: dict[int, list[tuple[int, int, _Trace]]] = {}
@@ -164,7 +164,7 @@ class Tracer:
 
 
 def _rank(pair: Pair, one: _Trace) -> tuple[int, ...]:
-    """Few pattern nodes left, many that fit, a condition tested late."""
+    """Few pattern nodes left, many that match, a condition tested late."""
     miss: Any = one["miss"]
     of = len(pair[0])
     return 1, of - miss["matched"], -miss["matched"], -_LATENESS[miss["reason"]]

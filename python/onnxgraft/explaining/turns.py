@@ -1,4 +1,4 @@
-"""Transformations in turn, each on what those before it leave, for those who look at the graph in between."""
+"""Transformations in sequence, each on the result of those before it, for callers that inspect the graph in between."""
 
 from __future__ import annotations
 
@@ -18,7 +18,7 @@ from onnxgraft.report.records import Step
 
 
 class Turns:
-    """Runs transformations on a graph as `rewrite` does, one at a time. One that fails is put back.
+    """Runs transformations on a graph as `rewrite` does, one at a time. One that fails is undone.
 
     Args:
         given: The model, or its graph alone; it is rewritten.
@@ -44,7 +44,7 @@ class Turns:
         self._stepper = Stepper(host, "nodes", followers, facts=facts, matters=self._matters)
 
     def run(self, transformation: One, tensors: Set[str] | None = None) -> Step:
-        """Runs the next one; records the occurrences that touch one of the tensors, or all if there are none given."""
+        """Runs the next one; records the occurrences that touch one of the tensors, or all if none are given."""
         (candidate,) = candidates(transformation, ())
         self._tensors = tensors
         with run_scope(0, self._folder):

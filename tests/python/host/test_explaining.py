@@ -55,13 +55,13 @@ def test_the_one_that_was_left_out() -> None:
     assert left.in_float == "its weight 'w_scaled' is written by Mul 'scale_w'"
     nearest, other = left.answers
     assert nearest.text == (
-        "input 1 'w_scaled' of Conv 'c[0]' is written by Mul 'scale_w', the pattern wants an initializer"
+        "input 1 'w_scaled' of Conv 'c[0]' is written by Mul 'scale_w', the pattern expects an initializer"
     )
     assert (nearest.outcome, nearest.reason, nearest.input, nearest.tensor) == (
         "miss", "not_initializer", 1, "w_scaled",
     )  # fmt: skip
     assert nearest.hint is not None
-    assert other.text == "Conv 'c[0]' has 2 inputs, the pattern wants 3"
+    assert other.text == "Conv 'c[0]' has 2 inputs, the pattern expects 3"
     (done,) = explain(model, "quant_conv", node="c[1]", best=1)
     assert (done.in_float, done.answers[0].outcome, done.left_out) == (None, "replaced", 1)
     # The whole catalogue: the same answer comes first, and the others are counted.
@@ -89,7 +89,7 @@ def test_which_nodes_are_meant() -> None:
         explain(model)  # type: ignore[call-overload]
     (none,) = explain(model, "quant_gemm", node="a")
     assert none.answers == ()
-    assert "no pattern that was asked about has an operator Conv" in str(none)
+    assert "none of the patterns has an operator Conv" in str(none)
 
 
 def test_what_became_of_nodes_that_fit() -> None:
