@@ -1,7 +1,7 @@
 """Real numbers in the places that the transformations draw, drop or shift.
 
-`rewrite(model, ..., calibration=...)` runs the same transformations over the same graph; a `Filler` beside them puts
-calibrated scales and offsets, INT8 weights, INT32 biases and dequantize scales where random ones would have gone.
+`rewrite(model, ..., calibration=...)` runs the same transformations over the same graph. A `Filler` replaces their
+random numbers by calibrated scales and offsets, INT8 weights, INT32 biases and dequantize scales.
 """
 
 from onnxgraft.filling.errors import FillingError

@@ -26,14 +26,14 @@ class Activation:
 
     @property
     def step(self) -> float:
-        """How far two neighbouring quantized values lie apart in the float tensor: 1 / scale."""
+        """The distance of two neighbouring quantized values in the float tensor: 1 / scale."""
         return 1.0 / self.scale
 
 
 def activation_of(low: float, high: float, *, symmetric: bool = False) -> Activation:
     """The parameters for values from `low` to `high`.
 
-    The range is widened to hold 0, which padding and Relu produce and which is then quantized without error:
+    The range is widened to contain 0, which padding and Relu produce and which is then quantized without error:
 
         asymmetric: scale = 255 / (high - low), offset = round(-128 - low * scale)
         symmetric:  scale = 127 / max(-low, high), offset = 0
@@ -46,7 +46,7 @@ def activation_of(low: float, high: float, *, symmetric: bool = False) -> Activa
     if not (np.isfinite(low) and np.isfinite(high)):
         raise ValueError(f"its range {low:g} .. {high:g} is not finite")
     if low > high:
-        raise ValueError(f"its range {low:g} .. {high:g} is upside down")
+        raise ValueError(f"its range {low:g} .. {high:g} is reversed")
     low, high = min(float(low), 0.0), max(float(high), 0.0)
     width = 2 * max(-low, high) if symmetric else high - low
     if width < _NARROWEST:

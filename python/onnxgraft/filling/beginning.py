@@ -1,4 +1,4 @@
-"""Settles, on the prepared float model, what a run will fill in."""
+"""Decides, on the prepared float model, what a run will fill in."""
 
 from __future__ import annotations
 
@@ -36,19 +36,19 @@ def begin(
     store: WeightStore | None = None,
     progress: Callable[[str], object] | None = None,
 ) -> Filler:
-    """The filler of a run that is about to begin.
+    """The filler of a run that is about to start.
 
     Args:
         model: The model, prepared and float.
-        filling: What to fill it with.
+        filling: The numbers to fill in.
         chosen: The transformations that will run.
         folder: The folder that the locations of external tensors start from.
-        store: Where new weights go, if not into the graph.
-        progress: Called with what is being done.
+        store: Where to put new weights, if not into the graph.
+        progress: Called with a description of the current work.
 
     Raises:
-        FillingError: A transformation draws numbers in an unknown way, a tensor has no range, or an operator that is
-            to stay float does not exist.
+        FillingError: A transformation draws numbers in an unknown way, a tensor has no range, or an operator that is to
+            stay float does not exist.
     """
     for row in chosen:
         Filler.check(row)
@@ -91,12 +91,12 @@ def begin(
     if renamed.ranges:
         filler.note(f"the channels of {len(renamed.ranges)} tensors that depthwise Conv nodes read have one range now")
     if before := sum(node.op_type == "TesselQuant" for node in graph.node):
-        filler.warn(f"{before} quantize nodes were there before: their numbers, real or random, are as they were")
+        filler.warn(f"{before} quantize nodes existed before the run: their numbers, real or random, stay as they were")
     return filler
 
 
 def _joined_before_normalization(graph: onnx.GraphProto, chosen: Iterable[Transformation]) -> frozenset[str]:
-    """What `fuse_bn_quant` will look for: it wants convolutions without bias, so none may be given one."""
+    """The operators that `fuse_bn_quant` will look for: it expects convolutions without bias, so none may get one."""
     if not any(issubclass(row.cls, quant.FuseQuantBatchNormTransformation) for row in chosen):
         return frozenset()
     normalized = {node.input[0] for node in graph.node if node.op_type == "BatchNormalization"}
@@ -115,7 +115,7 @@ def _shapes(graph: onnx.GraphProto) -> dict[str, Shape]:
 
 
 def _hides_padding(node: onnx.NodeProto) -> bool:
-    """Whether preparation could not write the padding out: whoever moves a quantize node looks at `pads` alone."""
+    """Whether preparation could not write the padding out: moving a quantize node takes only `pads` into account."""
     return any(one.name == "auto_pad" and one.s in {b"SAME_UPPER", b"SAME_LOWER"} for one in node.attribute)
 
 
@@ -133,7 +133,7 @@ def _left_float(operators: Sequence[Quantizable], names: Iterable[str]) -> dict[
 
 
 def _check_ranges(graph: onnx.GraphProto, operators: Sequence[Quantizable], filling: Filling) -> None:
-    """Refuses before anything is changed what would fail in the middle."""
+    """Refuses, before anything is changed, inputs that would fail in the middle."""
     constants = {tensor.name for tensor in graph.initializer}
     for operator in operators:
         tensor = operator.node.input[0]

@@ -23,11 +23,11 @@ Array = npt.NDArray[Any]
 
 @dataclass
 class Renamed:
-    """Tensors that hold other values now, and are called something else.
+    """Tensors that hold other values now, and have other names.
 
     Attributes:
-        names: By their names before.
-        ranges: What is known of those that quantized operators read, by their new names.
+        names: Their new names by their names before.
+        ranges: The known ranges of those that quantized operators read, by their new names.
         outside: The share of their values that the ranges leave out.
     """
 
@@ -70,7 +70,7 @@ def equalize(graph: onnx.GraphProto, calibration: Calibration, store: WeightStor
 
 
 def _is_known(place: Equalizable, calibration: Calibration) -> bool:
-    """Whether there are factors for it, and no weights whose INT8 numbers are to stay."""
+    """Whether there are factors for it, and no weights whose INT8 numbers must stay."""
     known = calibration.equalized.get(place.tensor)
     touched = {node.input[position] for node, position in place.divided} | {node.input[1] for node in place.readers}
     return known is not None and len(known.factors) == place.channels and not touched & calibration.weights.keys()
@@ -84,7 +84,7 @@ def _scale(
     taken: set[str],
     store: WeightStore | None,
 ) -> None:
-    """Multiplies a constant input; a constant that others read too stays as it is."""
+    """Multiplies a constant input; a constant with other readers stays as it is."""
     name = node.input[position]
     values = get_init(graph, (name,))[0][0]
     scaled = np.asarray(values * factors, values.dtype)
@@ -96,7 +96,7 @@ def _scale(
 
 def _rename(graph: onnx.GraphProto, names: dict[str, str]) -> None:
     for node in graph.node:
-        if not node.name and node.output[0] in names:  # messages go on naming it by what it wrote
+        if not node.name and node.output[0] in names:  # messages still name it by its former output
             node.name = node.output[0]
         for texts in (node.input, node.output):
             for position, name in enumerate(texts):

@@ -1,4 +1,4 @@
-"""What can go wrong while numbers are filled in."""
+"""The errors of filling in numbers."""
 
 from __future__ import annotations
 
@@ -6,4 +6,4 @@ from onnxgraft.errors import HostError
 
 
 class FillingError(HostError):
-    """A place could not be given its real numbers; the message names it and says why."""
+    """A place could not get its real numbers; the message names it and gives the reason."""

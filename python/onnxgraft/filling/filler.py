@@ -1,8 +1,8 @@
-"""Stands beside the steps of a run and puts real numbers where a transformation draws, drops or shifts them.
+"""Accompanies the steps of a run and puts real numbers where a transformation draws, drops or shifts them.
 
-Each transformation goes on doing what it does to the graph; a function before its callback then sets the numbers of the
-occurrence. What an operator computed with as a float operator is kept, by the name of its INT8 weight, so that a later
-transformation that changes its input's parameters gets numbers made from the float values, not from rounded ones.
+Each transformation edits the graph as usual; a function that runs before its callback then sets the numbers of the
+occurrence. The float numbers of an operator are kept, by the name of its INT8 weight. So a later transformation that
+changes its input's parameters gets numbers made from the float values, not from rounded ones.
 """
 
 from __future__ import annotations
@@ -31,7 +31,7 @@ _REASONS = "refusal_reasons"
 
 @dataclass(frozen=True)
 class Call:
-    """One call of a callback: what it is given, and the transformation whose it is."""
+    """One call of a callback: its arguments, and its transformation."""
 
     transformation: Any
     graph: onnx.GraphProto
@@ -50,10 +50,10 @@ class Filler:
     """Fills one graph while transformations run over it.
 
     Attributes:
-        plan: What was decided before.
-        result: What was done.
-        store: Where new weights go, if not into the graph.
-        origins: What quantized operators were before, by the name of their INT8 weight.
+        plan: The decisions made before the run.
+        result: The record of the filling.
+        store: Where to put new weights, if not into the graph.
+        origins: The float form of quantized operators, by the name of their INT8 weight.
     """
 
     def __init__(self, plan: Plan, store: WeightStore | None = None) -> None:
@@ -66,7 +66,7 @@ class Filler:
 
     @staticmethod
     def check(transformation: Transformation) -> None:
-        """Refuses a transformation that draws numbers in a way that is not known.
+        """Refuses a transformation that draws numbers in an unknown way.
 
         Raises:
             FillingError: It would leave random numbers in the model.
@@ -77,7 +77,7 @@ class Filler:
 
     @contextmanager
     def watch(self, transformation: Any, graph: onnx.GraphProto) -> Iterator[None]:
-        """Fills what `transformation` does inside of the `with` block."""
+        """Fills the results of `transformation` inside the `with` block."""
         self._taken.clear()
         waiting, self._after_step = self._after_step, []
         for task in waiting:
@@ -96,7 +96,7 @@ class Filler:
             raise
 
     def origin(self, weight: str) -> Origin:
-        """What the operator with this INT8 weight was.
+        """The float form of the operator with this INT8 weight.
 
         Raises:
             FillingError: It was quantized before this run, so its float values are not known.
@@ -114,7 +114,7 @@ class Filler:
         return self.plan.calibration.outside.get(origin.tensor)
 
     def fresh_name(self, graph: onnx.GraphProto, wanted: str) -> str:
-        """A name that nothing in the graph has, made from the one wished for."""
+        """An unused name in the graph, close to the one asked for."""
         if not self._taken:
             self._taken.update(all_names(graph))
         name, number = wanted, 1
@@ -124,16 +124,16 @@ class Filler:
         return name
 
     def after_step(self, task: Callable[[onnx.GraphProto], None]) -> None:
-        """Has something done once the step is over and finished, before the next one begins."""
+        """Schedules a call for the end of the step, after it is finished and before the next one starts."""
         self._after_step.append(task)
 
     def left_float(self, left: LeftFloat) -> None:
-        """Notes an operator that is not quantized, once."""
+        """Records an operator that is not quantized, once."""
         if left not in self.result.left_float:
             self.result.left_float.append(left)
 
     def forget(self, origin: Origin) -> None:
-        """Takes an operator that is float again out of the result."""
+        """Removes an operator that is float again from the result."""
         self.result.operators = [one for one in self.result.operators if one.output != origin.output]
         self.left_float(LeftFloat(origin.label, origin.output, "made float again by change_gap_conv"))
 
@@ -150,7 +150,7 @@ class Filler:
     def _in_front(self, handler: Handler, original: Any, transformation: Any) -> MethodType:
         takes_reasons = _takes_reasons(original)
 
-        # The parameters are named as in the method that this one stands for.
+        # The parameters have the names of the replaced method.
         def on_replace(
             _self: Any,
             graph: Any,

@@ -17,13 +17,13 @@ Exact = tuple[Array, Array, int | None]  # INT8 weight, its scales, and the axis
 def float_operator(
     node: onnx.NodeProto, weight: Array, bias: Array | None, output_rank: int | None, exact: Exact | None = None
 ) -> FloatOperator:
-    """What a `Conv`, `Gemm` or `MatMul` computes with.
+    """The operands of a `Conv`, `Gemm` or `MatMul`.
 
     Args:
         node: The operator.
         weight: Its second input.
-        bias: Its third input; of a `MatMul` what the `Add` after it adds.
-        output_rank: The rank of what comes out (after the `Add`); None if it is not known.
+        bias: Its third input; for a `MatMul` the other operand of the `Add` after it.
+        output_rank: The rank of the output (after the `Add`); None if it is not known.
         exact: INT8 numbers of the weight, their scales and the axis of these, if they are given.
     """
     if node.op_type == "Conv":
@@ -62,7 +62,7 @@ def _along(channel_axis: int | None, exact: Exact | None) -> tuple[Array, Array]
 
 
 def attribute(node: onnx.NodeProto, name: str, default: float) -> float:
-    """The number that the first attribute of that name holds."""
+    """The number in the first attribute of that name."""
     for one in node.attribute:
         if one.name == name:
             return float(one.f if one.type == onnx.AttributeProto.FLOAT else one.i)

@@ -17,7 +17,7 @@ Array = npt.NDArray[Any]
 
 
 def put(graph: onnx.GraphProto, name: str, values: Array, store: WeightStore | None = None) -> None:
-    """Gives the initializer of that name these values: a new one takes the place of the old one, which stays as it is.
+    """Gives the initializer of that name these values: a new one replaces the old one, which stays as it is.
 
     So a step that is undone finds the old one unchanged.
     """
@@ -35,7 +35,7 @@ def put_scales(graph: onnx.GraphProto, name: str, scales: npt.NDArray[np.float32
 
 
 def remove(graph: onnx.GraphProto, name: str) -> None:
-    """Takes the initializer of that name out, if there is one. New ones are at the end, so the search begins there."""
+    """Removes the initializer of that name, if there is one. New ones are at the end, so the search starts there."""
     for index in range(len(graph.initializer) - 1, -1, -1):
         if graph.initializer[index].name == name:
             del graph.initializer[index]
@@ -57,5 +57,5 @@ def parameters(node: onnx.NodeProto) -> Activation:
 
 
 def label(node: onnx.NodeProto) -> str:
-    """The node as messages name it."""
+    """The name of the node in messages."""
     return f"{node.op_type} '{node.name or node.output[0]}'"

@@ -4,7 +4,7 @@ With x = (q - offset) / scale and w = w_q * s_w, per output channel c:
 
     y = sum(x * w) + b = (sum(q * w_q) - offset * sum(w_q) + b_q) * S,   S = s_w / scale,   b_q = round(b / S)
 
-`S` is what the dequantize node multiplies by. A `Conv` takes the offset out of its input itself, so that padding stays
+`S` is the factor of the dequantize node. A `Conv` subtracts the offset from its input itself, so that padding stays
 exact; `Gemm` and `MatMul` do not, so the middle term goes into their bias.
 """
 
@@ -21,7 +21,7 @@ from onnxgraft.filling.activations import Activation
 Array = npt.NDArray[Any]
 
 _LARGEST_WEIGHT = 127
-# Half of INT32: what is left holds the sum of 66,000 products of two INT8 numbers.
+# Half of INT32: the rest holds the sum of 66,000 products of two INT8 numbers.
 _LARGEST_BIAS = 2**30
 _BLOCK = 1 << 15  # elements
 _SMALLEST_SCALE = float(np.finfo(np.float32).tiny)
@@ -29,7 +29,7 @@ _SMALLEST_SCALE = float(np.finfo(np.float32).tiny)
 
 @dataclass(frozen=True)
 class FloatOperator:
-    """What one quantizable operator computes with, as floats.
+    """The operands of one quantizable operator, as floats.
 
     Attributes:
         weight: The weight, alpha of a `Gemm` multiplied in.
@@ -49,7 +49,7 @@ class FloatOperator:
 
     @property
     def can_be_asymmetric(self) -> bool:
-        """Whether an offset of the input can be taken out exactly: by the operator, or by a bias along the channels."""
+        """Whether an offset of the input can be removed exactly: by the operator, or by a bias along the channels."""
         if not self.folds_offset:
             return True
         if self.bias is None or self.bias_axis is None or self.weight.ndim != 2:
@@ -59,13 +59,13 @@ class FloatOperator:
 
 @dataclass(frozen=True)
 class OperatorNumbers:
-    """What the quantized operator computes with.
+    """The operands of the quantized operator.
 
     Attributes:
         weight: INT8, the shape of the float weight.
         bias: INT32; None without one.
-        scales: 32-bit floats that the dequantize node multiplies by: one per output channel, or one.
-        widened: Output channels (0 for one scale in all) whose scale is coarser than the weight asks for, since their
+        scales: 32-bit floats, the factors of the dequantize node: one per output channel, or one.
+        widened: Output channels (0 for one scale in all) whose scale is coarser than the weight requires, since their
             bias would not have fit 31 bits.
     """
 

@@ -1,4 +1,4 @@
-"""Which operators of a float model the transformations of a run will quantize."""
+"""The operators of a float model that the transformations of a run will quantize."""
 
 from __future__ import annotations
 
@@ -34,12 +34,12 @@ class Quantizable:
 
     @property
     def output(self) -> str:
-        """What the operator itself writes: its name wherever operators are named."""
+        """The operator's own output: its name wherever operators are named."""
         return self.node.output[0]
 
     @property
     def written(self) -> str:
-        """What comes out, after the `Add`."""
+        """The output after the `Add`."""
         return (self.add or self.node).output[0]
 
     @property

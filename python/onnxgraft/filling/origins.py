@@ -1,4 +1,4 @@
-"""What a quantized operator was as a float operator, which its numbers are made from."""
+"""The float form of a quantized operator, from which its numbers are computed."""
 
 from __future__ import annotations
 
@@ -26,15 +26,15 @@ Array = npt.NDArray[Any]
 
 @dataclass(frozen=True)
 class Origin:
-    """What a quantized operator was.
+    """The float form of a quantized operator.
 
     Attributes:
         label: Its type and name.
-        output: The tensor that it wrote.
+        output: Its output.
         operator: Its float weight and bias.
         activation: The parameters of the tensor that it reads.
         tensor: That tensor, in the float model.
-        correction: What is taken off its bias, per output channel; None for nothing.
+        correction: The part subtracted from its bias, per output channel; None for nothing.
     """
 
     label: str
@@ -61,7 +61,7 @@ class Origin:
 
 
 def origin_of(plan: Plan, graph: onnx.GraphProto, operator: Quantizable) -> Origin:
-    """What an operator is that is still float.
+    """The form of an operator that is still float.
 
     Raises:
         FillingError: The tensor that it reads has no usable range; the message names the operator.
@@ -84,13 +84,13 @@ def origin_of(plan: Plan, graph: onnx.GraphProto, operator: Quantizable) -> Orig
 
 
 def _stands_for(given: WeightNumbers, weight: Array) -> bool:
-    """Whether INT8 numbers are those of this weight still: preparation may have folded something into it."""
+    """Whether INT8 numbers still belong to this weight: preparation may have folded something into it."""
     if given.values.shape != weight.shape:
         return False
     return float(np.abs(given.floats() - weight).mean()) <= float(given.scales.mean())
 
 
 def _output_rank(operator: Quantizable, arrays: Sequence[Array], plan: Plan) -> int | None:
-    """The rank of what comes out of a product with a matrix, and of adding its bias; None if it is not known."""
+    """The rank of a matrix product after adding its bias; None if it is not known."""
     rank = plan.ranks.get(operator.node.input[0])
     return None if rank is None else max(rank, *(array.ndim for array in arrays))

@@ -1,4 +1,4 @@
-"""What is decided before the first transformation runs: ranges, what stays float, corrections of biases."""
+"""The decisions before the first transformation runs: ranges, operators that stay float, corrections of biases."""
 
 from __future__ import annotations
 
@@ -20,13 +20,13 @@ if TYPE_CHECKING:
 
 @dataclass
 class Plan:
-    """Everything that is settled while the model is still float. Operators are named by the tensor that they write.
+    """Everything that is decided while the model is still float. Operators are named by the tensor that they write.
 
     Attributes:
         calibration: The ranges.
         symmetric: Whether all offsets are 0.
-        left_float: What is not quantized, and why.
-        corrections: What to take off the bias of an operator, per output channel.
+        left_float: The operators that are not quantized, and why.
+        corrections: The part to subtract from an operator's bias, per output channel.
         uncentred: Operators whose input gets no offset: their padding is not written out.
         ranks: Ranks of the tensors for which they are known.
     """

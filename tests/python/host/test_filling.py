@@ -245,7 +245,7 @@ def test_merging_unequal_parameters_warns_and_keeps_the_function() -> None:
     rewrite(before, ["quant_conv"], calibration=calibration)
     report = rewrite(after, ["quant_conv", "replace_quant_any"], calibration=calibration)
     assert len(report.warnings) == 2
-    assert "1 quantize nodes were there before" in report.warnings[0]
+    assert "1 quantize nodes existed before the run" in report.warnings[0]
     assert "merging quantize nodes changes numbers at Conv" in report.warnings[1]
     feeds = {"x": np.random.default_rng(0).uniform(-20000, 90000, IMAGE).astype(np.float32)}
     first, second = (evaluate(one, feeds, EXACT)["y"] for one in (before, after))

@@ -1,4 +1,4 @@
-"""What is filled in for each family of transformations: THE table."""
+"""The filling of each family of transformations: THE table."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ from onnxgraft.filling.handlers.merging import merge
 from onnxgraft.filling.handlers.quantizing import quantize
 from onnxgraft.filling.handlers.updating import update
 
-# The first class that a transformation is an instance of counts. What is not listed changes no numbers.
+# The first class that a transformation is an instance of counts. Classes that are not listed change no numbers.
 HANDLERS: tuple[tuple[type[Any], Handler], ...] = (
     (quant.QuantConvTransformation, quantize),
     (quant.QuantGemmTransformation, quantize),

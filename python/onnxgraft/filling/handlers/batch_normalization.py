@@ -39,7 +39,7 @@ def fuse_normalization(filler: Filler, call: Call) -> bool:
     along_channels = int(attribute(concat, "axis", 1)) % rank == 1
     wanted = sum(counts) if along_channels else counts[0]
     if len(factor) != wanted or not (along_channels or counts[0] == counts[1]):
-        raise FillingError(f"{label(normalization)} has {len(factor)} channels, what it reads has {wanted}")
+        raise FillingError(f"{label(normalization)} has {len(factor)} channels, its input has {wanted}")
     start = 0
     for (_, scales, position), origin, count in zip(_BRANCHES, origins, counts, strict=True):
         own = slice(start, start + count)

@@ -1,6 +1,6 @@
 """`delete_concat`: two convolutions with a part of the weight each, where one had the whole.
 
-Finishing splits the numbers; what they were made from is split in the same way.
+Finishing splits the numbers; their float values are split in the same way.
 """
 
 from __future__ import annotations

@@ -1,4 +1,4 @@
-"""`replace_concat_quant_v1`: its second pair joins the tensors in another order than they were joined in."""
+"""`replace_concat_quant_v1`: its second pair joins the tensors in a different order than before."""
 
 from __future__ import annotations
 

@@ -10,7 +10,7 @@ _DROPPED, _OPERATOR, _KEPT = range(3)
 
 
 def merge(filler: Filler, call: Call) -> bool:
-    """Merges two quantize nodes; where their parameters differ, the `Conv` after them gets numbers for the new ones."""
+    """Merges two quantize nodes; if their parameters differ, the `Conv` after them gets numbers for the new ones."""
     if not call.proceed():
         return False
     before, after = parameters(call.replaced[_DROPPED]), parameters(call.replaced[_KEPT])
@@ -25,5 +25,5 @@ def merge(filler: Filler, call: Call) -> bool:
         filler.warn(f"merging quantize nodes changes numbers at {label(node)}: {what}")
         return True
     refill(filler, call.graph, node, scales, origin, after)
-    filler.warn(f"merging quantize nodes changes numbers at {label(node)}: {what}; its bias and scales are made anew")
+    filler.warn(f"merging quantize nodes changes numbers at {label(node)}: {what}; its bias and scales are recomputed")
     return True

@@ -1,4 +1,4 @@
-"""`quant_conv`, `quant_gemm`, `quant_matmul`: everything that they draw."""
+"""`quant_conv`, `quant_gemm`, `quant_matmul`: all the numbers that they draw."""
 
 from __future__ import annotations
 
@@ -25,7 +25,7 @@ def quantize(filler: Filler, call: Call) -> bool:
         filler.left_float(LeftFloat(graph_edits.label(node), output, reason))
         call.reasons.append(reason)
         return False
-    # What the class draws with is replaced for the time of the call, so nothing is drawn.
+    # The functions with which the class draws are replaced during the call, so nothing is drawn.
     with intercepted(call.transformation, dict.fromkeys((_SET_QUANTIZE, _SET_NUMBERS), lambda *_, **_named: None)):
         accepted = call.proceed()
     if accepted:

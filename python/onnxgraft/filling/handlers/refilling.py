@@ -1,4 +1,4 @@
-"""Makes the numbers of a quantized operator anew, for other parameters of its input or another float weight."""
+"""Recomputes the numbers of a quantized operator, for other parameters of its input or another float weight."""
 
 from __future__ import annotations
 
@@ -17,14 +17,14 @@ from onnxgraft.transform_utilities import get_init
 def refill(
     filler: Filler, graph: onnx.GraphProto, node: onnx.NodeProto, scales: str, origin: Origin, activation: Activation
 ) -> None:
-    """Writes weight, bias and scales of a quantized `Conv` that reads a quantize node itself.
+    """Writes weight, bias and scales of a quantized `Conv` that reads a quantize node directly.
 
     Args:
         filler: The filler of this run.
         graph: The graph.
         node: The quantized operator.
         scales: The initializer that holds its dequantize scales.
-        origin: What the operator was.
+        origin: Its float form.
         activation: The parameters of the quantize node that it reads now.
 
     Raises:

@@ -10,7 +10,7 @@ from onnxgraft.filling.handlers.refilling import refill
 
 
 def update(filler: Filler, call: Call) -> bool:
-    """Makes the numbers of the `Conv` anew, so that nothing is lost but what the other parameters cannot tell apart."""
+    """Recomputes the numbers of the `Conv`, so that only the resolution of the other parameters limits accuracy."""
     graph, links = call.graph, call.links
     if not call.proceed():
         return False

@@ -1,4 +1,4 @@
-"""Tries on samples what quantizing costs: which operators hurt most, and whether corrected biases help."""
+"""Measures on samples what quantizing costs: which operators cost most, and whether corrected biases help."""
 
 from onnxgraft.filling.trials.choosing import Choice, choose
 

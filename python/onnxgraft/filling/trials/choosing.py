@@ -1,4 +1,4 @@
-"""Chooses by trying: what stays float, and whether biases are corrected."""
+"""Decides by measurement which operators stay float, and whether biases are corrected."""
 
 from __future__ import annotations
 
@@ -24,22 +24,22 @@ from onnxgraft.samples import Sample, Samples
 Array = npt.NDArray[Any]
 Progress = Callable[[str], object]
 
-# So many samples are tried on, and so many of them to rank operators; mean errors are those of all samples.
+# The number of samples for measurements, and for ranking operators; mean errors use all samples.
 _TRIED, _RANKED = 8, 2
 _TRIED_BOTH_WAYS = 16  # operators
-_LEAST_NOISE = 1e-15  # less is the rounding of floats, and 0 has no logarithm
-_LEAST_GAIN = 0.0005  # of the noise with all quantized; what makes less is not worth a float operator
+_LEAST_NOISE = 1e-15  # anything less is the rounding of floats, and 0 has no logarithm
+_LEAST_GAIN = 0.0005  # of the noise with all quantized; an operator with less is not worth staying float
 _OLDEST_OPERATOR_SET = 11  # of Round, and of Clip with bounds as inputs
 
 
 @dataclass
 class Choice:
-    """What came out.
+    """The result.
 
     Attributes:
         left_float: Operators that stay float, and why.
-        corrections: What to take off the bias of an operator, per output channel.
-        decibels: Signal to noise on the samples, by what was tried.
+        corrections: The part to subtract from an operator's bias, per output channel.
+        decibels: Signal to noise on the samples, for each choice that was measured.
     """
 
     left_float: dict[str, str] = field(default_factory=dict)
@@ -59,18 +59,18 @@ def choose(
     folder: str | os.PathLike[str] | None = None,
     progress: Progress | None = None,
 ) -> Choice:
-    """Tries quantized operators on samples.
+    """Measures quantized operators on samples.
 
     Args:
         model: The prepared float model.
-        operators: What can be quantized.
-        origins: What these compute with, in the same order.
+        operators: The operators that can be quantized.
+        origins: Their float forms, in the same order.
         data: The samples.
         float_share: The share of the operators' multiply-adds that may stay float.
-        correct: Whether biases are corrected; None for where it helps on the samples.
+        correct: Whether biases are corrected; None to correct them if it helps on the samples.
         may_correct: Whether an operator's bias may be corrected.
         folder: The folder that the locations of external tensors start from.
-        progress: Called with what is being done.
+        progress: Called with a description of the current work.
 
     Raises:
         FillingError: The operator set is older than 11, there are no samples, or no output has a signal on them.
@@ -78,7 +78,7 @@ def choose(
     """
     version = next((entry.version for entry in model.opset_import if entry.domain in {"", "ai.onnx"}), 0)
     if version < _OLDEST_OPERATOR_SET:
-        raise FillingError(f"operator set {version} is too old to try things: {_OLDEST_OPERATOR_SET} is needed")
+        raise FillingError(f"operator set {version} is too old for trials: {_OLDEST_OPERATOR_SET} is needed")
     types = _element_types(model)
     simulations = [
         Simulation(operator, origin, f"onnxgraft_trial_{number}", types.get(operator.weight, onnx.TensorProto.FLOAT))
@@ -88,10 +88,10 @@ def choose(
     choice = Choice()
     if not simulations:
         return choice
-    stream = iter(data)  # which may give its samples only once
+    stream = iter(data)  # which may return its samples only once
     tried = list(itertools.islice(stream, _TRIED))
     if not tried:
-        raise FillingError(f"there are no samples to try things on in {data.label}")
+        raise FillingError(f"there are no samples for trials in {data.label}")
     corrections: dict[str, Array] = {}
     if correct is not False:
         tell("measuring mean errors")
@@ -122,7 +122,7 @@ def _helpful(
     *,
     always: bool,
 ) -> dict[str, Array]:
-    """All corrections, if they help together; else those that help their operator alone; else none."""
+    """All corrections, if they help together; otherwise those that help their operator alone; otherwise none."""
     tell("trying corrected biases")
     plain, better = trials.noise(quantized), trials.noise(quantized, corrections)
     decibels["biases corrected"] = in_decibels(better)
@@ -204,8 +204,8 @@ class _Trials:
     ) -> float:
         """Energy of the error, relative to that of the float output, of a typical sample.
 
-        That is the mean over the outputs, and the geometric mean over the samples: in the sum of all, one sample that
-        falls to the other side of a decision would outweigh the rest. At most the first `most` samples are computed.
+        That is the mean over the outputs, and the geometric mean over the samples: in a plain sum, one sample that
+        crosses a decision threshold would outweigh the rest. At most the first `most` samples are computed.
         """
         logarithms: list[float] = []
         for sample, exact, signals in zip(self._samples, self._exact, self._signals, strict=True):
@@ -234,8 +234,8 @@ def _left_float(
 ) -> dict[str, str]:
     """The operators to leave float, within the share of multiply-adds.
 
-    Each operator is quantized alone on a few samples: what the outputs lose then is what it costs. For those that cost
-    most, what leaving them float saves is measured as well, since errors can cancel or enlarge each other. Of the
+    Each operator is quantized alone on a few samples: the loss of the outputs is its cost. For those with the largest
+    cost, the gain from leaving them float is measured as well, since errors can cancel or enlarge each other. Of the
     choices that these two figures lead to, the one with the least noise on all tried samples counts.
     """
     costs = trials.multiply_adds()
@@ -265,7 +265,7 @@ def _left_float(
     if not best or noises[best] >= baseline:
         return {}
     return {
-        output: f"quantized alone it makes {alone[output]:.0%} of the noise, at {costs[output] / total:.1%} of the "
+        output: f"quantized alone it causes {alone[output]:.0%} of the noise, at {costs[output] / total:.1%} of the "
         "multiply-adds"
         for output in fitting
         if output in best
@@ -273,7 +273,7 @@ def _left_float(
 
 
 def _within(room: float, costs: Mapping[str, int], gains: Mapping[str, float], *, by_cost: bool) -> frozenset[str]:
-    """Those that gain most, for their cost or by themselves, as long as there is room."""
+    """Those with the largest gain, for their cost or by themselves, as long as there is room."""
     chosen = set()
     for output in sorted(gains, key=lambda name: gains[name] / max(costs[name], 1) ** by_cost, reverse=True):
         if gains[output] > _LEAST_GAIN and costs[output] <= room:

@@ -17,12 +17,12 @@ Array = npt.NDArray[Any]
 
 
 class Simulation:
-    """What stands for one operator: nodes, and the constants that they read.
+    """The replacement of one operator: nodes, and the constants that they read.
 
     Args:
         operator: The operator.
-        origin: What it computes with.
-        name: What the names of all new tensors begin with.
+        origin: Its float form.
+        name: The prefix of the names of all new tensors.
         element_type: That of the operator's output.
     """
 
@@ -43,7 +43,7 @@ class Simulation:
         return (weight.shape[-1],) if weight.ndim > 1 else ()
 
     def multiply_adds(self, size: int) -> int:
-        """How many multiplications it takes to compute an output of `size` elements."""
+        """The number of multiplications for an output of `size` elements."""
         weight = self._origin.operator.weight
         if self.operator.node.op_type == "Conv":
             return size * int(weight.size // max(1, weight.shape[0]))
@@ -51,14 +51,14 @@ class Simulation:
 
     @property
     def is_correctable(self) -> bool:
-        """Whether it has a bias, or can be given one."""
+        """Whether it has a bias, or can get one."""
         return self._origin.operator.bias is not None or self.operator.node.op_type != "MatMul"
 
     def write(self, correction: str = "") -> tuple[list[onnx.NodeProto], str]:
-        """The nodes, and what they write; `constants` holds afterwards what these nodes read, each once.
+        """The nodes, and their output; `constants` holds afterwards the constants that these nodes read, each once.
 
         Args:
-            correction: A tensor of shape `channels` to take off the result.
+            correction: A tensor of shape `channels` to subtract from the result.
         """
         node, numbers, activation = self.operator.node, self._numbers, self._origin.activation
         is_convolution = node.op_type == "Conv"

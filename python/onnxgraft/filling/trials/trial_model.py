@@ -1,7 +1,7 @@
 """A float model in which each operator can be switched to its quantized form, while it runs.
 
-One session computes any choice: an `If` stands in the place of each operator, with a switch and a correction of its
-bias as inputs of the model.
+One session computes any choice: an `If` replaces each operator, with a switch and a correction of its bias as inputs of
+the model.
 """
 
 from __future__ import annotations
@@ -18,7 +18,7 @@ from onnxgraft.filling.trials.simulation import Simulation
 
 Array = npt.NDArray[Any]
 
-_AXES_AS_INPUT = 18  # operator set from which on ReduceMean has them there
+_AXES_AS_INPUT = 18  # from this operator set on, ReduceMean has them there
 
 
 def switch(simulation: Simulation) -> str:
@@ -27,12 +27,12 @@ def switch(simulation: Simulation) -> str:
 
 
 def correction(simulation: Simulation) -> str:
-    """The input that is taken off what a quantized operator computes."""
+    """The input that is subtracted from the result of a quantized operator."""
     return f"{simulation.name}_correction"
 
 
 def size(simulation: Simulation) -> str:
-    """The tensor that says how many elements come out of an operator."""
+    """The tensor with the number of elements of an operator's output."""
     return f"{simulation.name}_size"
 
 
@@ -66,7 +66,7 @@ def _branch(simulation: Simulation) -> onnx.NodeProto:
     operator = simulation.operator
     quantized, written = simulation.write(correction(simulation))
     exact = [operator.node] if operator.add is None else [operator.node, operator.add]
-    # Names inside a branch must not be those of the graph around it.
+    # Names inside a branch must differ from those of the outer graph.
     renamed = {name: f"{simulation.name}_float_{name}" for node in exact for name in node.output}
     copies = []
     for node in exact:
@@ -82,7 +82,7 @@ def _branch(simulation: Simulation) -> onnx.NodeProto:
 
 
 def error_model(model: onnx.ModelProto, simulations: Sequence[Simulation]) -> tuple[onnx.ModelProto, list[str]]:
-    """The float model, and beside each operator its quantized form on the same float input.
+    """The float model, with a quantized form of each operator on the same float input.
 
     Returns:
         The model and the outputs that hold the mean error of each operator: of shape [C], quantized minus float.
@@ -135,7 +135,7 @@ def _channels_last(simulation: Simulation) -> list[onnx.NodeProto]:
 def feeds_of(
     simulations: Sequence[Simulation], quantized: frozenset[str], corrections: Mapping[str, Array]
 ) -> dict[str, Array]:
-    """The values of all switches and corrections; operators are named by what they write themselves."""
+    """The values of all switches and corrections; operators are named by their own outputs."""
     feeds: dict[str, Array] = {}
     for simulation in simulations:
         output = simulation.operator.output
