@@ -27,7 +27,7 @@ Every command of `onnxgraft` with its arguments. `make docs` generates this page
 - Tab completion: `pip install "onnx-graft[completion]"`, then put `eval "$(register-python-argcomplete onnxgraft)"`
   into `~/.bashrc` or `~/.zshrc`.
 """
-# What every command takes; shown once.
+# Arguments of every command; shown once.
 _COMMON = ("help", "verbose", "quiet")
 
 _Group = tuple[str | None, str | None, list[argparse.Action]]

@@ -1,4 +1,4 @@
-"""What the fields of a dataclass mean, read from its docstring or from the comments beside and above them."""
+"""The meaning of the fields of a dataclass, read from its docstring or from the comments next to and above them."""
 
 from __future__ import annotations
 
@@ -13,7 +13,7 @@ _ATTRIBUTE = re.compile(r"^    (\w+): (.*)$")
 
 
 def field_texts(cls: type[Any]) -> dict[str, str]:
-    """The meaning of each field; empty where nothing is written about it."""
+    """The meaning of each field; empty if nothing is written about it."""
     texts = dict.fromkeys((field.name for field in dataclasses.fields(cls)), "")
     texts |= _commented(inspect.getsource(cls), texts) | _documented(inspect.getdoc(cls) or "", texts)
     return {name: re.sub(r"\s+", " ", text).strip() for name, text in texts.items()}

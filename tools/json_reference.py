@@ -1,4 +1,4 @@
-"""Writes docs/reference/json.md: what `--json` prints, from the classes whose values are printed.
+"""Writes docs/reference/json.md: the output of `--json`, from the classes whose values are printed.
 
     python -m tools.json_reference [--check]
 
@@ -41,7 +41,7 @@ fields that it does not know. A report file has a `schema_version`, which rises 
 
 @dataclasses.dataclass(frozen=True)
 class Fields:
-    """An object that a command puts together itself, possibly around the fields of a class."""
+    """An object that a command builds itself, possibly around the fields of a class."""
 
     title: str
     named: tuple[tuple[str, Any, str], ...]
@@ -111,7 +111,7 @@ _DIFFERENCE = Fields(
 )
 _REPORT = Fields("Report file", (("schema_version", int, f"{SCHEMA_VERSION} in this release."),), Report)
 
-# Command as it is typed, and what it prints; a pair of list and description is an array.
+# The command, and its output; a pair of list and description is an array.
 OUTPUTS: dict[str, Any] = {
     "list --json": (list, _LISTED),
     "list --rules --json": (list, _RULE),
@@ -128,7 +128,7 @@ OUTPUTS: dict[str, Any] = {
     "pattern MODEL.onnx --nodes NAME --json": PatternText,
     "apply MODEL.onnx --recipe NAME -o OUT.onnx --report R.json": _REPORT,
 }
-# What fields mean that no class explains, since their names say it in Python.
+# The meaning of fields without an explanation in their class, since their names say it in Python.
 _USUAL = {
     "account": "Which operators are INT8, and why the others are not.",
     "accepted": "Whether it was replaced; false if the transformation refused it.",
@@ -208,7 +208,7 @@ def page() -> str:
 
 
 def mismatches(value: Any, kind: Any, place: str = "output") -> Iterator[str]:
-    """Where a value read from JSON differs from the description."""
+    """The differences between a value read from JSON and the description."""
     if _is_object(kind):
         known = {name: inner for name, inner, _ in _fields(kind)}
         if not isinstance(value, dict):

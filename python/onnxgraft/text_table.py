@@ -1,6 +1,6 @@
 """Tables and lines that fit a terminal: names are never cut or broken, the other cells are wrapped.
 
-Everything that the program shows to people is laid out here, so that it reads the same in a pipe.
+All output of the program for people is laid out here, so that it reads the same in a pipe.
 """
 
 from __future__ import annotations
@@ -17,12 +17,12 @@ _NARROWEST = 16  # a wrapped column is not narrower; a longer name goes to a lin
 
 
 def width() -> int:
-    """The columns to fill: those of the terminal, COLUMNS if that is set, or 80."""
+    """The columns available: those of the terminal, COLUMNS if that is set, or 80."""
     return max(40, shutil.get_terminal_size().columns)
 
 
 def fitted(text: str, indent: int = 2) -> str:
-    """The text with its lines wrapped between words; what is wrapped is indented by so much more than its line."""
+    """The text with its lines wrapped between words; continuations are indented by this much more than their line."""
     return "\n".join(part for line in text.split("\n") for part in _wrapped_line(line, indent))
 
 
@@ -40,10 +40,10 @@ def table(
     Args:
         headings: One for each column.
         rows: The cells.
-        names: The columns whose cells are never broken: what a user types. The last of the others is wrapped.
+        names: The columns whose cells are never broken, since users type them. The last of the others is wrapped.
         numbers: The columns that are aligned to the right; never broken either.
         footer: A last row, below a line.
-        notes: What there is to know of each row, below it; empty for a row without a note.
+        notes: Remarks on each row, below it; empty for a row without a note.
     """
     cells = [[one_line(cell) for cell in row] for row in rows]
     total = [] if footer is None else [[one_line(cell) for cell in footer]]

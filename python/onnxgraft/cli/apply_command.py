@@ -129,7 +129,7 @@ def _own_calibration(options: argparse.Namespace, model: onnx.ModelProto, folder
 def _report_text(options: argparse.Namespace, report: Report) -> str:
     if options.report.suffix.lower() == ".json":
         return report.to_json()
-    from onnxgraft.report.report_page import MOST_CARDS, report_page  # only if a page is wanted # noqa: PLC0415
+    from onnxgraft.report.report_page import MOST_CARDS, report_page  # only if a page is wanted  # noqa: PLC0415
 
     most = MOST_CARDS if options.report_cards is None else options.report_cards
     return report_page(report, most=most)

@@ -76,7 +76,7 @@ def images_of(options: argparse.Namespace) -> Images:
     Raises:
         DataError: A number is invalid.
     """
-    from onnxgraft.samples import Images  # --help should not wait for it # noqa: PLC0415
+    from onnxgraft.samples import Images  # --help should not wait for it  # noqa: PLC0415
 
     return Images(
         size=options.image_size,

@@ -117,7 +117,7 @@ def filling_of(
             if getattr(options, name):
                 options.parser.error(f"--{name} needs --calibration or --calibrate")
         return None
-    from onnxgraft.calibration import calibrate, read_calibration  # --help should not wait for it # noqa: PLC0415
+    from onnxgraft.calibration import calibrate, read_calibration  # --help should not wait for it  # noqa: PLC0415
     from onnxgraft.cli import chosen  # noqa: PLC0415
     from onnxgraft.filling import Filling  # noqa: PLC0415
     from onnxgraft.samples import open_data  # noqa: PLC0415

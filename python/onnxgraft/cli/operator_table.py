@@ -1,4 +1,4 @@
-"""The table at the end of `apply`: what the model was made of before, and after."""
+"""The table at the end of `apply`: operators of the model before and after."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ def size_of(path: Path, model: onnx.ModelProto) -> int:
 
 
 def operators_of(model: onnx.ModelProto) -> Counter[str]:
-    """How many nodes each operator has."""
+    """The number of nodes of each operator."""
     return Counter(node.op_type for node in model.graph.node)
 
 

@@ -164,7 +164,7 @@ def test_remarks_on_changed_functions_and_warnings_of_other_operators() -> None:
     model.graph.node.append(helper.make_node("Conv", ["out", "w"], ["conv"], domain="com.example"))
     report = run(model, ["replace_resize_quant", "quant_conv"])
     assert report.steps[0].remarks == ["1 Resize of mode linear became nearest: the function changes"]
-    assert report.warnings == ["1 node is of com.example::Conv, which patterns take for the standard Conv"]
+    assert report.warnings == ["1 node is of com.example::Conv, which patterns treat as the standard Conv"]
     assert "the whole weight" in str(run(joined(KNOWN), "delete_concat", finish=False))
 
 

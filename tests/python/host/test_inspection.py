@@ -75,7 +75,7 @@ def test_what_is_taken_as_a_model(repository: Path, tmp_path: Path) -> None:
     wrong: list[tuple[Any, dict[str, Any], type[Exception], str]] = [
         (Holder(model), {}, TypeError, "changes would be lost"),
         (path, {}, TypeError, "needs output="),
-        (model, {"output": tmp_path / "o.onnx"}, TypeError, "belongs to a model given as a path"),
+        (model, {"output": tmp_path / "o.onnx"}, TypeError, "needs a model given as a path"),
         (tmp_path / "none.onnx", {"output": tmp_path / "o.onnx"}, ModelFileError, "none.onnx"),
         (path, {"output": path}, ModelFileError, "exists"),
         (3, {}, TypeError, "not int"),

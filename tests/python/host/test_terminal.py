@@ -1,4 +1,4 @@
-"""What commands show fits 80 columns, and names that a user types are whole."""
+"""The output of commands fits 80 columns, and names that a user types are whole."""
 
 import re
 from pathlib import Path
@@ -26,7 +26,7 @@ def save_model(path: Path) -> None:
     onnx.save_model(model, path)
 
 
-# Arguments, and what has to be whole in the output. {m}, {q}, {o}: a model, the quantized one, a place to write.
+# Arguments, and the names that must be whole in the output. {m}, {q}, {o}: a model, the quantized one, an output.
 COMMANDS: dict[str, tuple[str, list[str]]] = {
     "list": ("list", list(rows())),
     "rules": ("list --rules", ["fold_batch_norm"]),
@@ -83,7 +83,7 @@ def test_every_command_fits(
 
 
 def test_tables() -> None:
-    """Wrapped cells, long names, numbers, footers and notes; a line is as wide as the terminal at most."""
+    """Wrapped cells, long names, numbers, footers and notes; a line is at most as wide as the terminal."""
     rows_: list[tuple[Any, ...]] = [("short", "b c " * 30, 7), ("n" * 70, "few words", 12345), (LONG, "", "")]
     text = table(("Name", "Text", "Number"), rows_, numbers=(2,), footer=("total", "", 9), notes=["a note", "", ""])
     lines = text.split("\n")
