@@ -17,11 +17,7 @@ NameId FreshNames::make(const std::string& base) {
 NameId FreshNames::add(const std::string& name) {
   const std::size_t known = names_.size();
   const NameId id = names_.intern(name);
-  if (id >= known) return id;
-  // A known name is free only if the graph lost it. Names after the end of the marks are all in use.
-  if (id >= vacant_.size() || !vacant_[id]) return no_name;
-  vacant_[id] = false;
-  return id;
+  return id >= known ? id : no_name;
 }
 
 }  // namespace onnxgraft::core

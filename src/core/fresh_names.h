@@ -8,7 +8,6 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <vector>
 
 #include "core/names.h"
 
@@ -16,9 +15,8 @@ namespace onnxgraft::core {
 
 class FreshNames {
  public:
-  /// `names` must hold every name of the graph. It may hold others that the graph no longer has: `vacant` marks them,
-  /// and they are free. New names are added to `names`.
-  FreshNames(Names& names, std::vector<bool>& vacant) : names_(names), vacant_(vacant) {}
+  /// `names` must hold every name of the graph; new ones are added.
+  explicit FreshNames(Names& names) : names_(names) {}
 
   /// `base` itself if it is free, else the first free one of base_1, base_2, ...
   NameId make(const std::string& base);
@@ -28,7 +26,6 @@ class FreshNames {
   NameId add(const std::string& name);
 
   Names& names_;
-  std::vector<bool>& vacant_;
   std::unordered_map<std::string, std::size_t> next_;  // per base, the first number not tried yet
 };
 

@@ -94,27 +94,6 @@ void GraphTable::seal() {
   }
 }
 
-GraphTable GraphTable::relisted(std::span<const NodeIndex> order) && {
-  GraphTable table;
-  table.nodes_.reserve(order.size());
-  for (const NodeIndex node : order) {
-    table.add_node(op(node), inputs(node), outputs(node), implicit_inputs(node));
-    if (!node_names.empty()) table.node_names.push_back(node_names[node]);
-  }
-  table.names = std::move(names);
-  table.ops = std::move(ops);
-  return table;
-}
-
-/// Right only before new rows are added: `links_` then holds the links of the nodes in the list and no others.
-void GraphTable::vacate_all_but(std::span<const NameId> others) {
-  vacant.assign(names.size(), true);
-  for (const std::span<const NameId> used : {std::span<const NameId>(links_), std::span<const NameId>(initializers),
-                                             std::span<const NameId>(node_names), others}) {
-    for (const NameId name : used) vacant[name] = false;
-  }
-}
-
 std::span<const NodeIndex> GraphTable::readers(NameId name) const {
   if (static_cast<std::size_t>(name) + 1 >= reader_begin_.size()) return {};
   return std::span(readers_).subspan(reader_begin_[name], reader_begin_[name + 1] - reader_begin_[name]);

@@ -37,10 +37,6 @@ class GraphTable {
   void add_graph_output(NameId name);
   /// Computes producers and readers. Only new nodes may be added after it.
   void seal();
-  /// The table of the same graph with another list: the rows `order` of this one, in that order. Initializers and
-  /// outputs must be added again. The later passes of one `apply` use it instead of reading every node again, which
-  /// saves a fifth of a merge. Ids of names and operators stay, and with them names that the graph no longer has.
-  [[nodiscard]] GraphTable relisted(std::span<const NodeIndex> order) &&;
 
   [[nodiscard]] NodeIndex node_count() const { return static_cast<NodeIndex>(nodes_.size()); }
   [[nodiscard]] NodeIndex original_count() const { return original_count_; }
@@ -60,10 +56,6 @@ class GraphTable {
   [[nodiscard]] bool is_graph_output(NameId name) const { return has(name, graph_output); }
   [[nodiscard]] bool is_read_by_body(NameId name) const { return has(name, body_read); }
 
-  /// Declares all names free except those of the rows, the initializers, the nodes, and `others`. Called for a table
-  /// that was relisted, so that fresh names do not depend on whether the passes shared a reading.
-  void vacate_all_but(std::span<const NameId> others);
-
   /// All names of the graph, of every kind; grows when fresh names are made.
   Names names;
   /// Operator types.
@@ -72,8 +64,6 @@ class GraphTable {
   std::vector<NameId> initializers;
   /// Names of nodes (not of tensors) by index; filled when a splice needs them.
   std::vector<NameId> node_names;
-  /// By name: true if the graph no longer has it, so that it is free. Names after the end are in use.
-  std::vector<bool> vacant;
 
  private:
   /// A row: 20 bytes, and no allocation of its own.

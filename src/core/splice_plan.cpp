@@ -14,7 +14,7 @@ namespace onnxgraft::core {
 
 SplicePlan::SplicePlan(GraphTable& table, const Rule& rule, OccurrenceList& occurrences)
     : table_(table), rule_(rule), occurrences_(occurrences), first_new_(table.node_count()) {
-  FreshNames fresh(table.names, table.vacant);
+  FreshNames fresh(table.names);
   Interruptible work;
   entry_nodes_.reserve(occurrences.size() * rule.entries.size());
   for (std::size_t index = 0; index < occurrences.size(); ++index) {

@@ -37,26 +37,6 @@ TEST(GraphTable, KnowsWritersAndReaders) {
   EXPECT_TRUE(table.readers(no_name).empty());
 }
 
-TEST(GraphTable, IsListedAnew) {
-  GraphTable table = make_graph("p: A x -> a; q: B a -> b reads x; r: C b -> c");
-  const Nodes order{2, 0};
-  table = std::move(table).relisted(order);
-  table.seal();
-  EXPECT_EQ(node_line(table, 0), "r: C b -> c");
-  EXPECT_EQ(node_line(table, 1), "p: A x -> a");
-  EXPECT_EQ(readers(table, "b"), Nodes{0});
-  EXPECT_EQ(readers(table, "a"), Nodes{});
-  const std::vector<NameId> others{table.names.intern("q")};
-  table.vacate_all_but(others);
-  Texts vacant;
-  for (NameId name = 1; name < table.names.size(); ++name) {
-    if (table.vacant[name]) vacant.emplace_back(table.names.text(name));
-  }
-  EXPECT_EQ(vacant, Texts{});
-  table.vacate_all_but({});
-  EXPECT_TRUE(table.vacant[others[0]]);
-}
-
 TEST(Names, AreFoundAmongMany) {
   Names names;
   const auto text = [](int number) {
