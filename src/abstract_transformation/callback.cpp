@@ -1,3 +1,7 @@
+// Makes a callback's arguments and calls it, for the pass.
+//
+// An occurrence whose node is gone raises before its callback runs. The file must not know what a callback does with
+// its arguments, nor edit the graph itself.
 #include "abstract_transformation/callback.h"
 
 #include <algorithm>

@@ -1,4 +1,7 @@
 // Calls `_on_replace_subgraph` of the transformation that runs.
+//
+// Invariant: inside a round, calls go through the callback's session if its promise is believed, otherwise through the
+// attribute of the instance. Nothing here decides what a refusal means: that is the pass.
 #pragma once
 
 #include <vector>
@@ -26,7 +29,7 @@ class Callback {
   [[nodiscard]] Changes changes() const { return changes_; }
   [[nodiscard]] bool keeps_nodes() const { return changes_ != Changes::anything; }
 
-  /// Begins a session of the callback, if it has any; between it and `end_round` nobody else may edit the node list.
+  /// Begins a session of the callback, if it has any; until `end_round`, nothing else may edit the node list.
   void begin_round();
   /// Does what the calls of the round have put off.
   void end_round();

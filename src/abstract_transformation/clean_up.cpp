@@ -1,3 +1,7 @@
+// Deletes what only removed nodes needed.
+//
+// Invariant: a name that any remaining node, body or graph output reads is never deleted. If the table can be trusted,
+// uses come from it: reading the graph again takes two fifths longer for merges. Must not know patterns.
 #include "abstract_transformation/clean_up.h"
 
 #include <algorithm>

@@ -1,5 +1,7 @@
-// What goes from a graph after occurrences were accepted: initializers that only removed nodes read, graph
-// inputs of the same names, and `value_info` that is out of date.
+// What leaves a graph after occurrences were accepted: initializers that only removed nodes read, graph inputs of the
+// same names, and `value_info` that is out of date.
+//
+// It runs once, at the end of a pass, and must not know which occurrences there were, only names.
 #pragma once
 
 #include <vector>
@@ -15,7 +17,7 @@ struct CleanUpNames {
   std::vector<core::NameId> changed;          // tensors that vanished or may have another type now
 };
 
-/// `trust_table`: nobody but the writer has changed the graph since it was read, so that uses can be told
+/// `trust_table`: only the writer has changed the graph since it was read, so that uses can be taken
 /// from the table; else the graph is read again.
 void clean_up(PyObject* graph, core::GraphTable& table, const GraphWriter& writer, const CleanUpNames& names,
               bool trust_table);

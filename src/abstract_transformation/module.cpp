@@ -1,6 +1,8 @@
-// The module `abstract_transformation`: the base class of all transformations, and what tools need to look into
-// its matching.
-
+// The module `abstract_transformation`: the base class of all transformations, and what tools need to look into its
+// matching.
+//
+// It is a table of names, parameters, documentation and bodies. Work is done in the other files; a body here is a line
+// or two.
 #include <array>
 #include <chrono>
 #include <memory>
@@ -209,7 +211,7 @@ const FunctionRow is_fast_row{
     .doc = "Whether the container is known as protobuf's own list of messages, which is read and written as a whole.",
 };
 
-constexpr const char* observed_doc = R"(Something in front of a method of a transformation that only looks on.
+constexpr const char* observed_doc = R"(A method that calls `watch` around a method of a transformation.
 
 Put it on the instance in the method's place: vars(transformation)[name] = observed(original, watch). A call of it
 calls watch(original, ...) with the arguments of the call. Where the method promises to leave nodes alone, it is still

@@ -1,3 +1,7 @@
+// The list of calls at work, one for the process.
+//
+// It is read and written only while the interpreter's lock is held, and compares addresses: it must not touch the
+// graphs.
 #include "abstract_transformation/one_call.h"
 
 namespace onnxgraft::py {

@@ -1,8 +1,8 @@
 // A graph is rewritten by one call at a time.
 //
-// A pass and an `apply` note the graph that they work on. Another thread that comes to it is refused, and so is whoever
-// comes while a callback is at work that promised to leave the nodes alone (from a function that somebody put in the
-// place of NumPy's, or from another greenlet). A callback without promise may run further passes over its graph.
+// A pass and an `apply` note the graph that they work on. Another thread that comes to it is refused, and so is any
+// call that comes while a callback is at work that promised to leave the nodes alone (from a function that replaces one
+// of NumPy's, or from another greenlet). A callback without promise may run further passes over its graph.
 #pragma once
 
 #include <list>

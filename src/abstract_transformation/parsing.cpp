@@ -1,3 +1,6 @@
+// Converts a compiled rule to tuples for `parse`.
+//
+// The order is that of the lists. Nothing is interpreted here: what the notation means is decided in the core.
 #include "abstract_transformation/parsing.h"
 
 #include "py/objects.h"

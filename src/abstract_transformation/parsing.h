@@ -1,4 +1,6 @@
 // A pair of lists taken apart, for tools that show or build what a pattern says.
+//
+// The tuples follow the compiled rule, so that tools need no parser of their own. Must not know graphs.
 #pragma once
 
 #include "core/rule.h"

@@ -1,3 +1,7 @@
+// The order of steps in a pass and in a round, and what is undone if a step raises.
+//
+// Invariant: on every way out, the node list holds the accepted occurrences, the one whose callback raised, and no
+// other. Must not know operators, or what callbacks compute.
 #include "abstract_transformation/pass.h"
 
 #include <algorithm>
@@ -23,7 +27,9 @@ Pass::Pass(PyObject* transformation, PyObject* graph, PyObject* extra, std::shar
 
 std::size_t Pass::run() {
   const std::size_t count = with_places(graph_, [&] { return search_and_replace(); });
-  if (run_ != nullptr && !writer_.has_begun()) run_->keep_reading(std::move(reading_));
+  if (run_ == nullptr || !callback_.keeps_nodes()) return count;
+  if (writer_.has_begun()) reading_->keep_operators(writer_.order());
+  run_->keep_reading(std::move(reading_));
   return count;
 }
 
@@ -63,7 +69,7 @@ void Pass::prepare_writing() {
     initializers_ = attribute(graph_, field::initializer);
     writer_.begin();
   }
-  // A callback may change the list; what it did can be told only from the nodes' identities.
+  // A callback may change the list; what it did shows only in the nodes' identities.
   if (!callback_.keeps_nodes()) writer_.hold_all();
 }
 

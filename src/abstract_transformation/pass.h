@@ -60,7 +60,7 @@ class Pass {
   std::unique_ptr<GraphReading> reading_;
   core::GraphTable& table_;  // of the reading
   GraphReader reader_;
-  Ref initializers_;  // held so that callbacks, which ask the graph for it, get it without making it anew
+  Ref initializers_;  // held so that callbacks, which ask the graph for it, get it without making it again
   Callback callback_;
   GraphWriter writer_;
   core::Claims claims_{0};  // of accepted occurrences

@@ -1,4 +1,6 @@
-// What a pass tells about itself: the line that `debug=True` writes, and the nearest miss as data.
+// What a pass reports: the line that `debug=True` writes, and occurrences and near misses as data.
+//
+// Nothing here changes a graph, or takes part in a pass.
 #pragma once
 
 #include <chrono>

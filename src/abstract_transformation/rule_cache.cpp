@@ -1,3 +1,7 @@
+// Reads pairs of lists and keeps what they compile to.
+//
+// The key is the content of both lists, so a list may change between two passes. The cache is emptied when it is full;
+// a rule in use stays alive. Must not know graphs.
 #include "abstract_transformation/rule_cache.h"
 
 #include <string>

@@ -1,4 +1,6 @@
 // Compiled rules by the content of their lists: a class runs the same few pairs again and again.
+//
+// A rule is immutable, so that passes can share it. Errors of the notation come from the core.
 #pragma once
 
 #include <memory>

@@ -1,3 +1,7 @@
+// One walk over nested bodies, with a scope for each body.
+//
+// Invariant: a name that a body defines itself is never reported as read from outside. Must not know the matching; it
+// only interns and collects names.
 #include "py/body_reader.h"
 
 #include <algorithm>

@@ -1,4 +1,6 @@
 // What the nested bodies of a node (of If, Loop, Scan) read from the graph around them.
+//
+// The depth is that of the nesting. Bodies are only read: no pass changes them.
 #pragma once
 
 #include <vector>

@@ -1,3 +1,7 @@
+// The type of function objects: memory, calls, binding as a method, observation.
+//
+// Invariant: an entry point never lets a C++ exception pass, and the garbage collector sees every reference that an
+// object owns. Must not know what functions do.
 #include "py/function.h"
 
 #include <array>

@@ -68,9 +68,9 @@ struct FunctionRow {
   const char* result_annotation = nullptr;
   bool collects_keywords = false;  // has `**kwargs`
   bool is_abstract = false;
-  /// What it changes behind the back of a session (see session.h); functions that may change anything have none.
+  /// What it changes while a session lasts (see session.h); functions that may change anything have none.
   Changes changes = Changes::anything;
-  /// Methods of `self` that it calls: whoever overrides one withdraws the promise.
+  /// Methods of `self` that it calls: overriding one withdraws the promise.
   std::span<const char* const> calls;
   /// It calls the method of its own name that `super()` finds, and promises no more than that one does.
   bool calls_inherited = false;
@@ -88,7 +88,7 @@ Ref make_function(PyObject* function_type, PyObject* module, const FunctionRow& 
 /// Tells a method whose class it is of, for `super()`; once the class is made.
 void set_owner(PyObject* function, PyObject* owner);
 
-/// The row behind a function object of this module, null for any other object: lets a caller see whether
+/// The row of a function object of this module, null for any other object: lets a caller see whether
 /// a class still has the built-in implementation of a method.
 const FunctionRow* row_of(PyObject* object) noexcept;
 

@@ -1,3 +1,6 @@
+// Attributes and methods of function objects that Python code sees.
+//
+// All are computed from the row when they are asked for. Must not change a function object.
 #include "py/function_reflection.h"
 
 #include <array>
@@ -129,7 +132,7 @@ PyObject* observe(PyObject* self, PyObject* watch) {
 
 std::array<PyMethodDef, 5> methods{{
     {"__reduce__", reduce, METH_NOARGS, "Pickled by name."},
-    {"session", session, METH_VARARGS, "(self, graph) -> this function for calls with nobody else's edits in between."},
+    {"session", session, METH_VARARGS, "(self, graph) -> this function for calls without other edits in between."},
     {"finish", finish, METH_NOARGS, "Ends a session."},
     {"observed", observe, METH_O, "(watch) -> a function that calls watch(this function, ...)."},
     {nullptr, nullptr, 0, nullptr},

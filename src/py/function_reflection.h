@@ -1,5 +1,7 @@
-// What a function object tells about itself: names, annotations, signature, pickling by name.
-// Everything is made from the row when it is asked for, so it costs nothing at import or call.
+// What a function object shows of itself: names, annotations, signature, pickling by name.
+//
+// Everything is made from the row when it is asked for, so it costs nothing at import or call. The layout of the object
+// is here because three files share it.
 #pragma once
 
 #include <Python.h>

@@ -1,3 +1,7 @@
+// Reads operators, then links, then all other names, each only if a pass needs it.
+//
+// Invariant: row i of the table is node i of the list. A node is read from its bytes where that is cheaper; both ways
+// give the same row. Must not write to the graph, nor know rules beyond which operators they name.
 #include "py/graph_reader.h"
 
 #include <algorithm>

@@ -1,3 +1,7 @@
+// Brings the node list from one order to another, and back if a step fails.
+//
+// Invariant: `order_` is what the list holds, unless others changed it, which `synchronize` finds out. Must not decide
+// which nodes go or come.
 #include "py/graph_writer.h"
 
 #include <algorithm>
@@ -91,7 +95,7 @@ bool GraphWriter::is_at(NodeIndex node, std::size_t position) const {
 }
 
 Py_ssize_t GraphWriter::position(NodeIndex node) {
-  // Without `hold_all`, nobody but the writer changes the list.
+  // Without `hold_all`, only the writer changes the list.
   if (position_[node] != absent && (!holds_all_ || is_at(node, position_[node])))
     return static_cast<Py_ssize_t>(position_[node]);
   read_again();

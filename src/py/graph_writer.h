@@ -35,14 +35,14 @@ class GraphWriter {
   void hold(core::NodeIndex node);
   /// Gives up a removed node that will not come back.
   void release(core::NodeIndex node);
-  /// Holds the objects of all nodes, so that changes by others can be told later.
+  /// Holds the objects of all nodes, so that changes by others can be recognised later.
   void hold_all();
-  /// Takes another object as the graph's list: one who clears the graph as a whole leaves the old one behind, cut off.
+  /// Takes another object as the graph's list: clearing the graph as a whole detaches the old one.
   void follow(Ref nodes);
   /// Position of the node in the graph right now; -1 if it is gone. Notices if others changed the list.
   Py_ssize_t position(core::NodeIndex node);
   /// Reads the list again if others changed it: nodes unknown so far become part of the table. True if it
-  /// changed since the last `rearrange`. Without `hold_all`, nobody but the writer may change the list.
+  /// changed since the last `rearrange`. Without `hold_all`, only the writer may change the list.
   bool synchronize();
 
   /// Brings the list into the order `target`. Nodes of the table that the list lacks are made: a new node

@@ -1,3 +1,7 @@
+// Sorting and deletion of protobuf's lists, undone if they are interrupted.
+//
+// Invariant: after an exception the list has its old order, or the new one if all was done. Lists that only look like
+// protobuf's may grow, shrink or keep what they are given; none of that may crash. Must not know nodes.
 #include "py/message_list.h"
 
 #include <algorithm>

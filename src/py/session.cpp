@@ -1,3 +1,7 @@
+// Decides which promise is believed, and begins sessions and observations.
+//
+// A promise counts only for functions that this project made, and only if every method that they call on `self` is
+// built in too. Must not know what a session shares.
 #include "py/session.h"
 
 #include <algorithm>

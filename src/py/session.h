@@ -1,12 +1,12 @@
-// Sessions: calls of one function that follow each other while nobody else edits the graph.
+// Sessions: calls of one function that follow each other while nothing else edits the graph.
 //
 // A function of ours that says what it changes of a graph (`Changes`) can be asked for a session. What comes back is
-// called in the function's place; its calls may share what they look up, and whoever asked need not look for other
+// called instead of the function; its calls may share what they look up, and the caller need not look for other
 // changes. Nothing is believed but of functions that this project made: any object may have any attribute. The
 // promise belongs to the function, whatever class it is called for; what it calls on `self` has to be built in too.
 //
-// Modules do not know each other's types, so that a function is told by the name of its type, which only C code can
-// give to a type that makes no instances.
+// Modules do not know each other's types, so that a function is recognised by the name of its type, which only C code
+// can give to a type that makes no instances.
 #pragma once
 
 #include <string_view>
@@ -17,7 +17,7 @@ namespace onnxgraft::py {
 
 inline constexpr const char* function_type_name = "onnxgraft.builtin_function";
 
-/// What is to be called in the place of `method`; empty where there is no promise to believe.
+/// What is to be called instead of `method`; empty if there is no promise to believe.
 Ref begin_session(PyObject* method, PyObject* graph);
 /// Has the session do what it has put off; called after an error too.
 void finish_session(PyObject* session);

@@ -1,3 +1,7 @@
+// Takes protobuf's wire format apart.
+//
+// Every length is checked against what is left, so that no read goes past the end. Must not know ONNX beyond field
+// numbers.
 #include "py/wire_fields.h"
 
 #include <algorithm>

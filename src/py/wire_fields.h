@@ -1,4 +1,7 @@
-// The fields of a protobuf message in its wire format, as they stand there.
+// The fields of a protobuf message in its wire format, in the order of the bytes.
+//
+// The reader looks at nodes this way, and the encoder copies them. Views point into the message, which must outlive
+// them.
 #pragma once
 
 #include <cstdint>

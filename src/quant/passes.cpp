@@ -1,3 +1,6 @@
+// Runs the pairs of a class, one pass after the other, and adds their counts up.
+//
+// Lists are read from the instance, so that a subclass may replace them. Must not know what a pair says.
 #include "quant/passes.h"
 
 #include "py/name_index.h"

@@ -1,3 +1,7 @@
+// The context manager `external_data_folder` and the variable that it sets.
+//
+// A manager is immutable; what was set before is kept in the context, so one manager can be entered twice. Must not
+// open files.
 #include "transform_utilities/data_folder.h"
 
 #include <array>

@@ -1,5 +1,7 @@
-// The folder that external data is looked up in: a context variable, so that threads and tasks do not see each
-// other's, and the context manager that sets it.
+// The folder that external data is looked up in: a context variable, so that threads and tasks do not see each other's,
+// and the context manager that sets it.
+//
+// Must not know tensors or files.
 #pragma once
 
 #include "py/objects.h"

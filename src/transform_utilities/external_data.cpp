@@ -1,3 +1,7 @@
+// Makes an array from a tensor.
+//
+// Data in a file are mapped and not read. The shape has to agree with the length of the data before anything is mapped.
+// Which file may be read is decided in external_file.cpp.
 #include "transform_utilities/external_data.h"
 
 #include <array>

@@ -1,4 +1,6 @@
-// Contents of a tensor, in the graph or in a file beside it.
+// Contents of a tensor, in the graph or in a data file.
+//
+// The tensor is never changed. Must not know names or graphs: the look-up is in initializer_lookup.cpp.
 #pragma once
 
 #include "py/objects.h"

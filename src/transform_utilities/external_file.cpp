@@ -1,3 +1,7 @@
+// Tests of a data file, each with its own message.
+//
+// Invariant: a path that is returned is a regular file below the folder, without a link on the way. Must not know
+// arrays.
 #include "transform_utilities/external_file.h"
 
 #include <charconv>
@@ -82,7 +86,7 @@ FileRange checked_range(const ExternalLocation& where, const fs::path& folder) {
   const std::uint64_t offset = where.offset ? number(where, path, "offset", *where.offset) : 0;
   if (offset > size) {
     refuse(where, path,
-           "offset " + std::to_string(offset) + " lies behind the end of the file, which has " + std::to_string(size) +
+           "offset " + std::to_string(offset) + " is beyond the end of the file, which has " + std::to_string(size) +
                " bytes");
   }
   const std::uint64_t length = where.length ? number(where, path, "length", *where.length) : size - offset;

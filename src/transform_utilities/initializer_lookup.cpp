@@ -1,3 +1,6 @@
+// `get_init` itself: finds records by name and reads their contents.
+//
+// A name that is missing raises before its array is made. Must not know how contents are stored.
 #include "transform_utilities/initializer_lookup.h"
 
 #include "py/name_index.h"
@@ -27,7 +30,7 @@ Ref find_record(PyObject* graph, PyObject* initializers, PyObject* name) {
   const Ref of_graph = py::attribute(graph, graph_name);
   py::raise(
       PyExc_ValueError,
-      "get_init(): %R is no initializer of graph %R (%zd initializers): each name must stand in graph.initializer",
+      "get_init(): %R is not an initializer of graph %R (%zd initializers): each name must be in graph.initializer",
       name, of_graph.get(), py::length(initializers));
 }
 

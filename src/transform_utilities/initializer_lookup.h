@@ -1,4 +1,6 @@
 // `get_init`: contents and records of named initializers.
+//
+// Records are those of the graph, not copies. Positions come from the name index, contents from external_data.h.
 #pragma once
 
 #include "py/function.h"

@@ -1,4 +1,7 @@
 // The extension module `transform_utilities`: look-up of initializers.
+//
+// A table of what the module holds; the names `np`, `helper` and `numpy_helper` are module attributes that a host may
+// replace.
 #include <array>
 
 #include "py/class_factory.h"
@@ -31,7 +34,7 @@ constexpr const char* get_init_documentation =
     "    graph itself, not a copy.\n\n"
     "Raises:\n"
     "    TypeError: names is a single str.\n"
-    "    ValueError: a name is no initializer of the graph, or the graph says of data in a file what cannot be\n"
+    "    ValueError: a name is not an initializer of the graph, or what the graph states of a data file cannot be\n"
     "        (outside its folder, a link, offset or length beyond the file or different from the shape's).\n"
     "    FileNotFoundError: the file is missing; external_data_folder() says where files are looked up.\n\n"
     "A call takes time in proportion to the number of names, not to the size of the graph, and the answer is right\n"

@@ -1,3 +1,7 @@
+// The list of all rows; its order is the order of `vars(quant)`.
+//
+// A class of this list must come after its bases. A new transformation needs a line here and a row in a header of this
+// folder.
 #include "quant/catalogue/catalogue.h"
 
 #include <array>

@@ -1,4 +1,6 @@
 // The catalogue: every class of the module, one row each, in the order of their definition.
+//
+// The module makes the classes from it. Rows are data: nothing in this folder computes anything.
 #pragma once
 
 #include <span>

@@ -16,19 +16,19 @@ inline constexpr const char* short_indent_doc = "\n       Transformation prepare
 namespace concat_v1 {
 
 // The second pair joins the tensors in another order, (3, 4, 1, 2), than the concatenation that it replaces.
-inline constexpr std::array pools_behind_input{"MaxPool:1->2", "MaxPool:1->3", "MaxPool:1->4", "Concat:1,2,3,4->5",
-                                               "TesselQuant:5->99"};
+inline constexpr std::array pools_after_input{"MaxPool:1->2", "MaxPool:1->3", "MaxPool:1->4", "Concat:1,2,3,4->5",
+                                              "TesselQuant:5->99"};
 inline constexpr std::array pools_before_input{"MaxPool:1->2", "MaxPool:1->3", "MaxPool:1->4", "Concat:2,3,4,1->5",
                                                "TesselQuant:5->99"};
-inline constexpr std::array pulled_behind_input{"#0",        "#1",        "#2",        "#4:1->100",
-                                                "#4:2->101", "#4:3->102", "#4:4->103", "#3:100,101,102,103->99"};
+inline constexpr std::array pulled_after_input{"#0",        "#1",        "#2",        "#4:1->100",
+                                               "#4:2->101", "#4:3->102", "#4:4->103", "#3:100,101,102,103->99"};
 inline constexpr std::array pulled_before_input{"#0",        "#1",        "#2",        "#4:2->100",
                                                 "#4:3->101", "#4:4->102", "#4:1->103", "#3:101,102,103,100->99"};
 
 inline constexpr std::array lists{
-    PatternList{"subgraph1", pools_behind_input},
+    PatternList{"subgraph1", pools_after_input},
     PatternList{"subgraph2", pools_before_input},
-    PatternList{"subgraph_replacement1", pulled_behind_input},
+    PatternList{"subgraph_replacement1", pulled_after_input},
     PatternList{"subgraph_replacement2", pulled_before_input},
 };
 inline constexpr ClassRow row{"ReplaceConcatQuantTransformationV1", pull_up_base, yolo5_doc, lists,
@@ -113,17 +113,17 @@ inline constexpr ClassRow row{"ReplaceConcatQuantTransformationV6", pull_up_base
 
 namespace concat_v7 {
 
-inline constexpr std::array product_behind{"Resize:1,~i->3", "Mul:4,5->6", "Concat:3,6->7", "TesselQuant:7->99"};
+inline constexpr std::array product_after{"Resize:1,~i->3", "Mul:4,5->6", "Concat:3,6->7", "TesselQuant:7->99"};
 inline constexpr std::array pulled_in_order{"#0", "#1", "#3:3->100", "#3:6->101", "#2:100,101->99"};
 inline constexpr std::array product_before{"Resize:1,~i->3", "Mul:4,5->6", "Concat:6,3->7", "TesselQuant:7->99"};
 inline constexpr std::array pulled_swapped{"#0", "#1", "#3:3->100", "#3:6->101", "#2:101,100->99"};
-inline constexpr std::array sum_behind{"Resize:1,~i->3", "Add:4,5->6", "Concat:3,6->7", "TesselQuant:7->99"};
+inline constexpr std::array sum_after{"Resize:1,~i->3", "Add:4,5->6", "Concat:3,6->7", "TesselQuant:7->99"};
 inline constexpr std::array sum_before{"Resize:1,~i->3", "Add:4,5->6", "Concat:6,3->7", "TesselQuant:7->99"};
 
 inline constexpr std::array lists{
-    PatternList{"subgraph1", product_behind}, PatternList{"subgraph_replacement1", pulled_in_order},
+    PatternList{"subgraph1", product_after},  PatternList{"subgraph_replacement1", pulled_in_order},
     PatternList{"subgraph2", product_before}, PatternList{"subgraph_replacement2", pulled_swapped},
-    PatternList{"subgraph3", sum_behind},     PatternList{"subgraph_replacement3", pulled_in_order},
+    PatternList{"subgraph3", sum_after},      PatternList{"subgraph_replacement3", pulled_in_order},
     PatternList{"subgraph4", sum_before},     PatternList{"subgraph_replacement4", pulled_swapped},
 };
 inline const std::array passes{

@@ -1,5 +1,8 @@
 // Rows: merging two quantize nodes that read one tensor.
 //   Quant(x), Op(Quant(x)) -> q = Quant(x), Op(q)
+//
+// The order of `lists` is that of the class attributes. Data only: the comparison of parameters is in
+// families/quant_fusion.cpp.
 #pragma once
 
 #include "quant/catalogue/rows.h"

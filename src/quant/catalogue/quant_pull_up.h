@@ -1,5 +1,7 @@
 // Rows: the base of the pull-up family, and the pull-up through a concatenation of two to six inputs.
 //   Quant(Concat(x1 .. xk)) -> Concat(Quant(x1) .. Quant(xk))
+//
+// The output of the quantize node is 99, by which the callback finds it. Data only.
 #pragma once
 
 #include "quant/catalogue/rows.h"

@@ -1,5 +1,7 @@
-// Row: the quantize node in front of a convolution takes the parameters of the one behind a concatenation.
+// Row: the quantize node before a convolution takes the parameters of the one after a concatenation.
 //   Quant_a(x), Concat(.., x, ..) -> Quant_b  becomes  Quant_b(x), Concat(.., x, ..) -> Quant_b
+//
+// The callback relies on the positions in `around` and `updated`. Data only.
 #pragma once
 
 #include "quant/catalogue/rows.h"

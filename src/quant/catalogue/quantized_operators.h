@@ -1,5 +1,7 @@
 // Rows: the operators that are quantized, and their common base.
 //   Op(x, w, b) -> Dequant(Op(Quant(x), w8, b32), scale)
+//
+// The ids of new tensors are those of the roles in families/quantizing_callbacks.cpp. Data only.
 #pragma once
 
 #include "quant/catalogue/rows.h"

@@ -1,4 +1,6 @@
 // Building blocks of the catalogue's rows: doc strings, parameter lists and the methods that classes share.
+//
+// A row is a constant that lives as long as the process. Must not know single transformations.
 #pragma once
 
 #include <algorithm>

@@ -1,5 +1,6 @@
-// Rows: rewrites of pooling, concatenation, normalization, resizing and shape computation around quantized
-// nodes.
+// Rows: rewrites of pooling, concatenation, normalization, resizing and shape computation around quantized nodes.
+//
+// Callbacks find tensors by the ids in these lists. Data only: what is computed is in families/.
 #pragma once
 
 #include "quant/catalogue/rows.h"

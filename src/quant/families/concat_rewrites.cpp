@@ -1,5 +1,7 @@
 // Callback of `replace_concat_quant_v10`: only a concatenation of products, each fed by a dequantize node, is
 // rewritten; then the biases as everywhere in the pull-up family.
+//
+// It refuses before anything is written. Must not know how biases are corrected.
 #include "quant/families/callbacks.h"
 #include "quant/families/occurrence.h"
 #include "quant/numpy/host.h"

@@ -1,5 +1,5 @@
 // Callback of `change_gap_conv`: both convolutions of the block get float weights and biases. With s the
-// dequantize scale of an output channel and q the scale of the quantize node in front:
+// dequantize scale of an output channel and q the scale of the quantize node before it:
 //   weight' = weight / ((1 / s) / q)     bias' = bias * s     all in 32-bit floats, in this order
 #include <array>
 #include <optional>
@@ -86,7 +86,7 @@ Ref group_words(PyObject* nodes, Py_ssize_t position) {
 Ref parameter_words(const Call& call, const Convolution& where) {
   const Ref weight = subscript(call[callback::links], where.weight);
   return py::checked(PyUnicode_FromFormat(
-      "the TesselQuant node in front of the Conv with the weight '%S' has no scale or no offset", weight.get()));
+      "the TesselQuant node before the Conv with the weight '%S' has no scale or no offset", weight.get()));
 }
 
 Ref kernel_words(const Ref& name, const Ref& weight) {

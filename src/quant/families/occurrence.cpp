@@ -1,3 +1,6 @@
+// Attributes, calls of methods and words, for all callbacks alike.
+//
+// No function here writes to the graph. What only one callback needs is in that callback's file.
 #include "quant/families/occurrence.h"
 
 #include <array>

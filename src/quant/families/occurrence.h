@@ -1,10 +1,9 @@
 // What callbacks ask of the occurrence that they were called for: attributes of its nodes, methods of the
-// transformation, and the sentence that says why it is refused.
+// transformation, and the sentence that states why it is refused.
 //
-// Nothing here knows of the graph or of a session's view. A subclass may override any method that is called; built-in
-// ones see the same view of the graph as the callback. Whoever wants to know why gives
-// `_replace_all_isomorphic_sub_graphs`, or the callback itself, a list as the keyword `refusal_reasons`; without it no
-// sentence is made.
+// Must not know the graph or a session's view. A subclass may override any method that is called; built-in ones see the
+// same view of the graph as the callback. To get the sentences, pass `_replace_all_isomorphic_sub_graphs`, or the
+// callback itself, a list as the keyword `refusal_reasons`; without it no sentence is made.
 #pragma once
 
 #include "py/function.h"

@@ -1,4 +1,6 @@
-// Callback of `replace_quant`: two quantize nodes are merged only where they quantize alike.
+// Callback of `replace_quant`: two quantize nodes are merged only if they quantize alike.
+//
+// It changes nothing. A missing attribute refuses, whatever the other node has.
 #include "quant/families/callbacks.h"
 #include "quant/families/occurrence.h"
 #include "quant/numpy/names.h"

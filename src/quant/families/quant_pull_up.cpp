@@ -35,7 +35,7 @@ const InternedName to_array("to_array");
 
 bool equal(const Ref& left, const Ref& right) { return py::equal(left.get(), right.get()); }
 
-/// The offset of a quantize node as a Python float; an attribute that is no number counts as 0.
+/// The offset of a quantize node as a Python float; an attribute that is not a number counts as 0.
 Ref offset_of(PyObject* module, const Ref& node) {
   const Ref offset = first_attribute(py::attribute(node.get(), names::attribute).get(), names::offset);
   if (offset) {

@@ -1,4 +1,4 @@
-// Callback of `update_tesselquant`. With r = (scale behind the concatenation) / (scale in front of the
+// Callback of `update_tesselquant`. With r = (scale after the concatenation) / (scale before the
 // convolution), the convolution's input is now r times what it was:
 //   bias' = trunc(bias * r)     dequantize scale' = scale / r
 #include <array>
@@ -16,8 +16,8 @@ using py::Ref;
 
 namespace {
 
-constexpr Py_ssize_t quantize_in_front = 0;
-constexpr Py_ssize_t quantize_behind = 4;
+constexpr Py_ssize_t quantize_before = 0;
+constexpr Py_ssize_t quantize_after = 4;
 constexpr std::int64_t conv_position = 1;
 constexpr std::int64_t dequantize_position = 2;
 constexpr Py_ssize_t bias_input = 2;
@@ -48,8 +48,8 @@ Ref truncated(const Ref& array, const Ref& like) {
 
 Ref rescale_for_new_parameters(const Call& call, GraphView& view) {
   PyObject* nodes = call[callback::replaced_nodes];
-  const Ref current = scale_of(nodes, quantize_in_front);
-  const Ref wanted = scale_of(nodes, quantize_behind);
+  const Ref current = scale_of(nodes, quantize_before);
+  const Ref wanted = scale_of(nodes, quantize_after);
   // A Python float: NumPy keeps 32-bit arrays at 32 bits when one is multiplied in.
   const Ref ratio = py::checked(PyNumber_TrueDivide(wanted.get(), current.get()));
 

@@ -1,3 +1,7 @@
+// Draws and writes what a quantized operator needs.
+//
+// The order of draws decides the values, so it must not change. New initializers are added in one step, after all are
+// made.
 #include "quant/families/quantized_operators.h"
 
 #include "quant/families/occurrence.h"

@@ -1,5 +1,8 @@
-// Callbacks of `quant_conv`, `quant_matmul` and `quant_gemm`: attributes for the new quantize node, initializers
-// for the new operator. An operator whose weight is INT8 already is refused.
+// Callbacks of `quant_conv`, `quant_matmul` and `quant_gemm`: attributes for the new quantize node, initializers for
+// the new operator.
+//
+// An operator whose weight is INT8 already is refused. Everything else goes through methods of `self`, which a subclass
+// may override.
 #include <array>
 
 #include "quant/families/callbacks.h"

@@ -1,3 +1,6 @@
+// Finds weights and biases of convolutions, and words what is missing.
+//
+// Nothing is written here. Must not know offsets: the correction is in quant_pull_up.cpp.
 #include "quant/families/reading_convolutions.h"
 
 #include <algorithm>

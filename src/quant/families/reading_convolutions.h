@@ -1,4 +1,6 @@
 // The convolutions that read one tensor, with their weights and biases.
+//
+// For the pull-up family. Only the view is asked, so that biases which wait for the end of the round are found too.
 #pragma once
 
 #include <optional>
@@ -25,7 +27,7 @@ py::Ref padding_words(const std::vector<py::Ref>& convolutions, PyObject* tensor
 /// look-up gives nothing for one of the names.
 std::optional<std::vector<ReadingConvolution>> with_tensors(GraphView& view, std::vector<py::Ref> convolutions);
 
-/// Which weight or bias of a convolution that reads the tensor is no initializer.
+/// Which weight or bias of a convolution that reads the tensor is not an initializer.
 py::Ref tensor_words(GraphView& view, PyObject* tensor);
 
 }  // namespace onnxgraft::quant

@@ -1,5 +1,8 @@
-// Callback of `replace_resize_quant`: the biases first, as everywhere in the pull-up family, then the attributes
-// of the new `Resize`. It works on quantized values and so is always of mode "nearest".
+// Callback of `replace_resize_quant`: the biases first, as everywhere in the pull-up family, then the attributes of the
+// new `Resize`.
+//
+// The new node works on quantized values and so is always of mode "nearest". A refusal of the family is handed on
+// before any attribute is set.
 #include "quant/families/callbacks.h"
 #include "quant/families/occurrence.h"
 #include "quant/numpy/host.h"

@@ -1,5 +1,7 @@
 // Callback of `simplify_shape_v2`: the computed `sizes` of a `Resize` become a constant.
-//   sizes = [-1, channels, height, width], -1 standing for the size that the input has
+//   sizes = [-1, channels, height, width], -1 for the size that the input has
+//
+// Without a stated shape of two dimensions or more it refuses.
 #include "py/name_index.h"
 #include "quant/families/callbacks.h"
 #include "quant/families/occurrence.h"

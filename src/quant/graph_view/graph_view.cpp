@@ -1,3 +1,7 @@
+// Readers, writers and names of a graph, by walking or from a reading.
+//
+// Invariant: an answer from the reading is tested at the node itself, so both ways give the same nodes in the same
+// order. Must not know transformations.
 #include "quant/graph_view/graph_view.h"
 
 #include <algorithm>

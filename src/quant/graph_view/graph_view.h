@@ -1,11 +1,11 @@
 // The graph as callbacks see it: who reads a tensor, who writes it, which names are taken, what initializers hold.
 //
-// A view of one call walks over the nodes. A view of a round, in which nobody adds, moves or removes nodes (see
+// A view of one call walks over the nodes. A view of a round, in which nodes are not added, moved or removed (see
 // py/session.h), indexes them at the first question. What it finds it checks at the node itself. That makes rounds
 // linear that would be quadratic: 4,000 pull-ups take 0.2 s instead of 9 s.
 //
 // In a round, corrected biases wait for its end: taking each old one out of the middle of protobuf's list would move
-// all that stand after it. Off where somebody else than the package looks initializers up.
+// all that stand after it. Off if a replacement of the package's function looks initializers up.
 #pragma once
 
 #include <initializer_list>
@@ -65,7 +65,7 @@ class GraphView : public py::Sharing {
   /// The contents alone: the first half unpacked as exactly one element, the second not looked at.
   py::Ref one_array(PyObject* name);
   // In a round no array is made where the record states type and shape: an eighth of the time of `quant_conv`, a
-  // quarter where all is refused. Off where somebody else than the package looks initializers up.
+  // quarter where all is refused. Off if a replacement of the package's function looks initializers up.
   /// The element type, from the first record of a look-up of this name.
   py::Ref element_type(PyObject* name);
   /// The shape of its one array.

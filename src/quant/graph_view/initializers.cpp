@@ -1,4 +1,7 @@
-// What a view says of initializers, and how it changes them.
+// What a view says about initializers, and how it changes them.
+//
+// Invariant: whatever fails on the way, no name is left without a record. Contents come from `get_init`, so that a
+// replacement of it takes effect at once.
 #include <algorithm>
 #include <functional>
 #include <utility>

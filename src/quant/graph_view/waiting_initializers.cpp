@@ -1,3 +1,6 @@
+// Appends and deletes the initializers of a round.
+//
+// After an error, another call of `write` continues where this one stopped. Must not know why a record changes.
 #include "quant/graph_view/waiting_initializers.h"
 
 #include <unordered_set>

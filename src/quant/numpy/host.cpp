@@ -1,3 +1,6 @@
+// Calls of NumPy and onnx through the module's own names.
+//
+// Nothing is cached: each call looks its function up. Must not know graphs.
 #include "quant/numpy/host.h"
 
 #include "py/guard.h"

@@ -1,5 +1,7 @@
-// The module's own names, looked up when they are needed: what a test or a host puts in the place of `np` or
+// The module's own names, looked up when they are needed: what a test or a host assigns to `np` or
 // `transform_utilities.get_init` takes effect at once.
+//
+// Families call NumPy and onnx only through this file.
 #pragma once
 
 #include <initializer_list>

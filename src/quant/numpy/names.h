@@ -1,5 +1,7 @@
-// Names that callbacks look up on the host's objects, interned once. Graph fields, module-level names and
-// array methods live here so that no text stands in two files.
+// Names that callbacks look up on the host's objects, interned once.
+//
+// Graph fields, module-level names and array methods are listed here, so that no text is in two files. Ids of links are
+// in the callback's file.
 #pragma once
 
 #include "py/objects.h"

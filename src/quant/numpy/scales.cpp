@@ -1,3 +1,6 @@
+// Packs and unpacks scales.
+//
+// Bits are moved, never rounded: unpacking what was packed returns the same floats.
 #include "quant/numpy/scales.h"
 
 #include "quant/numpy/host.h"

@@ -1,5 +1,6 @@
-// Scales of dequantize nodes: an initializer of 64-bit words, each with the bits of one 32-bit float in its low
-// half.
+// Scales of dequantize nodes: an initializer of 64-bit words, each with the bits of one 32-bit float in its low half.
+//
+// The only place that knows this format.
 #pragma once
 
 #include "py/objects.h"

@@ -24,7 +24,7 @@ def record(graph: GraphProto, name: str) -> TensorProto:
     for tensor in graph.initializer:
         if tensor.name == name:
             return tensor
-    raise ValueError(f"{name} is no initializer")
+    raise ValueError(f"{name} is not an initializer")
 
 
 def array(graph: GraphProto, name: str) -> Array:

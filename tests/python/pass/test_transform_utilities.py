@@ -39,8 +39,8 @@ def test_results_are_in_the_order_of_the_names() -> None:
 @pytest.mark.parametrize(
     ("names", "error", "message"),
     [
-        (("w1", "lost"), ValueError, r"'lost' is no initializer of graph 'g' \(\d+ initializers\)"),
-        ((None,), ValueError, "None is no initializer"),
+        (("w1", "lost"), ValueError, r"'lost' is not an initializer of graph 'g' \(\d+ initializers\)"),
+        ((None,), ValueError, "None is not an initializer"),
         ("w1", TypeError, r"pass \('w1',\)"),
         (b"w1", TypeError, "one bytes"),
         (3, TypeError, "iterable"),
@@ -266,7 +266,7 @@ REFUSALS: list[tuple[dict[str, Any], str]] = [
     ({"location": "x" * 5000}, "File name too long"),
     ({"location": "round/data.bin"}, "Too many levels of symbolic links"),
     ({"location": "data.bin", "offset": -8}, "offset '-8' must be a whole number"),
-    ({"location": "data.bin", "offset": 37}, "offset 37 lies behind the end of the file, which has 36 bytes"),
+    ({"location": "data.bin", "offset": 37}, "offset 37 is beyond the end of the file, which has 36 bytes"),
     ({"location": "data.bin", "length": "many"}, "length 'many' must be a whole number"),
     ({"location": "data.bin", "length": ""}, "length '' must be a whole number"),
     ({"location": "data.bin", "offset": 16, "length": 24}, "length 24 from offset 16 must fit"),

@@ -173,7 +173,7 @@ def test_direct_calls_of_the_pull_up() -> None:
     assert updated == {"other", "b", "w_bias"}
     assert [n.input[2] for n in graph.node if n.op_type == "Conv"] == ["b", "w_bias", "w_bias"]
     graph = with_tensors(quantized(("w", "b"), ("w", "short")), short=BIAS[:3])
-    for weight, message in (("w", "broadcast"), ("computed", "'computed' is no initializer")):
+    for weight, message in (("w", "broadcast"), ("computed", "'computed' is not an initializer")):
         graph.node[-1].input[1] = weight
         before = graph.SerializeToString()
         with pytest.raises(ValueError, match=message):
