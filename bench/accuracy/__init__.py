@@ -1,1 +1,1 @@
-"""What quantized networks answer: trained models out of other packages, before and after."""
+"""The accuracy of quantized networks: trained models from other packages, before and after."""

@@ -1,6 +1,6 @@
-"""Measures what quantized networks answer, and writes docs/use/accuracy.md.
+"""Measures the accuracy of quantized networks, and writes docs/use/accuracy.md.
 
-python -m bench.accuracy [--only NETWORK ...]    what build/accuracy/results.json has already is not measured again
+python -m bench.accuracy [--only NETWORK ...]    keeps the results that are already in build/accuracy/results.json
 """
 
 from __future__ import annotations
@@ -21,18 +21,18 @@ TASKS = (
     *("corrected", "float2", "float5"),
     *("ort_tensor", "ort_percentile", "ort_entropy", "ort_all", "ort_symmetric"),
 )
-# What replaces the models of the OCR package; `ort` is what did best of onnxruntime's.
+# The models that replace those of the OCR package; `ort` is the best of onnxruntime's.
 PIPELINES = ("float", "corrected", "float2", "ort")
 
 
 def main() -> int:
-    """Measures and writes; a task that failed is written down as such."""
+    """Measures and writes; a failed task is recorded as failed."""
     parser = argparse.ArgumentParser(prog="python -m bench.accuracy", description=__doc__)
-    parser.add_argument("--only", nargs="*", choices=[*BY_NAME, "pipeline"], help="measure these only")
+    parser.add_argument("--only", nargs="*", choices=[*BY_NAME, "pipeline"], help="measure only these")
     options = parser.parse_args()
     results: dict[str, Any] = json.loads(RESULTS.read_text()) if RESULTS.exists() else {}
     wanted = options.only or [*BY_NAME, "pipeline"]
-    print("what the models are fed with", flush=True)
+    print("the inputs of the models", flush=True)
     feeding.collect()
     for task in TASKS:
         for network in NETWORKS:

@@ -1,4 +1,4 @@
-"""What the models are fed with: the packages' own pipelines run on drawn pages and made sounds, and are listened to."""
+"""The inputs of the models: the packages' own pipelines run on drawn pages and synthetic sounds, and are recorded."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ from bench.accuracy import pages, sounds
 from bench.accuracy.networks import BY_NAME, OCR, WHEELS, Network
 
 READ_PAGES = range(13)
-# What each model is given: pages, pages whose lines it is given one by one, both ways up, and recordings.
+# The data of each model: pages, pages whose lines it gets one by one, both ways up, and recordings.
 _NUMBERS = {"calibration": range(100, 132), "test": range(200, 232)}
 _DETECTOR_PAGES, _RECOGNIZER_LINES, _SOUNDS = 4, 24, 2
 
@@ -79,7 +79,7 @@ def _writer(network: Network, part: str) -> Callable[[Mapping[str, Any]], None]:
 
 
 class _Listening:
-    """A session that tells what it is given."""
+    """A session that records its inputs."""
 
     def __init__(self, session: Any, write: Callable[[Mapping[str, Any]], None]) -> None:
         self._session, self._write = session, write

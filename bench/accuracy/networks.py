@@ -1,4 +1,4 @@
-"""The trained models, which come inside of pinned wheels, and what is done to each."""
+"""The trained models, which come in pinned wheels, and the treatment of each."""
 
 from __future__ import annotations
 
@@ -20,9 +20,9 @@ class Network:
     """One model.
 
     Attributes:
-        name: Of its files.
-        title: What the page calls it.
-        file: Where its wheel, unpacked, has it.
+        name: The prefix of its files.
+        title: Its name on the page.
+        file: Its path in the unpacked wheel.
         outputs: The outputs that are compared; empty for all.
     """
 
@@ -37,11 +37,11 @@ class Network:
         return WHEELS / self.file
 
     def data(self, part: str) -> Path:
-        """The folder of what the model is fed with: `calibration` or `test`."""
+        """The folder of the model's inputs: `calibration` or `test`."""
         return FOLDER / "data" / self.name / part
 
     def made(self, variant: str) -> Path:
-        """The file of a model made of it, in standard operators."""
+        """The file of a model made from it, in standard operators."""
         return FOLDER / "models" / f"{self.name}_{variant}.onnx"
 
 

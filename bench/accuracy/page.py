@@ -1,4 +1,4 @@
-"""Writes docs/use/accuracy.md from what was measured."""
+"""Writes docs/use/accuracy.md from the measurements."""
 
 from __future__ import annotations
 
@@ -168,7 +168,7 @@ def _readings(found: dict[str, Any]) -> list[list[str]]:
 
 
 def _pairs(floats: dict[str, Any], other: dict[str, Any]) -> Iterator[tuple[str, str | None]]:
-    """Each line of the float models with what the others read at that place."""
+    """Each line of the float models with the text that the others read at that place."""
     for before, after in zip(floats["found"], other["found"], strict=True):
         for box, text in before:
             near = [candidate for candidate in after if _overlap(box, candidate[0]) > 0.5]

@@ -43,7 +43,7 @@ def page(number: int) -> tuple[Picture, list[str]]:
 
 
 def line_pictures(number: int) -> list[Picture]:
-    """The lines of a page, each cut out where it is drawn; none of a page that is turned."""
+    """The lines of a page, each cut out where it is drawn; none for a rotated page."""
     if number % 4 == 2:
         return []
     picture = page(number)[0]

@@ -13,7 +13,7 @@ from onnxgraft.samples import open_data
 
 _FIRST_WITH_AXIS = 13
 _OPERATORS = ["Conv", "Gemm", "MatMul"]
-# What is asked of `quantize_static` beyond its defaults; all with pairs of QuantizeLinear and DequantizeLinear.
+# The settings of `quantize_static` beyond its defaults; all with pairs of QuantizeLinear and DequantizeLinear.
 VARIANTS: dict[str, dict[str, Any]] = {
     "ort_same": {"per_channel": True, "op_types_to_quantize": _OPERATORS},
     "ort_tensor": {"per_channel": False, "op_types_to_quantize": _OPERATORS},
@@ -30,7 +30,7 @@ VARIANTS: dict[str, dict[str, Any]] = {
 
 
 def quantize(network: Network, variant: str) -> dict[str, Any]:
-    """One quantized model, or why there is none."""
+    """One quantized model, or the reason why there is none."""
     tool: Any = importlib.import_module("onnxruntime.quantization")
     shapes: Any = importlib.import_module("onnxruntime.quantization.shape_inference")
     settings = dict(VARIANTS[variant])
@@ -39,7 +39,7 @@ def quantize(network: Network, variant: str) -> dict[str, Any]:
     ready = network.made("ort_ready")
     if not ready.exists():
         model = onnx.load(network.path)
-        if model.opset_import[0].version < _FIRST_WITH_AXIS:  # else its own result does not load
+        if model.opset_import[0].version < _FIRST_WITH_AXIS:  # otherwise its own result does not load
             model = onnx.version_converter.convert_version(model, _FIRST_WITH_AXIS)
         onnx.save(model, ready)
         shapes.quant_pre_process(str(ready), str(ready), skip_symbolic_shape=True)
@@ -61,7 +61,7 @@ def quantize(network: Network, variant: str) -> dict[str, Any]:
 
 
 class _Reader:
-    """Samples as onnxruntime wants to be given them."""
+    """Samples in the form that onnxruntime expects."""
 
     def __init__(self, network: Network) -> None:
         self._samples = iter(open_data(network.data("calibration"), onnx.load(network.path)))

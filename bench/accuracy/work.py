@@ -1,6 +1,6 @@
 """One piece of work in a process of its own, so that its memory can be measured.
 
-python -m bench.accuracy.work TASK NETWORK    prints what it found as one line of JSON
+python -m bench.accuracy.work TASK NETWORK    prints its result as one line of JSON
 """
 
 from __future__ import annotations
@@ -26,7 +26,7 @@ from onnxgraft.evaluation import HARDWARE, ForwardRunner, lower
 from onnxgraft.filling import Filling
 from onnxgraft.samples import Sample, open_data
 
-# What is made: transformations, how ranges are chosen, whether biases are corrected where that helps, the share of the
+# The variants: transformations, how ranges are chosen, whether biases are corrected if that helps, the share of the
 # multiply-adds that stays float.
 OURS: dict[str, tuple[list[str], str, bool, float]] = {
     "extremes": (QUANTIZE, "min-max", False, 0.0),
@@ -39,7 +39,7 @@ OURS: dict[str, tuple[list[str], str, bool, float]] = {
 
 
 def samples(network: Network, part: str) -> Iterator[Sample]:
-    """What the network is fed with."""
+    """The inputs of the network."""
     return iter(open_data(network.data(part), onnx.load(network.path)))
 
 
@@ -67,7 +67,7 @@ def calibrate(network: Network, method: str) -> dict[str, Any]:
         progress=lambda *_: laps.append(time.process_time()),
     )
     _ranges(network, method).write_text(found.to_json())
-    # The first sample waits for the session; what a sample takes, the others tell.
+    # The first sample waits for the session; the others show the time of a sample.
     return {"ranges": len(found.ranges), "busy": (laps[-1] - laps[0]) * len(laps) / max(len(laps) - 1, 1)}
 
 
@@ -110,7 +110,7 @@ def decibels(network: Network, path: Path) -> float:
 
 
 def _expected(network: Network, names: list[str] | None) -> Iterator[dict[str, Any]]:
-    """What the float model answers to the test data; computed once."""
+    """The outputs of the float model for the test data; computed once."""
     folder = network.data("answers")
     folder.mkdir(exist_ok=True)
     runner = None
