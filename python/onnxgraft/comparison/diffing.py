@@ -73,8 +73,8 @@ def diff(
     )
     tell = [_SideTeller(side) for side in sides]
     for old, new in regions:
-        told = tuple(changes[index] for index in old if index in changes)
-        result.regions.append(Region(tell[0].tell(old), tell[1].tell(new), told))
+        changed = tuple(changes[index] for index in old if index in changes)
+        result.regions.append(Region(tell[0].tell(old), tell[1].tell(new), changed))
     return result
 
 

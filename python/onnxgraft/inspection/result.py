@@ -64,7 +64,7 @@ class Inspection:
 def _rows(one: Inspection) -> list[tuple[str, str]]:
     rows = [
         ("model", one_line(one.name)),
-        ("producer", one_line(one.producer) or "not told"),
+        ("producer", one_line(one.producer) or "not stated"),
         ("IR, opsets", f"{one.ir_version}; " + ", ".join(f"{name} {version}" for name, version in one.opsets.items())),
         *(("input", one_line(f"{name}  {kind}")) for name, kind in one.inputs.items()),
         *(("output", one_line(f"{name}  {kind}")) for name, kind in one.outputs.items()),

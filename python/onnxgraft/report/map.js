@@ -138,7 +138,7 @@
     svg.append(spot);
     tell(item);
   };
-  // Centred, and so close that it can be told from its neighbours.
+  // Centred, and so close that it is distinct from its neighbours.
   const show = (item) => {
     const wanted = Math.min(whole.width, Math.max(wide * 12, svg.clientWidth / 2));
     const ratio = whole.height / whole.width;

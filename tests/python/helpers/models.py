@@ -67,7 +67,7 @@ INITIALIZERS: dict[str, list[Initializer]] = {
     "TesselDequant": [_scales],
     "Resize": [lambda maker, node: np.zeros(0, np.float32), _resize_scales, _sizes],
     "Slice": [_fixed(0), _fixed(2), _fixed(0)],
-    "Concat": [_fixed(RESIZED), _fixed(RESIZED)],  # the height and width behind a sliced shape
+    "Concat": [_fixed(RESIZED), _fixed(RESIZED)],  # height and width after a sliced shape
 }
 
 

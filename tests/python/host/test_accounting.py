@@ -27,7 +27,7 @@ def account_after(graph: GraphProto, names: list[str] = QUANTIZE, **options: Any
     return onnxgraft.rewrite(graph, names, prepare=False, **options).account
 
 
-# Line of the operator -> the reason and a part of its words.
+# Line of the operator -> the reason and a part of its text.
 REASONS: dict[str, tuple[list[str], str, str]] = {
     "computed weight": (["Mul w w -> v", "Conv x v -> y"], "computed_weight", "'v' is written by Mul 'node_0'"),
     "weight from outside": (["Conv x x -> y"], "computed_weight", "'x' is an input of the graph"),
@@ -56,7 +56,7 @@ def test_reasons_name_what_stands_in_the_way(lines: list[str], reason: str, word
 
 
 def test_what_the_run_decides(tmp_path: Path) -> None:
-    """Not run, excluded, refused by a subclass of the user's, in other domains, nested graphs and functions."""
+    """Not run, excluded, refused by a user's subclass, in other domains, nested graphs and functions."""
 
     class Picky(rows()["quant_conv"].cls):  # type: ignore[misc]
         def _on_replace_subgraph(self, graph: Any, nodes: Any, *rest: Any, **named: Any) -> Any:

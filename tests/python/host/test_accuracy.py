@@ -1,4 +1,4 @@
-"""Decibels of outputs and tensors, what quantize nodes cut off, bits of sums, and each operator alone."""
+"""Decibels of outputs and tensors, the share that quantize nodes cut off, bits of sums, and each operator alone."""
 
 import json
 import math
@@ -34,7 +34,7 @@ def models(samples: list[dict[str, Array]]) -> tuple[onnx.ModelProto, onnx.Model
     tensors: dict[str, Array] = {name: rng.normal(size=shape).astype(np.float32) for name, shape in shapes.items()}
     before = model_of(LINES, inputs={"x": (1, 2, "h", 5)}, outputs=["y"], tensors=tensors)
     after = onnx.ModelProto.FromString(before.SerializeToString())
-    # The ranges of one sample: the others are cut off here and there.
+    # The ranges come from one sample, so some values of the others are cut off.
     rewrite(after, "quant_conv", calibration=calibrate(before, samples[:1]))
     return before, after
 

@@ -48,7 +48,7 @@ def test_ranges_are_those_of_the_tensors(memory: int) -> None:
         lows, highs = [values[name].min() for values in seen], [values[name].max() for values in seen]
         assert found.ranges[name].low == pytest.approx(min(lows), rel=1e-5)
         assert found.ranges[name].high == pytest.approx(max(highs), rel=1e-5)
-    # What a quantized operator reads, and the graph's inputs and outputs, are enough to quantize.
+    # The inputs of quantized operators, and the graph's inputs and outputs, are enough to quantize.
     assert set(calibrate(model, SAMPLES, memory=memory).ranges) == {"x", "p", "f", "y"}
     assert steps == [(1, None), (2, None), (3, None), (4, None)]
     assert (found.samples, found.method) == (4, "min-max")

@@ -1,4 +1,4 @@
-"""The command line: what it shows, what it writes, and that bad input leaves nothing behind."""
+"""The command line: its output and files; bad input leaves no traces."""
 
 import json
 import os
@@ -203,7 +203,7 @@ CONV = f"apply {MODEL} -t quant_conv"
 WRITE = f"{CONV} -o {OUT}"
 JSON = "apply m.json -t quant_conv --dry-run"
 BAD_INPUT: dict[str, tuple[int, str, Make, str]] = {
-    # name: exit code, what the line says, how the folder is prepared, arguments
+    # name: exit code, part of the message, how the folder is prepared, arguments
     "no command": (2, "COMMAND", nothing, ""),
     "no output": (2, "--output", nothing, CONV),
     "no transformation": (2, "--transformation", nothing, f"apply {MODEL} -o {OUT}"),
@@ -294,7 +294,7 @@ def test_a_failure_on_the_way_leaves_the_old_files(
         raise raised
 
     def replace_but_the_model(self: Path, target: Path) -> Path:
-        # The data file has taken its place when the model's turn comes.
+        # The data file is in place already when the model follows.
         if target.name == MODEL and self.suffix == ".tmp":
             fail()
         return replace(self, target)
@@ -340,7 +340,7 @@ def wait(self, graph):
 onnxgraft.quant.QuantConvTransformation.apply = wait
 run()
 """
-    # `nohup` ignores SIGHUP, for the tests as well if they run under it.
+    # `nohup` ignores SIGHUP, so the tests may run with it ignored.
     way = "SIG_IGN" if ignored else "SIG_DFL"
     program = f"import signal; signal.signal(signal.SIGHUP, signal.{way})" + program
     program = program.replace("SECONDS", "1" if ignored else "60")
@@ -362,7 +362,7 @@ def test_find_explain_and_prepare(folder: Path, capsys: Capture) -> None:
     assert run("find", MODEL, "-t", "quant_conv", "--json") == 0
     matches = json.loads(capsys.readouterr().out)
     assert [(match["pattern_index"], match["nodes"]) for match in matches] == [(0, [0]), (1, [1])]
-    # The second transformation is explained on what the first one leaves.
+    # The second transformation is explained on the result of the first one.
     assert run("explain", MODEL, "-t", "quant_gemm", "-t", "quant_conv", "-t", "replace_quant") == 0
     shown = capsys.readouterr().out
     assert "the graph has no Gemm node" in shown
@@ -410,7 +410,7 @@ def test_verify_on_given_inputs(folder: Path, capsys: Capture) -> None:
     assert run("verify", MODEL, MODEL, "--inputs", "data.npz") == 7
 
 
-# --- what cannot be shown
+# --- output that cannot be shown
 
 
 PROCESS = [sys.executable, "-m", "onnxgraft"]

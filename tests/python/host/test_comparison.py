@@ -1,4 +1,4 @@
-"""`diff` names what was planted, tells renaming from change."""
+"""`diff` names planted differences and distinguishes renaming from change."""
 
 from pathlib import Path
 from typing import Any
@@ -49,14 +49,14 @@ def test_names_and_order_are_no_difference() -> None:
 )
 def test_regions(lines: list[str], regions: list[tuple[str, str, str]]) -> None:
     found = diff(model(), model(lines))
-    told = [
+    grouped = [
         tuple(
             " ".join(node.op_type for node in nodes)
             for nodes in (region.added, region.removed, [change.after for change in region.changes])
         )
         for region in found.regions
     ]
-    assert told == regions
+    assert grouped == regions
     assert found.nodes_after == found.unchanged + sum(len(region.after.nodes) for region in found.regions)
     assert found.nodes_before == found.unchanged + sum(len(region.before.nodes) for region in found.regions)
 

@@ -18,7 +18,7 @@ LINES = ["TesselQuant:scale=2:offset=1 x -> q", "Conv q w -> c", "TesselDequant 
 def quantized(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> onnx.ModelProto:
     monkeypatch.chdir(tmp_path)
     weights = {"w": np.arange(-32, 32, dtype=np.int8).reshape(4, 4, 2, 2), "s": packed(np.full(4, 0.25, "f"))}
-    weights["shape"] = np.array([-1, 4, 4])  # in a file too, where onnxruntime does not look for it
+    weights["shape"] = np.array([-1, 4, 4])  # also in a file, where onnxruntime does not look for it
     model = model_of(LINES, inputs={"x": ("n", 4, 3, 3)}, outputs=["y"], tensors=weights)
     onnx.save(model, "q.onnx", save_as_external_data=True, location="q.data", size_threshold=0)
     return model
@@ -30,7 +30,7 @@ def test_lowered_models_hold_standard_operators(quantized: onnx.ModelProto, form
     assert not any(node.op_type.startswith("Tessel") for node in onnx.load("l.onnx").graph.node)
     onnx.checker.check_model("l.onnx", full_check=True)
     assert main(["verify", "q.onnx", "l.onnx"]) == 0
-    assert main(["lower", "q.onnx", "-o", "l.onnx", *form]) == 1  # it is there
+    assert main(["lower", "q.onnx", "-o", "l.onnx", *form]) == 1  # it exists already
 
 
 def test_run_writes_what_the_model_computes(quantized: onnx.ModelProto, capsys: pytest.CaptureFixture[str]) -> None:

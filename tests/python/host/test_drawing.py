@@ -21,7 +21,7 @@ def test_every_node_and_tensor_is_shown(pattern: list[str], replacement: list[st
         assert node.op in drawn
     shown = set(re.findall(r"\d+", drawn))
     assert pair.ids <= shown
-    # One arrow head for each input that is no initializer, in the upper edge of a box and below a line.
+    # One arrow head for each input that is not an initializer, in the upper edge of a box and below a line.
     drawn_nodes = [*pair.pattern, *(e.node for e in pair.replacement)]
     inputs = [link for node in drawn_nodes for link in node.inputs if not link.initializer]
     rows_of_text = text.splitlines()
@@ -30,7 +30,7 @@ def test_every_node_and_tensor_is_shown(pattern: list[str], replacement: list[st
     for y, x in heads:
         assert rows_of_text[y - 1][x] in "│├┤┬┼┌┐"
         assert rows_of_text[y][x - 1] in "─╌═━"
-    # Upper left corners tell what becomes of a node; the legend has one more of each.
+    # Upper left corners show the fate of a node; the legend has one more of each.
     copies = sum(entry.source is not None and not entry.kept for entry in pair.replacement)
     new = sum(entry.source is None for entry in pair.replacement)
     gone = len(pair.pattern) - len(pair.kept | pair.copied)

@@ -1,4 +1,4 @@
-"""The engine: what a step records, what it puts back, when rounds end, and what users register."""
+"""The engine: what a step records and restores, when rounds end, and what users register."""
 
 import logging
 from importlib.metadata import EntryPoint
@@ -46,7 +46,7 @@ def chain(*operators: str) -> onnx.ModelProto:
 
 
 def furnish(graph: GraphProto) -> None:
-    """All the lists that a step may touch."""
+    """All the lists that a step may change."""
     for name in ("w", "unused"):
         graph.initializer.append(numpy_helper.from_array(ones(3, 2), name))
     graph.sparse_initializer.add().values.name = "s"
@@ -56,7 +56,7 @@ def furnish(graph: GraphProto) -> None:
 
 
 def vandalize(graph: GraphProto, *_: Any, **__: Any) -> bool:
-    """Edits everything that a callback may, but the content of initializers."""
+    """Edits everything that a callback may, except the content of initializers."""
     del graph.initializer[0], graph.sparse_initializer[:], graph.output[:]
     graph.initializer.extend([TensorProto(name="new"), TensorProto(name="w")])
     graph.node.add(op_type="New")
@@ -75,7 +75,7 @@ def run(graph: Any, *transformations: Any, **options: Any) -> Report:
 
 
 def fail_after(transformation: Any, error: BaseException, calls: int) -> Any:
-    """Lets the callback of an object raise after its own work, at the n-th call."""
+    """Makes the callback of an object raise after its own work, at the n-th call."""
     original, left = transformation._on_replace_subgraph, [calls]
 
     def callback(*arguments: Any, **named: Any) -> Any:
@@ -105,7 +105,7 @@ def test_a_step_that_raises_never_was(name: str) -> None:
         except (onnxgraft.TransformationError, type(error)):
             assert graph.SerializeToString(deterministic=True) == before
             undone += 1
-        assert "_on_replace_subgraph" in vars(made)  # what stood in front of the callback is there again
+        assert "_on_replace_subgraph" in vars(made)  # the intercepting function is there again
     assert undone
 
 
@@ -151,7 +151,7 @@ def test_recording_changes_nothing_and_counts_right(
         assert np.random.rand() == expected
         assert [step.replaced for step in report.steps] == counts
         for model in (plain, recorded):
-            del model.graph.value_info[:]  # a run notes what the classes do not
+            del model.graph.value_info[:]  # a run records what the classes do not
         assert recorded.SerializeToString(deterministic=True) == plain.SerializeToString(deterministic=True)
         assert Report.from_json(report.to_json()) == report
         patterns = [pattern for step in report.steps for pattern in step.patterns]
@@ -199,7 +199,7 @@ TOGGLE = (Rule("Relu:0->1", "Elu:0->1", name="there"), Rule("Elu:0->1", "Relu:0-
     [
         ((Rule("Relu:0->1", "Elu:0->1"), Rule("Elu:0->1", "Sin:0->1")), 2, True, None),
         ((Rule("Elu:0->1", "Sin:0->1"), Rule("Relu:0->1", "Elu:0->1")), 3, True, None),
-        # Counted each time, but the graph is the same again: new names and the other order do not count.
+        # Counted each time, but the graph is the same again: new names and another order do not count.
         ((Rule("Relu:0->1", "Relu:0->1"),), 1, True, None),
         (TOGGLE, 1, False, "'there' and 'back' undo each other"),
         ((TOGGLE[0], Rule("Relu:0->1", "Elu:0->1"), TOGGLE[1]), 1, False, "'there' and 'back' undo each other"),
@@ -251,7 +251,7 @@ def test_users_transformations(
     with caplog.at_level(logging.WARNING):
         assert catalogue.load_user_code(str(tmp_path / "mine.py")) == ("mine",)
     assert [record.args[0] for record in caplog.records if isinstance(record.args, tuple)] == ["a", "b"]
-    assert catalogue.load_user_code(str(tmp_path / "mine.py")) == ("mine",)  # again: it takes its own place
+    assert catalogue.load_user_code(str(tmp_path / "mine.py")) == ("mine",)  # again: it replaces itself
     assert catalogue.find_row("mine").pairs == ((("Relu:0->1",), ("Elu:0->1",)),)
     assert list(onnxgraft.transformations())[-1] == "mine"
     assert run(chain("Relu"), "mine").replaced == 1

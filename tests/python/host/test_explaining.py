@@ -1,4 +1,4 @@
-"""Single nodes: what became of them, what kept them out, and which ones are asked about."""
+"""Single nodes: their outcome, the reasons of a miss, and which ones a name selects."""
 
 import json
 import random
@@ -35,7 +35,7 @@ class Picky(AbstractTransformation):
 
 
 def computed_weight() -> ModelProto:
-    """A Conv with a weight that is computed, beside another."""
+    """A Conv with a computed weight, next to another."""
     weight, scale = np.ones((4, 4, 1, 1), np.float32), np.ones(1, np.float32)
     graph = graph_of(
         ["Mul w s -> w_scaled", "Conv x w_scaled -> a", "Conv a w -> y"],
@@ -111,13 +111,13 @@ def test_what_became_of_nodes_that_fit() -> None:
     assert taken.answers[1].text == (
         "it fits, but another occurrence took it: pattern 0 replaced Neg 'node_0', Relu 'node_1'"
     )
-    # Lists are looked for and not run.
+    # Lists are searched for and not run.
     (fits,) = explain(graph, ["Relu:0->1"], node="b")
     assert [answer.outcome for answer in fits.answers] == ["fits"]
 
 
 def test_it_agrees_with_the_run(repository: Path) -> None:
-    """Each node of each occurrence of a run is said to be where it was, and no other one."""
+    """Each node of each occurrence of a run gets the place that it had, and no other node does."""
     names = ["quant_conv", "quant_gemm", "replace_quant"]
     model = onnx.load(repository / EXAMPLE)
     prepare(model)
@@ -136,7 +136,7 @@ def test_it_agrees_with_the_run(repository: Path) -> None:
         for pattern in step.patterns
         for one in pattern.occurrences
         for role, node in enumerate(one.before)
-        if one.accepted and "TesselQuant" not in node.op_type  # made by the run: nobody can ask about these before
+        if one.accepted and "TesselQuant" not in node.op_type  # made by the run, so not present before
     }
     assert said == done
     assert len(done) > 20

@@ -36,7 +36,7 @@ def make_model(text: str, shape: tuple[int, ...], weights: dict[str, Any], seed:
 
 
 def samples(model: onnx.ModelProto, count: int = 4, low: float = -1.0, high: float = 3.0) -> list[Feeds]:
-    """Inputs that are not symmetric about 0, so that a wrong offset shows."""
+    """Inputs that are not symmetric about 0, so that a wrong offset is visible."""
     rng = np.random.default_rng(7)
     dims = [size.dim_value for size in model.graph.input[0].type.tensor_type.shape.dim]
     return [{model.graph.input[0].name: rng.uniform(low, high, dims).astype(np.float32)} for _ in range(count)]
@@ -95,7 +95,7 @@ OPERATORS: dict[str, tuple[str, tuple[int, ...], dict[str, Any]]] = {
 @pytest.mark.parametrize("symmetric", [False, True])
 @pytest.mark.parametrize("name", OPERATORS)
 def test_operators_keep_their_function(name: str, symmetric: bool) -> None:
-    """8 bits are worth 35 dB and more; a wrong offset, padding, factor or axis leaves less than 20."""
+    """8 bits give 35 dB or more; a wrong offset, padding, factor or axis gives less than 20."""
     text, shape, weights = OPERATORS[name]
     model = make_model(text, shape, weights)
     result = filled(model, symmetric=symmetric)
@@ -110,7 +110,7 @@ def test_operators_keep_their_function(name: str, symmetric: bool) -> None:
 
 
 def test_given_weights_come_out_again() -> None:
-    """INT8 numbers that the model was trained with, along either axis of a `Gemm`, and not those of another weight."""
+    """INT8 numbers that the model was trained with, along either axis of a `Gemm`, but not those of another weight."""
     rng = np.random.default_rng(5)
     values, scales = rng.integers(-128, 128, (16, 8), np.int8), rng.uniform(0.01, 0.1, 8).astype(np.float32)
     numbers = WeightNumbers(values, scales, 1)
@@ -235,7 +235,7 @@ def test_float_again_means_the_float_weights() -> None:
 
 
 def test_merging_unequal_parameters_warns_and_keeps_the_function() -> None:
-    """Scales of tensors with large values differ by less than 0.001 and are taken for equal."""
+    """Scales of tensors with large values differ by less than 0.001 and count as equal."""
     text = "a = Conv(x, w1, b) q = TesselQuant<scale=0.0015, offset=-30.0>(x) d = TesselDequant(q, s) y = Add(a, d)"
     model = make_model(text, IMAGE, {"w1": (4, 4, 1, 1), "b": (4,)})
     words = np.array([1 / 0.0015], np.float32).view(np.uint32).astype(np.uint64)
@@ -272,7 +272,7 @@ JOINED = (
 
 @pytest.mark.parametrize("steps", [["replace_concat_quant_v2"], ["replace_quant_v2", "delete_concat"], "yolov5"])
 def test_moving_and_splitting_keep_the_function(steps: Any) -> None:
-    """Offsets go into biases where a quantize node moves, and out of them where a convolution is split."""
+    """Offsets are added to biases where a quantize node moves, and subtracted where a convolution is split."""
     weights = {"w1": (3, 4, 1, 1), "b1": (3,), "w2": (5, 4, 1, 1), "b2": (5,), "w3": (4, 8, 1, 1), "b3": (4,)}
     model = make_model(JOINED, IMAGE, weights | {"w4": (2, 4, 1, 1)})
     result = filled(model, steps if isinstance(steps, str) else ["quant_conv", *steps])
@@ -362,7 +362,7 @@ DEEP = "a0 = Conv(x, w1, b1) a = Relu(a0) c0 = Conv<group=4>(a, w2) c = Relu(c0)
 
 
 def deep() -> onnx.ModelProto:
-    """The second convolution has few multiply-adds and weights that 8 bits tell badly."""
+    """The second convolution has few multiply-adds and weights that 8 bits represent badly."""
     weights: dict[str, Any] = {"w1": (4, 4, 3, 3), "b1": (4,), "w3": (6, 4, 3, 3), "b3": (6,)}
     outlier = np.full((4, 1, 1, 1), 0.7)
     return make_model(DEEP, (1, 4, 12, 12), weights | {"w2": outlier})
@@ -384,7 +384,7 @@ def test_what_hurts_most_stays_float_within_the_share() -> None:
 @pytest.mark.parametrize("version", [13, 17, 18])
 @pytest.mark.parametrize("name", ["conv", "conv without bias", "gemm", "product", "product of rank 3", "grouped conv"])
 def test_corrected_biases_take_the_mean_error_off(name: str, version: int) -> None:
-    """What is measured beside the float operator is what the filled model computes."""
+    """The measurement next to the float operator equals the filled model's result."""
     model = make_model(*OPERATORS[name])
     model.opset_import[0].version = version
     calibration = calibrate(model, samples(model))
@@ -401,7 +401,7 @@ def test_corrected_biases_take_the_mean_error_off(name: str, version: int) -> No
 def test_the_command_line_fills(
     tmp_path: Path, monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str]
 ) -> None:
-    """In one go, and in two; what is wrong is said in one line and writes nothing."""
+    """In one command, and in two; errors take one line and write nothing."""
     monkeypatch.chdir(tmp_path)
     model = deep()
     onnx.save_model(model, "m.onnx")

@@ -1,4 +1,4 @@
-"""What a run does after its transformations: weights and biases that fit, declared types, listed initializers."""
+"""Completion after the transformations: weights and biases that fit, declared types, listed initializers."""
 
 from typing import Any
 
@@ -22,7 +22,7 @@ def run(model: onnx.ModelProto, names: str | list[str], **options: Any) -> Repor
 
 
 def joined(shapes: tuple[Any, Any], attributes: str = "", offsets: tuple[int, int] = (0, 0), axis: int = 1) -> Any:
-    """Two quantized branches of 3 and 2 channels in front of one convolution."""
+    """Two quantized branches of 3 and 2 channels before one convolution."""
     rng = np.random.default_rng(1)
     lines = [
         f"TesselQuant:offset={offsets[0]} a -> qa", f"TesselQuant:offset={offsets[1]} b -> qb",
@@ -78,7 +78,7 @@ def test_what_cannot_be_split_is_undone(model: onnx.ModelProto, reason: str) -> 
 
 
 def normalized(channels: tuple[int, int]) -> onnx.ModelProto:
-    """What `fuse_bn_quant` looks for, with convolutions of these numbers of channels."""
+    """The pattern of `fuse_bn_quant`, with convolutions of these numbers of channels."""
     lines = [
         "TesselQuant a -> qa", "Conv qa w1 -> y1", "TesselDequant y1 s -> d1",
         "TesselQuant b -> qb", "Conv qb w2 -> y2", "TesselDequant y2 s -> d2",
@@ -122,7 +122,7 @@ def test_old_formats_list_new_initializers_as_inputs(form: str) -> None:
 
 @pytest.mark.parametrize("declared", [False, True])
 def test_a_float16_model_stays_one(declared: bool) -> None:
-    """Quantized values are INT8 and INT32, and what is dequantized is of the type that was quantized."""
+    """Quantized values are INT8 and INT32, and dequantized ones have the type that was quantized."""
     lines = ["Conv x w -> y", "Concat:axis=1 x y -> c", "GlobalAveragePool c -> p", "Conv:group=1 p w1 b1 -> r"]
     lines += ["Relu r -> r2", "Conv:group=1 r2 w2 b2 -> t", "Sigmoid t -> z"]
     shapes = {"w": (3, 2, 1, 1), "w1": (4, 5, 1, 1), "b1": (4,), "w2": (5, 4, 1, 1), "b2": (5,)}

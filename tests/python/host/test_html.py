@@ -1,4 +1,4 @@
-"""Pages hold what they are made of, escape it, keep to their caps, and run in a browser without an error."""
+"""Pages contain all their data, escape it, respect their limits, and run in a browser without an error."""
 
 import re
 import shutil
@@ -104,7 +104,7 @@ def test_a_large_region_is_drawn_in_part() -> None:
 
 
 def test_cards_are_apart_whatever_their_graph() -> None:
-    """A node that reads itself, one tensor twice, a long way round, several outputs, names of any length."""
+    """A node that reads itself, one tensor twice, a long path around, several outputs, names of any length."""
     cards = [
         Card("Split", "n" * 99, ("x",), ("a", "b", ""), "kept"),
         Card("Loop", "漢" * 40, ("a", "c"), ("c",), "removed"),
@@ -126,7 +126,7 @@ def test_cards_are_apart_whatever_their_graph() -> None:
 
 @pytest.mark.skipif(BROWSER is None, reason="no browser")
 def test_a_browser_runs_the_page_without_an_error(tmp_path: Path) -> None:
-    """The script ends with the number of cards that are shown; the console is on the error stream."""
+    """The script finally shows the number of visible cards; the console is on the error stream."""
     path = tmp_path / "page.html"
     path.write_text(report_page(report(NASTY, 3)))
     profile = f"--user-data-dir={tmp_path / 'profile'}"

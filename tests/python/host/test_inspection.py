@@ -62,7 +62,7 @@ def test_results_behave_as_objects(repository: Path, tmp_path: Path) -> None:
 
 
 class Holder:
-    """As other libraries have it."""
+    """As in other libraries."""
 
     def __init__(self, model: onnx.ModelProto) -> None:
         self.model_proto = model

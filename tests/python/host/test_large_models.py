@@ -1,4 +1,4 @@
-"""Models with weights in data files: memory, what is copied, where it goes, and what a killed run leaves."""
+"""Models with weights in data files: memory, which bytes are copied and where, and the traces of a killed run."""
 
 import signal
 import subprocess
@@ -85,7 +85,7 @@ def test_kept_weights_stay_where_they_are(folder: Path, out: str, location: str)
     assert saved.data_size == 4096
     assert [path.name for path in saved.kept] == ["weights.bin"]
     assert {t.name: t.raw_data for t in onnx.load(out).graph.initializer} == expected
-    # What is kept may be the output's own data file.
+    # The kept data file may be the output's own.
     quantize(out, source=out, force=True, keep_external_data=True)
     assert {t.name: t.raw_data for t in onnx.load(out).graph.initializer} == expected
     before = files(folder)
@@ -122,7 +122,7 @@ def test_weights_leave_the_model_file_if_asked_to(folder: Path, typed: bool) -> 
     assert numpy_helper.to_array(unread).tolist() == values.tolist()
 
 
-# At which of these the run is killed; else the disk is full.
+# The run is killed at each of these; otherwise the disk is full.
 KILLS = [
     "onnxgraft.io.data_file.DataFile.append_extent",
     "onnxgraft.io.staged_files.StagedFile.put_in_place",

@@ -65,7 +65,7 @@ def test_wide_sums_are_exact_in_float64() -> None:
 
 @pytest.mark.parametrize("opset", [11, 17])
 def test_what_the_reference_evaluator_gets_wrong(opset: int) -> None:
-    """A normalization of inference before operator set 14, and a transposed convolution in groups."""
+    """A normalization for inference before operator set 14, and a transposed convolution in groups."""
     made = model([node("ConvTranspose", "x w", "c", group=2), node("BatchNormalization", "c s b m v", epsilon=1.0)],
                  {"w": np.arange(4, dtype=np.float32).reshape(2, 2, 1, 1), "s": np.full(4, 2, "f"),
                   "b": np.arange(4, dtype=np.float32), "m": np.ones(4, np.float32), "v": np.full(4, 3, "f")},
@@ -107,7 +107,7 @@ def test_sizes_of_minus_one_keep_the_size(sizes: list[int], axes: list[int] | No
     tensors: dict[str, Array] = {"none": np.zeros(0, "f"), "sizes": np.array(sizes)}
     made = model([node("Resize", "x none none sizes", mode="nearest", **attributes)], tensors, x=["n", 2, 2, 3])
     made.opset_import[0].version = opset
-    onnx.checker.check_model(lower(made), full_check=True)  # operator set 11 wants empty tensors, not omitted ones
+    onnx.checker.check_model(lower(made), full_check=True)  # operator set 11 requires empty tensors, not omitted ones
     x = np.arange(36, dtype=np.float32).reshape(3, 2, 2, 3)
     expected = x.repeat(2, axis=3) if axes else x.repeat(2, axis=2).repeat(2, axis=3)
     np.testing.assert_array_equal(evaluate(made, {"x": x})["y"], expected)

@@ -1,4 +1,4 @@
-"""Where patterns match, why they do not, and what the hints make of it."""
+"""Where patterns match, why they do not, and the hints."""
 
 from pathlib import Path
 from typing import Any
@@ -25,7 +25,7 @@ QUANTS = ["TesselQuant:0->1", "Conv:1,2i->3", "TesselQuant:0->4"]
 SIZES = ["Slice:0,1i->2", "Concat:2,3i,4i->5"]
 POOL = ["GlobalAveragePool:0->1"]
 
-# Pattern, nodes ("w…" are initializers, "x…" inputs, "y…" outputs), reason, words of the hint.
+# Pattern, nodes ("w…" are initializers, "x…" inputs, "y…" outputs), reason, part of the hint.
 MISSES: list[tuple[list[str], str, str, str]] = [
     (CONV, "Constant -> c; Conv x c -> y", "not_initializer",
      "the weight 'c' is the output of a Constant node: prepare"),
@@ -63,7 +63,7 @@ MISSES: list[tuple[list[str], str, str, str]] = [
 ]  # fmt: skip
 
 
-# Pattern, replacement, nodes, the end of the sentence: what the hints say nothing of.
+# Pattern, replacement, nodes, the end of the sentence: misses without a hint.
 SENTENCES: list[tuple[list[str], list[str], str, str]] = [
     (["MaxPool:0->1"], [], "MaxPool x -> a b", "MaxPool node 0 (writes 'a') does not have exactly one output"),
     (["Relu:0->1"], [], "Neg x -> a; Relu x -> a", "(Relu): an earlier node also writes 'a'"),
@@ -106,7 +106,7 @@ def small_graph(lines: str) -> GraphProto:
 
 
 class Own(AbstractTransformation):
-    """Whatever pattern it is made with; nodes go but for the first tensors."""
+    """Whatever pattern it is made with; nodes are removed except for the first tensors."""
 
     def __init__(self, *pairs: tuple[list[str], list[str]]) -> None:
         self.pairs = pairs
@@ -130,7 +130,7 @@ def test_a_hint_says_what_would_help(pattern: list[str], lines: str, reason: str
     for form in FACTS:
         fact = form.format(explanation)
         assert reason == "missing_operator" or "None" in fact or fact in explanation.text
-    # From a single node it is said too, with nothing left out; no node has a place in the pattern.
+    # A single node gives the same answer, with nothing left out; no node has a place in the pattern.
     nodes = explain_nodes(graph, Own((pattern, [f"New:{outside}->{last}"])), node="*", best=None)
     answers = [answer for node in nodes for answer in node.answers]
     assert {answer.outcome for answer in answers} <= {"miss"}

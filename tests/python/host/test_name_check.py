@@ -1,4 +1,4 @@
-"""Names that are not UTF-8, which onnx loads: every function says which one it is, or does not mind."""
+"""Names that are not UTF-8, which onnx loads: every function names the first one, or works anyway."""
 
 from collections.abc import Callable
 
@@ -39,12 +39,12 @@ def test_the_place_is_named(old: bytes, new: bytes, place: str) -> None:
     model = model_of(lines, inputs={"xx": [1, 3, 8, 8]}, outputs=["zz"], tensors={"ww": ones(4, 3, 3, 3)})
     content = model.SerializeToString()
     assert old in content
-    told = 0
+    named = 0
     for function in FUNCTIONS:
         try:
             function(onnx.ModelProto.FromString(content.replace(old, new)))
         except HostError as error:
             assert place in str(error)  # noqa: PT017
             assert "is not UTF-8" in str(error)  # noqa: PT017
-            told += 1
-    assert told >= (2 if place != "name" else 0)
+            named += 1
+    assert named >= (2 if place != "name" else 0)

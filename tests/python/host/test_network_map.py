@@ -44,7 +44,7 @@ def fan(count: int, *, nasty: bool = False) -> onnx.ModelProto:
 
 
 class Links(HTMLParser):
-    """Ids, and the ids that links lead to, each with those it is found in."""
+    """Ids, and the ids that links lead to, each with its position."""
 
     def __init__(self, content: str) -> None:
         super().__init__()
@@ -180,7 +180,7 @@ def test_looks_differ_in_lightness_and_frames_and_texts_are_seen(dark: bool) -> 
 
 
 def test_readers_of_one_tensor_cost_in_proportion_to_their_number(monkeypatch: pytest.MonkeyPatch) -> None:
-    """Counts the nodes that are put in words for the surroundings of all occurrences."""
+    """Counts the nodes that are described for the surroundings of all occurrences."""
     looked: list[int] = []
     original = surroundings.Surroundings.neighbours
 

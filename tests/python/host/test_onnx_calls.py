@@ -57,7 +57,7 @@ MODELS = {make.__name__: make for make in list(globals().values()) if getattr(ma
 
 
 def work(name: str) -> None:
-    """Whatever asks onnx."""
+    """Everything that calls onnx."""
     for step in (prepare, lambda model: verify(model, model)):
         try:
             step(MODELS[name]())

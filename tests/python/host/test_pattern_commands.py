@@ -1,4 +1,4 @@
-"""Patterns without a class: on the command line, from the nodes of a model, and asked for one by one."""
+"""Patterns without a class: on the command line, from the nodes of a model, and interactively."""
 
 import io
 import json
@@ -85,7 +85,7 @@ def test_what_cannot_be_meant_is_one_line(arguments: list[str], message: str, fo
 def test_interactive_asks_at_each_occurrence(
     answers: str, left: str, folder: Path, capsys: Capture, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    """An unknown answer is asked again; the end of the input declines the rest."""
+    """After an unknown answer the question is repeated; the end of the input declines the rest."""
     monkeypatch.setattr("sys.stdin", io.StringIO(answers))
     assert run("apply", "model.onnx", *PATTERN, "--replacement", "Sigmoid:0->2", "-o", "out.onnx", "--interactive") == 0
     assert operators(onnx.load("out.onnx").graph) == left

@@ -1,4 +1,4 @@
-"""Each preparation step changes what it is for, keeps the function, and finds nothing on its own result."""
+"""Each preparation step changes its form, keeps the function, and finds nothing on its own result."""
 
 import re
 from pathlib import Path
@@ -15,7 +15,7 @@ from onnxgraft.preparation import STEPS, PreparationError, prepare
 
 HEAD = '<ir_version: {ir}, opset_import: ["" : {opset}]> g (float[1,2,4,4] x, bool c) => ({outputs})'
 
-# step -> operator set, outputs, the graph's initializers and nodes, how much is changed, what is left
+# step -> operator set, outputs, the graph's initializers and nodes, how much is changed, the remaining nodes
 CASES = {
     "constants of all forms; a returned one stays": (
         "make_initializers", 19, "float[2] y, float z, float a, float[2] b", """{
@@ -141,7 +141,7 @@ def results(model: ModelProto, folder: str = "") -> dict[str, Array]:
 def test_a_step(case: str) -> None:
     step, opset, outputs, body, changed, left = CASES[case]
     model = read(opset, outputs, body)
-    expected = results(model) if opset >= 10 else {}  # the evaluation knows no older ones
+    expected = results(model) if opset >= 10 else {}  # the evaluation does not know older ones
     assert [(done.name, done.changed) for done in prepare(model, [step])] == [(step, changed)]
     onnx.checker.check_model(model, full_check=True)
     operators = [node.op_type for node in model.graph.node]
@@ -163,7 +163,7 @@ def test_a_step(case: str) -> None:
         ("Conv", "VALID", "strides = [2, 2]", [0, 0, 0, 0]),
         ("Conv", "SAME_UPPER", "dilations = [2, 1]", [2, 1, 2, 1]),
         ("AveragePool", "SAME_LOWER", "strides = [2, 1]", [1, 1, 0, 1]),
-        ("MaxPool", "SAME_UPPER", "dilations = [2, 2]", None),  # what runtimes do not agree on stays
+        ("MaxPool", "SAME_UPPER", "dilations = [2, 2]", None),  # forms that runtimes compute differently stay
         ("MaxPool", "SAME_UPPER", "ceil_mode = 1", None),
         ("MaxPool", "SAME_UPPER", "strides = [4, 8]", None),
     ],
@@ -203,7 +203,7 @@ def test_weights_in_a_file_beside_the_model(tmp_path: Path, *, readable: bool) -
     model = read(opset, outputs, body)
     expected = results(model)
     for tensor in model.graph.initializer:
-        tensor.CopyFrom(numpy_helper.from_array(numpy_helper.to_array(tensor), tensor.name))  # raw, as files hold it
+        tensor.CopyFrom(numpy_helper.from_array(numpy_helper.to_array(tensor), tensor.name))  # raw, as in files
     onnx.save(model, tmp_path / "m.onnx", save_as_external_data=True, location="m.data", size_threshold=0)
     model = onnx.load(tmp_path / "m.onnx", load_external_data=False)
     if not readable:
@@ -223,7 +223,7 @@ def test_an_input_with_a_default_is_no_constant() -> None:
 
 @fast_resize
 def test_real_models_keep_their_function(example_models: list[Path]) -> None:
-    """Leaves as many biases to an Identity as an exporter does that writes equal ones once."""
+    """Leaves as many biases to an Identity as an exporter that writes equal ones once."""
     for path in example_models:
         model = onnx.load(path)
         shape = [dim.dim_value for dim in model.graph.input[0].type.tensor_type.shape.dim]

@@ -1,4 +1,4 @@
-"""All steps on random models with what makes steps hard: the function stays, and a second run finds nothing."""
+"""All steps on random models with difficult features: the function stays, and a second run finds nothing."""
 
 from collections.abc import Callable
 from typing import Any
@@ -51,7 +51,7 @@ class Builder:
         return name
 
     def random(self, *shape: int) -> str:
-        """A constant; now and then one that is there already."""
+        """A constant; sometimes an existing one."""
         same = [t.name for t in self.graph.initializer if tuple(t.dims) == shape and t.data_type == self.type]
         if same and self.rng.random() < 0.3:
             return str(self.rng.choice(same))

@@ -1,4 +1,4 @@
-"""Steps that compute new weights, on random small models: the function before and after, and what has to stay."""
+"""Steps that compute new weights, on random small models: the function before and after, and exceptions."""
 
 import logging
 from collections.abc import Callable
@@ -20,7 +20,7 @@ PARAMETERS = ("scale", "shift", "mean", "variance")
 
 
 class Maker:
-    """A model in the making: an input x of shape [1, 4, 5, 5], random initializers, outputs named as asked for."""
+    """A model being built: an input x of shape [1, 4, 5, 5], random initializers, outputs with the given names."""
 
     def __init__(self, seed: int = 0, opset: int = 17, dtype: str = "float32") -> None:
         self.rng, self.opset, self.dtype = np.random.default_rng(seed), opset, np.dtype(dtype)
@@ -61,7 +61,7 @@ def operators(model: ModelProto) -> list[str]:
 
 @pytest.mark.parametrize("seed", range(24))
 def test_normalizations_of_all_convolutions(seed: int) -> None:
-    """Operator sets, element types, groups, with and without bias, one after the other, epsilon, other readers."""
+    """Operator sets, element types, groups, with and without bias, in sequence, epsilon, other readers."""
     rng = np.random.default_rng(seed)
     opset, dtype = [11, 13, 14, 15, 17, 21][seed % 6], ["float32", "float16", "float64"][seed % 3 if seed % 6 else 0]
     maker = Maker(seed, opset, dtype)
@@ -87,7 +87,7 @@ def test_normalizations_of_all_convolutions(seed: int) -> None:
 
 
 def test_shared_weights_stay_shared() -> None:
-    """Two heads with one weight: equal normalizations give one new weight, another gives another."""
+    """Two heads with one weight: equal normalizations give one new weight, a different one gives another."""
     maker = Maker()
     maker.node("Relu", ["x"], "r")
     for target, source, which in (("a", "x", ""), ("b", "r", ""), ("c", "r", "own_")):
@@ -183,7 +183,7 @@ def test_weights_of_a_quantized_model(opset: int) -> None:
 
 
 def test_weights_in_a_file_are_read_where_they_are_folded(tmp_path: Path, caplog: pytest.LogCaptureFixture) -> None:
-    """Without its file a weight stays, and is not an error; nothing reads the one without a normalization."""
+    """Without its file a weight stays, and this is not an error; nothing reads the one without a normalization."""
     maker = Maker()
     maker.node("Conv", ["x", maker.weight("alone", 3, 4, 3, 3)], "d")
     maker.node("Conv", ["x", maker.weight("w", 3, 4, 3, 3)], "c")
@@ -218,7 +218,7 @@ g (float[N] x, bool c) => (float[M] y, float[M] z, float[N] k) <float[1] s__1 = 
 
 
 def test_functions_are_called_in_line() -> None:
-    """Nested, in a body, with an attribute handed on; one for another operator set stays."""
+    """Nested, in a body, with a forwarded attribute; one for another operator set stays."""
     model = onnx.parser.parse_model(FUNCTIONS.replace("\n", " "))
     feeds = {"x": np.array([-3.0, 1.0], np.float32), "c": np.array(True)}
     expected = ReferenceEvaluator(model).run(None, feeds)

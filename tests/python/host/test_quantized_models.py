@@ -60,7 +60,7 @@ def with_pairs() -> onnx.ModelProto:
 
 
 def with_integers() -> onnx.ModelProto:
-    """The same on integers: MaxPool and Flatten hand them on."""
+    """The same on integers: MaxPool and Flatten pass them on."""
     lines = [
         "QuantizeLinear x x_s x_z -> x_quantized",
         "QLinearConv x_quantized x_s x_z w_quantized w_s w_z a_s a_z b_quantized -> a_quantized",
@@ -104,7 +104,7 @@ def test_what_is_read_computes_the_same(made: Callable[[], onnx.ModelProto]) -> 
     assert not is_quantized(floats)
     operators = [node.op_type for node in floats.graph.node]
     assert operators == ["Conv", "Clip", "GlobalMaxPool" if made is with_pairs else "MaxPool", "Flatten", "MatMul"]
-    # Of all tensors that were quantized the range is what 8 bits express there.
+    # The ranges of all quantized tensors are those that 8 bits express.
     expected = {"x": (-120 / 64, 135 / 64), "a_clipped": (0, 255 / 32), "y": (-130 / 4, 125 / 4)}
     for name, ends in expected.items():
         assert (found.ranges[name].low, found.ranges[name].high) == pytest.approx(ends)
@@ -120,7 +120,7 @@ def test_what_is_read_computes_the_same(made: Callable[[], onnx.ModelProto]) -> 
 
 
 def float_model() -> onnx.ModelProto:
-    """What the quantized one was made of, with names of its own, and the Relu."""
+    """The model from which the quantized one was made, with names of its own, and the Relu."""
     lines = ["Conv in kernel -> c", "Relu c -> r", "GlobalMaxPool r -> q", "Flatten q -> f", "MatMul f matrix -> out"]
     weight = WEIGHTS["w"] * W_SCALES.reshape(-1, 1, 1, 1) * 1.001
     values = {"kernel": weight.astype("f"), "matrix": (WEIGHTS["v"] / 128).astype("f"), "bias": np.zeros(4, "f")}

@@ -1,4 +1,4 @@
-"""Recipes leave sound graphs and rest; recipe files are checked key by key."""
+"""Recipes leave sound graphs and come to an end; recipe files are checked key by key."""
 
 from pathlib import Path
 

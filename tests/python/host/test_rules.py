@@ -1,4 +1,4 @@
-"""Rules from files: what they may say, what they refuse, and that the ones of the package are right."""
+"""Rules from files: what they may contain, what is refused; and the package's own rules are right."""
 
 from pathlib import Path
 from typing import Any, ClassVar
@@ -29,7 +29,7 @@ def instead(value: str) -> str:
     return in_rule(f"initializers.100 = {value}", pair=PAIR)
 
 
-# What is written -> what the message says of it, after the name of the file.
+# Rule file -> part of the message, after the name of the file.
 BAD = {
     "empty": ("", "has no rule"),
     "not TOML": ("[fold", "is not TOML"),
@@ -49,9 +49,9 @@ BAD = {
         "a new node has one operator",
     ),
     "pairs and pattern": (in_rule("pairs = []"), "not allowed next to 'pairs'"),
-    "pairs is no list": ("[fold]\npairs = 3", "key 'pairs': expected tables [[fold.pairs]]"),
+    "pairs is not a list": ("[fold]\npairs = 3", "key 'pairs': expected tables [[fold.pairs]]"),
     "key in a pair": ("[[fold.pairs]]\nsummary = ''", "key 'pairs[0].summary': unknown key"),
-    "where is no table": (in_rule("where = 1"), "key 'where': expected a table"),
+    "where is not a table": (in_rule("where = 1"), "key 'where': expected a table"),
     "where names nothing": (in_rule("where.conv = {}"), "key 'where.conv': unknown key; write 'tensor', or"),
     "node that is not there": (in_rule("where.2.domain = ''"), "key 'where.2': there is no node 2"),
     "key of a node": (in_rule("where.0.attribute = {}"), "key 'where.0.attribute': unknown key"),

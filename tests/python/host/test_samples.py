@@ -1,4 +1,4 @@
-"""Samples come out the same from every form of data, and what does not fit is told in one line."""
+"""Samples are the same from every form of data, and errors take one line."""
 
 from collections.abc import Callable
 from pathlib import Path

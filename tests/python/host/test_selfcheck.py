@@ -1,4 +1,4 @@
-"""The self-test passes what is right and finds planted faults."""
+"""The self-test passes correct transformations and finds planted faults."""
 
 import uuid
 from collections.abc import Callable
@@ -17,7 +17,7 @@ FACTOR = (["Conv:0,1i->2", "Relu:2->3"], ["#0", "Mul:2,100i->101", "#1:101->3"])
 
 
 class Sound(AbstractTransformation):
-    """Puts a `Mul` in front of the activation; refuses where it has done so already."""
+    """Puts a `Mul` before the activation; refuses if it has done so already."""
 
     pair = FACTOR
 
@@ -114,7 +114,7 @@ def test_a_planted_fault_is_found(identifier: str, cls: type[AbstractTransformat
     result = check_transformation(cls, graphs=25)
     found = {finding.partition(":")[0]: finding for finding in result.findings}
     assert identifier in found, str(result)
-    # Small enough to see the fault: an occurrence and what takes part.
+    # Small enough to see the fault: an occurrence and the nodes involved.
     assert found[identifier].count(" (") <= 6, found[identifier]
     with pytest.raises(SelfCheckError, match=identifier):
         result.raise_if_failed()

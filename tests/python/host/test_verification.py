@@ -1,4 +1,4 @@
-"""`verify` finds what was planted, makes inputs that models accept, and says why outputs cannot agree."""
+"""`verify` finds planted differences, makes valid inputs, and explains why outputs cannot agree."""
 
 from copy import deepcopy
 from pathlib import Path
@@ -44,7 +44,7 @@ def test_inputs_are_valid_and_planted_differences_are_found() -> None:
     unsorted.graph.node.insert(0, unsorted.graph.node.pop())
     result = verify(before, unsorted, sizes={"tokens": 40}, runs=2)
     assert result.passed
-    # The width of the picture follows from the weight; ids stay below the 5 and 2 rows, or the evaluator would fail.
+    # The width of the picture follows from the weight; ids stay below 5 and 2 rows, otherwise the evaluator would fail.
     assert result.inputs["picture"] == "float32[1,7]"
     assert [row.shape for row in result.rows][:1] == [(1, 40)]
     after = deepcopy(before)
@@ -58,7 +58,7 @@ def test_inputs_are_valid_and_planted_differences_are_found() -> None:
 
 
 def test_quantized_models() -> None:
-    """Random weights are named as the reason; what is made of a quantized model is compared as such."""
+    """Random weights are named as the reason; models made from a quantized model are compared as such."""
     nodes = ["Relu:1->2", "Conv:2,3i,4i->5", "TesselDequant:5,6i->7"]
     after = make_model(["TesselQuant:1->2", *nodes[1:]])
     before = deepcopy(after)

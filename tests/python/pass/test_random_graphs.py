@@ -247,5 +247,5 @@ def test_small_patterns_on_small_graphs(block: int) -> None:
 def test_tools_are_told_what_the_lists_say() -> None:
     rng = random.Random(0)
     for pattern, replacement in [*CATALOGUE, *(random_pair(rng) for _ in range(300))]:
-        told: tuple[object, object] = read_pair(pattern, replacement)
-        assert told == read_slowly(pattern, replacement)
+        parsed: tuple[object, object] = read_pair(pattern, replacement)
+        assert parsed == read_slowly(pattern, replacement)

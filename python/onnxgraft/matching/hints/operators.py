@@ -113,9 +113,9 @@ def stands_between(miss: Miss) -> str | None:
     node = miss.node
     if node is None or node.op_type not in _PASSED_BY:
         return None
-    behind = [miss.around.graph.node[index] for name in node.output for index in miss.around.readers(name)]
+    after = [miss.around.graph.node[index] for name in node.output for index in miss.around.readers(name)]
     front = [miss.around.writer[name] for name in node.input if name in miss.around.writer]
-    if not any(other.op_type == miss.wanted.op for other in (*behind, *front)):
+    if not any(other.op_type == miss.wanted.op for other in (*after, *front)):
         return None
     return f"the {node.op_type} is between it and the next {miss.wanted.op}"
 
