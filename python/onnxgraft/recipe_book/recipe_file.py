@@ -3,20 +3,16 @@
 from __future__ import annotations
 
 import difflib
-import importlib
 import os
-import sys
 import types
 from collections.abc import Collection, Mapping
 from dataclasses import dataclass
-from pathlib import Path
 from typing import Any
 
 from onnxgraft.catalogue import short_names
 from onnxgraft.errors import RecipeFileError
 from onnxgraft.preparation import STEPS
-
-tomllib: Any = importlib.import_module("tomllib" if sys.version_info >= (3, 11) else "tomli")
+from onnxgraft.toml_file import read_tables
 
 _KEYS = ("summary", "transformations", "prepare", "until_stable", "exclude", "only")
 
@@ -41,15 +37,7 @@ def load_recipes(path: str | os.PathLike[str]) -> Mapping[str, Recipe]:
     Raises:
         RecipeFileError: The file cannot be read, is not TOML, or one of its tables is not a recipe.
     """
-    try:
-        with Path(path).open("rb") as stream:
-            tables = tomllib.load(stream)
-    except OSError as error:
-        raise RecipeFileError(f"cannot read '{os.fspath(path)}': {error.strerror}") from error
-    except (tomllib.TOMLDecodeError, UnicodeDecodeError) as error:
-        raise RecipeFileError(f"'{os.fspath(path)}' is not TOML: {error}") from error
-    if not tables:
-        raise RecipeFileError(f"'{os.fspath(path)}' has no recipe: write a table such as [mynet]")
+    tables = read_tables(path, RecipeFileError, "recipe", "mynet")
     source = os.fspath(path)
     return types.MappingProxyType({name: _recipe(name, table, source) for name, table in tables.items()})
 

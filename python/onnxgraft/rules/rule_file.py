@@ -2,13 +2,10 @@
 
 from __future__ import annotations
 
-import importlib
 import os
 import re
-import sys
 from collections.abc import Iterator, Mapping, Sequence
 from dataclasses import replace
-from pathlib import Path
 from types import MappingProxyType
 from typing import Any
 
@@ -21,8 +18,7 @@ from onnxgraft.rules.place import Place, RuleFileError
 from onnxgraft.rules.rule import Rule, RulePair
 from onnxgraft.rules.sugar import expanded
 from onnxgraft.rules.values import Expression
-
-tomllib: Any = importlib.import_module("tomllib" if sys.version_info >= (3, 11) else "tomli")
+from onnxgraft.toml_file import read_tables
 
 _OF_A_PAIR = ("pattern", "replacement", "commutative", "where", "let", "initializers", "attributes")
 _OF_A_RULE = ("summary", "keeps_function", "pairs")
@@ -37,15 +33,7 @@ def load_rules(path: str | os.PathLike[str]) -> Mapping[str, Rule]:
             rule and key.
     """
     file = os.fspath(path)
-    try:
-        with Path(path).open("rb") as stream:
-            tables = tomllib.load(stream)
-    except OSError as error:
-        raise RuleFileError(f"cannot read '{file}': {error.strerror}") from error
-    except (tomllib.TOMLDecodeError, UnicodeDecodeError) as error:
-        raise RuleFileError(f"'{file}' is not TOML: {error}") from error
-    if not tables:
-        raise RuleFileError(f"'{file}' has no rule: write a table such as [fold_scale]")
+    tables = read_tables(path, RuleFileError, "rule", "fold_scale")
     return MappingProxyType({name: _rule(table, Place(file, name)) for name, table in tables.items()})
 
 
