@@ -6,7 +6,6 @@ python -m bench.accuracy.work TASK NETWORK    prints its result as one line of J
 from __future__ import annotations
 
 import json
-import resource
 import sys
 import time
 import warnings
@@ -97,16 +96,20 @@ def ours(network: Network, variant: str) -> dict[str, Any]:
     return {"replaced": replaced, "left": left, "seconds": seconds}
 
 
-def decibels(network: Network, path: Path) -> float:
-    """The ratio of signal to noise over all test data: 10 log10 (sum of squares / sum of squared errors)."""
+def decibels(network: Network, path: Path) -> dict[str, float]:
+    """Signal to noise, 10 log10 (sum of squares / sum of squared errors): of all test data, and the samples' mean."""
     names = list(network.outputs) or None
     runner = ForwardRunner(onnx.load(path), names, evaluator="onnxruntime", optimize=True)
-    signal = noise = 0.0
+    energies = []
     for wanted, sample in zip(_expected(network, names), samples(network, "test"), strict=True):
-        for name, found in runner.run(sample).items():
-            signal += float(np.square(wanted[name].astype(np.float64)).sum())
-            noise += float(np.square(wanted[name].astype(np.float64) - found).sum())
-    return float(10 * np.log10(signal / noise)) if noise else float("inf")
+        found = runner.run(sample)
+        errors = [wanted[name].astype(np.float64) - found[name] for name in found]
+        signal = sum(float(np.square(values.astype(np.float64)).sum()) for values in wanted.values())
+        energies.append((signal, sum(float(np.square(error).sum()) for error in errors)))
+    signal, noise = np.array(energies).T
+    # An error of nothing counts as the rounding of 32-bit floats.
+    own = 10 * np.log10(signal / np.maximum(noise, signal * 1e-14))
+    return {"decibels": float(10 * np.log10(signal.sum() / max(noise.sum(), 1e-30))), "typical": float(own.mean())}
 
 
 def _expected(network: Network, names: list[str] | None) -> Iterator[dict[str, Any]]:
@@ -127,6 +130,12 @@ def _ranges(network: Network, method: str) -> Path:
     return network.made(method).with_suffix(".json")
 
 
+def _peak() -> float:
+    """The peak of this process in MB; `ru_maxrss` would be that of the process that started it, if that was larger."""
+    lines = Path("/proc/self/status").read_text().splitlines()
+    return next(int(line.split()[1]) for line in lines if line.startswith("VmHWM")) / 1024
+
+
 def main() -> None:
     """Runs one task."""
     warnings.simplefilter("ignore")
@@ -143,9 +152,9 @@ def main() -> None:
     start = time.perf_counter()
     found = tasks[task]()
     found.setdefault("seconds", time.perf_counter() - start)
-    found["megabytes"] = resource.getrusage(resource.RUSAGE_SELF).ru_maxrss / 1024
+    found["megabytes"] = _peak()
     if network.made(task).exists():
-        found["decibels"] = decibels(network, network.made(task))
+        found |= decibels(network, network.made(task))
     print(json.dumps(found))
 
 
