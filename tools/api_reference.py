@@ -46,7 +46,7 @@ SECTIONS: tuple[tuple[str, str, tuple[str, ...]], ...] = (
     (
         "Calibrating, in detail",
         "onnxgraft.calibration",
-        ("read_calibration", "merged", "model_fingerprint", "Range", "WeightNumbers"),
+        ("read_calibration", "merged", "model_fingerprint", "Range", "Equalized", "WeightNumbers"),
     ),
     ("Filling", "onnxgraft.filling", ("Filling", "FillingResult", "FilledOperator", "LeftFloat")),
     (

@@ -28,6 +28,6 @@ def test_the_best_of_the_other_tool_counts_and_failures_are_told() -> None:
         "calibrate": {"busy": 3.0, "megabytes": 470.2},
     }
     results = {"det": found}
-    assert page._decibels(results)[1][1:] == ["20.0", "-", "12.0"]
+    assert page._decibels(results, "decibels")[1][1:] == ["20.0", "-", "12.0"]
     assert page._times(results)[1][1:5] == ["2.0", "3.0", "1.5", "470"]
     assert len(list(page._failures(results))) == 2
