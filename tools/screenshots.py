@@ -50,7 +50,7 @@ def make_pages(folder: Path) -> None:
 
 
 def take(browser: str, page: Path, picture: Path, width: int, height: int) -> None:
-    """Stores what the browser shows of a page."""
+    """Stores a page as the browser shows it."""
     options = ("--headless", "--no-sandbox", "--disable-gpu", "--hide-scrollbars", "--virtual-time-budget=3000")
     shot = page.with_suffix(".png")
     command = [browser, *options, f"--window-size={width},{height}", f"--screenshot={shot}", page.as_uri()]

@@ -1,8 +1,9 @@
 """Writes the networks as ONNX files, each by several exporters: `python -m tools.networks FOLDER [NAME ...]`.
 
-    script_c11      torch's older exporter, operator set 11, normalizations folded script_c17_bn   the same, operator
-    set 17, normalizations kept dynamo_c18      the newer exporter, operator set 18 dynamo_c18_raw  the same without its
-    optimizations
+    script_c11      torch's older exporter, operator set 11, normalizations folded
+    script_c17_bn   the same, operator set 17, normalizations kept
+    dynamo_c18      the newer exporter, operator set 18
+    dynamo_c18_raw  the same without its optimizations
 
 A file has the name of its network and exporter: `densenet_script_c11.onnx`.
 """

@@ -58,7 +58,7 @@ def use_own_search() -> None:
 
 
 def fetched() -> Iterator[str]:
-    """What the site would fetch from a network."""
+    """Addresses in a network from which the site would load something."""
     for path in sorted(RESULT.rglob("*")):
         if path.suffix in {".html", ".css"}:
             for found in _FETCHED.finditer(path.read_text(errors="replace")):

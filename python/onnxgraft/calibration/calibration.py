@@ -124,7 +124,7 @@ class Calibration:
     equalized: Mapping[str, Equalized] = field(default_factory=dict)
 
     def check_model(self, fingerprint: str, label: str = "the model") -> None:
-        """Raises CalibrationError unless the fingerprint is that of the model, as it was or prepared."""
+        """Raises CalibrationError unless the fingerprint is that of the given or the prepared model."""
         if fingerprint not in {self.fingerprint, self.prepared}:
             raise CalibrationError(
                 f"the ranges are of another model: {label} has the fingerprint {fingerprint}, "

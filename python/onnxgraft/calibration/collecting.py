@@ -169,7 +169,7 @@ def _blocks(sizes: Mapping[str, int], memory: int) -> list[list[str]]:
 
 
 class _Collector:
-    """What tensors are, and what some would be with channels divided by factors."""
+    """The statistics of tensors, and those that some would have with channels divided by factors."""
 
     def __init__(self, watched: Watched, channels: Mapping[str, int], *, counts_values: bool) -> None:
         self._watched = watched

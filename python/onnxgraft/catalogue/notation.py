@@ -45,11 +45,7 @@ def read_pattern(pattern: Sequence[str]) -> tuple[PatternNode, ...]:
 
 
 def read_pair(pattern: Sequence[str], replacement: Sequence[str]) -> tuple[tuple[PatternNode, ...], tuple[Entry, ...]]:
-    """The nodes of a pattern and what the replacement makes of them.
-
-    Raises:
-        ValueError: The lists do not follow the notation.
-    """
+    """The nodes of a pattern and their fate in the replacement."""
     nodes, entries = parse(pattern, replacement)
     return tuple(map(_node, nodes)), tuple(Entry(_node(node), source, kept) for node, source, kept in entries)
 

@@ -90,7 +90,7 @@ def _load_entry_points() -> None:
             # Any other object, such as a module, was imported for the `register` calls in it.
             if inspect.isclass(value):
                 register(value)
-        except Exception as error:  # whatever foreign code raises
+        except Exception as error:  # any error of foreign code
             _log.warning("entry point '%s' (%s) is left out: %s", entry.name, entry.value, error)
 
 
@@ -195,7 +195,7 @@ def _checked_name(cls: Any) -> str:
             raise RegistrationError(f"{label} must have a method {purpose}")
     try:
         name: object = getattr(cls(), "get_simple_name")()  # noqa: B009
-    except Exception as error:  # whatever foreign code raises
+    except Exception as error:  # any error of foreign code
         raise RegistrationError(
             f"{label}: the class cannot be instantiated or does not return its name: {error}"
         ) from error

@@ -29,7 +29,7 @@ def import_user_code(path_or_module: str) -> None:
                 _run(path.resolve())
             else:
                 importlib.import_module(path_or_module)
-    except (Exception, SystemExit) as error:  # whatever foreign code raises
+    except (Exception, SystemExit) as error:  # any error of foreign code
         reason = " ".join(str(error).split()) or "no reason given"
         raise RegistrationError(f"cannot load '{path_or_module}': {type(error).__name__}: {reason}") from error
 

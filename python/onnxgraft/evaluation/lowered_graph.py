@@ -52,7 +52,7 @@ def take_in_small_tensors(graph: onnx.GraphProto, folder: str) -> None:
 
 
 def drop_unread(graph: onnx.GraphProto, names: Iterable[str]) -> None:
-    """Removes those of the initializers that have no reader any more, and their entries among the inputs."""
+    """Removes those of the initializers that no longer have a reader, and their entries among the inputs."""
     used: set[str] = set()
     for current in with_bodies(graph):
         used.update(value.name for value in current.output)

@@ -1,10 +1,11 @@
 """Rewrites a copy of a model so that public evaluators can compute it.
 
-    TesselQuant(x)       ->  x * scale + offset        [-> round half to even -> clip to -128 .. 127] TesselDequant(x,
-    w)  ->  x * scales(w), along axis 1; scales(w) are the low 32 bits of each word as a float; cast to the floating
-    type that is declared for the result, else to that of what was quantized INT8, INT32 operands ->  floating-point
-    initializers of the same values Resize(sizes)        ->  -1 becomes the input's own size; empty roi, scales and
-    sizes become omitted ones, but for roi and scales in operator sets 11 and 12, which want them
+    TesselQuant(x)       ->  x * scale + offset        [-> round half to even -> clip to -128 .. 127]
+    TesselDequant(x, w)  ->  x * scales(w), along axis 1; scales(w) are the low 32 bits of each word as a float; cast to
+                             the declared floating type of the result, otherwise to that of the quantized tensor
+    INT8, INT32 operands ->  floating-point initializers of the same values
+    Resize(sizes)        ->  -1 becomes the input's own size; empty roi, scales and sizes become omitted ones, except
+                             for roi and scales in operator sets 11 and 12, which require them
 
 Everything that is computed on quantized values has the type `Convention.element_type`; the rest is left as it is.
 Nested bodies are not rewritten, so a quantize node inside one is refused.

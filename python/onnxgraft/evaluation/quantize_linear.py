@@ -1,8 +1,8 @@
 """Rewrites a copy of a model to `QuantizeLinear` and `DequantizeLinear`, the form that other quantizing tools write.
 
-    TesselQuant(x), scale s, offset o   ->  QuantizeLinear(x, 1 / s, o) Conv(q, w, b), then TesselDequant   ->
-    Conv(D(q, 1 / s, o), D(w, f * s), D(b, f)) on floats, D = DequantizeLinear TesselDequant(q, w) by itself       ->
-    D(q, f), along axis 1
+    TesselQuant(x), scale s, offset o   ->  QuantizeLinear(x, 1 / s, o)
+    Conv(q, w, b), then TesselDequant   ->  Conv(D(q, 1 / s, o), D(w, f * s), D(b, f)) on floats, D = DequantizeLinear
+    TesselDequant(q, w) by itself       ->  D(q, f), along axis 1
 
 with f the scales in the words. Since (1 / s) * (f * s) = f, the sums are those of the quantized operator times f, up to
 the rounding of floats. A convolution that reads a quantize node directly subtracts its offset; for all others, D has

@@ -76,7 +76,7 @@ class Resize(op_resize.Resize):
 
 
 def evaluator(model: onnx.ModelProto) -> ReferenceEvaluator:
-    """The evaluator of a model, with these operators where it needs them."""
+    """The evaluator of a model, with these operators if it needs them."""
     version = max((entry.version for entry in model.opset_import if entry.domain in {"", "ai.onnx"}), default=0)
     training = any(node.op_type == "BatchNormalization" and len(node.output) > 1 for node in model.graph.node)
     normalization = [] if version >= _FIRST_WITH_TRAINING_MODE or training else [BatchNormalization]

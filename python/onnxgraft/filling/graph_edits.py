@@ -52,7 +52,7 @@ def set_parameters(node: onnx.NodeProto, activation: Activation) -> None:
 
 
 def parameters(node: onnx.NodeProto) -> Activation:
-    """Scale and offset of a quantize node; 1 and 0 where they are missing."""
+    """Scale and offset of a quantize node; 1 and 0 if they are missing."""
     return Activation(attribute(node, "scale", 1.0), round(attribute(node, "offset", 0.0)))
 
 

@@ -36,7 +36,7 @@ class BringBiasesToLength:
                     changed += 1
         step.finished += changed
         if changed:
-            step.remarks.append("biases brought to the number of channels")
+            step.remarks.append("biases adjusted to the number of channels")
 
 
 def _resize(bias: TensorProto, channels: int) -> None:

@@ -35,7 +35,7 @@ class DeclareTypes:
         entries = {value.name: value for value in graph.value_info}
         known = {value.name for values in (graph.input, graph.output) for value in values}
         known.update(tensor.name for tensor in graph.initializer)
-        # What is declared already, and what the caller left undeclared, is looked at only if it is quantized now.
+        # Declared tensors, and those that the caller left undeclared, are examined only if they are quantized now.
         settled = known | self._undeclared | entries.keys()
         for name in (name for node in graph.node for name in node.output):
             if name not in quantized and name in settled:

@@ -60,7 +60,7 @@ def operator_numbers(host: Host) -> Iterator[OperatorNumbers]:
 
 
 class _Quantizer(NamedTuple):
-    """What a quantize node writes, its numbers, and the values that it does not cut off."""
+    """The output of a quantize node, its numbers, and the values that it does not cut off."""
 
     output: str
     scale: float

@@ -1,4 +1,4 @@
-"""What runs after each step, in order."""
+"""The followers that run after each step, in order."""
 
 from __future__ import annotations
 

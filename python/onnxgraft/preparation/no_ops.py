@@ -57,7 +57,7 @@ class _Facts:
         return None if array is None else array.ravel().tolist()
 
     def shape(self, name: str) -> list[int | None] | None:
-        """The length of each axis, None where it is unknown; None if the rank is."""
+        """The length of each axis, None if it is unknown; None instead of a list if the rank is unknown."""
         return known_lengths(self.types.get(name))
 
 

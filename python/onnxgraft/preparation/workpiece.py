@@ -131,7 +131,7 @@ class Workpiece:
         remove_at(values, [index for index, value in enumerate(values) if value.name in names])
 
     def drop_unread(self, names: Collection[str]) -> None:
-        """Removes those of the constants that have no reader any more."""
+        """Removes those of the constants that no longer have a reader."""
         if not names:
             return
         read = {name for node in self.graph.node for name in node.input} | self.kept_names()
@@ -157,7 +157,7 @@ def input_of(node: NodeProto, position: int) -> str:
 
 
 def known_lengths(tensor: TypeProto.Tensor | None) -> list[int | None] | None:
-    """The length of each axis, None where it is unknown; None if the rank is.
+    """The length of each axis, None if it is unknown; None instead of a list if the rank is unknown.
 
     Exporters write 0 and negative numbers for lengths that they do not know.
     """

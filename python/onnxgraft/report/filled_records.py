@@ -1,4 +1,4 @@
-"""What was filled in, as data for the report."""
+"""The numbers that were filled in, as data for the report."""
 
 from __future__ import annotations
 

@@ -113,7 +113,7 @@ class _Places:
 
 
 def _groups(report: Report) -> list[_Group]:
-    """What was replaced, then what was refused; what is refused in every round is shown once."""
+    """Replaced occurrences, then refused ones; an occurrence that is refused in every round is shown once."""
     groups = []
     seen: set[object] = set()
     for step in report.steps:

@@ -65,7 +65,7 @@ def check_transformation(
         subject = subject_of(cls)
         for pattern, replacement in subject.pairs:
             find_occurrences(GraphProto(), pattern, replacement)
-    except Exception as error:  # whatever foreign code raises
+    except Exception as error:  # any error of foreign code
         return CheckResult(cls.__name__, findings=[f"set-up: {type(error).__name__}: {error}"], counterexamples=[None])
     if not subject.pairs:
         return CheckResult(

@@ -85,7 +85,7 @@ def _compare_pair(rule: Rule, number: int, pair: RulePair, graphs: int, seed: in
         if not comparison.agrees:
             text = onnx.printer.to_text(comparison.model.graph)
             result.add(
-                f"function: pair {number}, {list(pair.pattern)}, changes what is computed: off by "
+                f"function: pair {number}, {list(pair.pattern)}, changes what is computed: differs by "
                 f"{comparison.largest:.3g} where {comparison.bound:.3g} is allowed\n  smallest model:\n"
                 + "\n".join(f"    {line}" for line in text.splitlines()),
                 comparison.model.graph,

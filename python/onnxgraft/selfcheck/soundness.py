@@ -45,7 +45,7 @@ def _changed_signature(before: GraphProto, after: GraphProto) -> Iterator[Proble
     outputs = [[value.SerializeToString() for value in graph.output] for graph in (before, after)]
     if outputs[0] != outputs[1]:
         yield "signature", "the outputs of the graph were changed"
-    # When an initializer has no reader any more, an input of the same name goes with it.
+    # When an initializer has lost its last reader, an input of the same name goes with it.
     optional = {tensor.name for tensor in before.initializer}
     inputs = [
         [value.SerializeToString() for value in graph.input if value.name not in optional] for graph in (before, after)

@@ -233,7 +233,7 @@ def _constant(node: onnx.NodeProto) -> Iterator[tuple[str, TensorProto]]:
 
 
 def _content(message: onnx.AttributeProto | TensorProto) -> bytes:
-    """An attribute as bytes; a tensor without its name, where its values are raw."""
+    """An attribute as bytes; a tensor without its name, if its values are raw."""
     if isinstance(message, TensorProto) and message.raw_data:
         return b"%d %s %s" % (message.data_type, str(message.dims[:]).encode(), message.raw_data)
     content: bytes = message.SerializeToString()

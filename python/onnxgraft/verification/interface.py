@@ -24,12 +24,14 @@ def input_problems(inputs: Mapping[str, Input], after: onnx.GraphProto) -> list[
         wanted = inputs[value.name]
         if helper.tensor_dtype_to_np_dtype(tensor.elem_type or onnx.TensorProto.FLOAT) != wanted.dtype:
             name = onnx.TensorProto.DataType.Name(tensor.elem_type).lower()
-            problems.append(f"input '{value.name}' is of type {wanted.dtype.name} before, {name} after")
+            problems.append(f"input '{value.name}' has type {wanted.dtype.name} before, {name} after")
         dims = [dim.dim_value for dim in tensor.shape.dim]
         fits = len(dims) == len(wanted.shape) and all(d in {0, s} for d, s in zip(dims, wanted.shape, strict=True))
         if tensor.HasField("shape") and not fits:
             shape = [dim.dim_param or dim.dim_value or "?" for dim in tensor.shape.dim]
-            problems.append(f"input '{value.name}' is {wanted} before, of shape [{','.join(map(str, shape))}] after")
+            problems.append(
+                f"input '{value.name}' is {wanted} before, but has shape [{','.join(map(str, shape))}] after"
+            )
     return problems
 
 

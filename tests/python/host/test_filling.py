@@ -170,7 +170,7 @@ EQUALIZED: dict[str, tuple[str, int]] = {
 
 @pytest.mark.parametrize("name", EQUALIZED)
 def test_channels_are_brought_to_one_range(name: str) -> None:
-    """The float model stays what it is, and the quantized one gains."""
+    """The float model stays the same, and the quantized one gains."""
     text, count = EQUALIZED[name]
     model = make_model(text, IMAGE, {key: value for key, value in DEPTHWISE.items() if f"{key}" in text})
     calibration = calibrate(model, samples(model), evaluator="reference", prepare=False)
@@ -185,7 +185,7 @@ def test_channels_are_brought_to_one_range(name: str) -> None:
 
 
 def test_the_report_says_what_share_is_cut_off() -> None:
-    """Values are uniform: the range of 90 percent leaves a tenth out. Ranges without counts say nothing."""
+    """Values are uniform: the range of 90 percent leaves a tenth out. Ranges without counts have no share."""
     model = make_model("y = Conv(x, w)", IMAGE, {"w": (6, 4, 3, 3)})
     found = calibrate(model, samples(model, 50), method="percentile", percentile=90.0, evaluator="reference")
     for calibration, share in ((found, pytest.approx(0.1, abs=0.005)), (replace(found, outside={}), None)):

@@ -83,7 +83,7 @@ def test_a_step_is_put_back_whatever_comes() -> None:
 
 
 def test_a_second_interruption_waits_until_all_is_undone() -> None:
-    """The first error comes from the run, the interruption at each line in turn."""
+    """The first error comes from the run, the interruption at each line, one after the other."""
     handler = signal.getsignal(signal.SIGINT)
     begun: list[int] = []
 

@@ -118,7 +118,7 @@ def test_greenlets_may_switch_inside_of_a_callback() -> None:
 
     graphs = [convolutions(4) for _ in range(3)]
     runs = [greenlet.greenlet(lambda graph=graph: Switching().apply(graph)) for graph in graphs]
-    results: dict[int, int] = {}
+    results: dict[int, object] = {}
     while len(results) < len(runs):
         for number, run in enumerate(runs):
             result = None if run.dead else run.switch()

@@ -78,7 +78,7 @@ def other_activation(miss: Miss) -> str | None:
         return None
     if miss.node is not None:
         other = miss.node.op_type if miss.node.op_type in _ACTIVATIONS else ""
-        return f"the activation here is {other}; the pattern knows {miss.wanted.op} only" if other else None
+        return f"the activation here is {other}; the pattern matches only {miss.wanted.op}" if other else None
     there = [op for op in _ACTIVATIONS if op in miss.around.operators]
     if "Sigmoid" in there and "Mul" in miss.around.operators:
         there[there.index("Sigmoid")] = "Sigmoid with Mul"
