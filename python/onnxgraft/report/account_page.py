@@ -23,8 +23,11 @@ def account_section(account: Account | None, anchors: Anchors) -> str:
     """Coverage by operator, then each operator in float with its reason; empty if there is nothing to count."""
     if account is None or not (account.operators or account.left):
         return ""
-    share = "" if account.share is None else f", {100 * account.share:.1f} % of the multiply-adds INT8"
-    parts = [f"<h2>What is INT8, and what stayed in float{share}</h2>", _coverage(account)]
+    parts = ["<h2>What is INT8, and what stayed in float</h2>"]
+    if account.share is not None:
+        known = "known " if any(one.unknown_macs for one in account.operators.values()) else ""
+        parts.append(f'<p class="what">{100 * account.share:.1f} % of the {known}multiply-adds are INT8.</p>')
+    parts.append(_coverage(account))
     if account.left:
         rows = [_row(number, one, anchors) for number, one in enumerate(account.left[:_MOST_ROWS])]
         content = table(("Operator", "Why it stayed in float", "Multiply-adds"), rows, [2])

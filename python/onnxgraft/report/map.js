@@ -6,7 +6,7 @@
   const LOOKS = ["int8", "float", "quantize", "dequantize", "other", "removed"];
   const WORDS = ["INT8", "float", "quantize", "dequantize", "other", ""];
   const FATES = ["", "changed", "added", "removed"];
-  const [OP_SIZE, NAME_SIZE, LEAST] = [5.6, 3, 9]; // font sizes in the picture; the least on the screen, in pixels
+  const [OP_SIZE, NAME_SIZE, LEAST] = [5, 3, 9]; // font sizes in the picture; the least on the screen, in pixels
   const MOST_TEXTS = 400;
   const SVG = "http://www.w3.org/2000/svg";
   const view = map.querySelector(".map-view");
@@ -50,11 +50,11 @@
     return { x: now.x - (w - now.width) / 2, y: now.y - (h - now.height) / 2, width: w, height: h };
   };
   const write = (item, words, size, y, name) => {
-    const most = Math.floor(wide / size / 0.56);
+    const most = Math.floor(wide / size / 0.64);
     const element = document.createElementNS(SVG, "text");
     element.setAttribute("x", item.x + wide / 2);
     element.setAttribute("y", y);
-    element.setAttribute("font-size", size);
+    element.style.fontSize = `${size}px`; // not an attribute: the style of other pictures would override it
     element.setAttribute("class", `on-${item.style === "b" ? "b" : LOOKS[item.style[0]]}${name ? " second" : ""}`);
     const letters = [...words];
     const cut = name ? "…" + letters.slice(1 - most).join("") : letters.slice(0, most - 1).join("") + "…";
