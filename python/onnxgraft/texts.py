@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import re
+from html import escape
 
 # Characters that control a terminal, break a line, reverse its direction, have no width or cannot be encoded.
 _UNSEEN = re.compile(
@@ -19,3 +20,8 @@ def one_line(text: object) -> str:
 def joined(text: object) -> str:
     """The same, but lines of a longer text are joined by blanks."""
     return one_line(" ".join(str(text).splitlines()))
+
+
+def preformatted(text: str) -> str:
+    """Lines of text as HTML, for notebooks: what a terminal shows, and nothing of it is markup."""
+    return f"<pre>{escape(chr(10).join(map(one_line, text.splitlines())))}</pre>"

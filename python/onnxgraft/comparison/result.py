@@ -2,12 +2,12 @@
 
 from __future__ import annotations
 
-import html
 from dataclasses import dataclass, field
 
 from onnxgraft.report.network import GraphChange
 from onnxgraft.report.records import NodeText
 from onnxgraft.report.report_json import NOT_IN_JSON
+from onnxgraft.texts import preformatted
 
 
 @dataclass(frozen=True)
@@ -97,7 +97,7 @@ class GraphDiff:
         return f"<GraphDiff: {self.nodes_before} -> {self.nodes_after} nodes, {changed}>"
 
     def _repr_html_(self) -> str:
-        return f"<pre>{html.escape(str(self))}</pre>"
+        return preformatted(str(self))
 
     def __str__(self) -> str:
         from onnxgraft.comparison.summary import summary  # noqa: PLC0415

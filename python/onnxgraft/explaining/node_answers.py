@@ -4,6 +4,8 @@ from __future__ import annotations
 
 from dataclasses import dataclass
 
+from onnxgraft.texts import preformatted
+
 # Outcomes of a node in one place of one pattern; those of the first group fit, and come before the misses.
 OUTCOMES = ("replaced", "refused", "done", "taken", "fits", "miss")
 
@@ -83,3 +85,6 @@ class NodeExplanation:
         lines += map(str, self.answers or [f"none of the patterns has an operator {self.op_type}"])
         lines += [f"{self.left_out} more"] if self.left_out else []
         return "\n  ".join(lines)
+
+    def _repr_html_(self) -> str:
+        return preformatted(str(self))

@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import dataclasses
-import html
 from dataclasses import dataclass, field
 from typing import Any
 
@@ -11,7 +10,7 @@ from rich.filesize import decimal
 
 from onnxgraft.inspection.ranking import RecipeScore
 from onnxgraft.report.account_records import Account, OperatorCount
-from onnxgraft.texts import one_line
+from onnxgraft.texts import one_line, preformatted
 
 WIDTH = 80
 _QUANTIZE, _DEQUANTIZE = "TesselQuant", "TesselDequant"
@@ -58,7 +57,7 @@ class Inspection:
         return f"<Inspection of '{one_line(self.name)}': {self.nodes} nodes, {self.account}>"
 
     def _repr_html_(self) -> str:
-        return f"<pre>{html.escape(str(self))}</pre>"
+        return preformatted(str(self))
 
 
 def _rows(one: Inspection) -> list[tuple[str, str]]:

@@ -14,6 +14,7 @@ from onnxgraft.graph.surroundings import Surroundings
 from onnxgraft.io.given import Readable, opened
 from onnxgraft.matching import hints
 from onnxgraft.matching.subject import Lists, graph_of, subject_of
+from onnxgraft.texts import preformatted
 
 
 @dataclass(frozen=True)
@@ -45,6 +46,9 @@ class Explanation:
     def __str__(self) -> str:
         text = f"{self.transformation}, pattern {self.pattern_index}: {self.text}"
         return f"{text}. Hint: {self.hint}" if self.hint else text
+
+    def _repr_html_(self) -> str:
+        return preformatted(str(self))
 
 
 _WITH_INPUT = frozenset({"input_omitted", "not_initializer", "rest_not_initializer", "other_position"})

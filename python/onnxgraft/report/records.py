@@ -5,7 +5,6 @@ A report outlives its model: holding a node would keep its whole graph in memory
 
 from __future__ import annotations
 
-import html
 from collections.abc import Iterable, Mapping
 from dataclasses import dataclass, field
 from typing import Any
@@ -20,7 +19,7 @@ from onnxgraft.report.network import GraphChange
 from onnxgraft.report.node_texts import Kept, TensorKind, describe, keep, shape_text
 from onnxgraft.report.operator_numbers import OperatorNumbers
 from onnxgraft.report.report_json import NOT_IN_JSON
-from onnxgraft.texts import one_line
+from onnxgraft.texts import one_line, preformatted
 
 # Increased whenever a reader of the previous version would misread the JSON text.
 SCHEMA_VERSION = 2
@@ -227,7 +226,7 @@ class Report:
         return f"<Report{name}: {len(self.steps)} steps, {self.replaced} replaced, {self.refused} refused>"
 
     def _repr_html_(self) -> str:
-        return f"<pre>{html.escape(str(self))}</pre>"
+        return preformatted(str(self))
 
     def __str__(self) -> str:
         from onnxgraft.report import report_table  # noqa: PLC0415

@@ -124,13 +124,32 @@ def test_cards_are_apart_whatever_their_graph() -> None:
     assert [picture.count(f'class="{kind}') for kind in ("card", "pill")] == [2, 2]  # x, and z where the ring is cut
 
 
+def run_in_browser(content: str, folder: Path, fragment: str = "") -> str:
+    """The page after its scripts have run; the console, which is on the error stream, stays empty."""
+    path = folder / "page.html"
+    path.write_text(content)
+    options = ["--headless", "--no-sandbox", "--disable-gpu", "--enable-logging=stderr", "--dump-dom"]
+    command = [str(BROWSER), *options, f"--user-data-dir={folder / 'profile'}", path.as_uri() + fragment]
+    run = subprocess.run(command, capture_output=True, timeout=300, text=True)
+    assert "CONSOLE" not in run.stderr
+    return run.stdout
+
+
 @pytest.mark.skipif(BROWSER is None, reason="no browser")
 def test_a_browser_runs_the_page_without_an_error(tmp_path: Path) -> None:
-    """The script finally shows the number of visible cards; the console is on the error stream."""
-    path = tmp_path / "page.html"
-    path.write_text(report_page(report(NASTY, 3)))
-    profile = f"--user-data-dir={tmp_path / 'profile'}"
-    options = ["--headless", "--no-sandbox", "--disable-gpu", "--enable-logging=stderr", "--dump-dom", profile]
-    run = subprocess.run([str(BROWSER), *options, path.as_uri()], capture_output=True, timeout=120, text=True)
-    assert "6 shown" in run.stdout
-    assert "CONSOLE" not in run.stderr
+    """The script finally shows the number of visible cards."""
+    assert "6 shown" in run_in_browser(report_page(report(NASTY, 3)), tmp_path)
+
+
+@pytest.mark.skipif(BROWSER is None, reason="no browser")
+def test_a_link_to_the_map_shows_the_node(tmp_path: Path) -> None:
+    """The script finds the node, says what it is, and comes closer to it than the page opens with."""
+    chain = [f"Relu:{k}->{k + 1}" for k in range(1, 200)]
+    page = diff_page(diff(make_model(chain), make_model([*chain[:100], "Tanh:101->102", *chain[101:]])))
+    node = re.search(r'<a class="to-map" href="#(node-\d+)"', page)
+    assert node is not None
+    shown = run_in_browser(page, tmp_path, f"#{node[1]}")
+    assert re.search(r'<output id="map-says">(Relu|Tanh) · [^<]* · (removed|added) · <a href="#card-1">card', shown)
+    widths = [float(re.findall(r'<svg viewBox="\S+ \S+ (\S+)', content)[0]) for content in (page, shown)]
+    assert widths[1] < widths[0]
+    assert 'class="spot"' in shown

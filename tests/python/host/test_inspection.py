@@ -1,6 +1,7 @@
 """A model at a glance, the best recipe, and results that behave as objects."""
 
 import json
+import re
 from pathlib import Path
 from typing import Any
 
@@ -52,10 +53,12 @@ def test_results_behave_as_objects(repository: Path, tmp_path: Path) -> None:
     assert (bool(same), bool(other)) == (False, True)
     assert bool(onnxgraft.verify(path, path))
     assert not onnxgraft.verify(path, tmp_path / "out.onnx")
-    for result in (report, other, onnxgraft.inspect(path, recipes=False)):
+    results = (report, other, onnxgraft.inspect(path, recipes=False))
+    for result in results:
         assert "\n" not in repr(result)
         assert len(repr(result)) < 300
-        assert result._repr_html_().startswith("<pre>")
+    for result in (*results, onnxgraft.explain(path, "quant_gemm")[0], onnxgraft.explain(path, node="/conv1/Conv")[0]):
+        assert re.fullmatch("<pre>[^<>]+</pre>", result._repr_html_())
     assert onnxgraft.__version__ == report.version
     assert onnxgraft.find(path, "quant_gemm")
     assert onnxgraft.pattern_of(path, ["/conv1/Conv"]).pattern == ("Conv:0,1i,2i->3",)
