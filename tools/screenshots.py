@@ -27,20 +27,23 @@ MODELS = ROOT / "examples/models"
 LIMIT = 150_000
 # Picture -> page, width and height of the window.
 SHOTS = {
+    "map.png": ("yolov5.html", 1200, 760),
     "report.png": ("report.html", 1200, 900),
     "accuracy.png": ("accuracy.html", 1200, 700),
 }
 
 
 def make_pages(folder: Path) -> None:
-    """Writes the pages of the tutorial."""
+    """Writes the page that README shows, and those of the tutorial."""
     pictures = np.random.default_rng(0).random((36, 1, 3, 64, 64), dtype=np.float32)
     np.savez(folder / "calibration.npz", images=pictures[:24])
     np.savez(folder / "test.npz", images=pictures[24:])
     float_model, result = str(MODELS / "resnet18_timm_c11.onnx"), str(folder / "int8.onnx")
     data, test = str(folder / "calibration.npz"), str(folder / "test.npz")
     apply = ["apply", float_model, "--recipe", "resnet", "--calibrate", data, "--method", "mse", "-o", result]
+    yolov5, page = str(MODELS / "yolov5r2_even_c17.onnx"), str(folder / "yolov5.html")
     commands = (
+        ["apply", yolov5, "--recipe", "yolov5", "--seed", "0", "-o", str(folder / "yolov5.onnx"), "--report", page],
         [*apply, "--report", str(folder / "report.html")],
         ["verify", float_model, result, "--data", test, "--html", str(folder / "accuracy.html")],
     )
