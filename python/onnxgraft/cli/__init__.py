@@ -27,7 +27,7 @@ def main(arguments: Sequence[str] | None = None) -> int:
         verbose = options.verbose > 0
         # Imported only now: ONNX takes half a second, which `--help` and wrong usage should not cost.
         session = importlib.import_module("onnxgraft.cli.session")
-        command = importlib.import_module(f"onnxgraft.cli.{options.command}_command")
+        command = importlib.import_module(f"onnxgraft.cli.{options.command.replace('-', '_')}_command")
         with session.running(options):
             code = int(command.run(options))
     except SystemExit as stop:  # wrong usage, --help, --version, a signal

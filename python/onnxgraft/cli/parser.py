@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import argparse
 import os
+import sys
 from collections.abc import Sequence
 from importlib.metadata import version
 from pathlib import Path
@@ -19,7 +20,14 @@ def parse(arguments: Sequence[str] | None) -> argparse.Namespace:
     parser = make_parser()
     if "_ARGCOMPLETE" in os.environ:  # the shell asks for completions
         completion.answer(parser)
-    options = parser.parse_args(arguments)
+    given = list(sys.argv[1:] if arguments is None else arguments)
+    run: list[str] = []
+    if given[:1] == ["report-bug"] and "--" in given:
+        at = given.index("--")
+        given, run = given[:at], given[at + 1 :]
+    options = parser.parse_args(given)
+    if options.command == "report-bug":
+        options.run = run[1:] if run[:1] == ["onnxgraft"] else run
     if options.command == "apply" and options.output is None and not options.dry_run:
         options.parser.error("-o/--output, the model to write, or --dry-run is required")
     if getattr(options, "replacement", None) is not None and options.pattern is None:
@@ -225,6 +233,27 @@ def make_parser() -> argparse.ArgumentParser:
     )
     diff.add_argument("--exit-code", action="store_true", help="end with code 3 if there is a difference")
     diff.add_argument("--force", action="store_true", help="overwrite existing files")
+
+    report = command(
+        "report-bug",
+        "collect what a bug report needs, without weights: the graph with shapes only, versions, a command's output",
+        options.one_model(),
+        epilog="After -- comes the command that went wrong, for instance: onnxgraft report-bug model.onnx -o bug.zip --"
+        " apply model.onnx --recipe resnet -o out.onnx. It is run, so it may write files.",
+    )
+    report.add_argument(
+        "-o", "--output", type=options.file, required=True, metavar="BUG.zip|FOLDER", help="what to write"
+    )
+    report.add_argument(
+        "--rename",
+        action="store_true",
+        help="also replace the names of nodes, tensors and symbolic dimensions",
+    )
+    report.add_argument(
+        "--keep-shapes",
+        action="store_true",
+        help="keep the values of short vectors of INT64: shapes, axes and bounds, on which the preparation depends",
+    )
     return parser
 
 
