@@ -1,5 +1,5 @@
-# What every target of the project is compiled with.
-# Hidden visibility: the static libraries end up in three extension files, none of which may see another's copy.
+# The compile options of every target of the project.
+# Hidden visibility: three extension files contain the static libraries, and none may see another's copy.
 
 if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
   set(CMAKE_BUILD_TYPE Release CACHE STRING "Build type" FORCE)

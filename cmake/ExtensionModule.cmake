@@ -1,6 +1,7 @@
 # onnxgraft_extension_module(<name> <sources>...): one CPython extension file on top of the core and the interpreter
-# layer, that exports PyInit_<name> and nothing else. Hidden visibility alone would let instantiations of the standard library's templates through, and two modules
-# in one process would then share them by accident; the linker's version script closes that.
+# layer, which exports only PyInit_<name>. Hidden visibility alone would still export instantiations of the standard
+# library's templates, and two modules in one process would share them by accident. The linker's version script
+# prevents that.
 
 function(onnxgraft_extension_module name)
   Python_add_library(${name} MODULE WITH_SOABI ${ARGN})
