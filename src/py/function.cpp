@@ -43,11 +43,9 @@ PyObject* call_function(PyObject* self, PyObject* const* stack, std::size_t flag
 int traverse(PyObject* self, visitproc visit, void* arg) {
   auto* function = reinterpret_cast<FunctionObject*>(self);
   Py_VISIT(Py_TYPE(self));
-  Py_VISIT(function->module);
-  Py_VISIT(function->owner);
-  Py_VISIT(function->dict);
-  Py_VISIT(function->original);
-  Py_VISIT(function->watch);
+  for (PyObject* held : {function->module, function->owner, function->dict, function->original, function->watch}) {
+    Py_VISIT(held);
+  }
   return 0;
 }
 
