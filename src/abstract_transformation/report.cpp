@@ -1,7 +1,7 @@
 // Searches and traces that change nothing, converted to dicts for tools.
 //
-// Each function reads the graph anew, so that none depends on a pass. Sentences come from the core; this file only adds
-// the debug line.
+// Each function reads the graph again, so that none depends on a pass. Sentences come from the core; this file only
+// adds the debug line.
 #include "abstract_transformation/report.h"
 
 #include <array>

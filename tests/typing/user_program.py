@@ -13,7 +13,7 @@ from onnxgraft.transform_utilities import external_data_folder, get_init
 
 @onnxgraft.register
 class SwapReluMul(AbstractTransformation):
-    """Moves a positive factor in front of a Relu."""
+    """Moves a positive factor before a Relu."""
 
     subgraph: ClassVar[list[str]] = ["Relu:0->1", "Mul:1,2i->3"]
     replacement: ClassVar[list[str]] = ["#1:0,2i->4", "#0:4->3"]

@@ -50,7 +50,7 @@ class FillingResult:
 
     Attributes:
         method: The method that chose the ranges.
-        samples: The number of samples behind them.
+        samples: The number of samples they come from.
         operators: The quantized operators, in the order in which they were quantized.
         left_float: The operators that were left float, and why.
         notes: Other changes of numbers, as sentences.

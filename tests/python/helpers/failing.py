@@ -47,7 +47,7 @@ class Uses:
 
 
 def _real(value: Any) -> Any:
-    """The object behind a proxy, or the objects behind those in a list."""
+    """The object of a proxy, or the objects of those in a list."""
     if isinstance(value, list | tuple):
         return [_real(element) for element in value]
     return value._value if isinstance(value, Proxy) else value

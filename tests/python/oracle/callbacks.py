@@ -93,8 +93,8 @@ def parameters_agree(graph: GraphProto, nodes: Nodes, mapping: Mapping, links: L
 
 
 def update(graph: GraphProto, nodes: Nodes, mapping: Mapping, links: Links, updated: set[str]) -> bool:
-    front, behind = (first(node.attribute, "scale") for node in (nodes[0], nodes[4]))
-    ratio = (1.0 if behind is None else behind.f) / (1.0 if front is None else front.f)
+    before, after = (first(node.attribute, "scale") for node in (nodes[0], nodes[4]))
+    ratio = (1.0 if after is None else after.f) / (1.0 if before is None else before.f)
     bias_name, scale_name = graph.node[mapping[1]].input[2], graph.node[mapping[2]].input[1]
     bias = array(graph, bias_name).astype(np.int32)
     scales = unpacked(array(graph, scale_name))

@@ -35,10 +35,10 @@ class _Group:
     def __init__(self) -> None:
         self.copies: list[Item] = []
         self.front: list[Item] = []
-        self.behind: list[Item] = []
+        self.after: list[Item] = []
 
     def beside(self, neighbour: Item, item: Item, offset: int) -> bool:
-        for row in (self.copies, self.front, self.behind):
+        for row in (self.copies, self.front, self.after):
             if neighbour in row:
                 row.insert(row.index(neighbour) + offset, item)
                 return True
@@ -62,7 +62,7 @@ def _groups(pair: Pair, occurrence: Occurrence) -> dict[Item, _Group]:
         elif position == 0:
             groups[occurrence.matched[-1]].front.append(item)
         elif entries[position - 1].kept:
-            groups[made[position - 1]].behind.insert(0, item)
+            groups[made[position - 1]].after.insert(0, item)
         else:
             any(group.beside(made[position - 1], item, 1) for group in groups.values())
     return groups
@@ -76,11 +76,11 @@ def _placed(pair: Pair, order: Sequence[Item], occurrences: Iterable[Occurrence]
         for anchor, group in _groups(pair, occurrence).items():
             rows[anchor].copies += group.copies
             rows[anchor].front += group.front
-            rows[anchor].behind += group.behind
+            rows[anchor].after += group.after
     result: list[Item] = []
     for item in order:
         row = rows[item]
-        result += row.copies + row.front + ([] if item in gone else [item]) + row.behind
+        result += row.copies + row.front + ([] if item in gone else [item]) + row.after
     return result
 
 
