@@ -24,8 +24,9 @@ from onnxgraft.samples import Sample, Samples
 Array = npt.NDArray[Any]
 Progress = Callable[[str], object]
 
-# The number of samples for measurements, and for ranking operators; mean errors use all samples.
-_TRIED, _RANKED = 8, 2
+# The number of samples for measurements; mean errors use all samples. Operators are ranked on the first samples that
+# have so many values together, on one at least: a page of text has as many values as fourteen lines.
+_TRIED, _RANKED_VALUES = 8, 1 << 19
 _TRIED_BOTH_WAYS = 16  # operators
 _LEAST_NOISE = 1e-15  # anything less is the rounding of floats, and 0 has no logarithm
 _LEAST_GAIN = 0.0005  # of the noise with all quantized; an operator with less is not worth staying float
@@ -194,6 +195,11 @@ class _Trials:
         if not any(self._signals):
             raise FillingError("no output of the float model has a signal on the samples, so nothing can be compared")
 
+    def within(self, values: int) -> int:
+        """The number of first samples that have at most so many values together; 1 at least."""
+        sizes = itertools.accumulate(sum(array.size for array in sample.values()) for sample in self._samples)
+        return max(1, sum(total <= values for total in sizes))
+
     def multiply_adds(self) -> dict[str, int]:
         """The multiply-adds of each operator on the first sample."""
         found = self._exact[0]
@@ -242,17 +248,18 @@ def _left_float(
     total = sum(costs.values())
     room = share * total
     everything = frozenset(costs)
-    baseline, quick = trials.noise(everything, corrections), trials.noise(everything, corrections, most=_RANKED)
+    few = trials.within(_RANKED_VALUES)
+    baseline, quick = trials.noise(everything, corrections), trials.noise(everything, corrections, most=few)
     alone: dict[str, float] = {}
     fitting = [operator.output for operator in operators if costs[operator.output] <= room]
     for number, output in enumerate(fitting, 1):
         tell(f"trying operator {number} of {len(fitting)}")
-        alone[output] = trials.noise(frozenset({output}), corrections, most=_RANKED) / quick
+        alone[output] = trials.noise(frozenset({output}), corrections, most=few) / quick
     worst = sorted(alone, key=lambda output: alone[output], reverse=True)[:_TRIED_BOTH_WAYS]
     saved: dict[str, float] = {}
     for number, output in enumerate(worst, 1):
         tell(f"trying without operator {number} of {len(worst)}")
-        saved[output] = 1 - trials.noise(everything - {output}, corrections, most=_RANKED) / quick
+        saved[output] = 1 - trials.noise(everything - {output}, corrections, most=few) / quick
     mixed = {output: (gain + max(saved.get(output, gain), 0)) / 2 for output, gain in alone.items()}
     chosen = {
         _within(room, costs, gains, by_cost=by_cost): None
