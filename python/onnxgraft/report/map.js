@@ -49,15 +49,17 @@
     const [w, h] = [svg.clientWidth / scale(), svg.clientHeight / scale()];
     return { x: now.x - (w - now.width) / 2, y: now.y - (h - now.height) / 2, width: w, height: h };
   };
-  const write = (item, words, size, y, name) => {
+  // Of a long name the end is shown, of an operator the beginning.
+  const write = (item, words, size, y, isName) => {
     const most = Math.floor(wide / size / 0.64);
     const element = document.createElementNS(SVG, "text");
     element.setAttribute("x", item.x + wide / 2);
     element.setAttribute("y", y);
     element.style.fontSize = `${size}px`; // not an attribute: the style of other pictures would override it
-    element.setAttribute("class", `on-${item.style === "b" ? "b" : LOOKS[item.style[0]]}${name ? " second" : ""}`);
+    const look = item.style === "b" ? "b" : LOOKS[item.style[0]];
+    element.setAttribute("class", `on-${look}${size === NAME_SIZE ? " second" : ""}`);
     const letters = [...words];
-    const cut = name ? "…" + letters.slice(1 - most).join("") : letters.slice(0, most - 1).join("") + "…";
+    const cut = isName ? "…" + letters.slice(1 - most).join("") : letters.slice(0, most - 1).join("") + "…";
     element.textContent = letters.length > most ? cut : words;
     layer.append(element);
   };
@@ -71,8 +73,10 @@
     for (const item of items) {
       if (item.x + wide < x || item.x > x + w || item.y + high < y || item.y > y + h) continue;
       if (left-- === 0) return;
-      write(item, item.title, OP_SIZE, item.y + (both ? 7 : 9.5), false);
-      if (both) write(item, item.name, NAME_SIZE, item.y + 12, true);
+      const isBlock = item.style === "b";
+      const [first, second] = isBlock ? [item.name, item.title] : [item.title, item.name];
+      write(item, first, OP_SIZE, item.y + (both ? 7 : 9.5), isBlock);
+      if (both) write(item, second, NAME_SIZE, item.y + 12, !isBlock);
     }
   };
   let waits = false;
@@ -140,8 +144,9 @@
   };
   // Centred, and so close that it is distinct from its neighbours.
   const show = (item) => {
-    const wanted = Math.min(whole.width, Math.max(wide * 12, svg.clientWidth / 2));
     const ratio = whole.height / whole.width;
+    const room = Math.min(svg.clientWidth, svg.clientHeight / ratio); // pixels for the width of the view box
+    const wanted = Math.min(whole.width, Math.max(wide * 5, (0.95 * room * OP_SIZE) / LEAST));
     if (now.width > wanted) now = { ...now, width: wanted, height: wanted * ratio };
     now.x = item.x + wide / 2 - now.width / 2;
     now.y = item.y + high / 2 - now.height / 2;
@@ -211,8 +216,8 @@
   svg.addEventListener("dragstart", (event) => event.preventDefault());
   svg.addEventListener("click", (event) => {
     event.preventDefault();
-    if (travelled > 4) return;
     const link = event.detail === 0 && event.target.closest("a"); // by key, not by mouse
+    if (!link && travelled > 4) return; // the end of a drag
     const item = link ? items[Number(link.id.split("-")[1])] : at(pointOf(event)) ?? at(pointOf(event), 6 / scale());
     if (item) follow(item);
     else tell(null);
