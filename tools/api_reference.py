@@ -16,13 +16,15 @@ from typing import Any
 
 import onnxgraft
 from tools.docstrings import render
+from tools.field_texts import field_texts
 
 PAGE = Path(__file__).resolve().parents[1] / "docs/reference/api.md"
 INTRODUCTION = """# API reference
 
-Made from the code by `make docs`. The functions at the top are what most programs need. All are attributes of the
-package, as in `onnxgraft.rewrite(...)`. [The transformations](transformations/README.md) have pages of their
-own; their classes are in `onnxgraft.quant`.
+All public functions, classes and errors. `make docs` generates this page from signatures and docstrings. Most programs
+need only the first sections: `rewrite`, `find`, `explain`, `verify`, `diff`. Names listed under `onnxgraft` are used as
+in `onnxgraft.rewrite(...)`; others are imported from the module that the section names.
+[The transformations](transformations/README.md) have their own pages; their classes are in `onnxgraft.quant`.
 """
 
 ERRORS = """## Errors
@@ -142,10 +144,18 @@ def _entry(module: Any, name: str) -> Iterator[str]:
     yield f"```text\n{_signature(name, item)}\n```\n"
     yield from render(inspect.getdoc(item) or "")
     if inspect.isclass(item) and dataclasses.is_dataclass(item):
-        yield "| Field | Type |\n|---|---|"
-        for field in dataclasses.fields(item):
-            yield f"| `{field.name}` | `{str(field.type).replace('|', chr(92) + '|')}` |"
+        yield from _fields(item)
         yield ""
+
+
+def _fields(item: Any) -> Iterator[str]:
+    """A table of the fields, with meanings unless the docstring has listed them."""
+    texts = {} if "Attributes:" in (inspect.getdoc(item) or "") else field_texts(item)
+    explained = any(texts.values())
+    yield "| Field | Type | Meaning |\n|---|---|---|" if explained else "| Field | Type |\n|---|---|"
+    for field in dataclasses.fields(item):
+        cells = [f"`{field.name}`", f"`{field.type}`", *([texts[field.name]] if explained else [])]
+        yield f"| {' | '.join(cell.replace('|', chr(92) + '|') for cell in cells)} |"
 
 
 def _signature(name: str, item: Any) -> str:
