@@ -55,10 +55,12 @@ class Candidates {
     std::vector<std::pair<NameId, NodeIndex>> readers;  // sorted
   };
 
+  // The two filters, in this order. Each leaves the lists of nodes sorted, which is also the order of the search.
   void judge_each_node();
   void prune();
   bool prune_link(const Link& link);
   std::size_t build_index(std::uint32_t role, std::uint32_t slot);
+  /// The tensor of a node at an input, or at its output for a slot of its own.
   [[nodiscard]] NameId tensor(NodeIndex node, std::uint32_t slot) const;
 
   const GraphTable& table_;

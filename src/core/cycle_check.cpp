@@ -26,6 +26,7 @@ std::span<const NodeIndex> CycleCheck::body_readers(NameId name) const {
 }
 
 bool CycleCheck::closes_cycle(std::span<const NodeIndex> nodes, std::span<const NameId> names) {
+  // Dependencies that existed before cannot close a new cycle, so only new ones are looked at.
   const bool over_input = std::ranges::any_of(rule_.new_dependencies, [&](const Rule::Dependency& dependency) {
     return reaches(names[dependency.output], names[dependency.input], nodes, names);
   });
@@ -48,6 +49,7 @@ bool CycleCheck::reaches(NameId from, NameId target, std::span<const NodeIndex> 
       // Nodes of the assignment count as the replacement connects them, which the rule's dependencies say below.
       if (std::ranges::find(nodes, reader) != nodes.end()) continue;
       for (const NameId output : table_.outputs(reader)) {
+        // A second writer of a name is not what readers of the name depend on.
         if (table_.producer(output) == reader) visit(output);
       }
     }

@@ -2,7 +2,7 @@
 //
 // Names depend on the graph and the order of calls only, so the same graph always gets the same names. A round may ask
 // for thousands of names with one base. Each base therefore remembers the first number that was not tried: otherwise
-// the n-th name would look at n numbers. What a good base is, the splice plan decides.
+// the n-th name would look at n numbers. The splice plan decides what a good base is.
 #pragma once
 
 #include <string>
@@ -15,7 +15,7 @@ namespace onnxgraft::core {
 
 class FreshNames {
  public:
-  /// `names` must hold every name of the graph; new ones are added.
+  /// `names` must hold every name of the graph. New names are added to it.
   explicit FreshNames(Names& names) : names_(names) {}
 
   /// `base` itself if it is free, else the first free one of base_1, base_2, ...

@@ -7,7 +7,6 @@
 
 #include <numeric>
 #include <stdexcept>
-#include <utility>
 
 namespace onnxgraft::core {
 

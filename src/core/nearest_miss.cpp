@@ -62,6 +62,7 @@ class MissFinder {
         name_of_(rule.links.size(), no_name),
         cycle_check_(table, rule) {}
 
+  /// The answer for the whole pattern. An operator that the graph lacks is named first: no attempt can get past it.
   std::optional<NearestMiss> run() {
     for (std::uint32_t role = 0; role < rule_.nodes.size(); ++role) {
       if (graph_has(rule_.nodes[role].op)) continue;
@@ -116,6 +117,7 @@ class MissFinder {
         note(depth, role, node, result);
         continue;
       }
+      // A copy of a dozen names is simpler than undoing, and this walk is not a fast path.
       const auto names = name_of_;
       bind(role, node);
       const bool fits = attempt(depth + 1);

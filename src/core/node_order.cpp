@@ -154,6 +154,7 @@ std::vector<NodeIndex> put_back(std::span<const NodeIndex> now, std::span<const 
   std::vector<NodeIndex> preceding(goes.size(), no_index);
   NodeIndex at_end = no_index;
   NodeIndex next = no_index;
+  // From the end, so that the next old node that will be in the list is always known.
   for (std::size_t at = before.size(); at-- > 0;) {
     const NodeIndex node = before[at];
     if (!present[node] && !comes_back[node]) continue;

@@ -18,6 +18,7 @@ namespace onnxgraft::core {
 /// link of the rule. Links that only the replacement has are `no_name` until the splice plan names them.
 class OccurrenceList {
  public:
+  /// An empty list. The rule fixes how many nodes and links an occurrence has, and is not kept.
   explicit OccurrenceList(const Rule& rule) : node_stride_(rule.nodes.size()), link_stride_(rule.links.size()) {}
 
   [[nodiscard]] std::size_t size() const { return nodes_.size() / node_stride_; }
@@ -58,6 +59,7 @@ class Claims {
   [[nodiscard]] bool usable(NodeIndex node, const PatternNode& role) const {
     return claims_[node] == Claim::none || (claims_[node] == Claim::kept && role.kept);
   }
+  /// Claims the nodes of one occurrence. The caller has tested that they are usable.
   void add(const Rule& rule, std::span<const NodeIndex> nodes) {
     for (std::size_t index = 0; index < nodes.size(); ++index) {
       claims_[nodes[index]] = rule.nodes[index].kept ? Claim::kept : Claim::removed;

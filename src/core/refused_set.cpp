@@ -27,6 +27,7 @@ std::vector<NodeIndex> RefusedSet::key_of(const Rule& rule, std::span<const Node
   return key;
 }
 
+/// The slot of the key, or the free one where it belongs.
 std::size_t RefusedSet::slot_of(std::span<const NodeIndex> key) const {
   const std::size_t mask = slots_.size() - 1;
   std::size_t slot = hash_of(key) & mask;
@@ -48,6 +49,7 @@ bool RefusedSet::contains(const Rule& rule, std::span<const NodeIndex> nodes) co
   return count_ != 0 && slots_[slot_of(key_of(rule, nodes))] != 0;
 }
 
+/// Nothing is allocated before the first refusal, which most passes never have.
 void RefusedSet::grow() {
   constexpr std::size_t smallest = 64;
   slots_.assign(std::max(smallest, slots_.size() * 2), 0);

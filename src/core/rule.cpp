@@ -27,6 +27,7 @@ class Compiler {
       add_pattern_node({List::pattern, index, pattern[index]});
     }
     check_pattern_initializers(pattern);
+    // Links that come from here on are new ones of the replacement.
     for (Link& link : rule_.links) link.in_pattern = true;
     for (std::size_t index = 0; index < replacement.size(); ++index) {
       add_entry({List::replacement, index, replacement[index]});
@@ -169,6 +170,7 @@ class Compiler {
       const StringPlace place{List::replacement, index, replacement[index]};
       const ReplacementEntry& entry = rule_.entries[index];
       if (entry.kind == EntryKind::keep) {
+        // A kept node reads what it read, so a node that wrote its input must stay or be replaced by another writer.
         for (const LinkUse& use : rule_.nodes[entry.source].inputs) check_provided(place, 0, use.link, false);
         continue;
       }

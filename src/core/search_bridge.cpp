@@ -52,7 +52,9 @@ struct Step {
   std::uint32_t to;
 };
 
-/// Shortest way over open nodes and open links; empty if there is none.
+/// Shortest way over open nodes and open links; empty if there is none. A breadth-first walk over the pattern, which
+/// has a dozen nodes. Bound links are not crossed: over these the nodes are reached directly, and the lists are already
+/// known.
 std::vector<Step> find_way(const Rule& rule, std::uint32_t start, std::uint32_t target,
                            const std::vector<NodeIndex>& node_of, const std::vector<NameId>& name_of) {
   std::vector<Step> reached_by(rule.nodes.size(), Step{no_node, 0, no_node});
@@ -103,6 +105,7 @@ bool Search::expand(std::uint32_t start, Candidates::Range range, std::uint32_t 
     const Link& link = rule_.links[step.link];
     for (const NodeIndex node : nodes) {
       work_.step();
+      // A claimed node leads nowhere: the search would have to bind it.
       if (!claims_.usable(node, rule_.nodes[step.from])) continue;
       const NameId name = tensor_of_link(table_, rule_.nodes[step.from], node, step.link);
       if (link.writer == step.to) {

@@ -16,6 +16,7 @@ SplicePlan::SplicePlan(GraphTable& table, const Rule& rule, OccurrenceList& occu
     : table_(table), rule_(rule), occurrences_(occurrences), first_new_(table.node_count()) {
   FreshNames fresh(table.names);
   Interruptible work;
+  // Name by name and occurrence by occurrence: an earlier one gets the lower number.
   entry_nodes_.reserve(occurrences.size() * rule.entries.size());
   for (std::size_t index = 0; index < occurrences.size(); ++index) {
     work.step();
@@ -125,6 +126,7 @@ void SplicePlan::add_nodes(std::size_t occurrence, FreshNames& fresh) {
 /// A copy takes the place of the matched node. A new node is put before the next "#" entry of the replacement, or after
 /// the last one, or where the last matched node was.
 std::vector<NodeIndex> SplicePlan::arrange(std::span<const NodeIndex> before, const std::vector<bool>& chosen) const {
+  // Only the chosen occurrences remove and place nodes. New nodes of the others have rows, but no place in the list.
   Placement placement(table_.node_count());
   for (std::size_t index = 0; index < occurrences_.size(); ++index) {
     if (!chosen[index]) continue;

@@ -1,7 +1,7 @@
 // The search for the first name that is not UTF-8, in the order in which users read a graph: nodes and their bodies
 // first, then the lists of tensors.
 //
-// Protobuf returns such a name as `bytes` instead of `str`, which is all that is tested here.
+// Protobuf returns a name that is not UTF-8 as `bytes` instead of `str`, which is all that is tested here.
 #include "py/bad_names.h"
 
 #include <array>

@@ -1,6 +1,6 @@
 // Names that are not UTF-8, which protobuf accepts: where in the graph the first of them is.
 //
-// Reading stops at such a name without knowing its place, because to carry the place along would cost every read. Only
+// Reading stops at the name without knowing its place, because to carry the place along would cost every read. Only
 // after the failure the graph is searched for it, field by field. The graph has not been changed at that point.
 #pragma once
 

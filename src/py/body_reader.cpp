@@ -1,7 +1,7 @@
-// One walk over nested bodies, with a scope for each body.
+// The walk over bodies, with one set of defined names per level.
 //
-// Invariant: a name that a body defines itself is never reported as read from outside. Must not know the matching; it
-// only interns and collects names.
+// A node's inputs are looked up before its outputs are defined: a body that reads a name and defines it later reads the
+// outer tensor. Recursion is as deep as bodies are nested, not as long as the graph.
 #include "py/body_reader.h"
 
 #include <algorithm>
@@ -15,7 +15,6 @@ namespace onnxgraft::py {
 
 namespace {
 
-/// Walks bodies inside bodies; the depth is that of the nesting, not of the graph.
 class BodyReader {
  public:
   BodyReader(core::Names& names, std::vector<core::NameId>& result) : names_(names), result_(result) {}
@@ -30,6 +29,7 @@ class BodyReader {
     define(read_element_names(attribute(graph, field::input).get(), names_));
     define(read_element_names(attribute(graph, field::initializer).get(), names_));
     define(read_sparse_names(graph, names_));
+    // Names of value_info define nothing, but fresh names must not equal them.
     read_element_names(attribute(graph, field::value_info).get(), names_);
     const Ref nodes = iterator(attribute(graph, field::node).get());
     while (const Ref node = next(nodes.get())) {
@@ -50,6 +50,7 @@ class BodyReader {
 
   void define(const std::vector<core::NameId>& names) { scopes_.back().insert(names.begin(), names.end()); }
 
+  /// Notes names that no level defines. Levels are few, so they are asked one by one.
   void use(const std::vector<core::NameId>& names) {
     for (const core::NameId name : names) {
       const bool own = std::ranges::any_of(scopes_, [&](const auto& scope) { return scope.contains(name); });

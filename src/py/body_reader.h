@@ -1,6 +1,7 @@
-// What the nested bodies of a node (of If, Loop, Scan) read from the graph around them.
+// What the nested bodies of a node (If, Loop, Scan) read from the graph around them.
 //
-// The depth is that of the nesting. Bodies are only read: no pass changes them.
+// Bodies are not rewritten. But what they read from outside counts as a use of that tensor, and every name in them is
+// in use, so that fresh names differ from it. Nothing here knows patterns.
 #pragma once
 
 #include <vector>
@@ -11,7 +12,7 @@
 
 namespace onnxgraft::py {
 
-/// Calls `visit(graph)` for every body in the node's attributes.
+/// Calls `visit(graph)` for every body in the node's attributes, in any domain.
 template <class Visit>
 void for_each_body(PyObject* node, Visit&& visit) {
   constexpr long attribute_type_graph = 5;  // AttributeProto.AttributeType
@@ -28,9 +29,9 @@ void for_each_body(PyObject* node, Visit&& visit) {
   }
 }
 
-/// Adds to `result` the names that bodies in the node's attributes take from outside, and interns every name
-/// in them. A name is a body's own if an input, an initializer or an earlier node of the body (or of a body
-/// around it) defines it; an output of a body that nothing in it defines names an outer tensor.
+/// Adds to `result` the names that bodies in the node's attributes read from outside, and interns every name in them. A
+/// name belongs to a body if an input, an initializer or an earlier node of it (or of a body around it) defines it. An
+/// output that the body does not define is an outer tensor.
 void read_body_inputs(PyObject* node, core::Names& names, std::vector<core::NameId>& result);
 
 /// Interns the names of the graph's sparse initializers and returns them.

@@ -1,7 +1,7 @@
-// The type of function objects: memory, calls, binding as a method, observation.
+// The type of function objects: calling, binding, garbage collection.
 //
-// Invariant: an entry point never lets a C++ exception pass, and the garbage collector sees every reference that an
-// object owns. Must not know what functions do.
+// Calls come by vectorcall and reach the body without a tuple of arguments. Memory follows the interpreter's rules for
+// types in modules: every owned reference is visited, and clearing is safe while finalizers still call the function.
 #include "py/function.h"
 
 #include <array>
@@ -49,7 +49,7 @@ int traverse(PyObject* self, visitproc visit, void* arg) {
   return 0;
 }
 
-/// The module stays, as finalizers may call the function while its cycle is taken apart; the module's own dict is what
+/// Keeps the module, because finalizers may call the function while its cycle is collected. The module's own dict
 /// breaks the cycle.
 int clear(PyObject* self) {
   auto* function = reinterpret_cast<FunctionObject*>(self);
@@ -72,6 +72,7 @@ void deallocate(PyObject* self) {
   PyObject_GC_Del(self);
 }
 
+/// As `function.__get__`: a method for an instance, the function itself for the class.
 PyObject* bind_method(PyObject* self, PyObject* instance, PyObject* /*owner*/) {
   if (instance == nullptr || instance == Py_None) return Ref::borrow(self).release();
   return PyMethod_New(self, instance);
@@ -123,6 +124,7 @@ Ref make_function_type(PyObject* module) {
 
 namespace {
 
+/// Every field is set before the collector may see the object.
 Ref allocate(PyTypeObject* type, PyObject* module, const FunctionRow& row, Ref qualified_name) {
   auto* function = PyObject_GC_New(FunctionObject, type);
   if (function == nullptr) throw PythonError{};

@@ -1,8 +1,8 @@
 // Function objects of the three modules.
 //
-// A `FunctionRow` says all about a function but its work: name, parameters, annotations. The object made
-// from it binds arguments, words its arity errors, binds as a method, and shows itself to `inspect`, `help`
-// and `pickle` like a function written in Python.
+// A `FunctionRow` describes a function without its work: name, parameters, annotations, promises. The object made from
+// it binds arguments, raises arity errors, binds as a method, and looks to `inspect`, `help` and `pickle` like a
+// function written in Python. Rows are constants and outlive every object. Bodies see a `Call` and nothing of this.
 #pragma once
 
 #include <cstdint>
@@ -15,10 +15,10 @@
 
 namespace onnxgraft::py {
 
-/// What a parameter gets when the caller leaves it out.
+/// The value of a parameter that the caller omits.
 enum class Default { required, false_value, none, text };
 
-/// Type test of an argument, made before the function runs.
+/// The type test of an argument. It runs before the function, so a wrong type changes nothing.
 enum class ArgumentType { any, dict, dict_or_none };
 
 struct Parameter {
@@ -29,21 +29,22 @@ struct Parameter {
   ArgumentType type = ArgumentType::any;
 };
 
-/// What a function changes of the graph that it is given, beyond what it was asked to: from all to least.
+/// What a function may change of a graph that it gets, from most to least. The pass asks the callback: with `anything`
+/// it must compare the node list after every call, with less it need not.
 enum class Changes : std::uint8_t {
   anything,
   bias_inputs,  // attributes and initializers, and new initializers become inputs of `Conv` nodes
   contents,     // attributes and initializers only
 };
 
-/// What the calls of one session share.
+/// What the calls of one session share, for example a view of the graph. It dies with the session.
 class Sharing {
  public:
   Sharing() = default;
   virtual ~Sharing() = default;
   Sharing(const Sharing&) = delete;
   Sharing& operator=(const Sharing&) = delete;
-  /// Does what was put off; called after the last call, and once more after an error.
+  /// Completes work that calls have postponed. Called after the last call, and after an error.
   virtual void finish() {}
 };
 
@@ -68,11 +69,11 @@ struct FunctionRow {
   const char* result_annotation = nullptr;
   bool collects_keywords = false;  // has `**kwargs`
   bool is_abstract = false;
-  /// What it changes while a session lasts (see session.h); functions that may change anything have none.
+  /// The promise for sessions (see session.h). Functions that may change anything have no sessions.
   Changes changes = Changes::anything;
-  /// Methods of `self` that it calls: overriding one withdraws the promise.
+  /// Methods of `self` that it calls. A class that overrides one of them voids the promise.
   std::span<const char* const> calls;
-  /// It calls the method of its own name that `super()` finds, and promises no more than that one does.
+  /// It calls the method of its own name that `super()` finds. The promise is then the weaker of the two.
   bool calls_inherited = false;
   /// What the calls of a session share; null if they share nothing.
   std::unique_ptr<Sharing> (*share)(PyObject* module, PyObject* graph) = nullptr;
@@ -85,18 +86,19 @@ Ref make_function_type(PyObject* module);
 /// Makes a function object from a row that outlives it. `qualified_name` is "Class.method" for a method.
 Ref make_function(PyObject* function_type, PyObject* module, const FunctionRow& row, std::string_view qualified_name);
 
-/// Tells a method whose class it is of, for `super()`; once the class is made.
+/// Sets the class of a method, for `super()`. Called once the class is made.
 void set_owner(PyObject* function, PyObject* owner);
 
-/// The row of a function object of this module, null for any other object: lets a caller see whether
-/// a class still has the built-in implementation of a method.
+/// The row of a function object of this module; null for any other object. It shows whether a class still has the
+/// built-in implementation of a method.
 const FunctionRow* row_of(PyObject* object) noexcept;
 
-/// Whether something looks on when the function, which has a row, is called.
+/// Whether calls of the function, which has a row, go through a watch (see `observed`).
 bool is_observed(PyObject* function) noexcept;
 
-/// Calls a method with positional arguments and a dict of further ones (or null). A function of this module gets what
-/// the calls of the session share.
+/// Calls a method with positional arguments and a dict of further ones (or null). A function of this module also gets
+/// `sharing`, any other method is called as Python would. Built-in callbacks use it for the methods of
+/// `self` and for the one that they inherit.
 Ref call_sharing(PyObject* method, std::initializer_list<PyObject*> arguments, PyObject* keywords, Sharing* sharing);
 
 }  // namespace onnxgraft::py

@@ -1,6 +1,7 @@
-// Attributes and methods of function objects that Python code sees.
+// Attributes and methods of function objects.
 //
-// All are computed from the row when they are asked for. Must not change a function object.
+// `inspect.signature`, `help` and the stub test must see the same as for a function written in Python. `session`,
+// `finish` and `observed` are methods because the modules do not know each other's types and meet through Python calls.
 #include "py/function_reflection.h"
 
 #include <array>

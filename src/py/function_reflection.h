@@ -1,7 +1,7 @@
 // What a function object shows of itself: names, annotations, signature, pickling by name.
 //
-// Everything is made from the row when it is asked for, so it costs nothing at import or call. The layout of the object
-// is here because three files share it.
+// Everything is made from the row when it is asked for, so it costs nothing at import or at a call. The layout of the
+// object is here, because only function.cpp, function_reflection.cpp and session.cpp may know it.
 #pragma once
 
 #include <Python.h>
@@ -11,7 +11,7 @@
 
 namespace onnxgraft::py {
 
-/// Layout of a function object; only function*.cpp and session.cpp know it.
+/// Layout of a function object.
 struct FunctionObject {
   PyObject_HEAD vectorcallfunc vectorcall;
   const FunctionRow* row;
@@ -20,12 +20,12 @@ struct FunctionObject {
   PyObject* qualified_name;   // owned
   PyObject* dict;             // owned; null until something is set
   PyObject* weak_references;  // kept by the interpreter
-  // Of an observed function; null elsewhere:
+  // Of an observed function, otherwise null:
   PyObject* original;  // owned
   PyObject* watch;     // owned
   // Of the function of a session:
-  Changes changes;                   // what is promised; else what the row says
-  std::unique_ptr<Sharing> sharing;  // null elsewhere
+  Changes changes;                   // the promise for this transformation; otherwise the row's
+  std::unique_ptr<Sharing> sharing;  // otherwise null
 };
 
 PyMethodDef* reflection_methods();

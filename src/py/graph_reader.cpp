@@ -1,7 +1,8 @@
-// Reads operators, then links, then all other names, each only if a pass needs it.
+// Reading nodes with as few calls into protobuf as possible.
 //
-// Invariant: row i of the table is node i of the list. A node is read from its bytes where that is cheaper; both ways
-// give the same row. Must not write to the graph, nor know rules beyond which operators they name.
+// A node is taken as bytes where that is possible: protobuf makes an object for each list of names and registers it in
+// a table of all objects, and in large graphs that is most of the cost. Nodes with bodies, and objects that only look
+// like messages, are read field by field.
 #include "py/graph_reader.h"
 
 #include <algorithm>
@@ -29,22 +30,22 @@ Ref node_list(PyObject* graph) {
         is_model ? ": pass model.graph" : "");
 }
 
-/// Number of inputs that count: trailing empty names do not.
+/// The number of inputs without trailing empty names.
 std::size_t count_inputs(PyObject* inputs) {
   Py_ssize_t count = length(inputs);
   while (count > 0 && utf8(item(inputs, count - 1).get()).empty()) --count;
   return static_cast<std::size_t>(count);
 }
 
-/// Pattern nodes for which no graph node of the right operator and number of inputs was seen yet. Costs little where
-/// they are soon found, and spares reading the links of a graph in which they never are.
+/// Pattern nodes for which no graph node with their operator and number of inputs was seen yet. `read_operators` asks
+/// it at each node. It costs little if all are soon found, and saves reading the links if one of them never is.
 class MissingRoles {
  public:
   MissingRoles(const core::Rule& rule, core::Names& ops) {
     for (const core::PatternNode& role : rule.nodes) roles_.emplace_back(ops.intern(role.op), &role);
   }
 
-  /// `input_count()` is asked only where it matters.
+  /// `input_count()` is called only for operators of the pattern, since it reads the node.
   template <class Count>
   void look_at(core::NameId op, Count input_count) {
     const auto of_op = [&](const auto& role) { return role.first == op; };
@@ -74,8 +75,8 @@ std::size_t GraphReader::input_count(std::size_t position) const {
   return count_inputs(inputs.get());
 }
 
-/// From the first node on for which the pattern may be there, links and names are read at the same visit: bringing a
-/// node up from protobuf costs about as much as two of its fields.
+/// As soon as no pattern node is missing, links and names are read at the same visit: to get a node from protobuf costs
+/// about as much as two of its fields. One visit instead of two saves a tenth of a merge.
 bool GraphReader::read_operators(const core::Rule& rule) {
   MissingRoles missing(rule, reading_.table.ops);
   if (reading_.depth != Depth::nothing) {
@@ -84,7 +85,7 @@ bool GraphReader::read_operators(const core::Rule& rule) {
     }
     return missing.empty();
   }
-  // Others' lists may say what they like of their length.
+  // Only for protobuf's own lists: another object's length may be anything.
   if (gives_bytes_) reading_.ops.reserve(static_cast<std::size_t>(length(nodes_.get())));
   const Ref elements = iterator(nodes_.get());
   while (const Ref node = next(elements.get())) {
@@ -102,7 +103,7 @@ bool GraphReader::read_operators(const core::Rule& rule) {
   return missing.empty();
 }
 
-/// For the nodes that were looked at before links were read.
+/// Rows for the nodes that were passed while a pattern node was missing.
 void GraphReader::add_empty_rows() {
   reading_.table.reserve(reading_.ops.capacity());
   reading_.table.add_empty_nodes(reading_.without_row);
@@ -120,9 +121,8 @@ void GraphReader::read_row(PyObject* node, core::NameId op) {
   if (!read_fields_of_bytes(node, op)) read_fields(node);
 }
 
-/// Protobuf makes objects of its own for a node's inputs and outputs, and keeps a table of all objects there are; in
-/// large graphs that is most of what a field costs. So a node is taken as bytes, unless much of it may be other than
-/// names: a tenth of a pass that finds nothing. False if it has to be read field by field, as it holds a body.
+/// Reads a node from its bytes. False if it must be read field by field: it holds a body, a name is not UTF-8, or its
+/// operator usually holds large contents, which the bytes would copy. Saves a tenth of a pass that finds nothing.
 bool GraphReader::read_fields_of_bytes(PyObject* node, core::NameId op) {
   static const InternedName serialize("SerializePartialToString");
   core::Names& names = reading_.table.names;
@@ -140,6 +140,7 @@ bool GraphReader::read_fields_of_bytes(PyObject* node, core::NameId op) {
     }
     if (field->number == node_field::attribute && holds_graph(field->content)) return false;
   }
+  // All fields are known to be names by now: nothing is interned for a node that has to be read field by field.
   row_.name = core::no_name;
   for (const auto& [number, name] : announced_) {
     const core::NameId id = names.intern(name);
@@ -167,7 +168,7 @@ void GraphReader::read_links() {
   reading_.depth = Depth::links;
 }
 
-/// Reads the rows that are still missing.
+/// Reads the rows that are still missing, from the start of the list.
 void GraphReader::read_first_rows() {
   core::GraphTable& table = reading_.table;
   if (table.node_count() == 0) add_empty_rows();

@@ -1,8 +1,8 @@
 // From a GraphProto to the core's table, each field of each node read once.
 //
-// Reading goes in three steps, each only as far as a pass needs it: operator types (a pass whose operators
-// are missing ends here), nodes and links, and the other names that fresh names have to avoid. A step that an earlier
-// pass has done already costs nothing, or little.
+// Reading has three steps, and each goes only as far as a pass needs: operator types (a pass whose operators are
+// missing ends here), nodes and links, and the other names that fresh names must avoid. A step that an earlier pass has
+// done costs little. The reader never writes to the graph, and it decides nothing about matching beyond operators.
 #pragma once
 
 #include <cstdint>
@@ -18,16 +18,16 @@ namespace onnxgraft::py {
 
 class GraphReader {
  public:
-  /// `graph` and `reading` are borrowed and must outlive the reader. A ModelProto or anything else without a node
-  /// list is a TypeError that says what to pass.
+  /// `graph` and `reading` are borrowed and must outlive the reader. TypeError for a ModelProto, or anything else
+  /// without a node list; it states what to pass.
   GraphReader(PyObject* graph, GraphReading& reading);
 
   /// Reads all operator types; false if some node of the rule's pattern has no counterpart of its operator and
   /// number of inputs, so that nothing can match.
   bool read_operators(const core::Rule& rule);
-  /// Reads names, links and bodies of nodes, initializers and outputs, and seals the table.
+  /// Reads names, links and bodies of nodes, initializers and outputs, and seals the table. Matching needs no more.
   void read_links();
-  /// Reads all other names.
+  /// Reads all other names. Only before a splice, which must not invent one of them.
   void read_names();
 
   [[nodiscard]] PyObject* nodes() const { return nodes_.get(); }
@@ -42,6 +42,7 @@ class GraphReader {
   void read_first_rows();
   void read_tensors();
 
+  /// What one node says. Refilled for each node, without a new allocation.
   struct Row {
     std::vector<core::NameId> inputs;
     std::vector<core::NameId> outputs;

@@ -1,7 +1,8 @@
-// Brings the node list from one order to another, and back if a step fails.
+// One rearrangement: make, reorder, cut off; and the way back from each step.
 //
-// Invariant: `order_` is what the list holds, unless others changed it, which `synchronize` finds out. Must not decide
-// which nodes go or come.
+// New nodes are encoded and merged many at a time. Single insertions and deletions in the middle would move the rest of
+// the list each time. What goes wrong half-way is undone from the list's real content, since a step may fail after it
+// was done.
 #include "py/graph_writer.h"
 
 #include <algorithm>
@@ -27,7 +28,7 @@ namespace {
 
 constexpr auto absent = static_cast<std::uint32_t>(-1);
 
-/// Gives a repeated string field the names as its content. One by one is the fastest way for few.
+/// Makes the names the content of a repeated string field. For a few names, one by one is the fastest way.
 void assign_names(PyObject* list, std::span<const core::NameId> ids, const core::Names& names) {
   const auto count = static_cast<std::size_t>(length(list));
   const std::size_t common = std::min(count, ids.size());
@@ -89,13 +90,15 @@ void GraphWriter::hold_all() {
   holds_all_ = true;
 }
 
+/// Whether the list still has the node's own object at that position.
 bool GraphWriter::is_at(NodeIndex node, std::size_t position) const {
   if (static_cast<Py_ssize_t>(position) >= length(nodes_.get())) return false;
   return item(nodes_.get(), static_cast<Py_ssize_t>(position)).get() == held_[node].get();
 }
 
+/// One read of the list if nothing changed, which is nearly always. A change costs a reading of the whole list.
 Py_ssize_t GraphWriter::position(NodeIndex node) {
-  // Without `hold_all`, only the writer changes the list.
+  // Without `hold_all`, only the writer changes the list, and the position is known.
   if (position_[node] != absent && (!holds_all_ || is_at(node, position_[node])))
     return static_cast<Py_ssize_t>(position_[node]);
   read_again();
@@ -115,6 +118,7 @@ bool GraphWriter::synchronize() {
   return disturbed_;
 }
 
+/// Recognises nodes by the identity of their objects, which are held, so that no address can be reused.
 void GraphWriter::read_again() {
   std::unordered_map<PyObject*, NodeIndex> known;
   for (NodeIndex node = 0; node < held_.size(); ++node) {
@@ -132,7 +136,7 @@ void GraphWriter::read_again() {
   set_order(std::move(order));
 }
 
-/// Takes a node that somebody else added into the table.
+/// Adds a row for a node that a callback added to the list.
 NodeIndex GraphWriter::adopt(PyObject* message) {
   std::vector<core::NameId> inputs;
   std::vector<core::NameId> outputs;
@@ -154,6 +158,8 @@ void GraphWriter::set_source(NodeIndex new_node, NodeIndex source) {
   sources_[new_node] = source;
 }
 
+/// Three steps: make what is missing at the end, reorder, and cut off what goes. `now` follows the list through all of
+/// them, so that each can be undone.
 void GraphWriter::rearrange(std::span<const NodeIndex> target) {
   sources_.resize(table_.node_count(), no_index);
   position_.resize(table_.node_count(), absent);
@@ -174,7 +180,7 @@ void GraphWriter::rearrange(std::span<const NodeIndex> target) {
   } catch (...) {
     clean_up_after_error([&] {
       if (sorted && std::cmp_equal(length(nodes_.get()), target.size())) {
-        become(target);  // it was the last step that raised, after it was done
+        become(target);  // the last step raised, but only after it was done
       } else {
         undo(now, before);
       }
@@ -184,7 +190,7 @@ void GraphWriter::rearrange(std::span<const NodeIndex> target) {
   become(target);
 }
 
-/// Notes that the list has this order now.
+/// Notes that the list has this order now, and that the writer made it.
 void GraphWriter::become(std::span<const NodeIndex> order) {
   set_order({order.begin(), order.end()});
   disturbed_ = false;
@@ -233,7 +239,7 @@ void GraphWriter::make_missing(std::span<const NodeIndex> target, std::vector<No
     }
   }
   encoder.flush();
-  // A new node's object is needed again only to find the node in a list that others have changed.
+  // A new node's object is needed only to recognise the node in a list that a callback has changed.
   for (std::size_t at = first; holds_all_ && at < now.size(); ++at) {
     keep_object(now[at], item(nodes_.get(), static_cast<Py_ssize_t>(at)));
   }
@@ -243,18 +249,19 @@ void GraphWriter::make_missing(std::span<const NodeIndex> target, std::vector<No
   }
 }
 
-/// Hands a new node to the encoder; false for one that has to be made in the list itself.
+/// Passes a new node to the encoder; false for a node that must be made in the list itself.
 bool GraphWriter::encode(NodeIndex node, NodeEncoder& encoder) const {
   const NodeIndex source = sources_[node];
   if (source == no_index) {
     encoder.add(node);
     return true;
   }
-  // What may be large is copied in the list: that makes one copy, not three.
+  // Large contents are copied within the list: one copy instead of three.
   if (may_be_large(table_.ops.text(table_.op(node)))) return false;
   return encoder.add_copy(node, object(source).get(), table_.node_names[source] == table_.node_names[node]);
 }
 
+/// Makes one node in the list itself: for graphs that cannot merge bytes, large contents, and nodes that come back.
 void GraphWriter::make(NodeIndex node) {
   Ref message = call_method(nodes_.get(), field::add);
   const bool was_held = is_held(node);
@@ -267,6 +274,7 @@ void GraphWriter::make(NodeIndex node) {
   if (holds_all_ || was_held) keep_object(node, std::move(message));
 }
 
+/// Fills a new message in the list, from its source or from nothing.
 void GraphWriter::fill(PyObject* message, NodeIndex node) {
   const NodeIndex source = sources_[node];
   const core::NameId name = table_.node_names[node];
@@ -275,7 +283,7 @@ void GraphWriter::fill(PyObject* message, NodeIndex node) {
   } else {
     set_attribute(message, field::op_type, text(table_.ops.text(table_.op(node))).get());
   }
-  // An empty name and none are different bytes: a copy that keeps its name is left alone.
+  // An empty name and no name are different bytes, so a copy that keeps its name is not touched.
   if (source == no_index || table_.node_names[source] != name) {
     set_attribute(message, field::name, text(table_.names.text(name)).get());
   }

@@ -1,9 +1,9 @@
 // Carries out plans on a graph's node list.
 //
-// The writer knows which graph node stands at each position and brings the list from one order to another:
-// missing nodes are made at the end, one reordering puts all in place, nodes that go are cut off the end. If
-// any step fails, the list is put back as it was and the error goes on; only an error that comes when all is done
-// finds the new order. It decides nothing itself.
+// The writer knows which node is at each position and brings the list from one order to another: missing nodes are made
+// at the end, one reordering puts all in place, and nodes that go are cut off the end. If a step fails, the list is put
+// back as it was; only an error that comes after the last step finds the new order. Nodes that stay keep their
+// identity. The writer decides nothing: which nodes, and in which order, is for the plan to say.
 #pragma once
 
 #include <cstdint>
@@ -22,35 +22,34 @@ class GraphWriter {
   GraphWriter(PyObject* graph, PyObject* nodes, core::GraphTable& table)
       : graph_(graph), nodes_(Ref::borrow(nodes)), table_(table) {}
 
-  /// Takes the table's nodes as what stands in the graph; called once, when the table has been read.
+  /// Takes the table's nodes as the content of the list. Called once, when the table has been read.
   void begin();
   [[nodiscard]] bool has_begun() const { return begun_; }
 
-  /// The nodes of the graph in list order, as far as the writer knows.
+  /// The nodes of the graph in list order, as of the last time that the writer changed or read the list.
   [[nodiscard]] std::span<const core::NodeIndex> order() const { return order_; }
   /// The graph's object for a node of the list, or the one that is held for it.
   [[nodiscard]] Ref object(core::NodeIndex node) const;
-  /// Holds a node's object, so that it outlives the node's removal: a refusal may bring it back. Objects held cost
-  /// memory, and protobuf slows down with their number, so no more are held than may be needed.
+  /// Holds a node's object, so that it outlives the node's removal: a refusal may bring it back. Held objects cost
+  /// memory, and protobuf slows down with their number, so the pass holds only nodes that may come back.
   void hold(core::NodeIndex node);
   /// Gives up a removed node that will not come back.
   void release(core::NodeIndex node);
-  /// Holds the objects of all nodes, so that changes by others can be recognised later.
+  /// Holds the objects of all nodes, so that changes by a callback can be recognised by identity later.
   void hold_all();
-  /// Takes another object as the graph's list: clearing the graph as a whole detaches the old one.
+  /// Takes another object as the graph's list. A callback that clears the whole graph leaves the old list detached.
   void follow(Ref nodes);
-  /// Position of the node in the graph right now; -1 if it is gone. Notices if others changed the list.
+  /// Position of the node in the graph right now; -1 if it is gone. Notices if a callback changed the list.
   Py_ssize_t position(core::NodeIndex node);
-  /// Reads the list again if others changed it: nodes unknown so far become part of the table. True if it
-  /// changed since the last `rearrange`. Without `hold_all`, only the writer may change the list.
+  /// Reads the list again if a callback changed it: new nodes become part of the table. True if it changed since the
+  /// last `rearrange`. Without `hold_all`, only the writer may change the list.
   bool synchronize();
 
-  /// Brings the list into the order `target`. Nodes of the table that the list lacks are made: a new node
-  /// from its table row (over a copy of its source, where it has one), one that was removed earlier from its
-  /// own object.
+  /// Brings the list into the order `target`. Nodes that the list lacks are made: a new node from its row (and a copy
+  /// of its source, if it has one), a node that was removed earlier from its own object.
   void rearrange(std::span<const core::NodeIndex> target);
 
-  /// Notes that the new node copies another one's content.
+  /// Notes that the new node copies the content of another one.
   void set_source(core::NodeIndex new_node, core::NodeIndex source);
 
  private:
@@ -73,11 +72,11 @@ class GraphWriter {
   core::GraphTable& table_;
   std::vector<core::NodeIndex> order_;
   std::vector<std::uint32_t> position_;   // per node; `absent` if not in the list
-  std::vector<Ref> held_;                 // per node; empty or shorter where it is not held
+  std::vector<Ref> held_;                 // per node; empty if it is not held
   std::vector<core::NodeIndex> sources_;  // per node: what a new one copies
   bool begun_ = false;
   bool holds_all_ = false;
-  bool disturbed_ = false;  // others changed the list since the last `rearrange`
+  bool disturbed_ = false;  // a callback changed the list since the last `rearrange`
 };
 
 }  // namespace onnxgraft::py

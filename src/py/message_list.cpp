@@ -1,7 +1,8 @@
-// Sorting and deletion of protobuf's lists, undone if they are interrupted.
+// Reordering by the list's own `sort` with a key function, the only way in which protobuf moves messages without a
+// copy.
 //
-// Invariant: after an exception the list has its old order, or the new one if all was done. Lists that only look like
-// protobuf's may grow, shrink or keep what they are given; none of that may crash. Must not know nodes.
+// The key function ignores its argument and returns the positions one after the other, because sorting asks for the key
+// of each element once, in list order. If a list asks more or less often, that is an error, and the order is put back.
 #include "py/message_list.h"
 
 #include <algorithm>
@@ -20,8 +21,7 @@ namespace {
 constexpr const char* capsule_name = "onnxgraft.sort_keys";
 constexpr const char* shrank = "the list shrank while it was reordered";
 
-/// Hands out the keys one after the other, whatever element it is asked for: sorting asks for the key of
-/// each element once, in list order.
+/// The keys, and how many of them were handed out.
 struct SortKeys {
   std::vector<std::uint32_t> values;
   std::size_t next = 0;
@@ -46,7 +46,7 @@ std::vector<std::uint32_t> inverse(std::span<const std::uint32_t> target) {
   return source;
 }
 
-/// Makes the capsule useless when the keys go out of scope, should a list have kept the key function.
+/// Disables the capsule when the keys go out of scope: a list may have kept the key function.
 class ExpiringCapsule {
  public:
   explicit ExpiringCapsule(PyObject* capsule) : capsule_(capsule) {}
@@ -86,7 +86,7 @@ void reorder(PyObject* list, std::span<const std::uint32_t> target) {
   try {
     sort(list, target);
   } catch (...) {
-    // A list written in Python can be interrupted when it is sorted already.
+    // A list written in Python can raise after it was sorted. The first element that moves shows whether it was.
     clean_up_after_error([&] {
       if (item(list, target[moved]).get() == element.get()) sort(list, source);
     });

@@ -21,7 +21,7 @@ constexpr Py_ssize_t walked_length = 24;         // up to this length a walk cos
 constexpr std::size_t kept_graphs = 4;           // a transformation works on one graph, its callbacks perhaps on others
 constexpr std::size_t kept_entries = 1U << 20U;  // for all graphs but the newest
 
-/// Addresses of the owner and of the field's name, neither of which is held.
+/// Addresses of the owner and of the field's name. Neither is held.
 using Key = std::pair<const PyObject*, const PyObject*>;
 
 /// The hints for the graphs that were asked for last, newest first.

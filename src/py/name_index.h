@@ -16,7 +16,7 @@
 namespace onnxgraft::py {
 
 /// Position of the first element of `list` whose `name` equals `name`, if there is one. `owner` is the object
-/// that the list belongs to, `field` the list's name there: its address and the name tell one list from another.
+/// that the list belongs to, `field` the list's name there: the owner's address and that name identify the list.
 std::optional<Py_ssize_t> find_by_name(PyObject* owner, const InternedName& field, PyObject* list, PyObject* name);
 
 /// Forgets all hints of the module. A graph may die and another one get its address. Callers that know where a new use

@@ -17,6 +17,7 @@ constexpr std::size_t flush_size = std::size_t{1} << 18U;
 
 constexpr std::uint8_t node_of_graph = 1;
 
+/// Tag, length in groups of seven bits, content.
 void append_field(std::string& bytes, std::uint8_t field_number, std::string_view content) {
   constexpr unsigned length_delimited = 2;
   constexpr unsigned more = 0x80;

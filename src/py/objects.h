@@ -1,7 +1,7 @@
 // Short, checked forms of the interpreter calls that the project uses everywhere.
 //
 // Every function throws PythonError on failure, so callers never test for null. Attribute names are interned once per
-// process: a look-up by such a name costs about half of one by C string. Nothing here knows ONNX, except that a name
+// process: a look-up by interned name costs about half of one by C string. Nothing here knows ONNX, except that a name
 // must be UTF-8.
 #pragma once
 
@@ -45,7 +45,7 @@ inline Ref next(PyObject* iterator) {
   return element;
 }
 
-/// Calls `callable` with positional arguments.
+/// Calls `callable` with positional arguments, borrowed for the call.
 Ref call(PyObject* callable, std::initializer_list<PyObject*> arguments);
 /// Calls the method `name` of `object` with positional arguments.
 Ref call_method(PyObject* object, const InternedName& name, std::initializer_list<PyObject*> arguments = {});
@@ -66,7 +66,7 @@ bool is_utf8(std::string_view text);
 /// UTF-8 bytes of a `str`; valid while the object lives. NotUtf8 for `bytes`, anything else is a TypeError.
 std::string_view utf8(PyObject* object);
 Ref integer(std::int64_t value);
-/// Value of a Python integer that fits into 64 bits (OverflowError otherwise).
+/// The value of a Python integer; OverflowError if it does not fit into 64 bits.
 std::int64_t integer_value(PyObject* object);
 Ref tuple(std::initializer_list<PyObject*> elements);
 /// True as in Python's `left == right`.

@@ -1,7 +1,7 @@
-// Decides which promise is believed, and begins sessions and observations.
+// Who is believed, and how a session is made: a copy of the function with a promise and with shared state.
 //
-// A promise counts only for functions that this project made, and only if every method that they call on `self` is
-// built in too. Must not know what a session shares.
+// The promise is computed for each transformation, because it depends on which methods its class overrides. A copy dies
+// with its caller, so nothing remains that another thread or another call could meet.
 #include "py/session.h"
 
 #include <algorithm>
@@ -22,6 +22,7 @@ const InternedName session("session");
 
 constexpr std::array<std::string_view, 3> changes_names{"anything", "bias inputs", "contents"};
 
+/// Any object may claim any name, but only C code can make a type that cannot be instantiated.
 bool is_of_type(PyObject* object, std::string_view name) noexcept {
   const PyTypeObject* type = Py_TYPE(object);
   return PyType_HasFeature(Py_TYPE(object), Py_TPFLAGS_DISALLOW_INSTANTIATION) != 0 && type->tp_name == name;

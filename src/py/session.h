@@ -1,12 +1,11 @@
-// Sessions: calls of one function that follow each other while nothing else edits the graph.
+// Sessions: a run of calls of one function, during which only these calls edit the graph.
 //
-// A function of ours that says what it changes of a graph (`Changes`) can be asked for a session. What comes back is
-// called instead of the function; its calls may share what they look up, and the caller need not look for other
-// changes. Nothing is believed but of functions that this project made: any object may have any attribute. The
-// promise belongs to the function, whatever class it is called for; what it calls on `self` has to be built in too.
+// `begin_session` returns a method to call instead of the original. Its calls share what they look up, and the caller
+// may rely on the function's promise (`Changes`) instead of checking the graph. Only functions made by this project are
+// believed, and only if the methods that they call on `self` are built in too: any object may have any attribute.
 //
-// Modules do not know each other's types, so that a function is recognised by the name of its type, which only C code
-// can give to a type that makes no instances.
+// The modules do not know each other's types. They recognise a function by the name of its type, which only C code can
+// set for a type that cannot be instantiated.
 #pragma once
 
 #include <string_view>
@@ -17,11 +16,12 @@ namespace onnxgraft::py {
 
 inline constexpr const char* function_type_name = "onnxgraft.builtin_function";
 
-/// What is to be called instead of `method`; empty if there is no promise to believe.
+/// The method to call instead of `method`; empty if it makes no promise. Called once per round by the pass, and per
+/// `apply` for the pass itself.
 Ref begin_session(PyObject* method, PyObject* graph);
-/// Has the session do what it has put off; called after an error too.
+/// Lets the session complete what its calls have postponed. Must be called after an error too.
 void finish_session(PyObject* session);
-/// What the calls of the session change.
+/// What the calls of the session change at most.
 Changes changes_of(PyObject* session);
 std::string_view changes_name(Changes changes);
 
@@ -31,11 +31,11 @@ bool is_our_function(PyObject* object) noexcept;
 /// The next method of that name after the class, as `super(owner, self)` finds it.
 Ref inherited_method(PyObject* owner, PyObject* self, const char* name);
 
-/// A method that calls `watch(method, ...)`, for a host that looks on while a transformation runs. A method of ours
-/// keeps its promise: `watch` must not edit the graph.
+/// A method that calls `watch(method, ...)`, for a host that records what a transformation does. A method of this
+/// project keeps its promise, so `watch` must not edit the graph.
 Ref observed(PyObject* method, PyObject* watch);
 
-// For function objects alone.
+// For function objects only.
 Ref make_session(PyObject* function, PyObject* transformation, PyObject* graph);
 Ref copy_function(PyObject* function);
 /// A copy that calls `watch` with the function, bound, before its arguments.

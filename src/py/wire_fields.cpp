@@ -1,7 +1,6 @@
-// Takes protobuf's wire format apart.
+// Parsing tags and lengths. Groups are skipped as a whole: old messages may have them as unknown fields.
 //
-// Every length is checked against what is left, so that no read goes past the end. Must not know ONNX beyond field
-// numbers.
+// Every read is checked against the end of the bytes, so a damaged message is an error and never a read beyond it.
 #include "py/wire_fields.h"
 
 #include <algorithm>
@@ -27,7 +26,7 @@ std::optional<WireField> WireFields::next() {
   return WireField{tag >> wire_type_bits, begin.substr(0, begin.size() - rest_.size()), content};
 }
 
-/// Seven bits per byte, the lowest first; the eighth bit says that more follow.
+/// Seven bits per byte, the lowest first. The eighth bit means that more bytes follow.
 std::uint64_t WireFields::read_number() {
   constexpr unsigned bits = 7;
   constexpr unsigned most_bits = 64;

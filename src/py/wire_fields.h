@@ -1,7 +1,8 @@
-// The fields of a protobuf message in its wire format, in the order of the bytes.
+// The fields of a protobuf message in its wire format.
 //
-// The reader looks at nodes this way, and the encoder copies them. Views point into the message, which must outlive
-// them.
+// The reader uses it to take names from a node without an object per field, the encoder to copy a node with other
+// links. It knows field boundaries only: contents are passed on as they are. Bytes must come from protobuf itself, and
+// outlive the views.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +11,7 @@
 
 namespace onnxgraft::py {
 
-/// Field numbers of a node, as onnx.proto gives them.
+/// Field numbers of a node in onnx.proto.
 namespace node_field {
 inline constexpr std::uint8_t input = 1;
 inline constexpr std::uint8_t output = 2;
@@ -20,15 +21,14 @@ inline constexpr std::uint8_t attribute = 5;
 inline constexpr std::uint8_t domain = 7;
 }  // namespace node_field
 
-/// One field, with its tag; of strings and messages, what they hold.
+/// One field: its number, all its bytes with the tag, and for strings and messages the content.
 struct WireField {
   std::uint64_t number;
   std::string_view bytes;
   std::string_view content;
 };
 
-/// Takes a message apart into its fields, without a look at what they hold. The bytes are to come from protobuf itself:
-/// std::logic_error where they are not a message.
+/// Takes a message apart into its fields. std::logic_error if the bytes are not a message.
 class WireFields {
  public:
   explicit WireFields(std::string_view message) : rest_(message) {}
@@ -38,17 +38,18 @@ class WireFields {
 
  private:
   std::uint64_t read_number();
-  /// What a string or message holds, otherwise nothing.
+  /// The content of a string or message, otherwise empty.
   std::string_view take_content(std::uint64_t wire_type);
   std::string_view take(std::uint64_t count);
 
   std::string_view rest_;
 };
 
-/// Whether an attribute, in wire format, holds a graph or several.
+/// Whether an attribute, in wire format, holds one graph or several.
 bool holds_graph(std::string_view attribute);
 
-/// Whether nodes of the operator hold whole tensors or graphs: as bytes they would be copied without need.
+/// Whether nodes of the operator usually hold whole tensors or graphs. To read or copy these as bytes would copy the
+/// contents without need.
 bool may_be_large(std::string_view op);
 
 }  // namespace onnxgraft::py

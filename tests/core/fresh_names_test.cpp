@@ -1,5 +1,4 @@
-// New names differ from those that the graph has and from those that were given out before. Names that the graph lost
-// may be used again.
+// New names differ from those that the graph has and from those that were given out before.
 #include "core/fresh_names.h"
 
 #include <gtest/gtest.h>

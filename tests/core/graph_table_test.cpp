@@ -1,4 +1,4 @@
-// Writers and readers of each tensor, a table of the same graph with another list, and names among many others.
+// Writers and readers of each tensor, and names among many others.
 #include "core/graph_table.h"
 
 #include <gtest/gtest.h>
