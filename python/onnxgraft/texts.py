@@ -23,5 +23,5 @@ def joined(text: object) -> str:
 
 
 def preformatted(text: str) -> str:
-    """Lines of text as HTML, for notebooks: what a terminal shows, and nothing of it is markup."""
+    """Lines of text as HTML, for notebooks: the same text as on a terminal, without any markup in it."""
     return f"<pre>{escape(chr(10).join(map(one_line, text.splitlines())))}</pre>"

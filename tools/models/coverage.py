@@ -30,7 +30,7 @@ def coverage(path: Path) -> Row:
 
 
 def coverage_table(rows: dict[str, Row]) -> str:
-    """One line per model; those that were counted before there was this table have none."""
+    """One line per model; models that were counted before this table existed have none."""
     lines = ["| Model | On INT8 | Multiply-adds | In float, and why |", "|---|---|--:|---|"]
     for model, row in rows.items():
         if found := row.get("coverage"):

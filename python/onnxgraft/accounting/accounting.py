@@ -99,7 +99,7 @@ def reasons_in_float(graph: GraphProto, nodes: Iterable[NodeProto]) -> dict[str,
         nodes: The nodes; those that are INT8 or that are not counted have no reason.
 
     Returns:
-        What the operator writes -> the reason in words.
+        Output of the operator -> the reason as a sentence.
     """
     initializers = {tensor.name: tensor for tensor in graph.initializer}
     reasons = _Reasons(graph, initializers, None)
@@ -135,7 +135,7 @@ def _count(
 
 
 def _weights(node: NodeProto, initializers: Mapping[str, TensorProto]) -> list[TensorProto]:
-    """The weight, if it is an initializer: input 1, or input 0 of a MatMul that has none there."""
+    """The weight, if it is an initializer: input 1, or input 0 of a MatMul without an initializer there."""
     weights = [initializers[name] for name in node.input[1:2] if name in initializers]
     if node.op_type == "MatMul" and not weights:
         weights = [initializers[name] for name in node.input[:1] if name in initializers]

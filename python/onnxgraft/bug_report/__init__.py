@@ -1,4 +1,4 @@
-"""What a bug report needs, without the weights: the graph with shapes only, versions, a command and what it printed."""
+"""The contents of a bug report, without the weights: the graph with shapes only, versions, a command and its output."""
 
 from onnxgraft.bug_report.collecting import collected
 from onnxgraft.bug_report.graph_text import read_graph

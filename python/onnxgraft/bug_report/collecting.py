@@ -1,4 +1,4 @@
-"""The files of a bug report, as texts: what was asked for, in which surroundings, and what happened."""
+"""The files of a bug report, as texts: the command, its environment, and its output."""
 
 from __future__ import annotations
 

@@ -23,12 +23,12 @@ def graph_text(model: ModelProto) -> str:
 
 
 def read_graph(report: str | os.PathLike[str]) -> ModelProto:
-    """The model of a report, with made-up values: ones for floats, else zeros.
+    """The model of a report, with made-up values: ones for floats, otherwise zeros.
 
-    Transformations, preparation and shape inference work on it as on any model; what it computes means nothing.
+    Transformations, preparation and shape inference work on it as on any model; its outputs mean nothing.
 
     Args:
-        report: What `onnxgraft report-bug` wrote: a `.zip` file or a folder.
+        report: The output of `onnxgraft report-bug`: a `.zip` file or a folder.
 
     Raises:
         ModelFileError: It is not such a report.

@@ -59,7 +59,7 @@ _LISTS = frozenset(
 
 
 class Names:
-    """Names as they are or, if they are renamed, by number: a kind of name has a letter."""
+    """Names as they are or, on request, renamed by number: each kind of name has a letter."""
 
     def __init__(self, *, renamed: bool) -> None:
         self._renamed = renamed
@@ -72,9 +72,9 @@ class Names:
         return self._made.setdefault((letter, name), f"{letter}{len(self._made)}")
 
     def without(self, text: str) -> str:
-        """A text in which the names that were replaced are replaced too."""
+        """A text in which replaced names are replaced too."""
         for (_, name), made in sorted(self._made.items(), key=lambda item: -len(item[0][1])):
-            # A name counts only as a word of its own: a short one is a part of many words.
+            # A name counts only as a separate word: a short one is a part of many words.
             text = re.sub(rf"(?<![\w/.]){re.escape(name)}(?![\w/])", made, text)
         return text
 
@@ -84,9 +84,9 @@ def shapes_only(model: ModelProto, names: Names | None = None, *, keep_shapes: b
 
     Args:
         model: The model; it is not changed.
-        names: What tensors, nodes and symbolic dimensions are called; as in the model by default.
-        keep_shapes: Whether short vectors of INT64 keep their values: shapes, axes and bounds are such, weights and
-            biases are not.
+        names: The names of tensors, nodes and symbolic dimensions; as in the model by default.
+        keep_shapes: Whether short vectors of INT64 keep their values, such as shapes, axes and bounds, which are not
+            weights or biases.
 
     Returns:
         The copy. Its tensors have a type and a shape, and no data.
@@ -183,7 +183,7 @@ class _Copier:
         return made
 
     def _sparse(self, sparse: SparseTensorProto) -> SparseTensorProto:
-        """Without a single element: which ones differ from zero is a part of the weights."""
+        """Without any element: which elements differ from zero is a part of the weights."""
         made = SparseTensorProto(dims=sparse.dims)
         made.values.CopyFrom(TensorProto(data_type=sparse.values.data_type, dims=[0]))
         if sparse.values.name:

@@ -30,7 +30,7 @@ Array = npt.NDArray[Any]
 Progress = Callable[[int, int | None], object]
 
 _WORTHWHILE = 0.75
-# Shares of a channel's values that its factor is made for: the largest ones may go beyond the range of the others.
+# The share of a channel's values that decides its factor: the largest ones may exceed the range of the others.
 _KEPT = (0.99, 0.999, 0.9999, 1.0)
 
 _log = logging.getLogger(__name__)
@@ -138,7 +138,7 @@ def calibrate(
 
 
 def _equalized(channels: Channels, choose: Callable[[Statistics], Range], whole: Range) -> Equalized | None:
-    """The factors that leave the least noise of rounding; None if too little is gained."""
+    """The factors with the least noise of rounding; None if the gain is too small."""
     found: dict[float, Equalized] = {}
     for kept in _KEPT:
         factors = channels.factors(kept)

@@ -47,7 +47,7 @@ class Statistics:
                 self._counts += np.bincount(halves[start : start + _BLOCK], minlength=_BINS)
 
     def count(self, values: Array, counts: Array) -> None:
-        """Takes values that lie between the extremes already known, each as often as `counts` says."""
+        """Adds values that lie between the extremes already known, each as often as `counts` says."""
         assert self._counts is not None
         bins = np.ascontiguousarray(values, np.float32).view(np.uint16)[_UPPER_HALF::2]
         self._counts += np.bincount(bins, counts, minlength=_BINS).astype(np.int64)

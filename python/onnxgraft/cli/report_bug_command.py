@@ -1,4 +1,4 @@
-"""`onnxgraft report-bug`: what developers need to know of a problem, without the weights of the model."""
+"""`onnxgraft report-bug`: the facts that developers need about a problem, without the weights of the model."""
 
 from __future__ import annotations
 

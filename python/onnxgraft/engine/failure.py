@@ -1,4 +1,4 @@
-"""The error of a transformation that failed, with what is known of the reason."""
+"""The error of a transformation that failed, with the known facts about the reason."""
 
 from __future__ import annotations
 

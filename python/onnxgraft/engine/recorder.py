@@ -78,13 +78,13 @@ class Recorder:
         """Watches one transformation.
 
         Args:
-            snapshot: Takes in nested graphs before they change; None if nothing is ever put back.
+            snapshot: Takes in nested graphs before they change; None if nothing is ever undone.
             details: How much is recorded of each occurrence.
-            misses: Whether to ask for the nearest miss of a pattern that is not found.
+            misses: Whether to compute the nearest miss of a pattern that is not found.
             splices: Whether to keep what followers need.
-            store: Where new weights go, if not into the graph.
-            matters: Tells by its nodes which occurrences are recorded; None records all.
-            calls_all: Whether callbacks are called for the other occurrences too; otherwise these count as accepted.
+            store: Where to put new weights, if not into the graph.
+            matters: Decides by its nodes whether an occurrence is recorded; None records all.
+            calls_all: Whether callbacks also run for the other occurrences; otherwise these count as accepted.
         """
         self.patterns: list[PatternResult] = []
         self.failure: Failure | None = None

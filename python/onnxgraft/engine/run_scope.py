@@ -1,4 +1,4 @@
-"""What a run sets for its time: NumPy's global generator and the folder of external data.
+"""The settings that last as long as a run: NumPy's global generator and the folder of external data.
 
 The generator belongs to the whole process, so runs take turns: a lock keeps one thread from drawing what another thread
 seeded. Code that draws from the generator without this lock is not kept out.
@@ -23,7 +23,7 @@ def _renew() -> None:
     _turn = threading.RLock()
 
 
-# A child process has one thread only, which would wait forever for a lock that another thread of its parent held.
+# A child process has only one thread, which would wait forever for a lock that another thread of its parent held.
 os.register_at_fork(after_in_child=_renew)
 
 

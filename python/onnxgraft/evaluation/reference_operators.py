@@ -33,7 +33,7 @@ class BatchNormalization(OpRun):
 
 
 class Conv(op_conv.Conv):
-    """Writes `auto_pad` out, as n = ceil(length / stride) elements need it; onnx 1.16 pads wrongly if it strides."""
+    """Writes `auto_pad` out as pads for n = ceil(length / stride) elements: onnx 1.16 pads wrongly with a stride."""
 
     op_domain = ""
 

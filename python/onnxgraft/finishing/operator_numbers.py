@@ -91,7 +91,7 @@ def _largest_sum(node: onnx.NodeProto, weight: Array) -> float:
         rows = matrix.reshape(-1, matrix.shape[-1])
     step = max(1, _BLOCK // max(1, rows.shape[1]))
     blocks = (rows[start : start + step] for start in range(0, len(rows), step))
-    # |-128| is 128 as a byte without sign.
+    # |-128| is 128 as an unsigned byte.
     return float(max(np.abs(block).view(np.uint8).sum(axis=1, dtype=np.int64).max() for block in blocks))
 
 

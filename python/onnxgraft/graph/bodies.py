@@ -20,7 +20,7 @@ def bodies(node: NodeProto) -> Iterator[GraphProto]:
 
 @functools.cache
 def can_hold_bodies(op_type: str, domain: str) -> bool:
-    """Whether nodes of an operator have to be looked through: not if it is a standard one without such attributes."""
+    """Whether nodes of an operator may hold graphs: a standard operator without such attributes does not."""
     if domain not in ("", "ai.onnx") or not onnx.defs.has(op_type):
         return True
     kinds = (onnx.defs.OpSchema.AttrType.GRAPH, onnx.defs.OpSchema.AttrType.GRAPHS)

@@ -82,7 +82,7 @@ class Surroundings:
     def neighbours(self, tensors: Iterable[str], besides: set[int], most: int) -> list[int]:
         """Indices of the nodes that write or read one of the tensors, in graph order, without those in `besides`.
 
-        Of each tensor the first `most` readers: thousands of nodes may read one, and each of them may be asked about.
+        Of each tensor only the first `most` readers: thousands of nodes may read one tensor, and each may be looked up.
         """
         found: set[int] = set()
         for name in tensors:

@@ -16,7 +16,7 @@ from onnxgraft.transform_utilities import external_data_folder, get_init
 
 Array = NDArray[Any]
 
-# Element types that are stored as NumPy has them, which are those of nearly all weights.
+# Element types that are stored in NumPy's form: those of nearly all weights.
 _PLAIN: Mapping[int, np.dtype[Any]] = {
     TensorProto.FLOAT: np.dtype("<f4"),
     TensorProto.INT8: np.dtype("<i1"),

@@ -1,7 +1,7 @@
-"""Brings the forms in which exporters write a network into those that the patterns name.
+"""Converts the forms in which exporters write a network to those that the patterns name.
 
-Each step keeps the computed function, counts what it changes, and finds nothing to do on its own result. Steps rewrite
-the outer graph, as the transformations do; what nested bodies read stays defined. docs/use/preparation.md
+Each step keeps the computed function, counts its changes, and finds nothing to do on its own result. Steps rewrite the
+outer graph, as the transformations do; the tensors that nested bodies read stay defined. docs/use/preparation.md
 describes them.
 """
 

@@ -86,9 +86,7 @@ class NetworkMap:
         links, lines = self._block_parts(targets) if self._blocks else self._node_parts(targets)
         what = f"{len(network.nodes)} nodes"
         if self._blocks:
-            what += (
-                f" in {len(self._blocks)} blocks: nodes that follow each other, cut between modules where names tell"
-            )
+            what += f" in {len(self._blocks)} blocks of consecutive nodes, cut between modules if names show them"
         return (
             f'<section class="map" id="map" aria-label="Map of the network">\n'
             f'<div class="map-head"><h2>The whole network</h2>{_BUTTONS}</div>\n'

@@ -14,7 +14,7 @@ from typing import TypeAlias
 
 import onnx
 
-# The types of inputs and outputs by position, as the schema of the operator names them.
+# The types of inputs and outputs by position, in the names of the operator's schema.
 _Types: TypeAlias = tuple[tuple[str, ...], tuple[str, ...]]
 
 # Reading an INT8 initializer is enough to make these quantized, whatever their data input.

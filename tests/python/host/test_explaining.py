@@ -146,7 +146,7 @@ def test_it_agrees_with_the_run(repository: Path) -> None:
 
 
 def test_a_single_node_fares_as_among_all() -> None:
-    """A run that calls no callback for what lies elsewhere tells the same of a node as one that calls all."""
+    """A run that calls no callback for other occurrences gives the same answer for a node as one that calls all."""
     own = {name: row for name, row in rows().items() if row.is_own}
     outcomes: Counter[str] = Counter()
     for seed in range(60):

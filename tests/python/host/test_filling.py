@@ -150,11 +150,11 @@ def test_a_bias_that_does_not_fit_widens_its_channel_and_dead_channels_stay_exac
 
 SPREAD = np.logspace(-1.5, 0, 4).reshape(4, 1, 1, 1)
 RNG = np.random.default_rng(1)
-# Weights of the depthwise convolution make up for the spread, so that each channel counts.
+# Weights of the depthwise convolution compensate the spread, so that each channel counts.
 DEPTHWISE = {"w": RNG.normal(size=(4, 4, 1, 1)) * SPREAD, "d": RNG.normal(size=(8, 1, 3, 3)) / SPREAD.repeat(2, 0),
              "b": SPREAD.ravel(), "s": [0.01], "q": 1 / SPREAD[:, :, 0], "f": SPREAD[:, :, 0],
              "g": SPREAD.ravel()}  # fmt: skip
-# What channels are made by, and how many tensors are divided with them.
+# The producers of the channels, and how many tensors are divided with them.
 EQUALIZED: dict[str, tuple[str, int]] = {
     "conv, two readers": ("c = Conv(x, w, b) r = Relu(c) e = Conv<group=4>(r, d) h = Conv<group=4>(r, d) "
                           "y = Add(e, h)", 2),

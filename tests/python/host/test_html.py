@@ -143,7 +143,7 @@ def test_a_browser_runs_the_page_without_an_error(tmp_path: Path) -> None:
 
 @pytest.mark.skipif(BROWSER is None, reason="no browser")
 def test_a_link_to_the_map_shows_the_node(tmp_path: Path) -> None:
-    """The script finds the node, says what it is, and comes closer to it than the page opens with."""
+    """The script finds the node, describes it, and zooms in to it."""
     chain = [f"Relu:{k}->{k + 1}" for k in range(1, 200)]
     page = diff_page(diff(make_model(chain), make_model([*chain[:100], "Tanh:101->102", *chain[101:]])))
     node = re.search(r'<a class="to-map" href="#(node-\d+)"', page)
