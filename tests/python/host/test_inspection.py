@@ -53,7 +53,7 @@ def test_results_behave_as_objects(repository: Path, tmp_path: Path) -> None:
     assert (bool(same), bool(other)) == (False, True)
     assert bool(onnxgraft.verify(path, path))
     assert not onnxgraft.verify(path, tmp_path / "out.onnx")
-    results = (report, other, onnxgraft.inspect(path, recipes=False))
+    results: tuple[Any, ...] = (report, other, onnxgraft.inspect(path, recipes=False))
     for result in results:
         assert "\n" not in repr(result)
         assert len(repr(result)) < 300
