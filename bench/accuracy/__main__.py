@@ -65,7 +65,8 @@ def _work(task: str, network: str) -> dict[str, Any]:
 def _read_pages(name: str, results: dict[str, Any]) -> dict[str, Any]:
     """The texts of all test pages, with the models of one kind in the pipeline."""
     models = {network: BY_NAME[network].made(_variant(name, results[network])) for network in OCR}
-    engine = feeding.pipeline({network: BY_NAME[network].path for network in OCR} if name == "float" else models)
+    floats = {network: BY_NAME[network].path for network in OCR}
+    engine = feeding.pipeline(floats if name == "float" else models, fuses=name != "ort")
     start, found, texts = time.perf_counter(), [], []
     for number in feeding.READ_PAGES:
         picture, lines = pages.page(number)

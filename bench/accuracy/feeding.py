@@ -19,12 +19,20 @@ _NUMBERS = {"calibration": range(100, 132), "test": range(200, 232)}
 _DETECTOR_PAGES, _RECOGNIZER_LINES, _SOUNDS = 4, 24, 2
 
 
-def pipeline(models: Mapping[str, Path]) -> Any:
-    """The OCR package's own pipeline, with models in place of its own."""
+def pipeline(models: Mapping[str, Path], *, fuses: bool = True) -> Any:
+    """The OCR package's own pipeline, with models in place of its own, which onnxruntime fuses or not."""
     sys.path.insert(0, str(WHEELS))
     package: Any = importlib.import_module("rapidocr_onnxruntime")
     sys.path.remove(str(WHEELS))
-    return package.RapidOCR(**{f"{name}_model_path": str(path) for name, path in models.items()})
+    engine = package.RapidOCR(**{f"{name}_model_path": str(path) for name, path in models.items()})
+    if not fuses:
+        for name, session in _sessions(engine).items():
+            session.session = _session(models[name], fuses=False)
+    return engine
+
+
+def _sessions(engine: Any) -> dict[str, Any]:
+    return {"det": engine.text_det.infer, "rec": engine.text_rec.session, "cls": engine.text_cls.infer}
 
 
 def collect() -> None:
@@ -33,8 +41,7 @@ def collect() -> None:
         if all(list(BY_NAME[name].data(part).glob("*.npz")) for name in BY_NAME):
             continue
         engine = pipeline({name: BY_NAME[name].path for name in OCR})
-        sessions = {"det": engine.text_det.infer, "rec": engine.text_rec.session, "cls": engine.text_cls.infer}
-        for name, session in sessions.items():
+        for name, session in _sessions(engine).items():
             session.session = _Listening(session.session, _writer(BY_NAME[name], part))
         for number in numbers[:_DETECTOR_PAGES]:
             engine.text_det(pages.page(number)[0])
@@ -60,9 +67,12 @@ def listen(session: Any, number: int, write: Callable[[Mapping[str, Any]], None]
     return found
 
 
-def _session(path: Path) -> Any:
+def _session(path: Path, *, fuses: bool = True) -> Any:
     onnxruntime: Any = importlib.import_module("onnxruntime")
-    return onnxruntime.InferenceSession(path, providers=["CPUExecutionProvider"])
+    options = onnxruntime.SessionOptions()
+    if not fuses:
+        options.graph_optimization_level = onnxruntime.GraphOptimizationLevel.ORT_DISABLE_ALL
+    return onnxruntime.InferenceSession(path, options, providers=["CPUExecutionProvider"])
 
 
 def _writer(network: Network, part: str) -> Callable[[Mapping[str, Any]], None]:

@@ -24,9 +24,10 @@ from onnxgraft.samples import Sample, Samples
 Array = npt.NDArray[Any]
 Progress = Callable[[str], object]
 
-# The number of samples for measurements; mean errors use all samples. Operators are ranked on the first samples that
-# have so many values together, on one at least: a page of text has as many values as fourteen lines.
-_TRIED, _RANKED_VALUES = 8, 1 << 19
+# Measurements use the first samples: eight, or up to 64 small ones with so many values together. Operators are ranked
+# on fewer of them, on one at least: a page of text has as many values as fourteen lines. Mean errors use all samples.
+_LEAST_TRIED, _MOST_TRIED, _TRIED_VALUES = 8, 64, 1 << 21
+_RANKED_VALUES = 1 << 19
 _TRIED_BOTH_WAYS = 16  # operators
 _LEAST_NOISE = 1e-15  # anything less is the rounding of floats, and 0 has no logarithm
 _LEAST_GAIN = 0.0005  # of the noise with all quantized; an operator with less is not worth staying float
@@ -90,7 +91,11 @@ def choose(
     if not simulations:
         return choice
     stream = iter(data)  # which may return its samples only once
-    tried = list(itertools.islice(stream, _TRIED))
+    tried: list[Sample] = []
+    for sample in stream:
+        tried.append(sample)
+        if len(tried) >= (_MOST_TRIED if sum(map(_size, tried)) < _TRIED_VALUES else _LEAST_TRIED):
+            break
     if not tried:
         raise FillingError(f"there are no samples for trials in {data.label}")
     corrections: dict[str, Array] = {}
@@ -197,8 +202,7 @@ class _Trials:
 
     def within(self, values: int) -> int:
         """The number of first samples that have at most so many values together; 1 at least."""
-        sizes = itertools.accumulate(sum(array.size for array in sample.values()) for sample in self._samples)
-        return max(1, sum(total <= values for total in sizes))
+        return max(1, sum(total <= values for total in itertools.accumulate(map(_size, self._samples))))
 
     def multiply_adds(self) -> dict[str, int]:
         """The multiply-adds of each operator on the first sample."""
@@ -224,6 +228,10 @@ class _Trials:
 
     def _run(self, sample: Sample, quantized: frozenset[str], corrections: Mapping[str, Array]) -> dict[str, Array]:
         return self._runner.run({**sample, **feeds_of(self._simulations, quantized, corrections)})
+
+
+def _size(sample: Sample) -> int:
+    return sum(array.size for array in sample.values())
 
 
 def in_decibels(noise: float) -> float:
