@@ -79,15 +79,18 @@
       if (both) write(item, second, NAME_SIZE, item.y + 12, !isBlock);
     }
   };
+  const drawNow = () => {
+    svg.setAttribute("viewBox", `${now.x} ${now.y} ${now.width} ${now.height}`);
+    view.classList.toggle("close", now.width < whole.width);
+    label();
+  };
   let waits = false;
   const draw = () => {
     if (waits) return;
     waits = true;
     requestAnimationFrame(() => {
       waits = false;
-      svg.setAttribute("viewBox", `${now.x} ${now.y} ${now.width} ${now.height}`);
-      view.classList.toggle("close", now.width < whole.width);
-      label();
+      drawNow();
     });
   };
   const keepInside = () => {
@@ -275,5 +278,8 @@
   view.classList.add("live");
   for (const part of map.querySelectorAll(".map-buttons, .map-keys")) part.hidden = false;
   new ResizeObserver(draw).observe(svg);
-  if (/^#(node|block)-\d+$/.test(location.hash)) toMap(location.hash.slice(1));
+  if (/^#(node|block)-\d+$/.test(location.hash)) {
+    toMap(location.hash.slice(1));
+    drawNow(); // the first picture shows the node already
+  }
 })();
