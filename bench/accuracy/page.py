@@ -140,12 +140,13 @@ def _number(value: float | None) -> str:
 
 
 def _failures(results: dict[str, Any]) -> Iterator[str]:
+    titles = {**_COLUMNS, **{task: f"onnxruntime, {title}" for task, title in _PEERS.items()}}
     for network in NETWORKS:
         for task, value in results.get(network.name, {}).items():
             if "failed" in value:
-                yield f"- {network.title}, {_COLUMNS.get(task, task)}: {' '.join(value['failed'].split())[-200:]}"
+                yield f"- {network.title}, {titles.get(task, task)}: {' '.join(value['failed'].split())[-200:]}"
             elif left := value.get("left"):
-                yield f"- {network.title}, {_COLUMNS.get(task, task)}: float stay {', '.join(left)}"
+                yield f"- {network.title}, {titles.get(task, task)}: float stay {', '.join(left)}"
 
 
 def _readings(found: dict[str, Any]) -> list[list[str]]:
