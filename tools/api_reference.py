@@ -5,16 +5,16 @@ python -m tools.api_reference [--check]
 
 from __future__ import annotations
 
-import argparse
 import dataclasses
 import importlib
 import inspect
 import sys
-from collections.abc import Iterator, Sequence
+from collections.abc import Iterator
 from pathlib import Path
 from typing import Any
 
 import onnxgraft
+from tools import reference_page
 from tools.docstrings import render
 from tools.field_texts import field_texts
 
@@ -196,19 +196,5 @@ def _annotation(annotation: Any) -> str:
     return annotation if isinstance(annotation, str) else str(getattr(annotation, "__name__", annotation))
 
 
-def main(arguments: Sequence[str] | None = None) -> int:
-    """Runs the command line; returns the exit code."""
-    parser = argparse.ArgumentParser(prog="python -m tools.api_reference")
-    parser.add_argument("--check", action="store_true", help="only report whether docs/reference/api.md is out of date")
-    check = parser.parse_args(arguments).check
-    text = page()
-    if PAGE.exists() and PAGE.read_text() == text:
-        return 0
-    print(f"{'out of date' if check else 'wrote'}: {PAGE.name}")
-    if not check:
-        PAGE.write_text(text)
-    return int(check)
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(reference_page.run("api_reference", PAGE, page))

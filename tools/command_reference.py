@@ -13,6 +13,7 @@ from collections.abc import Iterator, Sequence
 from pathlib import Path
 
 from onnxgraft.cli.parser import make_parser
+from tools import reference_page
 
 PAGE = Path(__file__).resolve().parents[1] / "docs/reference/command-line.md"
 INTRODUCTION = """# Command line
@@ -126,19 +127,5 @@ def _prose(text: str | None) -> str:
     return text[:1].upper() + text[1:] + ("" if text.endswith(".") else ".")
 
 
-def main(arguments: Sequence[str] | None = None) -> int:
-    """Runs the command line; returns the exit code."""
-    parser = argparse.ArgumentParser(prog="python -m tools.command_reference")
-    parser.add_argument("--check", action="store_true", help="only report whether the page is out of date")
-    check = parser.parse_args(arguments).check
-    text = page()
-    if PAGE.exists() and PAGE.read_text() == text:
-        return 0
-    print(f"{'out of date' if check else 'wrote'}: {PAGE.name}")
-    if not check:
-        PAGE.write_text(text)
-    return int(check)
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(reference_page.run("command_reference", PAGE, page))

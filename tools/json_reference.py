@@ -7,14 +7,13 @@
 
 from __future__ import annotations
 
-import argparse
 import dataclasses
 import functools
 import re
 import sys
 import types
 import typing
-from collections.abc import Iterator, Sequence
+from collections.abc import Iterator
 from pathlib import Path
 from typing import Any
 
@@ -26,6 +25,7 @@ from onnxgraft.recipe_book import Recipe
 from onnxgraft.report.records import SCHEMA_VERSION, Report
 from onnxgraft.report.report_json import NOT_IN_JSON
 from onnxgraft.verification import Accuracy, Verification
+from tools import reference_page
 from tools.field_texts import field_texts
 
 PAGE = Path(__file__).resolve().parents[1] / "docs/reference/json.md"
@@ -303,19 +303,5 @@ def _table(kind: Any) -> Iterator[str]:
         yield f"| `{name}` | {_text(inner)} | {text.replace('|', chr(92) + '|')} |"
 
 
-def main(arguments: Sequence[str] | None = None) -> int:
-    """Runs the command line; returns the exit code."""
-    parser = argparse.ArgumentParser(prog="python -m tools.json_reference")
-    parser.add_argument("--check", action="store_true", help="only report whether the page is out of date")
-    check = parser.parse_args(arguments).check
-    text = page()
-    if PAGE.exists() and PAGE.read_text() == text:
-        return 0
-    print(f"{'out of date' if check else 'wrote'}: {PAGE.name}")
-    if not check:
-        PAGE.write_text(text)
-    return int(check)
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(reference_page.run("json_reference", PAGE, page))
